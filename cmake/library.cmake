@@ -1,0 +1,37 @@
+# libkeymaster41_ts: the sources that a device build takes too, and nothing else.
+add_library(keymaster41_ts SHARED
+  context/attest.cpp
+  context/authorization.cpp
+  context/caller_blob.cpp
+  context/characteristics.cpp
+  context/export.cpp
+  context/generate.cpp
+  context/import.cpp
+  context/key_material.cpp
+  context/lifecycle.cpp
+  context/operation.cpp
+  context/wrapped_import.cpp
+  diag/fault_event.cpp
+  marshal/input_builders.cpp
+  marshal/km_params.cpp
+  marshal/param_entry.cpp
+  marshal/reply_decoder.cpp
+  tee/command_frame.cpp
+  tee/device_commands.cpp
+  tee/key_commands.cpp
+  tee/operation_commands.cpp
+  tee/session.cpp
+  tee/ta_error.cpp
+  tee/tee_context.cpp)
+target_include_directories(keymaster41_ts
+  PUBLIC ${PROJECT_SOURCE_DIR}/include
+  PRIVATE ${PROJECT_SOURCE_DIR})
+target_compile_options(keymaster41_ts PRIVATE
+  -fno-exceptions -fno-rtti -fvisibility=hidden -fvisibility-inlines-hidden)
+set(KM_EXPORTS ${PROJECT_SOURCE_DIR}/cmake/libkeymaster41_ts.map)
+target_link_options(keymaster41_ts PRIVATE -Wl,--version-script=${KM_EXPORTS})
+set_target_properties(keymaster41_ts PROPERTIES LINK_DEPENDS ${KM_EXPORTS})
+# The headers of keymaster_support are part of the public face; the rest stays inside.
+target_link_libraries(keymaster41_ts
+  PUBLIC keymaster_support
+  PRIVATE km_flags teec log zubrel qavix securec OpenSSL::Crypto)

@@ -1,0 +1,201 @@
+// The exported free functions of libkeymaster41_ts, under unmangled names.
+//
+// Conventions, beside those of keymaster_tivas_context.h:
+//  1. The marshalling functions return 0, -12 (memory, copy or size) or -22 (argument).
+//  2. The Tee* functions return a GlobalPlatform TEE result, 0 for success. They make
+//     0xFFFF0000 (an operation could not be cleared or filled), 0xFFFF0006 (a required argument
+//     is null or empty, or there is no TEE context) and 0xFFFF000C (no memory for a session)
+//     themselves; all other codes come from the TEE or the TA.
+//  3. A length behind a pointer goes in as the capacity of the buffer before it and comes back as
+//     the length produced, as the TEE reports it; it is untouched on failure.
+#ifndef KEYMASTER_TS_H
+#define KEYMASTER_TS_H
+
+#include <hardware/keymaster_defs.h>
+#include <stddef.h>
+#include <stdint.h>
+
+struct bignum_st;
+
+#if defined(__GNUC__)
+#pragma GCC visibility push(default)
+#endif
+
+// One key parameter in wire form: tag (4 bytes), zero (4 bytes), value (8 bytes), little-endian.
+typedef struct KmParamEntry {
+  uint8_t bytes[16];
+} KmParamEntry;
+
+// A growable list of key parameters in wire form. The caller owns the record, the record its two
+// arrays. Offsets of byte values count from the start of data.
+typedef struct KmParams {
+  uint32_t capacity;     // slots in params
+  uint32_t len;          // entries in use
+  uint32_t data_len;     // bytes in data
+  KmParamEntry* params;  // malloc
+  uint8_t* data;         // malloc, null while empty
+} KmParams;
+
+// One fault event. The texts need not be terminated when they fill their field.
+typedef struct CaDfxInfo {
+  uint32_t eventId;
+  int32_t cmdId;
+  int32_t errCode;
+  uint32_t errLine;
+  char errFunc[32];
+  char caInfo[32];
+  char extInfo[32];
+} CaDfxInfo;
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// ---- Features: both always false.
+bool IsGlobalVersion(void);
+bool SupportEnhanceKeymaster(void);
+
+// ---- Key material
+
+// CheckBnSize returns 0 when the number fits behind the first offset bytes of a buffer of limit
+// bytes, else -1; label names it in the message.
+int CheckBnSize(uint32_t offset, uint32_t limit, const struct bignum_st* number,
+                const char* label);
+// GetNidFromKeySize returns libcrypto's curve for an EC key size in bits, 0 for an unknown size.
+int GetNidFromKeySize(int key_size);
+// GetKeySizeFromNid returns the key size in bits of a curve, 0 for an unknown one.
+int GetKeySizeFromNid(int nid);
+
+// ---- Key parameters to bytes
+
+// InitKmParams readies a record with 16 free slots.
+int32_t InitKmParams(KmParams* km_params);
+// AddKmParams appends a copy of one parameter. A failure leaves the record's entries as they were.
+int32_t AddKmParams(KmParams* km_params, const keymaster_key_param_t* param);
+// SerializeKmParams joins two lists (first may be null) into a new malloc buffer. It rebases the
+// offsets of second in place: a pair is serialised once.
+int32_t SerializeKmParams(const KmParams* first, KmParams* second, uint8_t** out,
+                          uint32_t* out_len);
+// FreeKmParams releases the arrays of a record; null is ignored.
+void FreeKmParams(KmParams* km_params);
+// BuildKmParams serialises a whole set, key-definition tags first, into a new malloc buffer.
+int32_t BuildKmParams(const keymaster_key_param_set_t* params, uint8_t** out, uint32_t* out_len);
+
+// ---- Bytes to key parameters
+
+// BuildKeyCharacter decodes a two-list reply of reply_len bytes. On failure, but for null
+// arguments and replies of 3 bytes or fewer, both lists are left empty.
+int32_t BuildKeyCharacter(const uint8_t* reply, uint32_t reply_len,
+                          keymaster_key_characteristics_t* characteristics);
+// BuildKeyParamSet decodes a one-list reply into a set that is null with length 0, and leaves it
+// so on failure.
+int32_t BuildKeyParamSet(keymaster_key_param_set_t* param_set, const uint8_t* reply,
+                         uint32_t reply_len);
+
+// ---- Operation inputs
+
+// BuildFinalInput packs input and signature (each may be null) into a new malloc buffer.
+int32_t BuildFinalInput(const keymaster_blob_t* input, const keymaster_blob_t* signature,
+                        keymaster_blob_t* final_input);
+// BuildVerifyAuthInput packs challenge and auth token into a new malloc buffer.
+keymaster_error_t BuildVerifyAuthInput(const uint64_t* challenge,
+                                       const keymaster_blob_t* auth_token,
+                                       keymaster_blob_t* verify_input);
+// UpdateParamsForSecureid sets the first user secure id of params as the authenticator type of
+// its first auth token says. A set without either, or with a token too short to tell, stays.
+void UpdateParamsForSecureid(keymaster_key_param_set_t* params, uint64_t password_sid,
+                             uint64_t biometric_sid);
+// ParamsCheck checks the arguments of an update.
+keymaster_error_t ParamsCheck(const keymaster_blob_t* input, const size_t* input_consumed);
+
+// ---- TEE context
+
+// Ts_Initcontext makes the process-wide TEE context, replacing one that exists; on failure there
+// is none. Ts_Finishcontext finalises it, and says 0xFFFF0006 when there is none.
+uint32_t Ts_Initcontext(void);
+uint32_t Ts_Finishcontext(void);
+
+// ---- TA commands: one command each, on a session of its own
+
+uint32_t TeeKmConfigure(uint32_t os_version, uint32_t os_patchlevel);
+// characteristics may be null; its length is required all the same and then comes back as 0.
+uint32_t TeeGenerateKey(const uint8_t* params, uint32_t params_len, uint8_t* key_blob,
+                        uint32_t* key_blob_len, uint8_t* characteristics,
+                        uint32_t* characteristics_len);
+// params may be null.
+uint32_t TeeGetKeyCharacteristics(const uint8_t* params, uint32_t params_len,
+                                  const uint8_t* key_material, uint32_t key_material_size,
+                                  uint8_t* out, uint32_t* out_len);
+// import_type: 0 generated in software, 1 the caller's import, 2 the import of an unwrapped key;
+// it travels in the first byte of characteristics, which may be null. characteristics_len comes
+// back as at most 4096.
+uint32_t TeeImportKey(const uint8_t* params, uint32_t params_len, const uint8_t* key_data,
+                      uint32_t key_data_len, uint8_t* key_blob, uint32_t* key_blob_len,
+                      uint8_t* characteristics, uint32_t* characteristics_len,
+                      uint8_t import_type);
+// params may be null.
+uint32_t TeeExportKey(const uint8_t* params, uint32_t params_len, const uint8_t* key_material,
+                      uint32_t key_material_size, uint8_t* out, uint32_t* out_len);
+uint32_t TeeAttestKey(const uint8_t* key_material, uint32_t key_material_size,
+                      const uint8_t* params, uint32_t params_len, uint8_t* out,
+                      uint32_t* out_len);
+uint32_t TeeUpgrade(const uint8_t* key_material, uint32_t key_material_size,
+                    const uint8_t* params, uint32_t params_len, uint8_t* out, uint32_t* out_len);
+// params may be null. purpose is a keymaster_purpose_t.
+uint32_t TeeBegin(uint32_t purpose, const uint8_t* params, uint32_t params_len,
+                  const uint8_t* key_material, uint32_t key_material_size, uint8_t* out_params,
+                  uint32_t* out_params_len, uint64_t* op_handle);
+// params, input and input_len may be null. out_params takes at least the 8 bytes of the handle;
+// its length comes back as at most 4096. All input counts as consumed.
+uint32_t TeeUpdate(uint64_t op_handle, const uint8_t* params, uint32_t params_len,
+                   const uint8_t* input, const uint32_t* input_len, uint8_t* out_params,
+                   uint32_t* out_params_len, uint8_t* output, uint32_t* output_len);
+// As TeeUpdate; input travels only when it is not null and not empty.
+uint32_t TeeFinish(uint64_t op_handle, const uint8_t* params, uint32_t params_len,
+                   const uint8_t* input, uint32_t input_len, uint8_t* out_params,
+                   uint32_t* out_params_len, uint8_t* output, uint32_t* output_len);
+uint32_t TeeAbort(uint64_t op_handle);
+uint32_t TeeDeleteKey(const uint8_t* key_material, uint32_t key_material_size);
+// params, input and input_len may be null. out_params_len comes back as at most 4096.
+uint32_t TeeVerifyAuthorization(const uint8_t* params, uint32_t params_len, const uint8_t* input,
+                                const uint32_t* input_len, uint8_t* out_params,
+                                uint32_t* out_params_len, uint8_t* token, uint64_t* token_len);
+uint32_t TeeEarlyBootEnded(void);
+// password_only: 0 or 1.
+uint32_t TeeDeviceLocked(uint32_t password_only);
+// Both buffers receive output; the lengths produced are not returned.
+uint32_t TeegetHmacSharingParameters(uint8_t* hmac_out1, uint32_t hmac_out1_len,
+                                     uint8_t* hmac_out2, uint32_t hmac_out2_len);
+uint32_t TeecomputeSharedHmac(const uint8_t* sharing_params, uint32_t sharing_params_len,
+                              uint8_t* sharing_check, uint32_t* sharing_check_len);
+// Opens and closes a session and sends no command.
+uint32_t TeeDestroyAttestationIds(void);
+
+// ObtainTaErrorCode asks the TA, on the session of a failed command, for its error record and
+// reports it as a fault event. Declared only where the TEE client header came first, so that this
+// header does not need it.
+#ifdef TEEC_PARAM_TYPES
+void ObtainTaErrorCode(TEEC_Session* session, uint32_t cmd, uint32_t ret);
+#endif
+
+// ---- Fault events
+
+// QavixKeyMaster reports a failed command: call is its id and its TEE result, info the TA's error
+// record of info_len bytes (null and 0 when there is none).
+void QavixKeyMaster(const uint32_t* call, const uint8_t* info, uint32_t info_len);
+// ReportDfxServer sends one event; the result of the send, or -1.
+int ReportDfxServer(const CaDfxInfo* info);
+// CheckReportedErrCode returns 1 for the codes that have an event id of their own, else 0.
+int CheckReportedErrCode(uint32_t code);
+// TeeosLogExceptionArchive is the watchdog's callback for a TEE call that overran.
+void TeeosLogExceptionArchive(void* arg);
+
+#ifdef __cplusplus
+}
+#endif
+
+#if defined(__GNUC__)
+#pragma GCC visibility pop
+#endif
+
+#endif  // KEYMASTER_TS_H

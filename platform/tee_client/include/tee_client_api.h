@@ -1,0 +1,110 @@
+// The GlobalPlatform TEE Client API as the keymaster library is built against it: standard names
+// and codes, with 32-bit reference sizes.
+#ifndef TEE_CLIENT_API_H
+#define TEE_CLIENT_API_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef uint32_t TEEC_Result;
+
+#define TEEC_SUCCESS 0x00000000u
+#define TEEC_ERROR_GENERIC 0xFFFF0000u
+#define TEEC_ERROR_ACCESS_DENIED 0xFFFF0001u
+#define TEEC_ERROR_CANCEL 0xFFFF0002u
+#define TEEC_ERROR_ACCESS_CONFLICT 0xFFFF0003u
+#define TEEC_ERROR_EXCESS_DATA 0xFFFF0004u
+#define TEEC_ERROR_BAD_FORMAT 0xFFFF0005u
+#define TEEC_ERROR_BAD_PARAMETERS 0xFFFF0006u
+#define TEEC_ERROR_BAD_STATE 0xFFFF0007u
+#define TEEC_ERROR_ITEM_NOT_FOUND 0xFFFF0008u
+#define TEEC_ERROR_NOT_IMPLEMENTED 0xFFFF0009u
+#define TEEC_ERROR_NOT_SUPPORTED 0xFFFF000Au
+#define TEEC_ERROR_NO_DATA 0xFFFF000Bu
+#define TEEC_ERROR_OUT_OF_MEMORY 0xFFFF000Cu
+#define TEEC_ERROR_BUSY 0xFFFF000Du
+#define TEEC_ERROR_COMMUNICATION 0xFFFF000Eu
+#define TEEC_ERROR_SECURITY 0xFFFF000Fu
+#define TEEC_ERROR_SHORT_BUFFER 0xFFFF0010u
+#define TEEC_ERROR_EXTERNAL_CANCEL 0xFFFF0011u
+#define TEEC_ERROR_TARGET_DEAD 0xFFFF3024u
+
+#define TEEC_ORIGIN_API 1u
+#define TEEC_ORIGIN_COMMS 2u
+#define TEEC_ORIGIN_TEE 3u
+#define TEEC_ORIGIN_TRUSTED_APP 4u
+
+#define TEEC_NONE 0x0u
+#define TEEC_VALUE_INPUT 0x1u
+#define TEEC_VALUE_OUTPUT 0x2u
+#define TEEC_VALUE_INOUT 0x3u
+#define TEEC_MEMREF_TEMP_INPUT 0x5u
+#define TEEC_MEMREF_TEMP_OUTPUT 0x6u
+#define TEEC_MEMREF_TEMP_INOUT 0x7u
+
+#define TEEC_PARAM_TYPES(p0, p1, p2, p3) \
+  ((uint32_t)(p0) | ((uint32_t)(p1) << 4) | ((uint32_t)(p2) << 8) | ((uint32_t)(p3) << 12))
+#define TEEC_PARAM_TYPE_GET(types, index) (((types) >> (4u * (index))) & 0xFu)
+
+typedef struct {
+  uint32_t timeLow;
+  uint16_t timeMid;
+  uint16_t timeHiAndVersion;
+  uint8_t clockSeqAndNode[8];
+} TEEC_UUID;
+
+typedef struct {
+  void* imp;
+} TEEC_Context;
+
+typedef struct {
+  void* imp;
+} TEEC_Session;
+
+typedef struct {
+  void* buffer;
+  uint32_t size;
+} TEEC_TempMemoryReference;
+
+typedef struct {
+  uint32_t a;
+  uint32_t b;
+} TEEC_Value;
+
+typedef union {
+  TEEC_TempMemoryReference tmpref;
+  TEEC_Value value;
+} TEEC_Parameter;
+
+typedef struct {
+  uint32_t started;
+  uint32_t paramTypes;
+  TEEC_Parameter params[4];
+  // The client library's own.
+  TEEC_Session* session;
+  uint32_t cancel_flag;
+} TEEC_Operation;
+
+// Connects to the TEE. A null name is the default TEE, the only one here.
+TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context);
+// Releases a context. Its sessions must not be used afterwards.
+void TEEC_FinalizeContext(TEEC_Context* context);
+// Opens a session to the TA of that UUID. return_origin (may be null) tells who made the result.
+TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
+                             const TEEC_UUID* destination, uint32_t connection_method,
+                             const void* connection_data, TEEC_Operation* operation,
+                             uint32_t* return_origin);
+void TEEC_CloseSession(TEEC_Session* session);
+// Runs one command of the session's TA. Output references come back with the size produced, or,
+// with TEEC_ERROR_SHORT_BUFFER, with the size needed.
+TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t command, TEEC_Operation* operation,
+                               uint32_t* return_origin);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif  // TEE_CLIENT_API_H
