@@ -1,0 +1,104 @@
+// Byte strings of the keymaster TA: plain, secret and borrowed, and their little-endian readers and
+// writers.
+#ifndef TA_BYTES_H
+#define TA_BYTES_H
+
+#include <openssl/crypto.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <memory>
+#include <vector>
+
+namespace ta {
+
+using Bytes = std::vector<uint8_t>;
+
+// CleansingAllocator wipes memory before it is given back.
+template <typename T>
+struct CleansingAllocator {
+  using value_type = T;
+  CleansingAllocator() = default;
+  template <typename U>
+  CleansingAllocator(const CleansingAllocator<U>&) {}  // NOLINT: rebinding is implicit
+
+  T* allocate(size_t count) { return std::allocator<T>().allocate(count); }
+  void deallocate(T* memory, size_t count) {
+    OPENSSL_cleanse(memory, count * sizeof(T));
+    std::allocator<T>().deallocate(memory, count);
+  }
+  bool operator==(const CleansingAllocator&) const { return true; }
+  bool operator!=(const CleansingAllocator&) const { return false; }
+};
+
+// SecureBytes holds secrets: whatever it held is wiped when it grows or dies.
+using SecureBytes = std::vector<uint8_t, CleansingAllocator<uint8_t>>;
+
+// ByteView borrows bytes that somebody else keeps. data may be null when size is 0.
+struct ByteView {
+  const uint8_t* data = nullptr;
+  size_t size = 0;
+
+  ByteView() = default;
+  ByteView(const uint8_t* bytes, size_t length) : data(bytes), size(length) {}
+  template <typename Allocator>
+  ByteView(const std::vector<uint8_t, Allocator>& bytes)  // NOLINT: a view of it is implicit
+      : data(bytes.data()), size(bytes.size()) {}
+
+  const uint8_t* begin() const { return data; }
+  const uint8_t* end() const { return data + size; }
+};
+
+// ByteReader walks bytes that it does not own. A failed read consumes nothing.
+class ByteReader {
+ public:
+  explicit ByteReader(ByteView bytes) : bytes_(bytes) {}
+
+  size_t remaining() const { return bytes_.size; }
+  ByteView rest() const { return bytes_; }
+
+  bool TakeBytes(size_t size, ByteView* out) {
+    if (size > bytes_.size) return false;
+    *out = ByteView(bytes_.data, size);
+    bytes_ = size == 0 ? bytes_ : ByteView(bytes_.data + size, bytes_.size - size);
+    return true;
+  }
+  bool TakeU8(uint8_t* out) { return TakeInteger(out); }
+  bool TakeU32(uint32_t* out) { return TakeInteger(out); }
+  bool TakeU64(uint64_t* out) { return TakeInteger(out); }
+
+ private:
+  template <typename T>
+  bool TakeInteger(T* out) {
+    ByteView raw;
+    if (!TakeBytes(sizeof(T), &raw)) return false;
+    uint64_t value = 0;
+    for (size_t i = sizeof(T); i > 0; --i) value = value << 8 | raw.data[i - 1];
+    *out = static_cast<T>(value);
+    return true;
+  }
+
+  ByteView bytes_;
+};
+
+// AppendU32, AppendU64 and AppendBytes add to the end of a byte string of either kind.
+template <typename Container>
+void AppendInteger(Container* out, uint64_t value, size_t size) {
+  for (size_t i = 0; i < size; ++i) out->push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+template <typename Container>
+void AppendU32(Container* out, uint32_t value) {
+  AppendInteger(out, value, sizeof(value));
+}
+template <typename Container>
+void AppendU64(Container* out, uint64_t value) {
+  AppendInteger(out, value, sizeof(value));
+}
+template <typename Container>
+void AppendBytes(Container* out, ByteView bytes) {
+  out->insert(out->end(), bytes.begin(), bytes.end());
+}
+
+}  // namespace ta
+
+#endif  // TA_BYTES_H

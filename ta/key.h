@@ -1,0 +1,43 @@
+// A key as the TA works with it, and the sealed blob that the normal world keeps of it.
+#ifndef TA_KEY_H
+#define TA_KEY_H
+
+#include "evp.h"
+#include "params.h"
+#include "result.h"
+
+namespace ta {
+
+// Key is an opened or freshly made key: its secret and everything known about it.
+struct Key {
+  uint32_t algorithm = 0;  // keymaster_algorithm_t
+  uint32_t key_size = 0;   // bits
+  uint32_t curve = 0;      // keymaster_ec_curve_t; EC only
+  uint32_t origin = 0;     // keymaster_key_origin_t
+  PkeyPtr pkey;            // RSA and EC
+  SecureBytes symmetric;   // all others
+  ParamSet hw_enforced;    // OS version and patch level included
+  ParamSet sw_enforced;
+  Bytes id;  // 16 random bytes that stay the same when the key is upgraded
+
+  // Find looks in the hardware-enforced list, then in the other one.
+  const Param* Find(uint32_t tag) const;
+  bool Contains(uint32_t tag) const { return Find(tag) != nullptr; }
+  // Authorizes tells whether the hardware-enforced list holds the tag with that value.
+  bool Authorizes(uint32_t tag, uint64_t value) const { return hw_enforced.Contains(tag, value); }
+};
+
+// SealKeyBlob seals a key under the device key, bound to the KM_TAG_APPLICATION_ID and
+// KM_TAG_APPLICATION_DATA of params.
+TEEC_Result SealKeyBlob(const Key& key, const ParamSet& params, Bytes* blob);
+// OpenKeyBlob opens a blob, of any system version. params holds the application id and data that it
+// was made with, among others. KM_ERROR_INVALID_KEY_BLOB for a blob that is garbled, foreign,
+// deleted or bound to others.
+TEEC_Result OpenKeyBlob(ByteView blob, const ParamSet& params, Key* key);
+// OpenCurrentKey opens a blob of the current system version: KM_ERROR_KEY_REQUIRES_UPGRADE for an
+// older one, KM_ERROR_INVALID_KEY_BLOB for a newer one.
+TEEC_Result OpenCurrentKey(ByteView blob, const ParamSet& params, Key* key);
+
+}  // namespace ta
+
+#endif  // TA_KEY_H

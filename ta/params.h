@@ -1,0 +1,70 @@
+// Key parameters as the TA keeps them, and their wire form.
+#ifndef TA_PARAMS_H
+#define TA_PARAMS_H
+
+#include <hardware/keymaster_defs.h>
+
+#include <optional>
+
+#include "bytes.h"
+
+namespace ta {
+
+// One parameter: value for every tag type but the two byte-valued ones, which use bytes.
+struct Param {
+  uint32_t tag = 0;
+  uint64_t value = 0;
+  Bytes bytes;
+};
+
+// IsByteValued tells whether a tag's type carries bytes.
+bool IsByteValued(uint32_t tag);
+
+// ParamSet is an ordered list of parameters; a tag may occur more than once. Not thread-safe.
+class ParamSet {
+ public:
+  void Add(uint32_t tag, uint64_t value) { params_.push_back({tag, value, {}}); }
+  void AddBytes(uint32_t tag, ByteView bytes) {
+    params_.push_back({tag, 0, Bytes(bytes.begin(), bytes.end())});
+  }
+  void Add(const Param& param) { params_.push_back(param); }
+  // Remove drops every parameter of that tag.
+  void Remove(uint32_t tag);
+  // Set leaves exactly one parameter of that tag.
+  void Set(uint32_t tag, uint64_t value);
+
+  // Find returns the first parameter of that tag, or null.
+  const Param* Find(uint32_t tag) const;
+  bool Contains(uint32_t tag) const { return Find(tag) != nullptr; }
+  bool Contains(uint32_t tag, uint64_t value) const;
+  // IsTrue tells whether a boolean tag is there with a value other than false.
+  bool IsTrue(uint32_t tag) const;
+  // Value returns the first value of that tag.
+  std::optional<uint64_t> Value(uint32_t tag) const;
+  // BytesOf returns the bytes of the first parameter of that tag, an empty view without one. The
+  // view lives as long as the set is not changed.
+  ByteView BytesOf(uint32_t tag) const;
+
+  size_t size() const { return params_.size(); }
+  bool empty() const { return params_.empty(); }
+  std::vector<Param>::const_iterator begin() const { return params_.begin(); }
+  std::vector<Param>::const_iterator end() const { return params_.end(); }
+
+ private:
+  std::vector<Param> params_;
+};
+
+// ParseTwoLists reads the two-list form that requests travel in, into one set, first list first.
+// False for a buffer that ends early or points outside itself; *out is then unspecified. Bytes
+// after the last byte value are ignored.
+bool ParseTwoLists(ByteView wire, ParamSet* out);
+// ParseTwoLists, with the lists kept apart.
+bool ParseTwoLists(ByteView wire, ParamSet* first, ParamSet* second);
+// SerializeOneList writes the form of output parameters, SerializeTwoLists that of requests and
+// characteristics.
+Bytes SerializeOneList(const ParamSet& params);
+Bytes SerializeTwoLists(const ParamSet& first, const ParamSet& second);
+
+}  // namespace ta
+
+#endif  // TA_PARAMS_H

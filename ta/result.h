@@ -1,0 +1,55 @@
+// Results of the TA's commands and the error record that a session keeps of its last failure.
+#ifndef TA_RESULT_H
+#define TA_RESULT_H
+
+#include <hardware/keymaster_defs.h>
+#include <tee_client_api.h>
+#include <trusted_app.h>
+
+#include "bytes.h"
+
+namespace ta {
+
+// A keymaster error travels as the TA's result code: its 32 bits, unchanged.
+constexpr TEEC_Result KmResult(keymaster_error_t error) { return static_cast<TEEC_Result>(error); }
+
+// Where and with which code a session last failed; code 0 while it has not.
+struct ErrorRecord {
+  uint32_t code = 0;
+  uint32_t line = 0;
+  const char* function = "";  // a string literal
+};
+
+// One open session of the TA.
+struct Session {
+  ErrorRecord last_error;
+};
+
+// CurrentSession is the session whose command runs on this thread; null outside of commands.
+// Fail records there.
+Session*& CurrentSession();
+
+// Fail returns the code after noting it, with the caller's name and line, in the current session.
+TEEC_Result Fail(TEEC_Result code, const char* function = __builtin_FUNCTION(),
+                 uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
+TEEC_Result Fail(keymaster_error_t code, const char* function = __builtin_FUNCTION(),
+                 uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
+
+// InputOf views an input reference's bytes.
+inline ByteView InputOf(const TaParam& param) { return ByteView(param.buffer, param.size); }
+// Reply copies bytes into an output reference and sets its length. A reference too small gets the
+// length needed and the result TEEC_ERROR_SHORT_BUFFER.
+TEEC_Result Reply(ByteView bytes, TaParam* output, const char* function = __builtin_FUNCTION(),
+                  uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
+
+}  // namespace ta
+
+// Returns early from a function of result type TEEC_Result when a step of it failed.
+#define TA_RETURN_IF_FAILED(step)                                   \
+  do {                                                              \
+    if (const TEEC_Result step_result = (step); step_result != 0) { \
+      return step_result;                                           \
+    }                                                               \
+  } while (false)
+
+#endif  // TA_RESULT_H

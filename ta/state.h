@@ -1,0 +1,55 @@
+// What the TA keeps between commands and runs: the state folder and the configured system version.
+#ifndef TA_STATE_H
+#define TA_STATE_H
+
+#include <string>
+
+#include "bytes.h"
+
+namespace ta {
+
+// Every function here may be called from several threads and processes at once. What cannot be
+// done for want of a usable folder throws std::runtime_error, which ends the command.
+
+// StateFile returns the path of a file of that name in the state folder: $KEYMASTER_TA_STATE, else
+// $XDG_STATE_HOME/keymaster-ta, else $HOME/.local/state/keymaster-ta. The folder is made, for its
+// owner alone, when it is missing.
+std::string StateFile(const std::string& name);
+// ReadStateFile reads a whole file; false when there is none.
+bool ReadStateFile(const std::string& name, SecureBytes* out);
+// ReplaceStateFile writes a file, for its owner alone; readers see the old or the new content.
+void ReplaceStateFile(const std::string& name, ByteView content);
+// CreateStateFile writes a file that does not exist yet; false, with nothing changed, if it does.
+bool CreateStateFile(const std::string& name, ByteView content);
+// LoadOrCreateSecret returns the secret of that name, made at random the first time: two processes
+// that ask at once get the same one. size is in bytes.
+SecureBytes LoadOrCreateSecret(const std::string& name, size_t size);
+
+// StateLock holds an exclusive lock of the state folder, across processes, while it lives.
+class StateLock {
+ public:
+  StateLock();
+  ~StateLock();
+  StateLock(const StateLock&) = delete;
+  StateLock& operator=(const StateLock&) = delete;
+
+ private:
+  int fd_;
+};
+
+// DeviceKey returns the 32-byte root of this device's keys; derive from it, do not use it twice.
+SecureBytes DeviceKey();
+
+// The OS version (MMmmss in decimal) and patch level (YYYYMM) that keys are bound to.
+struct SystemVersion {
+  uint32_t os_version = 0;
+  uint32_t os_patchlevel = 0;
+};
+// SetSystemVersion configures the TA, and a TA that is started later.
+void SetSystemVersion(const SystemVersion& version);
+// GetSystemVersion returns false while the TA was never configured.
+bool GetSystemVersion(SystemVersion* version);
+
+}  // namespace ta
+
+#endif  // TA_STATE_H
