@@ -8,8 +8,9 @@
 
 namespace keymaster {
 
-// Copies size bytes into a new malloc buffer; null when that fails or buf is null.
-uint8_t* dup_buffer(const void* buf, size_t size);
+// Copies size bytes into a new malloc buffer (of at least one byte, so that an empty copy is not
+// null); null when that fails or buf is null.
+__attribute__((visibility("default"))) uint8_t* dup_buffer(const void* buf, size_t size);
 
 // The two blob structures name their fields differently; these name them once.
 inline const uint8_t*& BlobData(keymaster_blob_t& blob) { return blob.data; }

@@ -8,7 +8,7 @@ namespace keymaster {
 
 // AuthorizationSet owns its parameters and a copy of the bytes of each byte-valued one. Not
 // thread-safe.
-class AuthorizationSet {
+class __attribute__((visibility("default"))) AuthorizationSet {
  public:
   AuthorizationSet();
   ~AuthorizationSet();
@@ -16,7 +16,7 @@ class AuthorizationSet {
   AuthorizationSet& operator=(const AuthorizationSet&) = delete;
 
   // Appends a copy of param, its bytes included. False, with the set unchanged, when memory runs
-  // out.
+  // out or a byte value has a length but no bytes.
   bool push_back(const keymaster_key_param_t& param);
   // Releases every parameter; byte values are zeroed first.
   void Clear();

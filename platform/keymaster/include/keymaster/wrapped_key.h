@@ -12,14 +12,12 @@ namespace keymaster {
 // bytes are those of the wrapper. Returns KM_ERROR_OK, KM_ERROR_UNEXPECTED_NULL_POINTER,
 // KM_ERROR_INVALID_ARGUMENT for malformed input, or KM_ERROR_MEMORY_ALLOCATION_FAILED; on failure
 // every output is empty.
-keymaster_error_t parse_wrapped_key(const TKeymasterBlob<keymaster_key_blob_t>& wrapped_key,
-                                    TKeymasterBlob<keymaster_blob_t>* iv,
-                                    TKeymasterBlob<keymaster_key_blob_t>* transit_key,
-                                    TKeymasterBlob<keymaster_key_blob_t>* secure_key,
-                                    TKeymasterBlob<keymaster_blob_t>* tag,
-                                    AuthorizationSet* auth_list,
-                                    keymaster_key_format_t* key_format,
-                                    TKeymasterBlob<keymaster_blob_t>* wrapped_key_description);
+__attribute__((visibility("default"))) keymaster_error_t parse_wrapped_key(
+    const TKeymasterBlob<keymaster_key_blob_t>& wrapped_key, TKeymasterBlob<keymaster_blob_t>* iv,
+    TKeymasterBlob<keymaster_key_blob_t>* transit_key,
+    TKeymasterBlob<keymaster_key_blob_t>* secure_key, TKeymasterBlob<keymaster_blob_t>* tag,
+    AuthorizationSet* auth_list, keymaster_key_format_t* key_format,
+    TKeymasterBlob<keymaster_blob_t>* wrapped_key_description);
 
 }  // namespace keymaster
 
