@@ -1,0 +1,127 @@
+#include <android/log.h>
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <exception>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view kLetters = "??VDIWEFS";
+constexpr std::string_view kAnyTag = "*";
+
+char LetterOf(int priority) {
+  return priority >= 0 && static_cast<size_t>(priority) < kLetters.size()
+             ? kLetters[static_cast<size_t>(priority)]
+             : '?';
+}
+
+// PriorityOf returns the priority a filter's letter names, ANDROID_LOG_UNKNOWN for none.
+int PriorityOf(char letter) {
+  const char upper =
+      letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 'a' + 'A') : letter;
+  const size_t at = kLetters.find(upper);
+  return upper == '?' || at == std::string_view::npos ? ANDROID_LOG_UNKNOWN : static_cast<int>(at);
+}
+
+// ReadItem splits one "tag:letter" item. A bare tag stands for all its messages, a bare * for
+// those from debug on; false for an item without a meaning.
+bool ReadItem(std::string_view item, std::string_view* tag, int* priority) {
+  const size_t colon = item.rfind(':');
+  *tag = item.substr(0, colon);
+  if (colon == std::string_view::npos) {
+    *priority = *tag == kAnyTag ? ANDROID_LOG_DEBUG : ANDROID_LOG_VERBOSE;
+    return true;
+  }
+  if (item.size() != colon + 2) return false;
+  *priority = PriorityOf(item[colon + 1]);
+  return *priority != ANDROID_LOG_UNKNOWN;
+}
+
+// ThresholdFor returns the lowest priority that filter lets through for a tag. As logcat does, a
+// tag's own item beats *, a later item beats an earlier one, and what no item names is shown.
+int ThresholdFor(std::string_view filter, std::string_view tag) {
+  int any = ANDROID_LOG_VERBOSE;
+  int own = ANDROID_LOG_UNKNOWN;
+  constexpr std::string_view kBlanks = " \t\n";
+  for (size_t at = 0; (at = filter.find_first_not_of(kBlanks, at)) != std::string_view::npos;) {
+    const size_t end = filter.find_first_of(kBlanks, at);
+    std::string_view item_tag;
+    int priority = ANDROID_LOG_UNKNOWN;
+    if (ReadItem(filter.substr(at, end - at), &item_tag, &priority)) {
+      if (item_tag == kAnyTag) {
+        any = priority;
+      } else if (item_tag == tag) {
+        own = priority;
+      }
+    }
+    at = end;
+  }
+  return own == ANDROID_LOG_UNKNOWN ? any : own;
+}
+
+// The environment is read anew for each message: a process may change its mind, and a scan of a
+// few bytes is nothing beside the write.
+bool IsShown(int priority, const char* tag) {
+  const char* filter = getenv("ANDROID_LOG_TAGS");
+  const int threshold = filter == nullptr || *filter == '\0'
+                            ? static_cast<int>(ANDROID_LOG_ERROR)
+                            : ThresholdFor(filter, tag == nullptr ? "" : tag);
+  return threshold != ANDROID_LOG_SILENT && priority >= threshold;
+}
+
+__attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list args) {
+  va_list measured;
+  va_copy(measured, args);
+  const int length = vsnprintf(nullptr, 0, format, measured);
+  va_end(measured);
+  if (length < 0) return format;
+  std::string text(static_cast<size_t>(length) + 1, '\0');
+  vsnprintf(text.data(), text.size(), format, args);
+  text.pop_back();
+  return text;
+}
+
+// Every line of a message carries the prefix, so that no message can pass for two.
+std::string ToLines(int priority, const char* tag, std::string_view text) {
+  const std::string prefix = std::string(1, LetterOf(priority)) + "/" + (tag ? tag : "") + ": ";
+  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  std::string lines;
+  for (;;) {
+    const size_t end = text.find('\n');
+    lines.append(prefix).append(text.substr(0, end)).append("\n");
+    if (end == std::string_view::npos) return lines;
+    text.remove_prefix(end + 1);
+  }
+}
+
+int WriteOnce(std::string_view lines) {
+  ssize_t written = 0;
+  do {
+    written = write(STDERR_FILENO, lines.data(), lines.size());
+  } while (written < 0 && errno == EINTR);
+  return static_cast<int>(written);
+}
+
+}  // namespace
+
+int __android_log_print(int priority, const char* tag, const char* format, ...) {
+  if (format == nullptr) return -1;
+  if (!IsShown(priority, tag)) return 0;
+  const int caller_errno = errno;
+  int written = -1;
+  va_list args;
+  va_start(args, format);
+  try {
+    written = WriteOnce(ToLines(priority, tag, Format(format, args)));
+  } catch (const std::exception&) {
+    // No memory for the line: the message is lost, and the result says so.
+  }
+  va_end(args);
+  errno = caller_errno;
+  return written;
+}
