@@ -44,12 +44,4 @@ TEEC_Result Reply(ByteView bytes, TaParam* output, const char* function = __buil
 
 }  // namespace ta
 
-// Returns early from a function of result type TEEC_Result when a step of it failed.
-#define TA_RETURN_IF_FAILED(step)                                   \
-  do {                                                              \
-    if (const TEEC_Result step_result = (step); step_result != 0) { \
-      return step_result;                                           \
-    }                                                               \
-  } while (false)
-
 #endif  // TA_RESULT_H

@@ -1,0 +1,202 @@
+#include "state.h"
+
+#include <fcntl.h>
+#include <openssl/rand.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <mutex>
+#include <stdexcept>
+
+namespace ta {
+namespace {
+
+constexpr char kVersionFile[] = "system_version";
+
+[[noreturn]] void ThrowStateError(const std::string& what) {
+  throw std::runtime_error("keymaster TA state: " + what);
+}
+
+std::string FolderName() {
+  const auto variable = [](const char* name) {
+    const char* value = getenv(name);
+    return std::string(value == nullptr ? "" : value);
+  };
+  if (const std::string own = variable("KEYMASTER_TA_STATE"); !own.empty()) return own;
+  if (const std::string xdg = variable("XDG_STATE_HOME"); !xdg.empty())
+    return xdg + "/keymaster-ta";
+  if (const std::string home = variable("HOME"); !home.empty()) {
+    return home + "/.local/state/keymaster-ta";
+  }
+  ThrowStateError("no folder is named");
+}
+
+// Makes the folder and those above it; only the folder itself is closed to others.
+std::string EnsureFolder() {
+  const std::string folder = FolderName();
+  struct stat status {};
+  if (stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return folder;
+  for (size_t end = folder.find('/', 1); end != std::string::npos;
+       end = folder.find('/', end + 1)) {
+    mkdir(folder.substr(0, end).c_str(), 0755);
+  }
+  if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) ThrowStateError("cannot make folder");
+  return folder;
+}
+
+class File {
+ public:
+  File(const std::string& path, int flags) : fd_(open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
+  ~File() {
+    if (fd_ >= 0) close(fd_);
+  }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+  int fd() const { return fd_; }
+  bool is_open() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+void WriteAll(int fd, ByteView content) {
+  for (size_t done = 0; done < content.size;) {
+    const ssize_t written = write(fd, content.data + done, content.size - done);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) ThrowStateError("cannot write");
+    done += static_cast<size_t>(written);
+  }
+  if (fsync(fd) != 0) ThrowStateError("cannot write");
+}
+
+// Writes a file of a name nobody else uses and returns the name.
+std::string WriteTemporary(const std::string& path, ByteView content) {
+  std::string name = path + ".XXXXXX";
+  const int fd = mkostemp(name.data(), O_CLOEXEC);
+  if (fd < 0) ThrowStateError("cannot make file");
+  try {
+    WriteAll(fd, content);
+  } catch (...) {
+    close(fd);
+    unlink(name.c_str());
+    throw;
+  }
+  close(fd);
+  return name;
+}
+
+}  // namespace
+
+std::string StateFile(const std::string& name) { return EnsureFolder() + "/" + name; }
+
+bool ReadStateFile(const std::string& name, SecureBytes* out) {
+  const File file(StateFile(name), O_RDONLY);
+  if (!file.is_open()) return false;
+  struct stat status {};
+  if (fstat(file.fd(), &status) != 0) ThrowStateError("cannot read");
+  out->resize(static_cast<size_t>(status.st_size));
+  for (size_t done = 0; done < out->size();) {
+    const ssize_t got = read(file.fd(), out->data() + done, out->size() - done);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) ThrowStateError("cannot read");
+    done += static_cast<size_t>(got);
+  }
+  return true;
+}
+
+void ReplaceStateFile(const std::string& name, ByteView content) {
+  const std::string path = StateFile(name);
+  const std::string temporary = WriteTemporary(path, content);
+  if (rename(temporary.c_str(), path.c_str()) != 0) {
+    unlink(temporary.c_str());
+    ThrowStateError("cannot replace file");
+  }
+}
+
+bool CreateStateFile(const std::string& name, ByteView content) {
+  const std::string path = StateFile(name);
+  const std::string temporary = WriteTemporary(path, content);
+  // A link, unlike a rename, never replaces what another process just put there.
+  const int linked = link(temporary.c_str(), path.c_str());
+  const int reason = errno;
+  unlink(temporary.c_str());
+  if (linked != 0 && reason != EEXIST) ThrowStateError("cannot create file");
+  return linked == 0;
+}
+
+SecureBytes LoadOrCreateSecret(const std::string& name, size_t size) {
+  SecureBytes secret;
+  if (!ReadStateFile(name, &secret)) {
+    SecureBytes fresh(size);
+    if (RAND_priv_bytes(fresh.data(), static_cast<int>(size)) != 1) {
+      ThrowStateError("no randomness");
+    }
+    CreateStateFile(name, fresh);
+    if (!ReadStateFile(name, &secret)) ThrowStateError("a secret vanished");
+  }
+  if (secret.size() != size) ThrowStateError("a secret is damaged");
+  return secret;
+}
+
+StateLock::StateLock() : fd_(open(StateFile("lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+  if (fd_ < 0) ThrowStateError("cannot lock");
+  while (flock(fd_, LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      close(fd_);
+      ThrowStateError("cannot lock");
+    }
+  }
+}
+
+StateLock::~StateLock() { close(fd_); }
+
+SecureBytes DeviceKey() { return LoadOrCreateSecret("device_key", 32); }
+
+namespace {
+
+// The version as this process was told it; the file is for processes that are not told.
+struct ConfiguredVersion {
+  std::mutex mutex;
+  std::string folder;
+  SystemVersion version;
+};
+
+ConfiguredVersion& Configured() {
+  static ConfiguredVersion configured;
+  return configured;
+}
+
+}  // namespace
+
+void SetSystemVersion(const SystemVersion& version) {
+  Bytes content;
+  AppendU32(&content, version.os_version);
+  AppendU32(&content, version.os_patchlevel);
+  ReplaceStateFile(kVersionFile, content);
+  ConfiguredVersion& configured = Configured();
+  const std::lock_guard<std::mutex> guard(configured.mutex);
+  configured.folder = FolderName();
+  configured.version = version;
+}
+
+bool GetSystemVersion(SystemVersion* version) {
+  ConfiguredVersion& configured = Configured();
+  const std::lock_guard<std::mutex> guard(configured.mutex);
+  if (const std::string folder = FolderName(); configured.folder != folder) {
+    SecureBytes content;
+    if (!ReadStateFile(kVersionFile, &content)) return false;
+    ByteReader reader(content);
+    if (!reader.TakeU32(&configured.version.os_version) ||
+        !reader.TakeU32(&configured.version.os_patchlevel)) {
+      ThrowStateError("the system version is damaged");
+    }
+    configured.folder = folder;
+  }
+  *version = configured.version;
+  return true;
+}
+
+}  // namespace ta
