@@ -1,0 +1,145 @@
+// Doubles of the platform's functions: what they are told to answer and what they saw. Each
+// executable that links them uses them in place of the stand-ins. Script and records belong to
+// the test's thread while no request runs; the doubles themselves may be called on any thread.
+#ifndef TESTS_PLATFORM_DOUBLES_H
+#define TESTS_PLATFORM_DOUBLES_H
+
+#include <tee_client_api.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/platform/bytes.h"
+
+namespace test {
+
+// Reply is the TA's answer to one command. Output references that it does not name come back with
+// size 0, values unchanged. It is applied whatever the result, as a real TEE may.
+class Reply {
+ public:
+  static Reply Ok() { return Reply(0, TEEC_ORIGIN_TRUSTED_APP); }
+  static Reply Fail(TEEC_Result result, uint32_t origin = TEEC_ORIGIN_TRUSTED_APP) {
+    return Reply(result, origin);
+  }
+  // Writes bytes (as far as they fit) into an output reference and reports their number.
+  Reply& Out(int index, Bytes bytes) { return Set(answers_[index].bytes, std::move(bytes)); }
+  // Reports a size whatever was written: it may lie.
+  Reply& Size(int index, uint32_t size) { return Set(answers_[index].size, size); }
+  Reply& Value(int index, uint32_t a, uint32_t b) {
+    return Set(answers_[index].value, TEEC_Value{a, b});
+  }
+
+  TEEC_Result result;
+  uint32_t origin;
+
+ private:
+  friend void Apply(const Reply& reply, TEEC_Operation* operation);
+  struct Answer {
+    std::optional<Bytes> bytes;
+    std::optional<uint32_t> size;
+    std::optional<TEEC_Value> value;
+  };
+  Reply(TEEC_Result r, uint32_t o) : result(r), origin(o) {}
+  template <typename T>
+  Reply& Set(std::optional<T>& field, T value) {
+    field = std::move(value);
+    return *this;
+  }
+  Answer answers_[4];
+};
+
+// One parameter of an operation as the library filled it.
+struct SeenParam {
+  Bytes in;                // the content of an input or in/out reference
+  void* buffer = nullptr;  // of any reference
+  uint32_t size = 0;       // capacity or length
+  TEEC_Value value{};      // of a value
+};
+
+struct Invocation {
+  uint32_t command = 0;
+  uint32_t param_types = 0;
+  SeenParam params[4];
+  size_t session = 0;  // which open it ran on, from 0
+};
+
+struct Opened {
+  TEEC_Operation operation{};  // as the library filled it
+  TEEC_UUID uuid{};
+  uint32_t method = 0;
+  const void* connection_data = nullptr;
+  TEEC_Session* block = nullptr;  // the library's
+  bool open = false;
+  bool first = false;  // never closed or freed by the library
+};
+
+struct Bracket {
+  std::string label;
+  unsigned timeout = 0;
+  void (*callback)(void*) = nullptr;
+  void* arg = nullptr;
+  unsigned flags = 0;
+  bool ended = false;
+};
+
+struct LogLine {
+  int level = 0;
+  std::optional<std::string> tag;
+  std::string format;
+  std::string text;
+};
+
+struct Event {
+  unsigned id = 0;
+  std::string params;  // in the order set: "RET=7 CMD_ID=4 "; a parameter by number is "#0="
+  bool sent = false;
+  bool destroyed = false;
+};
+
+using Handler = std::function<Reply(const Invocation&)>;
+
+// What to answer.
+struct Script {
+  TEEC_Result init_result = 0;
+  TEEC_Result open_result = 0;
+  uint32_t open_origin = TEEC_ORIGIN_TEE;
+  uint32_t first_session = 0;                    // params[0].value.a of every open
+  std::map<uint32_t, std::deque<Reply>> queued;  // by command; before the handler
+  std::map<uint32_t, Handler> handlers;          // by command; default: Reply::Ok()
+  uint32_t os_version = 120000;
+  uint32_t os_patchlevel = 202211;
+};
+
+// What was seen.
+struct Records {
+  std::vector<Opened> opens;
+  std::vector<Invocation> invocations;
+  std::vector<Bracket> brackets;
+  std::vector<LogLine> log;
+  std::deque<Event> events;
+  std::vector<std::string> journal;   // all TEE and watchdog calls in order
+  std::vector<std::string> problems;  // misuse, such as a session closed twice
+};
+
+struct Platform : Script, Records {
+  void Queue(uint32_t command, Reply reply) { queued[command].push_back(std::move(reply)); }
+  void On(uint32_t command, Handler handler) { handlers[command] = std::move(handler); }
+  void ClearRecords() { static_cast<Records&>(*this) = Records(); }
+  // Reset forgets script, records and faults.
+  void Reset();
+
+  size_t live_contexts = 0;
+  std::mutex mutex;  // for the doubles
+};
+
+// The one platform of the process.
+Platform& platform();
+
+}  // namespace test
+
+#endif  // TESTS_PLATFORM_DOUBLES_H
