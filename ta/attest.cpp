@@ -1,0 +1,109 @@
+#include <algorithm>
+#include <cstring>
+
+#include "attest_chain.h"
+#include "attest_extension.h"
+#include "commands.h"
+#include "key.h"
+
+namespace ta {
+namespace {
+
+constexpr size_t kMaxChallengeSize = 128;
+
+// What this device can attest about itself. A tag with a null text is one it has no value for.
+struct DeviceId {
+  keymaster_tag_t tag;
+  const char* text;
+};
+constexpr DeviceId kDeviceIds[] = {
+    {KM_TAG_ATTESTATION_ID_BRAND, "host"},
+    {KM_TAG_ATTESTATION_ID_DEVICE, "keymaster_host"},
+    {KM_TAG_ATTESTATION_ID_PRODUCT, "keymaster_host"},
+    {KM_TAG_ATTESTATION_ID_SERIAL, nullptr},
+    {KM_TAG_ATTESTATION_ID_IMEI, nullptr},
+    {KM_TAG_ATTESTATION_ID_MEID, nullptr},
+    {KM_TAG_ATTESTATION_ID_MANUFACTURER, "host"},
+    {KM_TAG_ATTESTATION_ID_MODEL, "Keymaster Host"},
+};
+
+// A host has no verified boot, and says so.
+RootOfTrust HostRootOfTrust() {
+  RootOfTrust root;
+  root.verified_boot_key.resize(32);
+  root.device_locked = false;
+  root.verified_boot_state = 2;
+  root.verified_boot_hash.resize(32);
+  return root;
+}
+
+// A key's own list without what only an attestation may add, and without the secure ids, which say
+// nothing to a relying party.
+ParamSet Attestable(ParamSet params) {
+  for (const DeviceId& id : kDeviceIds) params.Remove(id.tag);
+  params.Remove(KM_TAG_ATTESTATION_APPLICATION_ID);
+  params.Remove(KM_TAG_ROOT_OF_TRUST);
+  params.Remove(KM_TAG_USER_SECURE_ID);
+  return params;
+}
+
+// False if an id is asked for that is not this device's.
+bool AddDeviceIds(const ParamSet& request, ParamSet* tee_enforced) {
+  for (const DeviceId& id : kDeviceIds) {
+    const Param* const asked = request.Find(id.tag);
+    if (asked == nullptr) continue;
+    if (id.text == nullptr || asked->bytes.size() != strlen(id.text) ||
+        !std::equal(asked->bytes.begin(), asked->bytes.end(), id.text)) {
+      return false;
+    }
+    tee_enforced->Add(*asked);
+  }
+  return true;
+}
+
+TEEC_Result DescribeKey(const Key& key, const ParamSet& request, Bytes* key_description) {
+  const Param* const challenge = request.Find(KM_TAG_ATTESTATION_CHALLENGE);
+  const Param* const application = request.Find(KM_TAG_ATTESTATION_APPLICATION_ID);
+  if (challenge == nullptr) return Fail(KM_ERROR_ATTESTATION_CHALLENGE_MISSING);
+  if (challenge->bytes.size() > kMaxChallengeSize) return Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+  if (application == nullptr) return Fail(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING);
+
+  ParamSet software_enforced = Attestable(key.sw_enforced);
+  software_enforced.Add(*application);
+  ParamSet tee_enforced = Attestable(key.hw_enforced);
+  tee_enforced.AddBytes(KM_TAG_ROOT_OF_TRUST, EncodeRootOfTrust(HostRootOfTrust()));
+  if (!AddDeviceIds(request, &tee_enforced)) return Fail(KM_ERROR_CANNOT_ATTEST_IDS);
+  *key_description = EncodeKeyDescription(challenge->bytes, software_enforced, tee_enforced);
+  return TEEC_SUCCESS;
+}
+
+}  // namespace
+
+// Replies with leaf, intermediate, root: a 32-bit count, then of each certificate a 32-bit length
+// and its DER.
+TEEC_Result AttestKey(uint32_t, TaParam params[4]) {
+  ParamSet request;
+  if (!ParseTwoLists(InputOf(params[1]), &request)) return Fail(KM_ERROR_INVALID_ARGUMENT);
+  Key key;
+  TEEC_Result result = OpenCurrentKey(InputOf(params[0]), request, &key);
+  if (result != TEEC_SUCCESS) return result;
+  if (!key.pkey) return Fail(KM_ERROR_INCOMPATIBLE_ALGORITHM);
+  Bytes key_description;
+  result = DescribeKey(key, request, &key_description);
+  if (result != TEEC_SUCCESS) return result;
+
+  const AttestationAuthority authority = LoadOrCreateAuthority();
+  const X509Ptr leaf = BuildLeaf(authority, key, key_description);
+  const X509* const certificates[] = {leaf.get(), authority.intermediate.get(),
+                                      authority.root.get()};
+  Bytes chain;
+  AppendU32(&chain, static_cast<uint32_t>(std::size(certificates)));
+  for (const X509* certificate : certificates) {
+    const Bytes der = CertificateDer(certificate);
+    AppendU32(&chain, static_cast<uint32_t>(der.size()));
+    AppendBytes(&chain, der);
+  }
+  return Reply(chain, &params[2]);
+}
+
+}  // namespace ta

@@ -1,0 +1,170 @@
+#include "attest_extension.h"
+
+#include <openssl/asn1.h>
+
+#include <initializer_list>
+#include <new>
+#include <set>
+
+#include "evp.h"
+
+namespace ta {
+namespace {
+
+constexpr uint64_t kAttestationVersion = 4;
+constexpr uint64_t kKeymasterVersion = 41;
+
+using IntegerPtr = std::unique_ptr<ASN1_INTEGER, CallFree<ASN1_INTEGER, ASN1_INTEGER_free>>;
+using EnumeratedPtr =
+    std::unique_ptr<ASN1_ENUMERATED, CallFree<ASN1_ENUMERATED, ASN1_ENUMERATED_free>>;
+
+// The fields of an AuthorizationList, by rising tag number as DER wants them.
+constexpr keymaster_tag_t kListFields[] = {
+    KM_TAG_PURPOSE,
+    KM_TAG_ALGORITHM,
+    KM_TAG_KEY_SIZE,
+    KM_TAG_DIGEST,
+    KM_TAG_PADDING,
+    KM_TAG_EC_CURVE,
+    KM_TAG_RSA_PUBLIC_EXPONENT,
+    KM_TAG_ROLLBACK_RESISTANCE,
+    KM_TAG_EARLY_BOOT_ONLY,
+    KM_TAG_ACTIVE_DATETIME,
+    KM_TAG_ORIGINATION_EXPIRE_DATETIME,
+    KM_TAG_USAGE_EXPIRE_DATETIME,
+    KM_TAG_USER_SECURE_ID,
+    KM_TAG_NO_AUTH_REQUIRED,
+    KM_TAG_USER_AUTH_TYPE,
+    KM_TAG_AUTH_TIMEOUT,
+    KM_TAG_ALLOW_WHILE_ON_BODY,
+    KM_TAG_TRUSTED_USER_PRESENCE_REQUIRED,
+    KM_TAG_TRUSTED_CONFIRMATION_REQUIRED,
+    KM_TAG_UNLOCKED_DEVICE_REQUIRED,
+    KM_TAG_ALL_APPLICATIONS,
+    KM_TAG_CREATION_DATETIME,
+    KM_TAG_ORIGIN,
+    KM_TAG_ROOT_OF_TRUST,
+    KM_TAG_OS_VERSION,
+    KM_TAG_OS_PATCHLEVEL,
+    KM_TAG_ATTESTATION_APPLICATION_ID,
+    KM_TAG_ATTESTATION_ID_BRAND,
+    KM_TAG_ATTESTATION_ID_DEVICE,
+    KM_TAG_ATTESTATION_ID_PRODUCT,
+    KM_TAG_ATTESTATION_ID_SERIAL,
+    KM_TAG_ATTESTATION_ID_IMEI,
+    KM_TAG_ATTESTATION_ID_MEID,
+    KM_TAG_ATTESTATION_ID_MANUFACTURER,
+    KM_TAG_ATTESTATION_ID_MODEL,
+    KM_TAG_VENDOR_PATCHLEVEL,
+    KM_TAG_BOOT_PATCHLEVEL,
+    KM_TAG_IDENTITY_CREDENTIAL_KEY,
+};
+
+Bytes Element(int tag, int tag_class, bool constructed, ByteView content) {
+  const int length = static_cast<int>(content.size);
+  const int total = ASN1_object_size(constructed, length, tag);
+  if (total < length) throw std::bad_alloc();
+  Bytes der(static_cast<size_t>(total) - content.size);
+  unsigned char* end = der.data();
+  ASN1_put_object(&end, constructed, length, tag, tag_class);
+  AppendBytes(&der, content);
+  return der;
+}
+
+template <typename T>
+Bytes ToDer(const T* object, int (*encode)(const T*, unsigned char**)) {
+  const int length = encode(object, nullptr);
+  if (length <= 0) throw std::bad_alloc();
+  Bytes der(static_cast<size_t>(length));
+  unsigned char* end = der.data();
+  encode(object, &end);
+  return der;
+}
+
+Bytes Integer(uint64_t value) {
+  IntegerPtr integer(ASN1_INTEGER_new());
+  if (!integer || !ASN1_INTEGER_set_uint64(integer.get(), value)) throw std::bad_alloc();
+  return ToDer<ASN1_INTEGER>(integer.get(), i2d_ASN1_INTEGER);
+}
+
+Bytes Enumerated(uint64_t value) {
+  EnumeratedPtr enumerated(ASN1_ENUMERATED_new());
+  if (!enumerated || !ASN1_ENUMERATED_set_int64(enumerated.get(), static_cast<int64_t>(value))) {
+    throw std::bad_alloc();
+  }
+  return ToDer<ASN1_ENUMERATED>(enumerated.get(), i2d_ASN1_ENUMERATED);
+}
+
+Bytes OctetString(ByteView content) {
+  return Element(V_ASN1_OCTET_STRING, V_ASN1_UNIVERSAL, false, content);
+}
+
+Bytes Boolean(bool value) {
+  return Element(V_ASN1_BOOLEAN, V_ASN1_UNIVERSAL, false,
+                 Bytes{value ? uint8_t{0xFF} : uint8_t{0}});
+}
+
+Bytes Sequence(std::initializer_list<Bytes> elements) {
+  Bytes content;
+  for (const Bytes& element : elements) AppendBytes(&content, element);
+  return Element(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, true, content);
+}
+
+// Rising values are rising encodings too: integers here are never negative.
+Bytes SetOfInteger(const ParamSet& params, uint32_t tag) {
+  std::set<uint64_t> values;
+  for (const Param& param : params) {
+    if (param.tag == tag) values.insert(param.value);
+  }
+  Bytes content;
+  for (const uint64_t value : values) AppendBytes(&content, Integer(value));
+  return Element(V_ASN1_SET, V_ASN1_UNIVERSAL, true, content);
+}
+
+// The value of one field; empty for a field that is not there.
+Bytes FieldValue(const ParamSet& params, keymaster_tag_t tag) {
+  const Param* const param = params.Find(tag);
+  if (param == nullptr) return {};
+  if (tag == KM_TAG_ROOT_OF_TRUST) return param->bytes;
+  switch (keymaster_tag_get_type(tag)) {
+    case KM_ENUM_REP:
+    case KM_UINT_REP:
+    case KM_ULONG_REP:
+      return SetOfInteger(params, tag);
+    case KM_BOOL:
+      return params.IsTrue(tag) ? Element(V_ASN1_NULL, V_ASN1_UNIVERSAL, false, {}) : Bytes();
+    case KM_BYTES:
+      return OctetString(param->bytes);
+    default:
+      return Integer(param->value);
+  }
+}
+
+}  // namespace
+
+Bytes EncodeRootOfTrust(const RootOfTrust& root) {
+  return Sequence({OctetString(root.verified_boot_key), Boolean(root.device_locked),
+                   Enumerated(root.verified_boot_state), OctetString(root.verified_boot_hash)});
+}
+
+Bytes EncodeAuthorizationList(const ParamSet& params) {
+  Bytes content;
+  for (const keymaster_tag_t tag : kListFields) {
+    const Bytes value = FieldValue(params, tag);
+    if (value.empty()) continue;
+    const uint32_t number = keymaster_tag_mask_type(tag);
+    AppendBytes(&content, Element(static_cast<int>(number), V_ASN1_CONTEXT_SPECIFIC, true, value));
+  }
+  return Element(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, true, content);
+}
+
+Bytes EncodeKeyDescription(ByteView challenge, const ParamSet& software_enforced,
+                           const ParamSet& tee_enforced) {
+  return Sequence({Integer(kAttestationVersion), Enumerated(KM_SECURITY_LEVEL_TRUSTED_ENVIRONMENT),
+                   Integer(kKeymasterVersion), Enumerated(KM_SECURITY_LEVEL_TRUSTED_ENVIRONMENT),
+                   OctetString(challenge), OctetString({}),
+                   EncodeAuthorizationList(software_enforced),
+                   EncodeAuthorizationList(tee_enforced)});
+}
+
+}  // namespace ta

@@ -1,0 +1,109 @@
+#include "auth.h"
+
+#include "attest_extension.h"
+#include "commands.h"
+#include "device_state.h"
+#include "hmac_sharing.h"
+
+namespace ta {
+namespace {
+
+constexpr size_t kSignedSize = 37;
+constexpr char kVerificationLabel[] = "Auth Verification";
+
+constexpr keymaster_tag_t kVerifiableTags[] = {KM_TAG_USER_SECURE_ID, KM_TAG_USER_AUTH_TYPE,
+                                               KM_TAG_AUTH_TIMEOUT};
+
+uint64_t BigEndian(ByteView bytes) {
+  uint64_t value = 0;
+  for (const uint8_t byte : bytes) value = value << 8 | byte;
+  return value;
+}
+
+void AppendBigEndian(Bytes* out, uint64_t value, size_t size) {
+  for (size_t i = size; i > 0; --i) out->push_back(static_cast<uint8_t>(value >> (8 * (i - 1))));
+}
+
+ParamSet Verifiable(const ParamSet& params) {
+  ParamSet verifiable;
+  for (const keymaster_tag_t tag : kVerifiableTags) {
+    for (const Param& param : params) {
+      if (param.tag == static_cast<uint32_t>(tag)) verifiable.Add(param);
+    }
+  }
+  return verifiable;
+}
+
+Bytes VerificationToken(uint64_t challenge, const ParamSet& verified) {
+  const uint64_t timestamp = MillisSinceBoot();
+  constexpr uint32_t kLevel = KM_SECURITY_LEVEL_TRUSTED_ENVIRONMENT;
+  Bytes message(kVerificationLabel, kVerificationLabel + sizeof(kVerificationLabel) - 1);
+  AppendBigEndian(&message, challenge, sizeof(challenge));
+  AppendBigEndian(&message, timestamp, sizeof(timestamp));
+  AppendBigEndian(&message, kLevel, sizeof(kLevel));
+  if (!verified.empty()) AppendBytes(&message, EncodeAuthorizationList(verified));
+
+  Bytes token;
+  AppendU64(&token, challenge);
+  AppendU64(&token, timestamp);
+  AppendU64(&token, 0);
+  AppendU32(&token, kLevel);
+  AppendU32(&token, 0);
+  AppendBytes(&token, SharedHmac(message));
+  return token;
+}
+
+}  // namespace
+
+bool AuthTokenValid(ByteView bytes, AuthToken* token) {
+  ByteReader reader(bytes);
+  uint8_t version = 0;
+  ByteView type, timestamp;
+  if (bytes.size != kAuthTokenSize || !reader.TakeU8(&version) || version != 0 ||
+      !reader.TakeU64(&token->challenge) || !reader.TakeU64(&token->user_id) ||
+      !reader.TakeU64(&token->authenticator_id) || !reader.TakeBytes(4, &type) ||
+      !reader.TakeBytes(8, &timestamp)) {
+    return false;
+  }
+  token->authenticator_type = static_cast<uint32_t>(BigEndian(type));
+  token->timestamp = BigEndian(timestamp);
+  const Bytes mac = SharedHmac(ByteView(bytes.data, kSignedSize));
+  return CRYPTO_memcmp(mac.data(), reader.rest().data, mac.size()) == 0;
+}
+
+bool AuthTokenSatisfies(const AuthToken& token, const ParamSet& params) {
+  const std::optional<uint64_t> types = params.Value(KM_TAG_USER_AUTH_TYPE);
+  if (types && (*types & token.authenticator_type) == 0) return false;
+  return !params.Contains(KM_TAG_USER_SECURE_ID) ||
+         params.Contains(KM_TAG_USER_SECURE_ID, token.user_id) ||
+         params.Contains(KM_TAG_USER_SECURE_ID, token.authenticator_id);
+}
+
+bool AuthTokenFresh(const AuthToken& token, uint32_t seconds) {
+  const uint64_t now = MillisSinceBoot();
+  return token.timestamp <= now && now - token.timestamp <= uint64_t{seconds} * 1000;
+}
+
+TEEC_Result VerifyAuthorization(uint32_t, TaParam params[4]) {
+  ParamSet requested;
+  if (params[0].size != 0 && !ParseTwoLists(InputOf(params[0]), &requested)) {
+    return Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
+  ByteReader input(InputOf(params[1]));
+  uint64_t challenge = 0;
+  AuthToken token;
+  if (!input.TakeU64(&challenge) || !AuthTokenValid(input.rest(), &token)) {
+    return Fail(KM_ERROR_VERIFICATION_FAILED);
+  }
+  const std::optional<uint64_t> timeout = requested.Value(KM_TAG_AUTH_TIMEOUT);
+  if (!AuthTokenSatisfies(token, requested) ||
+      (timeout && !AuthTokenFresh(token, static_cast<uint32_t>(*timeout)))) {
+    return Fail(KM_ERROR_VERIFICATION_FAILED);
+  }
+  const ParamSet verified = Verifiable(requested);
+  const TEEC_Result result = Reply(SerializeOneList(verified), &params[2]);
+  return result != TEEC_SUCCESS ? result
+                                : Reply(VerificationToken(challenge, verified), &params[3]);
+}
+
+}  // namespace ta

@@ -1,0 +1,56 @@
+// Hardware auth tokens and their verification on behalf of another keymaster instance.
+//
+// An auth token is 69 bytes (hw_auth_token_t), without padding:
+//   0  1  version, 0
+//   1  8  challenge, little-endian: the operation it authorizes, or 0
+//   9  8  user_id, little-endian: the secure id of the user
+//  17  8  authenticator_id, little-endian: the secure id of the authenticator
+//  25  4  authenticator_type, big-endian: bits HW_AUTH_PASSWORD, HW_AUTH_FINGERPRINT
+//  29  8  timestamp, big-endian: milliseconds since boot (CLOCK_BOOTTIME)
+//  37 32  HMAC-SHA256 of bytes 0 to 36 under the shared HMAC key (hmac_sharing.h)
+//
+// The command VerifyAuthorization takes a challenge (8 bytes, little-endian) and an auth token. It
+// replies with the parameters that it checked the token against, which are those among
+// KM_TAG_USER_SECURE_ID, KM_TAG_USER_AUTH_TYPE and KM_TAG_AUTH_TIMEOUT, and with a verification
+// token of 64 bytes:
+//   0  8  challenge, little-endian
+//   8  8  timestamp, little-endian: milliseconds since boot
+//  16  8  zero
+//  24  4  security level, little-endian
+//  28  4  zero
+//  32 32  HMAC-SHA256, under the shared HMAC key, of "Auth Verification", challenge (8), timestamp
+//         (8), security level (4), these three big-endian, and the parameters as a DER
+//         AuthorizationList (attest_extension.h), nothing for none
+#ifndef TA_AUTH_H
+#define TA_AUTH_H
+
+#include "params.h"
+
+namespace ta {
+
+constexpr size_t kAuthTokenSize = 69;
+
+// What a verified token says.
+struct AuthToken {
+  uint64_t challenge = 0;
+  uint64_t user_id = 0;
+  uint64_t authenticator_id = 0;
+  uint32_t authenticator_type = 0;
+  uint64_t timestamp = 0;  // milliseconds since boot
+};
+
+// AuthTokenValid parses a token and tells whether it is well formed and its MAC is right; if not,
+// *token is unspecified.
+bool AuthTokenValid(ByteView bytes, AuthToken* token);
+
+// AuthTokenSatisfies tells whether a token is of a user and kind of authenticator that params ask
+// for: one of its ids is among the KM_TAG_USER_SECURE_IDs, if there are any, and its type is in
+// KM_TAG_USER_AUTH_TYPE, if that is there.
+bool AuthTokenSatisfies(const AuthToken& token, const ParamSet& params);
+
+// AuthTokenFresh tells whether a token is at most seconds old and not from the future.
+bool AuthTokenFresh(const AuthToken& token, uint32_t seconds);
+
+}  // namespace ta
+
+#endif  // TA_AUTH_H

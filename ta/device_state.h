@@ -1,0 +1,43 @@
+// What the TA knows about the device since it booted: how far the boot is, whether the screen is
+// locked (command DeviceLocked, whose value is 1 when only a password unlocks), the HMAC sharing.
+// It outlives the TA's process and ends with the boot: a record of another boot counts as none.
+#ifndef TA_DEVICE_STATE_H
+#define TA_DEVICE_STATE_H
+
+#include <array>
+#include <functional>
+
+#include "auth.h"
+
+namespace ta {
+
+// The state of one boot.
+struct BootState {
+  std::array<uint8_t, 32> sharing_nonce{};
+  SecureBytes shared_hmac_key;  // 32 bytes, empty while no sharing was computed
+  bool early_boot_ended = false;
+  bool locked = false;
+  bool lock_needs_password = false;
+  uint64_t locked_at = 0;  // milliseconds since boot
+};
+
+// MillisSinceBoot is the clock of auth tokens, verification tokens and locks.
+uint64_t MillisSinceBoot();
+
+// UpdateBootState applies change (may be null) to this boot's state, beginning a new one with a
+// random nonce when there is none, and returns the result. Threads and processes take turns:
+// neither this nor anything that rests on it (all of auth.h and hmac_sharing.h) may be called under
+// a StateLock.
+BootState UpdateBootState(const std::function<void(BootState*)>& change = nullptr);
+
+// EarlyBootHasEnded tells whether keys with KM_TAG_EARLY_BOOT_ONLY are to be refused.
+bool EarlyBootHasEnded();
+
+// DeviceUnlockedFor tells whether keys with KM_TAG_UNLOCKED_DEVICE_REQUIRED may be used. token is a
+// verified token or null. One that is newer than the lock, and of a password if the lock asks for
+// that, unlocks the device until the next lock.
+bool DeviceUnlockedFor(const AuthToken* token);
+
+}  // namespace ta
+
+#endif  // TA_DEVICE_STATE_H

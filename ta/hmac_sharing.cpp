@@ -1,0 +1,109 @@
+#include "hmac_sharing.h"
+
+#include <openssl/core_names.h>
+#include <openssl/hmac.h>
+#include <openssl/kdf.h>
+#include <openssl/params.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "commands.h"
+#include "device_state.h"
+#include "evp.h"
+#include "state.h"
+
+namespace ta {
+namespace {
+
+constexpr char kSeedFile[] = "hmac_sharing_seed";
+constexpr char kLabel[] = "KeymasterSharedMac";
+constexpr char kCheckMessage[] = "Keymaster HMAC Verification";
+constexpr size_t kSharingParametersSize = kSharingSeedSize + kSharingNonceSize;
+
+using KdfPtr = std::unique_ptr<EVP_KDF, CallFree<EVP_KDF, EVP_KDF_free>>;
+using KdfCtxPtr = std::unique_ptr<EVP_KDF_CTX, CallFree<EVP_KDF_CTX, EVP_KDF_CTX_free>>;
+
+// libcrypto takes the inputs of a KDF as pointers to what it only reads.
+OSSL_PARAM TextParam(const char* name, const char* text) {
+  return OSSL_PARAM_construct_utf8_string(name, const_cast<char*>(text), 0);
+}
+OSSL_PARAM BytesParam(const char* name, const void* bytes, size_t size) {
+  return OSSL_PARAM_construct_octet_string(name, const_cast<void*>(bytes), size);
+}
+
+SecureBytes DeriveSharedKey(ByteView sharing_parameters) {
+  const KdfPtr kdf(EVP_KDF_fetch(nullptr, "KBKDF", nullptr));
+  const KdfCtxPtr context(kdf ? EVP_KDF_CTX_new(kdf.get()) : nullptr);
+  const OSSL_PARAM inputs[] = {
+      TextParam(OSSL_KDF_PARAM_MAC, "CMAC"),
+      TextParam(OSSL_KDF_PARAM_CIPHER, "AES-256-CBC"),
+      TextParam(OSSL_KDF_PARAM_MODE, "counter"),
+      BytesParam(OSSL_KDF_PARAM_KEY, kKeyAgreementKey, sizeof(kKeyAgreementKey) - 1),
+      BytesParam(OSSL_KDF_PARAM_SALT, kLabel, sizeof(kLabel) - 1),
+      BytesParam(OSSL_KDF_PARAM_INFO, sharing_parameters.data, sharing_parameters.size),
+      OSSL_PARAM_construct_end()};
+  SecureBytes key(kSharedHmacSize);
+  if (!context || EVP_KDF_derive(context.get(), key.data(), key.size(), inputs) != 1) {
+    throw std::runtime_error("shared HMAC key");
+  }
+  return key;
+}
+
+Bytes Hmac(const SecureBytes& key, ByteView message) {
+  Bytes mac(kSharedHmacSize);
+  if (HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), message.data, message.size,
+           mac.data(), nullptr) == nullptr) {
+    throw std::runtime_error("HMAC");
+  }
+  return mac;
+}
+
+SecureBytes OwnParameters(const BootState& state) {
+  SecureBytes own = LoadOrCreateSecret(kSeedFile, kSharingSeedSize);
+  AppendBytes(&own, ByteView(state.sharing_nonce.data(), state.sharing_nonce.size()));
+  return own;
+}
+
+bool ContainsOwn(ByteView sharing_parameters, const SecureBytes& own) {
+  ByteReader reader(sharing_parameters);
+  ByteView one;
+  while (reader.TakeBytes(kSharingParametersSize, &one)) {
+    if (std::equal(one.begin(), one.end(), own.begin(), own.end())) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+Bytes SharedHmac(ByteView message) {
+  const BootState state = UpdateBootState();
+  const bool shared = !state.shared_hmac_key.empty();
+  return Hmac(shared ? state.shared_hmac_key : DeriveSharedKey(OwnParameters(state)), message);
+}
+
+TEEC_Result GetHmacSharingParameters(uint32_t, TaParam params[4]) {
+  const SecureBytes own = OwnParameters(UpdateBootState());
+  const TEEC_Result seed = Reply(ByteView(own.data(), kSharingSeedSize), &params[0]);
+  const TEEC_Result nonce =
+      Reply(ByteView(own.data() + kSharingSeedSize, kSharingNonceSize), &params[1]);
+  return seed != TEEC_SUCCESS ? seed : nonce;
+}
+
+TEEC_Result ComputeSharedHmac(uint32_t, TaParam params[4]) {
+  const ByteView all = InputOf(params[0]);
+  if (all.size % kSharingParametersSize != 0 ||
+      !ContainsOwn(all, OwnParameters(UpdateBootState()))) {
+    return Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
+  const SecureBytes key = DeriveSharedKey(all);
+  const ByteView message(reinterpret_cast<const uint8_t*>(kCheckMessage),
+                         sizeof(kCheckMessage) - 1);
+  const TEEC_Result result = Reply(Hmac(key, message), &params[1]);
+  if (result == TEEC_SUCCESS) {
+    UpdateBootState([&key](BootState* state) { state->shared_hmac_key = key; });
+  }
+  return result;
+}
+
+}  // namespace ta
