@@ -1,4 +1,6 @@
-// The platform's event-reporting library.
+// The platform's event-reporting library. On the host a sent event is one line of JSON, appended to
+// the file that the environment variable QAVIX_EVENTS names ("-" for standard error); without it
+// events are accepted and dropped.
 #ifndef QAVIX_H
 #define QAVIX_H
 

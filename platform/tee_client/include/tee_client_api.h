@@ -1,5 +1,9 @@
 // The GlobalPlatform TEE Client API as the keymaster library is built against it: standard names
 // and codes, with 32-bit reference sizes.
+//
+// On the host two environment variables help to watch and to test a caller: TEE_TRACE=1 prints a
+// line a command on standard error, and TEE_FAULT="cmd=2,code=0xFFFF000C" (or with ",times=N")
+// has the next command 2 (or the next N) fail with that code.
 #ifndef TEE_CLIENT_API_H
 #define TEE_CLIENT_API_H
 
@@ -80,7 +84,7 @@ typedef union {
 } TEEC_Parameter;
 
 typedef struct {
-  uint32_t started;
+  uint32_t started;  // not 0: the record is filled and may be used
   uint32_t paramTypes;
   TEEC_Parameter params[4];
   // The client library's own.
@@ -90,9 +94,10 @@ typedef struct {
 
 // Connects to the TEE. A null name is the default TEE, the only one here.
 TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context);
-// Releases a context. Its sessions must not be used afterwards.
+// Releases a context and closes what is still open in it. Its sessions must not be used afterwards.
 void TEEC_FinalizeContext(TEEC_Context* context);
-// Opens a session to the TA of that UUID. return_origin (may be null) tells who made the result.
+// Opens a session to the TA of that UUID. connection_method is 0 (public) or 7 (the platform's
+// own). operation and return_origin may be null; return_origin tells who made the result.
 TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
                              const TEEC_UUID* destination, uint32_t connection_method,
                              const void* connection_data, TEEC_Operation* operation,

@@ -1,4 +1,5 @@
-// The platform's watchdog: guards a call that may hang in the secure world.
+// The platform's watchdog: guards a call that may hang in the secure world. On the host the
+// environment variable ZUBREL_UNIT_MS sets how many milliseconds pass for a second.
 #ifndef ZUBREL_H
 #define ZUBREL_H
 
@@ -12,7 +13,8 @@ int zubrel_init(void);
 // the watchdog's thread. label is copied. Returns the bracket's id, negative on failure.
 int __zubrel_start_ex(const char* label, unsigned timeout, void (*callback)(void*), void* arg,
                       unsigned flags);
-// Closes the bracket of that id. 0 on success, negative for an id that is not open.
+// Closes the bracket of that id, once its callback has returned if it is running. 0 on success,
+// negative for an id that is not open.
 int zubrel_end(int id);
 
 #ifdef __cplusplus

@@ -1,4 +1,5 @@
-// The platform's log: one line a message, filtered by ANDROID_LOG_TAGS.
+// The platform's log. On the host it goes to standard error, filtered by the environment variable
+// ANDROID_LOG_TAGS as logcat reads it ("KeyMaster:I *:S"); without it errors are shown.
 #ifndef ANDROID_LOG_H
 #define ANDROID_LOG_H
 

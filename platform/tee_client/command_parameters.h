@@ -1,0 +1,62 @@
+// The parameters of one command, on both sides of the border: the caller's operation, and the
+// copies of it that the TA works on.
+#ifndef PLATFORM_TEE_CLIENT_COMMAND_PARAMETERS_H
+#define PLATFORM_TEE_CLIENT_COMMAND_PARAMETERS_H
+
+#include <trusted_app.h>
+
+#include <cstddef>
+
+// A result and who made it, one of TEEC_ORIGIN_*.
+struct Reply {
+  TEEC_Result result;
+  uint32_t origin;
+};
+
+// SecretBytes owns a zeroed buffer and wipes it before it is released.
+class SecretBytes {
+ public:
+  SecretBytes() = default;
+  ~SecretBytes();
+  SecretBytes(const SecretBytes&) = delete;
+  SecretBytes& operator=(const SecretBytes&) = delete;
+  // Allocate is called once; false when there is no memory.
+  bool Allocate(size_t size);
+  uint8_t* data() const { return data_; }
+
+ private:
+  uint8_t* data_ = nullptr;
+  size_t size_ = 0;
+};
+
+class CommandParameters {
+ public:
+  static constexpr uint32_t kCount = 4;
+
+  // CopyIn checks an operation (null: no parameters) and copies what travels into the TA.
+  TEEC_Result CopyIn(const TEEC_Operation* operation);
+  // CopyOut takes what the TA answered and hands back what travels out of it: sizes with success
+  // and with TEEC_ERROR_SHORT_BUFFER, contents with success only. A TA that claims to have
+  // produced more than fits is answered for with TEEC_ERROR_SHORT_BUFFER.
+  Reply CopyOut(Reply ta, TEEC_Operation* operation) const;
+
+  uint32_t types() const { return types_; }
+  uint32_t TypeOf(uint32_t index) const { return TEEC_PARAM_TYPE_GET(types_, index); }
+  // The size that the caller gave for a memory reference.
+  uint32_t CapacityOf(uint32_t index) const { return caller_[index].tmpref.size; }
+  TaParam* ta_params() { return ta_; }
+  const TaParam* ta_params() const { return ta_; }
+
+ private:
+  TEEC_Result CopyReferenceIn(uint32_t index);
+
+  uint32_t types_ = 0;
+  // As the operation stood at the start: the caller's own record may change under the command.
+  TEEC_Parameter caller_[kCount] = {};
+  SecretBytes copies_[kCount];
+  TaParam ta_[kCount];
+};
+
+bool IsMemoryReference(uint32_t type);
+
+#endif  // PLATFORM_TEE_CLIENT_COMMAND_PARAMETERS_H
