@@ -1,0 +1,53 @@
+// attest
+
+#include "commands.h"
+#include "errors.h"
+#include "key_options.h"
+#include "pem.h"
+
+namespace {
+
+struct AttestArgs {
+  KeyArgs key;
+  std::string challenge;
+  std::string attest_app_id = "keymasterctl";
+  std::vector<std::string> extra;
+  std::string out = "-";
+};
+
+void RunAttest(const AttestArgs& args) {
+  const Key key(args.key);
+  ParamList params;
+  AddBinding(args.key.binding, &params);
+  params.Add(KM_TAG_ATTESTATION_CHALLENGE, ParseBytes(args.challenge));
+  params.Add(KM_TAG_ATTESTATION_APPLICATION_ID, ParseBytes(args.attest_app_id));
+  for (const std::string& text : args.extra) params.AddText(text);
+  Session session;
+  OwnedChain chain;
+  Check("attest", session->TivasKmAttestKey(key.blob(), params.set(), &chain));
+  Bytes pem;
+  for (size_t i = 0; i < chain.entry_count; ++i) {
+    const Bytes one = ToPem("CERTIFICATE", chain.entries[i]);
+    pem.insert(pem.end(), one.begin(), one.end());
+  }
+  WriteFile(args.out, pem);
+}
+
+}  // namespace
+
+void AddAttestCommands(const Registry& registry) {
+  const auto [command, args] = AddCommand<AttestArgs>(
+      registry, "attest", "Write a certificate chain that tells what a key is, leaf first (PEM)",
+      "attest --key k.blob --challenge 0x0102030405060708 --out chain.pem", RunAttest);
+  AddKeyOptions(command, &args->key);
+  command
+      ->add_option("--challenge", args->challenge,
+                   "What the verifier asked for: text, 0x and hexadecimal, or @FILE")
+      ->required();
+  command->add_option("--attest-app-id", args->attest_app_id,
+                      "Attestation application id, likewise (default keymasterctl)");
+  command->add_option("--param", args->extra,
+                      "Any other attestation parameter as NAME=VALUE, such as "
+                      "attestation-id-brand=TEXT");
+  command->add_option("-o,--out", args->out, "Chain file, - for standard output (default)");
+}

@@ -1,0 +1,135 @@
+// import, import-wrapped
+
+#include <openssl/crypto.h>
+
+#include "commands.h"
+#include "errors.h"
+#include "key_options.h"
+#include "names.h"
+#include "pem.h"
+
+namespace {
+
+struct ImportArgs {
+  NewKeyArgs key;
+  std::string in = "-";
+  bool raw = false;
+};
+
+// Wiped wipes secret bytes when it goes.
+struct Wiped {
+  Bytes bytes;
+  explicit Wiped(Bytes content) : bytes(std::move(content)) {}
+  ~Wiped() { OPENSSL_cleanse(bytes.data(), bytes.size()); }
+  Wiped(const Wiped&) = delete;
+  Wiped& operator=(const Wiped&) = delete;
+};
+
+void Import(const NewKeyArgs& args, keymaster_key_format_t format, const Bytes& material) {
+  ParamList params;
+  FillNewKeyParams(args, &params);
+  const keymaster_blob_t data = View(material);
+  Session session;
+  OwnedKeyBlob blob;
+  Check("import", session->TivasKmImportKey(params.set(), format, &data, &blob, nullptr));
+  WriteKey(args.path, blob);
+}
+
+void ImportRaw(NewKeyArgs args, const Bytes& material) {
+  if (!args.algorithm) args.algorithm = KM_ALGORITHM_AES;
+  if (!args.size) {
+    // Of the 192 bits of a triple DES key 168 count.
+    const size_t bits = *args.algorithm == KM_ALGORITHM_TRIPLE_DES ? 7 : 8;
+    args.size = static_cast<uint32_t>(material.size() * bits);
+  }
+  Import(args, KM_KEY_FORMAT_RAW, material);
+}
+
+void ImportPrivate(NewKeyArgs args, const Bytes& file) {
+  PrivateKey key = ReadPrivateKey(file);
+  const Wiped pkcs8(std::move(key.pkcs8));
+  if (args.algorithm && *args.algorithm != key.algorithm) {
+    throw Failure("the input is a key for " + ValueName(KM_TAG_ALGORITHM, key.algorithm));
+  }
+  args.algorithm = key.algorithm;
+  if (!args.size) args.size = key.size;
+  if (!args.exponent) args.exponent = key.exponent;
+  Import(args, KM_KEY_FORMAT_PKCS8, pkcs8.bytes);
+}
+
+void RunImport(const ImportArgs& args) {
+  const Wiped file(ReadFile(args.in));
+  if (args.raw) {
+    ImportRaw(args.key, file.bytes);
+  } else {
+    ImportPrivate(args.key, file.bytes);
+  }
+}
+
+struct WrappedArgs {
+  std::string path;
+  std::string wrapped;
+  std::string wrapping_key;
+  std::string mask = std::string(64, '0');
+  std::optional<uint32_t> digest;
+  uint64_t password_sid = 0;
+  uint64_t biometric_sid = 0;
+};
+
+// With a digest of the user's own the library's defaults, which say SHA-1, do not apply.
+void AddUnwrappingParams(uint32_t digest, ParamList* params) {
+  params->Add(KM_TAG_DIGEST, digest);
+  params->Add(KM_TAG_PADDING, KM_PAD_RSA_OAEP);
+  params->Add(KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY);
+}
+
+void RunImportWrapped(const WrappedArgs& args) {
+  const Bytes wrapped = ReadFile(args.wrapped);
+  const Bytes wrapping = ReadFile(args.wrapping_key);
+  const std::optional<Bytes> mask_digits = ParseHex(args.mask);
+  const Wiped mask(mask_digits ? *mask_digits : ReadFile(args.mask));
+  const keymaster_key_blob_t wrapped_view = KeyView(wrapped);
+  const keymaster_key_blob_t wrapping_view = KeyView(wrapping);
+  const keymaster_key_blob_t mask_view = KeyView(mask.bytes);
+  ParamList params;
+  if (args.digest) AddUnwrappingParams(*args.digest, &params);
+  Session session;
+  OwnedKeyBlob blob;
+  Check("import of the wrapped key",
+        session->TivasKmImportWrappedKeyNew(&wrapped_view, &wrapping_view, &mask_view, params.set(),
+                                            args.password_sid, args.biometric_sid, &blob, nullptr));
+  WriteKey(args.path, blob);
+}
+
+}  // namespace
+
+void AddImportCommands(const Registry& registry) {
+  {
+    const auto [command, args] = AddCommand<ImportArgs>(
+        registry, "import", "Import an RSA or EC private key (PEM or DER), or a symmetric key",
+        "import --in private.pem --key k.blob", RunImport);
+    AddNewKeyOptions(command, &args->key);
+    command->add_option("-i,--in", args->in, "Key to import, - for standard input (default)");
+    command->add_flag("--raw", args->raw,
+                      "The input is the bytes of a symmetric key (default algorithm aes)");
+  }
+  {
+    const auto [command, args] = AddCommand<WrappedArgs>(
+        registry, "import-wrapped", "Import a key that was wrapped for this device",
+        "import-wrapped --wrapped key.der --wrapping-key wrap.blob --key k.blob", RunImportWrapped);
+    command->add_option("-k,--key", args->path, "Key file to write")->required();
+    command->add_option("--wrapped", args->wrapped, "Wrapped key (DER)")->required();
+    command
+        ->add_option("--wrapping-key", args->wrapping_key,
+                     "Key file of the wrapping key, an RSA key with purpose wrap-key")
+        ->required();
+    command->add_option("--mask", args->mask,
+                        "Masking key: hexadecimal, or a file (default: 32 zero bytes)");
+    command->add_option("--digest", args->digest, "Digest of OAEP (default sha1)")
+        ->transform(NameOf(KM_TAG_DIGEST));
+    command->add_option("--password-sid", args->password_sid,
+                        "Secure id of the user's password, for a key bound to it");
+    command->add_option("--biometric-sid", args->biometric_sid,
+                        "Secure id of the user's fingerprint, likewise");
+  }
+}

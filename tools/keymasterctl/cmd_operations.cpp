@@ -1,0 +1,202 @@
+// sign, verify, encrypt, decrypt
+//
+// A ciphertext is the nonce (GCM: 12 bytes; CBC and CTR: one block; ECB and RSA: none), then what
+// the TA puts out, which in GCM ends with the tag. With --nonce the nonce is not part of it.
+
+#include <openssl/crypto.h>
+
+#include "auth_token.h"
+#include "commands.h"
+#include "errors.h"
+#include "names.h"
+#include "operation.h"
+#include "progress.h"
+
+namespace {
+
+constexpr size_t kPiece = 1u << 20;
+
+struct OperationArgs {
+  KeyArgs key;
+  std::string in = "-";
+  std::string out = "-";
+  std::string signature;
+  OperationChoice choice;
+  std::string aad;
+  std::optional<std::string> nonce;
+  std::optional<std::string> token_path;
+  std::optional<uint64_t> sid;
+};
+
+// Returns the token that the options give for an operation: 0 for begin, then by its handle.
+Bytes TokenFor(const OperationArgs& args, Session& session, uint64_t challenge) {
+  if (args.token_path) return ReadFile(*args.token_path);
+  AuthTokenArgs token;
+  token.sid = args.sid.value_or(0);
+  token.challenge = challenge;
+  return MakeAuthToken(token, SharingParameters(session));
+}
+
+bool Authenticates(const OperationArgs& args) { return args.token_path || args.sid; }
+
+void AddTokenParam(const OperationArgs& args, Session& session, ParamList* params) {
+  if (Authenticates(args)) params->Add(KM_TAG_AUTH_TOKEN, TokenFor(args, session, 0));
+}
+
+void Authenticate(const OperationArgs& args, Session& session, Operation* operation) {
+  if (Authenticates(args)) {
+    operation->SetAuthToken(TokenFor(args, session, operation->handle()));
+  }
+}
+
+// Runs the input through the operation, the last piece with finish.
+void Stream(Operation* operation, Input* input, const Bytes* signature, Output* output) {
+  Progress progress(input->size());
+  Bytes piece = input->Read(kPiece);
+  while (true) {
+    Bytes next = input->Read(kPiece);
+    const bool last = next.empty();
+    Bytes result = last ? operation->Finish(piece, signature) : operation->Update(piece);
+    if (output != nullptr) output->Write(result);
+    OPENSSL_cleanse(result.data(), result.size());
+    OPENSSL_cleanse(piece.data(), piece.size());
+    progress.Add(piece.size());
+    if (last) return;
+    piece = std::move(next);
+  }
+}
+
+void RunSign(const OperationArgs& args) {
+  Session session;
+  const Key key(args.key);
+  Input input(args.in);
+  ParamList params;
+  PlanOperation(session, key, KM_PURPOSE_SIGN, args.choice, &params);
+  AddTokenParam(args, session, &params);
+  Operation operation(session, KM_PURPOSE_SIGN, key, &params);
+  Authenticate(args, session, &operation);
+  Output output(args.out, Output::Access::kByUmask, Output::Release::kAsItComes);
+  Stream(&operation, &input, nullptr, &output);
+  output.Commit();
+}
+
+void RunVerify(const OperationArgs& args) {
+  Session session;
+  const Key key(args.key);
+  const Bytes signature = ReadFile(args.signature);
+  Input input(args.in);
+  ParamList params;
+  PlanOperation(session, key, KM_PURPOSE_VERIFY, args.choice, &params);
+  AddTokenParam(args, session, &params);
+  Operation operation(session, KM_PURPOSE_VERIFY, key, &params);
+  Authenticate(args, session, &operation);
+  Stream(&operation, &input, &signature, nullptr);
+  printf("signature is valid\n");
+}
+
+void RunEncrypt(const OperationArgs& args) {
+  Session session;
+  const Key key(args.key);
+  Input input(args.in);
+  ParamList params;
+  PlanOperation(session, key, KM_PURPOSE_ENCRYPT, args.choice, &params);
+  AddTokenParam(args, session, &params);
+  if (args.nonce) params.Add(KM_TAG_NONCE, ParseBytes(*args.nonce));
+  Operation operation(session, KM_PURPOSE_ENCRYPT, key, &params);
+  Authenticate(args, session, &operation);
+  if (!args.aad.empty()) operation.AddAssociatedData(ParseBytes(args.aad));
+  Output output(args.out, Output::Access::kByUmask, Output::Release::kAsItComes);
+  if (!args.nonce) output.Write(operation.nonce());
+  Stream(&operation, &input, nullptr, &output);
+  output.Commit();
+}
+
+void RunDecrypt(const OperationArgs& args) {
+  Session session;
+  const Key key(args.key);
+  Input input(args.in);
+  ParamList params;
+  const OperationPlan plan = PlanOperation(session, key, KM_PURPOSE_DECRYPT, args.choice, &params);
+  AddTokenParam(args, session, &params);
+  const Bytes nonce = args.nonce ? ParseBytes(*args.nonce) : input.Read(plan.nonce_length);
+  if (!args.nonce && nonce.size() != plan.nonce_length) {
+    throw Failure("the input is too short: it begins with a nonce of " +
+                  std::to_string(plan.nonce_length) + " bytes");
+  }
+  if (!nonce.empty()) params.Add(KM_TAG_NONCE, nonce);
+  Operation operation(session, KM_PURPOSE_DECRYPT, key, &params);
+  Authenticate(args, session, &operation);
+  if (!args.aad.empty()) operation.AddAssociatedData(ParseBytes(args.aad));
+  // Nothing that a tag has yet to confirm may be taken for the plaintext.
+  Output output(
+      args.out, Output::Access::kByUmask,
+      plan.mode == KM_MODE_GCM ? Output::Release::kAtCommit : Output::Release::kAsItComes);
+  Stream(&operation, &input, nullptr, &output);
+  output.Commit();
+}
+
+void AddCommonOptions(CLI::App* command, OperationArgs* args) {
+  AddKeyOptions(command, &args->key);
+  command->add_option("-i,--in", args->in, "Input file, - for standard input (default)");
+  command->add_option("--digest", args->choice.digest, "Digest (default: sha256 if allowed)")
+      ->transform(NameOf(KM_TAG_DIGEST));
+  command->add_option("--padding", args->choice.padding, "Padding (default: one that is allowed)")
+      ->transform(NameOf(KM_TAG_PADDING));
+  CLI::Option* token = command->add_option("--auth-token", args->token_path,
+                                           "File with an auth token, for a key that needs a user");
+  command
+      ->add_option("--auth-sid", args->sid,
+                   "Authenticate this operation as the user with this secure id")
+      ->excludes(token);
+}
+
+void AddSignOptions(CLI::App* command, OperationArgs* args) {
+  AddCommonOptions(command, args);
+  command->add_option("-o,--out", args->out, "Signature file, - for standard output (default)");
+  command->add_option("--mac-length", args->choice.mac_length,
+                      "Bits of an HMAC (default: the digest's)");
+}
+
+void AddCipherOptions(CLI::App* command, OperationArgs* args, const char* nonce) {
+  AddCommonOptions(command, args);
+  command->add_option("-o,--out", args->out, "Output file, - for standard output (default)");
+  command->add_option("--mode", args->choice.mode, "Block mode (default: one that is allowed)")
+      ->transform(NameOf(KM_TAG_BLOCK_MODE));
+  command->add_option("--mac-length", args->choice.mac_length, "Bits of the tag (default 128)");
+  command->add_option("--aad", args->aad, "Associated data: text, 0x and hexadecimal, or @FILE");
+  command->add_option("--nonce", args->nonce, nonce);
+}
+
+}  // namespace
+
+void AddOperationCommands(const Registry& registry) {
+  {
+    const auto [command, args] =
+        AddCommand<OperationArgs>(registry, "sign", "Sign data, or make an HMAC of it",
+                                  "sign --key k.blob --in letter.txt --out letter.sig", RunSign);
+    AddSignOptions(command, args);
+  }
+  {
+    const auto [command, args] = AddCommand<OperationArgs>(
+        registry, "verify", "Verify a signature or an HMAC; status 1 when it is not valid",
+        "verify --key k.blob --in letter.txt --signature letter.sig", RunVerify);
+    AddCommonOptions(command, args);
+    command->add_option("--signature", args->signature, "Signature file")->required();
+  }
+  {
+    const auto [command, args] = AddCommand<OperationArgs>(
+        registry, "encrypt",
+        "Encrypt data. The output is the nonce (gcm 12 bytes; cbc, ctr one block), the ciphertext "
+        "and, with gcm, the tag",
+        "encrypt --key k.blob --in plain.txt --out secret.bin", RunEncrypt);
+    AddCipherOptions(command, args,
+                     "Nonce, likewise; the output is then without it (key: --caller-nonce)");
+  }
+  {
+    const auto [command, args] = AddCommand<OperationArgs>(
+        registry, "decrypt",
+        "Decrypt what encrypt put out. With gcm nothing is put out unless the tag is right",
+        "decrypt --key k.blob --in secret.bin --out plain.txt", RunDecrypt);
+    AddCipherOptions(command, args, "Nonce, likewise; the input is then without it");
+  }
+}

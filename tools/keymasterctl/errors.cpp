@@ -1,0 +1,198 @@
+#include "errors.h"
+
+#include <errno.h>
+#include <hardware/keymaster_defs.h>
+#include <string.h>
+
+namespace {
+
+struct Named {
+  uint32_t code;
+  const char* name;
+};
+
+#define KM_NAMED(name) \
+  { static_cast<uint32_t>(name), #name }
+
+constexpr Named kNames[] = {
+    KM_NAMED(KM_ERROR_ROOT_OF_TRUST_ALREADY_SET),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_PURPOSE),
+    KM_NAMED(KM_ERROR_INCOMPATIBLE_PURPOSE),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_ALGORITHM),
+    KM_NAMED(KM_ERROR_INCOMPATIBLE_ALGORITHM),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_KEY_SIZE),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_BLOCK_MODE),
+    KM_NAMED(KM_ERROR_INCOMPATIBLE_BLOCK_MODE),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_MAC_LENGTH),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_PADDING_MODE),
+    KM_NAMED(KM_ERROR_INCOMPATIBLE_PADDING_MODE),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_DIGEST),
+    KM_NAMED(KM_ERROR_INCOMPATIBLE_DIGEST),
+    KM_NAMED(KM_ERROR_INVALID_EXPIRATION_TIME),
+    KM_NAMED(KM_ERROR_INVALID_USER_ID),
+    KM_NAMED(KM_ERROR_INVALID_AUTHORIZATION_TIMEOUT),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_KEY_FORMAT),
+    KM_NAMED(KM_ERROR_INCOMPATIBLE_KEY_FORMAT),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_KEY_ENCRYPTION_ALGORITHM),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_KEY_VERIFICATION_ALGORITHM),
+    KM_NAMED(KM_ERROR_INVALID_INPUT_LENGTH),
+    KM_NAMED(KM_ERROR_KEY_EXPORT_OPTIONS_INVALID),
+    KM_NAMED(KM_ERROR_DELEGATION_NOT_ALLOWED),
+    KM_NAMED(KM_ERROR_KEY_NOT_YET_VALID),
+    KM_NAMED(KM_ERROR_KEY_EXPIRED),
+    KM_NAMED(KM_ERROR_KEY_USER_NOT_AUTHENTICATED),
+    KM_NAMED(KM_ERROR_OUTPUT_PARAMETER_NULL),
+    KM_NAMED(KM_ERROR_INVALID_OPERATION_HANDLE),
+    KM_NAMED(KM_ERROR_INSUFFICIENT_BUFFER_SPACE),
+    KM_NAMED(KM_ERROR_VERIFICATION_FAILED),
+    KM_NAMED(KM_ERROR_TOO_MANY_OPERATIONS),
+    KM_NAMED(KM_ERROR_UNEXPECTED_NULL_POINTER),
+    KM_NAMED(KM_ERROR_INVALID_KEY_BLOB),
+    KM_NAMED(KM_ERROR_IMPORTED_KEY_NOT_ENCRYPTED),
+    KM_NAMED(KM_ERROR_IMPORTED_KEY_DECRYPTION_FAILED),
+    KM_NAMED(KM_ERROR_IMPORTED_KEY_NOT_SIGNED),
+    KM_NAMED(KM_ERROR_IMPORTED_KEY_VERIFICATION_FAILED),
+    KM_NAMED(KM_ERROR_INVALID_ARGUMENT),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_TAG),
+    KM_NAMED(KM_ERROR_INVALID_TAG),
+    KM_NAMED(KM_ERROR_MEMORY_ALLOCATION_FAILED),
+    KM_NAMED(KM_ERROR_INVALID_RESCOPING),
+    KM_NAMED(KM_ERROR_IMPORT_PARAMETER_MISMATCH),
+    KM_NAMED(KM_ERROR_SECURE_HW_ACCESS_DENIED),
+    KM_NAMED(KM_ERROR_OPERATION_CANCELLED),
+    KM_NAMED(KM_ERROR_CONCURRENT_ACCESS_CONFLICT),
+    KM_NAMED(KM_ERROR_SECURE_HW_BUSY),
+    KM_NAMED(KM_ERROR_SECURE_HW_COMMUNICATION_FAILED),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_EC_FIELD),
+    KM_NAMED(KM_ERROR_MISSING_NONCE),
+    KM_NAMED(KM_ERROR_INVALID_NONCE),
+    KM_NAMED(KM_ERROR_MISSING_MAC_LENGTH),
+    KM_NAMED(KM_ERROR_KEY_RATE_LIMIT_EXCEEDED),
+    KM_NAMED(KM_ERROR_CALLER_NONCE_PROHIBITED),
+    KM_NAMED(KM_ERROR_KEY_MAX_OPS_EXCEEDED),
+    KM_NAMED(KM_ERROR_INVALID_MAC_LENGTH),
+    KM_NAMED(KM_ERROR_MISSING_MIN_MAC_LENGTH),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_KDF),
+    KM_NAMED(KM_ERROR_UNSUPPORTED_EC_CURVE),
+    KM_NAMED(KM_ERROR_KEY_REQUIRES_UPGRADE),
+    KM_NAMED(KM_ERROR_ATTESTATION_CHALLENGE_MISSING),
+    KM_NAMED(KM_ERROR_KEYMASTER_NOT_CONFIGURED),
+    KM_NAMED(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING),
+    KM_NAMED(KM_ERROR_CANNOT_ATTEST_IDS),
+    KM_NAMED(KM_ERROR_ROLLBACK_RESISTANCE_UNAVAILABLE),
+    KM_NAMED(KM_ERROR_HARDWARE_TYPE_UNAVAILABLE),
+    KM_NAMED(KM_ERROR_PROOF_OF_PRESENCE_REQUIRED),
+    KM_NAMED(KM_ERROR_CONCURRENT_PROOF_OF_PRESENCE_REQUESTED),
+    KM_NAMED(KM_ERROR_NO_USER_CONFIRMATION),
+    KM_NAMED(KM_ERROR_DEVICE_LOCKED),
+    KM_NAMED(KM_ERROR_EARLY_BOOT_ENDED),
+    KM_NAMED(KM_ERROR_ATTESTATION_KEYS_NOT_PROVISIONED),
+    KM_NAMED(KM_ERROR_ATTESTATION_IDS_NOT_PROVISIONED),
+    KM_NAMED(KM_ERROR_INVALID_OPERATION),
+    KM_NAMED(KM_ERROR_STORAGE_KEY_UNSUPPORTED),
+    KM_NAMED(KM_ERROR_UNIMPLEMENTED),
+    KM_NAMED(KM_ERROR_VERSION_MISMATCH),
+    KM_NAMED(KM_ERROR_UNKNOWN_ERROR),
+    {0xFFFF0000u, "TEEC_ERROR_GENERIC"},
+    {0xFFFF0001u, "TEEC_ERROR_ACCESS_DENIED"},
+    {0xFFFF0002u, "TEEC_ERROR_CANCEL"},
+    {0xFFFF0003u, "TEEC_ERROR_ACCESS_CONFLICT"},
+    {0xFFFF0004u, "TEEC_ERROR_EXCESS_DATA"},
+    {0xFFFF0005u, "TEEC_ERROR_BAD_FORMAT"},
+    {0xFFFF0006u, "TEEC_ERROR_BAD_PARAMETERS"},
+    {0xFFFF0007u, "TEEC_ERROR_BAD_STATE"},
+    {0xFFFF0008u, "TEEC_ERROR_ITEM_NOT_FOUND"},
+    {0xFFFF0009u, "TEEC_ERROR_NOT_IMPLEMENTED"},
+    {0xFFFF000Au, "TEEC_ERROR_NOT_SUPPORTED"},
+    {0xFFFF000Bu, "TEEC_ERROR_NO_DATA"},
+    {0xFFFF000Cu, "TEEC_ERROR_OUT_OF_MEMORY"},
+    {0xFFFF000Du, "TEEC_ERROR_BUSY"},
+    {0xFFFF000Eu, "TEEC_ERROR_COMMUNICATION"},
+    {0xFFFF000Fu, "TEEC_ERROR_SECURITY"},
+    {0xFFFF0010u, "TEEC_ERROR_SHORT_BUFFER"},
+    {0xFFFF0011u, "TEEC_ERROR_EXTERNAL_CANCEL"},
+    {0xFFFF3024u, "TEEC_ERROR_TARGET_DEAD"},
+};
+
+struct Hint {
+  uint32_t code;
+  const char* text;
+};
+
+constexpr uint32_t Code(keymaster_error_t error) { return static_cast<uint32_t>(error); }
+
+constexpr Hint kHints[] = {
+    {Code(KM_ERROR_INVALID_KEY_BLOB),
+     "the key file is damaged, was made under another --state folder, was deleted, or needs the "
+     "--app-id and --app-data that it was made with"},
+    {Code(KM_ERROR_KEY_REQUIRES_UPGRADE), "run: keymasterctl upgrade --key FILE"},
+    {Code(KM_ERROR_KEY_USER_NOT_AUTHENTICATED),
+     "the key needs its user: give --auth-token FILE (from keymasterctl auth-token) or --auth-sid"},
+    {Code(KM_ERROR_UNSUPPORTED_PURPOSE), "the key's algorithm has no such use"},
+    {Code(KM_ERROR_INCOMPATIBLE_PURPOSE),
+     "the key was not made for this use; keymasterctl characteristics --key FILE shows its "
+     "purposes"},
+    {Code(KM_ERROR_INCOMPATIBLE_DIGEST),
+     "the key does not allow this digest; keymasterctl characteristics --key FILE lists those it "
+     "does"},
+    {Code(KM_ERROR_INCOMPATIBLE_PADDING_MODE),
+     "the key does not allow this padding; keymasterctl characteristics --key FILE lists those it "
+     "does"},
+    {Code(KM_ERROR_INCOMPATIBLE_BLOCK_MODE),
+     "the key does not allow this mode; keymasterctl characteristics --key FILE lists those it "
+     "does"},
+    {Code(KM_ERROR_CALLER_NONCE_PROHIBITED),
+     "leave --nonce out, or make the key with --caller-nonce"},
+    {Code(KM_ERROR_DEVICE_LOCKED),
+     "the device is locked: unlock it with --auth-token FILE, made after the lock"},
+    {Code(KM_ERROR_EARLY_BOOT_ENDED),
+     "the key works until early-boot-ended, and again after a boot"},
+    {Code(KM_ERROR_VERIFICATION_FAILED),
+     "the data, the signature or tag, or the key is not the one it was made with"},
+    {Code(KM_ERROR_INVALID_INPUT_LENGTH),
+     "the input does not fit: a raw RSA or unpadded block input must have its exact length, a "
+     "padded RSA input is shorter than the key, a ciphertext must be whole"},
+    {Code(KM_ERROR_UNSUPPORTED_KEY_SIZE), "choose another --size or --curve"},
+    {Code(KM_ERROR_UNSUPPORTED_KEY_FORMAT), "give an unencrypted RSA or EC private key (PKCS#8)"},
+    {Code(KM_ERROR_IMPORT_PARAMETER_MISMATCH),
+     "--size, --curve or --exponent differ from the key's own: leave them out"},
+    {Code(KM_ERROR_ROLLBACK_RESISTANCE_UNAVAILABLE), "leave --rollback-resistant out"},
+    {Code(KM_ERROR_KEY_EXPIRED), "the key's validity is over"},
+    {Code(KM_ERROR_KEY_NOT_YET_VALID), "the key's validity has not begun"},
+    {Code(KM_ERROR_INCOMPATIBLE_ALGORITHM),
+     "the key's algorithm cannot do this; keymasterctl characteristics --key FILE shows it"},
+    {0xFFFF0010u,
+     "a reply of the TA is limited to 4096 bytes: the key has too many or too long parameters"},
+    {0xFFFF3024u, "the TA died; --trace shows its last command"},
+};
+
+}  // namespace
+
+std::string ResultText(int32_t result) {
+  const uint32_t code = static_cast<uint32_t>(result);
+  const bool is_tee = code >= 0xFFFF0000u && code < 0xFFFFF000u;
+  char number[16];
+  if (is_tee) {
+    snprintf(number, sizeof(number), "0x%08X", code);
+  } else {
+    snprintf(number, sizeof(number), "%d", result);
+  }
+  for (const Named& entry : kNames) {
+    if (entry.code == code) return std::string(entry.name) + " (" + number + ")";
+  }
+  return std::string(is_tee ? "TEE result " : "result ") + number;
+}
+
+void Check(const char* what, int32_t result) {
+  if (result == 0) return;
+  std::string text = std::string(what) + " failed: " + ResultText(result);
+  for (const Hint& hint : kHints) {
+    if (hint.code == static_cast<uint32_t>(result)) text += std::string("\n  ") + hint.text;
+  }
+  throw Failure(text);
+}
+
+Failure SystemFailure(const std::string& what, const std::string& path) {
+  return Failure(what + " " + path + ": " + strerror(errno));
+}

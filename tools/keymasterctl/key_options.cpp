@@ -1,0 +1,248 @@
+#include "key_options.h"
+
+#include <time.h>
+
+#include <algorithm>
+
+#include "errors.h"
+#include "names.h"
+
+namespace {
+
+constexpr uint64_t kDefaultExponent = 65537;
+constexpr uint32_t kDefaultMinMac = 128;
+
+bool Has(const std::vector<uint32_t>& values, uint32_t value) {
+  return std::find(values.begin(), values.end(), value) != values.end();
+}
+
+template <typename T>
+void SetDefault(std::optional<T>* option, T value) {
+  if (!*option) *option = value;
+}
+
+void SetDefault(std::vector<uint32_t>* option, std::vector<uint32_t> values) {
+  if (option->empty()) *option = std::move(values);
+}
+
+bool Encrypts(const NewKeyArgs& args) {
+  return Has(args.purposes, KM_PURPOSE_ENCRYPT) || Has(args.purposes, KM_PURPOSE_DECRYPT);
+}
+
+bool Signs(const NewKeyArgs& args) {
+  return Has(args.purposes, KM_PURPOSE_SIGN) || Has(args.purposes, KM_PURPOSE_VERIFY);
+}
+
+void SetRsaDefaults(NewKeyArgs* args) {
+  SetDefault(&args->size, 2048u);
+  SetDefault(&args->exponent, kDefaultExponent);
+  SetDefault(&args->purposes, {KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY});
+  const bool wraps = Has(args->purposes, KM_PURPOSE_WRAP_KEY);
+  std::vector<uint32_t> paddings;
+  if (Signs(*args)) paddings = {KM_PAD_RSA_PKCS1_1_5_SIGN, KM_PAD_RSA_PSS};
+  if (Encrypts(*args) || wraps) paddings.push_back(KM_PAD_RSA_OAEP);
+  if (Encrypts(*args)) paddings.push_back(KM_PAD_RSA_PKCS1_1_5_ENCRYPT);
+  SetDefault(&args->paddings, paddings);
+  // A secure import without parameters of its own unwraps with SHA-1.
+  if (wraps) SetDefault(&args->digests, {KM_DIGEST_SHA_2_256, KM_DIGEST_SHA1});
+  SetDefault(&args->digests, {KM_DIGEST_SHA_2_256});
+}
+
+void SetEcDefaults(NewKeyArgs* args) {
+  constexpr uint32_t kSizes[] = {224, 256, 384, 521};  // by keymaster_ec_curve_t
+  if (!args->curve && args->size) {
+    const auto* size = std::find(std::begin(kSizes), std::end(kSizes), *args->size);
+    if (size == std::end(kSizes)) throw Failure("an EC key has 224, 256, 384 or 521 bits");
+    args->curve = static_cast<uint32_t>(size - std::begin(kSizes));
+  }
+  SetDefault(&args->curve, static_cast<uint32_t>(KM_EC_CURVE_P_256));
+  if (*args->curve < std::size(kSizes)) SetDefault(&args->size, kSizes[*args->curve]);
+  SetDefault(&args->purposes, {KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY});
+  SetDefault(&args->digests, {KM_DIGEST_SHA_2_256});
+}
+
+void SetCipherDefaults(NewKeyArgs* args) {
+  const bool aes = *args->algorithm == KM_ALGORITHM_AES;
+  SetDefault(&args->size, aes ? 256u : 168u);
+  SetDefault(&args->purposes, {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT});
+  SetDefault(&args->modes, {aes ? KM_MODE_GCM : KM_MODE_CBC});
+  std::vector<uint32_t> paddings;
+  if (Has(args->modes, KM_MODE_GCM) || Has(args->modes, KM_MODE_CTR)) paddings = {KM_PAD_NONE};
+  if (Has(args->modes, KM_MODE_CBC) || Has(args->modes, KM_MODE_ECB)) {
+    paddings.push_back(KM_PAD_PKCS7);
+  }
+  SetDefault(&args->paddings, paddings);
+  if (Has(args->modes, KM_MODE_GCM)) SetDefault(&args->min_mac, kDefaultMinMac);
+}
+
+void SetHmacDefaults(NewKeyArgs* args) {
+  SetDefault(&args->size, 256u);
+  SetDefault(&args->purposes, {KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY});
+  SetDefault(&args->digests, {KM_DIGEST_SHA_2_256});
+  SetDefault(&args->min_mac, kDefaultMinMac);
+}
+
+void SetDefaults(NewKeyArgs* args) {
+  switch (args->algorithm.value_or(0)) {
+    case KM_ALGORITHM_RSA:
+      return SetRsaDefaults(args);
+    case KM_ALGORITHM_EC:
+      return SetEcDefaults(args);
+    case KM_ALGORITHM_HMAC:
+      return SetHmacDefaults(args);
+    case KM_ALGORITHM_AES:
+    case KM_ALGORITHM_TRIPLE_DES:
+      return SetCipherDefaults(args);
+    default:
+      throw Failure("say the key's --algorithm: " + ValueNames(KM_TAG_ALGORITHM));
+  }
+}
+
+// Replaces "pkcs1" by the paddings that the key's purposes give it.
+void ResolvePkcs1(NewKeyArgs* args) {
+  std::vector<uint32_t> paddings;
+  for (uint32_t padding : args->paddings) {
+    if (padding != kPadPkcs1ByUse) {
+      paddings.push_back(padding);
+      continue;
+    }
+    if (Signs(*args)) paddings.push_back(KM_PAD_RSA_PKCS1_1_5_SIGN);
+    if (Encrypts(*args)) paddings.push_back(KM_PAD_RSA_PKCS1_1_5_ENCRYPT);
+  }
+  args->paddings = paddings;
+}
+
+void AddAll(keymaster_tag_t tag, const std::vector<uint32_t>& values, ParamList* params) {
+  for (uint32_t value : values) params->Add(tag, value);
+}
+
+template <typename T>
+void AddGiven(keymaster_tag_t tag, const std::optional<T>& value, ParamList* params) {
+  if (value) params->Add(tag, *value);
+}
+
+void AddGivenDate(keymaster_tag_t tag, const std::optional<std::string>& text, ParamList* params) {
+  if (text) params->Add(tag, ParseDate(*text));
+}
+
+void AddAuthentication(const NewKeyArgs& args, ParamList* params) {
+  if (args.auth_sids.empty()) return params->AddFlag(KM_TAG_NO_AUTH_REQUIRED);
+  for (uint64_t sid : args.auth_sids) params->Add(KM_TAG_USER_SECURE_ID, sid);
+  params->Add(KM_TAG_USER_AUTH_TYPE,
+              args.auth_type.value_or(HW_AUTH_PASSWORD | HW_AUTH_FINGERPRINT));
+  AddGiven(KM_TAG_AUTH_TIMEOUT, args.auth_timeout, params);
+}
+
+void AddAccessOptions(CLI::App* command, NewKeyArgs* args) {
+  CLI::Option* sid = command->add_option("--auth-sid", args->auth_sids,
+                                         "The key needs a user with this secure id");
+  command->add_option("--auth-type", args->auth_type, "How that user authenticates")
+      ->transform(NameOf(KM_TAG_USER_AUTH_TYPE))
+      ->needs(sid);
+  command
+      ->add_option("--auth-timeout", args->auth_timeout,
+                   "Seconds that an authentication lasts (default: each operation needs its own)")
+      ->needs(sid);
+  command->add_flag("--no-auth", args->no_auth, "The key needs no user (default)")->excludes(sid);
+  command->add_flag("--unlocked-device", args->unlocked_device, "Only on an unlocked device");
+  command->add_flag("--early-boot", args->early_boot, "Only during early boot");
+  command->add_flag("--rollback-resistant", args->rollback_resistant,
+                    "A deleted key stays deleted, also from a saved copy");
+  command->add_option("--valid-from", args->valid_from,
+                      "Not before YYYY-MM-DD[Thh:mm:ss], UTC; for all dates");
+  command->add_option("--valid-until", args->valid_until,
+                      "No new signature or encryption after this date");
+  command->add_option("--use-until", args->use_until,
+                      "No verification or decryption after this date");
+  command->add_option("--max-uses", args->max_uses, "Uses per boot");
+  command->add_option("--min-seconds", args->min_seconds, "Seconds between uses");
+}
+
+}  // namespace
+
+void AddBindingOptions(CLI::App* command, BindingArgs* args) {
+  command->add_option("--app-id", args->app_id,
+                      "Application id of the key: text, 0x and hexadecimal, or @FILE");
+  command->add_option("--app-data", args->app_data, "Application data of the key, likewise");
+}
+
+void AddKeyOptions(CLI::App* command, KeyArgs* args) {
+  command->add_option("-k,--key", args->path, "Key file")->required();
+  AddBindingOptions(command, &args->binding);
+}
+
+void AddBinding(const BindingArgs& args, ParamList* params) {
+  if (args.app_id) params->Add(KM_TAG_APPLICATION_ID, ParseBytes(*args.app_id));
+  if (args.app_data) params->Add(KM_TAG_APPLICATION_DATA, ParseBytes(*args.app_data));
+}
+
+Key::Key(const KeyArgs& args) : material_(ReadFile(args.path)) {
+  if (material_.empty()) throw Failure(args.path + " is empty: no key file");
+  blob_ = KeyView(material_);
+  if (args.binding.app_id) {
+    app_id_ = ParseBytes(*args.binding.app_id);
+    app_id_view_ = View(*app_id_);
+  }
+  if (args.binding.app_data) {
+    app_data_ = ParseBytes(*args.binding.app_data);
+    app_data_view_ = View(*app_data_);
+  }
+}
+
+void AddNewKeyOptions(CLI::App* command, NewKeyArgs* args) {
+  const auto add_names = [command](const char* name, std::vector<uint32_t>* values,
+                                   keymaster_tag_t tag, const char* what) {
+    command->add_option(name, *values, what)->delimiter(',')->transform(NameOf(tag));
+  };
+  command->add_option("-k,--key", args->path, "Key file to write")->required();
+  command->add_option("-a,--algorithm", args->algorithm, "Algorithm")
+      ->transform(NameOf(KM_TAG_ALGORITHM));
+  command->add_option("-s,--size", args->size, "Key size in bits");
+  command->add_option("--curve", args->curve, "Curve of an EC key (default p256)")
+      ->transform(NameOf(KM_TAG_EC_CURVE));
+  add_names("--purpose", &args->purposes, KM_TAG_PURPOSE, "Uses (default: the algorithm's pair)");
+  add_names("--digest", &args->digests, KM_TAG_DIGEST, "Digests (default sha256)");
+  add_names("--padding", &args->paddings, KM_TAG_PADDING, "Paddings (default: by the uses)");
+  add_names("--mode", &args->modes, KM_TAG_BLOCK_MODE, "Block modes (default gcm; 3des: cbc)");
+  command->add_option("--exponent", args->exponent, "Public exponent of RSA (default 65537)");
+  command->add_option("--min-mac", args->min_mac, "Smallest tag or MAC, in bits (default 128)");
+  command->add_flag("--caller-nonce", args->caller_nonce, "The caller may choose the nonce");
+  AddBindingOptions(command, &args->binding);
+  AddAccessOptions(command, args);
+  command->add_option("--param", args->extra,
+                      "Any other parameter as NAME=VALUE, named as characteristics shows it");
+}
+
+void FillNewKeyParams(NewKeyArgs args, ParamList* params) {
+  SetDefaults(&args);
+  ResolvePkcs1(&args);
+  params->Add(KM_TAG_ALGORITHM, *args.algorithm);
+  AddGiven(KM_TAG_KEY_SIZE, args.size, params);
+  AddGiven(KM_TAG_EC_CURVE, args.curve, params);
+  AddGiven(KM_TAG_RSA_PUBLIC_EXPONENT, args.exponent, params);
+  AddAll(KM_TAG_PURPOSE, args.purposes, params);
+  AddAll(KM_TAG_DIGEST, args.digests, params);
+  AddAll(KM_TAG_PADDING, args.paddings, params);
+  AddAll(KM_TAG_BLOCK_MODE, args.modes, params);
+  AddGiven(KM_TAG_MIN_MAC_LENGTH, args.min_mac, params);
+  AddAuthentication(args, params);
+  AddBinding(args.binding, params);
+  if (args.caller_nonce) params->AddFlag(KM_TAG_CALLER_NONCE);
+  if (args.unlocked_device) params->AddFlag(KM_TAG_UNLOCKED_DEVICE_REQUIRED);
+  if (args.early_boot) params->AddFlag(KM_TAG_EARLY_BOOT_ONLY);
+  if (args.rollback_resistant) params->AddFlag(KM_TAG_ROLLBACK_RESISTANCE);
+  AddGivenDate(KM_TAG_ACTIVE_DATETIME, args.valid_from, params);
+  AddGivenDate(KM_TAG_ORIGINATION_EXPIRE_DATETIME, args.valid_until, params);
+  AddGivenDate(KM_TAG_USAGE_EXPIRE_DATETIME, args.use_until, params);
+  AddGiven(KM_TAG_MAX_USES_PER_BOOT, args.max_uses, params);
+  AddGiven(KM_TAG_MIN_SECONDS_BETWEEN_OPS, args.min_seconds, params);
+  for (const std::string& text : args.extra) params->AddText(text);
+  if (!params->Contains(KM_TAG_CREATION_DATETIME)) {
+    params->Add(KM_TAG_CREATION_DATETIME, static_cast<uint64_t>(time(nullptr)) * 1000);
+  }
+}
+
+void WriteKey(const std::string& path, const keymaster_key_blob_t& blob) {
+  WriteFile(path, Copy(blob), Output::Access::kOwnerOnly);
+  if (path != "-") printf("wrote %s (%zu bytes)\n", path.c_str(), blob.key_material_size);
+}

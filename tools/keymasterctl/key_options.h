@@ -1,0 +1,84 @@
+// The options that name a key and those that describe a new one.
+#ifndef KEYMASTERCTL_KEY_OPTIONS_H
+#define KEYMASTERCTL_KEY_OPTIONS_H
+
+#include <CLI/CLI.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "params.h"
+#include "session.h"
+
+// What a key is bound to, and must be shown again with every use.
+struct BindingArgs {
+  std::optional<std::string> app_id;
+  std::optional<std::string> app_data;
+};
+
+struct KeyArgs {
+  std::string path;
+  BindingArgs binding;
+};
+
+void AddBindingOptions(CLI::App* command, BindingArgs* args);
+// AddKeyOptions adds --key with --app-id and --app-data, for a command that uses a key.
+void AddKeyOptions(CLI::App* command, KeyArgs* args);
+// AddBinding adds the binding to the parameters of a request.
+void AddBinding(const BindingArgs& args, ParamList* params);
+
+// Key is a key file's content as the library takes it.
+class Key {
+ public:
+  explicit Key(const KeyArgs& args);
+
+  const keymaster_key_blob_t* blob() const { return &blob_; }
+  // Null where the user gave none.
+  const keymaster_blob_t* app_id() const { return app_id_ ? &app_id_view_ : nullptr; }
+  const keymaster_blob_t* app_data() const { return app_data_ ? &app_data_view_ : nullptr; }
+
+ private:
+  Bytes material_;
+  std::optional<Bytes> app_id_;
+  std::optional<Bytes> app_data_;
+  keymaster_key_blob_t blob_;
+  keymaster_blob_t app_id_view_ = {};
+  keymaster_blob_t app_data_view_ = {};
+};
+
+struct NewKeyArgs {
+  std::string path;
+  BindingArgs binding;
+  std::optional<uint32_t> algorithm;
+  std::optional<uint32_t> size;
+  std::optional<uint32_t> curve;
+  std::optional<uint64_t> exponent;
+  std::optional<uint32_t> min_mac;
+  std::vector<uint32_t> purposes;
+  std::vector<uint32_t> digests;
+  std::vector<uint32_t> paddings;
+  std::vector<uint32_t> modes;
+  std::vector<uint64_t> auth_sids;
+  std::optional<uint32_t> auth_type;
+  std::optional<uint32_t> auth_timeout;
+  bool no_auth = false;
+  bool caller_nonce = false;
+  bool unlocked_device = false;
+  bool early_boot = false;
+  bool rollback_resistant = false;
+  std::optional<std::string> valid_from;
+  std::optional<std::string> valid_until;
+  std::optional<std::string> use_until;
+  std::optional<uint32_t> max_uses;
+  std::optional<uint32_t> min_seconds;
+  std::vector<std::string> extra;
+};
+
+void AddNewKeyOptions(CLI::App* command, NewKeyArgs* args);
+// FillNewKeyParams turns the options into the new key's parameters, with defaults for its
+// algorithm where nothing was said. Throws a Failure without an algorithm.
+void FillNewKeyParams(NewKeyArgs args, ParamList* params);
+// WriteKey writes a new key's file, mode 0600, and says so.
+void WriteKey(const std::string& path, const keymaster_key_blob_t& blob);
+
+#endif  // KEYMASTERCTL_KEY_OPTIONS_H
