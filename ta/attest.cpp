@@ -10,6 +10,7 @@ namespace ta {
 namespace {
 
 constexpr size_t kMaxChallengeSize = 128;
+constexpr size_t kMaxApplicationIdSize = 1024;
 
 // What this device can attest about itself. A tag with a null text is one it has no value for.
 struct DeviceId {
@@ -65,8 +66,11 @@ TEEC_Result DescribeKey(const Key& key, const ParamSet& request, Bytes* key_desc
   const Param* const challenge = request.Find(KM_TAG_ATTESTATION_CHALLENGE);
   const Param* const application = request.Find(KM_TAG_ATTESTATION_APPLICATION_ID);
   if (challenge == nullptr) return Fail(KM_ERROR_ATTESTATION_CHALLENGE_MISSING);
-  if (challenge->bytes.size() > kMaxChallengeSize) return Fail(KM_ERROR_INVALID_INPUT_LENGTH);
   if (application == nullptr) return Fail(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING);
+  if (challenge->bytes.size() > kMaxChallengeSize ||
+      application->bytes.size() > kMaxApplicationIdSize) {
+    return Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+  }
 
   ParamSet software_enforced = Attestable(key.sw_enforced);
   software_enforced.Add(*application);

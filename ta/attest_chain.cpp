@@ -6,9 +6,9 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
-#include <stdexcept>
 
 #include "attest_extension.h"
+#include "key_material.h"
 #include "state.h"
 
 namespace ta {
@@ -30,10 +30,6 @@ using BitStringPtr =
 using OctetStringPtr =
     std::unique_ptr<ASN1_OCTET_STRING, CallFree<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>>;
 
-void Require(bool done) {
-  if (!done) throw std::runtime_error("attestation certificate");
-}
-
 // The bits of a KeyUsage, as RFC 5280 numbers them.
 enum KeyUsageBit { kDigitalSignature = 0, kKeyEncipherment = 2, kDataEncipherment = 3 };
 
@@ -52,20 +48,20 @@ constexpr PurposeUsage kPurposeUsages[] = {
 X509Ptr Draft(const char* common_name, const X509_NAME* issuer, EVP_PKEY* key, long serial,
               uint64_t not_before, uint64_t not_after) {
   X509Ptr certificate(X509_new());
-  Require(certificate && X509_set_version(certificate.get(), X509_VERSION_3) == 1);
-  Require(ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), serial) == 1);
+  RequireCrypto(certificate && X509_set_version(certificate.get(), X509_VERSION_3) == 1);
+  RequireCrypto(ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), serial) == 1);
   X509_NAME* const subject = X509_get_subject_name(certificate.get());
-  Require(X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8,
-                                     reinterpret_cast<const unsigned char*>(common_name), -1, -1,
-                                     0) == 1);
-  Require(X509_set_issuer_name(certificate.get(), issuer != nullptr ? issuer : subject) == 1);
+  RequireCrypto(X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8,
+                                           reinterpret_cast<const unsigned char*>(common_name), -1,
+                                           -1, 0) == 1);
+  RequireCrypto(X509_set_issuer_name(certificate.get(), issuer != nullptr ? issuer : subject) == 1);
   const auto set_time = [](ASN1_TIME* field, uint64_t seconds) {
     const time_t time = static_cast<time_t>(std::min(seconds, kNoEnd));
-    Require(ASN1_TIME_set(field, time) != nullptr);
+    RequireCrypto(ASN1_TIME_set(field, time) != nullptr);
   };
   set_time(X509_getm_notBefore(certificate.get()), not_before);
   set_time(X509_getm_notAfter(certificate.get()), not_after);
-  Require(X509_set_pubkey(certificate.get(), key) == 1);
+  RequireCrypto(X509_set_pubkey(certificate.get(), key) == 1);
   return certificate;
 }
 
@@ -73,12 +69,12 @@ void AddExtension(X509* certificate, X509* issuer, int nid, const char* value) {
   X509V3_CTX context;
   X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
   const ExtensionPtr extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value));
-  Require(extension && X509_add_ext(certificate, extension.get(), -1) == 1);
+  RequireCrypto(extension && X509_add_ext(certificate, extension.get(), -1) == 1);
 }
 
 PkeyPtr NewSigningKey() {
   PkeyPtr key(EVP_EC_gen("P-256"));
-  Require(key != nullptr);
+  RequireCrypto(key != nullptr);
   return key;
 }
 
@@ -94,7 +90,7 @@ X509Ptr NewCa(const char* name, X509* issuer, EVP_PKEY* key, EVP_PKEY* signing_k
   if (issuer != nullptr) {
     AddExtension(ca.get(), issuer, NID_authority_key_identifier, "keyid:always");
   }
-  Require(X509_sign(ca.get(), signing_key, EVP_sha256()) > 0);
+  RequireCrypto(X509_sign(ca.get(), signing_key, EVP_sha256()) > 0);
   return ca;
 }
 
@@ -106,10 +102,11 @@ SecureBytes NewAuthorityPem() {
       NewCa(kIntermediateName, root.get(), intermediate_key.get(), root_key.get());
   const BioPtr out(BIO_new(BIO_s_secmem()));
   const auto write = [&out](EVP_PKEY* key, X509* certificate) {
-    Require(PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1);
-    Require(PEM_write_bio_X509(out.get(), certificate) == 1);
+    RequireCrypto(PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr) ==
+                  1);
+    RequireCrypto(PEM_write_bio_X509(out.get(), certificate) == 1);
   };
-  Require(out != nullptr);
+  RequireCrypto(out != nullptr);
   write(intermediate_key.get(), intermediate.get());
   write(root_key.get(), root.get());
   char* text = nullptr;
@@ -119,36 +116,37 @@ SecureBytes NewAuthorityPem() {
 
 AttestationAuthority ParseAuthority(ByteView pem) {
   const BioPtr in(BIO_new_mem_buf(pem.data, static_cast<int>(pem.size)));
-  Require(in != nullptr);
+  RequireCrypto(in != nullptr);
   // Each read skips to the next block of its kind, so the root's key is passed over.
   AttestationAuthority authority;
   authority.intermediate_key.reset(PEM_read_bio_PrivateKey(in.get(), nullptr, nullptr, nullptr));
   authority.intermediate.reset(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
   authority.root.reset(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
-  Require(authority.intermediate_key && authority.intermediate && authority.root);
+  RequireCrypto(authority.intermediate_key && authority.intermediate && authority.root);
   return authority;
 }
 
 void AddKeyUsage(X509* leaf, const Key& key) {
   const BitStringPtr usage(ASN1_BIT_STRING_new());
-  Require(usage != nullptr);
+  RequireCrypto(usage != nullptr);
   bool any = false;
   for (const PurposeUsage& row : kPurposeUsages) {
     if (!key.Authorizes(KM_TAG_PURPOSE, row.purpose)) continue;
-    Require(ASN1_BIT_STRING_set_bit(usage.get(), row.bit, 1) == 1);
+    RequireCrypto(ASN1_BIT_STRING_set_bit(usage.get(), row.bit, 1) == 1);
     any = true;
   }
-  if (any) Require(X509_add1_ext_i2d(leaf, NID_key_usage, usage.get(), 1, X509V3_ADD_DEFAULT) == 1);
+  if (any)
+    RequireCrypto(X509_add1_ext_i2d(leaf, NID_key_usage, usage.get(), 1, X509V3_ADD_DEFAULT) == 1);
 }
 
 void AddKeyDescription(X509* leaf, ByteView key_description) {
   const ObjectPtr oid(OBJ_txt2obj(kKeyDescriptionOid, 1));
   const OctetStringPtr value(ASN1_OCTET_STRING_new());
-  Require(oid && value &&
-          ASN1_OCTET_STRING_set(value.get(), key_description.data,
-                                static_cast<int>(key_description.size)) == 1);
+  RequireCrypto(oid && value &&
+                ASN1_OCTET_STRING_set(value.get(), key_description.data,
+                                      static_cast<int>(key_description.size)) == 1);
   const ExtensionPtr extension(X509_EXTENSION_create_by_OBJ(nullptr, oid.get(), 0, value.get()));
-  Require(extension && X509_add_ext(leaf, extension.get(), -1) == 1);
+  RequireCrypto(extension && X509_add_ext(leaf, extension.get(), -1) == 1);
 }
 
 // The seconds since 1970 of the first of two dates that the key has.
@@ -165,7 +163,7 @@ AttestationAuthority LoadOrCreateAuthority() {
   if (!ReadStateFile(kAuthorityFile, &pem)) {
     CreateStateFile(kAuthorityFile, NewAuthorityPem());
     // Another process may have been first: what the folder holds counts.
-    Require(ReadStateFile(kAuthorityFile, &pem));
+    RequireCrypto(ReadStateFile(kAuthorityFile, &pem));
   }
   return ParseAuthority(pem);
 }
@@ -179,13 +177,13 @@ X509Ptr BuildLeaf(const AttestationAuthority& authority, const Key& key, ByteVie
   AddExtension(leaf.get(), issuer, NID_authority_key_identifier, "keyid:always");
   AddKeyUsage(leaf.get(), key);
   AddKeyDescription(leaf.get(), key_description);
-  Require(X509_sign(leaf.get(), authority.intermediate_key.get(), EVP_sha256()) > 0);
+  RequireCrypto(X509_sign(leaf.get(), authority.intermediate_key.get(), EVP_sha256()) > 0);
   return leaf;
 }
 
 Bytes CertificateDer(const X509* certificate) {
   const int length = i2d_X509(certificate, nullptr);
-  Require(length > 0);
+  RequireCrypto(length > 0);
   Bytes der(static_cast<size_t>(length));
   unsigned char* end = der.data();
   i2d_X509(certificate, &end);

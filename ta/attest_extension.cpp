@@ -3,10 +3,10 @@
 #include <openssl/asn1.h>
 
 #include <initializer_list>
-#include <new>
 #include <set>
 
 #include "evp.h"
+#include "key_material.h"
 
 namespace ta {
 namespace {
@@ -63,7 +63,7 @@ constexpr keymaster_tag_t kListFields[] = {
 Bytes Element(int tag, int tag_class, bool constructed, ByteView content) {
   const int length = static_cast<int>(content.size);
   const int total = ASN1_object_size(constructed, length, tag);
-  if (total < length) throw std::bad_alloc();
+  RequireCrypto(length >= 0 && total > length);
   Bytes der(static_cast<size_t>(total) - content.size);
   unsigned char* end = der.data();
   ASN1_put_object(&end, constructed, length, tag, tag_class);
@@ -74,7 +74,7 @@ Bytes Element(int tag, int tag_class, bool constructed, ByteView content) {
 template <typename T>
 Bytes ToDer(const T* object, int (*encode)(const T*, unsigned char**)) {
   const int length = encode(object, nullptr);
-  if (length <= 0) throw std::bad_alloc();
+  RequireCrypto(length > 0);
   Bytes der(static_cast<size_t>(length));
   unsigned char* end = der.data();
   encode(object, &end);
@@ -83,15 +83,14 @@ Bytes ToDer(const T* object, int (*encode)(const T*, unsigned char**)) {
 
 Bytes Integer(uint64_t value) {
   IntegerPtr integer(ASN1_INTEGER_new());
-  if (!integer || !ASN1_INTEGER_set_uint64(integer.get(), value)) throw std::bad_alloc();
+  RequireCrypto(integer && ASN1_INTEGER_set_uint64(integer.get(), value) == 1);
   return ToDer<ASN1_INTEGER>(integer.get(), i2d_ASN1_INTEGER);
 }
 
 Bytes Enumerated(uint64_t value) {
   EnumeratedPtr enumerated(ASN1_ENUMERATED_new());
-  if (!enumerated || !ASN1_ENUMERATED_set_int64(enumerated.get(), static_cast<int64_t>(value))) {
-    throw std::bad_alloc();
-  }
+  RequireCrypto(enumerated &&
+                ASN1_ENUMERATED_set_int64(enumerated.get(), static_cast<int64_t>(value)) == 1);
   return ToDer<ASN1_ENUMERATED>(enumerated.get(), i2d_ASN1_ENUMERATED);
 }
 

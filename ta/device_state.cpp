@@ -9,6 +9,7 @@
 #include <string>
 
 #include "commands.h"
+#include "key_material.h"
 #include "state.h"
 
 namespace ta {
@@ -79,9 +80,8 @@ BootState UpdateBootState(const std::function<void(BootState*)>& change) {
   state = BootState();
   if (!Load(boot_id, &state)) {
     state = BootState();
-    if (RAND_bytes(state.sharing_nonce.data(), static_cast<int>(state.sharing_nonce.size())) != 1) {
-      throw std::runtime_error("no random bytes");
-    }
+    RequireCrypto(
+        RAND_bytes(state.sharing_nonce.data(), static_cast<int>(state.sharing_nonce.size())) == 1);
   }
   if (change) change(&state);
   ReplaceStateFile(kFileName, Serialize(boot_id, state));

@@ -6,11 +6,11 @@
 #include <openssl/params.h>
 
 #include <algorithm>
-#include <stdexcept>
 
 #include "commands.h"
 #include "device_state.h"
 #include "evp.h"
+#include "key_material.h"
 #include "state.h"
 
 namespace ta {
@@ -44,18 +44,14 @@ SecureBytes DeriveSharedKey(ByteView sharing_parameters) {
       BytesParam(OSSL_KDF_PARAM_INFO, sharing_parameters.data, sharing_parameters.size),
       OSSL_PARAM_construct_end()};
   SecureBytes key(kSharedHmacSize);
-  if (!context || EVP_KDF_derive(context.get(), key.data(), key.size(), inputs) != 1) {
-    throw std::runtime_error("shared HMAC key");
-  }
+  RequireCrypto(context && EVP_KDF_derive(context.get(), key.data(), key.size(), inputs) == 1);
   return key;
 }
 
 Bytes Hmac(const SecureBytes& key, ByteView message) {
   Bytes mac(kSharedHmacSize);
-  if (HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), message.data, message.size,
-           mac.data(), nullptr) == nullptr) {
-    throw std::runtime_error("HMAC");
-  }
+  RequireCrypto(HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), message.data,
+                     message.size, mac.data(), nullptr) != nullptr);
   return mac;
 }
 
