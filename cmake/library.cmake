@@ -10,11 +10,13 @@ add_library(keymaster41_ts SHARED
   context/key_material.cpp
   context/lifecycle.cpp
   context/operation.cpp
+  context/serialized_params.cpp
   context/wrapped_import.cpp
   diag/fault_event.cpp
   marshal/input_builders.cpp
   marshal/km_params.cpp
   marshal/param_entry.cpp
+  marshal/param_set.cpp
   marshal/reply_decoder.cpp
   tee/command_frame.cpp
   tee/device_commands.cpp

@@ -59,8 +59,7 @@ bool SupportEnhanceKeymaster(void);
 
 // CheckBnSize returns 0 when the number fits behind the first offset bytes of a buffer of limit
 // bytes, else -1; label names it in the message.
-int CheckBnSize(uint32_t offset, uint32_t limit, const struct bignum_st* number,
-                const char* label);
+int CheckBnSize(uint32_t offset, uint32_t limit, const struct bignum_st* number, const char* label);
 // GetNidFromKeySize returns libcrypto's curve for an EC key size in bits, 0 for an unknown size.
 int GetNidFromKeySize(int key_size);
 // GetKeySizeFromNid returns the key size in bits of a curve, 0 for an unknown one.
@@ -131,16 +130,14 @@ uint32_t TeeGetKeyCharacteristics(const uint8_t* params, uint32_t params_len,
 // back as at most 4096.
 uint32_t TeeImportKey(const uint8_t* params, uint32_t params_len, const uint8_t* key_data,
                       uint32_t key_data_len, uint8_t* key_blob, uint32_t* key_blob_len,
-                      uint8_t* characteristics, uint32_t* characteristics_len,
-                      uint8_t import_type);
+                      uint8_t* characteristics, uint32_t* characteristics_len, uint8_t import_type);
 // params may be null.
 uint32_t TeeExportKey(const uint8_t* params, uint32_t params_len, const uint8_t* key_material,
                       uint32_t key_material_size, uint8_t* out, uint32_t* out_len);
 uint32_t TeeAttestKey(const uint8_t* key_material, uint32_t key_material_size,
-                      const uint8_t* params, uint32_t params_len, uint8_t* out,
-                      uint32_t* out_len);
-uint32_t TeeUpgrade(const uint8_t* key_material, uint32_t key_material_size,
-                    const uint8_t* params, uint32_t params_len, uint8_t* out, uint32_t* out_len);
+                      const uint8_t* params, uint32_t params_len, uint8_t* out, uint32_t* out_len);
+uint32_t TeeUpgrade(const uint8_t* key_material, uint32_t key_material_size, const uint8_t* params,
+                    uint32_t params_len, uint8_t* out, uint32_t* out_len);
 // params may be null. purpose is a keymaster_purpose_t.
 uint32_t TeeBegin(uint32_t purpose, const uint8_t* params, uint32_t params_len,
                   const uint8_t* key_material, uint32_t key_material_size, uint8_t* out_params,
@@ -164,8 +161,8 @@ uint32_t TeeEarlyBootEnded(void);
 // password_only: 0 or 1.
 uint32_t TeeDeviceLocked(uint32_t password_only);
 // Both buffers receive output; the lengths produced are not returned.
-uint32_t TeegetHmacSharingParameters(uint8_t* hmac_out1, uint32_t hmac_out1_len,
-                                     uint8_t* hmac_out2, uint32_t hmac_out2_len);
+uint32_t TeegetHmacSharingParameters(uint8_t* hmac_out1, uint32_t hmac_out1_len, uint8_t* hmac_out2,
+                                     uint32_t hmac_out2_len);
 uint32_t TeecomputeSharedHmac(const uint8_t* sharing_params, uint32_t sharing_params_len,
                               uint8_t* sharing_check, uint32_t* sharing_check_len);
 // Opens and closes a session and sends no command.

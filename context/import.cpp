@@ -1,0 +1,161 @@
+// Key import: PKCS#8 is re-encoded as key material, raw keys pass through.
+
+#include "context/import.h"
+
+#include <openssl/obj_mac.h>
+
+#include "context/caller_blob.h"
+#include "context/crypto_ptr.h"
+#include "context/key_material.h"
+#include "keymaster_tivas_context.h"
+#include "keymaster_ts.h"
+#include "marshal/log.h"
+
+thread_local bool g_wrappedKeyImport = false;
+
+namespace {
+
+// The import type that travels to the TA with a caller's key.
+constexpr uint8_t kImportCaller = 1;
+constexpr uint8_t kImportUnwrapped = 2;
+
+bool EncodeRsa(const EVP_PKEY* key, SecretBuffer* material) {
+  const CryptoPtr<RSA> rsa(EVP_PKEY_get1_RSA(const_cast<EVP_PKEY*>(key)));
+  if (rsa == nullptr) {
+    KM_LOGE("%s : rsa is NULL", kLogFailure);
+    return false;
+  }
+  return BuildRsaKeyMaterial(material->data(), rsa.get(), material->length_in_out()) == 0;
+}
+
+bool EncodeEc(const EVP_PKEY* key, SecretBuffer* material) {
+  const CryptoPtr<EC_KEY> ec(EVP_PKEY_get1_EC_KEY(const_cast<EVP_PKEY*>(key)));
+  if (ec == nullptr) {
+    KM_LOGE("%s : get ec key format\n", kLogFailure);
+    return false;
+  }
+  return BuildEcKeyMaterial(material->data(), ec.get(), material->length_in_out()) == 0;
+}
+
+// Decodes a PKCS#8 private key and encodes it as key material.
+bool ParsePkcs8(const keymaster_blob_t& key_data, SecretBuffer* material) {
+  if (key_data.data == nullptr) {
+    return false;
+  }
+  const unsigned char* der = key_data.data;
+  const CryptoPtr<PKCS8_PRIV_KEY_INFO> pkcs8(d2i_PKCS8_PRIV_KEY_INFO(
+      nullptr, &der, static_cast<long>(static_cast<uint32_t>(key_data.data_length))));
+  if (pkcs8 == nullptr) {
+    KM_LOGE("%s : pkcs8 is NULL", kLogFailure);
+    return false;
+  }
+  const CryptoPtr<EVP_PKEY> key(EVP_PKCS82PKEY(pkcs8.get()));
+  if (key == nullptr) {
+    KM_LOGE("%s : pkey is NULL", kLogFailure);
+    return false;
+  }
+  const int type = EVP_PKEY_id(key.get());
+  switch (type) {
+    case EVP_PKEY_RSA:
+    case NID_rsa:
+      return EncodeRsa(key.get(), material);
+    case EVP_PKEY_EC:
+      return EncodeEc(key.get(), material);
+    default:
+      KM_LOGE("invalid key type:%d\n", type);
+      return false;
+  }
+}
+
+// What is sent as the key to import: the caller's bytes, or the material they were encoded into.
+struct ImportedKey {
+  const uint8_t* data = nullptr;
+  uint32_t length = 0;
+};
+
+int32_t PrepareKey(keymaster_key_format_t format, const keymaster_blob_t& key_data,
+                   SecretBuffer* material, ImportedKey* key) {
+  switch (format) {
+    case KM_KEY_FORMAT_RAW:
+      *key = {key_data.data, static_cast<uint32_t>(key_data.data_length)};
+      return KM_ERROR_OK;
+    case KM_KEY_FORMAT_PKCS8:
+      if (!ParsePkcs8(key_data, material)) {
+        KM_LOGE("%s : parse pkcs8 key failed", kLogFailure);
+        return KM_ERROR_UNSUPPORTED_KEY_FORMAT;
+      }
+      *key = {material->data(), material->length()};
+      return KM_ERROR_OK;
+    default:
+      KM_LOGE("wrong key format\n");
+      return KM_ERROR_UNSUPPORTED_KEY_FORMAT;
+  }
+}
+
+}  // namespace
+
+namespace keymaster {
+
+int32_t KeymasterTivasContext::TivasKmImportKey(const keymaster_key_param_set_t* params,
+                                                keymaster_key_format_t format,
+                                                const keymaster_blob_t* key_data,
+                                                keymaster_key_blob_t* key_blob,
+                                                keymaster_key_characteristics_t* characteristics) {
+  KM_LOGI("KmImportKey start");
+  if (params == nullptr || key_data == nullptr) {
+    return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  }
+  if (key_blob == nullptr) {
+    KM_LOGE("%s : keyBlob is NULL", kLogFailure);
+    return KM_ERROR_OUTPUT_PARAMETER_NULL;
+  }
+  SerializedParams serialized;
+  if (!serialized.Build(params)) {
+    KM_LOGE("%s : build km params failed", kLogFailure);
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  }
+  SecretBuffer material(kKeyMaterialCapacity);
+  if (!material.allocated()) {
+    KM_LOGE("%s : alloc rsa/ec key failed", kLogFailure);
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  }
+  ImportedKey key;
+  int32_t result = PrepareKey(format, *key_data, &material, &key);
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  ReplyBuffer blob_reply(kReplyCapacity);
+  if (!blob_reply.allocated()) {
+    KM_LOGE("%s : alloc keyblob payload failed", kLogFailure);
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  }
+  ReplyBuffer character_reply(kReplyCapacity);
+  if (!character_reply.allocated()) {
+    KM_LOGE("%s : alloc key character failed", kLogFailure);
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  }
+  const uint8_t import_type = g_wrappedKeyImport ? kImportUnwrapped : kImportCaller;
+  const uint32_t tee_result =
+      TeeImportKey(serialized.data(), serialized.length(), key.data, key.length, blob_reply.data(),
+                   blob_reply.length_in_out(), character_reply.data(),
+                   character_reply.length_in_out(), import_type);
+  if (tee_result != 0) {
+    KM_LOGE("%s : TeeImportKey failed, ret=0x%x", kLogFailure, tee_result);
+    return static_cast<int32_t>(tee_result);
+  }
+  if (!ReplyFitsKeyBlob(blob_reply)) {
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  result = CopyReply(key_blob, blob_reply.length(), blob_reply.data());
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  result = FillKeyCharacteristics(key_blob, characteristics, &character_reply);
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  KM_LOGI("KmImportKey success");
+  return KM_ERROR_OK;
+}
+
+}  // namespace keymaster

@@ -1,0 +1,214 @@
+#include "context/key_material.h"
+
+#include <openssl/obj_mac.h>
+#include <securec.h>
+
+#include "context/crypto_ptr.h"
+#include "keymaster_ts.h"
+#include "marshal/little_endian.h"
+#include "marshal/log.h"
+
+namespace {
+
+constexpr uint32_t kRsaHeaderSize = 36;
+constexpr uint32_t kEcHeaderSize = 20;
+
+// The form of RSA key material.
+constexpr uint32_t kRsaPrivateExponentForm = 1;
+constexpr uint32_t kRsaCrtForm = 2;
+
+// Where the RSA header's fields stand.
+constexpr uint32_t kRsaFormAt = 0;
+constexpr uint32_t kRsaModulusLengthAt = 4;
+
+struct CurveSize {
+  int nid;
+  int key_size;
+};
+
+// Sizes to curves and curves to sizes are not inverses: secp256k1 has a size, but 256 bits are
+// prime256v1.
+constexpr CurveSize kCurveOfSize[] = {
+    {NID_secp160r1, 160},        {NID_secp192k1, 192}, {NID_secp224r1, 224},
+    {NID_X9_62_prime256v1, 256}, {NID_secp384r1, 384}, {NID_secp521r1, 521},
+};
+constexpr CurveSize kSizeOfCurve[] = {
+    {NID_secp160r1, 160},        {NID_secp192k1, 192}, {NID_secp224r1, 224}, {NID_secp256k1, 256},
+    {NID_X9_62_prime256v1, 256}, {NID_secp384r1, 384}, {NID_secp521r1, 521},
+};
+
+// One integer of an RSA key, and where its length stands in the header.
+struct Component {
+  const BIGNUM* number;
+  const char* label;
+  uint32_t length_at;
+};
+
+// MaterialWriter appends integers behind the header and notes their lengths in it.
+class MaterialWriter {
+ public:
+  // length is kept up to date with the bytes used, the header included.
+  MaterialWriter(uint8_t* buffer, uint32_t header_size, uint32_t* length)
+      : buffer_(buffer), header_size_(header_size), length_(length) {
+    *length_ = header_size;
+  }
+
+  uint8_t* header() { return header_; }
+  // Returns false, with nothing appended, when the integer is missing or does not fit.
+  bool Append(const BIGNUM* number, const char* label, uint32_t length_at) {
+    if (CheckBnSize(*length_, kKeyMaterialCapacity, number, label) != 0) {
+      return false;
+    }
+    const auto size = static_cast<uint32_t>(BN_bn2bin(number, buffer_ + *length_));
+    PutU32(header_ + length_at, size);
+    *length_ += size;
+    return true;
+  }
+  template <size_t N>
+  bool Append(const Component (&components)[N]) {
+    for (const Component& component : components) {
+      if (!Append(component.number, component.label, component.length_at)) {
+        return false;
+      }
+    }
+    return true;
+  }
+  bool CopyHeader() { return memcpy_s(buffer_, kKeyMaterialCapacity, header_, header_size_) == 0; }
+
+ private:
+  uint8_t* const buffer_;
+  const uint32_t header_size_;
+  uint32_t* const length_;
+  uint8_t header_[kRsaHeaderSize] = {};
+};
+
+bool AppendRsaPrivate(const RSA* key, const BIGNUM* d, MaterialWriter* writer) {
+  const BIGNUM* p = nullptr;
+  const BIGNUM* q = nullptr;
+  const BIGNUM* dmp1 = nullptr;
+  const BIGNUM* dmq1 = nullptr;
+  const BIGNUM* iqmp = nullptr;
+  RSA_get0_factors(key, &p, &q);
+  RSA_get0_crt_params(key, &dmp1, &dmq1, &iqmp);
+  if (p == nullptr || q == nullptr || dmp1 == nullptr || dmq1 == nullptr || iqmp == nullptr) {
+    PutU32(writer->header() + kRsaFormAt, kRsaPrivateExponentForm);
+    return writer->Append(d, "rsa->d", 16);
+  }
+  PutU32(writer->header() + kRsaFormAt, kRsaCrtForm);
+  const Component crt[] = {
+      {p, "rsa->p", 16},       {q, "rsa->q", 20},       {dmp1, "rsa->dmp1", 24},
+      {dmq1, "rsa->dmq1", 28}, {iqmp, "rsa->iqmp", 32},
+  };
+  return writer->Append(crt);
+}
+
+// Appends an EC component and logs its size under the component's own message.
+bool AppendEcComponents(const BIGNUM* x, const BIGNUM* y, const BIGNUM* scalar,
+                        MaterialWriter* writer) {
+  if (!writer->Append(x, "X", 8)) {
+    return false;
+  }
+  KM_LOGI("X size = %u", GetU32(writer->header() + 8));
+  if (!writer->Append(y, "Y", 12)) {
+    return false;
+  }
+  KM_LOGI("Y size = %u", GetU32(writer->header() + 12));
+  if (!writer->Append(scalar, "priv_key", 16)) {
+    return false;
+  }
+  KM_LOGI("priv key size = %u", GetU32(writer->header() + 16));
+  return true;
+}
+
+}  // namespace
+
+int CheckBnSize(uint32_t offset, uint32_t limit, const BIGNUM* number, const char* label) {
+  if (number == nullptr || label == nullptr) {
+    KM_LOGE("bn or name is NULL");
+    return -1;
+  }
+  const auto size = static_cast<uint32_t>(BN_num_bytes(number));
+  if (offset > limit || size > limit - offset) {
+    KM_LOGE("%s is too big, size=%u", label, size);
+    return -1;
+  }
+  return 0;
+}
+
+int GetNidFromKeySize(int key_size) {
+  for (const CurveSize& row : kCurveOfSize) {
+    if (row.key_size == key_size) {
+      return row.nid;
+    }
+  }
+  return 0;
+}
+
+int GetKeySizeFromNid(int nid) {
+  for (const CurveSize& row : kSizeOfCurve) {
+    if (row.nid == nid) {
+      return row.key_size;
+    }
+  }
+  return 0;
+}
+
+int32_t BuildRsaKeyMaterial(uint8_t* buffer, const RSA* key, uint32_t* length) {
+  if (buffer == nullptr || key == nullptr || length == nullptr) {
+    return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  }
+  const BIGNUM* n = nullptr;
+  const BIGNUM* e = nullptr;
+  const BIGNUM* d = nullptr;
+  RSA_get0_key(key, &n, &e, &d);
+  if (e == nullptr) {
+    return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  }
+  MaterialWriter writer(buffer, kRsaHeaderSize, length);
+  const Component public_part[] = {{n, "rsa->n", 8}, {e, "rsa->e", 12}};
+  if (!writer.Append(public_part) || !AppendRsaPrivate(key, d, &writer)) {
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  // The modulus length is written twice.
+  PutU32(writer.header() + kRsaModulusLengthAt, GetU32(writer.header() + 8));
+  if (!writer.CopyHeader()) {
+    KM_LOGE("%s : copy key header failed", kLogFailure);
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  return KM_ERROR_OK;
+}
+
+int32_t BuildEcKeyMaterial(uint8_t* buffer, const EC_KEY* key, uint32_t* length) {
+  const EC_GROUP* group = key != nullptr ? EC_KEY_get0_group(key) : nullptr;
+  if (buffer == nullptr || group == nullptr || length == nullptr) {
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  const int nid = EC_GROUP_get_curve_name(group);
+  const auto form = static_cast<int>(EC_KEY_get_conv_form(key));
+  KM_LOGI("curve name=%d, compressed mode=%d\n", nid, form);
+  const CryptoPtr<BIGNUM> x(BN_new());
+  const CryptoPtr<BIGNUM> y(BN_new());
+  if (x == nullptr || y == nullptr) {
+    KM_LOGE("%s : X or Y bn new failed", kLogFailure);
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  const EC_POINT* point = EC_KEY_get0_public_key(key);
+  if (point == nullptr) {
+    KM_LOGE("%s : EC_KEY_get0_public_key error\n", kLogFailure);
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  if (EC_POINT_get_affine_coordinates_GFp(group, point, x.get(), y.get(), nullptr) != 1) {
+    KM_LOGE("%s : failed to get affine_coordinates\n", kLogFailure);
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  MaterialWriter writer(buffer, kEcHeaderSize, length);
+  const auto key_size = static_cast<uint32_t>(GetKeySizeFromNid(nid));
+  PutU32(writer.header(), key_size);
+  writer.header()[4] = static_cast<uint8_t>(form);
+  KM_LOGI("keysize = %u\n", key_size);
+  if (!AppendEcComponents(x.get(), y.get(), EC_KEY_get0_private_key(key), &writer) ||
+      !writer.CopyHeader()) {
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  return KM_ERROR_OK;
+}

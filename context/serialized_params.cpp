@@ -1,0 +1,34 @@
+#include "context/owned_buffer.h"
+#include "marshal/km_params_owner.h"
+
+namespace {
+
+bool AddBytes(KmParams* record, keymaster_tag_t tag, const keymaster_blob_t& value) {
+  keymaster_key_param_t param = {};
+  param.tag = tag;
+  param.blob = value;
+  return AddKmParams(record, &param) == 0;
+}
+
+}  // namespace
+
+bool SerializedParams::BuildClient(const keymaster_blob_t* client_id,
+                                   const keymaster_blob_t* app_data) {
+  KmParamsOwner owner;
+  if (InitKmParams(&owner.record) != 0) {
+    return false;
+  }
+  if (client_id != nullptr && !AddBytes(&owner.record, KM_TAG_APPLICATION_ID, *client_id)) {
+    return false;
+  }
+  if (app_data != nullptr && !AddBytes(&owner.record, KM_TAG_APPLICATION_DATA, *app_data)) {
+    return false;
+  }
+  if (client_id == nullptr && app_data == nullptr) {
+    return true;
+  }
+  uint8_t* bytes = nullptr;
+  const bool built = SerializeKmParams(nullptr, &owner.record, &bytes, &length_) == 0;
+  bytes_.reset(bytes);
+  return built;
+}

@@ -1,0 +1,377 @@
+// Wrapped key import: the wrapper is unwrapped through the TA's ordinary operations, and what it
+// held is imported.
+
+#include <keymaster/android_keymaster_utils.h>
+#include <keymaster/authorization_set.h>
+#include <keymaster/wrapped_key.h>
+#include <securec.h>
+
+#include "context/import.h"
+#include "context/owned_buffer.h"
+#include "keymaster_tivas_context.h"
+#include "keymaster_ts.h"
+#include "marshal/log.h"
+#include "marshal/param_set.h"
+
+namespace keymaster {
+
+using BytesHolder = TKeymasterBlob<keymaster_blob_t>;
+using KeyHolder = TKeymasterBlob<keymaster_key_blob_t>;
+
+namespace {
+
+constexpr uint32_t kTransitKeyBits = 256;
+constexpr uint32_t kGcmTagBits = 128;
+
+keymaster_key_param_t EnumParam(keymaster_tag_t tag, uint32_t value) {
+  keymaster_key_param_t param = {};
+  param.tag = tag;
+  param.enumerated = value;
+  return param;
+}
+
+keymaster_key_param_t UintParam(keymaster_tag_t tag, uint32_t value) {
+  keymaster_key_param_t param = {};
+  param.tag = tag;
+  param.integer = value;
+  return param;
+}
+
+keymaster_key_param_t UlongParam(keymaster_tag_t tag, uint64_t value) {
+  keymaster_key_param_t param = {};
+  param.tag = tag;
+  param.long_integer = value;
+  return param;
+}
+
+keymaster_key_param_t TrueParam(keymaster_tag_t tag) {
+  keymaster_key_param_t param = {};
+  param.tag = tag;
+  param.boolean = true;
+  return param;
+}
+
+keymaster_key_param_t BytesParam(keymaster_tag_t tag, const keymaster_blob_t& value) {
+  keymaster_key_param_t param = {};
+  param.tag = tag;
+  param.blob = value;
+  return param;
+}
+
+template <size_t N>
+keymaster_key_param_set_t SetOf(keymaster_key_param_t (&params)[N]) {
+  return {params, N};
+}
+
+bool MayWrapKeys(const keymaster_key_param_set_t& list) {
+  for (size_t i = 0; list.params != nullptr && i < list.length; ++i) {
+    const keymaster_key_param_t& param = list.params[i];
+    if (param.tag == KM_TAG_PURPOSE && param.enumerated == KM_PURPOSE_WRAP_KEY) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Refuses a wrapping key that is not one, before anything is decrypted with it.
+int32_t CheckWrappingKey(KeymasterTivasContext* context, const keymaster_key_blob_t* key) {
+  keymaster_key_characteristics_t characteristics = {};
+  const int32_t result =
+      context->TivasKmGetKeyCharacteristics(key, nullptr, nullptr, &characteristics);
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("%s : KmGetKeyCharacteristics failed, error %x", kLogFailure,
+            static_cast<uint32_t>(result));
+    return result;
+  }
+  const bool may_wrap =
+      MayWrapKeys(characteristics.hw_enforced) || MayWrapKeys(characteristics.sw_enforced);
+  ReleaseCharacteristics(&characteristics);
+  if (!may_wrap) {
+    KM_LOGE("%s : wrappingKeyBlob is invalid", kLogFailure);
+    return KM_ERROR_INCOMPATIBLE_PURPOSE;
+  }
+  return KM_ERROR_OK;
+}
+
+// Removes the mask from the transit key, in place.
+int32_t Unmask(const keymaster_key_blob_t* masking_key, keymaster_blob_t* transit_key) {
+  if (masking_key == nullptr) {
+    return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  }
+  if (transit_key->data_length != masking_key->key_material_size) {
+    KM_LOGE("XOR size is not equal\n");
+    return KM_ERROR_INVALID_ARGUMENT;
+  }
+  if (transit_key->data_length != 0 && masking_key->key_material == nullptr) {
+    return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  }
+  auto* bytes = const_cast<uint8_t*>(transit_key->data);
+  for (size_t i = 0; i < transit_key->data_length; ++i) {
+    bytes[i] ^= masking_key->key_material[i];
+  }
+  return KM_ERROR_OK;
+}
+
+// Copies the parts, one behind the other, into a buffer of their joint size.
+bool JoinParts(uint8_t* to, size_t size, const KeyHolder& material, const BytesHolder& tag) {
+  if (material.key_material_size != 0 &&
+      memcpy_s(to, size, material.key_material, material.key_material_size) != 0) {
+    return false;
+  }
+  return tag.data_length == 0 ||
+         memcpy_s(to + material.key_material_size, size - material.key_material_size, tag.data,
+                  tag.data_length) == 0;
+}
+
+// Joins the encrypted key material and its tag into payload. The plain transit key, of no more
+// use once this fails, is then released at once.
+int32_t BuildEncryptedPayload(keymaster_blob_t* plain_transit_key, const KeyHolder* material,
+                              const BytesHolder* tag, KeyHolder* payload) {
+  if (plain_transit_key == nullptr || material == nullptr || tag == nullptr || payload == nullptr) {
+    return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  }
+  if (tag->data_length > UINT32_MAX ||
+      material->key_material_size > UINT32_MAX - tag->data_length) {
+    KM_LOGE("invalid length");
+    WipeAndFree(plain_transit_key);
+    return KM_ERROR_INVALID_ARGUMENT;
+  }
+  const size_t size = material->key_material_size + tag->data_length;
+  if (size == 0) {
+    return KM_ERROR_INVALID_INPUT_LENGTH;
+  }
+  MallocBuffer joined = AllocateBytes(size);
+  if (joined == nullptr) {
+    KM_LOGE("alloc key material failed");
+    WipeAndFree(plain_transit_key);
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  }
+  if (!JoinParts(joined.get(), size, *material, *tag)) {
+    KM_LOGE("memcpy_s keyblob payload failed");
+    WipeAndFree(plain_transit_key);
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  payload->Clear();
+  payload->key_material = joined.release();
+  payload->key_material_size = size;
+  return KM_ERROR_OK;
+}
+
+// Imports the transit key as the AES key that the key material is encrypted under.
+int32_t ImportTransitKey(KeymasterTivasContext* context, const keymaster_blob_t* transit_key,
+                         keymaster_key_blob_t* key_blob) {
+  keymaster_key_param_t params[] = {
+      EnumParam(KM_TAG_PURPOSE, KM_PURPOSE_DECRYPT),
+      EnumParam(KM_TAG_ALGORITHM, KM_ALGORITHM_AES),
+      EnumParam(KM_TAG_PADDING, KM_PAD_NONE),
+      EnumParam(KM_TAG_BLOCK_MODE, KM_MODE_GCM),
+      TrueParam(KM_TAG_CALLER_NONCE),
+      UintParam(KM_TAG_MIN_MAC_LENGTH, kGcmTagBits),
+      UintParam(KM_TAG_KEY_SIZE, kTransitKeyBits),
+  };
+  const keymaster_key_param_set_t set = SetOf(params);
+  return context->TivasKmImportKey(&set, KM_KEY_FORMAT_RAW, transit_key, key_blob, nullptr);
+}
+
+// A key blob that lives as long as one request.
+struct LocalKeyBlob {
+  ~LocalKeyBlob() { free(const_cast<uint8_t*>(blob.key_material)); }
+  keymaster_key_blob_t blob = {};
+};
+
+// While one lives, imports on this thread are the final step of a wrapped import.
+class WrappedImportScope {
+ public:
+  WrappedImportScope() { g_wrappedKeyImport = true; }
+  ~WrappedImportScope() { g_wrappedKeyImport = false; }
+  WrappedImportScope(const WrappedImportScope&) = delete;
+  WrappedImportScope& operator=(const WrappedImportScope&) = delete;
+};
+
+}  // namespace
+
+int32_t KeymasterTivasContext::TivasKmImportWrappedKeyNew(
+    const keymaster_key_blob_t* wrapped_key_data, const keymaster_key_blob_t* wrapping_key,
+    const keymaster_key_blob_t* masking_key, const keymaster_key_param_set_t* unwrapping_params,
+    unsigned long password_sid, unsigned long biometric_sid, keymaster_key_blob_t* key_blob,
+    keymaster_key_characteristics_t* characteristics) {
+  KM_LOGI("km_import_wrapped_key start");
+  if (wrapped_key_data == nullptr || wrapping_key == nullptr || masking_key == nullptr ||
+      wrapped_key_data->key_material == nullptr) {
+    KM_LOGE("%s : params or keyData is NULL", kLogFailure);
+    return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  }
+  if (key_blob == nullptr) {
+    KM_LOGE("%s : keyBlob is NULL", kLogFailure);
+    return KM_ERROR_OUTPUT_PARAMETER_NULL;
+  }
+  // A copy that fails leaves this empty, which does not parse.
+  KeyHolder wrapped_key;
+  wrapped_key.key_material =
+      dup_buffer(wrapped_key_data->key_material, wrapped_key_data->key_material_size);
+  if (wrapped_key.key_material != nullptr) {
+    wrapped_key.key_material_size = wrapped_key_data->key_material_size;
+  }
+  AuthorizationSet auth_list;
+  keymaster_key_format_t key_format = KM_KEY_FORMAT_X509;
+  SecretBlob key_material;
+  // The unwrapping steps take their inputs without const, and change none of them.
+  int32_t result = TivasKmUnwrappedKey(
+      &wrapped_key, const_cast<keymaster_key_blob_t*>(wrapping_key),
+      const_cast<keymaster_key_param_set_t*>(unwrapping_params),
+      const_cast<keymaster_key_blob_t*>(masking_key), &auth_list, &key_format, &key_material.blob);
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("KmUnwrappedKey failed, ret %x", static_cast<uint32_t>(result));
+    return result;
+  }
+  keymaster_key_param_set_t params = {auth_list.empty() ? nullptr : &auth_list[0],
+                                      auth_list.size()};
+  UpdateParamsForSecureid(&params, password_sid, biometric_sid);
+  {
+    const WrappedImportScope scope;
+    result = TivasKmImportKey(&params, key_format, &key_material.blob, key_blob, characteristics);
+  }
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("KmImportKey failed, ret %x", static_cast<uint32_t>(result));
+    return result;
+  }
+  KM_LOGI("km_import_wrapped_key finish");
+  return KM_ERROR_OK;
+}
+
+int32_t KeymasterTivasContext::TivasKmUnwrappedKey(const KeyHolder* wrapped_key,
+                                                   keymaster_key_blob_t* wrapping_key,
+                                                   keymaster_key_param_set_t* unwrapping_params,
+                                                   keymaster_key_blob_t* masking_key,
+                                                   AuthorizationSet* auth_list,
+                                                   keymaster_key_format_t* key_format,
+                                                   keymaster_blob_t* key_material) {
+  if (key_material == nullptr || wrapped_key == nullptr || auth_list == nullptr ||
+      key_format == nullptr) {
+    return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  }
+  BytesHolder iv;
+  KeyHolder encrypted_transit_key;
+  KeyHolder encrypted_material;
+  BytesHolder tag;
+  BytesHolder key_description;
+  int32_t result = parse_wrapped_key(*wrapped_key, &iv, &encrypted_transit_key, &encrypted_material,
+                                     &tag, auth_list, key_format, &key_description);
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("%s : parse_wrapped_key failed, error %x", kLogFailure, static_cast<uint32_t>(result));
+    return result;
+  }
+  result = CheckWrappingKey(this, wrapping_key);
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  SecretBlob transit_key;
+  result = DecryptTransitKeyMaterial(wrapping_key, unwrapping_params, &encrypted_transit_key,
+                                     &transit_key.blob);
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  result = Unmask(masking_key, &transit_key.blob);
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  KeyHolder payload;
+  result = BuildEncryptedPayload(&transit_key.blob, &encrypted_material, &tag, &payload);
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  result =
+      WrappedKeyAesGcmDecrypt(&transit_key.blob, &iv, &key_description, &payload, key_material);
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("%s : WrappedKeyAesGcmDecrypt is invalid", kLogFailure);
+  }
+  return result;
+}
+
+int32_t KeymasterTivasContext::DecryptTransitKeyMaterial(
+    keymaster_key_blob_t* wrapping_key, keymaster_key_param_set_t* unwrapping_params,
+    KeyHolder* encrypted_transit_key, keymaster_blob_t* plain_transit_key) {
+  if (unwrapping_params == nullptr || encrypted_transit_key == nullptr ||
+      plain_transit_key == nullptr) {
+    return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  }
+  keymaster_key_param_t default_params[] = {
+      EnumParam(KM_TAG_DIGEST, KM_DIGEST_SHA1),     EnumParam(KM_TAG_ALGORITHM, KM_ALGORITHM_RSA),
+      EnumParam(KM_TAG_PADDING, KM_PAD_RSA_OAEP),   UintParam(KM_TAG_KEY_SIZE, 2048),
+      UlongParam(KM_TAG_RSA_PUBLIC_EXPONENT, 4096), EnumParam(KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY),
+  };
+  keymaster_key_param_set_t default_set = SetOf(default_params);
+  const bool given = unwrapping_params->length != 0 && unwrapping_params->params != nullptr;
+  const int32_t result =
+      TransitKeyRsaDecrypt(wrapping_key, given ? unwrapping_params : &default_set,
+                           encrypted_transit_key, plain_transit_key);
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("TransitKeyRsaDecrypt is invalid");
+    WipeAndFree(plain_transit_key);
+  }
+  return result;
+}
+
+int32_t KeymasterTivasContext::TransitKeyRsaDecrypt(keymaster_key_blob_t* wrapping_key,
+                                                    keymaster_key_param_set_t* unwrapping_params,
+                                                    KeyHolder* encrypted_transit_key,
+                                                    keymaster_blob_t* plain_transit_key) {
+  if (encrypted_transit_key == nullptr || plain_transit_key == nullptr) {
+    return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  }
+  unsigned long handle = 0;
+  int32_t result =
+      TivasKmBegin(KM_PURPOSE_DECRYPT, wrapping_key, unwrapping_params, nullptr, &handle);
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("%s : KmBegin failed, error %x", kLogFailure, static_cast<uint32_t>(result));
+    return result;
+  }
+  const keymaster_blob_t input = {encrypted_transit_key->key_material,
+                                  encrypted_transit_key->key_material_size};
+  result = TivasKmFinish(handle, nullptr, &input, nullptr, nullptr, plain_transit_key);
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("%s : KmFinish failed, error %x", kLogFailure, static_cast<uint32_t>(result));
+  }
+  return result;
+}
+
+int32_t KeymasterTivasContext::WrappedKeyAesGcmDecrypt(keymaster_blob_t* plain_transit_key,
+                                                       BytesHolder* iv,
+                                                       BytesHolder* key_description,
+                                                       KeyHolder* payload,
+                                                       keymaster_blob_t* key_material) {
+  if (plain_transit_key == nullptr || iv == nullptr || key_description == nullptr ||
+      payload == nullptr || key_material == nullptr) {
+    return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  }
+  LocalKeyBlob transit_key;
+  int32_t result = ImportTransitKey(this, plain_transit_key, &transit_key.blob);
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("%s : KmImportKey failed, error %x", kLogFailure, static_cast<uint32_t>(result));
+    return result;
+  }
+  keymaster_key_param_t begin_params[] = {
+      EnumParam(KM_TAG_PADDING, KM_PAD_NONE),
+      EnumParam(KM_TAG_BLOCK_MODE, KM_MODE_GCM),
+      BytesParam(KM_TAG_NONCE, *iv),
+      UintParam(KM_TAG_MAC_LENGTH, kGcmTagBits),
+      UintParam(KM_TAG_KEY_SIZE, kTransitKeyBits),
+  };
+  const keymaster_key_param_set_t begin_set = SetOf(begin_params);
+  unsigned long handle = 0;
+  result = TivasKmBegin(KM_PURPOSE_DECRYPT, &transit_key.blob, &begin_set, nullptr, &handle);
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("%s : KmBegin failed, error %x", kLogFailure, static_cast<uint32_t>(result));
+    return result;
+  }
+  keymaster_key_param_t finish_params[] = {BytesParam(KM_TAG_ASSOCIATED_DATA, *key_description)};
+  const keymaster_key_param_set_t finish_set = SetOf(finish_params);
+  const keymaster_blob_t input = {payload->key_material, payload->key_material_size};
+  result = TivasKmFinish(handle, &finish_set, &input, nullptr, nullptr, key_material);
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("%s : KmFinish failed, error %x", kLogFailure, static_cast<uint32_t>(result));
+  }
+  return result;
+}
+
+}  // namespace keymaster

@@ -1,0 +1,208 @@
+// Fault events: failures of the TA, and TEE calls that did not return in time.
+
+#include <qavix.h>
+#include <securec.h>
+#include <string.h>
+
+#include "diag/log.h"
+#include "keymaster_ts.h"
+
+namespace {
+
+constexpr uint32_t kTaErrorEvent = 940102001;
+constexpr uint32_t kReportedTaErrorEvent = 940003100;
+constexpr uint32_t kTeeLogArchiveEvent = 901002003;
+
+// The TA's error record: code, line and name length, 4 bytes each, then the function name.
+constexpr uint32_t kMaxErrorRecord = 1024;
+constexpr uint32_t kErrorRecordHeader = 12;
+
+constexpr uint32_t kFirstReportedCode = 0xF0100001;
+constexpr uint32_t kReportedCodes[] = {
+    0xF0100002, 0xF0100003, 0xF0100004,                                                  //
+    0xFFFF0000, 0xFFFF0001, 0xFFFF0002, 0xFFFF0003, 0xFFFF0004, 0xFFFF0005, 0xFFFF0006,  //
+    0xFFFF0007, 0xFFFF0008, 0xFFFF0009, 0xFFFF000A, 0xFFFF000B, 0xFFFF000C, 0xFFFF000D,  //
+    0xFFFF000E, 0xFFFF000F, 0xFFFF0010, 0xFFFF0011,                                      //
+    0xFFFF2000, 0xFFFF3001, 0xFFFF300F, 0xFFFF3024, 0xFFFF3041, 0xFFFF3071, 0xFFFF3072,  //
+    0xFFFF5000, 0xFFFF5001,
+};
+
+// EventText is a terminated copy of a record's text, which may fill its field to the last byte.
+struct EventText {
+  explicit EventText(const char (&field)[32]) { memcpy(text, field, sizeof(field)); }
+  char text[33] = {};
+};
+
+// The event object of one report: destroyed on every path.
+class Event {
+ public:
+  explicit Event(uint32_t id) : object_(qavix_create_eventobj(id)) {}
+  ~Event() {
+    if (object_ != nullptr) {
+      qavix_destroy_eventobj(object_);
+    }
+  }
+  Event(const Event&) = delete;
+  Event& operator=(const Event&) = delete;
+
+  bool created() const { return object_ != nullptr; }
+  bool SetInteger(const char* name, long value) {
+    return qavix_set_param_integer_v2(object_, name, value) == 0;
+  }
+  bool SetText(const char* name, const EventText& value) {
+    return qavix_set_param_string_v2(object_, name, value.text) == 0;
+  }
+  bool SetFirst(const char* value) { return qavix_set_param(object_, 0, value) == 0; }
+  int Send() { return qavix_send_event(object_); }
+
+ private:
+  void* const object_;
+};
+
+// A 32-bit little-endian field of the record; one beyond its end is 0, as in the zero-filled
+// buffer that the TA writes it into.
+uint32_t RecordField(const uint8_t* record, uint32_t length, uint32_t offset) {
+  if (length < offset + 4) {
+    return 0;
+  }
+  return static_cast<uint32_t>(record[offset]) | static_cast<uint32_t>(record[offset + 1]) << 8 |
+         static_cast<uint32_t>(record[offset + 2]) << 16 |
+         static_cast<uint32_t>(record[offset + 3]) << 24;
+}
+
+bool ReadErrorRecord(const uint8_t* record, uint32_t length, CaDfxInfo* event) {
+  if (length > kMaxErrorRecord) {
+    EVENT_LOGE(" error_len is to long -- len = %u ", length);
+    return false;
+  }
+  event->errCode = static_cast<int32_t>(RecordField(record, length, 0));
+  event->errLine = RecordField(record, length, 4);
+  const uint32_t name_offset = length < kErrorRecordHeader ? length : kErrorRecordHeader;
+  uint32_t name_length = RecordField(record, length, 8);
+  if (name_length > sizeof(event->errFunc)) {
+    name_length = sizeof(event->errFunc);
+  }
+  if (name_length > length - name_offset) {
+    name_length = length - name_offset;
+  }
+  if (memcpy_s(event->errFunc, sizeof(event->errFunc), record + name_offset, name_length) != 0) {
+    EVENT_LOGE("memcpy_s errFunc faild");
+    return false;
+  }
+  return true;
+}
+
+bool SetTaErrorParams(Event* event, const CaDfxInfo& info) {
+  const EventText function(info.errFunc);
+  const EventText ta_info(info.extInfo);
+  const EventText ca_info(info.caInfo);
+  if (!event->SetInteger("RET", info.errCode)) {
+    EVENT_LOGE("set errCode failed! errCode = %d", info.errCode);
+    return false;
+  }
+  if (!event->SetInteger("CMD_ID", info.cmdId)) {
+    EVENT_LOGE("set cmdId failed! cmdId = %d", info.cmdId);
+    return false;
+  }
+  if (!event->SetInteger("LINE", info.errLine)) {
+    EVENT_LOGE("set errLine failed! errLine = %u", info.errLine);
+    return false;
+  }
+  if (!event->SetText("FUNC", function)) {
+    EVENT_LOGE("set errFunc failed! errFunc = %s", function.text);
+    return false;
+  }
+  if (!event->SetText("TAINFO", ta_info)) {
+    EVENT_LOGE("set extInfo failed! extInfo = %s", ta_info.text);
+    return false;
+  }
+  if (!event->SetText("CAINFO", ca_info)) {
+    EVENT_LOGE("set caInfo failed! caInfo = %s", ca_info.text);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int CheckReportedErrCode(uint32_t code) {
+  if (code == kFirstReportedCode) {
+    return 1;
+  }
+  for (uint32_t reported : kReportedCodes) {
+    if (code == reported) {
+      return 1;
+    }
+  }
+  return 0;
+}
+
+int ReportDfxServer(const CaDfxInfo* info) {
+  if (info == nullptr) {
+    EVENT_LOGE("reportDfxServerc info is NULL");
+    return -1;
+  }
+  Event event(info->eventId);
+  if (!event.created()) {
+    EVENT_LOGE("create EVENT:%d failed", static_cast<int>(info->eventId));
+    return -1;
+  }
+  if (!SetTaErrorParams(&event, *info)) {
+    EVENT_LOGE("setTaDfxInfo failed!");
+    return -1;
+  }
+  const int sent = event.Send();
+  if (sent < 0) {
+    EVENT_LOGE("send event failed");
+  } else {
+    EVENT_LOGI("KeyMaster Dfx uploadBigdata success.");
+  }
+  return sent;
+}
+
+void QavixKeyMaster(const uint32_t* call, const uint8_t* info, uint32_t info_len) {
+  CaDfxInfo event = {};
+  if (memset_s(&event, sizeof(event), 0, sizeof(event)) != 0) {
+    EVENT_LOGI("QavixPvod memset_s CaDfxInfo failed !!!");
+    return;
+  }
+  if (call == nullptr) {
+    return;
+  }
+  event.eventId = kTaErrorEvent;
+  event.cmdId = static_cast<int32_t>(call[0]);
+  if (info != nullptr && info_len != 0 && !ReadErrorRecord(info, info_len, &event)) {
+    EVENT_LOGE("TaErrDataAnalyze is falied");
+    return;
+  }
+  if (event.errCode == 0) {
+    event.errCode = static_cast<int32_t>(call[1]);
+  }
+  if (CheckReportedErrCode(static_cast<uint32_t>(event.errCode)) != 0) {
+    event.eventId = kReportedTaErrorEvent;
+  }
+  static const char kCaInfo[] = "KEYMASTER_TS";
+  if (memcpy_s(event.caInfo, sizeof(event.caInfo), kCaInfo, sizeof(kCaInfo)) != 0) {
+    EVENT_LOGE("memcpy_s taInfo faild");
+  }
+  if (ReportDfxServer(&event) < 0) {
+    EVENT_LOGE("reportDfxServer is falied");
+  }
+}
+
+void TeeosLogExceptionArchive(void* /*arg*/) {
+  Event event(kTeeLogArchiveEvent);
+  if (!event.created()) {
+    ARCHIVE_LOGE("create teeos eventobj failed\n");
+    return;
+  }
+  if (!event.SetFirst("teeos")) {
+    ARCHIVE_LOGE("qavix_set_param failed\n");
+    return;
+  }
+  if (event.Send() < 0) {
+    ARCHIVE_LOGE("qavix send event failed\n");
+    return;
+  }
+  ARCHIVE_LOGE("teeos log is uploaded!\n");
+}

@@ -1,0 +1,22 @@
+// Ownership of malloc memory.
+#ifndef MARSHAL_MALLOC_BUFFER_H
+#define MARSHAL_MALLOC_BUFFER_H
+
+#include <stdint.h>
+#include <stdlib.h>
+
+#include <memory>
+
+struct FreeDeleter {
+  void operator()(void* memory) const { free(memory); }
+};
+
+// MallocBuffer owns bytes that come from malloc and may go to a caller who frees them.
+using MallocBuffer = std::unique_ptr<uint8_t, FreeDeleter>;
+
+// AllocateBytes returns a buffer of that size, empty when memory runs out.
+inline MallocBuffer AllocateBytes(size_t size) {
+  return MallocBuffer(static_cast<uint8_t*>(malloc(size)));
+}
+
+#endif  // MARSHAL_MALLOC_BUFFER_H

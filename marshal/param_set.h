@@ -1,0 +1,18 @@
+// Parameter sets in the platform's form.
+#ifndef MARSHAL_PARAM_SET_H
+#define MARSHAL_PARAM_SET_H
+
+#include <hardware/keymaster_defs.h>
+
+// FindParam returns the first parameter of that tag, null when there is none. The set's array is
+// not null unless its length is 0.
+keymaster_key_param_t* FindParam(const keymaster_key_param_set_t& set, keymaster_tag_t tag);
+
+// ReleaseParamSet frees each byte value's data and the array, and leaves the set null with
+// length 0.
+void ReleaseParamSet(keymaster_key_param_set_t* set);
+
+// ReleaseCharacteristics does so with both lists.
+void ReleaseCharacteristics(keymaster_key_characteristics_t* characteristics);
+
+#endif  // MARSHAL_PARAM_SET_H

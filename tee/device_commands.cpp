@@ -1,0 +1,117 @@
+// The TA commands about the device: configuration, authorization, state, HMAC sharing.
+
+#include <tee_client_api.h>
+
+#include "keymaster_ts.h"
+#include "tee/command_frame.h"
+#include "tee/log.h"
+#include "tee/tee_context.h"
+
+using AfterFailure = CommandFrame::AfterFailure;
+
+uint32_t TeeKmConfigure(uint32_t os_version, uint32_t os_patchlevel) {
+  if (GlobalTeeContext() == nullptr) {
+    return RefuseArguments();
+  }
+  CommandFrame command(kCmdConfigure, "TeeKmConfigure", AfterFailure::kNothing);
+  const uint32_t result = command.Start();
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  command.Value(0, TEEC_VALUE_INPUT, os_version, os_patchlevel);
+  return command.Invoke();
+}
+
+uint32_t TeeVerifyAuthorization(const uint8_t* params, uint32_t params_len, const uint8_t* input,
+                                const uint32_t* input_len, uint8_t* out_params,
+                                uint32_t* out_params_len, uint8_t* token, uint64_t* token_len) {
+  if (token_len == nullptr || token == nullptr || out_params_len == nullptr ||
+      out_params == nullptr || GlobalTeeContext() == nullptr) {
+    return RefuseParams();
+  }
+  CommandFrame command(kCmdVerifyAuthorization, "TeeVerifyAuthorization", AfterFailure::kNothing);
+  uint32_t result = command.Start();
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  command.OptionalInput(0, params, params_len);
+  command.OptionalInput(1, input, input_len);
+  command.InOut(2, out_params, *out_params_len);
+  command.Output(3, token, static_cast<uint32_t>(*token_len));
+  result = command.Invoke();
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  *out_params_len = command.CappedSize(2);
+  *token_len = command.ReportedSize(3);
+  return TEEC_SUCCESS;
+}
+
+uint32_t TeeEarlyBootEnded() {
+  if (GlobalTeeContext() == nullptr) {
+    return RefuseArguments();
+  }
+  CommandFrame command(kCmdEarlyBootEnded, "TeeEarlyBootEnded", AfterFailure::kNothing);
+  const uint32_t result = command.Start();
+  return result == TEEC_SUCCESS ? command.Invoke() : result;
+}
+
+uint32_t TeeDeviceLocked(uint32_t password_only) {
+  if (GlobalTeeContext() == nullptr) {
+    return RefuseArguments();
+  }
+  CommandFrame command(kCmdDeviceLocked, "TeeDeviceLocked", AfterFailure::kNothing);
+  const uint32_t result = command.Start();
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  command.Value(0, TEEC_VALUE_INPUT, password_only, 0);
+  return command.Invoke();
+}
+
+uint32_t TeegetHmacSharingParameters(uint8_t* hmac_out1, uint32_t hmac_out1_len, uint8_t* hmac_out2,
+                                     uint32_t hmac_out2_len) {
+  if (hmac_out1 == nullptr || hmac_out2 == nullptr || GlobalTeeContext() == nullptr) {
+    return RefuseArguments();
+  }
+  CommandFrame command(kCmdGetHmacSharingParameters, "TeegetHmacSharingParameters",
+                       AfterFailure::kNothing);
+  uint32_t result = command.OpenSession();
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  result = command.ClearRecord();
+  if (result != TEEC_SUCCESS) {
+    TEE_LOGE("TeegetHmacSharingParameters memset_s failed\n");
+    return result;
+  }
+  command.Output(0, hmac_out1, hmac_out1_len);
+  command.Output(1, hmac_out2, hmac_out2_len);
+  return command.Invoke();
+}
+
+uint32_t TeecomputeSharedHmac(const uint8_t* sharing_params, uint32_t sharing_params_len,
+                              uint8_t* sharing_check, uint32_t* sharing_check_len) {
+  if (sharing_params == nullptr || sharing_check == nullptr || sharing_check_len == nullptr ||
+      GlobalTeeContext() == nullptr) {
+    return RefuseArguments();
+  }
+  CommandFrame command(kCmdComputeSharedHmac, "TeecomputeSharedHmac", AfterFailure::kNothing);
+  uint32_t result = command.OpenSession();
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  result = command.ClearRecord();
+  if (result != TEEC_SUCCESS) {
+    TEE_LOGE("TeecomputeSharedHmac memset_s failed\n");
+    return result;
+  }
+  command.Input(0, sharing_params, sharing_params_len);
+  command.Output(1, sharing_check, *sharing_check_len);
+  result = command.Invoke();
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  *sharing_check_len = command.ReportedSize(1);
+  return TEEC_SUCCESS;
+}

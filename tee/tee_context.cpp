@@ -1,0 +1,48 @@
+#include "tee/tee_context.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "keymaster_ts.h"
+#include "tee/log.h"
+
+namespace {
+
+TEEC_Context* g_context = nullptr;
+
+void DropContext() {
+  TEEC_FinalizeContext(g_context);
+  free(g_context);
+  g_context = nullptr;
+}
+
+}  // namespace
+
+TEEC_Context* GlobalTeeContext() { return g_context; }
+
+uint32_t Ts_Initcontext() {
+  if (g_context != nullptr) {
+    DropContext();
+  }
+  g_context = static_cast<TEEC_Context*>(malloc(sizeof(TEEC_Context)));
+  if (g_context == nullptr) {
+    TEE_LOGE("memory allocation failed!\n");
+    return TEEC_ERROR_OUT_OF_MEMORY;
+  }
+  const uint32_t result = TEEC_InitializeContext(nullptr, g_context);
+  if (result != TEEC_SUCCESS) {
+    TEE_LOGE("Initialize TEE context failed, ret=0x%x\n", result);
+    free(g_context);
+    g_context = nullptr;
+  }
+  return result;
+}
+
+uint32_t Ts_Finishcontext() {
+  if (g_context == nullptr) {
+    puts("unexpected NULL!");
+    return TEEC_ERROR_BAD_PARAMETERS;
+  }
+  DropContext();
+  return TEEC_SUCCESS;
+}

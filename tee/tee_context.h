@@ -1,0 +1,11 @@
+// The process-wide TEE context that every session is opened on.
+#ifndef TEE_TEE_CONTEXT_H
+#define TEE_TEE_CONTEXT_H
+
+#include <tee_client_api.h>
+
+// GlobalTeeContext returns the context, null while there is none. Only Ts_Initcontext and
+// Ts_Finishcontext change it, and they do not run beside a command.
+TEEC_Context* GlobalTeeContext();
+
+#endif  // TEE_TEE_CONTEXT_H
