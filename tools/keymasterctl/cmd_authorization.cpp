@@ -69,23 +69,24 @@ void RunVerifyAuthorization(const VerifyArgs& args) {
 void AddAuthorizationCommands(const Registry& registry) {
   {
     const auto [command, args] = AddCommand<SharingArgs>(
-        registry, "hmac-sharing",
-        "Print this TA's HMAC sharing parameters; with those of others, agree on the shared key "
-        "and print the check, which is the same for all",
-        "hmac-sharing --with \"$(keymasterctl --state other hmac-sharing)\"", RunHmacSharing);
+        registry, "hmac-sharing", "Agree on an HMAC key with other keymaster instances",
+        "hmac-sharing --with \"$(keymasterctl --state other hmac-sharing)\"\n"
+        "Without --with it prints this TA's parameters; with it, the check, which is the same for\n"
+        "all who share.",
+        RunHmacSharing);
     command->add_option("--with", args->with, "Sharing parameters of the other instances")
         ->delimiter(',');
   }
   {
     const auto [command, args] = AddCommand<TokenArgs>(
-        registry, "auth-token",
-        "Make an auth token, as an authenticator of this device does for a user who is there",
+        registry, "auth-token", "Make an auth token, as an authenticator of this device does",
         "auth-token --sid 42 --out user.token", RunAuthToken);
     command->add_option("--sid", args->token.sid, "Secure id of the user")->required();
     command->add_option("--authenticator-id", args->token.authenticator_id,
                         "Secure id of the authenticator (default 0)");
-    command->add_option("--type", args->token.type, "Kind of authenticator (default password)")
-        ->transform(NameOf(KM_TAG_USER_AUTH_TYPE));
+    TakeNames(KM_TAG_USER_AUTH_TYPE,
+              command->add_option("--type", args->token.type,
+                                  "Kind of authenticator (default password)"));
     command->add_option("--challenge", args->token.challenge,
                         "Operation that the token is for (default 0: none)");
     command->add_option("--timestamp", args->token.timestamp,

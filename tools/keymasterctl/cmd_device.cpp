@@ -92,10 +92,11 @@ void AddDeviceCommands(const Registry& registry) {
                      "early-boot-ended", RunEarlyBootEnded);
   {
     const auto [command, args] = AddCommand<ConfigureArgs>(
-        registry, "configure",
-        "Configure the TA with a system version. Every other command does so with the platform's, "
-        "which KEYMASTER_OS_VERSION and KEYMASTER_OS_PATCHLEVEL replace",
-        "configure --os-version 110000 --patch-level 202101", RunConfigure);
+        registry, "configure", "Configure the TA with a system version",
+        "configure --os-version 110000 --patch-level 202101\n"
+        "Every other command does so with the platform's version, which KEYMASTER_OS_VERSION and\n"
+        "KEYMASTER_OS_PATCHLEVEL in the environment replace.",
+        RunConfigure);
     command->add_option("--os-version", args->os_version, "OS version as MMmmss");
     command->add_option("--patch-level", args->patch_level, "OS patch level as YYYYMM");
   }

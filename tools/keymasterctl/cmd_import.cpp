@@ -125,8 +125,8 @@ void AddImportCommands(const Registry& registry) {
         ->required();
     command->add_option("--mask", args->mask,
                         "Masking key: hexadecimal, or a file (default: 32 zero bytes)");
-    command->add_option("--digest", args->digest, "Digest of OAEP (default sha1)")
-        ->transform(NameOf(KM_TAG_DIGEST));
+    TakeNames(KM_TAG_DIGEST,
+              command->add_option("--digest", args->digest, "Digest of OAEP (default sha1)"));
     command->add_option("--password-sid", args->password_sid,
                         "Secure id of the user's password, for a key bound to it");
     command->add_option("--biometric-sid", args->biometric_sid,

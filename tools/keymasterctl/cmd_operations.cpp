@@ -138,10 +138,10 @@ void RunDecrypt(const OperationArgs& args) {
 void AddCommonOptions(CLI::App* command, OperationArgs* args) {
   AddKeyOptions(command, &args->key);
   command->add_option("-i,--in", args->in, "Input file, - for standard input (default)");
-  command->add_option("--digest", args->choice.digest, "Digest (default: sha256 if allowed)")
-      ->transform(NameOf(KM_TAG_DIGEST));
-  command->add_option("--padding", args->choice.padding, "Padding (default: one that is allowed)")
-      ->transform(NameOf(KM_TAG_PADDING));
+  TakeNames(KM_TAG_DIGEST, command->add_option("--digest", args->choice.digest,
+                                               "Digest (default: sha256 if allowed)"));
+  TakeNames(KM_TAG_PADDING, command->add_option("--padding", args->choice.padding,
+                                                "Padding (default: one that is allowed)"));
   CLI::Option* token = command->add_option("--auth-token", args->token_path,
                                            "File with an auth token, for a key that needs a user");
   command
@@ -160,8 +160,8 @@ void AddSignOptions(CLI::App* command, OperationArgs* args) {
 void AddCipherOptions(CLI::App* command, OperationArgs* args, const char* nonce) {
   AddCommonOptions(command, args);
   command->add_option("-o,--out", args->out, "Output file, - for standard output (default)");
-  command->add_option("--mode", args->choice.mode, "Block mode (default: one that is allowed)")
-      ->transform(NameOf(KM_TAG_BLOCK_MODE));
+  TakeNames(KM_TAG_BLOCK_MODE, command->add_option("--mode", args->choice.mode,
+                                                   "Block mode (default: one that is allowed)"));
   command->add_option("--mac-length", args->choice.mac_length, "Bits of the tag (default 128)");
   command->add_option("--aad", args->aad, "Associated data: text, 0x and hexadecimal, or @FILE");
   command->add_option("--nonce", args->nonce, nonce);
@@ -177,26 +177,31 @@ void AddOperationCommands(const Registry& registry) {
     AddSignOptions(command, args);
   }
   {
-    const auto [command, args] = AddCommand<OperationArgs>(
-        registry, "verify", "Verify a signature or an HMAC; status 1 when it is not valid",
-        "verify --key k.blob --in letter.txt --signature letter.sig", RunVerify);
+    const auto [command, args] =
+        AddCommand<OperationArgs>(registry, "verify", "Verify a signature or an HMAC",
+                                  "verify --key k.blob --in letter.txt --signature letter.sig\n"
+                                  "The status is 1 when it is not valid.",
+                                  RunVerify);
     AddCommonOptions(command, args);
     command->add_option("--signature", args->signature, "Signature file")->required();
   }
   {
     const auto [command, args] = AddCommand<OperationArgs>(
-        registry, "encrypt",
-        "Encrypt data. The output is the nonce (gcm 12 bytes; cbc, ctr one block), the ciphertext "
-        "and, with gcm, the tag",
-        "encrypt --key k.blob --in plain.txt --out secret.bin", RunEncrypt);
+        registry, "encrypt", "Encrypt data",
+        "encrypt --key k.blob --in plain.txt --out secret.bin\n"
+        "The output is the nonce (gcm: 12 bytes; cbc, ctr: one block; else none), the ciphertext\n"
+        "and, with gcm, the tag.",
+        RunEncrypt);
     AddCipherOptions(command, args,
                      "Nonce, likewise; the output is then without it (key: --caller-nonce)");
   }
   {
     const auto [command, args] = AddCommand<OperationArgs>(
-        registry, "decrypt",
-        "Decrypt what encrypt put out. With gcm nothing is put out unless the tag is right",
-        "decrypt --key k.blob --in secret.bin --out plain.txt", RunDecrypt);
+        registry, "decrypt", "Decrypt what encrypt put out",
+        "decrypt --key k.blob --in secret.bin --out plain.txt\n"
+        "With gcm nothing is put out before the tag was verified; for standard output up to\n"
+        "64 MiB are held back for that.",
+        RunDecrypt);
     AddCipherOptions(command, args, "Nonce, likewise; the input is then without it");
   }
 }

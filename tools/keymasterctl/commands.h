@@ -14,8 +14,9 @@ struct Registry {
   std::function<void()>* action;
 };
 
-// AddCommand registers a command that runs with its own Args. Returns the place of its options
-// and the Args that they fill in.
+// AddCommand registers a command that runs with its own Args. example is its command line; what
+// else its help tells stands behind that on lines of its own. Returns the place of its options and
+// the Args that they fill in.
 template <typename Args>
 std::pair<CLI::App*, Args*> AddCommand(const Registry& registry, const std::string& name,
                                        const std::string& description, const std::string& example,

@@ -136,9 +136,9 @@ void AddAuthentication(const NewKeyArgs& args, ParamList* params) {
 void AddAccessOptions(CLI::App* command, NewKeyArgs* args) {
   CLI::Option* sid = command->add_option("--auth-sid", args->auth_sids,
                                          "The key needs a user with this secure id");
-  command->add_option("--auth-type", args->auth_type, "How that user authenticates")
-      ->transform(NameOf(KM_TAG_USER_AUTH_TYPE))
-      ->needs(sid);
+  TakeNames(KM_TAG_USER_AUTH_TYPE,
+            command->add_option("--auth-type", args->auth_type, "How that user authenticates")
+                ->needs(sid));
   command
       ->add_option("--auth-timeout", args->auth_timeout,
                    "Seconds that an authentication lasts (default: each operation needs its own)")
@@ -192,14 +192,13 @@ Key::Key(const KeyArgs& args) : material_(ReadFile(args.path)) {
 void AddNewKeyOptions(CLI::App* command, NewKeyArgs* args) {
   const auto add_names = [command](const char* name, std::vector<uint32_t>* values,
                                    keymaster_tag_t tag, const char* what) {
-    command->add_option(name, *values, what)->delimiter(',')->transform(NameOf(tag));
+    TakeNames(tag, command->add_option(name, *values, what)->delimiter(','));
   };
   command->add_option("-k,--key", args->path, "Key file to write")->required();
-  command->add_option("-a,--algorithm", args->algorithm, "Algorithm")
-      ->transform(NameOf(KM_TAG_ALGORITHM));
+  TakeNames(KM_TAG_ALGORITHM, command->add_option("-a,--algorithm", args->algorithm, "Algorithm"));
   command->add_option("-s,--size", args->size, "Key size in bits");
-  command->add_option("--curve", args->curve, "Curve of an EC key (default p256)")
-      ->transform(NameOf(KM_TAG_EC_CURVE));
+  TakeNames(KM_TAG_EC_CURVE,
+            command->add_option("--curve", args->curve, "Curve of an EC key (default p256)"));
   add_names("--purpose", &args->purposes, KM_TAG_PURPOSE, "Uses (default: the algorithm's pair)");
   add_names("--digest", &args->digests, KM_TAG_DIGEST, "Digests (default sha256)");
   add_names("--padding", &args->paddings, KM_TAG_PADDING, "Paddings (default: by the uses)");

@@ -34,6 +34,17 @@ void AddGlobalOptions(CLI::App* app, GlobalArgs* args) {
   app->set_version_flag("--version", "keymasterctl " KEYMASTERCTL_VERSION);
 }
 
+// What wrong usage says, for a word that is no command too.
+std::string UsageText(const CLI::App* app, const CLI::Error& error) {
+  std::string text = error.what();
+  if (app->get_subcommands().empty()) {
+    const std::vector<std::string> words = app->remaining();
+    text = words.empty() ? "say a command" : "there is no command '" + words.front() + "'";
+    text += "; keymasterctl --help lists them";
+  }
+  return "keymasterctl: " + text + "\n";
+}
+
 int Run(const std::function<void()>& action) {
   try {
     action();
@@ -58,6 +69,8 @@ int main(int argc, char** argv) {
       "Example:\n  keymasterctl generate --algorithm ec --key k.blob\n"
       "  keymasterctl sign --key k.blob --in letter.txt --out letter.sig\n"
       "keymasterctl COMMAND --help tells more. Status: 0 done, 1 failed, 2 wrong usage.");
+  app.failure_message(UsageText);
+  app.get_formatter()->label("UINT", "N");
   AddGlobalOptions(&app, &args);
   const Registry registry = {&app, &action};
   AddKeyCommands(registry);

@@ -190,18 +190,19 @@ std::string ValueNames(keymaster_tag_t tag) {
   const TagRow* row = FindRow(tag);
   std::string out;
   for (size_t i = 0; row != nullptr && i < row->value_count; ++i) {
-    out += std::string(out.empty() ? "" : "|") + row->values[i].name;
+    const NamedValue& value = row->values[i];
+    if (ValueName(tag, value.value) != value.name) continue;
+    out += std::string(out.empty() ? "" : "|") + value.name;
   }
   return out;
 }
 
-CLI::Validator NameOf(keymaster_tag_t tag) {
-  return CLI::Validator(
-      [tag](std::string& text) {
-        const std::optional<uint32_t> value = ValueByName(tag, text);
-        if (!value) return "'" + text + "' is none of " + ValueNames(tag);
-        text = std::to_string(*value);
-        return std::string();
-      },
-      ValueNames(tag));
+void TakeNames(keymaster_tag_t tag, CLI::Option* option) {
+  const auto to_number = [tag](std::string& text) {
+    const std::optional<uint32_t> value = ValueByName(tag, text);
+    if (!value) return "'" + text + "' is none of " + ValueNames(tag);
+    text = std::to_string(*value);
+    return std::string();
+  };
+  option->transform(CLI::Validator(to_number, ""))->type_name(ValueNames(tag));
 }

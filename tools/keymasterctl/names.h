@@ -20,10 +20,10 @@ keymaster_tag_t TagByName(const std::string& name);
 std::string ValueName(keymaster_tag_t tag, uint32_t value);
 // ValueByName finds an enumerated value; letter case and hyphens do not count.
 std::optional<uint32_t> ValueByName(keymaster_tag_t tag, const std::string& name);
-// ValueNames returns all names of a tag's values as "a|b|c".
+// ValueNames returns the first names of a tag's values as "a|b|c".
 std::string ValueNames(keymaster_tag_t tag);
 
-// NameOf makes an option take the names of a tag's values; its variable receives the number.
-CLI::Validator NameOf(keymaster_tag_t tag);
+// TakeNames makes an option take the names of a tag's values; its variable receives the number.
+void TakeNames(keymaster_tag_t tag, CLI::Option* option);
 
 #endif  // KEYMASTERCTL_NAMES_H
