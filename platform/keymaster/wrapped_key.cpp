@@ -1,4 +1,5 @@
 #include <keymaster/wrapped_key.h>
+#include <openssl/err.h>
 
 #include "wrapped_key_asn1.h"
 
@@ -78,17 +79,11 @@ keymaster_error_t ReadKeyFormat(const ASN1_INTEGER* integer, keymaster_key_forma
   return KM_ERROR_OK;
 }
 
-keymaster_error_t DecodeError(bool out_of_memory) {
-  return out_of_memory ? KM_ERROR_MEMORY_ALLOCATION_FAILED : KM_ERROR_INVALID_ARGUMENT;
-}
-
 keymaster_error_t ReadDescription(const ASN1_STRING* encoding, AuthorizationSet* auth_list,
                                   keymaster_key_format_t* key_format) {
-  bool out_of_memory = false;
-  const auto description =
-      DecodeDescription(ASN1_STRING_get0_data(encoding),
-                        static_cast<size_t>(ASN1_STRING_length(encoding)), &out_of_memory);
-  if (description == nullptr) return DecodeError(out_of_memory);
+  const auto description = DecodeDescription(ASN1_STRING_get0_data(encoding),
+                                             static_cast<size_t>(ASN1_STRING_length(encoding)));
+  if (description == nullptr) return KM_ERROR_INVALID_ARGUMENT;
   for (size_t i = 0; i < kAuthorizationFieldCount; ++i) {
     const void* value = description->key_params->values[i];
     if (value == nullptr) continue;
@@ -96,6 +91,18 @@ keymaster_error_t ReadDescription(const ASN1_STRING* encoding, AuthorizationSet*
     if (error != KM_ERROR_OK) return error;
   }
   return ReadKeyFormat(description->key_format, key_format);
+}
+
+std::unique_ptr<SecureKeyWrapper, Asn1Deleter> ReadWrapper(
+    const TKeymasterBlob<keymaster_key_blob_t>& wrapped_key) {
+  if (wrapped_key.key_material == nullptr) return nullptr;
+  auto wrapper = DecodeWrapper(wrapped_key.key_material, wrapped_key.key_material_size);
+  uint64_t version = 0;
+  if (wrapper != nullptr &&
+      (ASN1_INTEGER_get_uint64(&version, wrapper->version) != 1 || version != 0)) {
+    wrapper.reset();
+  }
+  return wrapper;
 }
 
 }  // namespace
@@ -120,23 +127,19 @@ keymaster_error_t parse_wrapped_key(const TKeymasterBlob<keymaster_key_blob_t>& 
     wrapped_key_description->Clear();
   };
   clear_outputs();
-  if (wrapped_key.key_material == nullptr) return KM_ERROR_INVALID_ARGUMENT;
 
-  bool out_of_memory = false;
-  const auto wrapper =
-      DecodeWrapper(wrapped_key.key_material, wrapped_key.key_material_size, &out_of_memory);
-  if (wrapper == nullptr) return DecodeError(out_of_memory);
-  uint64_t version = 0;
-  if (ASN1_INTEGER_get_uint64(&version, wrapper->version) != 1 || version != 0) {
-    return KM_ERROR_INVALID_ARGUMENT;
+  // The caller's own libcrypto errors survive; those of a bad wrapper do not linger.
+  ERR_set_mark();
+  keymaster_error_t error = KM_ERROR_INVALID_ARGUMENT;
+  if (const auto wrapper = ReadWrapper(wrapped_key); wrapper != nullptr) {
+    error = ReadDescription(wrapper->key_description, auth_list, key_format);
+    if (error == KM_ERROR_OK) error = CopyBytes(wrapper->iv, iv);
+    if (error == KM_ERROR_OK) error = CopyBytes(wrapper->transit_key, transit_key);
+    if (error == KM_ERROR_OK) error = CopyBytes(wrapper->secure_key, secure_key);
+    if (error == KM_ERROR_OK) error = CopyBytes(wrapper->tag, tag);
+    if (error == KM_ERROR_OK) error = CopyBytes(wrapper->key_description, wrapped_key_description);
   }
-
-  keymaster_error_t error = ReadDescription(wrapper->key_description, auth_list, key_format);
-  if (error == KM_ERROR_OK) error = CopyBytes(wrapper->iv, iv);
-  if (error == KM_ERROR_OK) error = CopyBytes(wrapper->transit_key, transit_key);
-  if (error == KM_ERROR_OK) error = CopyBytes(wrapper->secure_key, secure_key);
-  if (error == KM_ERROR_OK) error = CopyBytes(wrapper->tag, tag);
-  if (error == KM_ERROR_OK) error = CopyBytes(wrapper->key_description, wrapped_key_description);
+  ERR_pop_to_mark();
   if (error != KM_ERROR_OK) clear_outputs();
   return error;
 }

@@ -1,7 +1,6 @@
 #include "wrapped_key_asn1.h"
 
 #include <limits.h>
-#include <openssl/err.h>
 
 #include <array>
 #include <utility>
@@ -61,7 +60,7 @@ const ASN1_ITEM* AuthorizationList_it() {
 ASN1_SEQUENCE(KeyDescription) = {
   ASN1_SIMPLE(KeyDescription, key_format, ASN1_INTEGER),
   ASN1_SIMPLE(KeyDescription, key_params, AuthorizationList),
-} static_ASN1_SEQUENCE_END(KeyDescription)
+} static_ASN1_SEQUENCE_END(KeyDescription);
 
 ASN1_SEQUENCE(SecureKeyWrapper) = {
   ASN1_SIMPLE(SecureKeyWrapper, version, ASN1_INTEGER),
@@ -70,20 +69,15 @@ ASN1_SEQUENCE(SecureKeyWrapper) = {
   ASN1_SIMPLE(SecureKeyWrapper, key_description, ASN1_SEQUENCE),
   ASN1_SIMPLE(SecureKeyWrapper, secure_key, ASN1_OCTET_STRING),
   ASN1_SIMPLE(SecureKeyWrapper, tag, ASN1_OCTET_STRING),
-} static_ASN1_SEQUENCE_END(SecureKeyWrapper)
-    // clang-format on
+} static_ASN1_SEQUENCE_END(SecureKeyWrapper);
+// clang-format on
 
-    template <typename T>
-    std::unique_ptr<T, Asn1Deleter> Decode(const uint8_t* data, size_t length,
-                                           const ASN1_ITEM* item, bool* out_of_memory) {
+template <typename T>
+std::unique_ptr<T, Asn1Deleter> Decode(const uint8_t* data, size_t length, const ASN1_ITEM* item) {
   if (length > LONG_MAX) return nullptr;
   const uint8_t* rest = data;
-  ERR_set_mark();
   std::unique_ptr<T, Asn1Deleter> value(
       reinterpret_cast<T*>(ASN1_item_d2i(nullptr, &rest, static_cast<long>(length), item)));
-  *out_of_memory =
-      value == nullptr && ERR_GET_REASON(ERR_peek_last_error()) == ERR_R_MALLOC_FAILURE;
-  ERR_pop_to_mark();
   if (value != nullptr && rest != data + length) value.reset();
   return value;
 }
@@ -98,14 +92,12 @@ void Asn1Deleter::operator()(KeyDescription* description) const {
   ASN1_item_free(reinterpret_cast<ASN1_VALUE*>(description), ASN1_ITEM_rptr(KeyDescription));
 }
 
-std::unique_ptr<SecureKeyWrapper, Asn1Deleter> DecodeWrapper(const uint8_t* data, size_t length,
-                                                             bool* out_of_memory) {
-  return Decode<SecureKeyWrapper>(data, length, ASN1_ITEM_rptr(SecureKeyWrapper), out_of_memory);
+std::unique_ptr<SecureKeyWrapper, Asn1Deleter> DecodeWrapper(const uint8_t* data, size_t length) {
+  return Decode<SecureKeyWrapper>(data, length, ASN1_ITEM_rptr(SecureKeyWrapper));
 }
 
-std::unique_ptr<KeyDescription, Asn1Deleter> DecodeDescription(const uint8_t* data, size_t length,
-                                                               bool* out_of_memory) {
-  return Decode<KeyDescription>(data, length, ASN1_ITEM_rptr(KeyDescription), out_of_memory);
+std::unique_ptr<KeyDescription, Asn1Deleter> DecodeDescription(const uint8_t* data, size_t length) {
+  return Decode<KeyDescription>(data, length, ASN1_ITEM_rptr(KeyDescription));
 }
 
 }  // namespace keymaster

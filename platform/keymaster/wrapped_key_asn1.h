@@ -98,12 +98,10 @@ struct Asn1Deleter {
   void operator()(KeyDescription* description) const;
 };
 
-// Decode a structure that fills the length bytes at data exactly; null for anything else, and
-// when memory runs out (then *out_of_memory is set).
-std::unique_ptr<SecureKeyWrapper, Asn1Deleter> DecodeWrapper(const uint8_t* data, size_t length,
-                                                             bool* out_of_memory);
-std::unique_ptr<KeyDescription, Asn1Deleter> DecodeDescription(const uint8_t* data, size_t length,
-                                                               bool* out_of_memory);
+// Decode a structure that fills the length bytes at data exactly; null for anything else. Leave
+// their errors in libcrypto's queue.
+std::unique_ptr<SecureKeyWrapper, Asn1Deleter> DecodeWrapper(const uint8_t* data, size_t length);
+std::unique_ptr<KeyDescription, Asn1Deleter> DecodeDescription(const uint8_t* data, size_t length);
 
 }  // namespace keymaster
 

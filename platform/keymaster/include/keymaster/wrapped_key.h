@@ -10,8 +10,8 @@ namespace keymaster {
 
 // Takes a DER SecureKeyWrapper apart. The five blobs receive malloc copies; the key description's
 // bytes are those of the wrapper. Returns KM_ERROR_OK, KM_ERROR_UNEXPECTED_NULL_POINTER,
-// KM_ERROR_INVALID_ARGUMENT for malformed input, or KM_ERROR_MEMORY_ALLOCATION_FAILED; on failure
-// every output is empty.
+// KM_ERROR_INVALID_ARGUMENT for what does not decode (for want of memory too, which libcrypto does
+// not tell apart), or KM_ERROR_MEMORY_ALLOCATION_FAILED; on failure every output is empty.
 __attribute__((visibility("default"))) keymaster_error_t parse_wrapped_key(
     const TKeymasterBlob<keymaster_key_blob_t>& wrapped_key, TKeymasterBlob<keymaster_blob_t>* iv,
     TKeymasterBlob<keymaster_key_blob_t>* transit_key,

@@ -1,0 +1,212 @@
+// The keymaster support library, on wrappers that scripts/make-wrapped-key built and on DER that
+// is wrong in one place.
+#include <gtest/gtest.h>
+#include <keymaster/keymaster_configuration.h>
+#include <keymaster/wrapped_key.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+
+#include <memory>
+#include <sstream>
+#include <string>
+
+namespace keymaster {
+namespace {
+
+// Every parameter as the script is told it > the tag and value that must come out of the wrapper.
+constexpr char kFields[] =
+    "purpose=wrap-key>20000001:5 algorithm=hmac>10000002:128 "
+    "keySize=0xffffffff>30000003:4294967295 "
+    "blockMode=gcm>20000004:32 digest=sha512>20000005:6 padding=pkcs7>20000006:64 "
+    "callerNonce>70000007:1 minMacLength=128>30000008:128 ecCurve=p521>1000000a:3 "
+    "rsaPublicExponent=65537>500000c8:65537 rollbackResistance>7000012f:1 "
+    "activeDateTime=0>60000190:0 originationExpireDateTime=4102444800000>60000191:4102444800000 "
+    "usageExpireDateTime=0xffffffffffffffff>60000192:18446744073709551615 "
+    "userSecureId=0x8000000000000000>a00001f6:9223372036854775808 noAuthRequired>700001f7:1 "
+    "userAuthType=any>100001f8:4294967295 authTimeout=30>300001f9:30 allowWhileOnBody>700001fa:1 "
+    "trustedUserPresenceRequired>700001fb:1 trustedConfirmationRequired>700001fc:1 "
+    "unlockedDeviceRequired>700001fd:1 allApplications>70000258:1 applicationId=app>90000259:'app' "
+    "applicationData=hex:>900002bc:'' creationDateTime=1>600002bd:1 origin=4>100002be:4 "
+    "rootOfTrust=r>900002c0:'r' osVersion=110000>300002c1:110000 "
+    "osPatchLevel=202101>300002c2:202101 "
+    "uniqueId=u>900002c3:'u' attestationChallenge=c>900002c4:'c' "
+    "attestationApplicationId=a>900002c5:'a' attestationIdBrand=b>900002c6:'b' "
+    "attestationIdDevice=d>900002c7:'d' attestationIdProduct=p>900002c8:'p' "
+    "attestationIdSerial=s>900002c9:'s' attestationIdImei=i>900002ca:'i' "
+    "attestationIdMeid=m>900002cb:'m' attestationIdManufacturer=f>900002cc:'f' "
+    "attestationIdModel=o>900002cd:'o' vendorPatchLevel=20210105>300002ce:20210105 "
+    "bootPatchLevel=20210106>300002cf:20210106 authToken=hex:746f6b>900003ea:'tok' ";
+
+// One half of kFields: arguments for the script, or the tags and values.
+std::string Half(bool arguments) {
+  std::istringstream in(kFields);
+  std::string out;
+  for (std::string left, right; std::getline(in, left, '>') && in >> right >> std::ws;) {
+    out += arguments ? " --param " + left : right + " ";
+  }
+  return out;
+}
+
+const std::string& FullWrapper() {
+  static const std::string kWrapper = [] {
+    const std::string command =
+        "key=$(mktemp) && openssl genrsa 2048 2>/dev/null | openssl pkey -pubout > $key && " +
+        std::string(MAKE_WRAPPED_KEY) + " --wrapping-key $key --key-hex 00112233 --no-defaults" +
+        Half(true) + " --iv 0102030405060708090a0b0c; rm -f $key";
+    std::string out(4096, '\0');
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    out.resize(fread(out.data(), 1, out.size(), pipe.get()));
+    return out;
+  }();
+  return kWrapper;
+}
+
+std::string Unhex(const std::string& hex) {
+  std::string out(hex.size(), '\0');
+  size_t length = 0;
+  EXPECT_EQ(1, OPENSSL_hexstr2buf_ex(reinterpret_cast<uint8_t*>(out.data()), out.size(), &length,
+                                     hex.c_str(), '\0'));
+  return out.substr(0, length);
+}
+
+std::string Text(const keymaster_blob_t& blob) {
+  return {reinterpret_cast<const char*>(blob.data), blob.data_length};
+}
+
+std::string Describe(const AuthorizationSet& set) {
+  std::ostringstream out;
+  for (const keymaster_key_param_t& param : set) {
+    const keymaster_tag_type_t type = keymaster_tag_get_type(param.tag);
+    out << std::hex << static_cast<uint32_t>(param.tag) << ':' << std::dec;
+    if (type == KM_BYTES) out << '\'' << Text(param.blob) << "' ";
+    if (type == KM_BOOL) out << param.boolean << ' ';
+    // The upper half of a shorter value is 0.
+    if (type != KM_BYTES && type != KM_BOOL) out << param.long_integer << ' ';
+  }
+  return out.str();
+}
+
+struct Parsed {
+  TKeymasterBlob<keymaster_blob_t> iv, tag, description;
+  TKeymasterBlob<keymaster_key_blob_t> transit_key, secure_key;
+  AuthorizationSet set;
+  keymaster_key_format_t format = KM_KEY_FORMAT_X509;
+
+  keymaster_error_t Parse(const std::string& der) {
+    TKeymasterBlob<keymaster_key_blob_t> wrapped;  // of exactly its size, for the sanitizer
+    wrapped.key_material = dup_buffer(der.data(), der.size());
+    wrapped.key_material_size = der.size();
+    return parse_wrapped_key(wrapped, &iv, &transit_key, &secure_key, &tag, &set, &format,
+                             &description);
+  }
+  bool Empty() const {
+    return iv.data == nullptr && tag.data == nullptr && description.data == nullptr &&
+           transit_key.key_material == nullptr && secure_key.key_material == nullptr && set.empty();
+  }
+};
+
+TEST(ParseWrappedKey, ReadsEveryFieldOfTheWrapper) {
+  Parsed parsed;
+  ASSERT_EQ(KM_ERROR_OK, parsed.Parse(FullWrapper()));
+  EXPECT_EQ(KM_KEY_FORMAT_RAW, parsed.format);
+  EXPECT_EQ(Unhex("0102030405060708090a0b0c"), Text(parsed.iv));
+  EXPECT_EQ(16u, parsed.tag.data_length);
+  EXPECT_EQ(4u, parsed.secure_key.key_material_size);
+  EXPECT_EQ(256u, parsed.transit_key.key_material_size);
+  EXPECT_EQ(Half(false), Describe(parsed.set));
+}
+
+TEST(ParseWrappedKey, SurvivesCutsAndChanges) {
+  const std::string& good = FullWrapper();
+  for (size_t length = 0; length < good.size(); ++length) {
+    Parsed cut;
+    EXPECT_EQ(KM_ERROR_INVALID_ARGUMENT, cut.Parse(good.substr(0, length))) << length;
+    EXPECT_TRUE(cut.Empty()) << length;
+  }
+  for (size_t i = 0; i < good.size() * 9; ++i) {
+    std::string bad = good;
+    bad[i / 9] = static_cast<char>(bad[i / 9] ^ (i % 9 == 8 ? 0xFF : 1 << i % 9));
+    Parsed changed;
+    const keymaster_error_t error = changed.Parse(bad);
+    EXPECT_TRUE(error == KM_ERROR_OK || (error == KM_ERROR_INVALID_ARGUMENT && changed.Empty()))
+        << "byte " << i / 9 << ": " << error;
+  }
+  EXPECT_EQ(0u, ERR_peek_error()) << "libcrypto's queue is left as it was";
+}
+
+// A wrapper of short parts in hexadecimal; each part that the rows below vary can be replaced.
+std::string Tlv(const std::string& tag, const std::string& hex) {
+  static const char kDigits[] = "0123456789abcdef";
+  const size_t length = hex.size() / 2;
+  return tag + kDigits[length / 16] + kDigits[length % 16] + hex;
+}
+std::string Wrapper(const std::string& params, const std::string& format = "020103",
+                    const std::string& version = "020100", const std::string& rest = "0401dd") {
+  return Tlv("30",
+             version + "0401aa0401bb" + Tlv("30", format + Tlv("30", params)) + "0401cc" + rest);
+}
+
+TEST(ParseWrappedKey, AcceptsOtherEncodingsAndKeepsThem) {
+  // Nothing, an empty set, indefinite and long-form lengths, the largest number.
+  for (const char* params :
+       {"", "a1023100", "a380020200800000", "a38103020101", "a307020500ffffffff"}) {
+    Parsed parsed;
+    const std::string der = Unhex(Wrapper(params, "020103", "020100", "24800401dd0000"));
+    EXPECT_EQ(KM_ERROR_OK, parsed.Parse(der)) << params;
+    EXPECT_EQ("\xdd", Text(parsed.tag));
+    // The description starts behind the header, the version, the transit key and the iv.
+    EXPECT_EQ(der.substr(11, static_cast<size_t>(der[12]) + 2), Text(parsed.description)) << params;
+  }
+}
+
+TEST(ParseWrappedKey, RefusesWhatIsWrongInOnePlace) {
+  const std::string kRows[] = {
+      // Versions 1, -1 and 2^64; formats 2, -1 and 2^32 + 3; bytes behind the end and the tag.
+      Wrapper("", "020103", "020101"), Wrapper("", "020103", "0201ff"),
+      Wrapper("", "020103", "0209010000000000000000"), Wrapper("", "020102"), Wrapper("", "0201ff"),
+      Wrapper("", "02050100000003"), Wrapper("") + "00",
+      Wrapper("", "020103", "020100", "0401dd0500"),
+      // A number below 0, above 32 bits (also in a set) and above 64 bits; an empty one.
+      Wrapper("a3030201ff"), Wrapper("a30702050100000000"), Wrapper("a109310702050100000000"),
+      Wrapper("bf83100b0209010000000000000000"), Wrapper("a3020200"),
+      // Fields out of order, twice, unknown; a null with content; a set of secure ids.
+      Wrapper("a303020101a203020120"), Wrapper("a303020101a303020101"), Wrapper("a903020101"),
+      Wrapper("a703050100"), Wrapper("bf8376053103020101")};
+  for (const std::string& row : kRows) {
+    Parsed parsed;
+    EXPECT_EQ(KM_ERROR_INVALID_ARGUMENT, parsed.Parse(Unhex(row))) << row;
+    EXPECT_TRUE(parsed.Empty()) << row;
+  }
+}
+
+TEST(AuthorizationSet, OwnsItsBytes) {
+  AuthorizationSet set;
+  std::string bytes = "secret";
+  keymaster_key_param_t param = {};
+  param.tag = KM_TAG_APPLICATION_ID;
+  param.blob = {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()};
+  ASSERT_TRUE(set.push_back(param));
+  bytes.assign(6, 'x');
+  for (int i = 0; i < 40; ++i) ASSERT_TRUE(set.push_back(set[0]));
+  EXPECT_EQ("secret", Text(set[40].blob));
+  EXPECT_NE(set[0].blob.data, set[40].blob.data);
+  param.blob = {nullptr, 1};
+  EXPECT_FALSE(set.push_back(param));
+  EXPECT_EQ(41u, set.size());
+  set.Clear();
+  EXPECT_TRUE(set.empty() && set.begin() == set.end());
+  EXPECT_TRUE(set.push_back({KM_TAG_NO_AUTH_REQUIRED, {1}}));
+}
+
+TEST(Configuration, TakesOnlyWholeNumbersFromTheEnvironment) {
+  EXPECT_EQ(110000u, GetOsVersion());
+  setenv("KEYMASTER_OS_PATCHLEVEL", "4294967295", 1);
+  EXPECT_EQ(4294967295u, GetOsPatchlevel());
+  for (const char* text : {"4294967296", "-1", "2022-03", ""}) {
+    setenv("KEYMASTER_OS_PATCHLEVEL", text, 1);
+    EXPECT_EQ(202101u, GetOsPatchlevel()) << text;
+  }
+}
+
+}  // namespace
+}  // namespace keymaster
