@@ -11,9 +11,9 @@
 #include "keymaster_ts.h"
 #include "marshal/log.h"
 
-thread_local bool g_wrappedKeyImport = false;
-
 namespace {
+
+thread_local bool g_wrappedKeyImport = false;
 
 // The import type that travels to the TA with a caller's key.
 constexpr uint8_t kImportCaller = 1;
@@ -93,6 +93,10 @@ int32_t PrepareKey(keymaster_key_format_t format, const keymaster_blob_t& key_da
 }
 
 }  // namespace
+
+WrappedImportScope::WrappedImportScope() { g_wrappedKeyImport = true; }
+
+WrappedImportScope::~WrappedImportScope() { g_wrappedKeyImport = false; }
 
 namespace keymaster {
 

@@ -2,8 +2,14 @@
 #ifndef CONTEXT_IMPORT_H
 #define CONTEXT_IMPORT_H
 
-// True only while a wrapped import runs its final import. Per thread, so that a plain import on
-// another thread is never taken for one.
-extern thread_local bool g_wrappedKeyImport;
+// WrappedImportScope marks the imports made on this thread while it lives as the final step of a
+// wrapped import. Per thread, so that a plain import on another thread is never taken for one.
+class WrappedImportScope {
+ public:
+  WrappedImportScope();
+  ~WrappedImportScope();
+  WrappedImportScope(const WrappedImportScope&) = delete;
+  WrappedImportScope& operator=(const WrappedImportScope&) = delete;
+};
 
 #endif  // CONTEXT_IMPORT_H

@@ -179,15 +179,6 @@ struct LocalKeyBlob {
   keymaster_key_blob_t blob = {};
 };
 
-// While one lives, imports on this thread are the final step of a wrapped import.
-class WrappedImportScope {
- public:
-  WrappedImportScope() { g_wrappedKeyImport = true; }
-  ~WrappedImportScope() { g_wrappedKeyImport = false; }
-  WrappedImportScope(const WrappedImportScope&) = delete;
-  WrappedImportScope& operator=(const WrappedImportScope&) = delete;
-};
-
 }  // namespace
 
 int32_t KeymasterTivasContext::TivasKmImportWrappedKeyNew(
