@@ -37,6 +37,9 @@ TEEC_Result OpenKeyBlob(ByteView blob, const ParamSet& params, Key* key);
 // OpenCurrentKey opens a blob of the current system version: KM_ERROR_KEY_REQUIRES_UPGRADE for an
 // older one, KM_ERROR_INVALID_KEY_BLOB for a newer one.
 TEEC_Result OpenCurrentKey(ByteView blob, const ParamSet& params, Key* key);
+// IdentifyKeyBlob reads the id of the key in a sealed blob, whatever the blob is bound to and
+// whether or not the key was deleted.
+TEEC_Result IdentifyKeyBlob(ByteView blob, Bytes* key_id);
 
 }  // namespace ta
 

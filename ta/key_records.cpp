@@ -1,0 +1,96 @@
+#include "key_records.h"
+
+#include <time.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "state.h"
+
+namespace ta {
+namespace {
+
+std::string RecordName(const char* kind, const Bytes& key_id) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string name = kind;
+  for (const uint8_t byte : key_id) {
+    name += kDigits[byte >> 4];
+    name += kDigits[byte & 0xF];
+  }
+  return name;
+}
+
+std::string BootId() {
+  std::ifstream file("/proc/sys/kernel/random/boot_id");
+  std::string id;
+  std::getline(file, id);
+  return id;
+}
+
+uint64_t SecondsSinceBoot() {
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec);
+}
+
+// How often and when last a key was used since the system started.
+struct Usage {
+  uint64_t count = 0;
+  uint64_t last_use = 0;  // seconds since boot
+};
+
+Usage ReadUsage(const std::string& name, const std::string& boot_id) {
+  Usage usage;
+  SecureBytes content;
+  if (!ReadStateFile(name, &content)) return usage;
+  ByteReader reader(content);
+  ByteView boot;
+  if (!reader.TakeU64(&usage.count) || !reader.TakeU64(&usage.last_use) ||
+      !reader.TakeBytes(reader.remaining(), &boot) ||
+      std::string(boot.begin(), boot.end()) != boot_id) {
+    return Usage();
+  }
+  return usage;
+}
+
+void WriteUsage(const std::string& name, const std::string& boot_id, const Usage& usage) {
+  Bytes content;
+  AppendU64(&content, usage.count);
+  AppendU64(&content, usage.last_use);
+  content.insert(content.end(), boot_id.begin(), boot_id.end());
+  ReplaceStateFile(name, content);
+}
+
+}  // namespace
+
+void RecordDeletion(const Bytes& key_id) {
+  CreateStateFile(RecordName("deleted_", key_id), ByteView());
+  unlink(StateFile(RecordName("usage_", key_id)).c_str());
+}
+
+bool IsKeyDeleted(const Bytes& key_id) {
+  return access(StateFile(RecordName("deleted_", key_id)).c_str(), F_OK) == 0;
+}
+
+TEEC_Result CountUse(const Key& key) {
+  const Param* max_uses = key.Find(KM_TAG_MAX_USES_PER_BOOT);
+  const Param* min_seconds = key.Find(KM_TAG_MIN_SECONDS_BETWEEN_OPS);
+  if (max_uses == nullptr && min_seconds == nullptr) return TEEC_SUCCESS;
+  const StateLock lock;
+  const std::string name = RecordName("usage_", key.id);
+  const std::string boot_id = BootId();
+  const uint64_t now = SecondsSinceBoot();
+  Usage usage = ReadUsage(name, boot_id);
+  if (min_seconds != nullptr && usage.count != 0 && now - usage.last_use < min_seconds->value) {
+    return Fail(KM_ERROR_KEY_RATE_LIMIT_EXCEEDED);
+  }
+  if (max_uses != nullptr && usage.count >= max_uses->value) {
+    return Fail(KM_ERROR_KEY_MAX_OPS_EXCEEDED);
+  }
+  ++usage.count;
+  usage.last_use = now;
+  WriteUsage(name, boot_id, usage);
+  return TEEC_SUCCESS;
+}
+
+}  // namespace ta

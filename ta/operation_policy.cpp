@@ -1,0 +1,124 @@
+#include "operation_policy.h"
+
+#include <chrono>
+
+#include "auth.h"
+#include "device_state.h"
+#include "key_description.h"
+
+namespace ta {
+namespace {
+
+uint64_t NowInMilliseconds() {
+  using std::chrono::system_clock;
+  return static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(system_clock::now().time_since_epoch())
+          .count());
+}
+
+// A wrapping key decrypts nothing but what was encrypted to it with OAEP: transit keys.
+bool UnwrapsTransitKey(uint32_t purpose, const Key& key, const ParamSet& params) {
+  return purpose == KM_PURPOSE_DECRYPT && key.Authorizes(KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY) &&
+         params.Contains(KM_TAG_PADDING, KM_PAD_RSA_OAEP);
+}
+
+TEEC_Result CheckPurpose(uint32_t purpose, const Key& key, const ParamSet& params) {
+  if (purpose > KM_PURPOSE_VERIFY || !HasPurpose(key.algorithm, purpose)) {
+    return Fail(KM_ERROR_UNSUPPORTED_PURPOSE);
+  }
+  return key.Authorizes(KM_TAG_PURPOSE, purpose) || UnwrapsTransitKey(purpose, key, params)
+             ? TEEC_SUCCESS
+             : Fail(KM_ERROR_INCOMPATIBLE_PURPOSE);
+}
+
+TEEC_Result CheckDates(uint32_t purpose, const Key& key) {
+  const uint64_t now = NowInMilliseconds();
+  const bool originates = purpose == KM_PURPOSE_ENCRYPT || purpose == KM_PURPOSE_SIGN;
+  const Param* active = key.Find(KM_TAG_ACTIVE_DATETIME);
+  const Param* expires =
+      key.Find(originates ? KM_TAG_ORIGINATION_EXPIRE_DATETIME : KM_TAG_USAGE_EXPIRE_DATETIME);
+  if (active != nullptr && now < active->value) return Fail(KM_ERROR_KEY_NOT_YET_VALID);
+  if (expires != nullptr && now > expires->value) return Fail(KM_ERROR_KEY_EXPIRED);
+  return TEEC_SUCCESS;
+}
+
+// Demands that this TA cannot meet: nothing here sees the boot loader, a button or a dialogue.
+TEEC_Result CheckUnmeetableDemands(const Key& key) {
+  constexpr struct {
+    keymaster_tag_t tag;
+    keymaster_error_t error;
+  } kDemands[] = {
+      {KM_TAG_BOOTLOADER_ONLY, KM_ERROR_INVALID_KEY_BLOB},
+      {KM_TAG_STORAGE_KEY, KM_ERROR_STORAGE_KEY_UNSUPPORTED},
+      {KM_TAG_TRUSTED_USER_PRESENCE_REQUIRED, KM_ERROR_PROOF_OF_PRESENCE_REQUIRED},
+      {KM_TAG_TRUSTED_CONFIRMATION_REQUIRED, KM_ERROR_NO_USER_CONFIRMATION},
+  };
+  for (const auto& demand : kDemands) {
+    if (key.hw_enforced.IsTrue(static_cast<uint32_t>(demand.tag))) return Fail(demand.error);
+  }
+  return TEEC_SUCCESS;
+}
+
+bool NeedsUser(const ParamSet& demands) {
+  return demands.Contains(static_cast<uint32_t>(KM_TAG_USER_SECURE_ID)) &&
+         !demands.IsTrue(KM_TAG_NO_AUTH_REQUIRED);
+}
+
+// The token of params; false when there is none or it is not genuine.
+bool TokenOf(const ParamSet& params, AuthToken* token) {
+  const uint32_t tag = static_cast<uint32_t>(KM_TAG_AUTH_TOKEN);
+  return params.Contains(tag) && AuthTokenValid(params.BytesOf(tag), token);
+}
+
+TEEC_Result CheckDeviceState(const Key& key, const AuthToken* token) {
+  if (key.hw_enforced.IsTrue(KM_TAG_EARLY_BOOT_ONLY) && EarlyBootHasEnded()) {
+    return Fail(KM_ERROR_EARLY_BOOT_ENDED);
+  }
+  if (key.hw_enforced.IsTrue(KM_TAG_UNLOCKED_DEVICE_REQUIRED) && !DeviceUnlockedFor(token)) {
+    return Fail(KM_ERROR_DEVICE_LOCKED);
+  }
+  return TEEC_SUCCESS;
+}
+
+TEEC_Result CheckTimedUser(const Key& key, const AuthToken* token) {
+  const std::optional<uint64_t> timeout = key.hw_enforced.Value(KM_TAG_AUTH_TIMEOUT);
+  if (!NeedsUser(key.hw_enforced) || !timeout) return TEEC_SUCCESS;
+  return token != nullptr && AuthTokenSatisfies(*token, key.hw_enforced) &&
+                 AuthTokenFresh(*token, static_cast<uint32_t>(*timeout))
+             ? TEEC_SUCCESS
+             : Fail(KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
+}
+
+}  // namespace
+
+bool UsesPublicKey(uint32_t purpose, const Key& key) {
+  return (key.algorithm == KM_ALGORITHM_RSA || key.algorithm == KM_ALGORITHM_EC) &&
+         (purpose == KM_PURPOSE_ENCRYPT || purpose == KM_PURPOSE_VERIFY);
+}
+
+TEEC_Result AuthorizeBegin(uint32_t purpose, const Key& key, const ParamSet& params) {
+  TEEC_Result result = CheckPurpose(purpose, key, params);
+  if (result != 0 || UsesPublicKey(purpose, key)) return result;
+  AuthToken parsed;
+  const AuthToken* token = TokenOf(params, &parsed) ? &parsed : nullptr;
+  result = CheckUnmeetableDemands(key);
+  if (result == 0) result = CheckDates(purpose, key);
+  if (result == 0) result = CheckDeviceState(key, token);
+  if (result == 0) result = CheckTimedUser(key, token);
+  return result;
+}
+
+bool NeedsTokenPerOperation(uint32_t purpose, const Key& key) {
+  return !UsesPublicKey(purpose, key) && NeedsUser(key.hw_enforced) &&
+         !key.hw_enforced.Contains(KM_TAG_AUTH_TIMEOUT);
+}
+
+TEEC_Result AuthorizeContinuation(uint64_t handle, const ParamSet& demands,
+                                  const ParamSet& params) {
+  AuthToken token;
+  return TokenOf(params, &token) && token.challenge == handle && AuthTokenSatisfies(token, demands)
+             ? TEEC_SUCCESS
+             : Fail(KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
+}
+
+}  // namespace ta

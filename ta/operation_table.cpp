@@ -1,0 +1,37 @@
+#include "operation_table.h"
+
+#include <openssl/rand.h>
+
+#include "key_material.h"
+
+namespace ta {
+
+OperationTable& OperationTable::Instance() {
+  static OperationTable table;
+  return table;
+}
+
+bool OperationTable::Add(const RunningOperationPtr& operation, uint64_t* handle) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  if (operations_.size() >= kCapacity) return false;
+  uint64_t candidate = 0;
+  do {
+    RequireCrypto(RAND_bytes(reinterpret_cast<uint8_t*>(&candidate), sizeof(candidate)) == 1);
+  } while (candidate == 0 || operations_.count(candidate) != 0);
+  operations_.emplace(candidate, operation);
+  *handle = candidate;
+  return true;
+}
+
+RunningOperationPtr OperationTable::Find(uint64_t handle) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  const auto found = operations_.find(handle);
+  return found == operations_.end() ? nullptr : found->second;
+}
+
+bool OperationTable::Remove(uint64_t handle) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return operations_.erase(handle) != 0;
+}
+
+}  // namespace ta

@@ -1,0 +1,202 @@
+#include "rsa_material.h"
+
+#include <openssl/core_names.h>
+#include <openssl/param_build.h>
+
+#include "key_material.h"
+
+namespace ta {
+namespace {
+
+enum RsaForm : uint32_t { kPrivateExponentForm = 1, kCrtForm = 2 };
+
+struct RsaNumbers {
+  BnPtr n, e, d, p, q, dmp1, dmq1, iqmp;
+};
+
+BnPtr NewNumber() {
+  BnPtr number(BN_secure_new());
+  RequireCrypto(number != nullptr);
+  BN_set_flags(number.get(), BN_FLG_CONSTTIME);
+  return number;
+}
+
+bool TakeNumber(ByteReader* reader, uint32_t length, BnPtr* out) {
+  ByteView bytes;
+  if (!reader->TakeBytes(length, &bytes)) return false;
+  *out = NewNumber();
+  RequireCrypto(BN_bin2bn(bytes.data, static_cast<int>(bytes.size), out->get()) != nullptr);
+  return true;
+}
+
+// The five CRT numbers follow from the other two primes; so does d.
+bool DeriveFromPrimes(RsaNumbers* rsa, BN_CTX* ctx) {
+  const BnPtr p1 = NewNumber();
+  const BnPtr q1 = NewNumber();
+  const BnPtr gcd = NewNumber();
+  const BnPtr lcm = NewNumber();
+  if (BN_is_zero(rsa->p.get()) || BN_is_zero(rsa->q.get())) return false;
+  rsa->d = NewNumber();
+  rsa->dmp1 = NewNumber();
+  rsa->dmq1 = NewNumber();
+  rsa->iqmp = NewNumber();
+  return BN_sub(p1.get(), rsa->p.get(), BN_value_one()) == 1 &&
+         BN_sub(q1.get(), rsa->q.get(), BN_value_one()) == 1 && !BN_is_zero(p1.get()) &&
+         !BN_is_zero(q1.get()) && BN_gcd(gcd.get(), p1.get(), q1.get(), ctx) == 1 &&
+         BN_mul(lcm.get(), p1.get(), q1.get(), ctx) == 1 &&
+         BN_div(lcm.get(), nullptr, lcm.get(), gcd.get(), ctx) == 1 &&
+         BN_mod_inverse(rsa->d.get(), rsa->e.get(), lcm.get(), ctx) != nullptr &&
+         BN_mod(rsa->dmp1.get(), rsa->d.get(), p1.get(), ctx) == 1 &&
+         BN_mod(rsa->dmq1.get(), rsa->d.get(), q1.get(), ctx) == 1 &&
+         BN_mod_inverse(rsa->iqmp.get(), rsa->q.get(), rsa->p.get(), ctx) != nullptr;
+}
+
+// One attempt to split n with a base: a square root of 1 other than +-1 shares a factor with n.
+bool SplitWith(BN_ULONG base, const BIGNUM* odd, int twos, RsaNumbers* rsa, BN_CTX* ctx) {
+  const BnPtr x = NewNumber();
+  const BnPtr square = NewNumber();
+  const BnPtr minus_one = NewNumber();
+  if (BN_set_word(square.get(), base) != 1 ||
+      BN_sub(minus_one.get(), rsa->n.get(), BN_value_one()) != 1 ||
+      BN_mod_exp(x.get(), square.get(), odd, rsa->n.get(), ctx) != 1) {
+    return false;
+  }
+  for (int i = 0; i < twos; ++i) {
+    if (BN_is_one(x.get()) || BN_cmp(x.get(), minus_one.get()) == 0) return false;
+    if (BN_mod_sqr(square.get(), x.get(), rsa->n.get(), ctx) != 1) return false;
+    if (BN_is_one(square.get())) {
+      rsa->p = NewNumber();
+      rsa->q = NewNumber();
+      return BN_sub_word(x.get(), 1) == 1 &&
+             BN_gcd(rsa->p.get(), x.get(), rsa->n.get(), ctx) == 1 &&
+             BN_div(rsa->q.get(), nullptr, rsa->n.get(), rsa->p.get(), ctx) == 1;
+    }
+    BN_swap(x.get(), square.get());
+  }
+  return false;
+}
+
+// Finds the primes of a key that came with d alone.
+bool FindPrimes(RsaNumbers* rsa, BN_CTX* ctx) {
+  const BnPtr odd = NewNumber();
+  if (BN_mul(odd.get(), rsa->e.get(), rsa->d.get(), ctx) != 1 || BN_sub_word(odd.get(), 1) != 1 ||
+      BN_is_zero(odd.get()) || !BN_is_odd(rsa->n.get())) {
+    return false;
+  }
+  int twos = 0;
+  while (!BN_is_odd(odd.get())) {
+    RequireCrypto(BN_rshift1(odd.get(), odd.get()) == 1);
+    ++twos;
+  }
+  // Each base of a real key fails with probability one half at most.
+  for (BN_ULONG base = 2; base < 100; ++base) {
+    if (SplitWith(base, odd.get(), twos, rsa, ctx)) return true;
+  }
+  return false;
+}
+
+bool SameNumber(const BnPtr& a, const BnPtr& b) { return BN_cmp(a.get(), b.get()) == 0; }
+
+// Whether 2 survives a public and a private operation, which it does for all purposes only when n
+// is the product of the two primes and they are primes.
+bool NumbersBelongTogether(const RsaNumbers& rsa, BN_CTX* ctx) {
+  const BnPtr product = NewNumber();
+  const BnPtr x = NewNumber();
+  const BnPtr two = NewNumber();
+  return BN_mul(product.get(), rsa.p.get(), rsa.q.get(), ctx) == 1 &&
+         BN_cmp(product.get(), rsa.n.get()) == 0 && BN_set_word(two.get(), 2) == 1 &&
+         BN_mod_exp(x.get(), two.get(), rsa.e.get(), rsa.n.get(), ctx) == 1 &&
+         BN_mod_exp(x.get(), x.get(), rsa.d.get(), rsa.n.get(), ctx) == 1 &&
+         BN_cmp(x.get(), two.get()) == 0;
+}
+
+bool CompleteCrt(RsaNumbers* rsa, BN_CTX* ctx) {
+  const BnPtr dmp1 = std::move(rsa->dmp1);
+  const BnPtr dmq1 = std::move(rsa->dmq1);
+  const BnPtr iqmp = std::move(rsa->iqmp);
+  return DeriveFromPrimes(rsa, ctx) && SameNumber(dmp1, rsa->dmp1) && SameNumber(dmq1, rsa->dmq1) &&
+         SameNumber(iqmp, rsa->iqmp);
+}
+
+bool ReadNumbers(ByteView material, RsaNumbers* rsa, RsaForm* form) {
+  ByteReader reader(material);
+  uint32_t header[9];
+  for (uint32_t& field : header) {
+    if (!reader.TakeU32(&field)) return false;
+  }
+  if (header[1] != header[2] || (header[0] != kCrtForm && header[0] != kPrivateExponentForm)) {
+    return false;
+  }
+  *form = static_cast<RsaForm>(header[0]);
+  const bool crt = *form == kCrtForm;
+  if (!TakeNumber(&reader, header[2], &rsa->n) || !TakeNumber(&reader, header[3], &rsa->e) ||
+      !TakeNumber(&reader, header[4], crt ? &rsa->p : &rsa->d)) {
+    return false;
+  }
+  if (crt &&
+      (!TakeNumber(&reader, header[5], &rsa->q) || !TakeNumber(&reader, header[6], &rsa->dmp1) ||
+       !TakeNumber(&reader, header[7], &rsa->dmq1) ||
+       !TakeNumber(&reader, header[8], &rsa->iqmp))) {
+    return false;
+  }
+  return reader.remaining() == 0;
+}
+
+struct BldFree {
+  void operator()(OSSL_PARAM_BLD* builder) const { OSSL_PARAM_BLD_free(builder); }
+  void operator()(OSSL_PARAM* params) const { OSSL_PARAM_free(params); }
+};
+
+PkeyPtr MakePkey(const RsaNumbers& rsa) {
+  const std::unique_ptr<OSSL_PARAM_BLD, BldFree> builder(OSSL_PARAM_BLD_new());
+  RequireCrypto(builder != nullptr);
+  const struct {
+    const char* name;
+    const BnPtr& number;
+  } parts[] = {
+      {OSSL_PKEY_PARAM_RSA_N, rsa.n},
+      {OSSL_PKEY_PARAM_RSA_E, rsa.e},
+      {OSSL_PKEY_PARAM_RSA_D, rsa.d},
+      {OSSL_PKEY_PARAM_RSA_FACTOR1, rsa.p},
+      {OSSL_PKEY_PARAM_RSA_FACTOR2, rsa.q},
+      {OSSL_PKEY_PARAM_RSA_EXPONENT1, rsa.dmp1},
+      {OSSL_PKEY_PARAM_RSA_EXPONENT2, rsa.dmq1},
+      {OSSL_PKEY_PARAM_RSA_COEFFICIENT1, rsa.iqmp},
+  };
+  for (const auto& part : parts) {
+    RequireCrypto(OSSL_PARAM_BLD_push_BN(builder.get(), part.name, part.number.get()) == 1);
+  }
+  const std::unique_ptr<OSSL_PARAM, BldFree> params(OSSL_PARAM_BLD_to_param(builder.get()));
+  const PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
+  EVP_PKEY* pkey = nullptr;
+  RequireCrypto(params != nullptr && ctx != nullptr && EVP_PKEY_fromdata_init(ctx.get()) == 1 &&
+                EVP_PKEY_fromdata(ctx.get(), &pkey, EVP_PKEY_KEYPAIR, params.get()) == 1);
+  return PkeyPtr(pkey);
+}
+
+}  // namespace
+
+TEEC_Result ImportRsaMaterial(ByteView material, Key* key) {
+  // Nothing longer can be a key that the TA takes, and numbers are slow to work with.
+  constexpr size_t kMaxMaterial = 4096;
+  RsaNumbers rsa;
+  RsaForm form = kCrtForm;
+  if (material.size > kMaxMaterial || !ReadNumbers(material, &rsa, &form)) {
+    return Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
+  if (BN_num_bits(rsa.n.get()) > 4096) return Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  if (!BN_is_odd(rsa.n.get()) || !BN_is_odd(rsa.e.get()) || BN_is_one(rsa.e.get()) ||
+      BN_num_bits(rsa.e.get()) > 64) {
+    return Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
+  const BnCtxPtr ctx(BN_CTX_secure_new());
+  RequireCrypto(ctx != nullptr);
+  const bool complete = form == kCrtForm
+                            ? CompleteCrt(&rsa, ctx.get())
+                            : FindPrimes(&rsa, ctx.get()) && DeriveFromPrimes(&rsa, ctx.get());
+  if (!complete || !NumbersBelongTogether(rsa, ctx.get())) return Fail(KM_ERROR_INVALID_ARGUMENT);
+  key->pkey = MakePkey(rsa);
+  return TEEC_SUCCESS;
+}
+
+}  // namespace ta
