@@ -123,7 +123,7 @@ void AddImportCommands(const Registry& registry) {
         ->add_option("--wrapping-key", args->wrapping_key,
                      "Key file of the wrapping key, an RSA key with purpose wrap-key")
         ->required();
-    command->add_option("--mask", args->mask,
+    command->add_option("--mask,--masking-key", args->mask,
                         "Masking key: hexadecimal, or a file (default: 32 zero bytes)");
     TakeNames(KM_TAG_DIGEST,
               command->add_option("--digest", args->digest, "Digest of OAEP (default sha1)"));

@@ -22,14 +22,16 @@ struct GlobalArgs {
 // What stands around the library reads these when the TEE context is made.
 void ApplyToEnvironment(const GlobalArgs& args) {
   if (!args.state.empty()) setenv("KEYMASTER_TA_STATE", args.state.c_str(), 1);
-  if (args.verbose) setenv("ANDROID_LOG_TAGS", "*:V", 0);
+  // The library tells of its progress at error level too, under a tag of its own; what the
+  // transport says at that level are failures.
+  setenv("ANDROID_LOG_TAGS", args.verbose ? "*:V" : "KeyMaster:E *:S", 0);
   if (args.trace) setenv("TEE_TRACE", "1", 1);
 }
 
 void AddGlobalOptions(CLI::App* app, GlobalArgs* args) {
   app->add_option("--state", args->state, "State folder of the TA (default: the TA's own)")
       ->type_name("DIR");
-  app->add_flag("--verbose", args->verbose, "Show the library's log on standard error");
+  app->add_flag("--verbose", args->verbose, "Show the library's whole log on standard error");
   app->add_flag("--trace", args->trace, "Show every TEE command on standard error");
   app->set_version_flag("--version", "keymasterctl " KEYMASTERCTL_VERSION);
 }
