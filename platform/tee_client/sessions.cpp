@@ -17,7 +17,7 @@ Reply Session::Open(uint32_t login, CommandParameters* parameters, TEEC_Operatio
   Reply reply = CallApp([&] {
     return app_.open_session(login, parameters->types(), parameters->ta_params(), &ta_session_);
   });
-  if (reply.result == TEEC_SUCCESS) state_ = State::kOpen;
+  state_ = reply.result == TEEC_SUCCESS ? State::kOpen : State::kClosed;
   reply = parameters->CopyOut(reply, operation);
   if (reply.result != TEEC_SUCCESS) CloseLocked();
   return reply;
@@ -40,7 +40,7 @@ void Session::Close() {
 }
 
 void Session::CloseLocked() {
-  if (state_ == State::kOpen) {
+  if (state_ != State::kClosed) {
     CallApp([&] {
       app_.close_session(ta_session_);
       return TEEC_SUCCESS;
