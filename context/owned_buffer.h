@@ -14,8 +14,8 @@ constexpr uint32_t kReplyCapacity = 4096;
 // along, and knows its capacity: a reported length beyond that is never read.
 class ReplyBuffer {
  public:
-  explicit ReplyBuffer(uint32_t capacity) : capacity_(capacity), length_(capacity) {
-    bytes_ = AllocateBytes(capacity);
+  explicit ReplyBuffer(uint32_t capacity)
+      : bytes_(AllocateBytes(capacity)), capacity_(capacity), length_(capacity) {
     if (bytes_ != nullptr) {
       memset(bytes_.get(), 0, capacity);
     }

@@ -53,7 +53,7 @@ int32_t BuildFinalInput(const keymaster_blob_t* input, const keymaster_blob_t* s
   if (final_input == nullptr) {
     return -EINVAL;
   }
-  size_t size = 2 * kItemHeader;
+  size_t size = size_t{2} * kItemHeader;
   for (const keymaster_blob_t* item : {input, signature}) {
     if (ItemLength(item) > UINT32_MAX - size) {
       return -EINVAL;

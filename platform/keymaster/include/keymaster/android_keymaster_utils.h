@@ -21,7 +21,10 @@ inline size_t& BlobSize(keymaster_key_blob_t& blob) { return blob.key_material_s
 // TKeymasterBlob owns the malloc buffer of a blob structure. Its release zeroes the bytes first.
 template <typename BlobType>
 struct TKeymasterBlob : public BlobType {
-  TKeymasterBlob() : BlobType{} {}
+  TKeymasterBlob() {
+    BlobData(*this) = nullptr;
+    BlobSize(*this) = 0;
+  }
   ~TKeymasterBlob() { Clear(); }
   TKeymasterBlob(const TKeymasterBlob&) = delete;
   TKeymasterBlob& operator=(const TKeymasterBlob&) = delete;
