@@ -55,11 +55,6 @@ Handle SessionTable::AddContext() {
   return last_handle_;
 }
 
-bool SessionTable::HasContext(Handle context) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  return contexts_.count(context) != 0;
-}
-
 std::vector<std::shared_ptr<Session>> SessionTable::TakeContext(Handle context) {
   const std::lock_guard<std::mutex> lock(mutex_);
   std::vector<std::shared_ptr<Session>> taken;

@@ -47,7 +47,6 @@ class Session {
 class SessionTable {
  public:
   Handle AddContext();
-  bool HasContext(Handle context);
   // Takes a context out and returns what was still open in it.
   std::vector<std::shared_ptr<Session>> TakeContext(Handle context);
 

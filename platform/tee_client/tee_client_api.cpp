@@ -55,7 +55,6 @@ Reply FromApi(TEEC_Result result) { return {result, TEEC_ORIGIN_API}; }
 
 Reply OpenSession(Handle context, TEEC_Session* session, const TEEC_UUID& destination,
                   uint32_t login, TEEC_Operation* operation) {
-  if (!Sessions().HasContext(context)) return FromApi(TEEC_ERROR_BAD_STATE);
   CommandParameters parameters;
   const TEEC_Result copied = parameters.CopyIn(operation);
   if (copied != TEEC_SUCCESS) return FromApi(copied);

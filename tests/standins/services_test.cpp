@@ -40,9 +40,10 @@ TEST(Log, ShowsWhatTheFilterLetsThrough) {
       {"*", ANDROID_LOG_DEBUG, "Other", "eight", "D/Other: eight\n"},
       {"KeyMaster:S", ANDROID_LOG_VERBOSE, "Other", "nine", "V/Other: nine\n"},
       {"KeyMaster:S KeyMaster:E", ANDROID_LOG_ERROR, "KeyMaster", "ten", "E/KeyMaster: ten\n"},
-      {"KeyMaster:? *:E", ANDROID_LOG_WARN, "KeyMaster", "eleven", ""},
+      {"KeyMaster:Warn KeyMaster:? *:E", ANDROID_LOG_WARN, "KeyMaster", "eleven", ""},
       {"*:E", ANDROID_LOG_ERROR, "A", "x\nE/B: y\n", "E/A: x\nE/A: E/B: y\n"},
       {"*:E", ANDROID_LOG_ERROR, "A", "", "E/A: \n"},
+      {"*:S", ANDROID_LOG_SILENT, "A", "never", ""},
   };
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.text);
