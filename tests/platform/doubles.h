@@ -28,7 +28,7 @@ class Reply {
   }
   // Writes bytes (as far as they fit) into an output reference and reports their number.
   Reply& Out(int index, Bytes bytes) { return Set(answers_[index].bytes, std::move(bytes)); }
-  // Reports a size whatever was written: it may lie.
+  // Reports a size whatever was written: it may lie. Only outputs take a size or value.
   Reply& Size(int index, uint32_t size) { return Set(answers_[index].size, size); }
   Reply& Value(int index, uint32_t a, uint32_t b) {
     return Set(answers_[index].value, TEEC_Value{a, b});

@@ -29,7 +29,9 @@ void Apply(const Reply& reply, TEEC_Operation* operation) {
       if (fits > 0) memcpy(ref.buffer, bytes.data(), fits);
       ref.size = answer.size.value_or(static_cast<uint32_t>(bytes.size()));
     }
-    if (answer.value) operation->params[i].value = *answer.value;
+    if (answer.value && (type == TEEC_VALUE_OUTPUT || type == TEEC_VALUE_INOUT)) {
+      operation->params[i].value = *answer.value;
+    }
   }
 }
 
