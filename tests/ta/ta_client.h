@@ -1,0 +1,191 @@
+// Drives the software TA by its entry points, with wire buffers built by hand.
+#ifndef TESTS_TA_TA_CLIENT_H
+#define TESTS_TA_TA_CLIENT_H
+
+#include <gtest/gtest.h>
+#include <hardware/keymaster_defs.h>
+#include <stdlib.h>
+#include <trusted_app.h>
+
+#include <string>
+#include <vector>
+
+#include "tee/ta_protocol.h"
+
+using Str = std::string;
+
+// One parameter: the bytes count for byte-valued tags only.
+struct P {
+  uint32_t tag;
+  uint64_t value;
+  Str bytes;
+  P(int64_t t, uint64_t v) : tag(static_cast<uint32_t>(t)), value(v) {}
+  P(int64_t t, Str b) : tag(static_cast<uint32_t>(t)), value(0), bytes(std::move(b)) {}
+};
+using Ps = std::vector<P>;
+
+inline Ps operator+(Ps a, const Ps& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+inline Str Le(uint64_t value, size_t size) {
+  Str out;
+  for (size_t i = 0; i < size; ++i) out += static_cast<char>(value >> (8 * i));
+  return out;
+}
+
+inline uint64_t UnLe(const Str& bytes, size_t at, size_t size) {
+  uint64_t value = 0;
+  for (size_t i = size; i > 0; --i) value = value << 8 | static_cast<uint8_t>(bytes.at(at + i - 1));
+  return value;
+}
+
+inline Str Hex(const Str& digits) {
+  Str out;
+  for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+    out += static_cast<char>(strtoul(digits.substr(i, 2).c_str(), nullptr, 16));
+  }
+  return out;
+}
+
+// The two-list form, everything in the second list.
+inline Str Wire(const Ps& params) {
+  Str entries = Le(0, 4) + Le(params.size(), 4);
+  Str blobs;
+  for (const P& p : params) {
+    const bool bytes = p.tag >> 28 == 9;
+    entries += Le(p.tag, 4) + Le(0, 4) +
+               (bytes ? Le(blobs.size(), 4) + Le(p.bytes.size(), 4) : Le(p.value, 8));
+    blobs += p.bytes;
+  }
+  return entries + blobs;
+}
+
+constexpr uint32_t Km(keymaster_error_t error) { return static_cast<uint32_t>(error); }
+
+// A parameter of a command as the test wants it; out holds the reply.
+struct Slot {
+  uint32_t type = TEEC_NONE;
+  Str in;
+  uint32_t capacity = 0;
+  uint32_t a = 0, b = 0;
+  Str out;
+};
+inline Slot In(Str bytes) { return {TEEC_MEMREF_TEMP_INPUT, std::move(bytes), 0, 0, 0, {}}; }
+inline Slot Out(uint32_t capacity) { return {TEEC_MEMREF_TEMP_OUTPUT, {}, capacity, 0, 0, {}}; }
+inline Slot InOut(Str in) { return {TEEC_MEMREF_TEMP_INOUT, std::move(in), 4096, 0, 0, {}}; }
+
+struct Ta {
+  void* session = nullptr;
+  Slot slots[4];
+  Ta() {
+    TaParam none[4];
+    kKeymasterTrustedApp.open_session(kKeymasterLoginMethod, 0, none, &session);
+  }
+  ~Ta() { kKeymasterTrustedApp.close_session(session); }
+  Ta(const Ta&) = delete;
+  Ta& operator=(const Ta&) = delete;
+
+  // Runs a command; each buffer is exactly as large as it claims.
+  uint32_t Run(uint32_t command, Slot s0 = {}, Slot s1 = {}, Slot s2 = {}, Slot s3 = {}) {
+    Slot* given[] = {&s0, &s1, &s2, &s3};
+    std::vector<uint8_t> memory[4];
+    TaParam params[4];
+    uint32_t types = 0;
+    for (uint32_t i = 0; i < 4; ++i) {
+      slots[i] = *given[i];
+      types |= slots[i].type << (4 * i);
+      memory[i].assign(slots[i].in.begin(), slots[i].in.end());
+      memory[i].resize(std::max<size_t>(slots[i].in.size(), slots[i].capacity));
+      memory[i].shrink_to_fit();
+      params[i].size = static_cast<uint32_t>(memory[i].size());
+      params[i].buffer = params[i].size == 0 ? nullptr : memory[i].data();
+      params[i].a = slots[i].a;
+    }
+    const uint32_t result = kKeymasterTrustedApp.invoke(session, command, types, params);
+    for (uint32_t i = 0; i < 4; ++i) {
+      slots[i].a = params[i].a;
+      slots[i].b = params[i].b;
+      if (result != 0) continue;
+      EXPECT_LE(params[i].size, memory[i].size());
+      slots[i].out.assign(memory[i].begin(), memory[i].begin() + params[i].size);
+    }
+    return result;
+  }
+
+  uint32_t Configure(uint32_t os_version, uint32_t patchlevel) {
+    TaParam params[4];
+    params[0].a = os_version;
+    params[0].b = patchlevel;
+    return kKeymasterTrustedApp.invoke(session, kCmdConfigure, TEEC_VALUE_INPUT, params);
+  }
+
+  Str blob;  // of the last key made
+  uint32_t Generate(const Ps& description) {
+    return Keep(Run(kCmdGenerateKey, In(Wire(description)), {}, Out(4096), Out(4096)));
+  }
+  uint32_t Import(const Ps& description, const Str& material, char type = 1) {
+    return Keep(
+        Run(kCmdImportKey, In(Wire(description)), In(material), Out(4096), InOut(Str(1, type))));
+  }
+
+  uint64_t handle = 0;
+  uint32_t Begin(uint32_t purpose, const Ps& params) {
+    Slot value;
+    value.type = TEEC_VALUE_INOUT;
+    value.a = purpose;
+    const uint32_t result = Run(kCmdBegin, In(blob), In(Wire(params)), Out(4096), value);
+    if (result == 0) handle = slots[3].a | static_cast<uint64_t>(slots[3].b) << 32;
+    return result;
+  }
+
+  Str output;  // of the operation so far
+  uint32_t Update(const Str& input, const Ps& params = {}) {
+    const uint32_t room = static_cast<uint32_t>(input.empty() ? 16 : (input.size() + 15) / 16 * 16);
+    return Add(Run(kCmdUpdate, In(Wire(params)), In(input), InOut(Le(handle, 8)), Out(room)));
+  }
+  uint32_t Finish(const Str& input = {}, const Str& signature = {}, const Ps& params = {}) {
+    const Str packed =
+        Str(1, 0) + Le(input.size(), 4) + input + Str(1, 1) + Le(signature.size(), 4) + signature;
+    return Add(Run(kCmdFinish, In(Wire(params)), In(packed), InOut(Le(handle, 8)), Out(4096)));
+  }
+  // A whole operation, fed in pieces; begin_params go to the begin, params to the first update.
+  uint32_t Operate(uint32_t purpose, const Ps& begin_params, const Str input, size_t piece,
+                   const Str& signature = {}, const Ps& params = {}) {
+    output.clear();
+    uint32_t result = Begin(purpose, begin_params);
+    if (result == 0 && !params.empty()) result = Update({}, params);
+    for (size_t at = 0; result == 0 && at < input.size(); at += piece) {
+      result = Update(input.substr(at, piece));
+    }
+    return result == 0 ? Finish({}, signature) : result;
+  }
+
+ private:
+  uint32_t Keep(uint32_t result) {
+    if (result == 0) blob = slots[2].out;
+    return result;
+  }
+  uint32_t Add(uint32_t result) {
+    if (result == 0) output += slots[3].out;
+    return result;
+  }
+};
+
+constexpr uint32_t kOsVersion = 110000;
+constexpr uint32_t kPatchlevel = 202111;
+
+// A TA with a state folder of its own.
+class TaTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    Str folder = testing::TempDir() + "ta_test_XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    setenv("KEYMASTER_TA_STATE", folder.c_str(), 1);
+    ASSERT_EQ(ta.Configure(kOsVersion, kPatchlevel), 0u);
+  }
+  Ta ta;
+};
+
+#endif  // TESTS_TA_TA_CLIENT_H
