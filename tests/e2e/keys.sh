@@ -1,0 +1,171 @@
+#!/bin/bash
+# The life of a key: import, export, characteristics, attestation, secure import, upgrade, deletion,
+# and what is said when one of them fails.
+. "$(dirname "$0")/common.sh" "$@"
+
+echo 'some text' >text
+# says JSON_EXPRESSION KEY [OPTIONS] checks what the characteristics of a key say.
+says() {
+  local expression=$1 key=$2
+  shift 2
+  ok km characteristics --json --key "$key" "$@"
+  python3 -c 'import json, sys
+hw = json.load(open("out"))["hardware_enforced"]
+assert eval(sys.argv[1]), hw' "$expression" 2>judged || fail "$key: $(tail -n 1 judged)"
+}
+
+# Every kind of private key in every encoding that openssl writes comes back as its public half.
+for kind in rsa:1024 rsa:2048 rsa:4096 ec:secp224r1 ec:prime256v1 ec:secp384r1 ec:secp521r1; do
+  case $kind in
+    rsa:*) openssl genrsa -traditional -out key.pem "${kind#*:}" 2>/dev/null ;;
+    ec:*) openssl ecparam -name "${kind#*:}" -genkey -noout -out key.pem ;;
+  esac
+  openssl pkcs8 -topk8 -nocrypt -in key.pem -out key.p8
+  openssl pkcs8 -topk8 -nocrypt -in key.pem -outform DER -out key.der
+  openssl pkey -in key.pem -pubout -out public.pem
+  openssl pkey -in key.pem -pubout -outform DER -out public.der
+  for file in key.pem key.p8 key.der; do
+    ok km import --in $file --key k.blob
+    ok km export --key k.blob --out exported
+    same exported public.pem "$kind from $file"
+  done
+  ok km export --der --key k.blob --out exported
+  same exported public.der "$kind"
+  says 'hw["origin"] == "imported" and hw["algorithm"] == "'${kind%:*}'"' k.blob
+done
+for size in 512 2048 3072; do
+  ok km generate --algorithm rsa --size $size --key k.blob --padding pkcs1
+  ok km export --key k.blob --out public.pem
+  judge "($size bit)" openssl pkey -pubin -in public.pem -noout -text
+  says 'hw["origin"] == "generated" and hw["key_size"] == '$size k.blob
+done
+
+# The owner of a key has to be told, and is not told on.
+ok km generate --algorithm ec --curve p384 --app-id me --app-data 0x00ff --purpose sign,verify \
+  --digest sha256,sha384 --key own.blob
+says 'hw["purpose"] == ["sign", "verify"] and hw["ec_curve"] == "p384" and hw["key_size"] == 384' \
+  own.blob --app-id me --app-data 0x00ff
+says 'hw["os_version"] == 110000 and hw["os_patchlevel"] == 202101 and "application_id" not in hw' \
+  own.blob --app-id me --app-data 0x00ff
+judge 'sha384' km characteristics --key own.blob --app-id me --app-data 0x00ff
+for owner in '' '--app-id me' '--app-id you --app-data 0x00ff' '--app-id me --app-data 0x00fe'; do
+  # shellcheck disable=SC2086
+  refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km export --key own.blob $owner
+done
+ok km sign --key own.blob --app-id me --app-data 0x00ff --in text --out sig
+size=$(stat -c %s k.blob)
+for at in 0 1 $((size / 2)) -1; do
+  flip k.blob "$at"
+  refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km characteristics --key flipped
+done
+state=other refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km export --key k.blob
+
+# An attestation leads to its root, is for this key and tells of it.
+for options in '--algorithm ec' '--algorithm rsa --size 4096'; do
+  # shellcheck disable=SC2086
+  ok km generate $options --key k.blob
+  ok km export --key k.blob --out public.pem
+  ok km attest --key k.blob --challenge 'are you there' --out chain.pem
+  rm -f cert.*
+  awk '/BEGIN/ { ++n } { print > ("cert." n) }' chain.pem
+  [ "$(grep -c BEGIN chain.pem)" -eq 3 ] || fail 'the chain has not three certificates'
+  ok openssl verify -CAfile cert.3 -untrusted cert.2 cert.1
+  ok openssl x509 -in cert.1 -pubkey -noout
+  same out public.pem 'attested key'
+  openssl asn1parse -in cert.1 >parsed
+  at=$(grep -A1 ':1\.3\.6\.1\.4\.1\.11129\.2\.1\.17' parsed | sed -n '2s/^ *\([0-9]*\):.*/\1/p')
+  openssl asn1parse -in cert.1 -strparse "$at" | sed 's/.*prim: *//' >fields
+  # Versions of attestation and keymaster, each with its security level; then the challenge.
+  same <(sed -n 2,6p fields | tr -d ' \n') <(printf '%s%s' INTEGER:04ENUMERATED:01 \
+    INTEGER:29ENUMERATED:01OCTETSTRING:areyouthere) "attestation: $(head -n 6 fields)"
+done
+ok km generate --algorithm aes --key aes.blob
+refuse 'KM_ERROR_INCOMPATIBLE_ALGORITHM (-5)' km attest --key aes.blob --challenge x
+refuse 'KM_ERROR_CANNOT_ATTEST_IDS (-66)' \
+  km attest --key k.blob --challenge x --param attestation-id-serial=not-mine
+
+# A key wrapped outside comes in, under the mask it was wrapped with and unchanged only.
+wrap() { "$scripts/make-wrapped-key" --wrapping-key wrap.pub "$@"; }
+secret=000102030405060708090a0b0c0d0e0f
+mask=$(printf 'a5%.0s' $(seq 32))
+ok km generate --algorithm rsa --purpose wrap-key --padding oaep --digest sha1,sha256 --key wrap.blob
+ok km export --key wrap.blob --out wrap.pub
+take() { ok km import-wrapped --wrapping-key wrap.blob --wrapped "$@" --key in.blob; }
+wrap --key-hex $secret --masking-key "$mask" --out wrapped
+take wrapped --mask "$mask"
+says 'hw["origin"] == "securely-imported" and hw["key_size"] == 128' in.blob
+openssl enc -aes-128-ctr -K $secret -iv $secret -in text -out sealed
+ok km decrypt --key in.blob --mode ctr --nonce 0x$secret --in sealed --out back
+same text back 'a secret key that came in wrapped'
+openssl ecparam -name prime256v1 -genkey -noout -out key.pem
+openssl pkey -in key.pem -pubout -out public.pem
+wrap --key key.pem --format pkcs8 --param algorithm=ec --oaep-digest sha256 \
+  --param userSecureId=1 --param authToken=hex:"$(printf '00%.0s' $(seq 25))02000000" --out bound
+take bound --digest sha256 --password-sid 5 --biometric-sid 6
+ok km export --key in.blob --out exported
+same exported public.pem 'a private key that came in wrapped'
+says 'hw["user_secure_id"] == [6]' in.blob
+ok km generate --algorithm rsa --purpose decrypt --padding oaep --digest sha1 --key plain.blob
+wrap --key-hex $secret --flip-tag --out spoilt
+flip wrapped 290 altered
+printf 'no wrapper' >junk
+while read -r said wrapping wrapped with; do
+  refuse "$said" km import-wrapped --wrapping-key "$wrapping" --wrapped "$wrapped" --mask "$with" \
+    --key none.blob
+done <<ROWS
+KM_ERROR_VERIFICATION_FAILED wrap.blob wrapped ${mask/a5/a4}
+KM_ERROR_VERIFICATION_FAILED wrap.blob spoilt $(printf '00%.0s' $(seq 32))
+KM_ERROR wrap.blob altered $mask
+KM_ERROR_INVALID_ARGUMENT wrap.blob wrapped ${mask:2}
+KM_ERROR_INVALID_ARGUMENT wrap.blob junk $mask
+KM_ERROR_INCOMPATIBLE_PURPOSE plain.blob wrapped $mask
+ROWS
+[ ! -e none.blob ] || fail 'a refused wrapped key left a key file'
+
+# The system moves on, keys follow, and none goes back.
+ok km generate --algorithm ec --key old.blob
+cp old.blob new.blob
+ok km upgrade --key new.blob
+judge 'needs no upgrade' cat out
+export KEYMASTER_OS_PATCHLEVEL=202203
+refuse 'KM_ERROR_KEY_REQUIRES_UPGRADE (-62)' km sign --key new.blob --in text
+ok km upgrade --key new.blob
+says 'hw["os_patchlevel"] == 202203' new.blob
+ok km sign --key new.blob --in text --out sig
+ok km verify --key new.blob --in text --signature sig
+unset KEYMASTER_OS_PATCHLEVEL
+refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km sign --key new.blob --in text
+refuse 'KM_ERROR_INVALID_ARGUMENT (-38)' km upgrade --key new.blob
+ok km sign --key old.blob --in text --out sig
+
+ok km generate --algorithm ec --rollback-resistant --key gone.blob
+cp gone.blob copy.blob
+ok km delete --key gone.blob
+[ ! -e gone.blob ] || fail 'delete left the key file'
+refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km sign --key copy.blob --in text
+
+# A failed command leaves one event: what the TA found, where, and in which command.
+export QAVIX_EVENTS=events
+ok km generate --algorithm ec --purpose verify --key verify.blob
+refuse 'KM_ERROR_INCOMPATIBLE_PURPOSE (-3)' km sign --key verify.blob --in text
+TEE_FAULT='cmd=2,code=0xFFFF000C' refuse 'TEEC_ERROR_OUT_OF_MEMORY (0xFFFF000C)' \
+  km generate --algorithm ec --key none.blob
+python3 - <<'PY' || fail "the events are not those expected: $(cat events)"
+import json
+begin, generate = [json.loads(line) for line in open("events")]
+assert begin["id"] == 940102001 and generate["id"] == 940003100
+assert begin["params"]["CMD_ID"] == 8 and generate["params"]["CMD_ID"] == 2
+assert begin["params"]["RET"] == -3 and generate["params"]["RET"] == -65524
+assert begin["params"]["LINE"] > 0 and begin["params"]["FUNC"]
+assert begin["params"]["CAINFO"] == "KEYMASTER_TS"
+PY
+
+refuse 'No such file or directory' km sign --key missing.blob --in text
+refuse 'KM_ERROR_UNSUPPORTED_KEY_SIZE (-6)' km generate --algorithm aes --size 129 --key none.blob
+for usage in '' 'dance' 'sign --in text' 'generate --algorithm dance --key k'; do
+  status=0
+  # shellcheck disable=SC2086
+  km $usage >out || status=$?
+  [ $status -eq 2 ] || fail "status $status, not 2: keymasterctl $usage"
+done
+traced 1 2 3 4 5 6 7 8 10 31 66
