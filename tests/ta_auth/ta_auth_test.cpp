@@ -1,0 +1,267 @@
+// Attestation, authorization, device state and HMAC sharing, through the TA's entry points.
+#include <openssl/hmac.h>
+#include <openssl/x509v3.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "../ta/ta_client.h"
+#include "ta/attest_chain.h"
+#include "ta/device_state.h"
+#include "ta/hmac_sharing.h"
+
+namespace {
+
+const uint8_t* Raw(const Str& bytes) { return reinterpret_cast<const uint8_t*>(bytes.data()); }
+Str Be(uint64_t value, size_t size) {
+  const Str little = Le(value, size);
+  return Str(little.rbegin(), little.rend());
+}
+Str Flipped(Str bytes, size_t at) {
+  bytes[at] = static_cast<char>(bytes[at] ^ 0x40);
+  return bytes;
+}
+Str Mac(const Str& key, const Str& message) {
+  uint8_t mac[32];
+  HMAC(EVP_sha256(), key.data(), 32, Raw(message), message.size(), mac, nullptr);
+  return Str(mac, mac + 32);
+}
+// The agreement as its formula reads, from CMAC alone.
+Str SharedKey(const Str& parameters) {
+  uint8_t key[32];
+  for (const uint32_t half : {0u, 1u}) {
+    const Str block = Be(half + 1, 4) + "KeymasterSharedMac" + Str(1, 0) + parameters + Be(256, 4);
+    EXPECT_TRUE(EVP_Q_mac(nullptr, "CMAC", nullptr, "AES-256-CBC", nullptr, ta::kKeyAgreementKey,
+                          32, Raw(block), block.size(), key + 16 * half, 16, nullptr));
+  }
+  return Str(key, key + 32);
+}
+Str Token(const Str& key, uint64_t user, uint32_t type, uint64_t timestamp) {
+  const Str head =
+      Str(1, 0) + Le(77, 8) + Le(user, 8) + Le(0x99, 8) + Be(type, 4) + Be(timestamp, 8);
+  return head + Mac(key, head);
+}
+
+// A keymaster instance: the TA on a state folder of its own.
+struct Instance : Ta {
+  Instance() {
+    EXPECT_TRUE(mkdtemp(folder.data()));
+    Select();
+    EXPECT_EQ(Configure(110000, 202101), 0u);
+  }
+  ~Instance() { std::filesystem::remove_all(folder); }
+  void Select() { setenv("KEYMASTER_TA_STATE", folder.c_str(), 1); }
+  Str SharingParameters() {
+    Select();
+    EXPECT_EQ(Run(kCmdGetHmacSharingParameters, Out(32), Out(32)), 0u);
+    return slots[0].out + slots[1].out;
+  }
+  uint32_t Share(const Str& parameters) {
+    return Run(kCmdComputeSharedHmac, In(parameters), Out(4096));
+  }
+  uint32_t Verify(const Str& auth, const Ps& params = {}) {
+    Select();
+    return Run(kCmdVerifyAuthorization, In(Wire(params)), In(Le(0xABCDEF, 8) + auth), InOut({}),
+               Out(4096));
+  }
+  uint32_t Attest(const Ps& description, const Ps& request, uint32_t room) {
+    EXPECT_EQ(Generate(description), 0u);
+    return Run(kCmdAttestKey, In(blob), In(Wire(request)), Out(room));
+  }
+  Str folder = testing::TempDir() + "ta_auth_XXXXXX";
+};
+
+TEST(HmacSharing, InstancesAgreeAndStrangersAreRefused) {
+  Instance a, b;
+  const Str own = a.SharingParameters(), all = own + b.SharingParameters();
+  const Str alone = Token(SharedKey(own), 5, 1, 0), shared = Token(SharedKey(all), 5, 1, 0);
+  EXPECT_EQ(a.Verify(alone), 0u);
+  for (const Str& bad : {Str(), all.substr(64), all.substr(0, 127), Flipped(all, 0)}) {
+    EXPECT_EQ(a.Share(bad), Km(KM_ERROR_INVALID_ARGUMENT));
+  }
+  for (Instance* instance : {&a, &b}) {
+    EXPECT_EQ(instance->Verify(shared), Km(KM_ERROR_VERIFICATION_FAILED));
+    EXPECT_EQ(instance->Share(all), 0u);
+    EXPECT_EQ(instance->slots[1].out, Mac(SharedKey(all), "Keymaster HMAC Verification"));
+    EXPECT_EQ(instance->Verify(shared), 0u);
+    EXPECT_EQ(instance->Verify(alone), Km(KM_ERROR_VERIFICATION_FAILED));
+    for (const uint32_t room : {31u, 33u}) {
+      EXPECT_EQ(instance->Run(kCmdGetHmacSharingParameters, Out(room), Out(64 - room)),
+                TEEC_ERROR_SHORT_BUFFER);
+    }
+  }
+}
+
+TEST(Authorization, ChecksEveryByteAndParameterAndSignsTheReply) {
+  Instance instance;
+  const Str key = SharedKey(instance.SharingParameters()), good = Token(key, 5, 1, 0);
+  for (size_t i = 0; i < good.size(); ++i) EXPECT_NE(instance.Verify(Flipped(good, i)), 0u) << i;
+  for (const Str& odd : {Str(), good.substr(0, 68), good + good}) {
+    EXPECT_EQ(instance.Verify(odd), Km(KM_ERROR_VERIFICATION_FAILED));
+  }
+  const struct {
+    Ps params;
+    uint64_t age;           // milliseconds, of a token of user 5 by password
+    const char* signed_as;  // DER; null for a refusal
+  } rows[] = {
+      {{{KM_TAG_MAX_USES_PER_BOOT, 1}}, 0, ""},
+      {{{KM_TAG_AUTH_TIMEOUT, 10}}, 9000, "3007BF83790302010A"},
+      {{{KM_TAG_AUTH_TIMEOUT, 10}}, 10001, nullptr},
+      {{{KM_TAG_USER_SECURE_ID, 6}, {KM_TAG_USER_SECURE_ID, 5}}, 0, "300CBF8376083106020105020106"},
+      {{{KM_TAG_USER_SECURE_ID, 0x99}}, 0, "300ABF837606310402020099"},
+      {{{KM_TAG_USER_SECURE_ID, 6}}, 0, nullptr},
+      {{{KM_TAG_USER_AUTH_TYPE, HW_AUTH_FINGERPRINT}}, 0, nullptr},
+      {{{KM_TAG_USER_AUTH_TYPE, 3}}, 0, "3007BF837803020103"},
+  };
+  for (const auto& row : rows) {
+    const uint64_t before = ta::MillisSinceBoot();
+    const uint32_t result = instance.Verify(Token(key, 5, 1, before - row.age), row.params);
+    ASSERT_EQ(result, row.signed_as != nullptr ? 0u : Km(KM_ERROR_VERIFICATION_FAILED));
+    if (row.signed_as == nullptr) continue;
+    const Str verified = instance.slots[2].out, token = instance.slots[3].out;
+    EXPECT_EQ(verified.size(), 4 + (*row.signed_as != 0 ? 16 * row.params.size() : 0));
+    const uint64_t time = UnLe(token, 8, 8);
+    EXPECT_TRUE(before <= time && time <= ta::MillisSinceBoot());
+    const Str mac = Mac(
+        key, "Auth Verification" + Be(0xABCDEF, 8) + Be(time, 8) + Be(1, 4) + Hex(row.signed_as));
+    EXPECT_EQ(token, Le(0xABCDEF, 8) + Le(time, 8) + Le(0, 8) + Le(1, 8) + mac);
+  }
+}
+
+TEST(DeviceState, YieldsToTheRightTokenAndEndsWithTheBoot) {
+  Instance instance;
+  const Str own = instance.SharingParameters();
+  const struct {
+    uint32_t password_only;
+    uint64_t after_lock;  // milliseconds
+    uint32_t type;
+    bool unlocks;
+  } rows[] = {
+      {0, 1, 2, true}, {0, 0, 2, false}, {1, 1, 2, false}, {1, 1, 3, true}, {1, 0, 1, false}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(instance.Run(kCmdDeviceLocked, {TEEC_VALUE_INPUT, {}, 0, row.password_only, 0, {}}),
+              0u);
+    EXPECT_FALSE(ta::DeviceUnlockedFor(nullptr));
+    ta::AuthToken token;
+    token.authenticator_type = row.type;
+    token.timestamp = ta::UpdateBootState().locked_at + row.after_lock;
+    EXPECT_EQ(ta::DeviceUnlockedFor(&token), row.unlocks);
+    EXPECT_EQ(ta::DeviceUnlockedFor(nullptr), row.unlocks);
+  }
+  EXPECT_FALSE(ta::EarlyBootHasEnded());
+  EXPECT_EQ(instance.Run(kCmdEarlyBootEnded), 0u);
+  EXPECT_TRUE(ta::EarlyBootHasEnded());
+  EXPECT_EQ(instance.SharingParameters(), own);
+  std::fstream(instance.folder + "/boot_state", std::ios::in | std::ios::out) << "another boot";
+  EXPECT_FALSE(ta::EarlyBootHasEnded());
+  EXPECT_TRUE(ta::DeviceUnlockedFor(nullptr));
+  EXPECT_EQ(instance.SharingParameters().substr(0, 32), own.substr(0, 32));
+  EXPECT_NE(instance.SharingParameters().substr(32), own.substr(32));
+}
+
+// What libcrypto makes of a chain whose last certificate is trusted.
+int VerifyChain(const std::vector<ta::X509Ptr>& chain) {
+  X509_STORE* const store = X509_STORE_new();
+  X509_STORE_CTX* const context = X509_STORE_CTX_new();
+  STACK_OF(X509)* const untrusted = sk_X509_new_null();
+  sk_X509_push(untrusted, chain[1].get());
+  X509_STORE_add_cert(store, chain[2].get());
+  X509_STORE_CTX_init(context, store, chain[0].get(), untrusted);
+  X509_STORE_CTX_set_flags(context, X509_V_FLAG_X509_STRICT);
+  X509_verify_cert(context);
+  const int error = X509_STORE_CTX_get_error(context);
+  X509_STORE_CTX_free(context);
+  X509_STORE_free(store);
+  sk_X509_free(untrusted);
+  return error;
+}
+
+const Ps kDates = {{KM_TAG_CREATION_DATETIME, 1600000000000}};
+const Ps kEc = kDates + Ps{{KM_TAG_PURPOSE, KM_PURPOSE_VERIFY},
+                           {KM_TAG_PURPOSE, KM_PURPOSE_SIGN},
+                           {KM_TAG_ALGORITHM, KM_ALGORITHM_EC},
+                           {KM_TAG_KEY_SIZE, 256},
+                           {KM_TAG_EC_CURVE, 1},
+                           {KM_TAG_DIGEST, KM_DIGEST_SHA_2_256},
+                           {KM_TAG_NO_AUTH_REQUIRED, 1}};
+const Ps kRsa = kDates + Ps{{KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY},
+                            {KM_TAG_ALGORITHM, KM_ALGORITHM_RSA},
+                            {KM_TAG_KEY_SIZE, 2048},
+                            {KM_TAG_RSA_PUBLIC_EXPONENT, 65537},
+                            {KM_TAG_ACTIVE_DATETIME, 1500000000000},
+                            {KM_TAG_USAGE_EXPIRE_DATETIME, 4102444800000}};
+const Ps kAes = {{KM_TAG_ALGORITHM, KM_ALGORITHM_AES}, {KM_TAG_KEY_SIZE, 128}};
+const Ps kChallenge = {{KM_TAG_ATTESTATION_CHALLENGE, "challenge"}};
+const Ps kApp = {{KM_TAG_ATTESTATION_APPLICATION_ID, "app"}};
+
+TEST(Attestation, DescribesTheKeyInAChainThatVerifies) {
+  const Str head = "0201040A01010201290A010104096368616C6C656E67650400";
+  const Str origin =
+      "BF853E03020100BF85404C304A0420" + Str(64, '0') + "0101000A01020420" + Str(64, '0');
+  const Str sw_end = "BF853D0802060174876E8000BF8545050403617070",
+            system = "BF854105020301ADB0BF8542050203031575";
+  const struct {
+    Ps key, ids;
+    uint32_t usage;
+    time_t not_before, not_after;
+    Str extension;
+  } rows[] = {
+      {kEc,
+       {{KM_TAG_ATTESTATION_ID_BRAND, "host"}},
+       KU_DIGITAL_SIGNATURE,
+       1600000000,
+       253402300799,
+       "3081CD" + head + "3015" + sw_end +
+           "30819AA1083106020102020103A203020103A30402020100A5053103020104AA03020101BF8377020500" +
+           origin + system + "BF8546060404686F7374"},
+      {kRsa,
+       {},
+       KU_KEY_ENCIPHERMENT,
+       1500000000,
+       4102444800,
+       "3081CF" + head + "302DBF8310080206015D3EF79800BF831208020603BB2CC3D800" + sw_end +
+           "308184A1053103020105A203020101A30402020800BF8148050203010001" + origin + system},
+  };
+  Instance instance;
+  for (const auto& row : rows) {
+    ASSERT_EQ(instance.Attest(row.key, kChallenge + kApp + row.ids, 8192), 0u);
+    const Str reply = instance.slots[2].out;
+    const uint8_t* at = Raw(reply) + 4;
+    std::vector<ta::X509Ptr> chain;
+    for (int i = 0; i < 3; ++i) chain.emplace_back(d2i_X509(nullptr, &(at += 4), 4096));
+    ASSERT_EQ(at, Raw(reply) + reply.size());
+    EXPECT_EQ(VerifyChain(chain), X509_V_OK);
+    X509* const leaf = chain[0].get();
+    EXPECT_EQ(X509_get_key_usage(leaf), row.usage);
+    EXPECT_EQ(ASN1_TIME_cmp_time_t(X509_get0_notBefore(leaf), row.not_before), 0);
+    EXPECT_EQ(ASN1_TIME_cmp_time_t(X509_get0_notAfter(leaf), row.not_after), 0);
+    X509_EXTENSION* const extension = X509_get_ext(leaf, X509_get_ext_count(leaf) - 1);
+    char name[64] = "";
+    OBJ_obj2txt(name, sizeof(name), X509_EXTENSION_get_object(extension), 1);
+    EXPECT_STREQ(name, "1.3.6.1.4.1.11129.2.1.17");
+    const ASN1_OCTET_STRING* const value = X509_EXTENSION_get_data(extension);
+    EXPECT_EQ(Str(value->data, value->data + value->length), Hex(row.extension));
+  }
+}
+
+TEST(Attestation, RefusesWhatItCannotSay) {
+  Instance instance;
+  const struct {
+    Ps key, request;
+    uint32_t result;
+  } rows[] = {
+      {kEc, kApp, Km(KM_ERROR_ATTESTATION_CHALLENGE_MISSING)},
+      {kEc, kChallenge, Km(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING)},
+      {kEc, kApp + Ps{{KM_TAG_ATTESTATION_CHALLENGE, Str(129, 'c')}},
+       Km(KM_ERROR_INVALID_INPUT_LENGTH)},
+      {kEc, kChallenge + kApp + Ps{{KM_TAG_ATTESTATION_ID_BRAND, "hosts"}},
+       Km(KM_ERROR_CANNOT_ATTEST_IDS)},
+      {kEc, kChallenge + kApp + Ps{{KM_TAG_ATTESTATION_ID_IMEI, ""}},
+       Km(KM_ERROR_CANNOT_ATTEST_IDS)},
+      {kEc, kChallenge + kApp, TEEC_ERROR_SHORT_BUFFER},
+      {kAes, kChallenge + kApp, Km(KM_ERROR_INCOMPATIBLE_ALGORITHM)},
+  };
+  for (const auto& row : rows) EXPECT_EQ(instance.Attest(row.key, row.request, 99), row.result);
+}
+
+}  // namespace
