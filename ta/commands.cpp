@@ -1,5 +1,6 @@
 #include "commands.h"
 
+#include <openssl/err.h>
 #include <string.h>
 
 #include <algorithm>
@@ -14,7 +15,7 @@ namespace {
 
 using Handler = TEEC_Result (*)(uint32_t types, TaParam params[4]);
 
-// A command and the parameter types that it may come with; unused places hold kNoTypes.
+// A command, and the types of its parameters.
 struct Command {
   uint32_t id;
   Handler handler;
@@ -22,82 +23,54 @@ struct Command {
   uint32_t types[4];
 };
 
-constexpr uint32_t kNoTypes = 0xFFFFFFFFu;
+// Marks a parameter that may be left out.
+constexpr uint32_t kOptional = 0x10;
 
-constexpr uint32_t Types(uint32_t p0, uint32_t p1 = TEEC_NONE, uint32_t p2 = TEEC_NONE,
-                         uint32_t p3 = TEEC_NONE) {
-  return TEEC_PARAM_TYPES(p0, p1, p2, p3);
-}
-
+constexpr uint32_t kNone = TEEC_NONE;
+constexpr uint32_t kValueIn = TEEC_VALUE_INPUT;
+constexpr uint32_t kValueInOut = TEEC_VALUE_INOUT;
 constexpr uint32_t kIn = TEEC_MEMREF_TEMP_INPUT;
 constexpr uint32_t kOut = TEEC_MEMREF_TEMP_OUTPUT;
 constexpr uint32_t kInOut = TEEC_MEMREF_TEMP_INOUT;
-constexpr uint32_t kNone = TEEC_NONE;
+constexpr uint32_t kMayIn = kIn | kOptional;
+constexpr uint32_t kMayOut = kOut | kOptional;
 
 constexpr Command kCommands[] = {
-    {kCmdConfigure, Configure, false, {Types(TEEC_VALUE_INPUT), kNoTypes, kNoTypes, kNoTypes}},
-    {kCmdGenerateKey,
-     GenerateKey,
-     true,
-     {Types(kIn, kNone, kOut, kOut), Types(kIn, kNone, kOut), kNoTypes, kNoTypes}},
-    {kCmdGetKeyCharacteristics,
-     GetKeyCharacteristics,
-     true,
-     {Types(kIn, kIn, kOut), Types(kIn, kNone, kOut), kNoTypes, kNoTypes}},
-    {kCmdImportKey, ImportKey, true, {Types(kIn, kIn, kOut, kInOut), kNoTypes, kNoTypes, kNoTypes}},
-    {kCmdExportKey,
-     ExportKey,
-     true,
-     {Types(kIn, kIn, kOut), Types(kIn, kNone, kOut), kNoTypes, kNoTypes}},
-    {kCmdAttestKey, AttestKey, true, {Types(kIn, kIn, kOut), kNoTypes, kNoTypes, kNoTypes}},
-    {kCmdUpgrade, UpgradeKey, true, {Types(kIn, kIn, kOut), kNoTypes, kNoTypes, kNoTypes}},
-    {kCmdBegin,
-     BeginOperation,
-     true,
-     {Types(kIn, kIn, kOut, TEEC_VALUE_INOUT), Types(kIn, kNone, kOut, TEEC_VALUE_INOUT), kNoTypes,
-      kNoTypes}},
-    {kCmdUpdate,
-     UpdateOperation,
-     true,
-     {Types(kIn, kIn, kInOut, kOut), Types(kNone, kIn, kInOut, kOut),
-      Types(kIn, kNone, kInOut, kOut), Types(kNone, kNone, kInOut, kOut)}},
-    {kCmdFinish,
-     FinishOperation,
-     true,
-     {Types(kIn, kIn, kInOut, kOut), Types(kNone, kIn, kInOut, kOut),
-      Types(kIn, kNone, kInOut, kOut), Types(kNone, kNone, kInOut, kOut)}},
-    {kCmdAbort, AbortOperation, true, {Types(kIn), kNoTypes, kNoTypes, kNoTypes}},
-    {kCmdDeleteKey, DeleteKey, false, {Types(kIn), kNoTypes, kNoTypes, kNoTypes}},
-    {kCmdVerifyAuthorization,
-     VerifyAuthorization,
-     false,
-     {Types(kIn, kIn, kInOut, kOut), Types(kNone, kIn, kInOut, kOut),
-      Types(kIn, kNone, kInOut, kOut), Types(kNone, kNone, kInOut, kOut)}},
-    {kCmdEarlyBootEnded, EarlyBootEnded, false, {Types(kNone), kNoTypes, kNoTypes, kNoTypes}},
-    {kCmdDeviceLocked,
-     DeviceLocked,
-     false,
-     {Types(TEEC_VALUE_INPUT), kNoTypes, kNoTypes, kNoTypes}},
-    {kCmdGetHmacSharingParameters,
-     GetHmacSharingParameters,
-     false,
-     {Types(kOut, kOut), kNoTypes, kNoTypes, kNoTypes}},
-    {kCmdComputeSharedHmac,
-     ComputeSharedHmac,
-     false,
-     {Types(kIn, kOut), kNoTypes, kNoTypes, kNoTypes}},
-    {kCmdGetErrorRecord, GetErrorRecord, false, {Types(kOut), kNoTypes, kNoTypes, kNoTypes}},
+    {kCmdConfigure, Configure, false, {kValueIn, kNone, kNone, kNone}},
+    {kCmdGenerateKey, GenerateKey, true, {kIn, kNone, kOut, kMayOut}},
+    {kCmdGetKeyCharacteristics, GetKeyCharacteristics, true, {kIn, kMayIn, kOut, kNone}},
+    {kCmdImportKey, ImportKey, true, {kIn, kIn, kOut, kInOut}},
+    {kCmdExportKey, ExportKey, true, {kIn, kMayIn, kOut, kNone}},
+    {kCmdAttestKey, AttestKey, true, {kIn, kIn, kOut, kNone}},
+    {kCmdUpgrade, UpgradeKey, true, {kIn, kIn, kOut, kNone}},
+    {kCmdBegin, BeginOperation, true, {kIn, kMayIn, kOut, kValueInOut}},
+    {kCmdUpdate, UpdateOperation, true, {kMayIn, kMayIn, kInOut, kOut}},
+    {kCmdFinish, FinishOperation, true, {kMayIn, kMayIn, kInOut, kOut}},
+    {kCmdAbort, AbortOperation, true, {kIn, kNone, kNone, kNone}},
+    {kCmdDeleteKey, DeleteKey, false, {kIn, kNone, kNone, kNone}},
+    {kCmdVerifyAuthorization, VerifyAuthorization, false, {kMayIn, kMayIn, kInOut, kOut}},
+    {kCmdEarlyBootEnded, EarlyBootEnded, false, {kNone, kNone, kNone, kNone}},
+    {kCmdDeviceLocked, DeviceLocked, false, {kValueIn, kNone, kNone, kNone}},
+    {kCmdGetHmacSharingParameters, GetHmacSharingParameters, false, {kOut, kOut, kNone, kNone}},
+    {kCmdComputeSharedHmac, ComputeSharedHmac, false, {kIn, kOut, kNone, kNone}},
+    {kCmdGetErrorRecord, GetErrorRecord, false, {kOut, kNone, kNone, kNone}},
 };
+
+bool AcceptsTypes(const Command& command, uint32_t types) {
+  for (uint32_t i = 0; i < 4; ++i) {
+    const uint32_t given = TEEC_PARAM_TYPE_GET(types, i);
+    const bool left_out = given == TEEC_NONE && (command.types[i] & kOptional) != 0;
+    if (given != (command.types[i] & ~kOptional) && !left_out) return false;
+  }
+  return types >> 16 == 0;
+}
 
 TEEC_Result Dispatch(uint32_t id, uint32_t types, TaParam params[4]) {
   const Command* const end = std::end(kCommands);
   const Command* command =
       std::find_if(std::begin(kCommands), end, [id](const Command& c) { return c.id == id; });
   if (command == end) return Fail(TEEC_ERROR_NOT_SUPPORTED);
-  if (std::find(std::begin(command->types), std::end(command->types), types) ==
-      std::end(command->types)) {
-    return Fail(TEEC_ERROR_BAD_PARAMETERS);
-  }
+  if (!AcceptsTypes(*command, types)) return Fail(TEEC_ERROR_BAD_PARAMETERS);
   SystemVersion version;
   if (command->needs_configuration && !GetSystemVersion(&version)) {
     return Fail(KM_ERROR_KEYMASTER_NOT_CONFIGURED);
@@ -105,11 +78,18 @@ TEEC_Result Dispatch(uint32_t id, uint32_t types, TaParam params[4]) {
   return command->handler(types, params);
 }
 
-// Makes the session current while one of its commands runs.
+// Makes the session current while one of its commands runs, and leaves the libcrypto errors of this
+// thread, which may be the caller's, as they were.
 class SessionScope {
  public:
-  explicit SessionScope(Session* session) { CurrentSession() = session; }
-  ~SessionScope() { CurrentSession() = nullptr; }
+  explicit SessionScope(Session* session) {
+    CurrentSession() = session;
+    ERR_set_mark();
+  }
+  ~SessionScope() {
+    ERR_pop_to_mark();
+    CurrentSession() = nullptr;
+  }
   SessionScope(const SessionScope&) = delete;
   SessionScope& operator=(const SessionScope&) = delete;
 };
