@@ -1,0 +1,40 @@
+// Hooks on what libkeymaster41_ts.so itself calls: malloc, free and libcrypto. Its relocated
+// references are redirected, so that no other caller is touched and no tail call escapes.
+#ifndef TESTS_SWEEP_LIBRARY_HOOKS_H
+#define TESTS_SWEEP_LIBRARY_HOOKS_H
+
+#include <stddef.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/platform/bytes.h"
+
+namespace test {
+
+// HookLibrary installs the hooks; more calls do nothing. From then on Call::kMalloc of faults.h
+// is counted here.
+void HookLibrary();
+
+// The calls into libcrypto that can be made to fail; null or 0 is what each then returns.
+const std::vector<std::string>& CryptoCalls();
+// As FailCall and CallCount, for the call of that index.
+void FailCrypto(size_t index, int nth, bool and_later);
+int CryptoCount(size_t index);
+
+// LiveBlocks is how many blocks the library allocated that neither it nor ReleaseOutput freed.
+size_t LiveBlocks();
+// IsOutput tells whether block is one of them, of at least length bytes.
+bool IsOutput(const void* block, size_t length);
+void ReleaseOutput(const void* block);
+
+// WatchFor has every block that the library frees searched for the secret (from 16 bytes on,
+// in pieces of 16, so that a half-wiped one shows). Software-generated RSA keys are watched of
+// themselves until ForgetSecrets. Unwiped returns the labels found since its last call.
+void WatchFor(const std::string& label, const Bytes& secret);
+void ForgetSecrets();
+std::vector<std::string> Unwiped();
+
+}  // namespace test
+
+#endif  // TESTS_SWEEP_LIBRARY_HOOKS_H
