@@ -42,225 +42,124 @@ struct Args {
   uint64_t* handle = &handle_value;
 };
 
+uint32_t Configure(Args&) { return TeeKmConfigure(0x1111, 0x2222); }
+uint32_t Generate(Args& a) {
+  return TeeGenerateKey(a.params, 20, a.out, a.out_len, a.out2, a.out2_len);
+}
+uint32_t Characteristics(Args& a) {
+  return TeeGetKeyCharacteristics(a.params, 20, a.key, 30, a.out, a.out_len);
+}
+uint32_t Import(Args& a) {
+  return TeeImportKey(a.params, 20, a.key, 30, a.out, a.out_len, a.out2, a.out2_len, 2);
+}
+uint32_t Export(Args& a) { return TeeExportKey(a.params, 20, a.key, 30, a.out, a.out_len); }
+uint32_t Attest(Args& a) { return TeeAttestKey(a.key, 30, a.params, 20, a.out, a.out_len); }
+uint32_t Upgrade(Args& a) { return TeeUpgrade(a.key, 30, a.params, 20, a.out, a.out_len); }
+uint32_t Begin(Args& a) { return TeeBegin(3, a.params, 20, a.key, 30, a.out, a.out_len, a.handle); }
+uint32_t Update(Args& a) {
+  return TeeUpdate(0x0102030405060708, a.params, 20, a.input, a.input_len, a.out, a.out_len, a.out2,
+                   a.out2_len);
+}
+uint32_t Finish(Args& a) {
+  const uint32_t input_len = a.input_len == nullptr ? 0 : *a.input_len;
+  return TeeFinish(0x0102030405060708, a.params, 20, a.input, input_len, a.out, a.out_len, a.out2,
+                   a.out2_len);
+}
+uint32_t Abort(Args&) { return TeeAbort(0x0102030405060708); }
+uint32_t Delete(Args& a) { return TeeDeleteKey(a.key, 30); }
 // The token's length is 64 bits wide; its upper half is not the TA's.
-uint32_t VerifyAuthorization(Args& a) {
+uint32_t Verify(Args& a) {
   const uint64_t before = uint64_t{5} << 32 | a.out2_size;
-  uint64_t token_len = before;
+  uint64_t length = before;
   const uint32_t result =
       TeeVerifyAuthorization(a.params, 20, a.input, a.input_len, a.out, a.out_len, a.out2,
-                             a.out2_len == nullptr ? nullptr : &token_len);
-  if (token_len != before) {
-    EXPECT_EQ(0u, token_len >> 32);
-    a.out2_size = static_cast<uint32_t>(token_len);
-  }
+                             a.out2_len == nullptr ? nullptr : &length);
+  EXPECT_TRUE(length == before || length >> 32 == 0);
+  a.out2_size = static_cast<uint32_t>(length);
   return result;
 }
+uint32_t EarlyBoot(Args&) { return TeeEarlyBootEnded(); }
+uint32_t Locked(Args&) { return TeeDeviceLocked(1); }
+uint32_t GetHmac(Args& a) { return TeegetHmacSharingParameters(a.out, 64, a.out2, 48); }
+uint32_t SharedHmac(Args& a) { return TeecomputeSharedHmac(a.params, 20, a.out, a.out_len); }
+uint32_t DestroyIds(Args&) { return TeeDestroyAttestationIds(); }
 
 enum Back { kNothing, kAsReported, kCapped, kZero };
+using List = std::vector<Arg>;
 
 struct Row {
+  Row(const char* n, uint32_t i, uint32_t (*c)(Args&), List left_out, std::string s, List needed,
+      Back o = kNothing, Back o2 = kNothing, bool fetches = false)
+      : name(n),
+        id(i),
+        call(c),
+        nulls(left_out),
+        sent(s),
+        required(needed),
+        out(o),
+        out2(o2),
+        fetches_record(fetches) {}
   const char* name;
   uint32_t id;  // 0: no command
   uint32_t (*call)(Args&);
-  std::vector<Arg> nulls;  // optional arguments left out
-  const char* sent;        // see Sent below
-  std::vector<Arg> required;
-  Back out = kNothing, out2 = kNothing;
-  bool fetches_record = false;
-  const char* no_params = "invalid parameters";
+  List nulls;        // optional arguments left out
+  std::string sent;  // see Sent below
+  List required;
+  Back out, out2;
+  bool fetches_record;
 };
 
-const Row kRows[] = {
-    {"TeeKmConfigure",
-     1,
-     [](Args&) { return TeeKmConfigure(0x1111, 0x2222); },
-     {},
-     "0001 v:1111,2222 - - -",
-     {}},
-    {"TeeGenerateKey",
-     2,
-     [](Args& a) { return TeeGenerateKey(a.params, 20, a.out, a.out_len, a.out2, a.out2_len); },
-     {},
-     "6605 params:20 - out:64 out2:48",
-     {kOutLen, kOut, kOut2Len, kParams},
-     kAsReported,
-     kAsReported,
-     true},
-    {"TeeGenerateKey",
-     2,
-     [](Args& a) { return TeeGenerateKey(a.params, 20, a.out, a.out_len, a.out2, a.out2_len); },
-     {kOut2},
-     "0605 params:20 - out:64 -",
-     {kOut2Len},
-     kAsReported,
-     kZero,
-     true},
-    {"TeeGetKeyCharacteristics",
-     3,
-     [](Args& a) { return TeeGetKeyCharacteristics(a.params, 20, a.key, 30, a.out, a.out_len); },
-     {},
-     "0655 key:30 params:20 out:64 -",
-     {kOutLen, kOut, kKey},
-     kAsReported},
-    {"TeeGetKeyCharacteristics",
-     3,
-     [](Args& a) { return TeeGetKeyCharacteristics(a.params, 20, a.key, 30, a.out, a.out_len); },
-     {kParams},
-     "0605 key:30 - out:64 -",
-     {},
-     kAsReported},
-    {"TeeImportKey",
-     4,
-     [](Args& a) {
-       return TeeImportKey(a.params, 20, a.key, 30, a.out, a.out_len, a.out2, a.out2_len, 2);
-     },
-     {},
-     "7655 params:20 key:30 out:64 out2:48=02dddddddddddddd",
-     {kOutLen, kOut, kOut2Len, kKey, kParams},
-     kAsReported,
-     kCapped,
-     true},
-    {"TeeImportKey",
-     4,
-     [](Args& a) {
-       return TeeImportKey(a.params, 20, a.key, 30, a.out, a.out_len, a.out2, a.out2_len, 1);
-     },
-     {kOut2},
-     "7655 params:20 key:30 out:64 null:0",
-     {kOut2Len},
-     kAsReported,
-     kCapped,
-     true},
-    {"TeeExportKey",
-     5,
-     [](Args& a) { return TeeExportKey(a.params, 20, a.key, 30, a.out, a.out_len); },
-     {},
-     "0655 key:30 params:20 out:64 -",
-     {kKey},
-     kAsReported},
-    {"TeeExportKey",
-     5,
-     [](Args& a) { return TeeExportKey(a.params, 20, a.key, 30, a.out, a.out_len); },
-     {kParams},
-     "0605 key:30 - out:64 -",
-     {},
-     kAsReported},
-    {"TeeAttestKey",
-     6,
-     [](Args& a) { return TeeAttestKey(a.key, 30, a.params, 20, a.out, a.out_len); },
-     {},
-     "0655 key:30 params:20 out:64 -",
-     {kOutLen, kOut, kParams, kKey},
-     kAsReported,
-     kNothing,
-     true},
-    {"TeeUpgrade",
-     7,
-     [](Args& a) { return TeeUpgrade(a.key, 30, a.params, 20, a.out, a.out_len); },
-     {},
-     "0655 key:30 params:20 out:64 -",
-     {kOutLen, kOut, kParams, kKey},
-     kAsReported,
-     kNothing,
-     true},
-    {"TeeBegin",
-     8,
-     [](Args& a) { return TeeBegin(3, a.params, 20, a.key, 30, a.out, a.out_len, a.handle); },
-     {},
-     "3655 key:30 params:20 out:64 v:3,0",
-     {kHandle, kOutLen, kOut, kKey},
-     kAsReported,
-     kNothing,
-     true},
-    {"TeeBegin",
-     8,
-     [](Args& a) { return TeeBegin(3, a.params, 20, a.key, 30, a.out, a.out_len, a.handle); },
-     {kParams},
-     "3605 key:30 - out:64 v:3,0",
-     {},
-     kAsReported,
-     kNothing,
-     true},
-};
-
-// Commands 9, 10 and 39 take the same two optional inputs.
 std::vector<Row> Rows() {
-  std::vector<Row> rows(std::begin(kRows), std::end(kRows));
-  const std::vector<Arg> outputs = {kOut2Len, kOut2, kOutLen, kOut};
-  const struct {
-    const char* name;
-    uint32_t id;
-    uint32_t (*call)(Args&);
-    const char* sent[5];
-  } operations[] = {{"TeeUpdate",
-                     9,
-                     [](Args& a) {
-                       return TeeUpdate(0x0102030405060708, a.params, 20, a.input, a.input_len,
-                                        a.out, a.out_len, a.out2, a.out2_len);
-                     },
-                     {"6755 params:20 input:10 out:64=0807060504030201 out2:48",
-                      "6750 - input:10 out:64=0807060504030201 out2:48",
-                      "6705 params:20 - out:64=0807060504030201 out2:48",
-                      "6700 - - out:64=0807060504030201 out2:48",
-                      "6755 params:20 null:0 out:64=0807060504030201 out2:48"}},
-                    {"TeeFinish",
-                     10,
-                     [](Args& a) {
-                       return TeeFinish(0x0102030405060708, a.params, 20, a.input,
-                                        a.input_len == nullptr ? 0 : *a.input_len, a.out, a.out_len,
-                                        a.out2, a.out2_len);
-                     },
-                     {"6755 params:20 input:10 out:64=0807060504030201 out2:48",
-                      "6750 - input:10 out:64=0807060504030201 out2:48",
-                      "6705 params:20 - out:64=0807060504030201 out2:48",
-                      "6700 - - out:64=0807060504030201 out2:48",
-                      "6705 params:20 - out:64=0807060504030201 out2:48"}},
-                    {"TeeVerifyAuthorization",
-                     39,
-                     VerifyAuthorization,
-                     {"6755 params:20 input:10 out:64=cccccccccccccccc out2:48",
-                      "6750 - input:10 out:64=cccccccccccccccc out2:48",
-                      "6705 params:20 - out:64=cccccccccccccccc out2:48",
-                      "6700 - - out:64=cccccccccccccccc out2:48",
-                      "6755 params:20 null:0 out:64=cccccccccccccccc out2:48"}}};
-  const std::vector<Arg> left_out[] = {{}, {kParams}, {kInput}, {kParams, kInput}, {kInputLen}};
-  for (const auto& o : operations) {
-    for (size_t i = 0; i < 5; ++i) {
-      rows.push_back({o.name, o.id, o.call, left_out[i], o.sent[i], outputs, kCapped, kAsReported,
-                      false, "invalid params"});
+  const std::string key_params_out = "0655 key:30 params:20 out:64 -";
+  const List attest = {kOutLen, kOut, kParams, kKey};
+  const Back as_is = kAsReported, none = kNothing;
+  std::vector<Row> rows = {
+      Row("TeeKmConfigure", 1, Configure, {}, "0001 v:1111,2222 - - -", {}),
+      Row("TeeGenerateKey", 2, Generate, {}, "6605 params:20 - out:64 out2:48",
+          {kOutLen, kOut, kOut2Len, kParams}, as_is, as_is, true),
+      Row("TeeGenerateKey", 2, Generate, {kOut2}, "0605 params:20 - out:64 -", {kOut2Len}, as_is,
+          kZero, true),
+      Row("TeeGetKeyCharacteristics", 3, Characteristics, {}, key_params_out, {kOutLen, kOut, kKey},
+          as_is),
+      Row("TeeGetKeyCharacteristics", 3, Characteristics, {kParams}, "0605 key:30 - out:64 -", {},
+          as_is),
+      Row("TeeImportKey", 4, Import, {}, "7655 params:20 key:30 out:64 out2:48=02dddddddddddddd",
+          {kOutLen, kOut, kOut2Len, kKey, kParams}, as_is, kCapped, true),
+      Row("TeeImportKey", 4, Import, {kOut2}, "7655 params:20 key:30 out:64 null:0", {}, as_is,
+          kCapped, true),
+      Row("TeeExportKey", 5, Export, {}, key_params_out, {kKey}, as_is),
+      Row("TeeExportKey", 5, Export, {kParams}, "0605 key:30 - out:64 -", {}, as_is),
+      Row("TeeAttestKey", 6, Attest, {}, key_params_out, attest, as_is, none, true),
+      Row("TeeUpgrade", 7, Upgrade, {}, key_params_out, attest, as_is, none, true),
+      Row("TeeBegin", 8, Begin, {}, "3655 key:30 params:20 out:64 v:3,0",
+          {kHandle, kOutLen, kOut, kKey}, as_is, none, true),
+      Row("TeeBegin", 8, Begin, {kParams}, "3605 key:30 - out:64 v:3,0", {}, as_is, none, true),
+      Row("TeeAbort", 11, Abort, {}, "0005 other:8=0807060504030201 - - -", {}),
+      Row("TeeDeleteKey", 31, Delete, {}, "0005 key:30 - - -", {kKey}),
+      Row("TeeEarlyBootEnded", 40, EarlyBoot, {}, "0000 - - - -", {}),
+      Row("TeeDeviceLocked", 41, Locked, {}, "0001 v:1,0 - - -", {}),
+      Row("TeegetHmacSharingParameters", 64, GetHmac, {}, "0066 out:64 out2:48 - -", {kOut, kOut2}),
+      Row("TeecomputeSharedHmac", 65, SharedHmac, {}, "0065 params:20 out:64 - -",
+          {kParams, kOut, kOutLen}, as_is),
+      Row("TeeDestroyAttestationIds", 0, DestroyIds, {}, "", {}),
+  };
+  // Commands 9, 10 and 39 take the same two optional inputs and differ in what out carries.
+  for (const uint32_t id : {9u, 10u, 39u}) {
+    const char* name = id == 9 ? "TeeUpdate" : id == 10 ? "TeeFinish" : "TeeVerifyAuthorization";
+    const auto call = id == 9 ? Update : id == 10 ? Finish : Verify;
+    const std::string outputs =
+        std::string(" out:64=") + (id == 39 ? "cccccccccccccccc" : "0807060504030201") + " out2:48";
+    const std::pair<List, const char*> variants[] = {
+        {{}, "6755 params:20 input:10"},
+        {{kParams}, "6750 - input:10"},
+        {{kInput}, "6705 params:20 -"},
+        {{kParams, kInput}, "6700 - -"},
+        {{kInputLen}, id == 10 ? "6705 params:20 -" : "6755 params:20 null:0"}};
+    for (const auto& [nulls, inputs] : variants) {
+      rows.push_back(Row(name, id, call, nulls, inputs + outputs, {kOut2Len, kOut2, kOutLen, kOut},
+                         kCapped, as_is));
     }
   }
-  const Row rest[] = {
-      {"TeeAbort",
-       11,
-       [](Args&) { return TeeAbort(0x0102030405060708); },
-       {},
-       "0005 other:8=0807060504030201 - - -",
-       {}},
-      {"TeeDeleteKey",
-       31,
-       [](Args& a) { return TeeDeleteKey(a.key, 30); },
-       {},
-       "0005 key:30 - - -",
-       {kKey}},
-      {"TeeEarlyBootEnded", 40, [](Args&) { return TeeEarlyBootEnded(); }, {}, "0000 - - - -", {}},
-      {"TeeDeviceLocked", 41, [](Args&) { return TeeDeviceLocked(1); }, {}, "0001 v:1,0 - - -", {}},
-      {"TeegetHmacSharingParameters",
-       64,
-       [](Args& a) { return TeegetHmacSharingParameters(a.out, 64, a.out2, 48); },
-       {},
-       "0066 out:64 out2:48 - -",
-       {kOut, kOut2}},
-      {"TeecomputeSharedHmac",
-       65,
-       [](Args& a) { return TeecomputeSharedHmac(a.params, 20, a.out, a.out_len); },
-       {},
-       "0065 params:20 out:64 - -",
-       {kParams, kOut, kOutLen},
-       kAsReported},
-      {"TeeDestroyAttestationIds", 0, [](Args&) { return TeeDestroyAttestationIds(); }, {}, "", {}},
-  };
-  rows.insert(rows.end(), std::begin(rest), std::end(rest));
   return rows;
 }
 
@@ -304,6 +203,11 @@ std::string Calls(const Row& row) {
 }
 
 std::string Error(const std::string& text) { return "E KeyMaster: " + text; }
+
+std::string NoParams(const Row& row) {
+  const bool short_form = row.id == 9 || row.id == 10 || row.id == 39;
+  return Error(short_form ? "[error] : invalid params" : "[error] : invalid parameters");
+}
 
 // The lines of a call of row: command 6 says that it begins, and, where it gets there, its end.
 Lines Expected(const Row& row, Lines lines, bool success = false) {
@@ -402,7 +306,7 @@ TEST_F(TaCommand, ChecksItsArgumentsBeforeItOpensASession) {
       EXPECT_EQ(0xFFFF0006, row.call(args));
       ExpectUntouched(args);
       EXPECT_EQ("", Journal());
-      EXPECT_EQ(Expected(row, {Error(std::string("[error] : ") + row.no_params)}), Log());
+      EXPECT_EQ(Expected(row, {NoParams(row)}), Log());
     }
   });
   ASSERT_EQ(0u, Ts_Finishcontext());
@@ -410,12 +314,12 @@ TEST_F(TaCommand, ChecksItsArgumentsBeforeItOpensASession) {
     EXPECT_EQ(0xFFFF0006, row.call(args));
     ExpectUntouched(args);
     EXPECT_EQ("", Journal());
-    EXPECT_EQ(Expected(row, {Error(std::string("[error] : ") + row.no_params)}), Log());
+    EXPECT_EQ(Expected(row, {NoParams(row)}), Log());
     // The check of lengths, and export's of its output, come after that of the context.
     args.out_size = 0;
     if (row.id == 5) args.Null(kOut);
     EXPECT_EQ(0xFFFF0006, row.call(args));
-    EXPECT_EQ(Error(std::string("[error] : ") + row.no_params), Log().back());
+    EXPECT_EQ(NoParams(row), Log().back());
   });
 }
 
