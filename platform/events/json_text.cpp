@@ -7,9 +7,7 @@ namespace {
 // The lead bytes of well-formed UTF-8 and what may follow each: the second byte's range shuts out
 // overlong forms, surrogates and what lies above U+10FFFF.
 struct Lead {
-  uint8_t first, last;
-  size_t length;
-  uint8_t second_min, second_max;
+  uint8_t first, last, length, second_min, second_max;
 };
 constexpr Lead kLeads[] = {
     {0x00, 0x7F, 1, 0, 0},       {0xC2, 0xDF, 2, 0x80, 0xBF}, {0xE0, 0xE0, 3, 0xA0, 0xBF},

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -74,16 +75,15 @@ bool IsShown(int priority, const char* tag) {
   return threshold != ANDROID_LOG_SILENT && priority >= threshold;
 }
 
-__attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list args) {
-  va_list measured;
-  va_copy(measured, args);
-  const int length = vsnprintf(nullptr, 0, format, measured);
-  va_end(measured);
-  if (length < 0) return format;
-  std::string text(static_cast<size_t>(length) + 1, '\0');
-  vsnprintf(text.data(), text.size(), format, args);
-  text.pop_back();
-  return text;
+struct FreeDeleter {
+  void operator()(char* text) const { free(text); }
+};
+using Text = std::unique_ptr<char, FreeDeleter>;
+
+// Format returns null when the message cannot be formatted.
+__attribute__((format(printf, 1, 0))) Text Format(const char* format, va_list args) {
+  char* text = nullptr;
+  return Text(vasprintf(&text, format, args) < 0 ? nullptr : text);
 }
 
 // Every line of a message carries the prefix, so that no message can pass for two.
@@ -117,7 +117,8 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
   va_list args;
   va_start(args, format);
   try {
-    written = WriteOnce(ToLines(priority, tag, Format(format, args)));
+    const Text text = Format(format, args);
+    if (text != nullptr) written = WriteOnce(ToLines(priority, tag, text.get()));
   } catch (const std::exception&) {
     // No memory for the line: the message is lost, and the result says so.
   }

@@ -60,6 +60,7 @@ void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply r
   for (uint32_t index = 0; index < CommandParameters::kCount; ++index) {
     types += (index == 0 ? "" : ", ") + Describe(parameters, index);
   }
-  fprintf(stderr, "tee: command %u (%s) result 0x%08x from %s, %lld us\n", command, types.c_str(),
-          reply.result, OriginName(reply.origin), static_cast<long long>(duration.count()));
+  (void)fprintf(stderr, "tee: command %u (%s) result 0x%08x from %s, %lld us\n", command,
+                types.c_str(), reply.result, OriginName(reply.origin),
+                static_cast<long long>(duration.count()));
 }

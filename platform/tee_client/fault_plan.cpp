@@ -36,7 +36,8 @@ FaultPlan ReadPlan(const char* text) {
                      (*text == '\0' || ReadField(&text, ",times", &plan.times)) && *text == '\0' &&
                      plan.code != TEEC_SUCCESS;
   if (!valid) {
-    fprintf(stderr, "tee: TEE_FAULT=\"%s\" is not understood and ignored\n", plan.text.c_str());
+    (void)fprintf(stderr, "tee: TEE_FAULT=\"%s\" is not understood and ignored\n",
+                  plan.text.c_str());
     plan.times = 0;
   }
   return plan;

@@ -123,8 +123,8 @@ void Watchdog::Expire(std::unique_lock<std::mutex>* lock, int id) {
   bracket.state = State::kCallingBack;
   // Until the callback returns nobody but the callback itself can take the bracket away.
   lock->unlock();
-  fprintf(stderr, "watchdog: %s has not ended after %u s (flags %u)\n", bracket.label.c_str(),
-          bracket.timeout, bracket.flags);
+  (void)fprintf(stderr, "watchdog: %s has not ended after %u s (flags %u)\n", bracket.label.c_str(),
+                bracket.timeout, bracket.flags);
   bracket.callback(bracket.arg);
   lock->lock();
   const auto found = brackets_.find(id);
