@@ -1,4 +1,5 @@
 #!/bin/bash
+# shellcheck disable=SC2086  # options travel in plain variables
 # Encryption: the keys are imported, so that openssl holds them too and judges every byte.
 . "$(dirname "$0")/common.sh" "$@"
 
@@ -93,12 +94,10 @@ ok km import --in rsa.pem --key rsa.blob --purpose encrypt,decrypt --padding oae
   --digest sha1,sha256
 head -c 100 large >plain
 while read -r padding digest options; do
-  # shellcheck disable=SC2086
   ok openssl pkeyutl -encrypt -inkey rsa.pem $options -in plain -out sealed
   ok km decrypt --key rsa.blob --padding "$padding" ${digest:+--digest $digest} --in sealed --out back
   same plain back "RSA $padding $digest decrypted here"
   ok km encrypt --key rsa.blob --padding "$padding" ${digest:+--digest $digest} --in plain --out sealed
-  # shellcheck disable=SC2086
   ok openssl pkeyutl -decrypt -inkey rsa.pem $options -in sealed -out back
   same plain back "RSA $padding $digest decrypted there"
 done <<'ROWS'

@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034
 # What the end-to-end tests share: a folder of their own, the tool on it, and checks that end the
 # test with one clear line. Usage of a test: FAMILY.sh BIN_DIR
 set -euo pipefail

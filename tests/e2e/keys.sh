@@ -1,4 +1,5 @@
 #!/bin/bash
+# shellcheck disable=SC2086  # options travel in plain variables
 # The life of a key: import, export, characteristics, attestation, secure import, upgrade, deletion,
 # and what is said when one of them fails.
 . "$(dirname "$0")/common.sh" "$@"
@@ -11,7 +12,7 @@ says() {
   ok km characteristics --json --key "$key" "$@"
   python3 -c 'import json, sys
 hw = json.load(open("out"))["hardware_enforced"]
-assert eval(sys.argv[1]), hw' "$expression" 2>judged || fail "$key: $(tail -n 1 judged)"
+assert eval(f"({sys.argv[1]})"), hw' "$expression" 2>judged || fail "$key: $(tail -n 1 judged)"
 }
 
 # Every kind of private key in every encoding that openssl writes comes back as its public half.
@@ -33,28 +34,23 @@ for kind in rsa:1024 rsa:2048 rsa:4096 ec:secp224r1 ec:prime256v1 ec:secp384r1 e
   same exported public.der "$kind"
   says 'hw["origin"] == "imported" and hw["algorithm"] == "'${kind%:*}'"' k.blob
 done
-for size in 512 2048 3072; do
-  ok km generate --algorithm rsa --size $size --key k.blob --padding pkcs1
-  ok km export --key k.blob --out public.pem
-  judge "($size bit)" openssl pkey -pubin -in public.pem -noout -text
-  says 'hw["origin"] == "generated" and hw["key_size"] == '$size k.blob
-done
+ok km generate --algorithm rsa --size 3072 --key k.blob
+ok km export --key k.blob --out public.pem
+judge '(3072 bit)' openssl pkey -pubin -in public.pem -noout -text
+says 'hw["origin"] == "generated" and hw["key_size"] == 3072' k.blob
 
 # The owner of a key has to be told, and is not told on.
 ok km generate --algorithm ec --curve p384 --app-id me --app-data 0x00ff --purpose sign,verify \
   --digest sha256,sha384 --key own.blob
-says 'hw["purpose"] == ["sign", "verify"] and hw["ec_curve"] == "p384" and hw["key_size"] == 384' \
-  own.blob --app-id me --app-data 0x00ff
-says 'hw["os_version"] == 110000 and hw["os_patchlevel"] == 202101 and "application_id" not in hw' \
+says 'hw["purpose"] == ["sign", "verify"] and hw["ec_curve"] == "p384" and hw["key_size"] == 384 and
+  hw["os_version"] == 110000 and hw["os_patchlevel"] == 202101 and "application_id" not in hw' \
   own.blob --app-id me --app-data 0x00ff
 judge 'sha384' km characteristics --key own.blob --app-id me --app-data 0x00ff
 for owner in '' '--app-id me' '--app-id you --app-data 0x00ff' '--app-id me --app-data 0x00fe'; do
-  # shellcheck disable=SC2086
   refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km export --key own.blob $owner
 done
 ok km sign --key own.blob --app-id me --app-data 0x00ff --in text --out sig
-size=$(stat -c %s k.blob)
-for at in 0 1 $((size / 2)) -1; do
+for at in 0 1 100 -1; do
   flip k.blob "$at"
   refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km characteristics --key flipped
 done
@@ -62,7 +58,6 @@ state=other refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km export --key k.blob
 
 # An attestation leads to its root, is for this key and tells of it.
 for options in '--algorithm ec' '--algorithm rsa --size 4096'; do
-  # shellcheck disable=SC2086
   ok km generate $options --key k.blob
   ok km export --key k.blob --out public.pem
   ok km attest --key k.blob --challenge 'are you there' --out chain.pem
@@ -125,8 +120,7 @@ ROWS
 # The system moves on, keys follow, and none goes back.
 ok km generate --algorithm ec --key old.blob
 cp old.blob new.blob
-ok km upgrade --key new.blob
-judge 'needs no upgrade' cat out
+judge 'needs no upgrade' km upgrade --key new.blob
 export KEYMASTER_OS_PATCHLEVEL=202203
 refuse 'KM_ERROR_KEY_REQUIRES_UPGRADE (-62)' km sign --key new.blob --in text
 ok km upgrade --key new.blob
@@ -164,7 +158,6 @@ refuse 'No such file or directory' km sign --key missing.blob --in text
 refuse 'KM_ERROR_UNSUPPORTED_KEY_SIZE (-6)' km generate --algorithm aes --size 129 --key none.blob
 for usage in '' 'dance' 'sign --in text' 'generate --algorithm dance --key k'; do
   status=0
-  # shellcheck disable=SC2086
   km $usage >out || status=$?
   [ $status -eq 2 ] || fail "status $status, not 2: keymasterctl $usage"
 done

@@ -1,4 +1,5 @@
 #!/bin/bash
+# shellcheck disable=SC2086  # options travel in plain variables
 # Signatures and MACs: what one side makes the other accepts, and nothing else.
 . "$(dirname "$0")/common.sh" "$@"
 
@@ -47,9 +48,7 @@ check rsa.blob rsa.pub rsa.pem md5 --padding pkcs1
 for digest in ${digests//,/ }; do
   check rsa.blob rsa.pub rsa.pem "$digest" --padding pkcs1
   check made.blob made.pub '' "$digest" --padding pkcs1
-  # shellcheck disable=SC2086
   check rsa.blob rsa.pub rsa.pem "$digest" --padding pss -- $pss
-  # shellcheck disable=SC2086
   check made.blob made.pub '' "$digest" --padding pss -- $pss
 done
 head -c 256 text | tr '\200-\377' '\000-\177' >block
@@ -85,6 +84,5 @@ done
 # Much text, through pipes, in more pieces than one.
 head -c 9000001 /dev/urandom >large
 km sign --key rsa.blob --padding pss <large >sig || fail 'signing a pipe'
-# shellcheck disable=SC2086
 judge "$verified" openssl dgst -sha256 -verify rsa.pub $pss -signature sig large
 ok km verify --key rsa.blob --padding pss --in large --signature sig
