@@ -2,6 +2,9 @@
 // are not what they claim.
 #include <time.h>
 
+#include <atomic>
+#include <thread>
+
 #include "hmac_sharing.h"
 #include "ta_client.h"
 
@@ -277,6 +280,28 @@ TEST_F(TaTest, HoldsABoundedNumberOfOperations) {
     ta.handle = handle;
     EXPECT_EQ(ta.Update("x"), Km(KM_ERROR_INVALID_OPERATION_HANDLE));
   }
+}
+
+TEST_F(TaTest, ServesThreadsAtOnceAndOneOfThemPerOperation) {
+  ASSERT_EQ(ta.Generate(kAes), 0u);
+  ASSERT_EQ(ta.Begin(KM_PURPOSE_ENCRYPT, kEcb), 0u);
+  std::atomic<int> finished{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      Ta own;
+      own.handle = ta.handle;
+      while (own.Update(Str(16, 'p')) == 0 && own.output.size() < 320) {
+      }
+      if (own.Finish() == 0) ++finished;
+      EXPECT_EQ(own.Generate(kEc), 0u);
+      const Ps sha256 = {{KM_TAG_DIGEST, KM_DIGEST_SHA_2_256}};
+      EXPECT_EQ(own.Operate(KM_PURPOSE_SIGN, sha256, "data", 4), 0u);
+      EXPECT_EQ(own.Run(kCmdDeleteKey, In(own.blob)), 0u);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(finished, 1);
 }
 
 TEST_F(TaTest, SurvivesRequestsCutShortAndTypesOfAnyKind) {
