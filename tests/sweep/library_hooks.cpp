@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <link.h>
-#include <malloc.h>
 #include <openssl/rsa.h>
 #include <stdlib.h>
 #include <string.h>
@@ -103,15 +102,17 @@ void* MallocHook(size_t size) {
 }
 
 void FreeHook(void* block) {
-  if (block != nullptr) {
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    const auto found = g_live.find(block);
-    const size_t size = found != g_live.end() ? found->second : malloc_usable_size(block);
+  std::unique_lock<std::mutex> lock(g_mutex);
+  const auto found = g_live.find(block);
+  // Only of its own blocks is it known that nobody else left something in them.
+  if (found != g_live.end()) {
     for (const auto& [label, piece] : g_secrets) {
-      if (memmem(block, size, piece.data(), piece.size()) != nullptr) g_unwiped.push_back(label);
+      if (memmem(block, found->second, piece.data(), piece.size()) == nullptr) continue;
+      g_unwiped.push_back(label);
     }
-    if (found != g_live.end()) g_live.erase(found);
+    g_live.erase(found);
   }
+  lock.unlock();
   free(block);
 }
 

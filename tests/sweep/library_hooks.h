@@ -28,9 +28,9 @@ size_t LiveBlocks();
 bool IsOutput(const void* block, size_t length);
 void ReleaseOutput(const void* block);
 
-// WatchFor has every block that the library frees searched for the secret (from 16 bytes on,
-// in pieces of 16, so that a half-wiped one shows). Software-generated RSA keys are watched of
-// themselves until ForgetSecrets. Unwiped returns the labels found since its last call.
+// WatchFor has every block that the library allocated and frees searched for the secret (from 16
+// bytes on, in pieces of 16, so that a half-wiped one shows). Software-generated RSA keys are
+// watched of themselves until ForgetSecrets. Unwiped returns the labels found since its last call.
 void WatchFor(const std::string& label, const Bytes& secret);
 void ForgetSecrets();
 std::vector<std::string> Unwiped();

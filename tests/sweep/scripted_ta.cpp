@@ -1,13 +1,12 @@
 // The TA that serves the requests, and what both sides know.
 #include "tests/sweep/scripted_ta.h"
 
-#include <keymaster_ts.h>
-#include <openssl/core_names.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "tests/sweep/library_hooks.h"
@@ -65,16 +64,19 @@ Bytes Wrapper() {
                           Der({4}, Ramp(77, 32)), Der({4}, Ramp(3, 16))}));
 }
 
-// What an import must say of its source.
-uint8_t ImportType(const Bytes& key_data) {
-  if (key_data == fixture().unwrapped) return 2;
-  // Of a two-prime RSA key: the 512 bits that are asked for, against the fixture's 1024.
-  return key_data.size() > 36 && key_data[0] == 2 && key_data[8] == 64 ? 0 : 1;
+bool Holds(const Bytes& bytes, int64_t tag) {
+  const Bytes wire = Le32(static_cast<uint32_t>(tag));
+  return std::search(bytes.begin(), bytes.end(), wire.begin(), wire.end()) != bytes.end();
 }
 
+// The import of an unwrapped key is known by the wrapper's auth token, that of a generated one by
+// the exponent that was asked for.
 bool AcceptsImport(const Invocation& invocation) {
-  return !invocation.params[3].in.empty() &&
-         invocation.params[3].in[0] == ImportType(invocation.params[1].in);
+  const Bytes& params = invocation.params[0].in;
+  const Bytes& characteristics = invocation.params[3].in;
+  const uint8_t other = Holds(params, KM_TAG_RSA_PUBLIC_EXPONENT) ? 0 : 1;
+  const uint8_t type = Holds(params, KM_TAG_AUTH_TOKEN) ? 2 : other;
+  return !characteristics.empty() && characteristics[0] == type;
 }
 
 std::map<int, Bytes> Write(const Invocation& invocation) {
