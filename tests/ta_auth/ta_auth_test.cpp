@@ -96,7 +96,8 @@ TEST(Authorization, ChecksEveryByteAndParameterAndSignsTheReply) {
   Instance instance;
   const Str key = SharedKey(instance.SharingParameters()), good = Token(key, 5, 1, 0);
   for (size_t i = 0; i < good.size(); ++i) EXPECT_NE(instance.Verify(Flipped(good, i)), 0u) << i;
-  for (const Str& odd : {Str(), good.substr(0, 68), good + good}) {
+  const Str later = Str(1, 1) + good.substr(1, 36);  // of another version, signed as it should be
+  for (const Str& odd : {Str(), good.substr(0, 68), good + good, later + Mac(key, later)}) {
     EXPECT_EQ(instance.Verify(odd), Km(KM_ERROR_VERIFICATION_FAILED));
   }
   const struct {
