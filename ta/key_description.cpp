@@ -148,14 +148,14 @@ bool Lists(const keymaster_tag_t (&tags)[N], uint32_t tag) {
   return std::count(std::begin(tags), std::end(tags), static_cast<keymaster_tag_t>(tag)) != 0;
 }
 
-uint64_t NowInMilliseconds() {
+}  // namespace
+
+uint64_t WallClockMillis() {
   using std::chrono::system_clock;
   return static_cast<uint64_t>(
       std::chrono::duration_cast<std::chrono::milliseconds>(system_clock::now().time_since_epoch())
           .count());
 }
-
-}  // namespace
 
 TEEC_Result CheckKeyDescription(const ParamSet& description) {
   const AlgorithmRules* rules = RulesOf(description.Value(KM_TAG_ALGORITHM).value_or(0));
@@ -218,7 +218,7 @@ void DescribeKey(const ParamSet& description, Key* key) {
     if (Lists(kSoftwareTags, param.tag)) key->sw_enforced.Add(param);
   }
   if (!key->sw_enforced.Contains(KM_TAG_CREATION_DATETIME)) {
-    key->sw_enforced.Add(KM_TAG_CREATION_DATETIME, NowInMilliseconds());
+    key->sw_enforced.Add(KM_TAG_CREATION_DATETIME, WallClockMillis());
   }
   key->hw_enforced.Set(KM_TAG_ALGORITHM, key->algorithm);
   key->hw_enforced.Set(KM_TAG_KEY_SIZE, key->key_size);

@@ -32,6 +32,9 @@ void DescribeKey(const ParamSet& description, Key* key);
 // SetKeySystemVersion binds a key to the current system version.
 void SetKeySystemVersion(Key* key);
 
+// WallClockMillis is the clock of a key's dates: milliseconds since 1970.
+uint64_t WallClockMillis();
+
 }  // namespace ta
 
 #endif  // TA_KEY_DESCRIPTION_H

@@ -1,10 +1,10 @@
 #include "key_records.h"
 
-#include <time.h>
 #include <unistd.h>
 
 #include <fstream>
 
+#include "device_state.h"
 #include "state.h"
 
 namespace ta {
@@ -25,12 +25,6 @@ std::string BootId() {
   std::string id;
   std::getline(file, id);
   return id;
-}
-
-uint64_t SecondsSinceBoot() {
-  timespec now{};
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  return static_cast<uint64_t>(now.tv_sec);
 }
 
 // How often and when last a key was used since the system started.
@@ -79,7 +73,7 @@ TEEC_Result CountUse(const Key& key) {
   const StateLock lock;
   const std::string name = RecordName("usage_", key.id);
   const std::string boot_id = BootId();
-  const uint64_t now = SecondsSinceBoot();
+  const uint64_t now = MillisSinceBoot() / 1000;
   Usage usage = ReadUsage(name, boot_id);
   if (min_seconds != nullptr && usage.count != 0 && now - usage.last_use < min_seconds->value) {
     return Fail(KM_ERROR_KEY_RATE_LIMIT_EXCEEDED);

@@ -1,20 +1,11 @@
 #include "operation_policy.h"
 
-#include <chrono>
-
 #include "auth.h"
 #include "device_state.h"
 #include "key_description.h"
 
 namespace ta {
 namespace {
-
-uint64_t NowInMilliseconds() {
-  using std::chrono::system_clock;
-  return static_cast<uint64_t>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(system_clock::now().time_since_epoch())
-          .count());
-}
 
 // A wrapping key decrypts nothing but what was encrypted to it with OAEP: transit keys.
 bool UnwrapsTransitKey(uint32_t purpose, const Key& key, const ParamSet& params) {
@@ -32,7 +23,7 @@ TEEC_Result CheckPurpose(uint32_t purpose, const Key& key, const ParamSet& param
 }
 
 TEEC_Result CheckDates(uint32_t purpose, const Key& key) {
-  const uint64_t now = NowInMilliseconds();
+  const uint64_t now = WallClockMillis();
   const bool originates = purpose == KM_PURPOSE_ENCRYPT || purpose == KM_PURPOSE_SIGN;
   const Param* active = key.Find(KM_TAG_ACTIVE_DATETIME);
   const Param* expires =
