@@ -6,14 +6,12 @@ namespace {
 
 const Bytes kKey = Ramp(0x30, 16);
 const Bytes kChain = Cat({Le32(2), Le32(3), {1, 2, 3}, Le32(5), {4, 5, 6, 7, 8}});
-constexpr char kOutError[] = "E [error] : ExtractAttestChain out error.\n";
+constexpr char kOutError[] = "; E! ExtractAttestChain out error.\n";
 
 struct Attest : RequestTest {
   std::string TakeChain() { return chain_.Take(); }
   int32_t Run(const Reply& reply, ParamSet* params) {
-    platform().ClearRecords();
-    platform().queued.clear();
-    platform().Queue(6, reply);
+    Answer(6, reply);
     const keymaster_key_blob_t key = KeyBlob(kKey);
     return km.TivasKmAttestKey(&key, params->get(), &chain_);
   }
@@ -26,10 +24,11 @@ struct Attest : RequestTest {
 TEST_F(Attest, ReturnsTheChainInOrder) {
   EXPECT_EQ(0, Run(kChain));
   EXPECT_EQ("010203 0405060708", TakeChain());
-  EXPECT_EQ((Lines{"I KmAttestKey start", "I extract attest cert chain success, entry_count=2.\n",
-                   "I KmAttestKey success"}),
-            RequestLog());
-  const Invocation& sent = platform().invocations.at(0);
+  EXPECT_EQ(
+      "I KmAttestKey start; I extract attest cert chain success, entry_count=2.\n; I KmAttestKey "
+      "success",
+      RequestLog());
+  const Invocation& sent = Sent();
   EXPECT_EQ(kKey, sent.params[0].in);
   EXPECT_EQ(SecondList({{KM_TAG_ATTESTATION_CHALLENGE, {9, 9}}}), sent.params[1].in);
   EXPECT_EQ(8192u, sent.params[2].size);
@@ -48,43 +47,32 @@ TEST_F(Attest, RefusesEveryCut) {
     // The position that the reply ends behind: a length field's start, or its certificate's.
     const char* position = length < 8 ? "4" : length < 11 ? "8" : length < 15 ? "11" : "15";
     const std::string size = std::to_string(length);
-    EXPECT_EQ((Lines{"I KmAttestKey start",
-                     length < 4 ? "E [error] : chain_buf_len too small(" + size + ")"
-                                : "E 1 invalid out chain size(" + (position + ("-" + size)) + ")",
-                     kOutError}),
+    EXPECT_EQ("I KmAttestKey start; " +
+                  (length < 4 ? "E! chain_buf_len too small(" + size + ")"
+                              : "E 1 invalid out chain size(" + (position + ("-" + size)) + ")") +
+                  kOutError,
               RequestLog());
   }
 }
 
 TEST_F(Attest, RefusesBadCountsAndLengths) {
-  const std::string kCount = "E [error] : out_chain entry_count err";
-  struct Row {
-    Bytes reply;
-    int32_t result;
-    Lines log;  // between the start and the last line
-  };
-  const Row kRows[] = {
-      {Cat({Le32(0), Le32(1), {1}}), -1000, {kCount}},
-      {Cat({Le32(1), Le32(1), {1}}), -1000, {kCount}},
-      {Cat({Le32(3), Bytes(kChain.begin() + 4, kChain.end())}),
-       -1000,
-       {"E 1 invalid out chain size(20-20)"}},
-      {Cat({Le32(0x10000000), Bytes(kChain.begin() + 4, kChain.end())}),
-       -1000,
-       {"E 1 invalid out chain size(20-20)"}},
-      {Cat({Le32(0xFFFFFFFF), Le32(1), {1}}), -1000, {"E 1 invalid out chain size(9-9)"}},
-      {Cat({Le32(2), Le32(3), {1, 2, 3}, Le32(0), {4}}), -1000, {}},
-      {Cat({Le32(2), Le32(0), Le32(1), {4}}), -1000, {}},
-      {Cat({Le32(2), Le32(0xFFFFFFFF), {1, 2}}), -1000, {"E 1 invalid out chain size(8-10)"}},
-      {Cat({Le32(2), Le32(0xFFFFFFF8), {1, 2}}), -1000, {"E 1 invalid out chain size(8-10)"}}};
-  for (const Row& row : kRows) {
-    SCOPED_TRACE(Hex(row.reply));
-    EXPECT_EQ(row.result, Run(row.reply));
+  const std::string kCount = "E! out_chain entry_count err", kCut = "E 1 invalid out chain size";
+  const Bytes two(kChain.begin() + 4, kChain.end());
+  const std::pair<Bytes, std::string> kRows[] = {
+      {Cat({Le32(0), two}), kCount},
+      {Cat({Le32(1), two}), kCount},
+      {Cat({Le32(3), two}), kCut + "(20-20)"},
+      {Cat({Le32(0x10000000), two}), kCut + "(20-20)"},
+      {Cat({Le32(0xFFFFFFFF), two}), kCut + "(20-20)"},
+      {Cat({Le32(2), Le32(3), {1, 2, 3}, Le32(0), {4}}), ""},
+      {Cat({Le32(2), Le32(0), Le32(1), {4}}), ""},
+      {Cat({Le32(2), Le32(0xFFFFFFFF), {1, 2}}), kCut + "(8-10)"},
+      {Cat({Le32(2), Le32(0xFFFFFFF8), {1, 2}}), kCut + "(8-10)"}};
+  for (const auto& [reply, log] : kRows) {
+    SCOPED_TRACE(Hex(reply));
+    EXPECT_EQ(-1000, Run(reply));
     EXPECT_EQ("empty", TakeChain());
-    Lines log = {"I KmAttestKey start"};
-    log.insert(log.end(), row.log.begin(), row.log.end());
-    log.push_back(kOutError);
-    EXPECT_EQ(log, RequestLog());
+    EXPECT_EQ("I KmAttestKey start" + (log.empty() ? "" : "; " + log) + kOutError, RequestLog());
   }
 }
 
@@ -102,8 +90,8 @@ TEST_F(Attest, RefusesBeforeTheTa) {
   EXPECT_EQ(-32, km.TivasKmAttestKey(&key, &hollow, &chain_));
   EXPECT_EQ(Code(0xFFFF0006), km.TivasKmAttestKey(&none, params_.get(), &chain_));
   EXPECT_EQ("", Journal());
-  EXPECT_EQ(Code(kTaError), Run(Reply::Fail(kTaError).Out(2, kChain), &params_));
-  EXPECT_EQ("E [error] : TeeAttestKey failed, ret=0xffff0009", LastLine());
+  EXPECT_EQ(kTaFailed, Run(Reply::Fail(kTaError).Out(2, kChain), &params_));
+  EXPECT_EQ("E! TeeAttestKey failed, ret=0xffff0009", LastLine());
   EXPECT_EQ("kept", TakeChain());
 }
 

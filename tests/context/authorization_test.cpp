@@ -21,8 +21,7 @@ TEST_F(Authorization, VerifyFillsTheTokenOnlyFromExactly64Bytes) {
   const keymaster_blob_t auth = Blob(token);
   for (const size_t length : {0u, 63u, 64u, 65u, 4096u}) {
     SCOPED_TRACE(length);
-    platform().ClearRecords();
-    platform().Queue(39, Reply::Ok().Out(3, TokenReply(length)));
+    Answer(39, Reply::Ok().Out(3, TokenReply(length)));
     TsVerificationToken out{1, 2, nullptr, 3, {4}};
     const bool ok = length == 64;
     EXPECT_EQ(ok ? 0 : -30,
@@ -32,10 +31,10 @@ TEST_F(Authorization, VerifyFillsTheTokenOnlyFromExactly64Bytes) {
     EXPECT_EQ(ok ? 2u : 3u, out.security_level);
     EXPECT_EQ(ok ? Ramp(0x50, 32) : Cat({{4}, Bytes(31)}), Bytes(out.mac, out.mac + 32));
     EXPECT_EQ(nullptr, out.parameters_verified);
-    Lines log = {"I TivasVerifyAuthorization start"};
-    if (ok) log.push_back("I TivasVerifyAuthorization success");
-    EXPECT_EQ(log, RequestLog());
-    const Invocation& sent = platform().invocations.at(0);
+    EXPECT_EQ(ok ? "I TivasVerifyAuthorization start; I TivasVerifyAuthorization success"
+                 : "I TivasVerifyAuthorization start",
+              RequestLog());
+    const Invocation& sent = Sent();
     EXPECT_EQ(0x6755u, sent.param_types);
     EXPECT_EQ(Cat({Le32(0), WireList({Entry(KM_TAG_USER_SECURE_ID, 5)})}), sent.params[0].in);
     EXPECT_EQ(Cat({{8, 7, 6, 5, 4, 3, 2, 1}, token}), sent.params[1].in);
@@ -63,8 +62,8 @@ TEST_F(Authorization, VerifyParametersAndFailures) {
       {&verified, Reply::Ok().Out(2, Le32(1)).Out(3, TokenReply(64)), -41, "empty",
        "E invalid copy size, 1-4"},
       {nullptr, Reply::Ok().Out(2, Le32(1)).Out(3, TokenReply(64)), 0, "empty", kSuccess},
-      {&verified, Reply::Fail(kTaError).Out(2, set).Out(3, TokenReply(64)), Code(kTaError), "empty",
-       "E [error] : TeeVerifyAuthorization failed, ret=0xffff0009"}};
+      {&verified, Reply::Fail(kTaError).Out(2, set).Out(3, TokenReply(64)), kTaFailed, "empty",
+       "E! TeeVerifyAuthorization failed, ret=0xffff0009"}};
   for (const Row& row : kRows) {
     platform().Queue(39, row.reply);
     TsVerificationToken out{1, 2, row.verified, 3, {4}};
@@ -80,7 +79,7 @@ TEST_F(Authorization, VerifyParametersAndFailures) {
   EXPECT_EQ(-32, km.TivasVerifyAuthorization(1, nullptr, &auth, &out));
   EXPECT_EQ(-32, km.TivasVerifyAuthorization(1, params.get(), nullptr, &out));
   EXPECT_EQ(-32, km.TivasVerifyAuthorization(1, params.get(), &auth, nullptr));
-  EXPECT_EQ(Lines(3, "I TivasVerifyAuthorization start"), RequestLog());
+  EXPECT_EQ("I TivasVerifyAuthorization start", LastLine());
   EXPECT_EQ(-41, km.TivasVerifyAuthorization(1, params.get(), &unreadable, &out));
   EXPECT_EQ("", Journal());
 }
@@ -89,26 +88,23 @@ TEST_F(Authorization, DeviceState) {
   struct Row {
     int locked;  // -1: early boot ended
     TEEC_Result result;
-    Lines log;
+    std::string log;
   };
   const Row kRows[] = {
-      {-1, 0, {"E TivasKmEarlyBootEnded success"}},
-      {-1, kTaError, {"E [error] : TeeEarlyBootEnded failed, ret=0xffff0009"}},
-      {0, 0, {"I TivasKmDeviceLocked enter, passwordOnly[0]", "E TivasKmDeviceLocked success"}},
-      {1, 0, {"I TivasKmDeviceLocked enter, passwordOnly[1]", "E TivasKmDeviceLocked success"}},
-      {1,
-       kTaError,
-       {"I TivasKmDeviceLocked enter, passwordOnly[1]",
-        "E [error] : TeeDeviceLocked failed, passwordOnly[1] ret=0xffff0009"}}};
+      {-1, 0, "E TivasKmEarlyBootEnded success"},
+      {-1, kTaError, "E! TeeEarlyBootEnded failed, ret=0xffff0009"},
+      {0, 0, "I TivasKmDeviceLocked enter, passwordOnly[0]; E TivasKmDeviceLocked success"},
+      {1, 0, "I TivasKmDeviceLocked enter, passwordOnly[1]; E TivasKmDeviceLocked success"},
+      {1, kTaError,
+       "I TivasKmDeviceLocked enter, passwordOnly[1]; E! TeeDeviceLocked failed, passwordOnly[1] "
+       "ret=0xffff0009"}};
   for (const Row& row : kRows) {
-    SCOPED_TRACE(row.log.back());
-    platform().ClearRecords();
-    platform().Queue(row.locked < 0 ? 40 : 41,
-                     row.result == 0 ? Reply::Ok() : Reply::Fail(row.result));
+    SCOPED_TRACE(row.log);
+    Answer(row.locked < 0 ? 40 : 41, row.result == 0 ? Reply::Ok() : Reply::Fail(row.result));
     EXPECT_EQ(Code(row.result), row.locked < 0 ? km.TivasKmEarlyBootEnded()
                                                : km.TivasKmDeviceLocked(row.locked == 1));
     EXPECT_EQ(row.log, RequestLog());
-    const Invocation& sent = platform().invocations.at(0);
+    const Invocation& sent = Sent();
     EXPECT_EQ(row.locked == 1 ? 1u : 0u, sent.params[0].value.a);
     EXPECT_EQ(0u, sent.params[0].value.b);
   }
@@ -120,14 +116,14 @@ TEST_F(Authorization, HmacParametersPassThrough) {
   EXPECT_EQ(0, km.TivasgetHmacSharingParameters(seed, 32, nonce, 16));
   EXPECT_EQ(Ramp(1, 32), Bytes(seed, seed + 32));
   EXPECT_EQ(Ramp(60, 16), Bytes(nonce, nonce + 16));
-  EXPECT_EQ(seed, platform().invocations.at(0).params[0].buffer);
-  EXPECT_EQ(16u, platform().invocations.at(0).params[1].size);
-  EXPECT_EQ(Lines{"I getHmacSharingParameters start"}, RequestLog());
+  EXPECT_EQ(seed, Sent().params[0].buffer);
+  EXPECT_EQ(16u, Sent().params[1].size);
+  EXPECT_EQ("I getHmacSharingParameters start", RequestLog());
   EXPECT_EQ(Code(0xFFFF0006), km.TivasgetHmacSharingParameters(nullptr, 32, nonce, 16));
   EXPECT_EQ(Code(0xFFFF0006), km.TivasgetHmacSharingParameters(seed, 32, nullptr, 16));
   platform().Queue(64, Reply::Fail(kTaError));
-  EXPECT_EQ(Code(kTaError), km.TivasgetHmacSharingParameters(seed, 32, nonce, 16));
-  EXPECT_EQ("E [error] : TivasgetHmacSharingParameters failed, res=0xffff0009", LastLine());
+  EXPECT_EQ(kTaFailed, km.TivasgetHmacSharingParameters(seed, 32, nonce, 16));
+  EXPECT_EQ("E! TivasgetHmacSharingParameters failed, res=0xffff0009", LastLine());
 }
 
 TEST_F(Authorization, SharedHmac) {
@@ -143,22 +139,20 @@ TEST_F(Authorization, SharedHmac) {
       {params, Reply::Ok().Out(1, Ramp(1, 32)), 0, Hex(Ramp(1, 32)), "I output data size=32"},
       {params, Reply::Ok().Out(1, full), 0, Hex(full), "I output data size=4096"},
       {params, Reply::Ok(), 0, "empty", "I output data size=0"},
-      {params, Reply::Ok().Size(1, 4097), -1000, "empty",
-       "E [error] : too large outDataLen:4097\n"},
-      {params, Reply::Fail(kTaError).Out(1, {1}), Code(kTaError), "empty",
-       "E [error] : TeecomputeSharedHmac failed, res=0xffff0009"},
+      {params, Reply::Ok().Size(1, 4097), -1000, "empty", "E! too large outDataLen:4097\n"},
+      {params, Reply::Fail(kTaError).Out(1, {1}), kTaFailed, "empty",
+       "E! TeecomputeSharedHmac failed, res=0xffff0009"},
       {nullptr, Reply::Ok(), -32, "kept", "I computeSharedHmac start"}};
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.last);
-    platform().ClearRecords();
-    platform().Queue(65, row.reply);
+    Answer(65, row.reply);
     OutBlob check;
     EXPECT_EQ(row.result, km.TivascomputeSharedHmac(row.params, 3, &check));
     EXPECT_EQ(row.check, check.Take());
     EXPECT_EQ(row.last, LastLine());
     if (row.params == nullptr) continue;
-    EXPECT_EQ((Bytes{7, 8, 9}), platform().invocations.at(0).params[0].in);
-    EXPECT_EQ(4096u, platform().invocations.at(0).params[1].size);
+    EXPECT_EQ((Bytes{7, 8, 9}), Sent().params[0].in);
+    EXPECT_EQ(4096u, Sent().params[1].size);
   }
   EXPECT_EQ(-32, km.TivascomputeSharedHmac(params, 3, nullptr));
 }

@@ -18,8 +18,7 @@ Bytes KeyReply(uint32_t algorithm, uint32_t bits, const Bytes& first, const Byte
 
 struct Exported {
   Exported(keymaster::KeymasterTivasContext* km, const Bytes& reply) {
-    platform().ClearRecords();
-    platform().Queue(5, Reply::Ok().Out(2, reply));
+    Answer(5, Reply::Ok().Out(2, reply));
     const keymaster_key_blob_t key = KeyBlob(kKey);
     result = km->TivasKmExportKey(KM_KEY_FORMAT_X509, &key, nullptr, nullptr, &output);
   }
@@ -41,8 +40,8 @@ TEST_F(Export, EncodesRsaKeys) {
     EXPECT_EQ(0, exported.result);
     EXPECT_TRUE(exported.Is(SharedRsaKey()));
   }
-  EXPECT_EQ((Lines{"I KmExportKey start", "I KmExportKey success"}), RequestLog());
-  const Invocation& sent = platform().invocations.at(0);
+  EXPECT_EQ("I KmExportKey start; I KmExportKey success", RequestLog());
+  const Invocation& sent = Sent();
   EXPECT_EQ(0x0605u, sent.param_types);
   EXPECT_EQ(kKey, sent.params[0].in);
   EXPECT_EQ(4096u, sent.params[2].size);
@@ -62,9 +61,8 @@ TEST_F(Export, EncodesEcKeys) {
     ASSERT_EQ(0, exported.result);
     EXPECT_TRUE(exported.Is(key.get()));
     EXPECT_EQ(4, exported.output.data[exported.output.data_length - 2 * ((bits + 7) / 8) - 1]);
-    EXPECT_EQ(
-        (Lines{"I KmExportKey start", "I nid = " + std::to_string(nid), "I KmExportKey success"}),
-        RequestLog());
+    EXPECT_EQ("I KmExportKey start; I nid = " + std::to_string(nid) + "; I KmExportKey success",
+              RequestLog());
   }
 }
 
@@ -72,7 +70,7 @@ TEST_F(Export, RefusesBadReplies) {
   const Bytes n = BigEndianOf(SharedRsaKey(), "n"), e = {1, 0, 1}, x = Ramp(1, 32);
   const Bytes good = KeyReply(1, 2048, n, e);
   const auto sized = [](const std::string& what, size_t size) {
-    return "E [error] : out_len is " + what + "(" + std::to_string(size) + ")";
+    return "E! out_len is " + what + "(" + std::to_string(size) + ")";
   };
   struct Row {
     Bytes reply;
@@ -89,9 +87,9 @@ TEST_F(Export, RefusesBadReplies) {
        sized("invalid size", 20)},
       {KeyReply(0, 256, x, x), -38, "E invalid algorithm:0\n"},
       {KeyReply(32, 256, x, x), -38, "E invalid algorithm:32\n"},
-      {KeyReply(3, 255, x, x), -38, "E [error] : invalid ec key size 255"},
-      {KeyReply(3, 256, x, x), -38, "E [error] : ec key set pubkey failed"},
-      {KeyReply(3, 256, {}, {}), -38, "E [error] : ec key set pubkey failed"}};
+      {KeyReply(3, 255, x, x), -38, "E! invalid ec key size 255"},
+      {KeyReply(3, 256, x, x), -38, "E! ec key set pubkey failed"},
+      {KeyReply(3, 256, {}, {}), -38, "E! ec key set pubkey failed"}};
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.last);
     Exported exported(&km, row.reply);
@@ -115,13 +113,13 @@ TEST_F(Export, SendsClientIdAndAppData) {
   const keymaster_blob_t id_blob = Blob(id), data_blob = Blob(data), unreadable = {nullptr, 1};
   OutBlob output;
   platform().Queue(5, Reply::Fail(kTaError));
-  EXPECT_EQ(Code(kTaError),
+  EXPECT_EQ(kTaFailed,
             km.TivasKmExportKey(KM_KEY_FORMAT_X509, &key, &id_blob, &data_blob, &output));
   EXPECT_EQ("empty", output.Take());
-  EXPECT_EQ("E [error] : TeeExport failed, ret=0xffff0009", LastLine());
+  EXPECT_EQ("E! TeeExport failed, ret=0xffff0009", LastLine());
   EXPECT_EQ(SecondList({{KM_TAG_APPLICATION_ID, id}, {KM_TAG_APPLICATION_DATA, data}}),
-            platform().invocations.at(0).params[1].in);
-  EXPECT_EQ(0x0655u, platform().invocations.at(0).param_types);
+            Sent().params[1].in);
+  EXPECT_EQ(0x0655u, Sent().param_types);
   platform().ClearRecords();
   for (const int format : {1, 2, 3, -1}) {
     EXPECT_EQ(-17, km.TivasKmExportKey(static_cast<keymaster_key_format_t>(format), &key, &id_blob,
@@ -134,7 +132,7 @@ TEST_F(Export, SendsClientIdAndAppData) {
   EXPECT_EQ(-32, km.TivasKmExportKey(KM_KEY_FORMAT_X509, &no_material, nullptr, nullptr, &output));
   EXPECT_EQ("kept", output.Take());
   EXPECT_EQ(-27, km.TivasKmExportKey(KM_KEY_FORMAT_X509, &key, nullptr, nullptr, nullptr));
-  EXPECT_EQ(Lines(8, "I KmExportKey start"), RequestLog());
+  EXPECT_EQ("I KmExportKey start; I KmExportKey start", LastLines(2));
   EXPECT_EQ("", Journal());
 }
 

@@ -53,26 +53,25 @@ TEST_F(Finish, PacksInputAndSignature) {
     EXPECT_EQ(0, Run(kFinish, row.input, row.signature));
     EXPECT_EQ("900003e9:aa", out_params_.Take());
     EXPECT_EQ("0102", output_.Take());
-    const Invocation& sent = platform().invocations.at(0);
+    const Invocation& sent = Sent();
     EXPECT_EQ(row.sent.empty() ? 0x6705u : 0x6755u, sent.param_types);
     EXPECT_EQ(SecondList({{KM_TAG_AUTH_TOKEN, Bytes{1}}}), sent.params[0].in);
     EXPECT_EQ(row.sent, sent.params[1].in);
     EXPECT_EQ(4096u, sent.params[2].size);
     EXPECT_EQ(Le64(kHandle), Bytes(sent.params[2].in.begin(), sent.params[2].in.begin() + 8));
     EXPECT_EQ(4096u, sent.params[3].size);
-    EXPECT_EQ((Lines{"I KmFinish start", "I output data size=2", "I KmFinish success"}),
-              RequestLog());
+    EXPECT_EQ("I KmFinish start; I output data size=2; I KmFinish success", RequestLog());
   }
   platform().ClearRecords();
   EXPECT_EQ(0, km.TivasKmFinish(1, nullptr, nullptr, nullptr, nullptr, nullptr));
-  EXPECT_EQ(0x6700u, platform().invocations.at(0).param_types);
+  EXPECT_EQ(0x6700u, Sent().param_types);
 }
 
 TEST_F(Finish, RepliesAndLimits) {
   const Bytes data(4097), whole = Ramp(2, 4096);
   const keymaster_blob_t limit = {data.data(), 4096}, above = {data.data(), 4097},
                          huge = {data.data(), size_t{1} << 32};
-  const std::string k4K = "E [error] : finish input data length invalid,bigger than 4K\n";
+  const std::string k4K = "E! finish input data length invalid,bigger than 4K\n";
   struct Row {
     const keymaster_blob_t* input;
     Reply reply;
@@ -84,15 +83,13 @@ TEST_F(Finish, RepliesAndLimits) {
       {&above, Reply::Ok(), -21, "kept", k4K},
       {&huge, Reply::Ok(), -21, "kept", k4K},
       {nullptr, Reply::Ok(), 0, "empty", "I KmFinish success"},
-      {nullptr, Reply::Fail(kTaError).Out(2, kNonceReply).Out(3, {1}), Code(kTaError), "empty",
-       "E [error] : TeeFinish failed, ret=0xffff0009"},
+      {nullptr, Reply::Fail(kTaError).Out(2, kNonceReply).Out(3, {1}), kTaFailed, "empty",
+       "E! TeeFinish failed, ret=0xffff0009"},
       {nullptr, Reply::Ok().Out(2, Le32(1)).Out(3, {1}), -41, "empty", "E invalid copy size, 1-4"},
-      {nullptr, Reply::Ok().Size(3, 4097), -1000, "empty",
-       "E [error] : too large outDataLen:4097\n"}};
+      {nullptr, Reply::Ok().Size(3, 4097), -1000, "empty", "E! too large outDataLen:4097\n"}};
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.last);
-    platform().queued.clear();
-    platform().Queue(10, row.reply);
+    Answer(10, row.reply);
     EXPECT_EQ(row.result, Run(kFinish, row.input, nullptr));
     EXPECT_EQ(row.output, output_.Take());
     EXPECT_EQ("empty", out_params_.Take());
@@ -157,41 +154,25 @@ TEST_F(Finish, LargeFailures) {
   struct Row {
     Reply update, finish;
     int32_t result;
-    std::vector<uint32_t> commands;
     std::string output, last;
   };
-  const std::string kKept = "kept";
+  const Reply ok = Reply::Ok(), some = Reply::Ok().Out(3, {1}),
+              fail = Reply::Fail(kTaError).Out(3, {1});
   const Row kRows[] = {
-      {Reply::Fail(kTaError).Out(3, {1}),
-       Reply::Ok(),
-       Code(kTaError),
-       {9},
-       "empty",
-       "E KmUpdate failed, ffff0009\n"},
-      {Reply::Ok().Out(3, {1}),
-       Reply::Fail(kTaError),
-       Code(kTaError),
-       {9, 10},
-       "empty",
-       "E KmFinish failed, ffff0009\n"},
-      {Reply::Ok().Out(3, {1}),
-       Reply::Ok().Out(2, Le32(1)),
-       -41,
-       {9, 10},
-       "empty",
-       "E KmFinish failed, ffffffd7\n"},
-      {Reply::Ok(), Reply::Ok(), -41, {9, 10}, "empty", "E length invalid, update 0, finish 0\n"},
-      {Reply::Ok().Out(3, {1}), Reply::Ok(), 0, {9, 10}, "01", "I KmFinish success"},
-      {Reply::Ok(), Reply::Ok().Out(3, {2}), 0, {9, 10}, "02", "I KmFinish success"}};
+      {fail, ok, kTaFailed, "empty", "E KmUpdate failed, ffff0009\n"},
+      {some, fail, kTaFailed, "empty", "E KmFinish failed, ffff0009\n"},
+      {some, Reply::Ok().Out(2, Le32(1)), -41, "empty", "E KmFinish failed, ffffffd7\n"},
+      {ok, ok, -41, "empty", "E length invalid, update 0, finish 0\n"},
+      {some, ok, 0, "01", "I KmFinish success"},
+      {ok, some, 0, "01", "I KmFinish success"}};
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.last);
-    platform().queued.clear();
-    platform().Queue(9, row.update);
+    Answer(9, row.update);
     platform().Queue(10, row.finish);
     EXPECT_EQ(row.result, Run(kNew, &input, nullptr));
     EXPECT_EQ(row.output, output_.Take());
     out_params_.Take();
-    EXPECT_EQ(row.commands, Commands());
+    EXPECT_EQ(row.last == kRows[0].last ? 1u : 2u, Commands().size()) << "never an abort";
     EXPECT_EQ(row.last, LastLine());
   }
   platform().Queue(9, Reply::Ok().Out(3, {1}));

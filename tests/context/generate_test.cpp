@@ -22,28 +22,25 @@ TEST_F(Generate, AlgorithmChoosesTheRoute) {
                        {{{kAlgorithm, 3}, {kSize, 512}, {kAlgorithm, 1}, {kExponent, 3}}, 4},
                        {{}, 2}};
   for (const Row& row : kRows) {
-    platform().ClearRecords();
-    platform().Queue(row.command, Reply::Ok().Out(2, {1, 2, 3}));
+    Answer(row.command, Reply::Ok().Out(2, {1, 2, 3}));
     ParamSet set({});
     for (const Param& param : row.params) set.Add(param);
     OutKey key;
     EXPECT_EQ(0, km.TivasKmGenerateKey(set.get(), &key, nullptr));
     EXPECT_EQ("010203", key.Take());
     EXPECT_EQ(std::vector<uint32_t>{row.command}, Commands());
-    EXPECT_EQ(
-        (Lines{"I KmGenerateKey start",
-               row.command == 2 ? "I KmGenerateKey success" : "I TivasKmGenerateKeyExt success"}),
-        RequestLog());
+    EXPECT_EQ(row.command == 2 ? "I KmGenerateKey start; I KmGenerateKey success"
+                               : "I KmGenerateKey start; I TivasKmGenerateKeyExt success",
+              RequestLog());
   }
   // The whole set, sorted into its two lists, and room for two replies of 4096 bytes.
-  platform().ClearRecords();
-  platform().Queue(2, Reply::Ok().Out(2, {1}).Out(3, Characteristics()));
+  Answer(2, Reply::Ok().Out(2, {1}).Out(3, Characteristics()));
   ParamSet set({{KM_TAG_NO_AUTH_REQUIRED, 1}, {kAlgorithm, 32}, {KM_TAG_APPLICATION_ID, {9, 8}}});
   OutKey key;
   OutCharacteristics characteristics;
   EXPECT_EQ(0, km.TivasKmGenerateKey(set.get(), &key, &characteristics));
   EXPECT_EQ(kCharacteristics, characteristics.Take());
-  const Invocation& sent = platform().invocations.at(0);
+  const Invocation& sent = Sent();
   EXPECT_EQ(0x6605u, sent.param_types);
   EXPECT_EQ(
       Cat({WireList({Entry(kAlgorithm, 32)}),
@@ -61,18 +58,18 @@ TEST_F(Generate, RefusesBadArguments) {
   EXPECT_EQ(-27, km.TivasKmGenerateKey(&empty, nullptr, nullptr));
   EXPECT_EQ(-32, km.TivasKmGenerateKey(&hollow, &key, nullptr));
   EXPECT_EQ("kept", key.Take());
-  EXPECT_EQ(Lines(3, "I KmGenerateKey start"), RequestLog());
+  EXPECT_EQ("I KmGenerateKey start; I KmGenerateKey start; I KmGenerateKey start", RequestLog());
   platform().Queue(2, Reply::Ok().Out(2, {1}));
   EXPECT_EQ(0, km.TivasKmGenerateKey(&empty, &key, nullptr));
-  EXPECT_EQ(Bytes(8), platform().invocations.at(0).params[0].in);
+  EXPECT_EQ(Bytes(8), Sent().params[0].in);
 }
 
 TEST_F(Generate, ChecksRsaParametersInOrder) {
-  const std::string kSizeLine = "E [error] : Invalid key size of ",
+  const std::string kSizeLine = "E! Invalid key size of ",
                     kSizeEnd = " bits specified for RSA key generation",
-                    kNoExponent = "E [error] : generate rsa key need public exponent value",
-                    kBig = "E [error] : public exponent is greater than UINT32_MAX, not supported",
-                    kRefused = "E [error] : openssl generatekey failed";
+                    kNoExponent = "E! generate rsa key need public exponent value",
+                    kBig = "E! public exponent is greater than UINT32_MAX, not supported",
+                    kRefused = "E! openssl generatekey failed";
   struct Row {
     std::vector<Param> params;
     int32_t result;
@@ -100,7 +97,7 @@ TEST_F(Generate, ChecksRsaParametersInOrder) {
     OutKey key;
     EXPECT_EQ(row.result, km.TivasKmGenerateKey(set.get(), &key, nullptr));
     EXPECT_EQ("kept", key.Take());
-    EXPECT_EQ((Lines{"I KmGenerateKey start", row.line}), RequestLog());
+    EXPECT_EQ("I KmGenerateKey start; " + row.line, RequestLog());
     EXPECT_EQ("", Journal());
   }
 }
@@ -141,15 +138,14 @@ TEST_F(Generate, MakesRsaKeysAndImportsThem) {
   const std::pair<uint32_t, uint64_t> kRows[] = {{2048, 65537}, {1024, 0xFFFFFFFF}, {520, 3}};
   for (const auto& [bits, exponent] : kRows) {
     SCOPED_TRACE(bits);
-    platform().ClearRecords();
-    platform().Queue(4, Reply::Ok().Out(2, {5, 6}).Out(3, Characteristics()));
+    Answer(4, Reply::Ok().Out(2, {5, 6}).Out(3, Characteristics()));
     ParamSet set({{kAlgorithm, 1}, {kSize, bits}, {kExponent, exponent}, {KM_TAG_ORIGIN, 1}});
     OutKey key;
     OutCharacteristics characteristics;
     EXPECT_EQ(0, km.TivasKmGenerateKey(set.get(), &key, &characteristics));
     EXPECT_EQ("0506", key.Take());
     EXPECT_EQ(kCharacteristics, characteristics.Take());
-    const Invocation& sent = platform().invocations.at(0);
+    const Invocation& sent = Sent();
     EXPECT_EQ(Cat({WireList({Entry(kAlgorithm, 1), Entry(kSize, bits), Entry(kExponent, exponent)}),
                    WireList({Entry(KM_TAG_ORIGIN, 1)})}),
               sent.params[0].in);
@@ -159,64 +155,39 @@ TEST_F(Generate, MakesRsaKeysAndImportsThem) {
 }
 
 TEST_F(Generate, HandlesReplies) {
+  const Bytes full = Ramp(0, 4096), three(3), four(4), good = Characteristics();
+  const auto ok = [](const Bytes& key, const Bytes& reply) {
+    return Reply::Ok().Out(2, key).Out(3, reply);
+  };
+  const std::string kSmall = "E key_character_len too small, len=3", kKept = "kept | kept";
   struct Row {
     bool rsa;
     Reply reply;
     int32_t result;
-    std::string key, characteristics;
-    Lines log;  // behind the start
+    std::string key, characteristics, log;
   };
-  const Bytes kFull = Ramp(0, 4096);
-  const Lines kRsaOk = {"I TivasKmGenerateKeyExt success"}, kTaOk = {"I KmGenerateKey success"};
-  const Lines kSmall = {"E key_character_len too small, len=3"};
   const Row kRows[] = {
-      {false, Reply::Ok().Out(2, kFull).Out(3, Bytes(8)), 0, Hex(kFull), "empty | empty", kTaOk},
-      {true, Reply::Ok().Out(2, kFull).Out(3, Bytes(8)), 0, Hex(kFull), "empty | empty", kRsaOk},
-      {true, Reply::Ok(), -1000, "kept", "kept | kept", {"E [error] : invalid keyBlobLen:0\n"}},
-      {true,
-       Reply::Ok().Size(2, 4097),
-       -1000,
-       "kept",
-       "kept | kept",
-       {"E [error] : invalid keyBlobLen:4097\n"}},
-      {true,
-       Reply::Fail(0xFFFF0006),
-       Code(0xFFFF0006),
-       "kept",
-       "kept | kept",
-       {"E [error] : TeeImportKey failed, ret=0xffff0006"}},
-      {false,
-       Reply::Fail(5).Out(2, {1}).Out(3, Characteristics()),
-       5,
-       "kept",
-       "kept | kept",
-       {"E [error] : TeeGenerateKey failed, ret=0x5"}},
-      {true,
-       Reply::Ok().Out(2, {1}).Out(3, Bytes(3)),
-       -41,
-       "empty",
-       "kept | kept",
-       {kSmall[0], "E build key character failed"}},
-      {false, Reply::Ok().Out(2, {1}).Out(3, Bytes(3)), -41, "empty", "kept | kept", kSmall},
-      {false,
-       Reply::Ok().Out(2, {1}).Out(3, Bytes(4)),
-       -41,
-       "empty",
-       "empty | empty",
-       {"E 2 invalid key character size, 4-4"}}};
+      {false, ok(full, good), 0, Hex(full), kCharacteristics, "I KmGenerateKey success"},
+      {true, ok(full, good), 0, Hex(full), kCharacteristics, "I TivasKmGenerateKeyExt success"},
+      {true, Reply::Ok(), -1000, "kept", kKept, "E! invalid keyBlobLen:0\n"},
+      {true, Reply::Ok().Size(2, 4097), -1000, "kept", kKept, "E! invalid keyBlobLen:4097\n"},
+      {true, Reply::Fail(7), 7, "kept", kKept, "E! TeeImportKey failed, ret=0x7"},
+      {false, Reply::Fail(5).Out(2, full).Out(3, good), 5, "kept", kKept,
+       "E! TeeGenerateKey failed, ret=0x5"},
+      {true, ok(full, three), -41, "empty", kKept, kSmall + "; E build key character failed"},
+      {false, ok(full, three), -41, "empty", kKept, kSmall},
+      {false, ok(full, four), -41, "empty", "empty | empty",
+       "E 2 invalid key character size, 4-4"}};
   for (const Row& row : kRows) {
-    SCOPED_TRACE(row.log[0]);
-    platform().ClearRecords();
-    platform().Queue(row.rsa ? 4 : 2, row.reply);
+    SCOPED_TRACE(row.log);
+    Answer(row.rsa ? 4 : 2, row.reply);
     ParamSet set({{kAlgorithm, row.rsa ? 1u : 3u}, {kSize, 512}, {kExponent, 65537}});
     OutKey key;
     OutCharacteristics characteristics;
     EXPECT_EQ(row.result, km.TivasKmGenerateKey(set.get(), &key, &characteristics));
     EXPECT_EQ(row.key, key.Take());
     EXPECT_EQ(row.characteristics, characteristics.Take());
-    Lines log = {"I KmGenerateKey start"};
-    log.insert(log.end(), row.log.begin(), row.log.end());
-    EXPECT_EQ(log, RequestLog());
+    EXPECT_EQ("I KmGenerateKey start; " + row.log, RequestLog());
   }
 }
 

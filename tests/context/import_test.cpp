@@ -64,22 +64,23 @@ TEST_F(Import, SendsRsaNumbers) {
     if (name[0] == 'r') header = Cat({header, Le32(static_cast<uint32_t>(number.size()))});
     numbers = Cat({numbers, number});
   }
-  const Invocation& sent = platform().invocations.at(0);
+  const Invocation& sent = Sent();
   EXPECT_EQ(Cat({header, numbers}), sent.params[1].in);
   EXPECT_EQ(Cat({WireList({Entry(KM_TAG_KEY_SIZE, 99)}), Le32(0)}), sent.params[0].in);
   EXPECT_EQ(1, sent.params[3].in.at(0)) << "import source";
-  EXPECT_EQ((Lines{"I KmImportKey start", "I KmImportKey success"}), RequestLog());
+  EXPECT_EQ("I KmImportKey start; I KmImportKey success", RequestLog());
 }
 
 TEST_F(Import, SendsEcNumbersAtTheirMinimalLength) {
   Imported imported(&km, KM_KEY_FORMAT_PKCS8, ShortEcPkcs8());
   EXPECT_EQ(-41, imported.result) << "no characteristics came";
   EXPECT_EQ(Cat({Le32(256), Le32(4), Le32(31), Le32(32), Le32(2), kShortX, kShortY, {1, 0x7b}}),
-            platform().invocations.at(0).params[1].in);
-  EXPECT_EQ((Lines{"I KmImportKey start", "I curve name=415, compressed mode=4\n",
-                   "I keysize = 256\n", "I X size = 31", "I Y size = 32", "I priv key size = 2",
-                   "E key_character_len too small, len=0", "E build key character failed"}),
-            RequestLog());
+            Sent().params[1].in);
+  EXPECT_EQ(
+      "I KmImportKey start; I curve name=415, compressed mode=4\n; I keysize = 256\n; I X size = "
+      "31; I Y size = 32; I priv key size = 2; E key_character_len too small, len=0; E build key "
+      "character failed",
+      RequestLog());
 }
 
 TEST_F(Import, PassesRawBytesThrough) {
@@ -88,55 +89,50 @@ TEST_F(Import, PassesRawBytesThrough) {
     const Bytes raw = Ramp(3, length);
     platform().Queue(4, Reply::Ok().Out(2, {1}).Out(3, Bytes(8)));
     EXPECT_EQ(0, Imported(&km, KM_KEY_FORMAT_RAW, raw).result);
-    EXPECT_EQ(raw, platform().invocations.at(0).params[1].in);
-    EXPECT_EQ(1, platform().invocations.at(0).params[3].in.at(0));
+    EXPECT_EQ(raw, Sent().params[1].in);
+    EXPECT_EQ(1, Sent().params[3].in.at(0));
   }
   // Straight from the caller's memory.
   const Bytes raw = Ramp(3, 32);
   const keymaster_blob_t blob = Blob(raw), null_data = {nullptr, 32};
   OutKey key;
-  platform().ClearRecords();
-  platform().Queue(4, Reply::Ok().Out(2, {1}));
+  Answer(4, Reply::Ok().Out(2, {1}));
   EXPECT_EQ(0, km.TivasKmImportKey(set.get(), KM_KEY_FORMAT_RAW, &blob, &key, nullptr));
-  EXPECT_EQ(raw.data(), platform().invocations.at(0).params[1].buffer);
+  EXPECT_EQ(raw.data(), Sent().params[1].buffer);
   EXPECT_EQ("01", key.Take());
   platform().ClearRecords();
   EXPECT_EQ(Code(0xFFFF0006),
             km.TivasKmImportKey(set.get(), KM_KEY_FORMAT_RAW, &null_data, &key, nullptr));
-  EXPECT_EQ("E [error] : TeeImportKey failed, ret=0xffff0006", LastLine());
+  EXPECT_EQ("E! TeeImportKey failed, ret=0xffff0006", LastLine());
   EXPECT_EQ(0u, Commands().size());
 }
 
 TEST_F(Import, RefusesWhatItCannotRead) {
   const Bytes good = Pkcs8(SharedRsaKey());
-  const std::string kParse = "E [error] : parse pkcs8 key failed";
+  const std::string kParse = "; E! parse pkcs8 key failed", kFormat = " wrong key format\n";
   struct Row {
     int format;
     Bytes data;
-    Lines log;  // behind the start
+    std::string log;  // behind the start
   };
   const Row kRows[] = {
-      {0, good, {"E wrong key format\n"}},
-      {2, good, {"E wrong key format\n"}},
-      {-1, good, {"E wrong key format\n"}},
-      {1, Text("not DER"), {"E [error] : pkcs8 is NULL", kParse}},
-      {1, {}, {"E [error] : pkcs8 is NULL", kParse}},
-      {1, Bytes(good.begin(), good.end() - 1), {"E [error] : pkcs8 is NULL", kParse}},
+      {0, good, kFormat},
+      {2, good, kFormat},
+      {-1, good, kFormat},
+      {1, Text("not DER"), "! pkcs8 is NULL" + kParse},
+      {1, {}, "! pkcs8 is NULL" + kParse},
+      {1, Bytes(good.begin(), good.end() - 1), "! pkcs8 is NULL" + kParse},
       // An algorithm that no one knows.
-      {1,
-       {0x30, 0x0c, 2, 1, 0, 0x30, 4, 6, 2, 0x2a, 3, 4, 1, 0},
-       {"E [error] : pkey is NULL", kParse}},
-      {1, NewPkcs8("ED25519"), {"E invalid key type:1087\n", kParse}},
-      {1, NewPkcs8("X25519"), {"E invalid key type:1034\n", kParse}}};
+      {1, {0x30, 0x0c, 2, 1, 0, 0x30, 4, 6, 2, 0x2a, 3, 4, 1, 0}, "! pkey is NULL" + kParse},
+      {1, NewPkcs8("ED25519"), " invalid key type:1087\n" + kParse},
+      {1, NewPkcs8("X25519"), " invalid key type:1034\n" + kParse}};
   for (const Row& row : kRows) {
-    SCOPED_TRACE(row.log[0]);
+    SCOPED_TRACE(row.log);
     Imported imported(&km, static_cast<keymaster_key_format_t>(row.format), row.data);
     EXPECT_EQ(-17, imported.result);
     EXPECT_EQ("kept", imported.key.Take());
     EXPECT_EQ("kept | kept", imported.characteristics.Take());
-    Lines log = {"I KmImportKey start"};
-    log.insert(log.end(), row.log.begin(), row.log.end());
-    EXPECT_EQ(log, RequestLog());
+    EXPECT_EQ("I KmImportKey start; E" + row.log, RequestLog());
     EXPECT_EQ("", Journal());
   }
 }
@@ -154,8 +150,8 @@ TEST_F(Import, RefusesMissingArgumentsAndPassesCodesOn) {
   };
   const Row kRows[] = {{nullptr, &none, &key, -32, "I KmImportKey start"},
                        {set.get(), nullptr, nullptr, -32, "I KmImportKey start"},
-                       {set.get(), &none, nullptr, -27, "E [error] : keyBlob is NULL"},
-                       {set.get(), &none, &key, -17, "E [error] : parse pkcs8 key failed"}};
+                       {set.get(), &none, nullptr, -27, "E! keyBlob is NULL"},
+                       {set.get(), &none, &key, -17, "E! parse pkcs8 key failed"}};
   for (const Row& row : kRows) {
     EXPECT_EQ(row.result,
               km.TivasKmImportKey(row.params, KM_KEY_FORMAT_PKCS8, row.data, row.key, nullptr));
@@ -163,13 +159,13 @@ TEST_F(Import, RefusesMissingArgumentsAndPassesCodesOn) {
   }
   const keymaster_key_param_set_t hollow = {nullptr, 2};
   EXPECT_EQ(-41, km.TivasKmImportKey(&hollow, KM_KEY_FORMAT_RAW, &none, &key, nullptr));
-  EXPECT_EQ("E [error] : build km params failed", LastLine());
+  EXPECT_EQ("E! build km params failed", LastLine());
   platform().Queue(4, Reply::Fail(kTaError).Out(2, {1}).Out(3, Characteristics()));
   Imported failed(&km, KM_KEY_FORMAT_RAW, {1});
-  EXPECT_EQ(Code(kTaError), failed.result);
+  EXPECT_EQ(kTaFailed, failed.result);
   EXPECT_EQ("kept", failed.key.Take());
   EXPECT_EQ("kept | kept", failed.characteristics.Take());
-  EXPECT_EQ("E [error] : TeeImportKey failed, ret=0xffff0009", LastLine());
+  EXPECT_EQ("E! TeeImportKey failed, ret=0xffff0009", LastLine());
   platform().Queue(4, Reply::Ok().Out(2, {1}).Out(3, Cat({Le32(1), Le32(0)})));
   Imported undecoded(&km, KM_KEY_FORMAT_RAW, {1});
   EXPECT_EQ(-41, undecoded.result);

@@ -23,18 +23,16 @@ TEST_F(KeyBlobRequest, CharacteristicsSendsClientIdAndAppData) {
                        {&empty_blob, nullptr, SecondList({{KM_TAG_APPLICATION_ID, {}}})}};
   const keymaster_key_blob_t key = KeyBlob(kKey);
   for (const Row& row : kRows) {
-    platform().ClearRecords();
-    platform().Queue(3, Reply::Ok().Out(2, Characteristics()));
+    Answer(3, Reply::Ok().Out(2, Characteristics()));
     OutCharacteristics characteristics;
     EXPECT_EQ(0, km.TivasKmGetKeyCharacteristics(&key, row.id, row.data, &characteristics));
     EXPECT_EQ(kCharacteristics, characteristics.Take());
-    const Invocation& sent = platform().invocations.at(0);
+    const Invocation& sent = Sent();
     EXPECT_EQ(row.params.empty() ? 0x0605u : 0x0655u, sent.param_types);
     EXPECT_EQ(kKey, sent.params[0].in);
     EXPECT_EQ(row.params, sent.params[1].in);
     EXPECT_EQ(4096u, sent.params[2].size);
-    EXPECT_EQ((Lines{"I KmGetKeyCharacteristics start", "I KmGetKeyCharacteristics success"}),
-              RequestLog());
+    EXPECT_EQ("I KmGetKeyCharacteristics start; I KmGetKeyCharacteristics success", RequestLog());
   }
 }
 
@@ -48,8 +46,8 @@ TEST_F(KeyBlobRequest, CharacteristicsFailures) {
   EXPECT_EQ(-41, km.TivasKmGetKeyCharacteristics(&key, &unreadable, nullptr, &out));
   EXPECT_EQ("", Journal());
   platform().Queue(3, Reply::Fail(kTaError).Out(2, Characteristics()));
-  EXPECT_EQ(Code(kTaError), km.TivasKmGetKeyCharacteristics(&key, nullptr, nullptr, &out));
-  EXPECT_EQ("E [error] : TeeGetKeyCharacteristics failed, ret=0xffff0009", LastLine());
+  EXPECT_EQ(kTaFailed, km.TivasKmGetKeyCharacteristics(&key, nullptr, nullptr, &out));
+  EXPECT_EQ("E! TeeGetKeyCharacteristics failed, ret=0xffff0009", LastLine());
   EXPECT_EQ("kept | kept", out.Take());
   // Every cut of the reply but those behind its last byte.
   const Bytes reply = Characteristics();
@@ -76,24 +74,21 @@ TEST_F(KeyBlobRequest, Upgrade) {
       {&key, params.get(), Reply::Ok().Out(2, {5, 6, 7}), 0, "050607", "I KmUpgradeKey success"},
       {&key, params.get(), Reply::Ok().Out(2, full), 0, Hex(full), "I KmUpgradeKey success"},
       {&key, params.get(), Reply::Ok(), 0, "kept", "I KmUpgradeKey don't need upgradekey"},
-      {&key, params.get(), Reply::Fail(kTaError).Out(2, {5}), Code(kTaError), "kept",
-       "E [error] : TeeUpgrade failed, ret=0xffff0009"},
+      {&key, params.get(), Reply::Fail(kTaError).Out(2, {5}), kTaFailed, "kept",
+       "E! TeeUpgrade failed, ret=0xffff0009"},
       {&none, params.get(), Reply::Ok(), Code(0xFFFF0006), "kept",
-       "E [error] : TeeUpgrade failed, ret=0xffff0006"},
+       "E! TeeUpgrade failed, ret=0xffff0006"},
       {nullptr, params.get(), Reply::Ok(), -32, "kept", "I KmUpgradeKey start"},
       {&key, nullptr, Reply::Ok(), -32, "kept", "I KmUpgradeKey start"}};
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.last);
-    platform().ClearRecords();
-    platform().queued.clear();
-    platform().Queue(7, row.reply);
+    Answer(7, row.reply);
     OutKey upgraded;
     EXPECT_EQ(row.result, km.TivasKmUpgradeKey(row.key, row.params, &upgraded));
     EXPECT_EQ(row.upgraded, upgraded.Take());
     EXPECT_EQ(row.last, LastLine());
-    EXPECT_EQ("I KmUpgradeKey start", RequestLog().front());
     if (row.result != 0) continue;
-    const Invocation& sent = platform().invocations.at(0);
+    const Invocation& sent = Sent();
     EXPECT_EQ(kKey, sent.params[0].in);
     EXPECT_EQ(Cat({WireList({Entry(KM_TAG_ALGORITHM, 3)}),
                    WireList({BytesEntry(KM_TAG_APPLICATION_DATA, 0, 1)}),
@@ -109,15 +104,15 @@ TEST_F(KeyBlobRequest, Delete) {
        {static_cast<const keymaster_key_blob_t*>(nullptr), &none}) {
     platform().ClearRecords();
     EXPECT_EQ(-100, km.TivasKmDeletekey(bad));
-    EXPECT_EQ((Lines{"I KmDeletekey start", "E [error] : NULL pointers.\n"}), RequestLog());
+    EXPECT_EQ("I KmDeletekey start; E! NULL pointers.\n", RequestLog());
     EXPECT_EQ("", Journal());
   }
   EXPECT_EQ(0, km.TivasKmDeletekey(&key));
   EXPECT_EQ("I km_delete success", LastLine());
-  EXPECT_EQ(kKey, platform().invocations.at(0).params[0].in);
+  EXPECT_EQ(kKey, Sent().params[0].in);
   platform().Queue(31, Reply::Fail(kTaError));
-  EXPECT_EQ(Code(kTaError), km.TivasKmDeletekey(&key));
-  EXPECT_EQ("E [error] : TeeDeleteKey failed, ret=0xffff0009", LastLine());
+  EXPECT_EQ(kTaFailed, km.TivasKmDeletekey(&key));
+  EXPECT_EQ("E! TeeDeleteKey failed, ret=0xffff0009", LastLine());
 }
 
 }  // namespace

@@ -9,41 +9,33 @@ using keymaster::KmVersion;
 
 TEST_F(Lifecycle, InitializeConfiguresTheTa) {
   struct Row {
-    TEEC_Result init, configure;
-    uint32_t result;
-    size_t contexts;
-    Lines last;
+    TEEC_Result init, configure, result;
+    std::string log;
   };
-  const Row kRows[] = {{0, 0, 0, 1, {"E KmConfigure success"}},
-                       {0xFFFF000C, 0, 0xFFFF000C, 0, {"E Failed to connect to  keymaster TA"}},
-                       {0,
-                        kTaError,
-                        kTaError,
-                        1,
-                        {"E [error] : TeeKmConfigure failed, ret=0xffff0009",
-                         "E call keymaster configure api failed, ret=-65527\n"}}};
+  const std::string
+      kStart = "E Initializing TsKeymaster as KmVersion: 41; ",
+      kConfigure = kStart +
+                   "E Start call system api to get OS version\n; E os version is 120000\n; "
+                   "E Start call system api to get patch lever\n; E os patchlevel is 202211\n; "
+                   "E KmConfigure start; ";
+  const Row kRows[] = {{0, 0, 0, kConfigure + "E KmConfigure success"},
+                       {0xFFFF000C, 0, 0xFFFF000C, kStart + "E Failed to connect to  keymaster TA"},
+                       {0, kTaError, kTaError,
+                        kConfigure + "E! TeeKmConfigure failed, ret=0xffff0009; E call keymaster "
+                                     "configure api failed, ret=-65527\n"}};
   for (const Row& row : kRows) {
-    SCOPED_TRACE(row.result);
+    SCOPED_TRACE(row.log);
     platform().ClearRecords();
+    platform().queued.clear();
     platform().init_result = row.init;
     platform().Queue(1, row.configure == 0 ? Reply::Ok() : Reply::Fail(row.configure));
     EXPECT_EQ(Code(row.result), km.Initialize(KmVersion::KEYMASTER_4_1));
-    Lines log = {"E Initializing TsKeymaster as KmVersion: 41"};
-    if (row.init == 0) {
-      log.insert(log.end(),
-                 {"E Start call system api to get OS version\n", "E os version is 120000\n",
-                  "E Start call system api to get patch lever\n", "E os patchlevel is 202211\n",
-                  "E KmConfigure start"});
-      ASSERT_EQ(std::vector<uint32_t>{1}, Commands());
-      EXPECT_EQ(120000u, platform().invocations[0].params[0].value.a);
-      EXPECT_EQ(202211u, platform().invocations[0].params[0].value.b);
-    } else {
-      EXPECT_EQ(Lines(), Lines(Commands().size(), "command"));
-      platform().queued.clear();
-    }
-    log.insert(log.end(), row.last.begin(), row.last.end());
-    EXPECT_EQ(log, RequestLog());
-    EXPECT_EQ(row.contexts, platform().live_contexts);
+    EXPECT_EQ(row.log, RequestLog());
+    EXPECT_EQ(row.init == 0 ? 1u : 0u, platform().live_contexts) << "stays up";
+    ASSERT_EQ(row.init == 0 ? 1u : 0u, Commands().size());
+    if (row.init != 0) continue;
+    EXPECT_EQ(120000u, Sent().params[0].value.a);
+    EXPECT_EQ(202211u, Sent().params[0].value.b);
   }
   unsigned version = 1, patch = 1;
   km.GetSystemVersion(&version, &patch);
@@ -59,7 +51,7 @@ TEST_F(Lifecycle, ContextGoesUpAndDown) {
   { keymaster::KeymasterTivasContext other; }
   EXPECT_EQ(1u, platform().live_contexts) << "a destructor leaves the context";
   EXPECT_EQ(0, km.FinishTeeContext());
-  EXPECT_EQ(Lines(), RequestLog());
+  EXPECT_EQ("", RequestLog());
 }
 
 TEST_F(Lifecycle, ConfigureWalksTheSet) {
@@ -81,30 +73,30 @@ TEST_F(Lifecycle, ConfigureWalksTheSet) {
     ParamSet set({});
     for (const Param& param : row.params) set.Add(param);
     EXPECT_EQ(row.result, km.TivasKmConfigure(set.get()));
-    const std::string last =
-        row.result == 0
-            ? "E KmConfigure success"
-            : "E [error] : Configuration parameters must contain OS version and patch level";
-    EXPECT_EQ((Lines{"E KmConfigure start", last}), RequestLog());
+    EXPECT_EQ(row.result == 0 ? "E KmConfigure start; E KmConfigure success"
+                              : "E KmConfigure start; E! Configuration parameters must contain OS "
+                                "version and patch level",
+              RequestLog());
     ASSERT_EQ(row.result == 0 ? 1u : 0u, Commands().size());
     if (row.result != 0) continue;
-    EXPECT_EQ(row.os, platform().invocations[0].params[0].value.a);
-    EXPECT_EQ(row.patch, platform().invocations[0].params[0].value.b);
+    EXPECT_EQ(row.os, Sent().params[0].value.a);
+    EXPECT_EQ(row.patch, Sent().params[0].value.b);
   }
   platform().ClearRecords();
   const keymaster_key_param_set_t hollow = {nullptr, 1};
   EXPECT_EQ(-32, km.TivasKmConfigure(nullptr));
   EXPECT_EQ(-32, km.TivasKmConfigure(&hollow));
-  EXPECT_EQ(Lines(2, "E KmConfigure start"), RequestLog());
+  EXPECT_EQ("E KmConfigure start; E KmConfigure start", RequestLog());
 }
 
 TEST_F(Lifecycle, SystemVersionIsKept) {
   unsigned version = 7, patch = 8;
   EXPECT_EQ(0, km.SetSystemVersion(110000, 202101));
-  EXPECT_EQ(Lines(), RequestLog());
+  EXPECT_EQ("", RequestLog());
   km.GetSystemVersion(nullptr, &patch);
   km.GetSystemVersion(&version, nullptr);
-  EXPECT_EQ(Lines(2, "I os_version or os_patchlevel is NULL"), RequestLog());
+  EXPECT_EQ("I os_version or os_patchlevel is NULL; I os_version or os_patchlevel is NULL",
+            RequestLog());
   EXPECT_EQ(15u, version + patch);
   km.GetSystemVersion(&version, &patch);
   EXPECT_EQ(110000u, version);
@@ -117,11 +109,9 @@ TEST_F(Lifecycle, SomeRequestsNeverReachTheTa) {
   platform().ClearRecords();
   EXPECT_EQ(0, km.TivasKmAddRngEntropy(nullptr, 1));
   EXPECT_EQ(0, km.TivasKmDeleteAllKeys());
-  EXPECT_EQ(Lines(), Log());
+  EXPECT_EQ("", RequestLog());
   EXPECT_EQ(0, km.TivasKmDestroyAttestationIds());
-  EXPECT_EQ((Lines{"I KeyMaster_Ts: km_destroy_identifiers start",
-                   "I KeyMaster_Ts: km_destroy_identifiers success"}),
-            Log());
+  EXPECT_EQ("I km_destroy_identifiers start; I km_destroy_identifiers success", RequestLog());
   EXPECT_FALSE(IsGlobalVersion() || SupportEnhanceKeymaster());
   EXPECT_EQ("", Journal());
 }

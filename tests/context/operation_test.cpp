@@ -23,9 +23,8 @@ TEST_F(Operation, BeginSendsPurposeKeyAndParameters) {
   EXPECT_EQ(0, km.TivasKmBegin(KM_PURPOSE_SIGN, &key, params.get(), &out, &handle));
   EXPECT_EQ(kHandle, handle);
   EXPECT_EQ(kNonce, out.Take());
-  EXPECT_EQ((Lines{"I KmBegin start", "I out_params_buffer_len = 22", "I KmBegin success"}),
-            RequestLog());
-  const Invocation& sent = platform().invocations.at(0);
+  EXPECT_EQ("I KmBegin start; I out_params_buffer_len = 22; I KmBegin success", RequestLog());
+  const Invocation& sent = Sent();
   EXPECT_EQ(0x3655u, sent.param_types);
   EXPECT_EQ(kKey, sent.params[0].in);
   EXPECT_EQ(
@@ -36,10 +35,10 @@ TEST_F(Operation, BeginSendsPurposeKeyAndParameters) {
   EXPECT_EQ(0u, sent.params[3].value.b);
   platform().ClearRecords();
   EXPECT_EQ(0, km.TivasKmBegin(KM_PURPOSE_ENCRYPT, &key, nullptr, nullptr, &handle));
-  EXPECT_EQ(0x3605u, platform().invocations.at(0).param_types);
-  EXPECT_EQ((Lines{"I KmBegin start", "I out_params is NULL", "I out_params_buffer_len = 22",
-                   "I KmBegin success"}),
-            RequestLog());
+  EXPECT_EQ(0x3605u, Sent().param_types);
+  EXPECT_EQ(
+      "I KmBegin start; I out_params is NULL; I out_params_buffer_len = 22; I KmBegin success",
+      RequestLog());
 }
 
 TEST_F(Operation, BeginFailures) {
@@ -61,9 +60,9 @@ TEST_F(Operation, BeginFailures) {
     std::string last;
   };
   const Row kRows[] = {{Reply::Fail(kTaError).Out(2, kNonceReply).Value(3, 1, 2),
-                        Code(kTaError),
+                        kTaFailed,
                         {8, 66},
-                        "E [error] : TeeBegin failed, ret=0xffff0009"},
+                        "E! TeeBegin failed, ret=0xffff0009"},
                        {Reply::Ok().Out(2, kBadSet).Value(3, 0x89ABCDEF, 0x01234567),
                         -41,
                         {8, 11},
@@ -74,8 +73,7 @@ TEST_F(Operation, BeginFailures) {
                         "E build key parame fail"},
                        {Reply::Ok().Value(3, 9, 0), 0, {8}, "I KmBegin success"}};
   for (const Row& row : kRows) {
-    platform().ClearRecords();
-    platform().Queue(8, row.reply);
+    Answer(8, row.reply);
     platform().Queue(11, Reply::Fail(kTaError));  // its result does not matter
     EXPECT_EQ(row.result, km.TivasKmBegin(KM_PURPOSE_SIGN, &key, nullptr, &out, &handle));
     EXPECT_EQ("empty", out.Take());
@@ -116,7 +114,7 @@ TEST_F(Operation, UpdateCutsItsInputIntoPieces) {
     EXPECT_EQ(row.length, consumed);
     EXPECT_TRUE(row.length == 0 ? output.data == nullptr : BlobBytes(output) == data);
     EXPECT_EQ("empty", out_params.Take());
-    EXPECT_EQ((Lines{"I KmUpdate start", "I KmUpdate success"}), RequestLog());
+    EXPECT_EQ("I KmUpdate start; I KmUpdate success", RequestLog());
     ASSERT_EQ(row.pieces.size(), platform().invocations.size());
     const uint8_t* out_at = static_cast<uint8_t*>(platform().invocations[0].params[3].buffer);
     for (size_t i = 0; i < row.pieces.size(); ++i) {
@@ -143,9 +141,9 @@ TEST_F(Operation, UpdateFailuresLeaveNothing) {
   };
   const Row kRows[] = {
       {{Reply::Ok().Out(3, {1}), Reply::Fail(kTaError).Out(3, {2})},
-       Code(kTaError),
+       kTaFailed,
        {9, 9},
-       "E [error] : TeeUpdate failed, ret=0xffff0009"},
+       "E! TeeUpdate failed, ret=0xffff0009"},
       {{Reply::Ok().Out(3, {1}), Reply::Ok().Out(2, kBadSet).Out(3, {2})},
        -41,
        {9, 9, 11},
@@ -205,7 +203,7 @@ TEST_F(Operation, UpdateRefusesInputsItCannotSend) {
       EXPECT_NE(0, result);
     } else {
       EXPECT_EQ(row.result, result);
-      EXPECT_EQ("E [error] : ParamsCheck failed, km_error=0x" +
+      EXPECT_EQ("E! ParamsCheck failed, km_error=0x" +
                     std::string(row.result == -32 ? "ffffffe0" : "ffffffe5"),
                 LastLine());
     }
@@ -218,12 +216,11 @@ TEST_F(Operation, UpdateWithoutInputNeedsAssociatedData) {
   ParamSet none({}), other({{KM_TAG_NONCE, Bytes{1}}}),
       both({{KM_TAG_NONCE, Bytes{1}}, {KM_TAG_ASSOCIATED_DATA, Bytes{2}}});
   keymaster_key_param_set_t hollow = {nullptr, 1};
-  const std::string kNoTag =
-      "E [error] : not contain gcm tag but input is null, km_error=0xffffffe0";
+  const std::string kNoTag = "E! not contain gcm tag but input is null, km_error=0xffffffe0";
   const std::pair<const keymaster_key_param_set_t*, std::string> kRefused[] = {
-      {nullptr, "E [error] : invalid in_params"},
+      {nullptr, "E! invalid in_params"},
       {none.get(), kNoTag},
-      {&hollow, "E [error] : invalid inParams->params"},
+      {&hollow, "E! invalid inParams->params"},
       {other.get(), kNoTag}};
   unsigned long consumed = 99;
   for (const auto& [params, line] : kRefused) {
@@ -232,9 +229,7 @@ TEST_F(Operation, UpdateWithoutInputNeedsAssociatedData) {
     EXPECT_EQ("", Journal());
   }
   for (const TEEC_Result result : {0u, kTaError}) {
-    platform().ClearRecords();
-    platform().Queue(
-        9, (result == 0 ? Reply::Ok() : Reply::Fail(result)).Out(2, kNonceReply).Out(3, {1}));
+    Answer(9, (result == 0 ? Reply::Ok() : Reply::Fail(result)).Out(2, kNonceReply).Out(3, {1}));
     OutSet out_params;
     OutBlob output;
     EXPECT_EQ(Code(result),
@@ -242,7 +237,7 @@ TEST_F(Operation, UpdateWithoutInputNeedsAssociatedData) {
                                &out_params, &output));
     EXPECT_EQ("empty", out_params.Take());
     EXPECT_EQ("empty", output.Take());
-    const Invocation& sent = platform().invocations.at(0);
+    const Invocation& sent = Sent();
     EXPECT_EQ(0x6705u, sent.param_types);
     EXPECT_EQ(Le64(kHandle), Bytes(sent.params[2].in.begin(), sent.params[2].in.begin() + 8));
     EXPECT_EQ(4096u, sent.params[2].size);
@@ -250,17 +245,17 @@ TEST_F(Operation, UpdateWithoutInputNeedsAssociatedData) {
     EXPECT_EQ(std::vector<uint32_t>{9}, Commands());
   }
   EXPECT_EQ(99u, consumed);
-  EXPECT_EQ("E [error] : TeeUpdate failed, ret=0xffff0009", LastLine());
+  EXPECT_EQ("E! TeeUpdate failed, ret=0xffff0009", LastLine());
   EXPECT_EQ(0, km.TivasKmUpdate(1, both.get(), nullptr, nullptr, nullptr, nullptr));
 }
 
 TEST_F(Operation, Abort) {
   EXPECT_EQ(0, km.TivasKmAbort(kHandle));
-  EXPECT_EQ((Lines{"I KmAbort start", "I KmAbort success"}), RequestLog());
-  EXPECT_EQ(Le64(kHandle), platform().invocations.at(0).params[0].in);
+  EXPECT_EQ("I KmAbort start; I KmAbort success", RequestLog());
+  EXPECT_EQ(Le64(kHandle), Sent().params[0].in);
   platform().Queue(11, Reply::Fail(kTaError));
-  EXPECT_EQ(Code(kTaError), km.TivasKmAbort(kHandle));
-  EXPECT_EQ("E [error] : TeeAbort failed, ret=0xffff0009", LastLine());
+  EXPECT_EQ(kTaFailed, km.TivasKmAbort(kHandle));
+  EXPECT_EQ("E! TeeAbort failed, ret=0xffff0009", LastLine());
 }
 
 }  // namespace

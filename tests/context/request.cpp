@@ -3,6 +3,7 @@
 #include <openssl/x509.h>
 #include <string.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 
@@ -10,19 +11,27 @@ namespace test {
 
 uint8_t g_callers_own = 0;
 
-Lines RequestLog() {
-  Lines out;
+std::string LastLines(size_t count) {
+  Lines lines;
   for (const std::string& line : Log()) {
-    if (line.compare(2, 14, "KeyMaster_Ts: ") == 0)
-      out.push_back(line.substr(0, 2) + line.substr(16));
+    if (line.compare(2, 14, "KeyMaster_Ts: ") != 0) continue;
+    const bool marked = line.compare(16, 10, "[error] : ") == 0;
+    lines.push_back(line.substr(0, 1) + (marked ? "! " : " ") + line.substr(marked ? 26 : 16));
+  }
+  std::string out;
+  for (size_t i = lines.size() - std::min(count, lines.size()); i < lines.size(); ++i) {
+    out += (out.empty() ? "" : "; ") + lines[i];
   }
   return out;
 }
 
-std::string LastLine() {
-  const Lines lines = RequestLog();
-  return lines.empty() ? "" : lines.back();
+void Answer(uint32_t command, const Reply& reply) {
+  platform().ClearRecords();
+  platform().queued.clear();
+  platform().Queue(command, reply);
 }
+
+std::string RequestLog() { return LastLines(SIZE_MAX); }
 
 std::string Hex(const Bytes& bytes) {
   static const char kDigits[] = "0123456789abcdef";

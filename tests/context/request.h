@@ -24,10 +24,17 @@ struct RequestTest : KeymasterTest {
 constexpr uint32_t kTaError = 0xFFFF0009;
 constexpr int32_t Code(uint32_t tee_result) { return static_cast<int32_t>(tee_result); }
 
-// RequestLog is the lines under the requests' tag since the last ClearRecords, as "E text".
-Lines RequestLog();
-// LastLine is the last of them.
-std::string LastLine();
+constexpr int32_t kTaFailed = Code(kTaError);
+
+// RequestLog is the lines under the requests' tag since the last ClearRecords, as "I text; E text";
+// "E! text" stands for "E [error] : text". LastLines is the last count of them.
+std::string RequestLog();
+std::string LastLines(size_t count);
+inline std::string LastLine() { return LastLines(1); }
+// Answer forgets what was seen and queued, and has the TA answer one command.
+void Answer(uint32_t command, const Reply& reply);
+// Sent is a command as it was sent.
+inline const Invocation& Sent(size_t i = 0) { return platform().invocations.at(i); }
 std::string Hex(const Bytes& bytes);
 
 // TakeBlob tells what a request made of an output: "kept" when it is still as Kept() made it,

@@ -58,15 +58,15 @@ Bytes Purposes(std::initializer_list<uint64_t> hw, std::initializer_list<uint64_
   }
   return out;
 }
-constexpr char kParamsNull[] = "E [error] : params or keyData is NULL";
+constexpr char kParamsNull[] = "E! params or keyData is NULL";
 
 struct WrappedImport : RequestTest {
   void SetUp() override {
     KeymasterTest::SetUp();
-    Answer();
+    AnswerAll();
   }
   // The TA unwraps: transit key and key material come from finishes, keys from imports.
-  void Answer() {
+  void AnswerAll() {
     platform().queued.clear();
     platform().Queue(3, Reply::Ok().Out(2, Purposes({1, 5}, {})));
     for (uint32_t i = 1; i <= 2; ++i) platform().Queue(8, Reply::Ok().Value(3, i, 0));
@@ -76,6 +76,8 @@ struct WrappedImport : RequestTest {
     platform().Queue(4, Reply::Ok().Out(2, Text("key")).Out(3, Characteristics()));
   }
   int32_t Run() {
+    key_.Take();
+    characteristics_.Take();
     platform().ClearRecords();
     const Bytes encoded = wrapper_.Encode();
     const keymaster_key_blob_t wrapped = KeyBlob(encoded), wrapping = KeyBlob(wrapping_),
@@ -137,19 +139,16 @@ TEST_F(WrappedImport, SendsSevenCommands) {
   EXPECT_EQ(Cat({WireList({Entry(KM_TAG_ALGORITHM, 32)}), Le32(0)}), Seen(6, 0).in);
   EXPECT_EQ(kMaterial, Seen(6, 1).in);
   EXPECT_EQ(2, Seen(6, 3).in.at(0)) << "import source";
-  const Lines log = RequestLog();
-  EXPECT_EQ("I km_import_wrapped_key start", log.front());
-  EXPECT_EQ("I km_import_wrapped_key finish", log.back());
+  EXPECT_EQ(0u, RequestLog().find("I km_import_wrapped_key start; "));
+  EXPECT_EQ("I km_import_wrapped_key finish", LastLine());
 }
 
 TEST_F(WrappedImport, WipesSecrets) {
   for (const Bytes& secret : {kTransitKey, Masked(kTransitKey), kMaterial, wrapper_.secret}) {
-    Answer();
+    AnswerAll();
     WatchSecret(secret.data(), secret.size());
     EXPECT_EQ(0, Run());
     EXPECT_EQ(0, UnwipedFrees()) << Hex(secret);
-    key_.Take();
-    characteristics_.Take();
   }
 }
 
@@ -163,20 +162,13 @@ TEST_F(WrappedImport, WrappingKeyMustBeForWrapping) {
       {Cat({WireList({Entry(KM_TAG_ALGORITHM, 5)}), Le32(0)}), false}};
   for (const auto& [reply, accepted] : kRows) {
     SCOPED_TRACE(Hex(reply));
-    Answer();
+    AnswerAll();
     platform().queued[3] = {Reply::Ok().Out(2, reply)};
     EXPECT_EQ(accepted ? 0 : -3, Run());
-    if (accepted) {
-      key_.Take();
-      characteristics_.Take();
-      continue;
-    }
+    if (accepted) continue;
     ExpectNoKey();
     EXPECT_EQ(std::vector<uint32_t>{3}, Commands());
-    const Lines log = RequestLog();
-    EXPECT_EQ(
-        (Lines{"E [error] : wrappingKeyBlob is invalid", "E KmUnwrappedKey failed, ret fffffffd"}),
-        Lines(log.end() - 2, log.end()));
+    EXPECT_EQ("E! wrappingKeyBlob is invalid; E KmUnwrappedKey failed, ret fffffffd", LastLines(2));
   }
 }
 
@@ -185,13 +177,10 @@ TEST_F(WrappedImport, UnwrappingParametersReplaceTheDefaults) {
   const keymaster_key_param_set_t hollow = {nullptr, 3};
   EXPECT_EQ(0, (unwrapping_ = own.get(), Run()));
   EXPECT_EQ(Cat({WireList({Entry(KM_TAG_DIGEST, 4)}), Le32(0)}), Seen(1, 1).in);
-  Answer();
-  key_.Take();
+  AnswerAll();
   EXPECT_EQ(0, (unwrapping_ = &hollow, Run()));
   EXPECT_EQ(6u, U32(Seen(1, 1).in, 0));
-  Answer();
-  key_.Take();
-  characteristics_.Take();
+  AnswerAll();
   EXPECT_EQ(-32, (unwrapping_ = nullptr, Run()));
   ExpectNoKey();
   EXPECT_EQ("E KmUnwrappedKey failed, ret ffffffe0", LastLine());
@@ -202,17 +191,13 @@ TEST_F(WrappedImport, MaskMustBeAsLongAsTheTransitKey) {
   mask_ = Bytes(32);
   EXPECT_EQ(0, Run());
   EXPECT_EQ(Masked(kTransitKey), Seen(3, 1).in) << "a mask of zeros changes nothing";
-  key_.Take();
-  characteristics_.Take();
   for (const size_t length : {0u, 31u, 33u}) {
-    Answer();
+    AnswerAll();
     mask_ = Ramp(1, length);
     EXPECT_EQ(-38, Run());
     ExpectNoKey();
     EXPECT_EQ((std::vector<uint32_t>{3, 8, 10}), Commands());
-    const Lines log = RequestLog();
-    EXPECT_EQ((Lines{"E XOR size is not equal\n", "E KmUnwrappedKey failed, ret ffffffda"}),
-              Lines(log.end() - 2, log.end()));
+    EXPECT_EQ("E XOR size is not equal\n; E KmUnwrappedKey failed, ret ffffffda", LastLines(2));
   }
 }
 
@@ -225,49 +210,44 @@ TEST_F(WrappedImport, SecureIdFollowsTheAuthToken) {
   const Row kRows[] = {{1, 69, 0xAAAA}, {2, 69, 0xBBBB}, {2, 29, 0xBBBB},    {0, 69, 7},
                        {3, 69, 7},      {1, 28, 7},      {0x01000000, 69, 7}};
   for (const Row& row : kRows) {
-    Answer();
+    AnswerAll();
     wrapper_ = Wrapper().AddSecureId(row.type, row.length);
     EXPECT_EQ(0, Run());
     const Bytes& params = Seen(6, 0).in;  // algorithm, then secure id and token
     ASSERT_LE(60u, params.size());
     EXPECT_EQ(Entry(KM_TAG_USER_SECURE_ID, row.secure_id),
               Bytes(params.begin() + 24, params.begin() + 40));
-    key_.Take();
-    characteristics_.Take();
   }
 }
 
 TEST_F(WrappedImport, EveryStepMayFail) {
-  const std::string kRsa = "E TransitKeyRsaDecrypt is invalid",
-                    kGcm = "E [error] : WrappedKeyAesGcmDecrypt is invalid",
-                    kUnwrap = "E KmUnwrappedKey failed, ret ffff0009";
-  const auto error = [](const std::string& what) {
-    return "E [error] : " + what + " failed, error ffff0009";
-  };
+  const std::string kFailed = " failed, error ffff0009; ",
+                    kUnwrap = "E KmUnwrappedKey failed, ret ffff0009",
+                    kRsa = kFailed + "E TransitKeyRsaDecrypt is invalid; " + kUnwrap,
+                    kGcm = kFailed + "E! WrappedKeyAesGcmDecrypt is invalid; " + kUnwrap;
   struct Row {
-    uint32_t command;
-    size_t nth;                      // of that command
-    std::vector<uint32_t> commands;  // but 66
-    Lines last;
+    size_t nth;  // of the last command
+    std::vector<uint32_t> commands;
+    size_t lines;
+    std::string last;
   };
-  const Row kRows[] = {{3, 0, {3}, {error("KmGetKeyCharacteristics"), kUnwrap}},
-                       {8, 0, {3, 8}, {error("KmBegin"), kRsa, kUnwrap}},
-                       {10, 0, {3, 8, 10}, {error("KmFinish"), kRsa, kUnwrap}},
-                       {4, 0, {3, 8, 10, 4}, {error("KmImportKey"), kGcm, kUnwrap}},
-                       {8, 1, {3, 8, 10, 4, 8}, {error("KmBegin"), kGcm, kUnwrap}},
-                       {10, 1, {3, 8, 10, 4, 8, 10}, {error("KmFinish"), kGcm, kUnwrap}},
-                       {4, 1, {3, 8, 10, 4, 8, 10, 4}, {"E KmImportKey failed, ret ffff0009"}}};
+  const Row kRows[] = {{0, {3}, 2, "E! KmGetKeyCharacteristics" + kFailed + kUnwrap},
+                       {0, {3, 8}, 3, "E! KmBegin" + kRsa},
+                       {0, {3, 8, 10}, 3, "E! KmFinish" + kRsa},
+                       {0, {3, 8, 10, 4}, 3, "E! KmImportKey" + kGcm},
+                       {1, {3, 8, 10, 4, 8}, 3, "E! KmBegin" + kGcm},
+                       {1, {3, 8, 10, 4, 8, 10}, 3, "E! KmFinish" + kGcm},
+                       {1, {3, 8, 10, 4, 8, 10, 4}, 1, "E KmImportKey failed, ret ffff0009"}};
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.commands.size());
-    Answer();
-    platform().queued[row.command][row.nth] = Reply::Fail(kTaError).Out(2, {1}).Out(3, {1});
-    EXPECT_EQ(Code(kTaError), Run());
+    AnswerAll();
+    platform().queued[row.commands.back()][row.nth] = Reply::Fail(kTaError).Out(2, {1}).Out(3, {1});
+    EXPECT_EQ(kTaFailed, Run());
     ExpectNoKey();
     std::vector<uint32_t> commands = Commands();
-    if (commands.back() == 66) commands.pop_back();
-    EXPECT_EQ(row.commands, commands);
-    const Lines log = RequestLog();
-    EXPECT_EQ(row.last, Lines(log.end() - static_cast<long>(row.last.size()), log.end()));
+    if (commands.back() == 66) commands.pop_back();  // the error record's
+    EXPECT_EQ(row.commands, commands) << "no abort";
+    EXPECT_EQ(row.last, LastLines(row.lines));
   }
   // A plain import is a plain import again.
   const keymaster_blob_t data = Blob(kMaterial);
@@ -279,7 +259,7 @@ TEST_F(WrappedImport, EveryStepMayFail) {
 
 TEST_F(WrappedImport, EveryCallMayFail) {
   FailEachCallOf([this] {
-    Answer();
+    AnswerAll();
     const int32_t result = Run();
     const std::string key = key_.Take(), characteristics = characteristics_.Take();
     EXPECT_TRUE(result == 0 || key == "kept" || key == "empty") << key;
@@ -299,10 +279,10 @@ TEST_F(WrappedImport, RefusesBadWrappers) {
     EXPECT_EQ(
         KM_ERROR_INVALID_ARGUMENT,
         km.TivasKmImportWrappedKeyNew(&wrapped, &wrapping, &mask, &empty_, 1, 2, &key_, nullptr));
-    EXPECT_EQ((Lines{"I km_import_wrapped_key start",
-                     "E [error] : parse_wrapped_key failed, error ffffffda",
-                     "E KmUnwrappedKey failed, ret ffffffda"}),
-              RequestLog());
+    EXPECT_EQ(
+        "I km_import_wrapped_key start; E! parse_wrapped_key failed, error ffffffda; E "
+        "KmUnwrappedKey failed, ret ffffffda",
+        RequestLog());
     EXPECT_EQ("", Journal());
   }
   wrapper_.secret = wrapper_.tag = {};
@@ -330,14 +310,14 @@ TEST_F(WrappedImport, NullArguments) {
       {&good, nullptr, &mask, &empty_, true, -32, kParamsNull, 0},
       {&good, &key, nullptr, &empty_, true, -32, kParamsNull, 0},
       {&good, nullptr, nullptr, nullptr, false, -32, kParamsNull, 0},
-      {&good, &key, &mask, nullptr, false, -27, "E [error] : keyBlob is NULL", 0},
+      {&good, &key, &mask, nullptr, false, -27, "E! keyBlob is NULL", 0},
       {&good, &hollow, &mask, &empty_, true, -32, "E KmUnwrappedKey failed, ret ffffffe0", 0},
       {&good, &hollow, &hollow, nullptr, true, -32, "E KmUnwrappedKey failed, ret ffffffe0", 0},
       {&good, &key, &hollow, nullptr, true, -32, "E KmUnwrappedKey failed, ret ffffffe0", 1},
       {&good, &key, &hollow, &empty_, true, 1, "", 3}};
   for (const Row& row : kRows) {
     SCOPED_TRACE(&row - kRows);
-    Answer();
+    AnswerAll();
     platform().ClearRecords();
     const int32_t result =
         km.TivasKmImportWrappedKeyNew(row.wrapped, row.wrapping, row.mask, row.unwrapping, 1, 2,
@@ -366,7 +346,7 @@ TEST_F(WrappedImport, StepsCheckTheirOwnArguments) {
   EXPECT_EQ(Masked(kTransitKey), BlobBytes(plain));
   free(const_cast<uint8_t*>(plain.data));
   // A missing mask is noticed only once the transit key is there.
-  Answer();
+  AnswerAll();
   platform().ClearRecords();
   const Bytes encoded = wrapper_.Encode();
   wrapped.key_material =
