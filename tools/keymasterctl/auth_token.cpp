@@ -76,7 +76,8 @@ Bytes JoinSharing(const Bytes& own, const std::vector<std::string>& others) {
   for (const std::string& text : others) {
     const std::optional<Bytes> bytes = ParseHex(text);
     if (!bytes || bytes->size() != 2 * kHalf) {
-      throw Failure("sharing parameters are 128 hexadecimal digits, as hmac-sharing prints them");
+      throw UsageFailure(
+          "sharing parameters are 128 hexadecimal digits, as hmac-sharing prints them");
     }
     if (std::find(all.begin(), all.end(), *bytes) == all.end()) all.push_back(*bytes);
   }

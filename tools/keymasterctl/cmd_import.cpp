@@ -49,7 +49,7 @@ void ImportPrivate(NewKeyArgs args, const Bytes& file) {
   PrivateKey key = ReadPrivateKey(file);
   const Wiped pkcs8(std::move(key.pkcs8));
   if (args.algorithm && *args.algorithm != key.algorithm) {
-    throw Failure("the input is a key for " + ValueName(KM_TAG_ALGORITHM, key.algorithm));
+    throw UsageFailure("the input is a key for " + ValueName(KM_TAG_ALGORITHM, key.algorithm));
   }
   args.algorithm = key.algorithm;
   if (!args.size) args.size = key.size;

@@ -91,6 +91,7 @@ void AddKeyCommands(const Registry& registry) {
     const auto [command, args] = AddCommand<NewKeyArgs>(
         registry, "generate", "Make a key", "generate --algorithm ec --key k.blob", RunGenerate);
     AddNewKeyOptions(command, args);
+    command->get_option("--algorithm")->required();
   }
   {
     const auto [command, args] =

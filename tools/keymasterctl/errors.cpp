@@ -124,8 +124,8 @@ constexpr uint32_t Code(keymaster_error_t error) { return static_cast<uint32_t>(
 
 constexpr Hint kHints[] = {
     {Code(KM_ERROR_INVALID_KEY_BLOB),
-     "the key file is damaged, was made under another --state folder, was deleted, or needs the "
-     "--app-id and --app-data that it was made with"},
+     "the key file is damaged, was made under another --state folder, was deleted, is of a "
+     "later system version, or needs the --app-id and --app-data that it was made with"},
     {Code(KM_ERROR_KEY_REQUIRES_UPGRADE), "run: keymasterctl upgrade --key FILE"},
     {Code(KM_ERROR_KEY_USER_NOT_AUTHENTICATED),
      "the key needs its user: give --auth-token FILE (from keymasterctl auth-token) or --auth-sid"},
@@ -158,6 +158,12 @@ constexpr Hint kHints[] = {
     {Code(KM_ERROR_IMPORT_PARAMETER_MISMATCH),
      "--size, --curve or --exponent differ from the key's own: leave them out"},
     {Code(KM_ERROR_ROLLBACK_RESISTANCE_UNAVAILABLE), "leave --rollback-resistant out"},
+    {Code(KM_ERROR_INVALID_MAC_LENGTH),
+     "choose a --mac-length, in whole bytes, from the key's min-mac-length to the digest's length "
+     "or "
+     "128"},
+    {Code(KM_ERROR_INVALID_ARGUMENT), "a value does not fit; --verbose may show which"},
+    {Code(KM_ERROR_UNKNOWN_ERROR), "--verbose may show more"},
     {Code(KM_ERROR_KEY_EXPIRED), "the key's validity is over"},
     {Code(KM_ERROR_KEY_NOT_YET_VALID), "the key's validity has not begun"},
     {Code(KM_ERROR_INCOMPATIBLE_ALGORITHM),

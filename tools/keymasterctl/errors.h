@@ -13,6 +13,12 @@ class Failure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// UsageFailure is about what the user wrote; the program ends with status 2.
+class UsageFailure : public Failure {
+ public:
+  using Failure::Failure;
+};
+
 // ResultText names a keymaster or TEE result, with its number: "KM_ERROR_INVALID_KEY_BLOB (-33)".
 std::string ResultText(int32_t result);
 

@@ -52,7 +52,7 @@ void SetEcDefaults(NewKeyArgs* args) {
   constexpr uint32_t kSizes[] = {224, 256, 384, 521};  // by keymaster_ec_curve_t
   if (!args->curve && args->size) {
     const auto* size = std::find(std::begin(kSizes), std::end(kSizes), *args->size);
-    if (size == std::end(kSizes)) throw Failure("an EC key has 224, 256, 384 or 521 bits");
+    if (size == std::end(kSizes)) throw UsageFailure("an EC key has 224, 256, 384 or 521 bits");
     args->curve = static_cast<uint32_t>(size - std::begin(kSizes));
   }
   SetDefault(&args->curve, static_cast<uint32_t>(KM_EC_CURVE_P_256));
@@ -94,7 +94,7 @@ void SetDefaults(NewKeyArgs* args) {
     case KM_ALGORITHM_TRIPLE_DES:
       return SetCipherDefaults(args);
     default:
-      throw Failure("say the key's --algorithm: " + ValueNames(KM_TAG_ALGORITHM));
+      throw UsageFailure("say the key's --algorithm: " + ValueNames(KM_TAG_ALGORITHM));
   }
 }
 

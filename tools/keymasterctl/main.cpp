@@ -52,6 +52,9 @@ int Run(const std::function<void()>& action) {
     action();
     if (fflush(stdout) != 0) throw SystemFailure("cannot write", "standard output");
     return 0;
+  } catch (const UsageFailure& error) {
+    fprintf(stderr, "keymasterctl: %s\n", error.what());
+    return kUsage;
   } catch (const std::exception& error) {
     fprintf(stderr, "keymasterctl: %s\n", error.what());
     return kFailed;

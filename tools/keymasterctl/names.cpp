@@ -167,7 +167,7 @@ keymaster_tag_t TagByName(const std::string& name) {
   for (const TagRow& row : kTags) {
     if (Plain(row.name) == Plain(name)) return row.tag;
   }
-  throw Failure("no parameter is named '" + name + "'");
+  throw UsageFailure("no parameter is named '" + name + "'");
 }
 
 std::string ValueName(keymaster_tag_t tag, uint32_t value) {

@@ -18,7 +18,7 @@ uint64_t ParseNumber(const std::string& name, const std::string& text) {
     if (used == text.size() && text[0] != '-') return value;
   } catch (const std::logic_error&) {
   }
-  throw Failure("'" + text + "' is no value for " + name);
+  throw UsageFailure("'" + text + "' is no value for " + name);
 }
 
 int HexDigit(char c) {
@@ -49,7 +49,7 @@ void ParamList::Add(keymaster_tag_t tag, uint64_t value) {
       param.boolean = value != 0;
       break;
     default:
-      if (value > UINT32_MAX) throw Failure("the value of " + TagName(tag) + " is too large");
+      if (value > UINT32_MAX) throw UsageFailure("the value of " + TagName(tag) + " is too large");
       param.integer = static_cast<uint32_t>(value);
   }
   params_.push_back(param);
@@ -70,7 +70,7 @@ void ParamList::AddText(const std::string& text) {
   const std::string name = text.substr(0, equals);
   const keymaster_tag_t tag = TagByName(name);
   if (keymaster_tag_get_type(tag) == KM_BOOL) return AddFlag(tag);
-  if (equals == std::string::npos) throw Failure("write " + name + "=VALUE");
+  if (equals == std::string::npos) throw UsageFailure("write " + name + "=VALUE");
   const std::string value = text.substr(equals + 1);
   const keymaster_tag_type_t type = keymaster_tag_get_type(tag);
   if (type == KM_BYTES || type == KM_BIGNUM) return Add(tag, ParseBytes(value));
@@ -126,7 +126,8 @@ std::optional<Bytes> ParseHex(const std::string& text) {
 Bytes ParseBytes(const std::string& text) {
   if (text.compare(0, 2, "0x") == 0) {
     const std::optional<Bytes> bytes = ParseHex(text.substr(2));
-    if (!bytes) throw Failure("'" + text + "' is not hexadecimal (two digits a byte behind 0x)");
+    if (!bytes)
+      throw UsageFailure("'" + text + "' is not hexadecimal (two digits a byte behind 0x)");
     return *bytes;
   }
   if (text.compare(0, 1, "@") == 0) return ReadFile(text.substr(1));
@@ -151,7 +152,7 @@ uint64_t ParseDate(const std::string& text) {
     const time_t seconds = strcmp(format, "%s") == 0 ? mktime(&fields) : timegm(&fields);
     if (seconds >= 0) return static_cast<uint64_t>(seconds) * 1000;
   }
-  throw Failure("'" + text + "' is no date; write YYYY-MM-DD or YYYY-MM-DDThh:mm:ss (UTC)");
+  throw UsageFailure("'" + text + "' is no date; write YYYY-MM-DD or YYYY-MM-DDThh:mm:ss (UTC)");
 }
 
 std::string DateText(uint64_t milliseconds) {
