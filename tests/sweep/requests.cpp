@@ -2,10 +2,10 @@
 
 #include <keymaster/android_keymaster_utils.h>
 #include <keymaster/authorization_set.h>
-#include <keymaster_ts.h>
-#include <string.h>
+#include <keymaster_tivas_context.h>
 
-#include "tests/sweep/library_hooks.h"
+#include <utility>
+
 #include "tests/sweep/scripted_ta.h"
 
 namespace test {
@@ -15,79 +15,6 @@ using Context = keymaster::KeymasterTivasContext;
 using KeyHolder = keymaster::TKeymasterBlob<keymaster_key_blob_t>;
 using BytesHolder = keymaster::TKeymasterBlob<keymaster_blob_t>;
 
-constexpr uint8_t kGarbage[1] = {};
-constexpr size_t kGarbageLength = 77;
-
-// ---- What became of the outputs
-
-std::string Hex(const Bytes& bytes) {
-  std::string out;
-  for (const uint8_t byte : bytes)
-    out += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]};
-  return out;
-}
-
-std::string Describe(const void* bytes, size_t length,
-                     const std::function<std::string()>& content) {
-  if (bytes == kGarbage) return length == kGarbageLength ? "u" : "x";
-  if (bytes == nullptr) return length == 0 ? "e" : "x";
-  return IsOutput(bytes, length) ? "w " + content() : "x";
-}
-
-std::string DescribeBytes(const uint8_t* bytes, size_t length) {
-  return Describe(bytes, length, [&] { return Hex(Bytes(bytes, bytes + length)); });
-}
-
-std::string DescribeSet(const keymaster_key_param_set_t& set) {
-  std::string out = Describe(set.params, set.length, [] { return ""; });
-  if (out[0] != 'w') return out;
-  if (!IsOutput(set.params, set.length * sizeof(*set.params))) return "x";
-  for (size_t i = 0; i < set.length; ++i) {
-    const keymaster_key_param_t& param = set.params[i];
-    if (!IsByteValued(static_cast<uint32_t>(param.tag))) continue;
-    if (DescribeBytes(param.blob.data, param.blob.data_length)[0] == 'x') return "x";
-  }
-  return out + test::Describe(set);
-}
-
-std::string DescribeChain(const keymaster_cert_chain_t& chain) {
-  std::string out = Describe(chain.entries, chain.entry_count, [] { return ""; });
-  if (out[0] != 'w') return out;
-  if (!IsOutput(chain.entries, chain.entry_count * sizeof(*chain.entries))) return "x";
-  for (size_t i = 0; i < chain.entry_count; ++i) {
-    const std::string entry = DescribeBytes(chain.entries[i].data, chain.entries[i].data_length);
-    if (entry[0] != 'w') return "x";
-    out += entry;
-  }
-  return out;
-}
-
-// Two states as one: the same, or the more telling of them.
-std::string Join(const std::string& a, const std::string& b) {
-  if (a == b || b == "e") return a;
-  if (a == "e") return b;
-  return a[0] == 'w' && b[0] == 'w' ? a + " | " + b : "x";
-}
-
-void ReleaseBytes(const uint8_t* bytes) {
-  if (bytes != kGarbage) ReleaseOutput(bytes);
-}
-
-void ReleaseSet(const keymaster_key_param_set_t& set) {
-  const void* params = set.params;
-  if (params == kGarbage) return;
-  for (size_t i = 0; i < set.length; ++i) {
-    if (IsByteValued(static_cast<uint32_t>(set.params[i].tag)))
-      ReleaseBytes(set.params[i].blob.data);
-  }
-  ReleaseOutput(params);
-}
-
-template <typename T>
-T* Garbage() {
-  return reinterpret_cast<T*>(const_cast<uint8_t*>(kGarbage));
-}
-
 // ---- Codes
 
 constexpr int32_t kNoMemory = KM_ERROR_MEMORY_ALLOCATION_FAILED;
@@ -95,8 +22,6 @@ constexpr int32_t kUnknown = KM_ERROR_UNKNOWN_ERROR;
 constexpr int32_t kFormat = KM_ERROR_UNSUPPORTED_KEY_FORMAT;
 constexpr int32_t kArgument = KM_ERROR_INVALID_ARGUMENT;
 constexpr int32_t kPurpose = KM_ERROR_INCOMPATIBLE_PURPOSE;
-constexpr int32_t kEnomem = -12;
-constexpr int32_t kEinval = -22;
 constexpr int32_t kTeeGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
 constexpr int32_t kTeeParameters = static_cast<int32_t>(TEEC_ERROR_BAD_PARAMETERS);
 constexpr int32_t kTeeNoMemory = static_cast<int32_t>(TEEC_ERROR_OUT_OF_MEMORY);
@@ -113,40 +38,28 @@ const Outcomes kCopies = {{kNoMemory, kTeeNoMemory},
 const Outcomes kProcesses = {
     kCopies.allocation, {kNoMemory, kUnknown, kTeeGeneric}, kCopies.clear, {}, kCopies.reply};
 
-Outcomes Generates() {
-  Outcomes out = kCopies;
-  out.crypto = {kNoMemory, kUnknown};
-  return out;
-}
-Outcomes ImportsPkcs8() {
-  Outcomes out = kCopies;
-  out.copy.insert(kFormat);
-  out.crypto = {kFormat};
-  return out;
-}
-Outcomes Exports() {
-  Outcomes out = kDecodes;
-  out.allocation.insert(kArgument);
-  out.crypto = {kArgument};
-  out.reply = {kUnknown, kArgument};
-  return out;
-}
-Outcomes Attests() {
-  Outcomes out = kCopies;
-  out.clear.insert(kUnknown);
-  return out;
-}
-Outcomes Verifies() {
-  Outcomes out = kCopies;
-  out.reply.insert(KM_ERROR_VERIFICATION_FAILED);
-  return out;
-}
+const Outcomes kGenerates = {
+    kCopies.allocation, kCopies.copy, kCopies.clear, {kNoMemory, kUnknown}, kCopies.reply};
+const Outcomes kImportsPkcs8 = {
+    kCopies.allocation, {kNoMemory, kUnknown, kFormat}, kCopies.clear, {kFormat}, kCopies.reply};
+const Outcomes kExports = {{kNoMemory, kTeeNoMemory, kArgument},
+                           kDecodes.copy,
+                           kDecodes.clear,
+                           {kArgument},
+                           {kUnknown, kArgument}};
+const Outcomes kAttests = {
+    kCopies.allocation, kCopies.copy, {kNoMemory, kTeeGeneric, kUnknown}, {}, kCopies.reply};
+const Outcomes kVerifies = {kCopies.allocation,
+                            kCopies.copy,
+                            kCopies.clear,
+                            {},
+                            {kNoMemory, kUnknown, KM_ERROR_VERIFICATION_FAILED}};
 // An unwrapped key without bytes is refused by TeeImportKey.
-Outcomes Unwraps() {
-  Outcomes out = kProcesses;
-  out.reply.insert({kArgument, kPurpose, kTeeParameters});
-  return out;
-}
+const Outcomes kUnwraps = {kProcesses.allocation,
+                           kProcesses.copy,
+                           kProcesses.clear,
+                           {},
+                           {kNoMemory, kUnknown, kArgument, kPurpose, kTeeParameters}};
 
 // ---- Inputs
 
@@ -158,11 +71,6 @@ const keymaster_key_param_set_t* Params(int64_t algorithm) {
                        {KM_TAG_KEY_SIZE, 512},
                        {KM_TAG_RSA_PUBLIC_EXPONENT, 65537}});
   return algorithm == KM_ALGORITHM_RSA ? rsa.get() : ec.get();
-}
-
-const keymaster_key_param_set_t* OperationParams() {
-  static ParamSet set({{KM_TAG_NONCE, Ramp(9, 12)}, {KM_TAG_ASSOCIATED_DATA, Ramp(1, 20)}});
-  return set.get();
 }
 
 keymaster_key_param_set_t* NoParams() {
@@ -210,58 +118,6 @@ int32_t Export(const Bytes& key, Outputs* o) {
   return Context().TivasKmExportKey(KM_KEY_FORMAT_X509, Key(key), &blob, &blob, &o->data);
 }
 
-// Buffers of a Tee* function; what it writes back becomes the outputs' numbers.
-struct TeeBuffers {
-  uint8_t a[4096] = {}, b[4096] = {};
-  uint32_t a_length = sizeof(a), b_length = sizeof(b);
-  uint64_t wide = sizeof(b);
-};
-template <typename Call>
-std::function<int32_t(Outputs*)> Tee(Call call) {
-  return [call](Outputs* o) {
-    static const Bytes input = Ramp(8, 24);
-    TeeBuffers t;
-    const auto result = static_cast<int32_t>(call(input.data(), 24u, &t));
-    if (t.a_length != sizeof(t.a)) o->number[0] = t.a_length;
-    if (t.b_length != sizeof(t.b)) o->number[1] = t.b_length;
-    if (t.wide != sizeof(t.b)) o->number[2] = t.wide;
-    return result;
-  };
-}
-
-int32_t AddMany(Outputs* o) {
-  KmParams record{};
-  int32_t result = InitKmParams(&record);
-  const keymaster_key_param_set_t& set = *OperationParams();
-  for (uint32_t i = 0; result == 0 && i < 18; ++i) {
-    result = AddKmParams(&record, &set.params[i % 2]);
-    // A failed addition leaves the record as it was.
-    if (record.len != (result == 0 ? i + 1 : i)) result = kInputError;
-  }
-  uint8_t* bytes = nullptr;
-  uint32_t length = 0;
-  if (result == 0) result = SerializeKmParams(nullptr, &record, &bytes, &length);
-  if (result == 0) o->data = {bytes, length};
-  FreeKmParams(&record);
-  return result;
-}
-
-int32_t ErrorRecord(uint32_t command) {
-  TEEC_Context context{};
-  TEEC_Session session{};
-  TEEC_Operation open{};
-  open.started = 1;
-  const TEEC_UUID uuid{};
-  if (TEEC_InitializeContext(nullptr, &context) == 0) {
-    if (TEEC_OpenSession(&context, &session, &uuid, 7, nullptr, &open, nullptr) == 0) {
-      ObtainTaErrorCode(&session, command, kTaError);
-      TEEC_CloseSession(&session);
-    }
-    TEEC_FinalizeContext(&context);
-  }
-  return 0;
-}
-
 std::vector<Request> MakeRequests() {
   const Fixture& f = fixture();
   return {
@@ -284,7 +140,7 @@ std::vector<Request> MakeRequests() {
        true},
       {"WithoutTheTa",
        [](Outputs*) {
-         return Context().TivasKmAddRngEntropy(kGarbage, 1) | Context().TivasKmDeleteAllKeys() |
+         return Context().TivasKmAddRngEntropy(nullptr, 1) | Context().TivasKmDeleteAllKeys() |
                 Context().TivasKmDestroyAttestationIds();
        },
        "",
@@ -298,15 +154,15 @@ std::vector<Request> MakeRequests() {
        [](Outputs* o) {
          return Context().TivasKmGenerateKey(Params(KM_ALGORITHM_RSA), &o->key, &o->traits);
        },
-       "k:ue t:ue", Generates()},
+       "k:ue t:ue", kGenerates},
       {"ImportRaw", [&f](Outputs* o) { return Import(KM_KEY_FORMAT_RAW, f.mask, o); }, "k:ue t:ue",
        kCopies},
       {"ImportRsa", [&f](Outputs* o) { return Import(KM_KEY_FORMAT_PKCS8, f.rsa_pkcs8, o); },
-       "k:ue t:ue", ImportsPkcs8()},
+       "k:ue t:ue", kImportsPkcs8},
       {"ImportEc", [&f](Outputs* o) { return Import(KM_KEY_FORMAT_PKCS8, f.ec_pkcs8, o); },
-       "k:ue t:ue", ImportsPkcs8()},
-      {"ExportRsa", [&f](Outputs* o) { return Export(f.blob, o); }, "d:e", Exports()},
-      {"ExportEc", [&f](Outputs* o) { return Export(f.ec_blob, o); }, "d:e", Exports()},
+       "k:ue t:ue", kImportsPkcs8},
+      {"ExportRsa", [&f](Outputs* o) { return Export(f.blob, o); }, "d:e", kExports},
+      {"ExportEc", [&f](Outputs* o) { return Export(f.ec_blob, o); }, "d:e", kExports},
       {"GetKeyCharacteristics",
        [&f](Outputs* o) {
          const keymaster_blob_t client = Blob(f.ec_blob);
@@ -323,7 +179,7 @@ std::vector<Request> MakeRequests() {
        [&f](Outputs* o) {
          return Context().TivasKmAttestKey(Key(f.blob), OperationParams(), &o->chain);
        },
-       "c:ue", Attests()},
+       "c:ue", kAttests},
       {"Begin",
        [&f](Outputs* o) {
          return Context().TivasKmBegin(KM_PURPOSE_ENCRYPT, Key(f.blob), OperationParams(),
@@ -366,7 +222,7 @@ std::vector<Request> MakeRequests() {
          return Context().TivasKmImportWrappedKeyNew(&wrapper, Key(f.blob), &mask, NoParams(), 1, 2,
                                                      &o->key, &o->traits);
        },
-       "k:ue t:ue", Unwraps()},
+       "k:ue t:ue", kUnwraps},
       {"UnwrappedKey",
        [&f](Outputs* o) {
          const Holders h;
@@ -377,7 +233,7 @@ std::vector<Request> MakeRequests() {
          return Context().TivasKmUnwrappedKey(&h.wrapper, Key(f.blob), NoParams(), &mask, &list,
                                               &format, &o->data);
        },
-       "d:e", Unwraps()},
+       "d:e", kUnwraps},
       {"DecryptTransitKeyMaterial",
        [&f](Outputs* o) {
          Holders h;
@@ -406,7 +262,7 @@ std::vector<Request> MakeRequests() {
          if (out.mac[31] != 0) o->number[2] = out.mac[31];
          return result;
        },
-       "p:ew", Verifies()},
+       "p:ew", kVerifies},
       {"EarlyBootEnded", [](Outputs*) { return Context().TivasKmEarlyBootEnded(); }, "", kSends},
       {"DeviceLocked", [](Outputs*) { return Context().TivasKmDeviceLocked(true); }, "", kSends},
       {"GetHmacSharingParameters",
@@ -422,183 +278,17 @@ std::vector<Request> MakeRequests() {
        },
        "d:e",
        {kCopies.allocation, {kUnknown}, {kTeeGeneric}, {}, {kUnknown}}},
-      // The marshalling functions.
-      {"BuildKmParams",
-       [](Outputs* o) {
-         uint8_t* bytes = nullptr;
-         uint32_t length = 0;
-         const int32_t result = BuildKmParams(Params(KM_ALGORITHM_EC), &bytes, &length);
-         if (bytes != nullptr) o->data = {bytes, length};
-         return result;
-       },
-       "",
-       {{kEnomem}, {kEnomem}, {kEnomem}, {}, {}}},
-      {"AddKmParams", AddMany, "", {{kEnomem}, {kEnomem}, {kEnomem}, {}, {}}},
-      {"BuildKeyCharacter",
-       [&f](Outputs* o) {
-         return BuildKeyCharacter(f.traits.data(), static_cast<uint32_t>(f.traits.size()),
-                                  &o->traits);
-       },
-       "t:e",
-       {{kEnomem}, {kEnomem}, {}, {}, {}}},
-      {"BuildKeyParamSet",
-       [&f](Outputs* o) {
-         o->params = {};
-         return BuildKeyParamSet(&o->params, f.params.data(),
-                                 static_cast<uint32_t>(f.params.size()));
-       },
-       "p:e",
-       {{kEnomem}, {kEnomem}, {}, {}, {}}},
-      {"BuildFinalInput",
-       [&f](Outputs* o) {
-         const keymaster_blob_t part = Blob(f.mask);
-         return BuildFinalInput(&part, &part, &o->data);
-       },
-       "",
-       {{kEnomem}, {kEnomem}, {}, {}, {}}},
-      {"BuildVerifyAuthInput",
-       [&f](Outputs* o) {
-         const keymaster_blob_t token = Blob(f.mask);
-         const uint64_t challenge = 5;
-         return static_cast<int32_t>(BuildVerifyAuthInput(&challenge, &token, &o->data));
-       },
-       "",
-       {{kNoMemory}, {kUnknown}, {}, {}, {}}},
-      // The commands on their own.
-      {"TeeKmConfigure",
-       Tee([](const uint8_t*, uint32_t, TeeBuffers*) { return TeeKmConfigure(1, 2); }), "", kSends},
-      {"TeeGenerateKey", Tee([](const uint8_t* in, uint32_t length, TeeBuffers* t) {
-         return TeeGenerateKey(in, length, t->a, &t->a_length, t->b, &t->b_length);
-       }),
-       "", kSends},
-      {"TeeGetKeyCharacteristics", Tee([](const uint8_t* in, uint32_t length, TeeBuffers* t) {
-         return TeeGetKeyCharacteristics(in, length, in, length, t->a, &t->a_length);
-       }),
-       "", kSends},
-      {"TeeImportKey", Tee([](const uint8_t* in, uint32_t length, TeeBuffers* t) {
-         return TeeImportKey(in, length, in, length, t->a, &t->a_length, t->b, &t->b_length, 1);
-       }),
-       "", kSends},
-      {"TeeExportKey", Tee([](const uint8_t* in, uint32_t length, TeeBuffers* t) {
-         return TeeExportKey(in, length, in, length, t->a, &t->a_length);
-       }),
-       "", kSends},
-      {"TeeAttestKey", Tee([](const uint8_t* in, uint32_t length, TeeBuffers* t) {
-         return TeeAttestKey(in, length, in, length, t->a, &t->a_length);
-       }),
-       "", kSends},
-      {"TeeUpgrade", Tee([](const uint8_t* in, uint32_t length, TeeBuffers* t) {
-         return TeeUpgrade(in, length, in, length, t->a, &t->a_length);
-       }),
-       "", kSends},
-      {"TeeBegin", Tee([](const uint8_t* in, uint32_t length, TeeBuffers* t) {
-         return TeeBegin(1, in, length, in, length, t->a, &t->a_length, &t->wide);
-       }),
-       "", kSends},
-      {"TeeUpdate",
-       Tee([](const uint8_t* in, uint32_t length, TeeBuffers* t) {
-         return TeeUpdate(7, in, length, in, &length, t->a, &t->a_length, t->b, &t->b_length);
-       }),
-       "",
-       {{kTeeNoMemory}, {kTeeGeneric}, {kTeeGeneric}, {}, {}}},
-      {"TeeFinish",
-       Tee([](const uint8_t* in, uint32_t length, TeeBuffers* t) {
-         return TeeFinish(7, in, length, in, length, t->a, &t->a_length, t->b, &t->b_length);
-       }),
-       "",
-       {{kTeeNoMemory}, {kTeeGeneric}, {kTeeGeneric}, {}, {}}},
-      {"TeeAbort", Tee([](const uint8_t*, uint32_t, TeeBuffers*) { return TeeAbort(7); }), "",
-       kSends},
-      {"TeeDeleteKey", Tee([](const uint8_t* in, uint32_t length, TeeBuffers*) {
-         return TeeDeleteKey(in, length);
-       }),
-       "", kSends},
-      {"TeeVerifyAuthorization", Tee([](const uint8_t* in, uint32_t length, TeeBuffers* t) {
-         return TeeVerifyAuthorization(in, length, in, &length, t->a, &t->a_length, t->b, &t->wide);
-       }),
-       "", kSends},
-      {"TeeEarlyBootEnded",
-       Tee([](const uint8_t*, uint32_t, TeeBuffers*) { return TeeEarlyBootEnded(); }), "", kSends},
-      {"TeeDeviceLocked",
-       Tee([](const uint8_t*, uint32_t, TeeBuffers*) { return TeeDeviceLocked(1); }), "", kSends},
-      {"TeegetHmacSharingParameters", Tee([](const uint8_t*, uint32_t, TeeBuffers* t) {
-         return TeegetHmacSharingParameters(t->a, 32, t->b, 32);
-       }),
-       "", kSends},
-      {"TeecomputeSharedHmac", Tee([](const uint8_t* in, uint32_t length, TeeBuffers* t) {
-         return TeecomputeSharedHmac(in, length, t->a, &t->a_length);
-       }),
-       "", kSends},
-      {"TeeDestroyAttestationIds",
-       Tee([](const uint8_t*, uint32_t, TeeBuffers*) { return TeeDestroyAttestationIds(); }), "",
-       kSends},
-      // Reports, of which no failure comes back.
-      {"ObtainTaErrorCode",
-       [](Outputs*) { return ErrorRecord(4); },
-       "",
-       {{0}, {0}, {0}, {}, {0}},
-       {0},
-       {0},
-       true},
-      {"TeeosLogExceptionArchive",
-       [](Outputs*) {
-         TeeosLogExceptionArchive(nullptr);
-         return 0;
-       },
-       "",
-       {},
-       {0}},
-      {"ReportDfxServer",
-       [](Outputs*) {
-         const CaDfxInfo info{1, 2, 3, 4, "function", "ca", "ext"};
-         return ReportDfxServer(&info);
-       },
-       "",
-       {},
-       {-1, -5}},
   };
 }
 
 }  // namespace
 
-Outputs::Outputs()
-    : key{kGarbage, kGarbageLength},
-      traits{{Garbage<keymaster_key_param_t>(), kGarbageLength},
-             {Garbage<keymaster_key_param_t>(), kGarbageLength}},
-      data{kGarbage, kGarbageLength},
-      params{Garbage<keymaster_key_param_t>(), kGarbageLength},
-      chain{Garbage<keymaster_blob_t>(), kGarbageLength},
-      number{kUntouched, kUntouched, kUntouched} {}
-
-State Describe(const Outputs& o) {
-  std::string numbers;
-  for (const uint64_t number : o.number) {
-    if (number != kUntouched) numbers += " " + std::to_string(number);
-  }
-  return {{'k', DescribeBytes(o.key.key_material, o.key.key_material_size)},
-          {'t', Join(DescribeSet(o.traits.hw_enforced), DescribeSet(o.traits.sw_enforced))},
-          {'d', DescribeBytes(o.data.data, o.data.data_length)},
-          {'p', DescribeSet(o.params)},
-          {'c', DescribeChain(o.chain)},
-          {'n', numbers.empty() ? "u" : "w" + numbers}};
-}
-
-void Release(Outputs* o) {
-  ReleaseBytes(o->key.key_material);
-  ReleaseBytes(o->data.data);
-  ReleaseSet(o->traits.hw_enforced);
-  ReleaseSet(o->traits.sw_enforced);
-  ReleaseSet(o->params);
-  const void* entries = o->chain.entries;
-  if (entries != kGarbage) {
-    for (size_t i = 0; i < o->chain.entry_count; ++i) ReleaseBytes(o->chain.entries[i].data);
-    ReleaseOutput(entries);
-  }
-  *o = Outputs();
-}
-
 const std::vector<Request>& Requests() {
-  static const std::vector<Request> requests = MakeRequests();
+  static const std::vector<Request> requests = [] {
+    std::vector<Request> all = MakeRequests();
+    for (Request& request : FunctionRequests()) all.push_back(std::move(request));
+    return all;
+  }();
   return requests;
 }
 

@@ -3,7 +3,6 @@
 #ifndef TESTS_SWEEP_REQUESTS_H
 #define TESTS_SWEEP_REQUESTS_H
 
-#include <keymaster_tivas_context.h>
 #include <stdint.h>
 
 #include <functional>
@@ -13,33 +12,15 @@
 #include <vector>
 
 #include "tests/platform/doubles.h"
+#include "tests/sweep/outputs.h"
 
 namespace test {
 
-constexpr uint64_t kUntouched = 0x5E5E5E5E5E5E5E5Eu;
 constexpr uint32_t kTaError = 0xF00D0001u;
 constexpr uint32_t kInputError = 0xF00D0002u;  // the TA got what it must not get
 
-// Outputs is what a request may write. All but `params` of a verification begin as garbage.
-struct Outputs {
-  Outputs();
-  keymaster_key_blob_t key;
-  keymaster_key_characteristics_t traits;
-  keymaster_blob_t data;
-  keymaster_key_param_set_t params;
-  keymaster_cert_chain_t chain;
-  uint64_t number[3];
-};
-
-// The state of each output by its letter (k, t, d, p, c, n): "u" untouched, "e" empty, "w" and
-// the content when whole, "x" when it is none of these (a length without bytes, bytes that are no
-// block of the library's, or too few of them).
-using State = std::map<char, std::string>;
-State Describe(const Outputs& outputs);
-void Release(Outputs* outputs);
-
-using Codes = std::set<int32_t>;
 // What a request may return, by what fails. A failing TEE call's own code is left out.
+using Codes = std::set<int32_t>;
 struct Outcomes {
   Codes allocation, copy, clear, crypto, reply;
 };
@@ -53,7 +34,9 @@ struct Request {
   Codes event{}, tee{};  // where they differ: of a failing event call, of a failing TEE call
   bool makes_context = false;
 };
+// All of them: those of the class, then those of FunctionRequests.
 const std::vector<Request>& Requests();
+std::vector<Request> FunctionRequests();
 
 // One answer of the TA: which (from 0, of those of a request), to what, and what it wrote.
 struct Answer {

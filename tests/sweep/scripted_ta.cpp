@@ -173,6 +173,11 @@ const Fixture& fixture() {
   return f;
 }
 
+const keymaster_key_param_set_t* OperationParams() {
+  static ParamSet set({{KM_TAG_NONCE, Ramp(9, 12)}, {KM_TAG_ASSOCIATED_DATA, Ramp(1, 20)}});
+  return set.get();
+}
+
 TaScript& ta() {
   thread_local TaScript script;
   return script;

@@ -18,6 +18,8 @@ struct Fixture {
   Bytes blob, ec_blob, traits, params, chain, rsa_public, ec_public;
 };
 const Fixture& fixture();
+// A nonce and associated data.
+const keymaster_key_param_set_t* OperationParams();
 
 }  // namespace test
 
