@@ -5,6 +5,7 @@ add_library(keymaster41_ts SHARED
   context/caller_blob.cpp
   context/characteristics.cpp
   context/export.cpp
+  context/finish.cpp
   context/generate.cpp
   context/import.cpp
   context/key_material.cpp

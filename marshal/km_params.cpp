@@ -58,29 +58,96 @@ int32_t GrowSlots(KmParams* record) {
   return 0;
 }
 
-// Appends a byte value to the record's store, which grows to its exact new size.
-int32_t AppendBytes(KmParams* record, const keymaster_blob_t& value) {
+// Appends a byte value to the record's store. The store grows to its exact new size, unless it
+// was reserved with room for that.
+int32_t AppendBytes(KmParams* record, const keymaster_blob_t& value, uint32_t reserved) {
   const uint32_t size = record->data_len + static_cast<uint32_t>(value.data_length);
   if (size == 0 || size < record->data_len) {
     return -EINVAL;
   }
-  MallocBuffer store = AllocateBytes(size);
-  if (store == nullptr) {
-    return -ENOMEM;
-  }
-  if (record->data_len != 0 && memcpy_s(store.get(), size, record->data, record->data_len) != 0) {
-    return -ENOMEM;
+  MallocBuffer grown;
+  uint8_t* store = record->data;
+  if (size > reserved) {
+    grown = AllocateBytes(size);
+    store = grown.get();
+    if (store == nullptr ||
+        (record->data_len != 0 && memcpy_s(store, size, record->data, record->data_len) != 0)) {
+      return -ENOMEM;
+    }
   }
   // A length of 2^32 or more fails here: it is above the room left.
-  if (memcpy_s(store.get() + record->data_len, size - record->data_len, value.data,
-               value.data_length) != 0) {
+  if (memcpy_s(store + record->data_len, size - record->data_len, value.data, value.data_length) !=
+      0) {
     return -ENOMEM;
   }
-  free(record->data);
-  record->data = store.release();
+  if (grown != nullptr) {
+    free(record->data);
+    record->data = grown.release();
+  }
   record->data_len = size;
   return 0;
 }
+
+int32_t AddParam(KmParams* record, const keymaster_key_param_t& param, uint32_t reserved) {
+  if (record->len == record->capacity) {
+    const int32_t result = GrowSlots(record);
+    if (result != 0) {
+      return result;
+    }
+  }
+  KmParamEntry* entry = &record->params[record->len];
+  EncodeEntry(param, entry);
+  if (IsByteValued(param.tag) && param.blob.data_length != 0) {
+    SetEntryOffset(entry, record->data_len);
+    const int32_t result = AppendBytes(record, param.blob, reserved);
+    if (result != 0) {
+      return result;
+    }
+  }
+  ++record->len;
+  return 0;
+}
+
+// ListBuilder builds one list of a whole set. It is measured before it is filled, so that a long
+// list is not moved each time it grows.
+class ListBuilder {
+ public:
+  KmParams* record() { return &owner_.record; }
+
+  void Measure(const keymaster_key_param_t& param) {
+    ++entries_;
+    if (IsByteValued(param.tag)) {
+      bytes_ += static_cast<uint32_t>(param.blob.data_length);
+    }
+  }
+  // A list too long for its counters is not reserved: adding to it will fail.
+  bool Reserve() {
+    KmParams* record = &owner_.record;
+    if (entries_ > record->capacity && entries_ < kMaxEntries) {
+      free(record->params);
+      record->params = AllocateSlots(static_cast<uint32_t>(entries_));
+      record->capacity = static_cast<uint32_t>(entries_);
+      if (record->params == nullptr) {
+        return false;
+      }
+    }
+    if (bytes_ != 0 && bytes_ <= UINT32_MAX) {
+      reserved_ = static_cast<uint32_t>(bytes_);
+      record->data = AllocateBytes(reserved_).release();
+      return record->data != nullptr;
+    }
+    return true;
+  }
+  bool Add(const keymaster_key_param_t& param) {
+    return AddParam(&owner_.record, param, reserved_) == 0;
+  }
+
+ private:
+  KmParamsOwner owner_;
+  size_t entries_ = 0;
+  uint64_t bytes_ = 0;
+  uint32_t reserved_ = 0;
+};
 
 // Adds to a 32-bit total; false when it would wrap.
 bool Accumulate(uint64_t amount, uint32_t* total) {
@@ -163,23 +230,7 @@ int32_t AddKmParams(KmParams* km_params, const keymaster_key_param_t* param) {
   if (km_params == nullptr || param == nullptr) {
     return -EINVAL;
   }
-  if (km_params->len == km_params->capacity) {
-    const int32_t result = GrowSlots(km_params);
-    if (result != 0) {
-      return result;
-    }
-  }
-  KmParamEntry* entry = &km_params->params[km_params->len];
-  EncodeEntry(*param, entry);
-  if (IsByteValued(param->tag) && param->blob.data_length != 0) {
-    SetEntryOffset(entry, km_params->data_len);
-    const int32_t result = AppendBytes(km_params, param->blob);
-    if (result != 0) {
-      return result;
-    }
-  }
-  ++km_params->len;
-  return 0;
+  return AddParam(km_params, *param, 0);
 }
 
 int32_t SerializeKmParams(const KmParams* first, KmParams* second, uint8_t** out,
@@ -222,17 +273,24 @@ int32_t BuildKmParams(const keymaster_key_param_set_t* params, uint8_t** out, ui
       (params->length != 0 && params->params == nullptr)) {
     return -EINVAL;
   }
-  KmParamsOwner first;
-  KmParamsOwner second;
-  if (InitKmParams(&first.record) != 0 || InitKmParams(&second.record) != 0) {
+  ListBuilder first;
+  ListBuilder second;
+  if (InitKmParams(first.record()) != 0 || InitKmParams(second.record()) != 0) {
+    return -ENOMEM;
+  }
+  const auto list_of = [&](const keymaster_key_param_t& param) {
+    return IsKeyDefinitionTag(param.tag) ? &first : &second;
+  };
+  for (size_t i = 0; i < params->length; ++i) {
+    list_of(params->params[i])->Measure(params->params[i]);
+  }
+  if (!first.Reserve() || !second.Reserve()) {
     return -ENOMEM;
   }
   for (size_t i = 0; i < params->length; ++i) {
-    const keymaster_key_param_t* param = &params->params[i];
-    KmParams* list = IsKeyDefinitionTag(param->tag) ? &first.record : &second.record;
-    if (AddKmParams(list, param) != 0) {
+    if (!list_of(params->params[i])->Add(params->params[i])) {
       return -ENOMEM;
     }
   }
-  return SerializeKmParams(&first.record, &second.record, out, out_len) == 0 ? 0 : -ENOMEM;
+  return SerializeKmParams(first.record(), second.record(), out, out_len) == 0 ? 0 : -ENOMEM;
 }

@@ -7,6 +7,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "session.h"
 
 namespace {
 
@@ -22,9 +23,7 @@ struct GlobalArgs {
 // What stands around the library reads these when the TEE context is made.
 void ApplyToEnvironment(const GlobalArgs& args) {
   if (!args.state.empty()) setenv("KEYMASTER_TA_STATE", args.state.c_str(), 1);
-  // The library tells of its progress at error level too, under a tag of its own; what the
-  // transport says at that level are failures.
-  setenv("ANDROID_LOG_TAGS", args.verbose ? "*:V" : "KeyMaster:E *:S", 0);
+  setenv("ANDROID_LOG_TAGS", args.verbose ? "*:V" : kConnectingLogTags, 0);
   if (args.trace) setenv("TEE_TRACE", "1", 1);
 }
 

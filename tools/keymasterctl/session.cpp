@@ -1,6 +1,7 @@
 #include "session.h"
 
 #include <stdlib.h>
+#include <string.h>
 
 #include "errors.h"
 
@@ -15,6 +16,14 @@ void Release(keymaster_key_param_set_t* set) {
   *set = {};
 }
 
+// The user's own filter stays.
+void ShowErrorsFromHere() {
+  const char* tags = getenv("ANDROID_LOG_TAGS");
+  if (tags != nullptr && strcmp(tags, kConnectingLogTags) == 0) {
+    setenv("ANDROID_LOG_TAGS", kConnectedLogTags, 1);
+  }
+}
+
 }  // namespace
 
 Session::Session(Start start) {
@@ -26,6 +35,7 @@ Session::Session(Start start) {
   } else {
     Check("connecting to the TEE", context_.InitTeeContext());
   }
+  ShowErrorsFromHere();
 }
 
 Session::~Session() { context_.FinishTeeContext(); }

@@ -9,6 +9,11 @@
 
 #include "files.h"
 
+// The log filter while the tool connects: the library tells of its start-up at error level under
+// a tag of its own. Once connected, the tool shows all errors.
+constexpr const char* kConnectingLogTags = "KeyMaster:E *:S";
+constexpr const char* kConnectedLogTags = "*:E";
+
 // Session connects to the keymaster TA for one command and disconnects at its end.
 class Session {
  public:
