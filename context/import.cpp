@@ -15,10 +15,6 @@ namespace {
 
 thread_local bool g_wrappedKeyImport = false;
 
-// The import type that travels to the TA with a caller's key.
-constexpr uint8_t kImportCaller = 1;
-constexpr uint8_t kImportUnwrapped = 2;
-
 bool EncodeRsa(const EVP_PKEY* key, SecretBuffer* material) {
   const CryptoPtr<RSA> rsa(EVP_PKEY_get1_RSA(const_cast<EVP_PKEY*>(key)));
   if (rsa == nullptr) {
@@ -98,6 +94,26 @@ WrappedImportScope::WrappedImportScope() { g_wrappedKeyImport = true; }
 
 WrappedImportScope::~WrappedImportScope() { g_wrappedKeyImport = false; }
 
+int32_t SendImport(const SerializedParams& params, const uint8_t* key_material, uint32_t length,
+                   ImportSource source, ImportReplies* replies) {
+  if (!replies->key_blob.allocated()) {
+    KM_LOGE("%s : alloc keyblob payload failed", kLogFailure);
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  }
+  if (!replies->characteristics.allocated()) {
+    KM_LOGE("%s : alloc key character failed", kLogFailure);
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  }
+  const uint32_t tee_result =
+      TeeImportKey(params.data(), params.length(), key_material, length, replies->key_blob.data(),
+                   replies->key_blob.length_in_out(), replies->characteristics.data(),
+                   replies->characteristics.length_in_out(), static_cast<uint8_t>(source));
+  if (tee_result != 0) {
+    KM_LOGE("%s : TeeImportKey failed, ret=0x%x", kLogFailure, tee_result);
+  }
+  return static_cast<int32_t>(tee_result);
+}
+
 namespace keymaster {
 
 int32_t KeymasterTivasContext::TivasKmImportKey(const keymaster_key_param_set_t* params,
@@ -128,33 +144,20 @@ int32_t KeymasterTivasContext::TivasKmImportKey(const keymaster_key_param_set_t*
   if (result != KM_ERROR_OK) {
     return result;
   }
-  ReplyBuffer blob_reply(kReplyCapacity);
-  if (!blob_reply.allocated()) {
-    KM_LOGE("%s : alloc keyblob payload failed", kLogFailure);
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
-  ReplyBuffer character_reply(kReplyCapacity);
-  if (!character_reply.allocated()) {
-    KM_LOGE("%s : alloc key character failed", kLogFailure);
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
-  const uint8_t import_type = g_wrappedKeyImport ? kImportUnwrapped : kImportCaller;
-  const uint32_t tee_result =
-      TeeImportKey(serialized.data(), serialized.length(), key.data, key.length, blob_reply.data(),
-                   blob_reply.length_in_out(), character_reply.data(),
-                   character_reply.length_in_out(), import_type);
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeImportKey failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
-  }
-  if (!ReplyFitsKeyBlob(blob_reply)) {
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
-  result = CopyReply(key_blob, blob_reply.length(), blob_reply.data());
+  ImportReplies replies;
+  const ImportSource source = g_wrappedKeyImport ? ImportSource::kUnwrapped : ImportSource::kCaller;
+  result = SendImport(serialized, key.data, key.length, source, &replies);
   if (result != KM_ERROR_OK) {
     return result;
   }
-  result = FillKeyCharacteristics(key_blob, characteristics, &character_reply);
+  if (!ReplyFitsKeyBlob(replies.key_blob)) {
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  result = CopyReply(key_blob, replies.key_blob.length(), replies.key_blob.data());
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  result = FillKeyCharacteristics(key_blob, characteristics, &replies.characteristics);
   if (result != KM_ERROR_OK) {
     return result;
   }

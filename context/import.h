@@ -1,6 +1,22 @@
-// What a wrapped import tells the plain import that it ends in.
+// The import command, which generation in software ends in too, and the mark of a wrapped import.
 #ifndef CONTEXT_IMPORT_H
 #define CONTEXT_IMPORT_H
+
+#include "context/owned_buffer.h"
+
+// Where a key comes from, as the TA is told with every import.
+enum class ImportSource : uint8_t { kGenerated = 0, kCaller = 1, kUnwrapped = 2 };
+
+// The two replies of the import command.
+struct ImportReplies {
+  ReplyBuffer key_blob{kReplyCapacity};
+  ReplyBuffer characteristics{kReplyCapacity};
+};
+
+// SendImport sends length bytes of key material with its description to the TA. 0; -41, or the
+// TEE result, after a message.
+int32_t SendImport(const SerializedParams& params, const uint8_t* key_material, uint32_t length,
+                   ImportSource source, ImportReplies* replies);
 
 // WrappedImportScope marks the imports made on this thread while it lives as the final step of a
 // wrapped import. Per thread, so that a plain import on another thread is never taken for one.

@@ -9,6 +9,37 @@
 
 using AfterFailure = CommandFrame::AfterFailure;
 
+namespace {
+
+// What characteristics, export, attestation and upgrade send alike: a key blob, parameters that
+// may be missing, and room for the reply.
+uint32_t SendKey(CommandFrame* command, const uint8_t* key_material, uint32_t key_material_size,
+                 const uint8_t* params, uint32_t params_len, uint8_t* out, uint32_t* out_len) {
+  uint32_t result = command->Start();
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  command->Input(0, key_material, key_material_size);
+  command->OptionalInput(1, params, params_len);
+  command->Output(2, out, *out_len);
+  result = command->Invoke();
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  *out_len = command->ReportedSize(2);
+  command->Close();
+  return TEEC_SUCCESS;
+}
+
+// What attestation and upgrade require, beside the TEE context.
+bool HasKeyAndParams(const uint32_t* out_len, const uint8_t* out, const uint8_t* params,
+                     const uint8_t* key_material) {
+  return out_len != nullptr && out != nullptr && params != nullptr && key_material != nullptr &&
+         GlobalTeeContext() != nullptr;
+}
+
+}  // namespace
+
 uint32_t TeeGenerateKey(const uint8_t* params, uint32_t params_len, uint8_t* key_blob,
                         uint32_t* key_blob_len, uint8_t* characteristics,
                         uint32_t* characteristics_len) {
@@ -52,19 +83,7 @@ uint32_t TeeGetKeyCharacteristics(const uint8_t* params, uint32_t params_len,
   }
   CommandFrame command(kCmdGetKeyCharacteristics, "TeeGetKeyCharacteristics",
                        AfterFailure::kNothing);
-  uint32_t result = command.Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command.Input(0, key_material, key_material_size);
-  command.OptionalInput(1, params, params_len);
-  command.Output(2, out, *out_len);
-  result = command.Invoke();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  *out_len = command.ReportedSize(2);
-  return TEEC_SUCCESS;
+  return SendKey(&command, key_material, key_material_size, params, params_len, out, out_len);
 }
 
 uint32_t TeeImportKey(const uint8_t* params, uint32_t params_len, const uint8_t* key_data,
@@ -115,55 +134,18 @@ uint32_t TeeExportKey(const uint8_t* params, uint32_t params_len, const uint8_t*
     return TEEC_ERROR_BAD_PARAMETERS;
   }
   CommandFrame command(kCmdExportKey, "TeeExportKey", AfterFailure::kNothing);
-  uint32_t result = command.Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command.Input(0, key_material, key_material_size);
-  command.OptionalInput(1, params, params_len);
-  command.Output(2, out, *out_len);
-  result = command.Invoke();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  *out_len = command.ReportedSize(2);
-  return TEEC_SUCCESS;
+  return SendKey(&command, key_material, key_material_size, params, params_len, out, out_len);
 }
-
-namespace {
-
-// Attestation and upgrade send the same: a key blob, parameters, and room for the reply.
-uint32_t SendKeyAndParams(CommandFrame* command, const uint8_t* key_material,
-                          uint32_t key_material_size, const uint8_t* params, uint32_t params_len,
-                          uint8_t* out, uint32_t* out_len) {
-  if (out_len == nullptr || out == nullptr || params == nullptr || key_material == nullptr ||
-      GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
-  }
-  uint32_t result = command->Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command->Input(0, key_material, key_material_size);
-  command->Input(1, params, params_len);
-  command->Output(2, out, *out_len);
-  result = command->Invoke();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  *out_len = command->ReportedSize(2);
-  command->Close();
-  return TEEC_SUCCESS;
-}
-
-}  // namespace
 
 uint32_t TeeAttestKey(const uint8_t* key_material, uint32_t key_material_size,
                       const uint8_t* params, uint32_t params_len, uint8_t* out, uint32_t* out_len) {
   TEE_LOGI("TEE_AttestKey entered.\n");
+  if (!HasKeyAndParams(out_len, out, params, key_material)) {
+    return RefuseArguments();
+  }
   CommandFrame command(kCmdAttestKey, "TeeAttestKey", AfterFailure::kFetchErrorRecord);
   const uint32_t result =
-      SendKeyAndParams(&command, key_material, key_material_size, params, params_len, out, out_len);
+      SendKey(&command, key_material, key_material_size, params, params_len, out, out_len);
   if (result == TEEC_SUCCESS) {
     TEE_LOGI("TEE_AttestKey success.\n");
   }
@@ -172,9 +154,11 @@ uint32_t TeeAttestKey(const uint8_t* key_material, uint32_t key_material_size,
 
 uint32_t TeeUpgrade(const uint8_t* key_material, uint32_t key_material_size, const uint8_t* params,
                     uint32_t params_len, uint8_t* out, uint32_t* out_len) {
+  if (!HasKeyAndParams(out_len, out, params, key_material)) {
+    return RefuseArguments();
+  }
   CommandFrame command(kCmdUpgrade, "TeeUpgrade", AfterFailure::kFetchErrorRecord);
-  return SendKeyAndParams(&command, key_material, key_material_size, params, params_len, out,
-                          out_len);
+  return SendKey(&command, key_material, key_material_size, params, params_len, out, out_len);
 }
 
 uint32_t TeeDeleteKey(const uint8_t* key_material, uint32_t key_material_size) {
