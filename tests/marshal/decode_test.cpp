@@ -11,21 +11,6 @@ namespace {
 
 using Decode = KeymasterTest;
 
-constexpr char kHardwareFailed[] = "E KeyMaster_Ts: Proc hw enforce failed, err=";
-
-// What one decoder made of a reply: its result, its lists, and what it logged.
-struct Outcome {
-  int32_t result;
-  std::string lists;  // "hw | sw", or the one list
-  Lines log;
-  bool operator==(const Outcome& o) const {
-    return result == o.result && lists == o.lists && log == o.log;
-  }
-};
-std::ostream& operator<<(std::ostream& out, const Outcome& o) {
-  return out << o.result << " {" << o.lists << "} " << ::testing::PrintToString(o.log);
-}
-
 // A malloc copy of exactly the reply's size lets a sanitizer see any read beyond it.
 std::unique_ptr<uint8_t, decltype(&free)> ExactCopy(const Bytes& reply) {
   uint8_t* block = static_cast<uint8_t*>(malloc(reply.size()));
@@ -42,21 +27,32 @@ std::string Take(int32_t result, keymaster_key_param_set_t* set) {
   return text;
 }
 
-Outcome Characteristics(const Bytes& reply) {
+// What came of a reply: "0: " and its lists, or "-22" and what was logged, each behind "; ".
+std::string Outcome(int32_t result, const std::string& lists) {
+  const std::string tag = "E KeyMaster_Ts: ";
+  std::string text = std::to_string(result) + (result == 0 ? ": " + lists : "");
+  for (const std::string& line : Log()) {
+    text += "; " + (line.compare(0, tag.size(), tag) == 0 ? line.substr(tag.size()) : line);
+  }
+  return text;
+}
+
+// "0: hardware | software".
+std::string Characteristics(const Bytes& reply) {
   platform().ClearRecords();
   keymaster_key_characteristics_t out{};
   const int32_t result =
       BuildKeyCharacter(ExactCopy(reply).get(), static_cast<uint32_t>(reply.size()), &out);
   const std::string hw = Take(result, &out.hw_enforced);
-  return {result, hw + " | " + Take(result, &out.sw_enforced), Log()};
+  return Outcome(result, hw + " | " + Take(result, &out.sw_enforced));
 }
 
-Outcome OneList(const Bytes& reply) {
+std::string OneList(const Bytes& reply) {
   platform().ClearRecords();
   keymaster_key_param_set_t out{};
   const int32_t result =
       BuildKeyParamSet(&out, ExactCopy(reply).get(), static_cast<uint32_t>(reply.size()));
-  return {result, Take(result, &out), Log()};
+  return Outcome(result, Take(result, &out));
 }
 
 Bytes Prefix(const Bytes& bytes, size_t length) {
@@ -70,43 +66,24 @@ Bytes SampleReply() {
   return Cat({WireList({Entry(KM_TAG_PURPOSE, 2), BytesEntry(KM_TAG_APPLICATION_ID, 0, 3)}),
               WireList({BytesEntry(KM_TAG_NONCE, 3, 5)}), Ramp(0x10, 8), Bytes(2, 0xEE)});
 }
-constexpr char kSampleLists[] = "20000001=2 90000259:101112 | 900003e9:1314151617";
-
-TEST_F(Decode, SplitsListsAndCopiesBytes) {
-  EXPECT_EQ((Outcome{0, kSampleLists, {}}), Characteristics(SampleReply()));
-  EXPECT_EQ((Outcome{0, " | ", {}}), Characteristics(Bytes(8)));
-  EXPECT_EQ((Outcome{0, "", {}}), OneList(Bytes(4)));
-  EXPECT_EQ((Outcome{0, "900003e9:0203 30000003=100", {}}),
-            OneList(Cat({WireList({BytesEntry(KM_TAG_NONCE, 1, 2), Entry(KM_TAG_KEY_SIZE, 256)}),
-                         Ramp(1, 4)})));
-  // What the serialiser writes comes back.
-  ParamSet set({{KM_TAG_APPLICATION_ID, Ramp(1, 16)}, {KM_TAG_PURPOSE, 3}});
-  uint8_t* out = nullptr;
-  uint32_t length = 0;
-  ASSERT_EQ(0, BuildKmParams(set.get(), &out, &length));
-  EXPECT_EQ((Outcome{0, "20000001=3 | 90000259:0102030405060708090a0b0c0d0e0f10", {}}),
-            Characteristics(Bytes(out, out + length)));
-  free(out);
-}
+constexpr char kSampleLists[] = "0: 20000001=2 90000259:101112 | 900003e9:1314151617";
+constexpr char kHardwareFailed[] = "Proc hw enforce failed, err=";
 
 TEST_F(Decode, ReadsEachTagType) {
-  const uint64_t value = 0x1122334455667701;
+  EXPECT_EQ("0:  | ", Characteristics(Bytes(8)));
+  EXPECT_EQ("0: ", OneList(Bytes(4)));
   const std::string narrow = "=55667701", wide = "=1122334455667701", none = "=0";
   const std::string expected[] = {none, narrow, narrow, narrow, narrow, wide, wide, "=1",
                                   ":",  ":",    wide,   none,   none,   none, none, none};
   for (uint32_t type = 0; type < 16; ++type) {
     const uint32_t tag = type << 28 | 0x321;
     // Empty bytes decode whatever their offset and without any blob area.
-    const Bytes entry = type == 8 || type == 9 ? BytesEntry(tag, 99, 0) : Entry(tag, value);
-    keymaster_key_param_set_t name{};
-    keymaster_key_param_t only{};
-    only.tag = static_cast<keymaster_tag_t>(tag);
-    name = {&only, 1};
-    std::string text = Describe(name);
-    text = text.substr(0, text.find_first_of("=:")) + expected[type];
-    EXPECT_EQ((Outcome{0, text, {}}), OneList(WireList({entry})));
-    EXPECT_EQ((Outcome{0, text + " | " + text, {}}),
-              Characteristics(Cat({WireList({entry}), WireList({entry})})));
+    const Bytes list =
+        WireList({IsByteValued(tag) ? BytesEntry(tag, 99, 0) : Entry(tag, 0x1122334455667701)});
+    const std::string name = type == 0 ? "321" : "0123456789abcdef"[type] + std::string("0000321");
+    const std::string text = name + expected[type];
+    EXPECT_EQ("0: " + text, OneList(list));
+    EXPECT_EQ("0: " + text + " | " + text, Characteristics(Cat({list, list})));
   }
 }
 
@@ -134,99 +111,72 @@ TEST_F(Decode, RefusesBadArgumentsWithoutTouchingTheOutput) {
 
 TEST_F(Decode, TruncationAtEachLengthLeavesNothing) {
   const Bytes reply = SampleReply();
-  ASSERT_EQ(66u, reply.size());
-  for (size_t n = 4; n <= reply.size(); ++n) {
-    Outcome expected{-22, " | ", {}};
-    if (n < 36) {
-      expected.log = {"E KeyMaster_Ts: 1 invalid key character size, 4-2-" + Number(n),
-                      std::string(kHardwareFailed) + "-22"};
-    } else if (n < 40) {
-      expected.log = {"E KeyMaster_Ts: 2 invalid key character size, 36-" + Number(n)};
-    } else if (n < 56) {
-      expected.log = {"E KeyMaster_Ts: 3 invalid key character size, 40-1-" + Number(n)};
-    } else if (n < 64) {
-      expected.result = -12;
-    } else {
-      expected = {0, kSampleLists, {}};
-    }
-    EXPECT_EQ(expected, Characteristics(Prefix(reply, n))) << n;
+  const std::string size = " invalid key character size, ";
+  for (size_t n = 4; n <= 66; ++n) {
+    const std::string expected =
+        n < 36   ? "-22; 1" + size + "4-2-" + Number(n) + "; " + kHardwareFailed + "-22"
+        : n < 40 ? "-22; 2" + size + "36-" + Number(n)
+        : n < 56 ? "-22; 3" + size + "40-1-" + Number(n)
+        : n < 64 ? "-12"
+                 : kSampleLists;
+    EXPECT_EQ(expected, Characteristics(Prefix(reply, n)));
   }
-  EXPECT_EQ((Outcome{-22, " | ", {"E KeyMaster_Ts: 2 invalid key character size, 4-4"}}),
-            Characteristics(Bytes(4)));
-  const Bytes list = Cat({WireList({Entry(1), BytesEntry(KM_TAG_NONCE, 0, 3)}), Ramp(7, 3)});
-  for (size_t n = 4; n < list.size(); ++n) {
-    const Lines log = n < 36 ? Lines{"E KeyMaster_Ts: invalid copy size, 2-" + Number(n)} : Lines();
-    EXPECT_EQ((Outcome{-12, "", log}), OneList(Prefix(list, n))) << n;
+  EXPECT_EQ("-22; 2" + size + "4-4", Characteristics(Bytes(4)));
+  const Bytes list = Cat({WireList({Entry(1), BytesEntry(KM_TAG_NONCE, 1, 2)}), Ramp(7, 3)});
+  for (size_t n = 4; n <= list.size(); ++n) {
+    EXPECT_EQ(n < 36   ? "-12; invalid copy size, 2-" + Number(n)
+              : n < 39 ? "-12"
+                       : "0: 1=0 900003e9:0809",
+              OneList(Prefix(list, n)));
   }
-  EXPECT_EQ((Outcome{0, "1=0 900003e9:070809", {}}), OneList(list));
 }
 
 TEST_F(Decode, RefusesCountsThatTheReplyCannotHold) {
-  const std::string hw = std::string(kHardwareFailed) + "-22";
-  for (const uint32_t count : {3u, 0x08000000u, 0x0AAAAAAAu, 0x0AAAAAABu, 0x10000000u, 0x10000002u,
-                               0x80000000u, 0xFFFFFFFFu}) {
-    SCOPED_TRACE(count);
-    const bool too_many = count > 0x0AAAAAAA;
-    const std::string size = "invalid key character size, ";
-    Lines log = {"E KeyMaster_Ts: 1 " + size + "4-" + Number(count) + "-51", hw};
+  const std::string hw = std::string("; ") + kHardwareFailed + "-22";
+  for (const uint32_t count :
+       {3u, 0x08000000u, 0x0AAAAAAAu, 0x0AAAAAABu, 0x10000002u, 0xFFFFFFFFu}) {
+    const auto size = [count](const std::string& place, const char* length) {
+      // Above this not even the decoded array could be.
+      if (count > 0x0AAAAAAA) return std::string();
+      return "; " + place + Number(count) + length;
+    };
+    const std::string text = " invalid key character size, ";
     FailCall(Call::kMalloc, 0);
-    EXPECT_EQ((Outcome{-22, " | ", too_many ? Lines{hw} : log}),
+    EXPECT_EQ("-22" + size("1" + text + "4-", "-51") + hw,
               Characteristics(Cat({Le32(count), Bytes(47)})));
+    EXPECT_EQ("-12; invalid copy size, " + Number(count) + "-51",
+              OneList(Cat({Le32(count), Bytes(47)})));
     EXPECT_EQ(0, CallCount(Call::kMalloc));
-    log = {"E KeyMaster_Ts: 3 " + size + "24-" + Number(count) + "-71"};
-    EXPECT_EQ((Outcome{-22, " | ", too_many ? Lines() : log}),
+    EXPECT_EQ("-22" + size("3" + text + "24-", "-71"),
               Characteristics(Cat({WireList({Entry(1)}), Le32(count), Bytes(47)})));
-    // With so many entries it may be the array's allocation that fails, which says nothing.
-    const Outcome one = OneList(Cat({Le32(count), Bytes(47)}));
-    EXPECT_EQ(-12, one.result);
-    EXPECT_TRUE(count > 3 || one.log == Lines{"E KeyMaster_Ts: invalid copy size, 3-51"});
   }
 }
 
 TEST_F(Decode, RefusesBytesOutsideTheBlobArea) {
-  const struct {
-    uint32_t offset, length;
-    bool fits;
-  } cases[] = {{0, 8, true},           {0, 1, true},
-               {7, 1, true},           {8, 0, true},
-               {0xFFFFFFFF, 0, true},  {1, 8, false},
-               {0, 9, false},          {8, 1, false},
-               {9, 1, false},          {0xFFFFFFFF, 1, false},
-               {0xFFFFFFFF, 2, false}, {1, 0xFFFFFFFF, false},
-               {0, 0x80000000, false}, {0x80000000, 0x80000000, false}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(Number(c.offset) + " " + Number(c.length));
-    const Bytes good = BytesEntry(KM_TAG_NONCE, 0, 2);
+  const Bytes good = BytesEntry(KM_TAG_NONCE, 0, 2), area = Ramp(1, 8);
+  constexpr uint32_t kFits[][2] = {{0, 8}, {7, 1}, {8, 0}, {0xFFFFFFFF, 0}};
+  constexpr uint32_t kOutside[][2] = {
+      {1, 8},          {0, 9},          {8, 1},          {9, 1},
+      {0xFFFFFFFF, 1}, {0xFFFFFFFF, 2}, {1, 0xFFFFFFFF}, {0x80000000, 0x80000000}};
+  const auto check = [&](uint32_t offset, uint32_t length, const char* code) {
+    SCOPED_TRACE(Number(offset) + " " + Number(length));
     for (const uint32_t tag : {0x80000001u, 0x90000001u}) {
-      const Bytes entry = BytesEntry(tag, c.offset, c.length);
-      const Bytes area = Ramp(1, 8);
-      EXPECT_EQ(c.fits ? 0 : -12, OneList(Cat({WireList({good, entry}), area})).result);
-      EXPECT_EQ(c.fits ? 0 : -12,
-                Characteristics(Cat({WireList({good, entry}), WireList({good}), area})).result);
-      EXPECT_EQ(c.fits ? 0 : -12,
-                Characteristics(Cat({WireList({good}), WireList({good, entry}), area})).result);
+      const Bytes list = WireList({good, BytesEntry(tag, offset, length)});
+      EXPECT_EQ(code, OneList(Cat({list, area})).substr(0, 3));
+      EXPECT_EQ(code, Characteristics(Cat({list, WireList({good}), area})).substr(0, 3));
+      EXPECT_EQ(code, Characteristics(Cat({WireList({good}), list, area})).substr(0, 3));
     }
-  }
+  };
+  for (const auto& [offset, length] : kFits) check(offset, length, "0: ");
+  for (const auto& [offset, length] : kOutside) check(offset, length, "-12");
 }
 
-TEST_F(Decode, AFailedAllocationOrCopyLeavesNothing) {
-  const Lines hw = {std::string(kHardwareFailed) + "-12"};
-  ForEachFault({Call::kMalloc, Call::kMemcpyS}, [&](const Fault& fault) {
-    fault.Arm();
-    const Outcome outcome = Characteristics(SampleReply());
-    const bool array_failed = fault.call == Call::kMalloc && fault.nth == 1;
-    EXPECT_EQ(fault.Hit() ? (Outcome{-12, " | ", array_failed ? hw : Lines()})
-                          : (Outcome{0, kSampleLists, {}}),
-              outcome);
-  });
-  ForEachFault({Call::kMalloc, Call::kMemcpyS}, [&](const Fault& fault) {
-    fault.Arm();
-    const Outcome outcome = OneList(Cat(
-        {WireList({BytesEntry(KM_TAG_NONCE, 0, 2), BytesEntry(KM_TAG_NONCE, 2, 2)}), Bytes(4)}));
-    EXPECT_EQ(
-        fault.Hit() ? (Outcome{-12, "", {}}) : (Outcome{0, "900003e9:0000 900003e9:0000", {}}),
-        outcome);
-  });
+TEST_F(Decode, OnlyTheFirstArraysFailureIsLogged) {
+  for (const int nth : {1, 2, 3}) {
+    FailCall(Call::kMalloc, nth);
+    EXPECT_EQ(nth == 1 ? std::string("-12; ") + kHardwareFailed + "-12" : "-12",
+              Characteristics(SampleReply()));
+  }
 }
 
 }  // namespace
