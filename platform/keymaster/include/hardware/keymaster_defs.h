@@ -296,12 +296,12 @@ typedef struct {
 typedef struct {
   keymaster_tag_t tag;
   union {
-    uint32_t enumerated;   // KM_ENUM, KM_ENUM_REP
-    bool boolean;          // KM_BOOL
-    uint32_t integer;      // KM_UINT, KM_UINT_REP
-    uint64_t long_integer; // KM_ULONG, KM_ULONG_REP
-    uint64_t date_time;    // KM_DATE, milliseconds since 1970
-    keymaster_blob_t blob; // KM_BIGNUM, KM_BYTES
+    uint32_t enumerated;    // KM_ENUM, KM_ENUM_REP
+    bool boolean;           // KM_BOOL
+    uint32_t integer;       // KM_UINT, KM_UINT_REP
+    uint64_t long_integer;  // KM_ULONG, KM_ULONG_REP
+    uint64_t date_time;     // KM_DATE, milliseconds since 1970
+    keymaster_blob_t blob;  // KM_BIGNUM, KM_BYTES
   };
 } keymaster_key_param_t;
 
