@@ -1,5 +1,6 @@
 #include "command_parameters.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -11,12 +12,12 @@ constexpr uint32_t kOut = 2;
 constexpr uint32_t kReference = 4;
 
 bool IsKnown(uint32_t type) { return type <= TEEC_MEMREF_TEMP_INOUT && type != kReference; }
-bool IsIn(uint32_t type) { return (type & kIn) != 0; }
-bool IsOut(uint32_t type) { return (type & kOut) != 0; }
 
 }  // namespace
 
 bool IsMemoryReference(uint32_t type) { return (type & kReference) != 0; }
+bool IsInput(uint32_t type) { return (type & kIn) != 0; }
+bool IsOutput(uint32_t type) { return (type & kOut) != 0; }
 
 SecretBytes::~SecretBytes() {
   if (data_ != nullptr) explicit_bzero(data_, size_);
@@ -36,7 +37,7 @@ TEEC_Result CommandParameters::CopyReferenceIn(uint32_t index) {
   if (!copies_[index].Allocate(reference.size)) return TEEC_ERROR_OUT_OF_MEMORY;
   ta_[index].buffer = copies_[index].data();
   ta_[index].size = reference.size;
-  if (IsIn(TypeOf(index))) std::memcpy(ta_[index].buffer, reference.buffer, reference.size);
+  if (IsInput(TypeOf(index))) std::memcpy(ta_[index].buffer, reference.buffer, reference.size);
   return TEEC_SUCCESS;
 }
 
@@ -51,7 +52,7 @@ TEEC_Result CommandParameters::CopyIn(const TEEC_Operation* operation) {
     if (IsMemoryReference(type)) {
       const TEEC_Result result = CopyReferenceIn(index);
       if (result != TEEC_SUCCESS) return result;
-    } else if (IsIn(type)) {
+    } else if (IsInput(type)) {
       ta_[index].a = caller_[index].value.a;
       ta_[index].b = caller_[index].value.b;
     }
@@ -63,19 +64,20 @@ Reply CommandParameters::CopyOut(Reply ta, TEEC_Operation* operation) const {
   if (ta.result != TEEC_SUCCESS && ta.result != TEEC_ERROR_SHORT_BUFFER) return ta;
   bool overflow = false;
   for (uint32_t index = 0; index < kCount; ++index) {
-    if (!IsMemoryReference(TypeOf(index)) || !IsOut(TypeOf(index))) continue;
+    if (!IsMemoryReference(TypeOf(index)) || !IsOutput(TypeOf(index))) continue;
     operation->params[index].tmpref.size = ta_[index].size;
     overflow = overflow || ta_[index].size > CapacityOf(index);
   }
   if (ta.result != TEEC_SUCCESS) return ta;
-  if (overflow) return {TEEC_ERROR_SHORT_BUFFER, TEEC_ORIGIN_TEE};
+  if (overflow && !believes_sizes_) return {TEEC_ERROR_SHORT_BUFFER, TEEC_ORIGIN_TEE};
   for (uint32_t index = 0; index < kCount; ++index) {
     const uint32_t type = TypeOf(index);
-    if (!IsOut(type)) continue;
+    if (!IsOutput(type)) continue;
     if (!IsMemoryReference(type)) {
       operation->params[index].value = {ta_[index].a, ta_[index].b};
-    } else if (ta_[index].size != 0) {
-      std::memcpy(caller_[index].tmpref.buffer, copies_[index].data(), ta_[index].size);
+    } else {
+      const uint32_t fits = std::min(ta_[index].size, CapacityOf(index));
+      if (fits != 0) std::memcpy(caller_[index].tmpref.buffer, copies_[index].data(), fits);
     }
   }
   return ta;

@@ -39,10 +39,13 @@ class CommandParameters {
   // and with TEEC_ERROR_SHORT_BUFFER, contents with success only. A TA that claims to have
   // produced more than fits is answered for with TEEC_ERROR_SHORT_BUFFER.
   Reply CopyOut(Reply ta, TEEC_Operation* operation) const;
+  // BelieveSizes has CopyOut hand on sizes beyond the capacity as they are, with a success too.
+  void BelieveSizes() { believes_sizes_ = true; }
 
   uint32_t types() const { return types_; }
   uint32_t TypeOf(uint32_t index) const { return TEEC_PARAM_TYPE_GET(types_, index); }
-  // The size that the caller gave for a memory reference.
+  // What the caller gave, and of that the size of a memory reference.
+  const TEEC_Parameter& Given(uint32_t index) const { return caller_[index]; }
   uint32_t CapacityOf(uint32_t index) const { return caller_[index].tmpref.size; }
   TaParam* ta_params() { return ta_; }
   const TaParam* ta_params() const { return ta_; }
@@ -51,6 +54,7 @@ class CommandParameters {
   TEEC_Result CopyReferenceIn(uint32_t index);
 
   uint32_t types_ = 0;
+  bool believes_sizes_ = false;
   // As the operation stood at the start: the caller's own record may change under the command.
   TEEC_Parameter caller_[kCount] = {};
   SecretBytes copies_[kCount];
@@ -58,5 +62,7 @@ class CommandParameters {
 };
 
 bool IsMemoryReference(uint32_t type);
+bool IsInput(uint32_t type);
+bool IsOutput(uint32_t type);
 
 #endif  // PLATFORM_TEE_CLIENT_COMMAND_PARAMETERS_H

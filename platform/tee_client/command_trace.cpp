@@ -1,37 +1,64 @@
 #include "command_trace.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
+
+#include "param_trace.h"
+#include "trace_names.h"
 
 namespace {
 
-const char* const kTypeNames[16] = {"NONE",
-                                    "VALUE_INPUT",
-                                    "VALUE_OUTPUT",
-                                    "VALUE_INOUT",
-                                    "?",
-                                    "MEMREF_TEMP_INPUT",
-                                    "MEMREF_TEMP_OUTPUT",
-                                    "MEMREF_TEMP_INOUT",
-                                    "?",
-                                    "?",
-                                    "?",
-                                    "?",
-                                    "?",
-                                    "?",
-                                    "?",
-                                    "?"};
-
-std::string Describe(const CommandParameters& parameters, uint32_t index) {
-  const uint32_t type = parameters.TypeOf(index);
-  std::string text = kTypeNames[type];
-  if (!IsMemoryReference(type)) return text;
-  text += " " + std::to_string(parameters.CapacityOf(index));
-  if (type != TEEC_MEMREF_TEMP_INPUT) {
-    text += "->" + std::to_string(parameters.ta_params()[index].size);
+const char* TypeName(uint32_t type) {
+  switch (type) {
+    case TEEC_NONE:
+      return "NONE";
+    case TEEC_VALUE_INPUT:
+      return "VALUE_INPUT";
+    case TEEC_VALUE_OUTPUT:
+      return "VALUE_OUTPUT";
+    case TEEC_VALUE_INOUT:
+      return "VALUE_INOUT";
+    case TEEC_MEMREF_TEMP_INPUT:
+      return "MEMREF_TEMP_INPUT";
+    case TEEC_MEMREF_TEMP_OUTPUT:
+      return "MEMREF_TEMP_OUTPUT";
+    default:
+      return "MEMREF_TEMP_INOUT";
   }
+}
+
+std::string ValueText(uint32_t a, uint32_t b) {
+  char text[32];
+  (void)snprintf(text, sizeof(text), "0x%x,0x%x", a, b);
   return text;
+}
+
+// How much of the TA's copy means something: an input's bytes, or what a success produced.
+uint32_t LengthOf(const CommandParameters& parameters, uint32_t index, Reply reply) {
+  const bool is_output = IsOutput(parameters.TypeOf(index));
+  if (is_output && reply.result != TEEC_SUCCESS) return 0;
+  const uint32_t capacity = parameters.CapacityOf(index);
+  return is_output ? std::min(parameters.ta_params()[index].size, capacity) : capacity;
+}
+
+std::string Describe(const CommandParameters& parameters, uint32_t index, Reply reply,
+                     Content content) {
+  const uint32_t type = parameters.TypeOf(index);
+  const TaParam& ta = parameters.ta_params()[index];
+  std::string text = TypeName(type);
+  if (type == TEEC_NONE) return text;
+  if (!IsMemoryReference(type)) {
+    const TEEC_Value& given = parameters.Given(index).value;
+    if (IsInput(type)) text += " " + ValueText(given.a, given.b);
+    if (IsOutput(type)) text += "->" + ValueText(ta.a, ta.b);
+    return text;
+  }
+  text += " " + std::to_string(parameters.CapacityOf(index));
+  if (IsOutput(type)) text += "->" + std::to_string(ta.size);
+  const uint32_t length = LengthOf(parameters, index, reply);
+  return content == Content::kSecret || length == 0 ? text
+                                                    : text + " " + FirstBytes(ta.buffer, length);
 }
 
 const char* OriginName(uint32_t origin) {
@@ -47,20 +74,49 @@ const char* OriginName(uint32_t origin) {
   }
 }
 
+std::string DescribeKeyParams(const CommandParameters& parameters, Reply reply,
+                              const CommandName& command, bool with_secrets) {
+  std::string text;
+  for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
+    const Content content = command.content[i];
+    const uint32_t lists = content == Content::kTwoLists ? 2 : content == Content::kOneList ? 1 : 0;
+    const uint32_t length =
+        IsMemoryReference(parameters.TypeOf(i)) ? LengthOf(parameters, i, reply) : 0;
+    if (lists == 0 || length == 0) continue;
+    const std::string label = "tee:   params[" + std::to_string(i) + "]";
+    text += DecodeKeyParams(label, parameters.ta_params()[i].buffer, length, lists, with_secrets);
+  }
+  return text;
+}
+
 }  // namespace
 
-bool IsTracing() {
+TraceLevel TraceLevelNow() {
   const char* value = getenv("TEE_TRACE");
-  return value != nullptr && value[0] == '1' && value[1] == '\0';
+  const std::string text = value == nullptr ? "" : value;
+  if (text == "secrets") return TraceLevel::kSecrets;
+  if (text == "params") return TraceLevel::kParams;
+  return text == "1" ? TraceLevel::kCommands : TraceLevel::kOff;
 }
 
 void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply reply,
                   std::chrono::microseconds duration) {
+  const TraceLevel level = TraceLevelNow();
+  const CommandName& name = NameOfCommand(command);
   std::string types;
-  for (uint32_t index = 0; index < CommandParameters::kCount; ++index) {
-    types += (index == 0 ? "" : ", ") + Describe(parameters, index);
+  for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
+    types += (i == 0 ? "" : ", ") + Describe(parameters, i, reply, name.content[i]);
   }
-  (void)fprintf(stderr, "tee: command %u (%s) result 0x%08x from %s, %lld us\n", command,
-                types.c_str(), reply.result, OriginName(reply.origin),
-                static_cast<long long>(duration.count()));
+  std::string params;
+  if (level >= TraceLevel::kParams) {
+    params = DescribeKeyParams(parameters, reply, name, level == TraceLevel::kSecrets);
+  }
+  // In one call: the lines of a command stay together.
+  (void)fprintf(stderr, "tee: command %u %s (%s) result 0x%08x from %s, %lld us\n%s", command,
+                name.name, types.c_str(), reply.result, OriginName(reply.origin),
+                static_cast<long long>(duration.count()), params.c_str());
+}
+
+void TraceEvent(const std::string& text) {
+  if (TraceLevelNow() != TraceLevel::kOff) (void)fprintf(stderr, "tee: %s\n", text.c_str());
 }

@@ -1,16 +1,23 @@
-// One line a command on standard error, while the environment variable TEE_TRACE is 1.
+// What TEE_TRACE shows on standard error, a line a command: "1" the command, "params" also the
+// key parameters in it, "secrets" also the values of those that are secret. What a key is made
+// of, and what an operation takes in and puts out, are never shown.
 #ifndef PLATFORM_TEE_CLIENT_COMMAND_TRACE_H
 #define PLATFORM_TEE_CLIENT_COMMAND_TRACE_H
 
 #include <chrono>
+#include <string>
 
 #include "command_parameters.h"
 
-bool IsTracing();
+enum class TraceLevel { kOff, kCommands, kParams, kSecrets };
 
-// TraceCommand prints a command's id, parameter types and sizes, result, origin and duration,
-// and never a value or a byte of its parameters.
+TraceLevel TraceLevelNow();
+
+// TraceCommand prints a command's name, its parameters with their first bytes, result, origin and
+// duration.
 void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply reply,
                   std::chrono::microseconds duration);
+// TraceEvent prints a line about something else, if there is a trace.
+void TraceEvent(const std::string& text);
 
 #endif  // PLATFORM_TEE_CLIENT_COMMAND_TRACE_H

@@ -1,8 +1,11 @@
 #include "fault_plan.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <random>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -10,49 +13,104 @@ namespace {
 struct FaultPlan {
   std::string text;
   uint32_t command = 0;
-  TEEC_Result code = TEEC_SUCCESS;
-  uint32_t times = 0;
+  PlannedFault fault;
+  uint32_t nth = 1;
+  uint32_t times = 1;
+  uint32_t seen = 0;
+  bool is_active = false;
 };
 
-// ReadField takes "name=number" off *text.
-bool ReadField(const char** text, const std::string& name, uint32_t* value) {
-  const std::string prefix = name + "=";
-  if (std::string(*text).compare(0, prefix.size(), prefix) != 0) return false;
+bool ReadNumber(const std::string& text, uint32_t* value) {
+  if (text.empty() || text[0] < '0' || text[0] > '9') return false;
   char* end = nullptr;
-  const unsigned long long number = strtoull(*text + prefix.size(), &end, 0);
-  if (end == *text + prefix.size() || number > UINT32_MAX) return false;
+  const unsigned long long number = strtoull(text.c_str(), &end, 0);
   *value = static_cast<uint32_t>(number);
-  *text = end;
+  return *end == '\0' && number <= UINT32_MAX;
+}
+
+bool ReadField(const std::string& name, uint32_t value, FaultPlan* plan) {
+  const struct {
+    const char* name;
+    uint32_t* value;
+  } kFields[] = {
+      {"code", &plan->fault.code},   {"garbage", &plan->fault.garbage},
+      {"crash", &plan->fault.crash}, {"delay", &plan->fault.delay_ms},
+      {"lie", &plan->fault.lie},     {"length", &plan->fault.length},
+      {"nth", &plan->nth},           {"times", &plan->times},
+  };
+  const auto* const found = std::find_if(std::begin(kFields), std::end(kFields),
+                                         [&name](const auto& field) { return name == field.name; });
+  if (found == std::end(kFields)) return false;
+  *found->value = value;
+  plan->fault.has_length = plan->fault.has_length || name == "length";
   return true;
+}
+
+bool ReadFields(FaultPlan* plan) {
+  std::istringstream fields(plan->text);
+  bool is_first = true;
+  for (std::string field; std::getline(fields, field, ','); is_first = false) {
+    const std::string name = field.substr(0, field.find('='));
+    uint32_t value = 0;
+    if (name.size() == field.size() || !ReadNumber(field.substr(name.size() + 1), &value)) {
+      return false;
+    }
+    if (is_first) plan->command = value;
+    if (is_first ? name != "cmd" : !ReadField(name, value, plan)) return false;
+  }
+  const PlannedFault& fault = plan->fault;
+  return fault.code != TEEC_SUCCESS || fault.garbage != 0 || fault.crash != 0 ||
+         fault.delay_ms != 0 || fault.has_length;
 }
 
 FaultPlan ReadPlan(const char* text) {
   FaultPlan plan;
   plan.text = text;
-  if (*text == '\0') return plan;
-  plan.times = 1;
-  const bool valid = ReadField(&text, "cmd", &plan.command) &&
-                     ReadField(&text, ",code", &plan.code) &&
-                     (*text == '\0' || ReadField(&text, ",times", &plan.times)) && *text == '\0' &&
-                     plan.code != TEEC_SUCCESS;
-  if (!valid) {
-    (void)fprintf(stderr, "tee: TEE_FAULT=\"%s\" is not understood and ignored\n",
-                  plan.text.c_str());
-    plan.times = 0;
+  if (plan.text.empty()) return plan;
+  plan.is_active = ReadFields(&plan);
+  if (!plan.is_active) {
+    (void)fprintf(stderr, "tee: TEE_FAULT=\"%s\" is not understood and ignored\n", text);
   }
   return plan;
 }
 
 }  // namespace
 
-bool TakePlannedFault(uint32_t command, TEEC_Result* code) {
+bool TakePlannedFault(uint32_t command, PlannedFault* fault) {
   static std::mutex mutex;
   static auto* const plan = new FaultPlan;  // outlives callers in destructors at exit
-  const char* text = getenv("TEE_FAULT");
+  const char* variable = getenv("TEE_FAULT");
+  const char* text = variable == nullptr ? "" : variable;
   const std::lock_guard<std::mutex> lock(mutex);
-  if (plan->text != (text == nullptr ? "" : text)) *plan = ReadPlan(text == nullptr ? "" : text);
-  if (plan->times == 0 || plan->command != command) return false;
-  --plan->times;
-  *code = plan->code;
+  if (plan->text != text) *plan = ReadPlan(text);
+  if (!plan->is_active || plan->command != command) return false;
+  ++plan->seen;
+  if (plan->seen < plan->nth || plan->seen - plan->nth >= plan->times) return false;
+  *fault = plan->fault;
   return true;
+}
+
+bool AnswerInstead(const PlannedFault& fault, CommandParameters* parameters, Reply* reply) {
+  *reply = {fault.code, TEEC_ORIGIN_TRUSTED_APP};
+  if (fault.code != TEEC_SUCCESS || fault.garbage == 0) return fault.code != TEEC_SUCCESS;
+  std::random_device random;
+  for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
+    if (!IsOutput(parameters->TypeOf(i))) continue;
+    TaParam& param = parameters->ta_params()[i];
+    param.a = random();
+    param.b = random();
+    std::generate_n(param.buffer, param.size, [&] { return static_cast<uint8_t>(random()); });
+  }
+  return true;
+}
+
+void BendLength(const PlannedFault& fault, Reply reply, CommandParameters* parameters) {
+  if (!fault.has_length || reply.result != TEEC_SUCCESS) return;
+  for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
+    const uint32_t type = parameters->TypeOf(i);
+    if (!IsMemoryReference(type) || !IsOutput(type)) continue;
+    parameters->ta_params()[i].size = fault.length;
+    if (fault.lie != 0) parameters->BelieveSizes();
+    return;
+  }
 }

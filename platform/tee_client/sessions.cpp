@@ -1,37 +1,42 @@
 #include "sessions.h"
 
-#include "fault_plan.h"
+#include <chrono>
+#include <thread>
 
-template <typename Call>
-Reply Session::CallApp(Call call) {
-  try {
-    return {call(), TEEC_ORIGIN_TRUSTED_APP};
-  } catch (...) {
-    state_ = State::kDead;
-    return {TEEC_ERROR_TARGET_DEAD, TEEC_ORIGIN_TEE};
-  }
-}
+#include "fault_plan.h"
 
 Reply Session::Open(uint32_t login, CommandParameters* parameters, TEEC_Operation* operation) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  Reply reply = CallApp([&] {
-    return app_.open_session(login, parameters->types(), parameters->ta_params(), &ta_session_);
-  });
+  Reply reply = app_->Open(login, parameters);
   state_ = reply.result == TEEC_SUCCESS ? State::kOpen : State::kClosed;
   reply = parameters->CopyOut(reply, operation);
   if (reply.result != TEEC_SUCCESS) CloseLocked();
   return reply;
 }
 
+Reply Session::CallApp(uint32_t command, CommandParameters* parameters) {
+  PlannedFault fault;
+  if (!TakePlannedFault(command, &fault)) return app_->Invoke(command, parameters);
+  Reply reply = kTargetDead;
+  if (fault.crash) {
+    app_->Kill();
+  } else if (!AnswerInstead(fault, parameters, &reply)) {
+    reply = app_->Invoke(command, parameters);
+    BendLength(fault, reply, parameters);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(fault.delay_ms));
+  return reply;
+}
+
 Reply Session::Invoke(uint32_t command, CommandParameters* parameters) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (state_ == State::kDead) return {TEEC_ERROR_TARGET_DEAD, TEEC_ORIGIN_TEE};
+  if (state_ == State::kDead) return kTargetDead;
   if (state_ == State::kClosed) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
-  TEEC_Result fault = TEEC_SUCCESS;
-  if (TakePlannedFault(command, &fault)) return {fault, TEEC_ORIGIN_TRUSTED_APP};
-  return CallApp([&] {
-    return app_.invoke(ta_session_, command, parameters->types(), parameters->ta_params());
-  });
+  const Reply reply = CallApp(command, parameters);
+  if (reply.result == kTargetDead.result && reply.origin == kTargetDead.origin) {
+    state_ = State::kDead;
+  }
+  return reply;
 }
 
 void Session::Close() {
@@ -40,42 +45,49 @@ void Session::Close() {
 }
 
 void Session::CloseLocked() {
-  if (state_ != State::kClosed) {
-    CallApp([&] {
-      app_.close_session(ta_session_);
-      return TEEC_SUCCESS;
-    });
-  }
+  if (state_ != State::kClosed) app_->Close();
   state_ = State::kClosed;
 }
 
 Handle SessionTable::AddContext() {
+  std::shared_ptr<AppHost> host = AppHost::Get();
   const std::lock_guard<std::mutex> lock(mutex_);
-  contexts_.insert(++last_handle_);
+  contexts_.emplace(++last_handle_, std::move(host));
   return last_handle_;
 }
 
-std::vector<std::shared_ptr<Session>> SessionTable::TakeContext(Handle context) {
+TakenContext SessionTable::TakeContext(Handle context) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  std::vector<std::shared_ptr<Session>> taken;
-  taken.reserve(sessions_.size());
-  contexts_.erase(context);
+  TakenContext taken;
+  taken.sessions.reserve(sessions_.size());
+  const auto found = contexts_.find(context);
+  if (found == contexts_.end()) return taken;
+  taken.host = std::move(found->second);
+  contexts_.erase(found);
   for (auto entry = sessions_.begin(); entry != sessions_.end();) {
     if (entry->second->context() != context) {
       ++entry;
       continue;
     }
-    taken.push_back(entry->second);
+    taken.sessions.push_back(entry->second);
     entry = sessions_.erase(entry);
   }
   return taken;
 }
 
-Handle SessionTable::AddSession(const std::shared_ptr<Session>& session) {
+std::shared_ptr<AppHost> SessionTable::FindHost(Handle context) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (contexts_.count(session->context()) == 0) return 0;
+  const auto found = contexts_.find(context);
+  return found == contexts_.end() ? nullptr : found->second;
+}
+
+Reply SessionTable::AddSession(const std::shared_ptr<Session>& session, Handle* handle) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (contexts_.count(session->context()) == 0) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
+  if (sessions_.size() >= kMaxSessions) return {TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE};
   sessions_.emplace(++last_handle_, session);
-  return last_handle_;
+  *handle = last_handle_;
+  return {TEEC_SUCCESS, TEEC_ORIGIN_TEE};
 }
 
 std::shared_ptr<Session> SessionTable::FindSession(Handle session) {

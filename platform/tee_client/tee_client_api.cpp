@@ -5,7 +5,6 @@
 #include <exception>
 #include <memory>
 
-#include "built_in_apps.h"
 #include "command_parameters.h"
 #include "command_trace.h"
 #include "sessions.h"
@@ -61,14 +60,18 @@ Reply OpenSession(Handle context, TEEC_Session* session, const TEEC_UUID& destin
   if (login != kLoginPublic && login != kLoginPlatform) {
     return {TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_TEE};
   }
-  const TrustedApp* app = FindBuiltInApp(destination);
-  if (app == nullptr) return {TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE};
+  const std::shared_ptr<AppHost> host = Sessions().FindHost(context);
+  if (host == nullptr) return FromApi(TEEC_ERROR_BAD_STATE);
+  std::unique_ptr<AppSession> app;
+  Reply reply = host->MakeSession(destination, &app);
+  if (reply.result != TEEC_SUCCESS) return reply;
 
   // In the table before it opens: a context that is finalised meanwhile then takes it along.
-  const auto opened = std::make_shared<Session>(*app, context);
-  const Handle handle = Sessions().AddSession(opened);
-  if (handle == 0) return FromApi(TEEC_ERROR_BAD_STATE);
-  const Reply reply = opened->Open(login, &parameters, operation);
+  const auto opened = std::make_shared<Session>(std::move(app), context);
+  Handle handle = 0;
+  reply = Sessions().AddSession(opened, &handle);
+  if (reply.result != TEEC_SUCCESS) return reply;
+  reply = opened->Open(login, &parameters, operation);
   if (reply.result == TEEC_SUCCESS) {
     session->imp = ToImp(handle);
   } else {
@@ -85,7 +88,7 @@ Reply InvokeCommand(Handle handle, uint32_t command, TEEC_Operation* operation) 
   if (copied != TEEC_SUCCESS) return FromApi(copied);
   const Clock::time_point start = Clock::now();
   const Reply reply = parameters.CopyOut(session->Invoke(command, &parameters), operation);
-  if (IsTracing()) {
+  if (TraceLevelNow() != TraceLevel::kOff) {
     TraceCommand(command, parameters, reply,
                  std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start));
   }
@@ -107,7 +110,8 @@ TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
 void TEEC_FinalizeContext(TEEC_Context* context) {
   if (context == nullptr) return;
   Answer(nullptr, [&] {
-    for (const auto& session : Sessions().TakeContext(ToHandle(context->imp))) session->Close();
+    const TakenContext taken = Sessions().TakeContext(ToHandle(context->imp));
+    for (const auto& session : taken.sessions) session->Close();
     return FromApi(TEEC_SUCCESS);
   });
   context->imp = nullptr;

@@ -166,8 +166,8 @@ TEST_F(TeeClientTest, TracesAndFailsOnDemandAndOutlivesACrash) {
   unsetenv("TEE_TRACE");
   const std::string trace = testing::internal::GetCapturedStderr();
   const char* const line =
-      "tee: command 66 (MEMREF_TEMP_OUTPUT 8->5, VALUE_INOUT, NONE, NONE) "
-      "result 0x00000000 from TA, ";
+      "tee: command 66 GetErrorRecord (MEMREF_TEMP_OUTPUT 8->5 0000000000, "
+      "VALUE_INOUT 0x0,0x0->0x0,0x0, NONE, NONE) result 0x00000000 from TA, ";
   EXPECT_NE(trace.find(line), std::string::npos) << trace;
   EXPECT_NE(trace.find("not understood"), std::string::npos);
 

@@ -1,0 +1,99 @@
+#include "channel.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+namespace {
+
+// The room that one descriptor takes beside a record.
+union AncillaryData {
+  cmsghdr aligned;
+  char bytes[CMSG_SPACE(sizeof(int))];
+};
+
+template <typename Call>
+ssize_t Retry(Call call) {
+  ssize_t result = -1;
+  do {
+    result = call();
+  } while (result < 0 && errno == EINTR);
+  return result;
+}
+
+}  // namespace
+
+void FileDescriptor::Reset(int fd) {
+  if (fd_ >= 0) close(fd_);
+  fd_ = fd;
+}
+
+bool Channel::MakePair(FileDescriptor* one, FileDescriptor* other) {
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return false;
+  one->Reset(ends[0]);
+  other->Reset(ends[1]);
+  return true;
+}
+
+bool Channel::Send(const void* record, size_t size, int fd) const {
+  iovec part = {const_cast<void*>(record), size};
+  AncillaryData ancillary = {};
+  msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  if (fd >= 0) {
+    message.msg_control = &ancillary;
+    message.msg_controllen = sizeof(ancillary);
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(fd));
+    std::memcpy(CMSG_DATA(header), &fd, sizeof(fd));
+  }
+  return Retry([&] { return sendmsg(socket_.get(), &message, MSG_NOSIGNAL); }) ==
+         static_cast<ssize_t>(size);
+}
+
+bool Channel::Receive(void* record, size_t size, FileDescriptor* fd, int limit_ms) const {
+  if (!WaitReadable(socket_.get(), limit_ms)) return false;
+  iovec part = {record, size};
+  AncillaryData ancillary = {};
+  msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = &ancillary;
+  message.msg_controllen = sizeof(ancillary);
+  const ssize_t got = Retry([&] { return recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC); });
+  fd->Reset();
+  const cmsghdr* header = got < 0 ? nullptr : CMSG_FIRSTHDR(&message);
+  if (header != nullptr && header->cmsg_type == SCM_RIGHTS &&
+      header->cmsg_len == CMSG_LEN(sizeof(int))) {
+    int received = -1;
+    std::memcpy(&received, CMSG_DATA(header), sizeof(received));
+    fd->Reset(received);
+  }
+  return got == static_cast<ssize_t>(size) && (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0;
+}
+
+bool Channel::EndAndWait(int limit_ms) const {
+  shutdown(socket_.get(), SHUT_WR);
+  return WaitReadable(socket_.get(), limit_ms);
+}
+
+bool WaitReadable(int fd, int limit_ms) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(limit_ms);
+  int wait = limit_ms;
+  for (;;) {
+    pollfd polled = {fd, POLLIN, 0};
+    const int ready = poll(&polled, 1, wait);
+    if (ready >= 0 || errno != EINTR) return ready > 0;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    if (limit_ms >= 0) wait = left.count() < 0 ? 0 : static_cast<int>(left.count());
+  }
+}

@@ -1,0 +1,17 @@
+// Serialised key parameters as text.
+#ifndef PLATFORM_TEE_CLIENT_PARAM_TRACE_H
+#define PLATFORM_TEE_CLIENT_PARAM_TRACE_H
+
+#include <cstdint>
+#include <string>
+
+// FirstBytes returns up to 16 bytes in hexadecimal, with ".." when there are more.
+std::string FirstBytes(const uint8_t* data, uint32_t size);
+
+// DecodeKeyParams returns one line, begun with label, for each parameter of a buffer of one or two
+// lists, and one that says so when the buffer is not of that form. Secret values appear only
+// with_secrets.
+std::string DecodeKeyParams(const std::string& label, const uint8_t* data, uint32_t size,
+                            uint32_t lists, bool with_secrets);
+
+#endif  // PLATFORM_TEE_CLIENT_PARAM_TRACE_H

@@ -1,0 +1,127 @@
+#include "worker_process.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "command_trace.h"
+
+extern "C" {  // which this header leaves to its user
+#include <sys/pidfd.h>
+}
+
+namespace {
+
+constexpr int kExitLimitMs = 2000;
+
+std::string WorkerPath() {
+  if (const char* named = secure_getenv("TEE_WORKER"); named != nullptr) return named;
+  Dl_info self = {};
+  if (dladdr(reinterpret_cast<void*>(&WorkerPath), &self) == 0) return "tee-worker";
+  const std::string file = self.dli_fname;
+  const std::string folder = file.substr(0, file.rfind('/') + 1);
+  const std::string beside = folder + "tee-worker";
+  return access(beside.c_str(), X_OK) == 0 ? beside : folder + "../bin/tee-worker";
+}
+
+// What a program starts with, released at the end of the scope.
+class SpawnPlan {
+ public:
+  SpawnPlan() {
+    posix_spawn_file_actions_init(&actions_);
+    posix_spawnattr_init(&attributes_);
+  }
+  ~SpawnPlan() {
+    posix_spawn_file_actions_destroy(&actions_);
+    posix_spawnattr_destroy(&attributes_);
+  }
+  SpawnPlan(const SpawnPlan&) = delete;
+  SpawnPlan& operator=(const SpawnPlan&) = delete;
+
+  // The control channel as standard input, the client's standard error, and nothing else of the
+  // client: neither its files nor its signal mask, nor the terminal's interrupts meant for it.
+  int Run(const std::string& path, int control, pid_t* pid) {
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes_, &none);
+    posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+    posix_spawn_file_actions_adddup2(&actions_, control, STDIN_FILENO);
+    posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+    char name[] = "tee-worker";
+    char* const arguments[] = {name, nullptr};
+    return posix_spawn(pid, path.c_str(), &actions_, &attributes_, arguments, environ);
+  }
+
+ private:
+  posix_spawn_file_actions_t actions_;
+  posix_spawnattr_t attributes_;
+};
+
+}  // namespace
+
+std::shared_ptr<WorkerProcess> WorkerProcess::Start() {
+  const std::string path = WorkerPath();
+  FileDescriptor ours;
+  FileDescriptor theirs;
+  pid_t pid = -1;
+  const int error =
+      Channel::MakePair(&ours, &theirs) ? SpawnPlan().Run(path, theirs.get(), &pid) : errno;
+  FileDescriptor process(error == 0 ? pidfd_open(pid, 0) : -1);
+  if (process.get() < 0) {
+    (void)fprintf(stderr, "tee: cannot start %s: %s\n", path.c_str(),
+                  strerror(error == 0 ? errno : error));
+    return nullptr;
+  }
+  TraceEvent("worker " + std::to_string(pid) + " started");
+  return std::make_shared<WorkerProcess>(pid, std::move(process), Channel(std::move(ours)));
+}
+
+WorkerProcess::WorkerProcess(pid_t pid, FileDescriptor process, Channel control)
+    : pid_(pid), process_(std::move(process)), control_(std::move(control)) {}
+
+WorkerProcess::~WorkerProcess() {
+  control_ = Channel();
+  WaitReadable(process_.get(), kExitLimitMs);
+  Kill();
+}
+
+bool WorkerProcess::IsAlive() {
+  if (WaitReadable(process_.get(), 0)) Kill();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return !reaped_;
+}
+
+void WorkerProcess::Kill() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (reaped_) return;
+  reaped_ = true;
+  pidfd_send_signal(process_.get(), SIGKILL, nullptr, 0);
+  siginfo_t status = {};
+  while (waitid(P_PIDFD, static_cast<id_t>(process_.get()), &status, WEXITED) != 0 &&
+         errno == EINTR) {
+  }
+  TraceEvent("worker " + std::to_string(pid_) +
+             (status.si_code == CLD_EXITED ? " ended" : " was killed"));
+}
+
+bool WorkerProcess::Connect(Channel* session) const {
+  FileDescriptor ours;
+  FileDescriptor theirs;
+  const char greeting = 0;
+  if (!Channel::MakePair(&ours, &theirs) ||
+      !control_.Send(&greeting, sizeof(greeting), theirs.get())) {
+    return false;
+  }
+  *session = Channel(std::move(ours));
+  return true;
+}
