@@ -62,8 +62,7 @@ struct SeenParam {
 };
 
 struct Invocation {
-  uint32_t command = 0;
-  uint32_t param_types = 0;
+  uint32_t command = 0, param_types = 0;
   SeenParam params[4];
   size_t session = 0;  // which open it ran on, from 0
 };
@@ -73,9 +72,8 @@ struct Opened {
   TEEC_UUID uuid{};
   uint32_t method = 0;
   const void* connection_data = nullptr;
-  TEEC_Session* block = nullptr;  // the library's
-  bool open = false;
-  bool first = false;  // never closed or freed by the library
+  TEEC_Session* block = nullptr;     // the library's
+  bool open = false, first = false;  // a first one is never closed or freed by the library
 };
 
 struct Bracket {
@@ -90,15 +88,13 @@ struct Bracket {
 struct LogLine {
   int level = 0;
   std::optional<std::string> tag;
-  std::string format;
-  std::string text;
+  std::string format, text;
 };
 
 struct Event {
   unsigned id = 0;
   std::string params;  // in the order set: "RET=7 CMD_ID=4 "; a parameter by number is "#0="
-  bool sent = false;
-  bool destroyed = false;
+  bool sent = false, destroyed = false;
 };
 
 using Handler = std::function<Reply(const Invocation&)>;
@@ -106,13 +102,10 @@ using Handler = std::function<Reply(const Invocation&)>;
 // What to answer.
 struct Script {
   TEEC_Result init_result = 0;
-  TEEC_Result open_result = 0;
-  uint32_t open_origin = TEEC_ORIGIN_TEE;
   uint32_t first_session = 0;                    // params[0].value.a of every open
   std::map<uint32_t, std::deque<Reply>> queued;  // by command; before the handler
   std::map<uint32_t, Handler> handlers;          // by command; default: Reply::Ok()
-  uint32_t os_version = 120000;
-  uint32_t os_patchlevel = 202211;
+  uint32_t os_version = 120000, os_patchlevel = 202211;
 };
 
 // What was seen.
@@ -139,6 +132,9 @@ struct Platform : Script, Records {
 
 // The one platform of the process.
 Platform& platform();
+// Note is how a double begins: it locks the platform, for as long as the result lives, and puts
+// entry, if there is one, in the journal.
+std::unique_lock<std::mutex> Note(const std::string& entry = "");
 
 }  // namespace test
 

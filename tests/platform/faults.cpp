@@ -20,14 +20,12 @@ namespace test {
 namespace {
 
 struct Counter {
-  std::atomic<int> calls{0};
-  std::atomic<int> fail_at{0};
+  std::atomic<int> calls{0}, fail_at{0};
   std::atomic<bool> and_later{false};
 };
 
 Counter g_counters[static_cast<size_t>(Call::kEnd)];
-std::atomic<uintptr_t> g_library_begin{0};
-std::atomic<uintptr_t> g_library_end{0};
+std::atomic<uintptr_t> g_library_begin{0}, g_library_end{0};
 
 constexpr size_t kMaxSecret = 64;
 uint8_t g_secret[kMaxSecret];
@@ -49,8 +47,7 @@ int FindLibrary(dl_phdr_info* info, size_t, void*) {
 
 bool FromLibrary(const void* return_address) {
   const uintptr_t address = reinterpret_cast<uintptr_t>(return_address);
-  return address >= g_library_begin.load(std::memory_order_relaxed) &&
-         address < g_library_end.load(std::memory_order_relaxed);
+  return address >= g_library_begin && address < g_library_end;
 }
 
 void* RealMalloc(size_t size) {
@@ -117,9 +114,5 @@ extern "C" void* malloc(size_t size) {
 
 extern "C" void free(void* block) {
   if (test::FromLibrary(__builtin_return_address(0))) test::CheckWiped(block);
-  if (__interceptor_free != nullptr) {
-    __interceptor_free(block);
-  } else {
-    __libc_free(block);
-  }
+  __interceptor_free != nullptr ? __interceptor_free(block) : __libc_free(block);
 }

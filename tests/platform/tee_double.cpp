@@ -18,6 +18,12 @@ void Platform::Reset() {
   static_cast<Script&>(*this) = Script();
 }
 
+std::unique_lock<std::mutex> Note(const std::string& entry) {
+  std::unique_lock<std::mutex> lock(platform().mutex);
+  if (!entry.empty()) platform().journal.push_back(entry);
+  return lock;
+}
+
 void Apply(const Reply& reply, TEEC_Operation* operation) {
   for (unsigned i = 0; i < 4; ++i) {
     const Reply::Answer& answer = reply.answers_[i];
@@ -43,21 +49,20 @@ constexpr uintptr_t kContextToken = 0xC0117;
 
 void* Token(uintptr_t value) { return reinterpret_cast<void*>(value); }
 
-bool IsZero(const void* data, size_t length) {
-  const uint8_t* bytes = static_cast<const uint8_t*>(data);
-  return std::all_of(bytes, bytes + length, [](uint8_t byte) { return byte == 0; });
+void Expect(bool good, const char* problem) {
+  if (!good) platform().problems.push_back(problem);
 }
 
-// NoteDirt looks for what no operation may carry: fields that its types do not name, the
+// ExpectClean looks for what no operation may carry: fields that its types do not name, the
 // client library's own part, or a missing start.
-void NoteDirt(const TEEC_Operation& operation) {
+void ExpectClean(const TEEC_Operation& operation) {
+  static const TEEC_Parameter kZero{};
   bool clean = operation.started == 1 && operation.session == nullptr && !operation.cancel_flag;
   for (unsigned i = 0; i < 4; ++i) {
-    if (TEEC_PARAM_TYPE_GET(operation.paramTypes, i) == TEEC_NONE) {
-      clean = clean && IsZero(&operation.params[i], sizeof(operation.params[i]));
-    }
+    clean = clean && (TEEC_PARAM_TYPE_GET(operation.paramTypes, i) != TEEC_NONE ||
+                      memcmp(&operation.params[i], &kZero, sizeof(kZero)) == 0);
   }
-  if (!clean) platform().problems.push_back("operation not cleared or not started");
+  Expect(clean, "operation not cleared or not started");
 }
 
 SeenParam See(const TEEC_Operation& operation, unsigned index) {
@@ -75,112 +80,89 @@ SeenParam See(const TEEC_Operation& operation, unsigned index) {
 
 // SessionIndex finds the open record of a session that is open; opens.size() if there is none.
 size_t SessionIndex(const TEEC_Session* session) {
-  Platform& p = platform();
+  const std::vector<Opened>& opens = platform().opens;
   const size_t index = reinterpret_cast<uintptr_t>(session->imp) - kSessionToken;
-  if (index < p.opens.size() && p.opens[index].open) return index;
-  p.problems.push_back("call on a session that is not open");
-  return p.opens.size();
+  const bool open = index < opens.size() && opens[index].open;
+  Expect(open, "call on a session that is not open");
+  return open ? index : opens.size();
 }
 
 Reply NextReply(const Invocation& invocation) {
-  Platform& p = platform();
-  Handler handler;
-  {
-    const std::lock_guard<std::mutex> lock(p.mutex);
-    const auto queued = p.queued.find(invocation.command);
-    if (queued != p.queued.end() && !queued->second.empty()) {
-      Reply reply = queued->second.front();
-      queued->second.pop_front();
-      return reply;
-    }
-    const auto found = p.handlers.find(invocation.command);
-    if (found != p.handlers.end()) handler = found->second;
+  std::unique_lock<std::mutex> lock(platform().mutex);
+  std::deque<Reply>& queued = platform().queued[invocation.command];
+  if (!queued.empty()) {
+    const Reply reply = queued.front();
+    queued.pop_front();
+    return reply;
   }
+  const Handler handler = platform().handlers[invocation.command];
+  lock.unlock();
   return handler ? handler(invocation) : Reply::Ok();
 }
 
 }  // namespace
-}  // namespace test
 
-using test::platform;
+extern "C" {
 
-extern "C" TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
-  test::Platform& p = platform();
-  const std::lock_guard<std::mutex> lock(p.mutex);
-  p.journal.push_back(name == nullptr ? "init" : "init of a named TEE");
-  if (test::TakeFault(test::Call::kInitContext)) return test::kInjectedTeeError;
-  if (p.init_result != 0) return p.init_result;
-  context->imp = test::Token(test::kContextToken);
-  ++p.live_contexts;
+TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
+  const auto lock = Note(name == nullptr ? "init" : "init of a named TEE");
+  if (TakeFault(Call::kInitContext)) return kInjectedTeeError;
+  if (platform().init_result != 0) return platform().init_result;
+  context->imp = Token(kContextToken);
+  ++platform().live_contexts;
   return 0;
 }
 
-extern "C" void TEEC_FinalizeContext(TEEC_Context* context) {
-  test::Platform& p = platform();
-  const std::lock_guard<std::mutex> lock(p.mutex);
-  p.journal.push_back("finalize");
-  if (context->imp != test::Token(test::kContextToken)) p.problems.push_back("unknown context");
+void TEEC_FinalizeContext(TEEC_Context* context) {
+  const auto lock = Note("finalize");
+  Expect(context->imp == Token(kContextToken), "unknown context");
   context->imp = nullptr;
-  --p.live_contexts;
+  --platform().live_contexts;
 }
 
-extern "C" TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
-                                        const TEEC_UUID* destination, uint32_t connection_method,
-                                        const void* connection_data, TEEC_Operation* operation,
-                                        uint32_t* return_origin) {
-  test::Platform& p = platform();
-  const std::lock_guard<std::mutex> lock(p.mutex);
-  p.journal.push_back("open");
-  if (context->imp != test::Token(test::kContextToken)) p.problems.push_back("unknown context");
-  if (operation->started != 1) p.problems.push_back("open operation not started");
-  test::Opened opened;
-  opened.operation = *operation;
-  opened.uuid = *destination;
-  opened.method = connection_method;
-  opened.connection_data = connection_data;
-  if (return_origin != nullptr) *return_origin = p.open_origin;
-  TEEC_Result result = p.open_result;
-  if (test::TakeFault(test::Call::kOpenSession)) result = test::kInjectedTeeError;
-  if (result == 0) {
-    opened.block = session;
-    opened.open = true;
-    opened.first = p.first_session == 1;
-    session->imp = test::Token(test::kSessionToken + p.opens.size());
-    operation->params[0].value.a = p.first_session;
-  }
-  p.opens.push_back(opened);
-  return result;
+TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
+                             const TEEC_UUID* destination, uint32_t connection_method,
+                             const void* connection_data, TEEC_Operation* operation,
+                             uint32_t* return_origin) {
+  const auto lock = Note("open");
+  Platform& p = platform();
+  Expect(context->imp == Token(kContextToken), "unknown context");
+  Expect(operation->started == 1, "open operation not started");
+  if (return_origin != nullptr) *return_origin = TEEC_ORIGIN_TEE;
+  p.opens.push_back({*operation, *destination, connection_method, connection_data, session});
+  if (TakeFault(Call::kOpenSession)) return kInjectedTeeError;
+  p.opens.back().open = true;
+  p.opens.back().first = p.first_session == 1;
+  session->imp = Token(kSessionToken + p.opens.size() - 1);
+  operation->params[0].value.a = p.first_session;
+  return 0;
 }
 
-extern "C" void TEEC_CloseSession(TEEC_Session* session) {
-  test::Platform& p = platform();
-  const std::lock_guard<std::mutex> lock(p.mutex);
-  p.journal.push_back("close");
-  const size_t index = test::SessionIndex(session);
-  if (index == p.opens.size()) return;
-  if (p.opens[index].first) p.problems.push_back("first session closed");
-  p.opens[index].open = false;
+void TEEC_CloseSession(TEEC_Session* session) {
+  const auto lock = Note("close");
+  const size_t index = SessionIndex(session);
+  if (index == platform().opens.size()) return;
+  Expect(!platform().opens[index].first, "first session closed");
+  platform().opens[index].open = false;
   session->imp = nullptr;
 }
 
-extern "C" TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t command,
-                                          TEEC_Operation* operation, uint32_t* return_origin) {
-  test::Platform& p = platform();
-  test::Invocation invocation;
-  invocation.command = command;
-  invocation.param_types = operation->paramTypes;
-  for (unsigned i = 0; i < 4; ++i) invocation.params[i] = test::See(*operation, i);
+TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t command, TEEC_Operation* operation,
+                               uint32_t* return_origin) {
+  Invocation invocation{command, operation->paramTypes, {}, 0};
+  for (unsigned i = 0; i < 4; ++i) invocation.params[i] = See(*operation, i);
   {
-    const std::lock_guard<std::mutex> lock(p.mutex);
-    p.journal.push_back("invoke " + std::to_string(command));
-    test::NoteDirt(*operation);
-    invocation.session = test::SessionIndex(session);
-    p.invocations.push_back(invocation);
+    const auto lock = Note("invoke " + std::to_string(command));
+    ExpectClean(*operation);
+    invocation.session = SessionIndex(session);
+    platform().invocations.push_back(invocation);
   }
-  const test::Reply reply = test::TakeFault(test::Call::kInvoke)
-                                ? test::Reply::Fail(test::kInjectedTeeError, TEEC_ORIGIN_COMMS)
-                                : test::NextReply(invocation);
-  test::Apply(reply, operation);
+  const Reply reply = TakeFault(Call::kInvoke) ? Reply::Fail(kInjectedTeeError, TEEC_ORIGIN_COMMS)
+                                               : NextReply(invocation);
+  Apply(reply, operation);
   if (return_origin != nullptr) *return_origin = reply.origin;
   return reply.result;
 }
+
+}  // extern "C"
+}  // namespace test
