@@ -4,8 +4,6 @@
 namespace test {
 namespace {
 
-using Authorization = RequestTest;
-
 // A token reply: challenge, timestamp, 8 unread bytes, level, 4 unread bytes, MAC; cut or
 // lengthened.
 Bytes TokenReply(size_t length) {
@@ -15,146 +13,102 @@ Bytes TokenReply(size_t length) {
   return out;
 }
 
-TEST_F(Authorization, VerifyFillsTheTokenOnlyFromExactly64Bytes) {
-  ParamSet params({{KM_TAG_USER_SECURE_ID, 5}});
-  const Bytes token = Ramp(7, 69);
-  const keymaster_blob_t auth = Blob(token);
-  for (const size_t length : {0u, 63u, 64u, 65u, 4096u}) {
-    SCOPED_TRACE(length);
-    Answer(39, Reply::Ok().Out(3, TokenReply(length)));
-    TsVerificationToken out{1, 2, nullptr, 3, {4}};
-    const bool ok = length == 64;
-    EXPECT_EQ(ok ? 0 : -30,
-              km.TivasVerifyAuthorization(0x0102030405060708, params.get(), &auth, &out));
-    EXPECT_EQ(ok ? 0x1122334455667788u : 1u, out.challenge);
-    EXPECT_EQ(ok ? 0x99AABBCCDDEEFF00u : 2u, out.timestamp);
-    EXPECT_EQ(ok ? 2u : 3u, out.security_level);
-    EXPECT_EQ(ok ? Ramp(0x50, 32) : Cat({{4}, Bytes(31)}), Bytes(out.mac, out.mac + 32));
-    EXPECT_EQ(nullptr, out.parameters_verified);
-    EXPECT_EQ(ok ? "I TivasVerifyAuthorization start; I TivasVerifyAuthorization success"
-                 : "I TivasVerifyAuthorization start",
-              RequestLog());
-    const Invocation& sent = Sent();
-    EXPECT_EQ(0x6755u, sent.param_types);
-    EXPECT_EQ(Cat({Le32(0), WireList({Entry(KM_TAG_USER_SECURE_ID, 5)})}), sent.params[0].in);
-    EXPECT_EQ(Cat({{8, 7, 6, 5, 4, 3, 2, 1}, token}), sent.params[1].in);
-    EXPECT_EQ(4096u, sent.params[2].size);
-    EXPECT_EQ(4096u, sent.params[3].size);
-  }
-}
+using Authorization = RequestTest;
 
-TEST_F(Authorization, VerifyParametersAndFailures) {
-  ParamSet params({});
-  const Bytes token = {1};
-  const keymaster_blob_t auth = Blob(token), unreadable = {nullptr, 69};
-  const Bytes set = Cat({WireList({BytesEntry(KM_TAG_NONCE, 0, 1)}), {0xAA}});
-  keymaster_key_param_set_t verified{};
-  struct Row {
-    keymaster_key_param_set_t* verified;
-    Reply reply;
-    int32_t result;
-    std::string set, last;
+TEST_F(Authorization, Verify) {
+  start = "I TivasVerifyAuthorization start";
+  ParamSet set({{KM_TAG_USER_SECURE_ID, 5}});
+  const Bytes auth_bytes = Ramp(7, 69);
+  const keymaster_blob_t auth = Blob(auth_bytes);
+  // Sets out and verified from a reply.
+  TsVerificationToken out;
+  const auto run = [&](keymaster_key_param_set_t* verified, const Reply& reply) {
+    Answer(39, reply);
+    if (verified != nullptr) *verified = {};
+    out = {1, 2, verified, 3, {4}};
+    const int32_t result = km.TivasVerifyAuthorization(0x0102030405060708, set.get(), &auth, &out);
+    EXPECT_EQ(verified, out.parameters_verified);
+    EXPECT_EQ(result == 0 ? 0x1122334455667788u : 1u, out.challenge);
+    EXPECT_EQ(result == 0 ? 0x99AABBCCDDEEFF00u : 2u, out.timestamp);
+    EXPECT_EQ(result == 0 ? 2u : 3u, out.security_level);
+    EXPECT_EQ(result == 0 ? Ramp(0x50, 32) : Cat({{4}, Bytes(31)}), Bytes(out.mac, out.mac + 32));
+    return Outcome(result);
   };
-  const std::string kSuccess = "I TivasVerifyAuthorization success";
-  const Row kRows[] = {
-      {&verified, Reply::Ok().Out(2, set).Out(3, TokenReply(64)), 0, "900003e9:aa", kSuccess},
-      {&verified, Reply::Ok().Out(3, TokenReply(64)), 0, "empty", kSuccess},
-      {&verified, Reply::Ok().Out(2, Le32(1)).Out(3, TokenReply(64)), -41, "empty",
-       "E invalid copy size, 1-4"},
-      {nullptr, Reply::Ok().Out(2, Le32(1)).Out(3, TokenReply(64)), 0, "empty", kSuccess},
-      {&verified, Reply::Fail(kTaError).Out(2, set).Out(3, TokenReply(64)), kTaFailed, "empty",
-       "E! TeeVerifyAuthorization failed, ret=0xffff0009"}};
-  for (const Row& row : kRows) {
-    platform().Queue(39, row.reply);
-    TsVerificationToken out{1, 2, row.verified, 3, {4}};
-    EXPECT_EQ(row.result, km.TivasVerifyAuthorization(9, params.get(), &auth, &out));
-    EXPECT_EQ(row.verified, out.parameters_verified);
-    EXPECT_EQ(row.result == 0 ? 0x1122334455667788u : 1u, out.challenge);
-    EXPECT_EQ(row.set, TakeSet(&verified));
-    verified = {};
-    EXPECT_EQ(row.last, LastLine());
+  const Reply good = Reply::Ok().Out(3, TokenReply(64));
+  const std::string kSuccess = ": I TivasVerifyAuthorization success";
+  EXPECT_EQ("0 [39]" + kSuccess, run(nullptr, good));
+  EXPECT_EQ((Parts{Cat({Le32(0), WireList({Entry(KM_TAG_USER_SECURE_ID, 5)})}),
+                   Cat({{8, 7, 6, 5, 4, 3, 2, 1}, auth_bytes}), Bytes(8)}),
+            Inputs());
+  for (const size_t length : {0u, 63u, 65u, 4096u}) {
+    EXPECT_EQ("-30 [39]", run(nullptr, Reply::Ok().Out(3, TokenReply(length)))) << length;
   }
-  platform().ClearRecords();
-  TsVerificationToken out{};
-  EXPECT_EQ(-32, km.TivasVerifyAuthorization(1, nullptr, &auth, &out));
-  EXPECT_EQ(-32, km.TivasVerifyAuthorization(1, params.get(), nullptr, &out));
-  EXPECT_EQ(-32, km.TivasVerifyAuthorization(1, params.get(), &auth, nullptr));
-  EXPECT_EQ("I TivasVerifyAuthorization start", LastLine());
-  EXPECT_EQ(-41, km.TivasVerifyAuthorization(1, params.get(), &unreadable, &out));
-  EXPECT_EQ("", Journal());
+  EXPECT_EQ("0 [39] params=900003e9:aa" + kSuccess, run(&params, Reply(good).Out(2, NonceReply())));
+  EXPECT_EQ("0 [39] params=empty" + kSuccess, run(&params, good));
+  EXPECT_EQ("-30 [39] params=900003e9:aa", run(&params, Reply::Ok().Out(2, NonceReply())));
+  EXPECT_EQ("-41 [39] params=empty: E invalid copy size, 1-4",
+            run(&params, Reply(good).Out(2, BadReply())));
+  EXPECT_EQ("0 [39]" + kSuccess, run(nullptr, Reply(good).Out(2, BadReply())));
+  EXPECT_EQ("ffff0009 [39] params=empty: E! TeeVerifyAuthorization failed, ret=0xffff0009",
+            run(&params, TaFails()));
+  EXPECT_EQ("-32", Outcome(km.TivasVerifyAuthorization(1, nullptr, &auth, &out)));
+  EXPECT_EQ("-32", Outcome(km.TivasVerifyAuthorization(1, set.get(), nullptr, &out)));
+  EXPECT_EQ("-32", Outcome(km.TivasVerifyAuthorization(1, set.get(), &auth, nullptr)));
+  EXPECT_EQ("-41: E memcpy_s hwAuthToken failed.\n",
+            Outcome(km.TivasVerifyAuthorization(1, set.get(), &kHollowBlob, &out)));
 }
 
 TEST_F(Authorization, DeviceState) {
-  struct Row {
-    int locked;  // -1: early boot ended
-    TEEC_Result result;
-    std::string log;
-  };
-  const Row kRows[] = {
-      {-1, 0, "E TivasKmEarlyBootEnded success"},
-      {-1, kTaError, "E! TeeEarlyBootEnded failed, ret=0xffff0009"},
-      {0, 0, "I TivasKmDeviceLocked enter, passwordOnly[0]; E TivasKmDeviceLocked success"},
-      {1, 0, "I TivasKmDeviceLocked enter, passwordOnly[1]; E TivasKmDeviceLocked success"},
-      {1, kTaError,
-       "I TivasKmDeviceLocked enter, passwordOnly[1]; E! TeeDeviceLocked failed, passwordOnly[1] "
-       "ret=0xffff0009"}};
-  for (const Row& row : kRows) {
-    SCOPED_TRACE(row.log);
-    Answer(row.locked < 0 ? 40 : 41, row.result == 0 ? Reply::Ok() : Reply::Fail(row.result));
-    EXPECT_EQ(Code(row.result), row.locked < 0 ? km.TivasKmEarlyBootEnded()
-                                               : km.TivasKmDeviceLocked(row.locked == 1));
-    EXPECT_EQ(row.log, RequestLog());
-    const Invocation& sent = Sent();
-    EXPECT_EQ(row.locked == 1 ? 1u : 0u, sent.params[0].value.a);
-    EXPECT_EQ(0u, sent.params[0].value.b);
+  const std::string kEnters = "I TivasKmDeviceLocked enter, passwordOnly[";
+  EXPECT_EQ("0 [40]: E TivasKmEarlyBootEnded success", Outcome(km.TivasKmEarlyBootEnded()));
+  for (const unsigned only : {0u, 1u}) {
+    EXPECT_EQ("0 [41]: " + kEnters + std::to_string(only) + "]; E TivasKmDeviceLocked success",
+              Outcome(km.TivasKmDeviceLocked(only == 1)));
+    EXPECT_EQ(Parts{Le64(only)}, Inputs());
   }
+  Answer(40, TaFails());
+  EXPECT_EQ("ffff0009 [40]: E! TeeEarlyBootEnded failed, ret=0xffff0009",
+            Outcome(km.TivasKmEarlyBootEnded()));
+  Answer(41, TaFails());
+  EXPECT_EQ(
+      "ffff0009 [41]: " + kEnters + "1]; E! TeeDeviceLocked failed, passwordOnly[1] ret=0xffff0009",
+      Outcome(km.TivasKmDeviceLocked(true)));
 }
 
 TEST_F(Authorization, HmacParametersPassThrough) {
+  start = "I getHmacSharingParameters start";
   uint8_t seed[32] = {}, nonce[16] = {};
-  platform().Queue(64, Reply::Ok().Out(0, Ramp(1, 32)).Out(1, Ramp(60, 16)));
-  EXPECT_EQ(0, km.TivasgetHmacSharingParameters(seed, 32, nonce, 16));
+  Answer(64, Reply::Ok().Out(0, Ramp(1, 32)).Out(1, Ramp(60, 16)));
+  EXPECT_EQ("0 [64]", Outcome(km.TivasgetHmacSharingParameters(seed, 32, nonce, 16)));
   EXPECT_EQ(Ramp(1, 32), Bytes(seed, seed + 32));
   EXPECT_EQ(Ramp(60, 16), Bytes(nonce, nonce + 16));
-  EXPECT_EQ(seed, Sent().params[0].buffer);
-  EXPECT_EQ(16u, Sent().params[1].size);
-  EXPECT_EQ("I getHmacSharingParameters start", RequestLog());
-  EXPECT_EQ(Code(0xFFFF0006), km.TivasgetHmacSharingParameters(nullptr, 32, nonce, 16));
-  EXPECT_EQ(Code(0xFFFF0006), km.TivasgetHmacSharingParameters(seed, 32, nullptr, 16));
-  platform().Queue(64, Reply::Fail(kTaError));
-  EXPECT_EQ(kTaFailed, km.TivasgetHmacSharingParameters(seed, 32, nonce, 16));
-  EXPECT_EQ("E! TivasgetHmacSharingParameters failed, res=0xffff0009", LastLine());
+  EXPECT_EQ(16u, sent[0].params[1].size);
+  const std::string kFailed = ": E! TivasgetHmacSharingParameters failed, res=0x";
+  EXPECT_EQ(kNoTee + kFailed + kNoTee,
+            Outcome(km.TivasgetHmacSharingParameters(nullptr, 32, nonce, 16)));
+  Answer(64, TaFails());
+  EXPECT_EQ("ffff0009 [64]" + kFailed + "ffff0009",
+            Outcome(km.TivasgetHmacSharingParameters(seed, 32, nonce, 16)));
 }
 
 TEST_F(Authorization, SharedHmac) {
-  uint8_t params[3] = {7, 8, 9};
-  const Bytes full = Ramp(3, 4096);
-  struct Row {
-    uint8_t* params;
-    Reply reply;
-    int32_t result;
-    std::string check, last;
+  start = "I computeSharedHmac start";
+  uint8_t sharing[3] = {7, 8, 9};
+  const auto run = [&](const Reply& reply) {
+    Answer(65, reply);
+    return Outcome(km.TivascomputeSharedHmac(sharing, 3, &data));
   };
-  const Row kRows[] = {
-      {params, Reply::Ok().Out(1, Ramp(1, 32)), 0, Hex(Ramp(1, 32)), "I output data size=32"},
-      {params, Reply::Ok().Out(1, full), 0, Hex(full), "I output data size=4096"},
-      {params, Reply::Ok(), 0, "empty", "I output data size=0"},
-      {params, Reply::Ok().Size(1, 4097), -1000, "empty", "E! too large outDataLen:4097\n"},
-      {params, Reply::Fail(kTaError).Out(1, {1}), kTaFailed, "empty",
-       "E! TeecomputeSharedHmac failed, res=0xffff0009"},
-      {nullptr, Reply::Ok(), -32, "kept", "I computeSharedHmac start"}};
-  for (const Row& row : kRows) {
-    SCOPED_TRACE(row.last);
-    Answer(65, row.reply);
-    OutBlob check;
-    EXPECT_EQ(row.result, km.TivascomputeSharedHmac(row.params, 3, &check));
-    EXPECT_EQ(row.check, check.Take());
-    EXPECT_EQ(row.last, LastLine());
-    if (row.params == nullptr) continue;
-    EXPECT_EQ((Bytes{7, 8, 9}), Sent().params[0].in);
-    EXPECT_EQ(4096u, Sent().params[1].size);
-  }
-  EXPECT_EQ(-32, km.TivascomputeSharedHmac(params, 3, nullptr));
+  const Bytes full = Ramp(3, 4096);
+  EXPECT_EQ("0 [65] data=" + Hex(full) + ": I output data size=4096",
+            run(Reply::Ok().Out(1, full)));
+  EXPECT_EQ(Parts{Bytes(sharing, sharing + 3)}, Inputs());
+  EXPECT_EQ("0 [65] data=empty: I output data size=0", run(Reply::Ok()));
+  EXPECT_EQ("-1000 [65] data=empty: E! too large outDataLen:4097\n",
+            run(Reply::Ok().Size(1, 4097)));
+  EXPECT_EQ("ffff0009 [65] data=empty: E! TeecomputeSharedHmac failed, res=0xffff0009",
+            run(TaFails()));
+  EXPECT_EQ("-32", Outcome(km.TivascomputeSharedHmac(nullptr, 3, &data)));
+  EXPECT_EQ("-32", Outcome(km.TivascomputeSharedHmac(sharing, 3, nullptr)));
 }
 
 }  // namespace

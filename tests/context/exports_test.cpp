@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <memory>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -14,41 +15,32 @@ namespace {
 using Names = std::set<std::string>;
 
 // The methods: class prefix left out; K, S, B and H stand for the keymaster types' names.
-constexpr char kMethods[] = R"(KeymasterTivasContext()
-~KeymasterTivasContext()
-Initialize(keymaster::KmVersion)
-InitTeeContext()
-FinishTeeContext()
-TivasKmConfigure(S const*)
-SetSystemVersion(unsigned int, unsigned int)
-GetSystemVersion(unsigned int*, unsigned int*)
-TivasKmAddRngEntropy(unsigned char const*, unsigned long)
-TivasKmDeleteAllKeys()
-TivasKmDestroyAttestationIds()
-TivasKmGenerateKey(S const*, K*, H*)
-TivasKmImportKey(S const*, keymaster_key_format_t, B const*, K*, H*)
-TivasKmExportKey(keymaster_key_format_t, K const*, B const*, B const*, B*)
-TivasKmGetKeyCharacteristics(K const*, B const*, B const*, H*)
-TivasKmUpgradeKey(K const*, S const*, K*)
-TivasKmDeletekey(K const*)
-TivasKmAttestKey(K const*, S const*, keymaster_cert_chain_t*)
-TivasKmBegin(keymaster_purpose_t, K const*, S const*, S*, unsigned long*)
-TivasKmUpdate(unsigned long, S const*, B const*, unsigned long*, S*, B*)
-TivasKmFinish(unsigned long, S const*, B const*, B const*, S*, B*)
-TivasKmFinishNew(unsigned long, S const*, B const*, B const*, S*, B*)
-TivasKmFinishLarge(unsigned long, S const*, B const*, B const*, S*, B*)
-TivasKmAbort(unsigned long)
-TivasKmImportWrappedKeyNew(K const*, K const*, K const*, S const*, unsigned long, unsigned long, K*, H*)
-TivasKmUnwrappedKey(keymaster::TKeymasterBlob<K> const*, K*, S*, K*, keymaster::AuthorizationSet*, keymaster_key_format_t*, B*)
-DecryptTransitKeyMaterial(K*, S*, keymaster::TKeymasterBlob<K>*, B*)
-TransitKeyRsaDecrypt(K*, S*, keymaster::TKeymasterBlob<K>*, B*)
-WrappedKeyAesGcmDecrypt(B*, keymaster::TKeymasterBlob<B>*, keymaster::TKeymasterBlob<B>*, keymaster::TKeymasterBlob<K>*, B*)
-TivasVerifyAuthorization(unsigned long, S const*, B const*, TsVerificationToken*)
-TivasKmEarlyBootEnded()
-TivasKmDeviceLocked(bool)
-TivasgetHmacSharingParameters(unsigned char*, unsigned int, unsigned char*, unsigned int)
-TivascomputeSharedHmac(unsigned char*, unsigned int, B*)
-)";
+constexpr char kMethods[] =
+    R"(KeymasterTivasContext(); ~KeymasterTivasContext(); Initialize(keymaster::KmVersion);
+InitTeeContext(); FinishTeeContext(); TivasKmConfigure(S const*);
+SetSystemVersion(unsigned int, unsigned int); GetSystemVersion(unsigned int*, unsigned int*);
+TivasKmAddRngEntropy(unsigned char const*, unsigned long); TivasKmDeleteAllKeys();
+TivasKmDestroyAttestationIds(); TivasKmGenerateKey(S const*, K*, H*);
+TivasKmImportKey(S const*, keymaster_key_format_t, B const*, K*, H*);
+TivasKmExportKey(keymaster_key_format_t, K const*, B const*, B const*, B*);
+TivasKmGetKeyCharacteristics(K const*, B const*, B const*, H*);
+TivasKmUpgradeKey(K const*, S const*, K*); TivasKmDeletekey(K const*);
+TivasKmAttestKey(K const*, S const*, keymaster_cert_chain_t*);
+TivasKmBegin(keymaster_purpose_t, K const*, S const*, S*, unsigned long*);
+TivasKmUpdate(unsigned long, S const*, B const*, unsigned long*, S*, B*);
+TivasKmFinish(unsigned long, S const*, B const*, B const*, S*, B*);
+TivasKmFinishNew(unsigned long, S const*, B const*, B const*, S*, B*);
+TivasKmFinishLarge(unsigned long, S const*, B const*, B const*, S*, B*);
+TivasKmAbort(unsigned long);
+TivasKmImportWrappedKeyNew(K const*, K const*, K const*, S const*, unsigned long, unsigned long, K*, H*);
+TivasKmUnwrappedKey(keymaster::TKeymasterBlob<K> const*, K*, S*, K*, keymaster::AuthorizationSet*, keymaster_key_format_t*, B*);
+DecryptTransitKeyMaterial(K*, S*, keymaster::TKeymasterBlob<K>*, B*);
+TransitKeyRsaDecrypt(K*, S*, keymaster::TKeymasterBlob<K>*, B*);
+WrappedKeyAesGcmDecrypt(B*, keymaster::TKeymasterBlob<B>*, keymaster::TKeymasterBlob<B>*, keymaster::TKeymasterBlob<K>*, B*);
+TivasVerifyAuthorization(unsigned long, S const*, B const*, TsVerificationToken*);
+TivasKmEarlyBootEnded(); TivasKmDeviceLocked(bool);
+TivasgetHmacSharingParameters(unsigned char*, unsigned int, unsigned char*, unsigned int);
+TivascomputeSharedHmac(unsigned char*, unsigned int, B*))";
 
 constexpr char kFunctions[] =
     "IsGlobalVersion SupportEnhanceKeymaster CheckBnSize GetNidFromKeySize GetKeySizeFromNid "
@@ -60,20 +52,15 @@ constexpr char kFunctions[] =
     "TeegetHmacSharingParameters TeecomputeSharedHmac TeeDestroyAttestationIds ObtainTaErrorCode "
     "QavixKeyMaster ReportDfxServer CheckReportedErrCode TeeosLogExceptionArchive ";
 
-std::string Expand(const std::string& method) {
-  std::string out = "keymaster::KeymasterTivasContext::";
-  for (size_t i = 0; i < method.size(); ++i) {
-    const bool alone = i > 0 && strchr("( <", method[i - 1]) != nullptr && i + 1 < method.size() &&
-                       strchr(" *>", method[i + 1]) != nullptr;
-    const char* const name = !alone             ? nullptr
-                             : method[i] == 'K' ? "keymaster_key_blob_t"
-                             : method[i] == 'S' ? "keymaster_key_param_set_t"
-                             : method[i] == 'B' ? "keymaster_blob_t"
-                             : method[i] == 'H' ? "keymaster_key_characteristics_t"
-                                                : nullptr;
-    out += name == nullptr ? std::string(1, method[i]) : name;
+std::string Expand(std::string method) {
+  const std::pair<const char*, const char*> kNames[] = {{"K", "keymaster_key_blob_t"},
+                                                        {"S", "keymaster_key_param_set_t"},
+                                                        {"B", "keymaster_blob_t"},
+                                                        {"H", "keymaster_key_characteristics_t"}};
+  for (const auto& [letter, name] : kNames) {
+    method = std::regex_replace(method, std::regex(std::string("\\b") + letter + "\\b"), name);
   }
-  return out;
+  return "keymaster::KeymasterTivasContext::" + method;
 }
 
 // The output of a command on the library, line by line.
@@ -91,7 +78,8 @@ Names Lines(const std::string& command) {
 TEST(Exports, AreTheListAndNothingElse) {
   Names expected, found;
   std::istringstream methods(kMethods), functions(kFunctions);
-  for (std::string line; std::getline(methods, line);) expected.insert(Expand(line));
+  for (std::string line; std::getline(methods >> std::ws, line, ';');)
+    expected.insert(Expand(line));
   for (std::string name; functions >> name;) expected.insert(name);
   EXPECT_EQ(34u + 41u, expected.size());
   for (const std::string& line : Lines("nm -D -C --defined-only")) {

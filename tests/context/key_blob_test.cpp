@@ -1,118 +1,152 @@
-// Requests about a key blob: its characteristics, its upgrade and its deletion.
+// Requests about a key blob: its characteristics, upgrade, deletion and attestation.
 #include "tests/context/request.h"
 
 namespace test {
 namespace {
 
+const Bytes kKey = Ramp(0x20, 33);
+const keymaster_key_blob_t kKeyBlob = KeyBlob(kKey);
+
 using KeyBlobRequest = RequestTest;
 
-const Bytes kKey = Ramp(0x20, 33);
-
-TEST_F(KeyBlobRequest, CharacteristicsSendsClientIdAndAppData) {
-  const Bytes id = {1, 2, 3, 4}, data = {0x41, 0x42, 0x43}, nothing;
-  const keymaster_blob_t id_blob = Blob(id), data_blob = Blob(data), empty_blob = {nullptr, 0};
-  struct Row {
-    const keymaster_blob_t *id, *data;
-    Bytes params;
+TEST_F(KeyBlobRequest, Characteristics) {
+  start = "I KmGetKeyCharacteristics start";
+  Answer(3, Reply::Ok().Out(2, Characteristics()));
+  const Bytes id = {1, 2, 3, 4}, app = {0x41, 0x42, 0x43};
+  const keymaster_blob_t id_blob = Blob(id), app_blob = Blob(app), empty_blob = {nullptr, 0};
+  const auto run = [this](const keymaster_blob_t* client_id, const keymaster_blob_t* app_data) {
+    return Outcome(km.TivasKmGetKeyCharacteristics(&kKeyBlob, client_id, app_data, &traits));
   };
-  const Row kRows[] = {{nullptr, nullptr, {}},
-                       {nullptr, &data_blob, {0, 0, 0, 0, 1, 0, 0, 0, 0xBC, 2, 0,    0x90, 0,   0,
-                                              0, 0, 0, 0, 0, 0, 3, 0, 0,    0, 0x41, 0x42, 0x43}},
-                       {&id_blob, &data_blob,
-                        SecondList({{KM_TAG_APPLICATION_ID, id}, {KM_TAG_APPLICATION_DATA, data}})},
-                       {&empty_blob, nullptr, SecondList({{KM_TAG_APPLICATION_ID, {}}})}};
-  const keymaster_key_blob_t key = KeyBlob(kKey);
-  for (const Row& row : kRows) {
-    Answer(3, Reply::Ok().Out(2, Characteristics()));
-    OutCharacteristics characteristics;
-    EXPECT_EQ(0, km.TivasKmGetKeyCharacteristics(&key, row.id, row.data, &characteristics));
-    EXPECT_EQ(kCharacteristics, characteristics.Take());
-    const Invocation& sent = Sent();
-    EXPECT_EQ(row.params.empty() ? 0x0605u : 0x0655u, sent.param_types);
-    EXPECT_EQ(kKey, sent.params[0].in);
-    EXPECT_EQ(row.params, sent.params[1].in);
-    EXPECT_EQ(4096u, sent.params[2].size);
-    EXPECT_EQ("I KmGetKeyCharacteristics start; I KmGetKeyCharacteristics success", RequestLog());
-  }
-}
-
-TEST_F(KeyBlobRequest, CharacteristicsFailures) {
-  const keymaster_key_blob_t key = KeyBlob(kKey), none = {nullptr, 1};
-  const keymaster_blob_t unreadable = {nullptr, 5};
-  OutCharacteristics out;
-  EXPECT_EQ(-32, km.TivasKmGetKeyCharacteristics(nullptr, nullptr, nullptr, &out));
-  EXPECT_EQ(-32, km.TivasKmGetKeyCharacteristics(&none, nullptr, nullptr, &out));
-  EXPECT_EQ(-27, km.TivasKmGetKeyCharacteristics(&key, nullptr, nullptr, nullptr));
-  EXPECT_EQ(-41, km.TivasKmGetKeyCharacteristics(&key, &unreadable, nullptr, &out));
-  EXPECT_EQ("", Journal());
-  platform().Queue(3, Reply::Fail(kTaError).Out(2, Characteristics()));
-  EXPECT_EQ(kTaFailed, km.TivasKmGetKeyCharacteristics(&key, nullptr, nullptr, &out));
-  EXPECT_EQ("E! TeeGetKeyCharacteristics failed, ret=0xffff0009", LastLine());
-  EXPECT_EQ("kept | kept", out.Take());
-  // Every cut of the reply but those behind its last byte.
-  const Bytes reply = Characteristics();
-  for (size_t length = 4; length < reply.size(); ++length) {
-    platform().Queue(
-        3, Reply::Ok().Out(2, Bytes(reply.begin(), reply.begin() + static_cast<long>(length))));
-    EXPECT_EQ(-41, km.TivasKmGetKeyCharacteristics(&key, nullptr, nullptr, &out)) << length;
-    EXPECT_EQ("empty | empty", out.Take()) << length;
-  }
+  const std::string kGood = std::string("0 [3]") + kTraits + ": I KmGetKeyCharacteristics success";
+  const Bytes app_list = {0, 0, 0, 0, 1, 0, 0, 0, 0xBC, 2, 0,    0x90, 0,   0,
+                          0, 0, 0, 0, 0, 0, 3, 0, 0,    0, 0x41, 0x42, 0x43};
+  EXPECT_EQ(kGood, run(nullptr, nullptr));
+  EXPECT_EQ(Parts{kKey}, Inputs());
+  EXPECT_EQ(kGood, run(nullptr, &app_blob));
+  EXPECT_EQ((Parts{kKey, app_list}), Inputs());
+  EXPECT_EQ(kGood, run(&id_blob, &app_blob));
+  EXPECT_EQ(
+      (Parts{kKey, SecondList({{KM_TAG_APPLICATION_ID, id}, {KM_TAG_APPLICATION_DATA, app}})}),
+      Inputs());
+  EXPECT_EQ(kGood, run(&empty_blob, nullptr));
+  EXPECT_EQ((Parts{kKey, SecondList({{KM_TAG_APPLICATION_ID, {}}})}), Inputs());
+  EXPECT_EQ("-41", run(&kHollowBlob, nullptr));
+  EXPECT_EQ("-32", Outcome(km.TivasKmGetKeyCharacteristics(nullptr, nullptr, nullptr, nullptr)));
+  EXPECT_EQ("-32",
+            Outcome(km.TivasKmGetKeyCharacteristics(&kHollowKey, nullptr, nullptr, &traits)));
+  EXPECT_EQ("-27",
+            Outcome(km.TivasKmGetKeyCharacteristics(&kKeyBlob, &kHollowBlob, nullptr, nullptr)));
+  Answer(3, Reply::Ok().Out(2, Bytes(4)));
+  EXPECT_EQ("-41 [3] traits=empty|empty: E 2 invalid key character size, 4-4",
+            run(nullptr, nullptr));
+  Answer(3, Reply::Ok().Size(2, 4097));
+  EXPECT_EQ("-41 [3] traits=empty|empty", run(nullptr, nullptr));
+  Answer(3, TaFails());
+  EXPECT_EQ("ffff0009 [3]: E! TeeGetKeyCharacteristics failed, ret=0xffff0009",
+            run(nullptr, nullptr));
 }
 
 TEST_F(KeyBlobRequest, Upgrade) {
-  ParamSet params({{KM_TAG_APPLICATION_DATA, Bytes{7}}, {KM_TAG_ALGORITHM, 3}});
-  const keymaster_key_blob_t key = KeyBlob(kKey), none = {nullptr, 1};
-  const Bytes full = Ramp(9, 4096);
-  struct Row {
-    const keymaster_key_blob_t* key;
-    const keymaster_key_param_set_t* params;
-    Reply reply;
-    int32_t result;
-    std::string upgraded, last;
+  start = "I KmUpgradeKey start";
+  ParamSet set({{KM_TAG_APPLICATION_DATA, Bytes{7}}, {KM_TAG_ALGORITHM, 3}});
+  const auto run = [&](const keymaster_key_blob_t& old_key, const Reply& reply) {
+    Answer(7, reply);
+    return Outcome(km.TivasKmUpgradeKey(&old_key, set.get(), &key));
   };
-  const Row kRows[] = {
-      {&key, params.get(), Reply::Ok().Out(2, {5, 6, 7}), 0, "050607", "I KmUpgradeKey success"},
-      {&key, params.get(), Reply::Ok().Out(2, full), 0, Hex(full), "I KmUpgradeKey success"},
-      {&key, params.get(), Reply::Ok(), 0, "kept", "I KmUpgradeKey don't need upgradekey"},
-      {&key, params.get(), Reply::Fail(kTaError).Out(2, {5}), kTaFailed, "kept",
-       "E! TeeUpgrade failed, ret=0xffff0009"},
-      {&none, params.get(), Reply::Ok(), Code(0xFFFF0006), "kept",
-       "E! TeeUpgrade failed, ret=0xffff0006"},
-      {nullptr, params.get(), Reply::Ok(), -32, "kept", "I KmUpgradeKey start"},
-      {&key, nullptr, Reply::Ok(), -32, "kept", "I KmUpgradeKey start"}};
-  for (const Row& row : kRows) {
-    SCOPED_TRACE(row.last);
-    Answer(7, row.reply);
-    OutKey upgraded;
-    EXPECT_EQ(row.result, km.TivasKmUpgradeKey(row.key, row.params, &upgraded));
-    EXPECT_EQ(row.upgraded, upgraded.Take());
-    EXPECT_EQ(row.last, LastLine());
-    if (row.result != 0) continue;
-    const Invocation& sent = Sent();
-    EXPECT_EQ(kKey, sent.params[0].in);
-    EXPECT_EQ(Cat({WireList({Entry(KM_TAG_ALGORITHM, 3)}),
-                   WireList({BytesEntry(KM_TAG_APPLICATION_DATA, 0, 1)}),
-                   {7}}),
-              sent.params[1].in);
-  }
-  EXPECT_EQ(-27, km.TivasKmUpgradeKey(&key, params.get(), nullptr));
+  const Bytes full = Ramp(9, 4096);
+  EXPECT_EQ("0 [7] key=" + Hex(full) + ": I KmUpgradeKey success",
+            run(kKeyBlob, Reply::Ok().Out(2, full)));
+  const Bytes data_entry = BytesEntry(KM_TAG_APPLICATION_DATA, 0, 1);
+  EXPECT_EQ(
+      (Parts{kKey, Cat({WireList({Entry(KM_TAG_ALGORITHM, 3)}), WireList({data_entry}), {7}})}),
+      Inputs());
+  EXPECT_EQ("0 [7]: I KmUpgradeKey don't need upgradekey", run(kKeyBlob, Reply::Ok()));
+  EXPECT_EQ("-1000 [7]: E! invalid keyBlobLen:4097\n", run(kKeyBlob, Reply::Ok().Size(2, 4097)));
+  EXPECT_EQ("ffff0009 [7 66]: E! TeeUpgrade failed, ret=0xffff0009", run(kKeyBlob, TaFails()));
+  EXPECT_EQ("ffff0006: E! TeeUpgrade failed, ret=0xffff0006", run(kHollowKey, Reply::Ok()));
+  EXPECT_EQ("-32", Outcome(km.TivasKmUpgradeKey(nullptr, set.get(), nullptr)));
+  EXPECT_EQ("-32", Outcome(km.TivasKmUpgradeKey(&kKeyBlob, nullptr, nullptr)));
+  EXPECT_EQ("-27", Outcome(km.TivasKmUpgradeKey(&kKeyBlob, &kHollowSet, nullptr)));
+  EXPECT_EQ("-41", Outcome(km.TivasKmUpgradeKey(&kKeyBlob, &kHollowSet, &key)));
 }
 
 TEST_F(KeyBlobRequest, Delete) {
-  const keymaster_key_blob_t key = KeyBlob(kKey), none = {nullptr, 1};
-  for (const keymaster_key_blob_t* bad :
-       {static_cast<const keymaster_key_blob_t*>(nullptr), &none}) {
-    platform().ClearRecords();
-    EXPECT_EQ(-100, km.TivasKmDeletekey(bad));
-    EXPECT_EQ("I KmDeletekey start; E! NULL pointers.\n", RequestLog());
-    EXPECT_EQ("", Journal());
+  start = "I KmDeletekey start";
+  EXPECT_EQ("-100: E! NULL pointers.\n", Outcome(km.TivasKmDeletekey(nullptr)));
+  EXPECT_EQ("-100: E! NULL pointers.\n", Outcome(km.TivasKmDeletekey(&kHollowKey)));
+  EXPECT_EQ("0 [31]: I km_delete success", Outcome(km.TivasKmDeletekey(&kKeyBlob)));
+  EXPECT_EQ(Parts{kKey}, Inputs());
+  Answer(31, TaFails());
+  EXPECT_EQ("ffff0009 [31]: E! TeeDeleteKey failed, ret=0xffff0009",
+            Outcome(km.TivasKmDeletekey(&kKeyBlob)));
+}
+
+const Bytes kCertificates = Cat({Le32(3), {1, 2, 3}, Le32(5), {4, 5, 6, 7, 8}});
+const Bytes kChain = Cat({Le32(2), kCertificates});
+constexpr char kOutError[] = "; E! ExtractAttestChain out error.\n";
+
+struct Attest : RequestTest {
+  Attest() { start = "I KmAttestKey start"; }
+  std::string Run(const Reply& reply) {
+    Answer(6, reply);
+    return Outcome(km.TivasKmAttestKey(&kKeyBlob, set.get(), &chain));
   }
-  EXPECT_EQ(0, km.TivasKmDeletekey(&key));
-  EXPECT_EQ("I km_delete success", LastLine());
-  EXPECT_EQ(kKey, Sent().params[0].in);
-  platform().Queue(31, Reply::Fail(kTaError));
-  EXPECT_EQ(kTaFailed, km.TivasKmDeletekey(&key));
-  EXPECT_EQ("E! TeeDeleteKey failed, ret=0xffff0009", LastLine());
+  std::string Run(const Bytes& reply) { return Run(Reply::Ok().Out(2, reply)); }
+  ParamSet set{{KM_TAG_ATTESTATION_CHALLENGE, {9, 9}}};
+};
+
+TEST_F(Attest, ReturnsTheChainInOrder) {
+  const std::string kEnd =
+      ": I extract attest cert chain success, entry_count=2.\n; I KmAttestKey success";
+  EXPECT_EQ("0 [6] chain=/010203/0405060708" + kEnd, Run(kChain));
+  EXPECT_EQ((Parts{kKey, SecondList({{KM_TAG_ATTESTATION_CHALLENGE, {9, 9}}})}), Inputs());
+  EXPECT_EQ("0 [6] chain=/010203/0405060708" + kEnd, Run(Cat({kChain, Ramp(1, 9)})));
+  // The largest chain there is: 8192 bytes.
+  const Bytes large = Ramp(0, 8179);
+  EXPECT_EQ("0 [6] chain=/" + Hex(large) + "/01" + kEnd,
+            Run(Cat({Le32(2), Le32(8179), large, Le32(1), {1}})));
+}
+
+TEST_F(Attest, RefusesBadReplies) {
+  const std::string kRefused = "-1000 [6] chain=empty: ", kCut = "E 1 invalid out chain size(";
+  for (size_t length = 0; length < kChain.size(); ++length) {
+    // The position that the reply ends behind: a length field's start, or its certificate's.
+    const std::string position = length < 8 ? "4" : length < 11 ? "8" : length < 15 ? "11" : "15";
+    const std::string size = std::to_string(length) + ")";
+    EXPECT_EQ(kRefused + (length < 4 ? "E! chain_buf_len too small(" : kCut + position + "-") +
+                  size + kOutError,
+              Run(Bytes(kChain.begin(), kChain.begin() + static_cast<long>(length))));
+  }
+  const std::string kLying = kRefused + kCut + "20-20)" + kOutError;
+  for (const uint32_t count : {0u, 1u}) {
+    EXPECT_EQ(kRefused + "E! out_chain entry_count err" + kOutError,
+              Run(Cat({Le32(count), kCertificates})));
+  }
+  for (const uint32_t count : {3u, 0x10000000u, 0xFFFFFFFFu}) {
+    EXPECT_EQ(kLying, Run(Cat({Le32(count), kCertificates})));
+  }
+  for (const uint32_t length : {0xFFFFFFF8u, 0xFFFFFFFFu}) {
+    EXPECT_EQ(kRefused + kCut + "8-10)" + kOutError, Run(Cat({Le32(2), Le32(length), {1, 2}})));
+  }
+  const std::string kEmpty = kRefused + (kOutError + 2);
+  EXPECT_EQ(kEmpty, Run(Cat({Le32(2), Le32(3), {1, 2, 3}, Le32(0), {4}})));
+  EXPECT_EQ(kEmpty, Run(Cat({Le32(2), Le32(0), Le32(1), {4}})));
+  EXPECT_EQ(kRefused + kCut + "8192-8193)" + kOutError, Run(Reply::Ok().Size(2, 8193)));
+  EXPECT_EQ("ffff0009 [6 66]: E! TeeAttestKey failed, ret=0xffff0009", Run(TaFails()));
+}
+
+TEST_F(Attest, RefusesBeforeTheTa) {
+  for (const uint64_t value : {0u, 1u}) {
+    ParamSet unique({{KM_TAG_ALGORITHM, 3}, {KM_TAG_DEVICE_UNIQUE_ATTESTATION, value}});
+    EXPECT_EQ("-100: I NonStrongBox must return KM_ERROR_UNIMPLEMENTED",
+              Outcome(km.TivasKmAttestKey(&kKeyBlob, unique.get(), &chain)));
+  }
+  EXPECT_EQ("-32", Outcome(km.TivasKmAttestKey(nullptr, set.get(), &chain)));
+  EXPECT_EQ("-32", Outcome(km.TivasKmAttestKey(&kKeyBlob, nullptr, &chain)));
+  EXPECT_EQ("-32", Outcome(km.TivasKmAttestKey(&kKeyBlob, set.get(), nullptr)));
+  EXPECT_EQ("-32", Outcome(km.TivasKmAttestKey(&kKeyBlob, &kHollowSet, &chain)));
+  EXPECT_EQ("ffff0006: E! TeeAttestKey failed, ret=0xffff0006",
+            Outcome(km.TivasKmAttestKey(&kHollowKey, set.get(), &chain)));
 }
 
 }  // namespace

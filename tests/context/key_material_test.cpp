@@ -5,7 +5,6 @@
 #include <openssl/ec.h>
 #include <openssl/obj_mac.h>
 #include <openssl/rsa.h>
-#include <string.h>
 
 #include <map>
 #include <memory>
@@ -22,20 +21,16 @@ struct Free {
   void operator()(EC_KEY* p) const { EC_KEY_free(p); }
   void operator()(BIGNUM* p) const { BN_free(p); }
 };
-using Rsa = std::unique_ptr<RSA, Free>;
-using Ec = std::unique_ptr<EC_KEY, Free>;
-
-// A number of so many bytes, all equal to fill; 0 bytes give none.
-BIGNUM* Filled(uint8_t fill, int length) {
-  return length == 0 ? nullptr : BN_bin2bn(Bytes(4096, fill).data(), length, nullptr);
-}
 
 // A key whose numbers n, e, d, p, q, dmp1, dmq1 and iqmp have the given lengths and are filled
-// with 1, 2, 3 and so on.
-Rsa RsaOf(const int (&length)[8]) {
-  Rsa key(RSA_new());
-  BIGNUM* n[8];
-  for (size_t i = 0; i < 8; ++i) n[i] = Filled(static_cast<uint8_t>(i + 1), length[i]);
+// with 1, 2, 3 and so on; 0 bytes give none.
+std::unique_ptr<RSA, Free> RsaOf(const int (&length)[8]) {
+  std::unique_ptr<RSA, Free> key(RSA_new());
+  BIGNUM* n[8] = {};
+  for (size_t i = 0; i < 8; ++i) {
+    const Bytes bytes(4096, static_cast<uint8_t>(i + 1));
+    if (length[i] != 0) n[i] = BN_bin2bn(bytes.data(), length[i], nullptr);
+  }
   if (n[0] != nullptr) RSA_set0_key(key.get(), n[0], n[1], n[2]);
   if (n[3] != nullptr) RSA_set0_factors(key.get(), n[3], n[4]);
   if (n[5] != nullptr) RSA_set0_crt_params(key.get(), n[5], n[6], n[7]);
@@ -43,32 +38,29 @@ Rsa RsaOf(const int (&length)[8]) {
 }
 
 TEST_F(KeyMaterial, RsaFormFollowsTheNumbersAtHand) {
-  struct Row {
+  const struct {
     int length[8];
-    std::vector<uint32_t> header;
-    uint32_t total;
-  };
-  const Row kRows[] = {
-      {{256, 3, 256, 128, 128, 128, 128, 128}, {2, 256, 256, 3, 128, 128, 128, 128, 128}, 935},
-      {{5, 1, 4, 0, 0, 0, 0, 0}, {1, 5, 5, 1, 4, 0, 0, 0, 0}, 46},
-      {{5, 1, 4, 3, 3, 0, 0, 0}, {1, 5, 5, 1, 4, 0, 0, 0, 0}, 46},
-      {{5, 1, 4, 0, 0, 2, 2, 2}, {1, 5, 5, 1, 4, 0, 0, 0, 0}, 46},
-      {{1024, 3, 0, 512, 512, 512, 512, 512}, {2, 1024, 1024, 3, 512, 512, 512, 512, 512}, 3623},
-      // To the last byte.
-      {{4050, 3, 7, 0, 0, 0, 0, 0}, {1, 4050, 4050, 3, 7, 0, 0, 0, 0}, 4096}};
-  for (const Row& row : kRows) {
-    SCOPED_TRACE(::testing::PrintToString(row.length));
-    Bytes buffer(4096, 0xEE), expected;
+    bool crt;
+  } kRows[] = {{{256, 3, 256, 128, 127, 126, 125, 124}, true},
+               {{1024, 3, 0, 512, 512, 512, 512, 512}, true},
+               {{5, 1, 4, 0, 0, 0, 0, 0}, false},
+               {{5, 1, 4, 3, 3, 0, 0, 0}, false},
+               {{5, 1, 4, 0, 0, 2, 2, 2}, false},
+               {{4050, 3, 7, 0, 0, 0, 0, 0}, false}};  // to the last byte
+  for (const auto& row : kRows) {
+    const auto size = [&row](size_t i) { return static_cast<uint32_t>(row.length[i]); };
+    Bytes buffer(4096, 0xEE), numbers,
+        expected = Cat({Le32(row.crt ? 2 : 1), Le32(size(0)), Le32(size(0)), Le32(size(1))});
+    for (size_t i = 0; i < 8; ++i) {
+      const bool is_sent = i < 2 || (row.crt ? i > 2 : i == 2);
+      if (i > 1 && is_sent) expected = Cat({expected, Le32(size(i))});
+      if (is_sent) numbers = Cat({numbers, Bytes(size(i), static_cast<uint8_t>(i + 1))});
+    }
+    expected.resize(36);
+    expected = Cat({expected, numbers});
     uint32_t length = 0;
     EXPECT_EQ(0, BuildRsaKeyMaterial(buffer.data(), RsaOf(row.length).get(), &length));
-    EXPECT_EQ(row.total, length);
-    for (const uint32_t word : row.header) expected = Cat({expected, Le32(word)});
-    for (size_t i = 0; i < 8; ++i) {
-      const bool sent = i < 2 || (row.header[0] == 2 ? i > 2 : i == 2);
-      const Bytes number(sent ? static_cast<size_t>(row.length[i]) : 0,
-                         static_cast<uint8_t>(i + 1));
-      expected = Cat({expected, number});
-    }
+    EXPECT_EQ(expected.size(), length);
     expected.resize(4096, 0xEE);
     EXPECT_EQ(expected, buffer);
   }
@@ -76,123 +68,89 @@ TEST_F(KeyMaterial, RsaFormFollowsTheNumbersAtHand) {
 }
 
 TEST_F(KeyMaterial, RsaRefusals) {
-  struct Row {
-    int length[8];
-    std::string log;
-  };
-  const Row kRows[] = {{{4050, 3, 8, 0, 0, 0, 0, 0}, "rsa->d is too big, size=8"},
-                       {{4061, 1, 8, 0, 0, 0, 0, 0}, "rsa->n is too big, size=4061"},
-                       {{4060, 1, 8, 0, 0, 0, 0, 0}, "rsa->e is too big, size=1"},
-                       {{1024, 3, 0, 800, 800, 800, 800, 1}, "rsa->dmq1 is too big, size=800"},
-                       {{1024, 3, 0, 600, 600, 600, 600, 634}, "rsa->iqmp is too big, size=634"},
-                       {{5, 1, 0, 0, 0, 0, 0, 0}, "bn or name is NULL"}};
-  for (const Row& row : kRows) {
-    platform().ClearRecords();
-    Bytes buffer(4096);
-    uint32_t length = 0;
-    EXPECT_EQ(-1000, BuildRsaKeyMaterial(buffer.data(), RsaOf(row.length).get(), &length));
-    EXPECT_EQ(Lines{"E KeyMaster_Ts: " + row.log}, Log());
-  }
   uint32_t length = 0;
   Bytes buffer(4096);
-  const Rsa key = RsaOf({5, 1, 4, 0, 0, 0, 0, 0}), empty = RsaOf({});
+  const auto refusal = [&](const int(&lengths)[8]) {
+    EXPECT_EQ(-1000, BuildRsaKeyMaterial(buffer.data(), RsaOf(lengths).get(), &length));
+    return Log().back().substr(16);
+  };
+  EXPECT_EQ("rsa->n is too big, size=4061", refusal({4061, 1, 8}));
+  EXPECT_EQ("rsa->e is too big, size=1", refusal({4060, 1, 8}));
+  EXPECT_EQ("rsa->d is too big, size=8", refusal({4050, 3, 8}));
+  EXPECT_EQ("rsa->p is too big, size=5", refusal({4055, 1, 0, 5, 1, 1, 1, 1}));
+  EXPECT_EQ("rsa->q is too big, size=5", refusal({4055, 1, 0, 1, 5, 1, 1, 1}));
+  EXPECT_EQ("rsa->dmp1 is too big, size=5", refusal({4055, 1, 0, 1, 1, 5, 1, 1}));
+  EXPECT_EQ("rsa->dmq1 is too big, size=5", refusal({4055, 1, 0, 1, 1, 1, 5, 1}));
+  EXPECT_EQ("rsa->iqmp is too big, size=5", refusal({4055, 1, 0, 1, 1, 1, 1, 5}));
+  EXPECT_EQ("bn or name is NULL", refusal({5, 1}));
+  const auto key = RsaOf({5, 1, 4}), empty = RsaOf({});
   EXPECT_EQ(-32, BuildRsaKeyMaterial(buffer.data(), empty.get(), &length));
   EXPECT_EQ(-32, BuildRsaKeyMaterial(nullptr, key.get(), &length));
   EXPECT_EQ(-32, BuildRsaKeyMaterial(buffer.data(), nullptr, &length));
   EXPECT_EQ(-32, BuildRsaKeyMaterial(buffer.data(), key.get(), nullptr));
   FailCall(Call::kMemcpyS, 1);
-  EXPECT_EQ(-1000, BuildRsaKeyMaterial(buffer.data(), key.get(), &length));
-  EXPECT_EQ("E KeyMaster_Ts: [error] : copy key header failed", Log().back());
+  EXPECT_EQ("[error] : copy key header failed", refusal({5, 1, 4}));
 }
 
+// The three numbers at their places: an import's test.
 TEST_F(KeyMaterial, EcHeaderTellsCurveAndForm) {
-  struct Row {
-    int nid;
-    point_conversion_form_t form;
-    uint32_t bits;
-  };
-  const Row kRows[] = {{NID_X9_62_prime256v1, POINT_CONVERSION_UNCOMPRESSED, 256},
-                       {NID_X9_62_prime256v1, POINT_CONVERSION_COMPRESSED, 256},
-                       {NID_secp521r1, POINT_CONVERSION_HYBRID, 521},
-                       {NID_secp256k1, POINT_CONVERSION_UNCOMPRESSED, 256},
-                       {NID_secp160r2, POINT_CONVERSION_UNCOMPRESSED, 0}};
-  for (const Row& row : kRows) {
-    SCOPED_TRACE(row.nid);
-    Ec key(EC_KEY_new_by_curve_name(row.nid));
+  const std::tuple<int, point_conversion_form_t, uint32_t> kRows[] = {
+      {NID_X9_62_prime256v1, POINT_CONVERSION_COMPRESSED, 256},
+      {NID_secp521r1, POINT_CONVERSION_HYBRID, 521},
+      {NID_secp256k1, POINT_CONVERSION_UNCOMPRESSED, 256},
+      {NID_secp160r2, POINT_CONVERSION_UNCOMPRESSED, 0}};
+  for (const auto& [nid, form, bits] : kRows) {
+    const std::unique_ptr<EC_KEY, Free> key(EC_KEY_new_by_curve_name(nid));
     ASSERT_EQ(1, EC_KEY_generate_key(key.get()));
-    EC_KEY_set_conv_form(key.get(), row.form);
+    EC_KEY_set_conv_form(key.get(), form);
     Bytes buffer(4096, 0xEE);
     uint32_t length = 0;
     EXPECT_EQ(0, BuildEcKeyMaterial(buffer.data(), key.get(), &length));
-    EXPECT_EQ(Cat({Le32(row.bits), Le32(row.form)}), Bytes(buffer.begin(), buffer.begin() + 8));
-    // The three numbers are the key's.
-    uint32_t sizes[3];
-    memcpy(sizes, &buffer[8], sizeof(sizes));
-    ASSERT_EQ(20 + sizes[0] + sizes[1] + sizes[2], length);
-    BIGNUM* number[3];
-    const uint8_t* at = &buffer[20];
-    for (size_t i = 0; i < 3; at += sizes[i++]) {
-      EXPECT_NE(0, *at);
-      number[i] = BN_bin2bn(at, static_cast<int>(sizes[i]), nullptr);
-    }
-    Ec copy(EC_KEY_new_by_curve_name(row.nid));
-    EXPECT_EQ(1, EC_KEY_set_public_key_affine_coordinates(copy.get(), number[0], number[1]));
-    EXPECT_EQ(1, EC_KEY_set_private_key(copy.get(), number[2]));
-    EXPECT_EQ(1, EC_KEY_check_key(copy.get()));
-    EXPECT_EQ(0, BN_cmp(number[2], EC_KEY_get0_private_key(key.get())));
-    for (BIGNUM* one : number) BN_free(one);
+    EXPECT_EQ(Cat({Le32(bits), Le32(form)}), Bytes(buffer.begin(), buffer.begin() + 8));
   }
 }
 
 TEST_F(KeyMaterial, EcKeyMustBeWhole) {
   Bytes buffer(4096);
   uint32_t length = 0;
-  const Ec key(EC_KEY_new_by_curve_name(NID_X9_62_prime256v1));
-  EXPECT_NE(0, BuildEcKeyMaterial(buffer.data(), key.get(), &length));
-  EXPECT_EQ("E KeyMaster_Ts: [error] : EC_KEY_get0_public_key error\n", Log().back());
+  const std::unique_ptr<EC_KEY, Free> key(EC_KEY_new_by_curve_name(NID_X9_62_prime256v1));
+  const auto refusal = [&] {
+    EXPECT_EQ(-1000, BuildEcKeyMaterial(buffer.data(), key.get(), &length));
+    return Log().back();
+  };
+  EXPECT_EQ("E KeyMaster_Ts: [error] : EC_KEY_get0_public_key error\n", refusal());
   const EC_GROUP* group = EC_KEY_get0_group(key.get());
   EC_KEY_set_public_key(key.get(), EC_GROUP_get0_generator(group));
-  EXPECT_NE(0, BuildEcKeyMaterial(buffer.data(), key.get(), &length));
-  EXPECT_EQ("E KeyMaster_Ts: bn or name is NULL", Log().back()) << "no private number";
+  EXPECT_EQ("E KeyMaster_Ts: bn or name is NULL", refusal()) << "no private number";
   EC_POINT* infinity = EC_POINT_new(group);
   EC_KEY_set_public_key(key.get(), infinity);
   EC_POINT_free(infinity);
-  EXPECT_NE(0, BuildEcKeyMaterial(buffer.data(), key.get(), &length));
-  EXPECT_EQ("E KeyMaster_Ts: [error] : failed to get affine_coordinates\n", Log().back());
+  EXPECT_EQ("E KeyMaster_Ts: [error] : failed to get affine_coordinates\n", refusal());
 }
 
 TEST_F(KeyMaterial, GuardAndCurveTables) {
-  const std::unique_ptr<BIGNUM, Free> zero(BN_new()), two(Filled(1, 2));
-  struct Row {
-    uint32_t offset, limit;
-    const BIGNUM* number;
-    int result;
-    Lines log;
-  };
-  const Row kRows[] = {{4096, 4096, zero.get(), 0, {}},
-                       {4097, 4096, zero.get(), -1, {"E KeyMaster_Ts: x is too big, size=0"}},
-                       {4094, 4096, two.get(), 0, {}},
-                       {4095, 4096, two.get(), -1, {"E KeyMaster_Ts: x is too big, size=2"}},
-                       {0, 0xFFFFFFFF, two.get(), 0, {}},
-                       {0, 4096, nullptr, -1, {"E KeyMaster_Ts: bn or name is NULL"}}};
-  for (const Row& row : kRows) {
-    platform().ClearRecords();
-    EXPECT_EQ(row.result, CheckBnSize(row.offset, row.limit, row.number, "x"));
-    EXPECT_EQ(row.log, Log());
-  }
-  EXPECT_EQ(-1, CheckBnSize(0, 1, zero.get(), nullptr));
-  std::map<int, int> nids, sizes;
+  const auto key = RsaOf({2, 1});
+  const std::unique_ptr<BIGNUM, Free> zero(BN_new());
+  const BIGNUM* two = RSA_get0_n(key.get());
+  EXPECT_EQ(0, CheckBnSize(4096, 4096, zero.get(), "x") + CheckBnSize(4094, 4096, two, "x") +
+                   CheckBnSize(0, 0xFFFFFFFF, two, "x"));
+  EXPECT_EQ(Lines(), Log());
+  EXPECT_EQ(-1, CheckBnSize(4097, 4096, zero.get(), "x"));
+  EXPECT_EQ(-1, CheckBnSize(4095, 4096, two, "x"));
+  EXPECT_EQ(-1, CheckBnSize(0, 4096, nullptr, "x"));
+  EXPECT_EQ(-1, CheckBnSize(0, 4096, two, nullptr));
+  const std::string tag = "E KeyMaster_Ts: ", null = tag + "bn or name is NULL";
+  EXPECT_EQ((Lines{tag + "x is too big, size=0", tag + "x is too big, size=2", null, null}), Log());
+  using Table = std::map<int, int>;
+  Table nids, sizes;
   for (int i = -1; i < 2000; ++i) {
-    if (GetNidFromKeySize(i) != 0) nids[i] = GetNidFromKeySize(i);
+    if (GetNidFromKeySize(i) != 0) nids[GetNidFromKeySize(i)] = i;
     if (GetKeySizeFromNid(i) != 0) sizes[i] = GetKeySizeFromNid(i);
   }
-  EXPECT_EQ(
-      (std::map<int, int>{{160, 709}, {192, 711}, {224, 713}, {256, 415}, {384, 715}, {521, 716}}),
-      nids);
-  EXPECT_EQ(
-      (std::map<int, int>{
-          {709, 160}, {711, 192}, {713, 224}, {714, 256}, {415, 256}, {715, 384}, {716, 521}}),
-      sizes);
+  Table both = {{709, 160}, {711, 192}, {713, 224}, {415, 256}, {715, 384}, {716, 521}};
+  EXPECT_EQ(both, nids);
+  both[714] = 256;
+  EXPECT_EQ(both, sizes);
 }
 
 }  // namespace

@@ -4,236 +4,159 @@
 namespace test {
 namespace {
 
-using Operation = RequestTest;
-
 constexpr unsigned long kHandle = 0x0123456789ABCDEF;
+constexpr uint32_t kPiece = 524288;
 const Bytes kKey = Ramp(0x40, 21);
-const Bytes kNonceReply = Cat({WireList({BytesEntry(KM_TAG_NONCE, 0, 2)}), {0xAA, 0xBB}});
-constexpr char kNonce[] = "900003e9:aabb";
-const Bytes kBadSet = Le32(1);  // announces an entry that is not there
+const keymaster_key_blob_t kKeyBlob = KeyBlob(kKey);
+const Bytes kToken = SecondList({{KM_TAG_AUTH_TOKEN, Bytes{1}}});
 
-TEST_F(Operation, BeginSendsPurposeKeyAndParameters) {
-  const keymaster_key_blob_t key = KeyBlob(kKey);
-  ParamSet params({{KM_TAG_NONCE, Bytes{1}}, {KM_TAG_PADDING, 64}});
-  platform().On(8, [](const Invocation&) {
-    return Reply::Ok().Out(2, kNonceReply).Value(3, 0x89ABCDEF, 0x01234567);
-  });
-  unsigned long handle = 0;
-  OutSet out;
-  EXPECT_EQ(0, km.TivasKmBegin(KM_PURPOSE_SIGN, &key, params.get(), &out, &handle));
-  EXPECT_EQ(kHandle, handle);
-  EXPECT_EQ(kNonce, out.Take());
-  EXPECT_EQ("I KmBegin start; I out_params_buffer_len = 22; I KmBegin success", RequestLog());
-  const Invocation& sent = Sent();
-  EXPECT_EQ(0x3655u, sent.param_types);
-  EXPECT_EQ(kKey, sent.params[0].in);
-  EXPECT_EQ(
-      Cat({WireList({Entry(KM_TAG_PADDING, 64)}), WireList({BytesEntry(KM_TAG_NONCE, 0, 1)}), {1}}),
-      sent.params[1].in);
-  EXPECT_EQ(4096u, sent.params[2].size);
-  EXPECT_EQ(2u, sent.params[3].value.a);
-  EXPECT_EQ(0u, sent.params[3].value.b);
-  platform().ClearRecords();
-  EXPECT_EQ(0, km.TivasKmBegin(KM_PURPOSE_ENCRYPT, &key, nullptr, nullptr, &handle));
-  EXPECT_EQ(0x3605u, Sent().param_types);
-  EXPECT_EQ(
-      "I KmBegin start; I out_params is NULL; I out_params_buffer_len = 22; I KmBegin success",
-      RequestLog());
-}
+struct Operation : RequestTest {
+  std::string Begin(const Reply& reply, const keymaster_key_param_set_t* in_params,
+                    keymaster_key_param_set_t* out_params) {
+    start = "I KmBegin start";
+    Answer(8, reply);
+    return Outcome(km.TivasKmBegin(KM_PURPOSE_SIGN, &kKeyBlob, in_params, out_params, &number));
+  }
+  std::string Update(const keymaster_key_param_set_t* in_params, const keymaster_blob_t* input) {
+    start = "I KmUpdate start";
+    number = 99;
+    return Outcome(km.TivasKmUpdate(kHandle, in_params, input, &number, &params, &data));
+  }
+  unsigned long number = 5;  // a handle, or what was consumed
+};
 
-TEST_F(Operation, BeginFailures) {
-  const keymaster_key_blob_t key = KeyBlob(kKey), none = {nullptr, 1};
-  const keymaster_key_param_set_t hollow = {nullptr, 1};
-  unsigned long handle = 5;
-  OutSet out;
-  EXPECT_EQ(-32, km.TivasKmBegin(KM_PURPOSE_SIGN, nullptr, nullptr, &out, &handle));
-  EXPECT_EQ(-32, km.TivasKmBegin(KM_PURPOSE_SIGN, &none, nullptr, &out, &handle));
-  EXPECT_EQ(-41, km.TivasKmBegin(KM_PURPOSE_SIGN, &key, nullptr, &out, nullptr));
-  EXPECT_EQ("kept", out.Take());
-  EXPECT_EQ(-41, km.TivasKmBegin(KM_PURPOSE_SIGN, &key, &hollow, &out, &handle));
-  EXPECT_EQ("empty", out.Take());
-  EXPECT_EQ("", Journal());
-  struct Row {
-    Reply reply;
-    int32_t result;
-    uint32_t after;  // the command behind the begin
-    std::string last;
-  };
-  const std::string kUndecoded = "E build key parame fail";
+TEST_F(Operation, Begin) {
   const auto reply = [](const Bytes& set) {
     return Reply::Ok().Out(2, set).Value(3, 0x89ABCDEF, 0x01234567);
   };
-  const Row kRows[] = {{Reply::Fail(kTaError).Out(2, kNonceReply).Value(3, 1, 2), kTaFailed, 66,
-                        "E! TeeBegin failed, ret=0xffff0009"},
-                       {reply(kBadSet), -41, 11, kUndecoded},
-                       {reply({1, 2}), -41, 11, kUndecoded},
-                       {Reply::Ok().Value(3, 9, 0), 0, 0, "I KmBegin success"}};
-  for (const Row& row : kRows) {
-    Answer(8, row.reply);
-    platform().Queue(11, Reply::Fail(kTaError));  // its result does not matter
-    EXPECT_EQ(row.result, km.TivasKmBegin(KM_PURPOSE_SIGN, &key, nullptr, &out, &handle));
-    EXPECT_EQ("empty", out.Take());
-    EXPECT_EQ(row.after, Commands().size() < 2 ? 0 : Commands().at(1));
-    EXPECT_EQ(row.last, LastLine());
-    EXPECT_EQ(row.result == 0 ? 9u : 5u, handle);
-    if (row.result != -41) continue;
-    EXPECT_EQ(Le64(kHandle), platform().invocations.at(1).params[0].in);
+  const auto length = [](int bytes) {
+    return ": I out_params_buffer_len = " + std::to_string(bytes) + "; ";
+  };
+  ParamSet set({{KM_TAG_NONCE, Bytes{1}}, {KM_TAG_PADDING, 64}});
+  const std::string kBad = "E build key parame fail";
+  Answer(11, TaFails());  // its result does not matter
+  EXPECT_EQ("ffff0009 [8 66] params=empty: E! TeeBegin failed, ret=0xffff0009",
+            Begin(Reply(TaFails()).Value(3, 1, 2), set.get(), &params));
+  EXPECT_EQ("-41 [8 11] params=empty" + length(4) + "E invalid copy size, 1-4; " + kBad,
+            Begin(reply(BadReply()), set.get(), &params));
+  EXPECT_EQ(Parts{Le64(kHandle)}, Inputs(1));
+  EXPECT_EQ("-41 [8 11] params=empty" + length(4097) + kBad,
+            Begin(reply({}).Size(2, 4097), set.get(), &params));
+  EXPECT_EQ("-41 params=empty", Begin(reply({}), &kHollowSet, &params));
+  EXPECT_EQ(5u, number);
+  EXPECT_EQ("0 [8]" + (kNonce + length(21)) + "I KmBegin success",
+            Begin(reply(NonceReply()), set.get(), &params));
+  EXPECT_EQ(kHandle, number);
+  const Bytes nonce = WireList({BytesEntry(KM_TAG_NONCE, 0, 1)});
+  EXPECT_EQ((Parts{kKey, Cat({WireList({Entry(KM_TAG_PADDING, 64)}), nonce, {1}}), Le64(2)}),
+            Inputs());
+  EXPECT_EQ("0 [8] params=empty" + length(0) + "I KmBegin success",
+            Begin(reply({}), nullptr, &params));
+  EXPECT_EQ("0 [8]: I out_params is NULL; I out_params_buffer_len = 4; I KmBegin success",
+            Begin(reply(BadReply()), nullptr, nullptr));
+  EXPECT_EQ((Parts{kKey, Le64(2)}), Inputs());
+  for (const keymaster_key_blob_t* bad :
+       {static_cast<const keymaster_key_blob_t*>(nullptr), &kHollowKey}) {
+    EXPECT_EQ("-32", Outcome(km.TivasKmBegin(KM_PURPOSE_SIGN, bad, nullptr, &params, nullptr)));
   }
+  EXPECT_EQ("-41", Outcome(km.TivasKmBegin(KM_PURPOSE_SIGN, &kKeyBlob, nullptr, &params, nullptr)));
 }
 
-// Echo is a TA that answers an update with what it was given.
-Reply Echo(const Invocation& invocation) { return Reply::Ok().Out(3, invocation.params[1].in); }
-
 TEST_F(Operation, UpdateCutsItsInputIntoPieces) {
-  struct Row {
-    size_t length;
-    std::vector<std::pair<uint32_t, uint32_t>> pieces;  // length, capacity
-  };
-  const Row kRows[] = {{0, {{0, 16}}},
-                       {1, {{1, 16}}},
-                       {16, {{16, 16}}},
-                       {17, {{17, 32}}},
-                       {524288, {{524288, 524288}}},
-                       {524289, {{524288, 524288}, {1, 16}}},
-                       {1048577, {{524288, 524288}, {524288, 524288}, {1, 16}}}};
-  platform().On(9, Echo);
-  ParamSet params({{KM_TAG_AUTH_TOKEN, Bytes{1}}});
-  for (const Row& row : kRows) {
-    SCOPED_TRACE(row.length);
-    platform().ClearRecords();
-    const Bytes data = Ramp(1, row.length);
-    const keymaster_blob_t input = {data.empty() ? &g_callers_own : data.data(), data.size()};
-    unsigned long consumed = 99;
-    OutSet out_params;
-    OutBlob output;
-    EXPECT_EQ(0, km.TivasKmUpdate(kHandle, params.get(), &input, &consumed, &out_params, &output));
-    EXPECT_EQ(row.length, consumed);
-    EXPECT_TRUE(row.length == 0 ? output.data == nullptr : BlobBytes(output) == data);
-    EXPECT_EQ("empty", out_params.Take());
-    EXPECT_EQ("I KmUpdate start; I KmUpdate success", RequestLog());
-    ASSERT_EQ(row.pieces.size(), platform().invocations.size());
-    const uint8_t* out_at = static_cast<uint8_t*>(platform().invocations[0].params[3].buffer);
-    for (size_t i = 0; i < row.pieces.size(); ++i) {
-      const Invocation& sent = platform().invocations[i];
-      EXPECT_EQ(0x6755u, sent.param_types);
-      EXPECT_EQ(SecondList({{KM_TAG_AUTH_TOKEN, Bytes{1}}}), sent.params[0].in);
-      EXPECT_EQ(row.pieces[i].first, sent.params[1].size);
-      EXPECT_EQ(input.data + i * 524288, sent.params[1].buffer) << "no copy";
-      EXPECT_EQ(4096u, sent.params[2].size);
-      EXPECT_EQ(Le64(kHandle), Bytes(sent.params[2].in.begin(), sent.params[2].in.begin() + 8));
-      EXPECT_EQ(row.pieces[i].second, sent.params[3].size);
-      EXPECT_EQ(out_at + i * 524288, sent.params[3].buffer) << "one output buffer";
+  const std::pair<size_t, std::vector<std::pair<uint32_t, uint32_t>>> kRows[] = {
+      {0, {{0, 16}}},  // length and room for output
+      {1, {{1, 16}}},
+      {16, {{16, 16}}},
+      {17, {{17, 32}}},
+      {kPiece, {{kPiece, kPiece}}},
+      {kPiece + 1, {{kPiece, kPiece}, {1, 16}}},
+      {2 * kPiece + 1, {{kPiece, kPiece}, {kPiece, kPiece}, {1, 16}}}};
+  // The TA gives back what it was given.
+  platform().On(9, [](const Invocation& i) { return Reply::Ok().Out(3, i.params[1].in); });
+  ParamSet set({{KM_TAG_AUTH_TOKEN, Bytes{1}}});
+  const Bytes bytes = Ramp(1, 2 * kPiece + 1);
+  for (const auto& [length, pieces] : kRows) {
+    const keymaster_blob_t input = {bytes.data(), length};
+    const Bytes whole(bytes.begin(), bytes.begin() + static_cast<long>(length));
+    std::string outcome = "0 [9";
+    for (size_t i = 1; i < pieces.size(); ++i) outcome += " 9";
+    outcome +=
+        "] data=" + (length == 0 ? "empty" : Hex(whole)) + " params=empty: I KmUpdate success";
+    EXPECT_TRUE(outcome == Update(set.get(), &input));
+    EXPECT_EQ(length, number);
+    ASSERT_EQ(pieces.size(), sent.size());
+    const auto* out_at = static_cast<uint8_t*>(sent[0].params[3].buffer);
+    for (size_t i = 0; i < pieces.size(); ++i) {
+      const SeenParam(&seen)[4] = sent[i].params;
+      EXPECT_EQ(kToken, seen[0].in);
+      EXPECT_EQ(pieces[i], std::make_pair(seen[1].size, seen[3].size));
+      EXPECT_EQ(bytes.data() + i * kPiece, seen[1].buffer) << "no copy";
+      EXPECT_EQ(Le64(kHandle), Inputs(i).back());
+      EXPECT_EQ(out_at + i * kPiece, seen[3].buffer) << "one output buffer";
     }
   }
 }
 
 TEST_F(Operation, UpdateReplies) {
-  struct Row {
-    Reply first, second;
-    int32_t result;
-    std::vector<uint32_t> commands;
-    std::string params, last;
+  const Bytes bytes(kPiece + 1);
+  const keymaster_blob_t input = Blob(bytes);
+  const auto run = [&](const Reply& first, const Reply& second) {
+    platform().Queue(9, first);
+    platform().Queue(9, second);
+    return Update(nullptr, &input);
   };
-  const Reply ok = Reply::Ok().Out(3, {1}), fail = Reply::Fail(kTaError).Out(3, {2}),
-              bad = Reply::Ok().Out(2, kBadSet).Out(3, {3}), good = Reply::Ok().Out(2, kNonceReply);
-  const Row kRows[] = {
-      {ok, fail, kTaFailed, {9, 9}, "empty", "E! TeeUpdate failed, ret=0xffff0009"},
-      {ok, bad, -41, {9, 9, 11}, "empty", "E update build key parame fail"},
-      // Only the last reply's parameters are looked at.
-      {bad, good, 0, {9, 9}, kNonce, "I KmUpdate success"}};
-  const Bytes data(524289);
-  const keymaster_blob_t input = Blob(data);
-  for (const Row& row : kRows) {
-    Answer(9, row.first);
-    platform().Queue(9, row.second);
-    unsigned long consumed = 99;
-    OutSet out_params;
-    OutBlob output;
-    EXPECT_EQ(row.result,
-              km.TivasKmUpdate(kHandle, nullptr, &input, &consumed, &out_params, &output));
-    EXPECT_EQ(row.params, out_params.Take());
-    EXPECT_EQ(row.result == 0 ? "03" : "empty", output.Take());
-    EXPECT_EQ(row.result == 0 ? data.size() : 99u, consumed);
-    EXPECT_EQ(row.commands, Commands());
-    EXPECT_EQ(row.last, LastLine());
-    EXPECT_EQ(0x6750u, platform().invocations[0].param_types);
-  }
+  const Reply ok = Reply::Ok().Out(3, {1}), bad = Reply::Ok().Out(2, BadReply()).Out(3, {3}),
+              good = Reply::Ok().Out(2, NonceReply());
+  const std::string kEmpty = " data=empty params=empty: ", kBad = "E update build key parame fail";
+  EXPECT_EQ("ffff0009 [9 9]" + kEmpty + "E! TeeUpdate failed, ret=0xffff0009", run(ok, TaFails()));
+  EXPECT_EQ("-41 [9 9 11]" + kEmpty + "E invalid copy size, 1-4; " + kBad, run(ok, bad));
+  EXPECT_EQ("-1000 [9 9]" + kEmpty + "E! too large outDataLen:17\n",
+            run(ok, Reply(ok).Size(3, 17)));
+  EXPECT_EQ(99u, number);
+  // Only the last reply's parameters are looked at.
+  EXPECT_EQ(std::string("0 [9 9] data=03") + kNonce + ": I KmUpdate success", run(bad, good));
 }
 
 TEST_F(Operation, UpdateRefusesInputsItCannotSend) {
-  struct Row {
-    uint64_t length;
-    bool consumed;
-    int32_t result;  // 0: any failure
-  };
-  const Row kRows[] = {{0xFFFFFFF0, true, -32},  {0xFFFFFFFF, true, -32}, {0x100000000, true, 0},
-                       {0x100000001, true, 0},   {0x1FFFFFFF0, true, 0},  {UINT64_MAX, true, 0},
-                       {0xFFFFFFEF, false, -27}, {1, false, -27}};
-  const uint8_t byte = 0;
-  for (const Row& row : kRows) {
-    SCOPED_TRACE(row.length);
-    const keymaster_blob_t input = {&byte, row.length};
-    unsigned long consumed = 99;
-    OutBlob output;
-    const int32_t result =
-        km.TivasKmUpdate(1, nullptr, &input, row.consumed ? &consumed : nullptr, nullptr, &output);
-    if (row.result == 0) {
-      EXPECT_NE(0, result);
-    } else {
-      EXPECT_EQ(row.result, result);
-      EXPECT_EQ("E! ParamsCheck failed, km_error=0x" +
-                    std::string(row.result == -32 ? "ffffffe0" : "ffffffe5"),
-                LastLine());
-    }
-    EXPECT_EQ(99u, consumed);
-    EXPECT_EQ("", Journal());
+  const std::pair<uint64_t, const char*> kRows[] = {
+      {0xFFFFFFF0, "-32: E! ParamsCheck failed, km_error=0xffffffe0"},
+      {0xFFFFFFFF, "-32: E! ParamsCheck failed, km_error=0xffffffe0"},
+      {0x100000000, "-21: E! ParamsCheck failed, km_error=0xffffffeb"},
+      {UINT64_MAX, "-21: E! ParamsCheck failed, km_error=0xffffffeb"}};
+  for (const auto& [length, outcome] : kRows) {
+    const keymaster_blob_t input = {g_callers_own, length};
+    EXPECT_EQ(outcome, Update(nullptr, &input));
+    EXPECT_EQ(99u, number);
   }
+  const keymaster_blob_t input = {g_callers_own, 1};
+  EXPECT_EQ("-27: E! ParamsCheck failed, km_error=0xffffffe5",
+            Outcome(km.TivasKmUpdate(1, nullptr, &input, nullptr, &params, &data)));
 }
 
 TEST_F(Operation, UpdateWithoutInputNeedsAssociatedData) {
-  ParamSet none({}), other({{KM_TAG_NONCE, Bytes{1}}}),
-      both({{KM_TAG_NONCE, Bytes{1}}, {KM_TAG_ASSOCIATED_DATA, Bytes{2}}});
-  keymaster_key_param_set_t hollow = {nullptr, 1};
-  const std::string kNoTag = "E! not contain gcm tag but input is null, km_error=0xffffffe0";
-  const std::pair<const keymaster_key_param_set_t*, std::string> kRefused[] = {
-      {nullptr, "E! invalid in_params"},
-      {none.get(), kNoTag},
-      {&hollow, "E! invalid inParams->params"},
-      {other.get(), kNoTag}};
-  unsigned long consumed = 99;
-  for (const auto& [params, line] : kRefused) {
-    EXPECT_EQ(-32, km.TivasKmUpdate(1, params, nullptr, &consumed, nullptr, nullptr));
-    EXPECT_EQ(line, LastLine());
-    EXPECT_EQ("", Journal());
-  }
-  for (const TEEC_Result result : {0u, kTaError}) {
-    Answer(9, (result == 0 ? Reply::Ok() : Reply::Fail(result)).Out(2, kNonceReply).Out(3, {1}));
-    OutSet out_params;
-    OutBlob output;
-    EXPECT_EQ(Code(result),
-              km.TivasKmUpdate(kHandle, both.get(), nullptr, result == 0 ? &consumed : nullptr,
-                               &out_params, &output));
-    EXPECT_EQ("empty", out_params.Take());
-    EXPECT_EQ("empty", output.Take());
-    const Invocation& sent = Sent();
-    EXPECT_EQ(0x6705u, sent.param_types);
-    EXPECT_EQ(Le64(kHandle), Bytes(sent.params[2].in.begin(), sent.params[2].in.begin() + 8));
-    EXPECT_EQ(4096u, sent.params[2].size);
-    EXPECT_EQ(16u, sent.params[3].size);
-    EXPECT_EQ(std::vector<uint32_t>{9}, Commands());
-  }
-  EXPECT_EQ(99u, consumed);
-  EXPECT_EQ("E! TeeUpdate failed, ret=0xffff0009", LastLine());
-  EXPECT_EQ(0, km.TivasKmUpdate(1, both.get(), nullptr, nullptr, nullptr, nullptr));
+  ParamSet other({{KM_TAG_NONCE, Bytes{1}}}), with({{KM_TAG_ASSOCIATED_DATA, Bytes{2}}});
+  const std::string kNoTag = "-32: E! not contain gcm tag but input is null, km_error=0xffffffe0";
+  EXPECT_EQ("-32: E! invalid in_params", Update(nullptr, nullptr));
+  EXPECT_EQ(kNoTag, Update(&kEmptySet, nullptr));
+  EXPECT_EQ("-32: E! invalid inParams->params", Update(&kHollowSet, nullptr));
+  EXPECT_EQ(kNoTag, Update(other.get(), nullptr));
+  Answer(9, Reply::Ok().Out(2, NonceReply()).Out(3, {1}));
+  EXPECT_EQ("0 [9] data=empty params=empty", Update(with.get(), nullptr));
+  EXPECT_EQ((Parts{SecondList({{KM_TAG_ASSOCIATED_DATA, Bytes{2}}}), Le64(kHandle)}), Inputs());
+  EXPECT_EQ(16u, sent[0].params[3].size);
+  EXPECT_EQ(99u, number);
+  EXPECT_EQ("0 [9]", Outcome(km.TivasKmUpdate(1, with.get(), nullptr, nullptr, nullptr, nullptr)));
+  Answer(9, TaFails());
+  EXPECT_EQ("ffff0009 [9] data=empty params=empty: E! TeeUpdate failed, ret=0xffff0009",
+            Update(with.get(), nullptr));
 }
 
 TEST_F(Operation, Abort) {
-  EXPECT_EQ(0, km.TivasKmAbort(kHandle));
-  EXPECT_EQ("I KmAbort start; I KmAbort success", RequestLog());
-  EXPECT_EQ(Le64(kHandle), Sent().params[0].in);
-  platform().Queue(11, Reply::Fail(kTaError));
-  EXPECT_EQ(kTaFailed, km.TivasKmAbort(kHandle));
-  EXPECT_EQ("E! TeeAbort failed, ret=0xffff0009", LastLine());
+  start = "I KmAbort start";
+  EXPECT_EQ("0 [11]: I KmAbort success", Outcome(km.TivasKmAbort(kHandle)));
+  EXPECT_EQ(Parts{Le64(kHandle)}, Inputs());
+  Answer(11, TaFails());
+  EXPECT_EQ("ffff0009 [11]: E! TeeAbort failed, ret=0xffff0009", Outcome(km.TivasKmAbort(1)));
 }
 
 }  // namespace

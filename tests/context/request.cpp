@@ -1,108 +1,123 @@
 #include "tests/context/request.h"
 
-#include <openssl/x509.h>
-#include <string.h>
-
 #include <algorithm>
-#include <map>
-#include <set>
+#include <sstream>
 
 namespace test {
 
-uint8_t g_callers_own = 0;
+alignas(16) uint8_t g_callers_own[16];
 
-std::string LastLines(size_t count) {
+namespace {
+
+constexpr size_t kCallersCount = 77;
+
+template <typename T>
+T* CallersOwn() {
+  return reinterpret_cast<T*>(g_callers_own);
+}
+
+// Tells what became of an output: nothing when it is the caller's, else `name` and its state. Tell
+// says and frees what it holds.
+template <typename T, typename Tell>
+std::string State(const char* name, T* items, size_t count, Tell tell) {
+  if (items == CallersOwn<T>() && count == kCallersCount) return "";
+  if (items == nullptr) return name + std::string(count == 0 ? "empty" : "broken");
+  return name + (count == 0 ? "broken" : tell());
+}
+
+std::string BlobState(const char* name, const keymaster_blob_t& blob) {
+  return State(name, blob.data, blob.data_length, [&] {
+    const std::string text = Hex(BlobBytes(blob));
+    free(const_cast<uint8_t*>(blob.data));
+    return text;
+  });
+}
+
+std::string SetState(const char* name, keymaster_key_param_set_t* set) {
+  return State(name, set->params, set->length, [set] {
+    const std::string text = Describe(*set);
+    FreeSet(set);
+    return text;
+  });
+}
+
+std::string ChainState(const keymaster_cert_chain_t& chain) {
+  return State(" chain=", chain.entries, chain.entry_count, [&] {
+    std::string text;
+    for (size_t i = 0; i < chain.entry_count; ++i) text += BlobState("/", chain.entries[i]);
+    free(chain.entries);
+    return text;
+  });
+}
+
+// The lines under the requests' tag.
+Lines RequestLog() {
   Lines lines;
   for (const std::string& line : Log()) {
     if (line.compare(2, 14, "KeyMaster_Ts: ") != 0) continue;
     const bool marked = line.compare(16, 10, "[error] : ") == 0;
-    lines.push_back(line.substr(0, 1) + (marked ? "! " : " ") + line.substr(marked ? 26 : 16));
+    lines.push_back(line[0] + (marked ? "! " + line.substr(26) : " " + line.substr(16)));
   }
-  std::string out;
-  for (size_t i = lines.size() - std::min(count, lines.size()); i < lines.size(); ++i) {
-    out += (out.empty() ? "" : "; ") + lines[i];
-  }
-  return out;
+  return lines;
 }
 
-void Answer(uint32_t command, const Reply& reply) {
+}  // namespace
+
+void RequestTest::ResetOutputs() {
+  key = {g_callers_own, kCallersCount};
+  data = {g_callers_own, kCallersCount};
+  params = traits.hw_enforced =
+      traits.sw_enforced = {CallersOwn<keymaster_key_param_t>(), kCallersCount};
+  chain = {CallersOwn<keymaster_blob_t>(), kCallersCount};
+}
+
+std::string RequestTest::Outcome(int32_t result, size_t last_lines) {
+  std::ostringstream out;
+  if (result < -2000 || result > 0) out << std::hex;
+  out << result << std::dec;
+  const char* separator = " [";
+  for (const uint32_t command : Commands()) out << separator << command, separator = " ";
+  if (!Commands().empty()) out << "]";
+  out << BlobState(" key=", {key.key_material, key.key_material_size}) << BlobState(" data=", data)
+      << SetState(" params=", &params) << SetState(" traits=", &traits.hw_enforced)
+      << SetState("|", &traits.sw_enforced) << ChainState(chain);
+  ResetOutputs();
+  Lines log = RequestLog();
+  if (!start.empty()) {
+    EXPECT_EQ(start, log.empty() ? "" : log[0]);
+    if (!log.empty()) log.erase(log.begin());
+  }
+  separator = ": ";
+  for (size_t i = log.size() - std::min(last_lines, log.size()); i < log.size(); ++i) {
+    out << separator << log[i], separator = "; ";
+  }
+  sent = platform().invocations;
+  for (const Opened& opened : platform().opens) EXPECT_FALSE(opened.open);
   platform().ClearRecords();
-  platform().queued.clear();
-  platform().Queue(command, reply);
+  return out.str();
 }
 
-std::string RequestLog() { return LastLines(SIZE_MAX); }
+Parts RequestTest::Inputs(size_t command) const {
+  Parts parts;
+  const Invocation& seen = sent.at(command);
+  for (unsigned i = 0; i < 4; ++i) {
+    const uint32_t type = TEEC_PARAM_TYPE_GET(seen.param_types, i);
+    const SeenParam& param = seen.params[i];
+    Bytes part = param.in;
+    if (type == TEEC_MEMREF_TEMP_INOUT) part.resize(8);
+    if (type == TEEC_VALUE_INPUT || type == TEEC_VALUE_INOUT) {
+      part = Cat({Le32(param.value.a), Le32(param.value.b)});
+    }
+    if (!part.empty()) parts.push_back(part);
+  }
+  return parts;
+}
 
 std::string Hex(const Bytes& bytes) {
   static const char kDigits[] = "0123456789abcdef";
   std::string out;
   for (const uint8_t byte : bytes) out += {kDigits[byte / 16], kDigits[byte % 16]};
   return out;
-}
-
-namespace {
-keymaster_key_param_t g_callers_param{};
-const keymaster_key_param_set_t kKeptSet = {&g_callers_param, 77};
-}  // namespace
-
-std::string TakeSet(keymaster_key_param_set_t* set) {
-  std::string text = "broken";
-  if (set->params == kKeptSet.params && set->length == kKeptSet.length) {
-    text = "kept";
-  } else if (set->params == nullptr && set->length == 0) {
-    text = "empty";
-  } else if (set->params != nullptr && set->length > 0) {
-    text = Describe(*set);
-    FreeSet(set);
-  }
-  *set = kKeptSet;
-  return text;
-}
-
-OutSet::OutSet() : keymaster_key_param_set_t(kKeptSet) {}
-OutCharacteristics::OutCharacteristics() : keymaster_key_characteristics_t{kKeptSet, kKeptSet} {}
-
-namespace {
-keymaster_blob_t g_callers_entry{};
-}
-
-OutChain::OutChain() : keymaster_cert_chain_t{&g_callers_entry, 77} {}
-
-std::string OutChain::Take() {
-  std::string text;
-  if (entries == &g_callers_entry && entry_count == 77) {
-    text = "kept";
-  } else if (entries == nullptr) {
-    text = entry_count == 0 ? "empty" : "broken";
-  } else {
-    for (size_t i = 0; i < entry_count; ++i) text += (i == 0 ? "" : " ") + TakeBlob(&entries[i]);
-    free(entries);
-  }
-  static_cast<keymaster_cert_chain_t&>(*this) = {&g_callers_entry, 77};
-  return text;
-}
-
-void FailEachCallOf(const std::function<int32_t()>& request) {
-  const std::map<Call, std::set<int32_t>> kFaults = {
-      {Call::kMalloc, {-41, -38, Code(0xFFFF000C)}},
-      {Call::kMemcpyS, {-41, -1000, -17, Code(0xFFFF0000)}},
-      {Call::kMemsetS, {-41, -1000, Code(0xFFFF0000)}},
-      {Call::kOpenSession, {Code(kInjectedTeeError)}},
-      {Call::kInvoke, {Code(kInjectedTeeError)}}};
-  for (const auto& [call, results] : kFaults) {
-    bool hit = true;
-    for (int nth = 1; hit; ++nth) {
-      SCOPED_TRACE("call " + std::to_string(static_cast<int>(call)) + ", " + std::to_string(nth));
-      platform().ClearRecords();
-      FailCall(call, nth);
-      const int32_t result = request();
-      hit = CallCount(call) >= nth;
-      FailCall(call, 0);
-      EXPECT_TRUE(hit || nth > 1 || call == Call::kMemcpyS) << "never called";
-      EXPECT_EQ(hit ? 1u : 0u, results.count(result)) << result;
-      for (const Opened& opened : platform().opens) EXPECT_FALSE(opened.open);
-    }
-  }
 }
 
 Bytes Characteristics() {
@@ -121,37 +136,31 @@ Bytes SecondList(std::initializer_list<std::pair<int64_t, Bytes>> params) {
   return Cat({Le32(0), Le32(static_cast<uint32_t>(params.size())), entries, area});
 }
 
+Bytes FinishInput(const Bytes& input, const Bytes& signature) {
+  const auto input_size = static_cast<uint32_t>(input.size());
+  const auto signature_size = static_cast<uint32_t>(signature.size());
+  return Cat({{0}, Le32(input_size), input, {1}, Le32(signature_size), signature});
+}
+
 EVP_PKEY* SharedRsaKey() {
   static const Pkey kKey(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{2048}));
   return kKey.get();
 }
 
-Number NumberOf(const EVP_PKEY* key, const char* name) {
+Bytes NumberOf(const EVP_PKEY* key, const char* name) {
   BIGNUM* number = nullptr;
   EXPECT_EQ(1, EVP_PKEY_get_bn_param(key, name, &number)) << name;
-  return Number(number);
-}
-
-Bytes BigEndian(const BIGNUM* number) {
   Bytes out(static_cast<size_t>(BN_num_bytes(number)));
   BN_bn2bin(number, out.data());
+  BN_free(number);
   return out;
 }
 
 Bytes Pkcs8(const EVP_PKEY* key) {
   PKCS8_PRIV_KEY_INFO* info = EVP_PKEY2PKCS8(key);
-  uint8_t* der = nullptr;
-  const int length = i2d_PKCS8_PRIV_KEY_INFO(info, &der);
+  const Bytes out = DerOf(i2d_PKCS8_PRIV_KEY_INFO, info);
   PKCS8_PRIV_KEY_INFO_free(info);
-  const Bytes out(der, der + length);
-  OPENSSL_free(der);
   return out;
-}
-
-uint32_t U32(const Bytes& bytes, size_t offset) {
-  uint32_t value = 0;
-  if (offset + 4 <= bytes.size()) memcpy(&value, &bytes[offset], 4);
-  return value;
 }
 
 }  // namespace test

@@ -1,4 +1,5 @@
-// What the tests of the requests share: the object, the caller's outputs as text, key numbers.
+// What the tests of the requests share: the object, the caller's outputs, one text for all that a
+// request did, key numbers.
 #ifndef TESTS_CONTEXT_REQUEST_H
 #define TESTS_CONTEXT_REQUEST_H
 
@@ -7,8 +8,8 @@
 #include <keymaster_ts.h>
 #include <openssl/bn.h>
 #include <openssl/evp.h>
+#include <openssl/x509.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -16,109 +17,84 @@
 
 namespace test {
 
+using Parts = std::vector<Bytes>;
+
+// What the library says without a TEE context, and a code of the TA's own: with an output, too,
+// since a TA may fail after it wrote one.
+constexpr char kNoTee[] = "ffff0006";
+inline Reply TaFails() { return Reply::Fail(0xFFFF0009).Out(2, {1}).Out(3, {1}); }
+
 struct RequestTest : KeymasterTest {
+  RequestTest() { ResetOutputs(); }
+
+  // Answer has the TA give one reply to all of a command.
+  static void Answer(uint32_t command, const Reply& reply) {
+    platform().On(command, [reply](const Invocation&) { return reply; });
+  }
+  // Outcome is all that a request did in one text: result (a TEE code in hexadecimal), commands
+  // and the outputs that are no more as the caller left them ("empty" or their content), then the
+  // log's last lines, where "E! text" stands for "E [error] : text":
+  //   "-41 [4 11] key=empty: I text; E! text"
+  // The log must begin with `start`, which is left out. It frees the outputs, sets them back to the
+  // caller's own, and moves the commands from the platform's records to `sent`.
+  std::string Outcome(int32_t result, size_t last_lines = SIZE_MAX);
+  // Inputs is what a command of the last request brought the TA: its values and the bytes of its
+  // inputs, of inputs that are outputs too the first 8; empty ones left out.
+  Parts Inputs(size_t command = 0) const;
+
   keymaster::KeymasterTivasContext km;
+  std::string start;
+  std::vector<Invocation> sent;
+  keymaster_key_blob_t key;
+  keymaster_blob_t data;
+  keymaster_key_param_set_t params;
+  keymaster_key_characteristics_t traits;
+  keymaster_cert_chain_t chain;
+
+ private:
+  void ResetOutputs();
 };
 
-// A code of the TA's own, and what the library says without a TEE context.
-constexpr uint32_t kTaError = 0xFFFF0009;
-constexpr int32_t Code(uint32_t tee_result) { return static_cast<int32_t>(tee_result); }
-
-constexpr int32_t kTaFailed = Code(kTaError);
-
-// RequestLog is the lines under the requests' tag since the last ClearRecords, as "I text; E text";
-// "E! text" stands for "E [error] : text". LastLines is the last count of them.
-std::string RequestLog();
-std::string LastLines(size_t count);
-inline std::string LastLine() { return LastLines(1); }
-// Answer forgets what was seen and queued, and has the TA answer one command.
-void Answer(uint32_t command, const Reply& reply);
-// Sent is a command as it was sent.
-inline const Invocation& Sent(size_t i = 0) { return platform().invocations.at(i); }
 std::string Hex(const Bytes& bytes);
 
-// TakeBlob tells what a request made of an output: "kept" when it is still as Kept() made it,
-// "empty" when null with length 0, else the bytes in hexadecimal. It frees them and sets the
-// output back to Kept().
-extern uint8_t g_callers_own;
-template <typename BlobType>
-std::string TakeBlob(BlobType* blob) {
-  const uint8_t*& data = keymaster::BlobData(*blob);
-  size_t& size = keymaster::BlobSize(*blob);
-  std::string text = "broken";
-  if (data == &g_callers_own && size == 77) {
-    text = "kept";
-  } else if (data == nullptr && size == 0) {
-    text = "empty";
-  } else if (data != nullptr) {
-    text = Hex(BlobBytes(*blob));
-    free(const_cast<uint8_t*>(data));
-  }
-  data = &g_callers_own;
-  size = 77;
-  return text;
-}
-// TakeSet does the same with a parameter set.
-std::string TakeSet(keymaster_key_param_set_t* set);
+// Never read: what an output or an unreadable input points at.
+extern uint8_t g_callers_own[16];
+// Blobs and sets that say they hold something and do not.
+constexpr keymaster_key_blob_t kHollowKey = {nullptr, 32};
+constexpr keymaster_blob_t kHollowBlob = {nullptr, 32};
+constexpr keymaster_key_param_set_t kHollowSet = {nullptr, 1}, kEmptySet = {nullptr, 0};
 
-// Out is an output that is Kept() at first and frees what it received.
-template <typename BlobType>
-struct Out : BlobType {
-  Out() : BlobType{&g_callers_own, 77} {}
-  ~Out() { Take(); }
-  Out(const Out&) = delete;
-  Out& operator=(const Out&) = delete;
-  std::string Take() { return TakeBlob(static_cast<BlobType*>(this)); }
-};
-using OutBlob = Out<keymaster_blob_t>;
-using OutKey = Out<keymaster_key_blob_t>;
-
-struct OutSet : keymaster_key_param_set_t {
-  OutSet();
-  ~OutSet() { Take(); }
-  std::string Take() { return TakeSet(this); }
-};
-struct OutCharacteristics : keymaster_key_characteristics_t {
-  OutCharacteristics();
-  ~OutCharacteristics() { Take(); }
-  std::string Take() { return TakeSet(&hw_enforced) + " | " + TakeSet(&sw_enforced); }
-};
-
-// OutChain is a certificate chain; taken, it is "kept", "empty" or the certificates in hexadecimal.
-struct OutChain : keymaster_cert_chain_t {
-  OutChain();
-  ~OutChain() { Take(); }
-  std::string Take();
-};
-
-// FailEachCallOf runs a request once for each fault that can befall it: its result must be one
-// that belongs to the fault, and no session may stay open. What was allocated is for the sanitizer.
-void FailEachCallOf(const std::function<int32_t()>& request);
-
-// A characteristics reply, and what it says.
+// A characteristics reply, and what Outcome makes of it.
 Bytes Characteristics();
-constexpr char kCharacteristics[] = "10000002=20 | 900003ea:0708";
-
+constexpr char kTraits[] = " traits=10000002=20|900003ea:0708";
+// A reply of one list, and what Outcome makes of it; one that announces what is not there.
+inline Bytes NonceReply() { return Cat({WireList({BytesEntry(KM_TAG_NONCE, 0, 1)}), {0xAA}}); }
+constexpr char kNonce[] = " params=900003e9:aa";
+inline Bytes BadReply() { return Le32(1); }
 // SecondList is the wire form of byte-valued parameters that are not the key's definition.
 Bytes SecondList(std::initializer_list<std::pair<int64_t, Bytes>> params);
+// FinishInput is the input of a finish: both items are always there.
+Bytes FinishInput(const Bytes& input, const Bytes& signature);
 
 struct Free {
   void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-  void operator()(BIGNUM* p) const { BN_free(p); }
 };
 using Pkey = std::unique_ptr<EVP_PKEY, Free>;
-using Number = std::unique_ptr<BIGNUM, Free>;
 
 // SharedRsaKey is one 2048-bit key of the process, with exponent 65537.
 EVP_PKEY* SharedRsaKey();
-// NumberOf reads one of a key's numbers; "rsa-factor1", "pub" and so on.
-Number NumberOf(const EVP_PKEY* key, const char* name);
-Bytes BigEndian(const BIGNUM* number);
-inline Bytes BigEndianOf(const EVP_PKEY* key, const char* name) {
-  return BigEndian(NumberOf(key, name).get());
+// NumberOf is one of a key's numbers, big-endian; "rsa-factor1", "pub" and so on.
+Bytes NumberOf(const EVP_PKEY* key, const char* name);
+// DerOf encodes an object with libcrypto's function for it.
+template <typename T>
+Bytes DerOf(int (*encode)(const T*, uint8_t**), const T* object) {
+  Bytes out(static_cast<size_t>(encode(object, nullptr)));
+  uint8_t* at = out.data();
+  encode(object, &at);
+  return out;
 }
+inline Bytes Spki(const EVP_PKEY* key) { return DerOf(i2d_PUBKEY, key); }
 Bytes Pkcs8(const EVP_PKEY* key);
-uint32_t U32(const Bytes& bytes, size_t offset);
 
 }  // namespace test
 
