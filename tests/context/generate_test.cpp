@@ -5,7 +5,7 @@ namespace test {
 namespace {
 
 const Param kRsa(KM_TAG_ALGORITHM, 1), kEc(KM_TAG_ALGORITHM, 3), k512(KM_TAG_KEY_SIZE, 512);
-Param Size(uint64_t bits) { return {KM_TAG_KEY_SIZE, bits}; }
+Param Bits(uint64_t bits) { return {KM_TAG_KEY_SIZE, bits}; }
 Param Exponent(uint64_t e) { return {KM_TAG_RSA_PUBLIC_EXPONENT, e}; }
 
 struct Generate : RequestTest {
@@ -23,7 +23,7 @@ TEST_F(Generate, AlgorithmChoosesTheRoute) {
                     kSoftware =
                         std::string("0 [4] key=04") + kTraits + ": I TivasKmGenerateKeyExt success";
   EXPECT_EQ(kTa, Run({kEc}));
-  EXPECT_EQ(kTa, Run({{KM_TAG_ALGORITHM, 32}, Size(7), Exponent(1ull << 40)}));
+  EXPECT_EQ(kTa, Run({{KM_TAG_ALGORITHM, 32}, Bits(7), Exponent(1ull << 40)}));
   EXPECT_EQ(kTa, Run({k512, Exponent(3)}));
   EXPECT_EQ(kTa, Run({}));
   EXPECT_EQ(kSoftware, Run({kEc, k512, kRsa, Exponent(3)}));
@@ -31,8 +31,7 @@ TEST_F(Generate, AlgorithmChoosesTheRoute) {
   EXPECT_EQ(kTa, Run({{KM_TAG_NO_AUTH_REQUIRED, 1}, kEc, {KM_TAG_APPLICATION_ID, {9, 8}}}));
   const Bytes id = BytesEntry(KM_TAG_APPLICATION_ID, 0, 2);
   EXPECT_EQ(Parts{Cat({WireList({Entry(KM_TAG_ALGORITHM, 3)}),
-                       WireList({Entry(KM_TAG_NO_AUTH_REQUIRED, 1), id}),
-                       {9, 8}})},
+                       WireList({Entry(KM_TAG_NO_AUTH_REQUIRED, 1), id}), Bytes{9, 8}})},
             Inputs());
   EXPECT_EQ("-32", Outcome(km.TivasKmGenerateKey(nullptr, nullptr, nullptr)));
   EXPECT_EQ("-27", Outcome(km.TivasKmGenerateKey(&kHollowSet, nullptr, nullptr)));
@@ -49,17 +48,17 @@ TEST_F(Generate, ChecksRsaParametersInOrder) {
     return "-6: E! Invalid key size of " + bits + " bits specified for RSA key generation";
   };
   EXPECT_EQ(kNone, Run({kRsa}));
-  EXPECT_EQ(kNone, Run({kRsa, Size(8)}));
-  EXPECT_EQ(kBig, Run({kRsa, Exponent(0x100000000), Size(8)}));
+  EXPECT_EQ(kNone, Run({kRsa, Bits(8)}));
+  EXPECT_EQ(kBig, Run({kRsa, Exponent(0x100000000), Bits(8)}));
   EXPECT_EQ(kBig, Run({kRsa, Exponent(1ull << 63), Exponent(3)}));
   EXPECT_EQ(size("0"), Run({kRsa, Exponent(3), Exponent(1ull << 63)}));
-  EXPECT_EQ(size("8"), Run({kRsa, Exponent(3), Size(8), k512}));
-  EXPECT_EQ(size("15"), Run({kRsa, Exponent(3), Size(15)}));
-  EXPECT_EQ(size("2050"), Run({kRsa, Exponent(3), Size(2050)}));
-  EXPECT_EQ(size("4104"), Run({kRsa, Exponent(3), Size(4104)}));
-  EXPECT_EQ(size("4294967288"), Run({kRsa, Exponent(3), Size(0xFFFFFFF8)}));
-  EXPECT_EQ(kRefused, Run({kRsa, Exponent(3), Size(16)}));
-  EXPECT_EQ(kRefused, Run({kRsa, Exponent(1), Size(4096)}));
+  EXPECT_EQ(size("8"), Run({kRsa, Exponent(3), Bits(8), k512}));
+  EXPECT_EQ(size("15"), Run({kRsa, Exponent(3), Bits(15)}));
+  EXPECT_EQ(size("2050"), Run({kRsa, Exponent(3), Bits(2050)}));
+  EXPECT_EQ(size("4104"), Run({kRsa, Exponent(3), Bits(4104)}));
+  EXPECT_EQ(size("4294967288"), Run({kRsa, Exponent(3), Bits(0xFFFFFFF8)}));
+  EXPECT_EQ(kRefused, Run({kRsa, Exponent(3), Bits(16)}));
+  EXPECT_EQ(kRefused, Run({kRsa, Exponent(1), Bits(4096)}));
   EXPECT_EQ(kRefused, Run({kRsa, Exponent(0), k512}));
 }
 
@@ -68,13 +67,13 @@ TEST_F(Generate, SendsRsaKeysInCrtForm) {
   const std::tuple<uint32_t, uint64_t, Bytes> kRows[] = {
       {2048, 65537, {1, 0, 1}}, {1024, 0xFFFFFFFF, Bytes(4, 0xFF)}, {520, 3, {3}}};
   for (const auto& [bits, exponent, e] : kRows) {
-    Run({kRsa, Size(bits), Exponent(exponent), {KM_TAG_ORIGIN, 1}});
+    Run({kRsa, Bits(bits), Exponent(exponent), {KM_TAG_ORIGIN, 1}});
     const Bytes material = Inputs().at(1);
     const Bytes list = WireList(
         {Entry(kRsa.tag, 1), Entry(k512.tag, bits), Entry(KM_TAG_RSA_PUBLIC_EXPONENT, exponent)});
     EXPECT_EQ((Parts{Cat({list, WireList({Entry(KM_TAG_ORIGIN, 1)})}), material, Bytes(8)}),
               Inputs());
-    EXPECT_EQ(Cat({Le32(2), Le32(bits / 8), Le32(bits / 8), Le32(static_cast<uint32_t>(e.size()))}),
+    EXPECT_EQ(Cat({Le32(2), Le32(bits / 8), Le32(bits / 8), Le32(Size(e))}),
               Bytes(material.begin(), material.begin() + 16));
     EXPECT_LE(0x80, material.at(36)) << "the modulus has all its bits";
     EXPECT_TRUE(std::equal(e.begin(), e.end(), material.begin() + 36 + bits / 8));

@@ -41,7 +41,7 @@ TEST_F(Import, SendsRsaNumbers) {
       "n", "e", "rsa-factor1", "rsa-factor2", "rsa-exponent1", "rsa-exponent2", "rsa-coefficient1"};
   Bytes material = Cat({Le32(2), Le32(256)});
   for (const char* name : numbers) {
-    material = Cat({material, Le32(static_cast<uint32_t>(NumberOf(SharedRsaKey(), name).size()))});
+    material = Cat({material, Le32(Size(NumberOf(SharedRsaKey(), name)))});
   }
   for (const char* name : numbers) {
     material = Cat({material, NumberOf(SharedRsaKey(), name)});

@@ -16,13 +16,12 @@ T* CallersOwn() {
   return reinterpret_cast<T*>(g_callers_own);
 }
 
-// Tells what became of an output: nothing when it is the caller's, else `name` and its state. Tell
-// says and frees what it holds.
+// Tells what became of an output: nothing when it is the caller's, else `name` and "empty" or what
+// tell says of it and frees.
 template <typename T, typename Tell>
 std::string State(const char* name, T* items, size_t count, Tell tell) {
   if (items == CallersOwn<T>() && count == kCallersCount) return "";
-  if (items == nullptr) return name + std::string(count == 0 ? "empty" : "broken");
-  return name + (count == 0 ? "broken" : tell());
+  return name + (items == nullptr && count == 0 ? "empty" : tell());
 }
 
 std::string BlobState(const char* name, const keymaster_blob_t& blob) {
@@ -121,25 +120,21 @@ std::string Hex(const Bytes& bytes) {
 }
 
 Bytes Characteristics() {
-  return Cat({WireList({Entry(KM_TAG_ALGORITHM, KM_ALGORITHM_AES)}),
-              WireList({BytesEntry(KM_TAG_AUTH_TOKEN, 0, 2)}),
-              {7, 8}});
+  const Bytes token = BytesEntry(KM_TAG_AUTH_TOKEN, 0, 2);
+  return Cat({WireList({Entry(KM_TAG_ALGORITHM, 32)}), WireList({token}), Bytes{7, 8}});
 }
 
 Bytes SecondList(std::initializer_list<std::pair<int64_t, Bytes>> params) {
   Bytes entries, area;
   for (const auto& [tag, bytes] : params) {
-    entries = Cat({entries, BytesEntry(tag, static_cast<uint32_t>(area.size()),
-                                       static_cast<uint32_t>(bytes.size()))});
+    entries = Cat({entries, BytesEntry(tag, Size(area), Size(bytes))});
     area = Cat({area, bytes});
   }
   return Cat({Le32(0), Le32(static_cast<uint32_t>(params.size())), entries, area});
 }
 
 Bytes FinishInput(const Bytes& input, const Bytes& signature) {
-  const auto input_size = static_cast<uint32_t>(input.size());
-  const auto signature_size = static_cast<uint32_t>(signature.size());
-  return Cat({{0}, Le32(input_size), input, {1}, Le32(signature_size), signature});
+  return Cat({{0}, Le32(Size(input)), input, {1}, Le32(Size(signature)), signature});
 }
 
 EVP_PKEY* SharedRsaKey() {

@@ -56,6 +56,7 @@ struct RequestTest : KeymasterTest {
 };
 
 std::string Hex(const Bytes& bytes);
+inline uint32_t Size(const Bytes& bytes) { return static_cast<uint32_t>(bytes.size()); }
 
 // Never read: what an output or an unreadable input points at.
 extern uint8_t g_callers_own[16];

@@ -11,10 +11,9 @@ using KeyHolder = keymaster::TKeymasterBlob<keymaster_key_blob_t>;
 // ---- The wrapper
 
 Bytes Der(const Bytes& tag, const Bytes& content) {
-  const size_t n = content.size();
-  const Bytes length = n < 128 ? Bytes{static_cast<uint8_t>(n)}
-                               : Bytes{0x82, static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
-  return Cat({tag, length, content});
+  const auto high = static_cast<uint8_t>(content.size() >> 8);
+  const auto low = static_cast<uint8_t>(content.size());
+  return Cat({tag, content.size() < 128 ? Bytes{low} : Bytes{0x82, high, low}, content});
 }
 Bytes Octets(const Bytes& content) { return Der({4}, content); }
 
@@ -22,20 +21,17 @@ const Bytes kTransit = Ramp(1, 256), kIv = Ramp(0x21, 12), kSecret = Ramp(0x80, 
             kTag = Ramp(0xF0, 16), kAes = {0xa2, 3, 2, 1, 0x20};
 
 Bytes Description(const Bytes& params) {
-  return Der({0x30}, Cat({{2, 1, 3}, Der({0x30}, params)}));
+  return Der({0x30}, Cat({Bytes{2, 1, 3}, Der({0x30}, params)}));
 }
 Bytes Wrapper(const Bytes& params, const Bytes& secret, const Bytes& tag) {
-  return Der({0x30}, Cat({{2, 1, 0},
-                          Octets(kTransit),
-                          Octets(kIv),
-                          Description(params),
-                          Octets(secret),
-                          Octets(tag)}));
+  return Der({0x30}, Cat({Bytes{2, 1, 0}, Octets(kTransit), Octets(kIv), Description(params),
+                          Octets(secret), Octets(tag)}));
 }
 // With a user secure id of 7 and an auth token of that type.
 Bytes WithSecureId(uint8_t type) {
   const Bytes token = Cat({Bytes(25, 0xEE), Le32(type), Bytes(40, 0xEE)});
-  const Bytes ids = Cat({{0xbf, 0x83, 0x76, 3, 2, 1, 7}, Der({0xbf, 0x87, 0x6a}, Octets(token))});
+  const Bytes ids =
+      Cat({Bytes{0xbf, 0x83, 0x76, 3, 2, 1, 7}, Der({0xbf, 0x87, 0x6a}, Octets(token))});
   return Wrapper(Cat({kAes, ids}), kSecret, kTag);
 }
 
@@ -49,11 +45,6 @@ Bytes Masked() {
   for (size_t i = 0; i < out.size(); ++i) out[i] ^= kMask[i];
   return out;
 }
-Bytes Purposes(std::initializer_list<Bytes> hw, std::initializer_list<Bytes> sw) {
-  return Cat({WireList(hw), WireList(sw)});
-}
-Bytes Purpose(uint64_t purpose) { return Entry(KM_TAG_PURPOSE, purpose); }
-
 struct WrappedImport : RequestTest {
   void SetUp() override {
     KeymasterTest::SetUp();
@@ -74,13 +65,14 @@ struct WrappedImport : RequestTest {
   }
 
   // The TA unwraps: transit key and key material come from finishes, keys from imports.
-  std::vector<Reply> replies = {Reply::Ok().Out(2, Purposes({Purpose(1), Purpose(5)}, {})),
-                                Reply::Ok().Value(3, 1, 0),
-                                Reply::Ok().Out(3, Masked()),
-                                Reply::Ok().Out(2, Text("transit")),
-                                Reply::Ok().Value(3, 2, 0),
-                                Reply::Ok().Out(3, kMaterial),
-                                Reply::Ok().Out(2, {7}).Out(3, Characteristics())};
+  std::vector<Reply> replies = {
+      Reply::Ok().Out(2, Cat({WireList({Entry(KM_TAG_PURPOSE, 5)}), Le32(0)})),
+      Reply::Ok().Value(3, 1, 0),
+      Reply::Ok().Out(3, Masked()),
+      Reply::Ok().Out(2, Text("transit")),
+      Reply::Ok().Value(3, 2, 0),
+      Reply::Ok().Out(3, kMaterial),
+      Reply::Ok().Out(2, {7}).Out(3, Characteristics())};
   size_t served = 0;
   keymaster_key_blob_t mask = kMaskKey;
   const keymaster_key_param_set_t* unwrapping = &kEmptySet;
@@ -117,15 +109,13 @@ TEST_F(WrappedImport, SendsSevenCommands) {
 }
 
 TEST_F(WrappedImport, WrappingKeyMustBeForWrapping) {
-  const auto run = [this](const Bytes& reply) {
-    replies[0] = Reply::Ok().Out(2, reply);
-    return Run(wrapper, 1);
-  };
-  const Bytes other = Entry(KM_TAG_ALGORITHM, 5);
-  EXPECT_EQ(whole, run(Purposes({Purpose(5)}, {})));
-  EXPECT_EQ(whole, run(Purposes({}, {Purpose(5)})));
-  EXPECT_EQ(whole, run(Purposes({Purpose(1)}, {Purpose(0), Purpose(5), Purpose(1)})));
-  for (const Bytes& bad : {Purposes({}, {}), Purposes({Purpose(1), other}, {Purpose(0)})}) {
+  const Bytes no = Cat({Entry(KM_TAG_ALGORITHM, 5), Entry(KM_TAG_PURPOSE, 1)}),
+              wrap = Entry(KM_TAG_PURPOSE, 5), zero = Le32(0);
+  for (const Bytes& good : {Cat({Le32(1), wrap, zero}), Cat({zero, Le32(3), no, wrap})}) {
+    replies[0] = Reply::Ok().Out(2, good);
+    EXPECT_EQ(whole, Run(wrapper, 1));
+  }
+  for (const Bytes& bad : {Cat({zero, zero}), Cat({Le32(2), no, Le32(2), no})}) {
     replies[0] = Reply::Ok().Out(2, bad);
     EXPECT_EQ("-3 [3]: E! wrappingKeyBlob is invalid; E KmUnwrappedKey failed, ret fffffffd",
               Run(wrapper, 2));
