@@ -12,7 +12,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
-#include <unordered_map>
+#include <sstream>
 #include <utility>
 
 #include "tests/platform/faults.h"
@@ -22,64 +22,38 @@ namespace {
 
 using Word = uintptr_t;
 
-constexpr const char* kCrypto[] = {
-    "BN_new",
-    "BN_bin2bn",
-    "BN_set_word",
-    "RSA_new",
-    "RSA_set0_key",
-    "RSA_generate_key_ex",
-    "EC_KEY_new_by_curve_name",
-    "EC_KEY_set_public_key_affine_coordinates",
-    "EC_POINT_get_affine_coordinates_GFp",
-    "EVP_PKEY_new",
-    "EVP_PKEY_assign",
-    "EVP_PKEY_set1_EC_KEY",
-    "EVP_PKEY_get1_RSA",
-    "EVP_PKEY_get1_EC_KEY",
-    "EVP_PKCS82PKEY",
-    "d2i_PKCS8_PRIV_KEY_INFO",
-    "i2d_PUBKEY",
-};
-constexpr size_t kCryptoCount = sizeof(kCrypto) / sizeof(kCrypto[0]);
-constexpr size_t kGenerateRsa = 5;
+// The calls into libcrypto that fail with null or 0. All take at most six words and return one.
+constexpr char kCrypto[] =
+    "RSA_generate_key_ex RSA_new RSA_set0_key BN_new BN_bin2bn BN_set_word EVP_PKEY_new "
+    "EVP_PKEY_assign EVP_PKEY_set1_EC_KEY EVP_PKEY_get1_RSA EVP_PKEY_get1_EC_KEY EVP_PKCS82PKEY "
+    "EC_KEY_new_by_curve_name EC_KEY_set_public_key_affine_coordinates d2i_PKCS8_PRIV_KEY_INFO "
+    "EC_POINT_get_affine_coordinates_GFp i2d_PUBKEY";
+constexpr size_t kCryptoCount = 17, kGenerateRsa = 0;
 constexpr size_t kPiece = 16;
 
-struct CryptoCall {
-  Word real = 0;
-  std::atomic<int> calls{0};
-  int fail_at = 0;
-  bool and_later = false;
-};
-CryptoCall g_crypto[kCryptoCount];
+Word g_real[kCryptoCount];
+std::atomic<int> g_crypto_calls{0};
+int g_fail_at = 0;
+bool g_fail_later = false;
 
 std::mutex g_mutex;
-std::unordered_map<const void*, size_t> g_live;
+std::map<const void*, size_t> g_live;
 std::vector<std::pair<std::string, Bytes>> g_secrets;
 std::vector<std::string> g_unwiped;
 std::atomic<bool> g_watching{false};
 
-void WatchRsa(const RSA* key) {
-  const std::pair<const char*, const BIGNUM*> parts[] = {
-      {"generated d", RSA_get0_d(key)},       {"generated p", RSA_get0_p(key)},
-      {"generated q", RSA_get0_q(key)},       {"generated dmp1", RSA_get0_dmp1(key)},
-      {"generated dmq1", RSA_get0_dmq1(key)}, {"generated iqmp", RSA_get0_iqmp(key)}};
-  for (const auto& [label, number] : parts) {
-    Bytes bytes(static_cast<size_t>(BN_num_bytes(number)));
-    BN_bn2bin(number, bytes.data());
-    WatchFor(label, bytes);
-  }
-}
-
-// All of these calls take at most six words and return one.
 template <size_t kIndex>
 Word CryptoHook(Word a, Word b, Word c, Word d, Word e, Word f) {
-  CryptoCall& call = g_crypto[kIndex];
-  const int now = ++call.calls;
-  if (call.fail_at > 0 && (now == call.fail_at || (call.and_later && now > call.fail_at))) return 0;
-  const auto real = reinterpret_cast<Word (*)(Word, Word, Word, Word, Word, Word)>(call.real);
+  const int now = ++g_crypto_calls;
+  if (now == g_fail_at || (g_fail_later && now > g_fail_at)) return 0;
+  const auto real = reinterpret_cast<Word (*)(Word, Word, Word, Word, Word, Word)>(g_real[kIndex]);
   const Word result = real(a, b, c, d, e, f);
-  if (kIndex == kGenerateRsa && g_watching) WatchRsa(reinterpret_cast<const RSA*>(a));
+  if (kIndex != kGenerateRsa || !g_watching) return result;
+  const RSA* key = reinterpret_cast<const RSA*>(a);
+  for (const BIGNUM* number : {RSA_get0_d(key), RSA_get0_p(key), RSA_get0_q(key),
+                               RSA_get0_dmp1(key), RSA_get0_dmq1(key), RSA_get0_iqmp(key)}) {
+    if (number != nullptr) WatchFor("generated key", BigEndian(number));
+  }
   return result;
 }
 
@@ -89,11 +63,9 @@ std::array<Word, kCryptoCount> CryptoHooks(std::index_sequence<kIndex...>) {
 }
 
 void* MallocHook(size_t size) {
-  if (TakeFault(Call::kMalloc) || size > kLargestAllocation) {
-    errno = ENOMEM;
-    return nullptr;
-  }
-  void* block = malloc(size);
+  const bool refused = TakeFault(Call::kMalloc) || size > kLargestAllocation;
+  void* block = refused ? nullptr : malloc(size);
+  if (refused) errno = ENOMEM;
   if (block == nullptr) return nullptr;
   memset(block, 0xA5, size);  // fresh memory looks neither cleared nor like an old secret
   const std::lock_guard<std::mutex> lock(g_mutex);
@@ -102,18 +74,16 @@ void* MallocHook(size_t size) {
 }
 
 void FreeHook(void* block) {
-  std::unique_lock<std::mutex> lock(g_mutex);
-  const auto found = g_live.find(block);
-  // Only of its own blocks is it known that nobody else left something in them.
-  if (found != g_live.end()) {
+  {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    // Only of its own blocks is it known that nobody else left something in them.
+    const auto found = g_live.find(block);
     for (const auto& [label, piece] : g_secrets) {
-      if (memmem(block, found->second, piece.data(), piece.size()) == nullptr) continue;
-      g_unwiped.push_back(label);
+      if (found == g_live.end()) break;
+      if (memmem(block, found->second, piece.data(), piece.size())) g_unwiped.push_back(label);
     }
-    g_live.erase(found);
   }
-  lock.unlock();
-  free(block);
+  ReleaseOutput(block);
 }
 
 void Redirect(Word* slot, Word hook) {
@@ -123,27 +93,26 @@ void Redirect(Word* slot, Word hook) {
   *slot = hook;
 }
 
-void RedirectNamed(const char* name, Word* slot) {
+void RedirectNamed(const std::string& name, Word* slot) {
   static const auto hooks = CryptoHooks(std::make_index_sequence<kCryptoCount>());
-  if (strcmp(name, "malloc") == 0) return Redirect(slot, reinterpret_cast<Word>(&MallocHook));
-  if (strcmp(name, "free") == 0) return Redirect(slot, reinterpret_cast<Word>(&FreeHook));
-  for (size_t i = 0; i < kCryptoCount; ++i) {
-    if (strcmp(name, kCrypto[i]) != 0) continue;
-    g_crypto[i].real = *slot;
+  if (name == "malloc") Redirect(slot, reinterpret_cast<Word>(&MallocHook));
+  if (name == "free") Redirect(slot, reinterpret_cast<Word>(&FreeHook));
+  std::istringstream names(kCrypto);
+  size_t i = 0;
+  for (std::string each; names >> each; ++i) {
+    if (name != each) continue;
+    g_real[i] = *slot;
     Redirect(slot, hooks[i]);
   }
+  if (i != kCryptoCount) abort();
 }
 
-int RedirectLibrary(dl_phdr_info* info, size_t, void*) {
-  if (strstr(info->dlpi_name, "libkeymaster41_ts.so") == nullptr) return 0;
+bool RedirectLibrary() {
+  const link_map* library = _r_debug.r_map;
+  while (strstr(library->l_name, "libkeymaster41_ts.so") == nullptr) library = library->l_next;
   std::map<ElfW(Sxword), Word> dynamic;
-  for (int i = 0; i < info->dlpi_phnum; ++i) {
-    if (info->dlpi_phdr[i].p_type != PT_DYNAMIC) continue;
-    const Word begin = info->dlpi_addr + info->dlpi_phdr[i].p_vaddr;
-    for (auto* entry = reinterpret_cast<const ElfW(Dyn)*>(begin); entry->d_tag != DT_NULL;
-         ++entry) {
-      dynamic[entry->d_tag] = entry->d_un.d_ptr;
-    }
+  for (auto* entry = library->l_ld; entry->d_tag != DT_NULL; ++entry) {
+    dynamic[entry->d_tag] = entry->d_un.d_ptr;
   }
   const auto* symbols = reinterpret_cast<const ElfW(Sym)*>(dynamic[DT_SYMTAB]);
   const auto* names = reinterpret_cast<const char*>(dynamic[DT_STRTAB]);
@@ -153,31 +122,23 @@ int RedirectLibrary(dl_phdr_info* info, size_t, void*) {
       const size_t symbol = ELF64_R_SYM(relocation->r_info);
       if (symbol == 0) continue;
       RedirectNamed(names + symbols[symbol].st_name,
-                    reinterpret_cast<Word*>(info->dlpi_addr + relocation->r_offset));
+                    reinterpret_cast<Word*>(library->l_addr + relocation->r_offset));
     }
   }
-  return 1;
+  return true;
 }
 
 }  // namespace
 
-void HookLibrary() {
-  static const bool hooked = dl_iterate_phdr(RedirectLibrary, nullptr) == 1;
-  if (!hooked) abort();
+void HookLibrary() { [[maybe_unused]] static const bool hooked = RedirectLibrary(); }
+
+void FailCrypto(int nth, bool and_later) {
+  g_crypto_calls = 0;
+  g_fail_at = nth;
+  g_fail_later = and_later;
 }
 
-const std::vector<std::string>& CryptoCalls() {
-  static const std::vector<std::string> names(kCrypto, kCrypto + kCryptoCount);
-  return names;
-}
-
-void FailCrypto(size_t index, int nth, bool and_later) {
-  g_crypto[index].calls = 0;
-  g_crypto[index].fail_at = nth;
-  g_crypto[index].and_later = and_later;
-}
-
-int CryptoCount(size_t index) { return g_crypto[index].calls; }
+int CryptoCount() { return g_crypto_calls; }
 
 size_t LiveBlocks() {
   const std::lock_guard<std::mutex> lock(g_mutex);
@@ -200,9 +161,8 @@ void ReleaseOutput(const void* block) {
 
 void WatchFor(const std::string& label, const Bytes& secret) {
   const std::lock_guard<std::mutex> lock(g_mutex);
-  for (size_t at = 0; at + kPiece <= secret.size(); at += kPiece) {
-    const auto from = secret.begin() + static_cast<ptrdiff_t>(at);
-    g_secrets.emplace_back(label, Bytes(from, from + kPiece));
+  for (auto at = secret.begin(); secret.end() - at >= ptrdiff_t{kPiece}; at += kPiece) {
+    g_secrets.emplace_back(label, Bytes(at, at + kPiece));
   }
   g_watching = true;
 }
@@ -216,6 +176,12 @@ void ForgetSecrets() {
 std::vector<std::string> Unwiped() {
   const std::lock_guard<std::mutex> lock(g_mutex);
   return std::exchange(g_unwiped, {});
+}
+
+Bytes BigEndian(const BIGNUM* number) {
+  Bytes out(static_cast<size_t>(BN_num_bytes(number)));
+  BN_bn2bin(number, out.data());
+  return out;
 }
 
 }  // namespace test

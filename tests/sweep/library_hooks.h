@@ -3,6 +3,7 @@
 #ifndef TESTS_SWEEP_LIBRARY_HOOKS_H
 #define TESTS_SWEEP_LIBRARY_HOOKS_H
 
+#include <openssl/bn.h>
 #include <stddef.h>
 
 #include <string>
@@ -16,11 +17,9 @@ namespace test {
 // is counted here.
 void HookLibrary();
 
-// The calls into libcrypto that can be made to fail; null or 0 is what each then returns.
-const std::vector<std::string>& CryptoCalls();
-// As FailCall and CallCount, for the call of that index.
-void FailCrypto(size_t index, int nth, bool and_later);
-int CryptoCount(size_t index);
+// As FailCall and CallCount, for all calls into libcrypto that can fail, as they come.
+void FailCrypto(int nth, bool and_later);
+int CryptoCount();
 
 // LiveBlocks is how many blocks the library allocated that neither it nor ReleaseOutput freed.
 size_t LiveBlocks();
@@ -34,6 +33,8 @@ void ReleaseOutput(const void* block);
 void WatchFor(const std::string& label, const Bytes& secret);
 void ForgetSecrets();
 std::vector<std::string> Unwiped();
+
+Bytes BigEndian(const BIGNUM* number);
 
 }  // namespace test
 

@@ -6,76 +6,59 @@
 
 #include <utility>
 
-#include "tests/sweep/scripted_ta.h"
-
 namespace test {
 namespace {
 
-using Context = keymaster::KeymasterTivasContext;
-using KeyHolder = keymaster::TKeymasterBlob<keymaster_key_blob_t>;
-using BytesHolder = keymaster::TKeymasterBlob<keymaster_blob_t>;
-
 // ---- Codes
 
-constexpr int32_t kNoMemory = KM_ERROR_MEMORY_ALLOCATION_FAILED;
+constexpr int32_t kMem = KM_ERROR_MEMORY_ALLOCATION_FAILED;
 constexpr int32_t kUnknown = KM_ERROR_UNKNOWN_ERROR;
 constexpr int32_t kFormat = KM_ERROR_UNSUPPORTED_KEY_FORMAT;
 constexpr int32_t kArgument = KM_ERROR_INVALID_ARGUMENT;
+constexpr int32_t kVerify = KM_ERROR_VERIFICATION_FAILED;
 constexpr int32_t kPurpose = KM_ERROR_INCOMPATIBLE_PURPOSE;
-constexpr int32_t kTeeGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
-constexpr int32_t kTeeParameters = static_cast<int32_t>(TEEC_ERROR_BAD_PARAMETERS);
-constexpr int32_t kTeeNoMemory = static_cast<int32_t>(TEEC_ERROR_OUT_OF_MEMORY);
+constexpr int32_t kTee = static_cast<int32_t>(TEEC_ERROR_GENERIC);
+constexpr int32_t kTeeParams = static_cast<int32_t>(TEEC_ERROR_BAD_PARAMETERS);
+constexpr int32_t kTeeMem = static_cast<int32_t>(TEEC_ERROR_OUT_OF_MEMORY);
 
 // By what a request does beside sending commands: nothing, decode a reply, copy one, take data.
-const Outcomes kSends = {{kTeeNoMemory}, {}, {kTeeGeneric}, {}, {}};
-const Outcomes kDecodes = {
-    {kNoMemory, kTeeNoMemory}, {kNoMemory}, {kNoMemory, kTeeGeneric}, {}, {kNoMemory}};
-const Outcomes kCopies = {{kNoMemory, kTeeNoMemory},
-                          {kNoMemory, kUnknown},
-                          {kNoMemory, kTeeGeneric},
-                          {},
-                          {kNoMemory, kUnknown}};
-const Outcomes kProcesses = {
-    kCopies.allocation, {kNoMemory, kUnknown, kTeeGeneric}, kCopies.clear, {}, kCopies.reply};
-
-const Outcomes kGenerates = {
-    kCopies.allocation, kCopies.copy, kCopies.clear, {kNoMemory, kUnknown}, kCopies.reply};
-const Outcomes kImportsPkcs8 = {
-    kCopies.allocation, {kNoMemory, kUnknown, kFormat}, kCopies.clear, {kFormat}, kCopies.reply};
-const Outcomes kExports = {{kNoMemory, kTeeNoMemory, kArgument},
-                           kDecodes.copy,
-                           kDecodes.clear,
-                           {kArgument},
-                           {kUnknown, kArgument}};
-const Outcomes kAttests = {
-    kCopies.allocation, kCopies.copy, {kNoMemory, kTeeGeneric, kUnknown}, {}, kCopies.reply};
-const Outcomes kVerifies = {kCopies.allocation,
-                            kCopies.copy,
-                            kCopies.clear,
-                            {},
-                            {kNoMemory, kUnknown, KM_ERROR_VERIFICATION_FAILED}};
+const Codes kAlloc = {kMem, kTeeMem}, kClear = {kMem, kTee}, kCopy = {kMem, kUnknown};
+const Outcomes kSends = {{kTeeMem}, {}, {kTee}};
+const Outcomes kDecodes = {kAlloc, {kMem}, kClear, {}, {kMem}};
+const Outcomes kCopies = {kAlloc, kCopy, kClear, {}, kCopy};
+const Outcomes kProcesses = {kAlloc, {kMem, kUnknown, kTee}, kClear, {}, kCopy};
+const Outcomes kGenerates = {kAlloc, kCopy, kClear, kCopy, kCopy};
+const Outcomes kImports = {kAlloc, {kMem, kUnknown, kFormat}, kClear, {kFormat}, kCopy};
+const Outcomes kExports = {
+    {kMem, kTeeMem, kArgument}, {kMem}, kClear, {kArgument}, {kUnknown, kArgument}};
+const Outcomes kAttests = {kAlloc, kCopy, {kMem, kTee, kUnknown}, {}, kCopy};
+const Outcomes kVerifies = {kAlloc, kCopy, kClear, {}, {kMem, kUnknown, kVerify}};
+const Outcomes kShares = {kAlloc, {kUnknown}, {kTee}, {}, {kUnknown}};
 // An unwrapped key without bytes is refused by TeeImportKey.
-const Outcomes kUnwraps = {kProcesses.allocation,
-                           kProcesses.copy,
-                           kProcesses.clear,
-                           {},
-                           {kNoMemory, kUnknown, kArgument, kPurpose, kTeeParameters}};
+const Outcomes kUnwraps = {
+    kAlloc, kProcesses.copy, kClear, {}, {kMem, kUnknown, kArgument, kPurpose, kTeeParams}};
 
 // ---- Inputs
 
-const keymaster_key_param_set_t* Params(int64_t algorithm) {
-  static ParamSet ec({{KM_TAG_ALGORITHM, KM_ALGORITHM_EC},
-                      {KM_TAG_KEY_SIZE, 256},
-                      {KM_TAG_APPLICATION_ID, Text("client")}});
-  static ParamSet rsa({{KM_TAG_ALGORITHM, KM_ALGORITHM_RSA},
-                       {KM_TAG_KEY_SIZE, 512},
-                       {KM_TAG_RSA_PUBLIC_EXPONENT, 65537}});
-  return algorithm == KM_ALGORITHM_RSA ? rsa.get() : ec.get();
+keymaster_key_param_set_t g_none{};
+
+const keymaster_key_param_set_t* EcParams() {
+  static ParamSet set({{KM_TAG_ALGORITHM, KM_ALGORITHM_EC},
+                       {KM_TAG_KEY_SIZE, 256},
+                       {KM_TAG_APPLICATION_ID, Text("client")}});
+  return set.get();
 }
 
-keymaster_key_param_set_t* NoParams() {
-  static keymaster_key_param_set_t none{};
-  return &none;
+const keymaster_key_param_set_t* RsaParams() {
+  static ParamSet set({{KM_TAG_ALGORITHM, KM_ALGORITHM_RSA},
+                       {KM_TAG_KEY_SIZE, 512},
+                       {KM_TAG_RSA_PUBLIC_EXPONENT, 65537}});
+  return set.get();
+}
+
+const keymaster_key_param_set_t* OperationParams() {
+  static ParamSet set({{KM_TAG_NONCE, Ramp(9, 12)}, {KM_TAG_ASSOCIATED_DATA, Ramp(1, 20)}});
+  return set.get();
 }
 
 keymaster_key_blob_t* Key(const Bytes& bytes) {
@@ -84,211 +67,134 @@ keymaster_key_blob_t* Key(const Bytes& bytes) {
   return &key;
 }
 
-const Bytes& LongInput() {
+keymaster_blob_t LongInput(size_t length) {
   static const Bytes input = Ramp(0, 0x80000 + 1);
-  return input;
+  return {input.data(), length};
 }
 
-struct Holders {
-  Holders() {
-    Hold(Ramp(1, 256), &transit.key_material, &transit.key_material_size);
-    Hold(Ramp(2, 48), &payload.key_material, &payload.key_material_size);
-    Hold(fixture().wrapper, &wrapper.key_material, &wrapper.key_material_size);
-    Hold(Ramp(3, 12), &iv.data, &iv.data_length);
-    Hold(Ramp(4, 20), &description.data, &description.data_length);
+// A blob of the kinds that own their bytes.
+template <typename BlobType>
+struct Held : keymaster::TKeymasterBlob<BlobType> {
+  explicit Held(const Bytes& bytes) {
+    keymaster::BlobData(*this) = keymaster::dup_buffer(bytes.data(), bytes.size());
+    keymaster::BlobSize(*this) = bytes.size();
   }
-  static void Hold(const Bytes& bytes, const uint8_t** data, size_t* length) {
-    *data = keymaster::dup_buffer(bytes.data(), bytes.size());
-    *length = bytes.size();
-  }
-  KeyHolder transit, payload, wrapper;
-  BytesHolder iv, description;
 };
-
-// ---- Rows of one kind
-
-int32_t Import(keymaster_key_format_t format, const Bytes& key, Outputs* o) {
-  const keymaster_blob_t data = Blob(key);
-  return Context().TivasKmImportKey(Params(KM_ALGORITHM_EC), format, &data, &o->key, &o->traits);
-}
-
-int32_t Export(const Bytes& key, Outputs* o) {
-  const Bytes client = Text("client");
-  const keymaster_blob_t blob = Blob(client);
-  return Context().TivasKmExportKey(KM_KEY_FORMAT_X509, Key(key), &blob, &blob, &o->data);
-}
+using HeldKey = Held<keymaster_key_blob_t>;
+using HeldBytes = Held<keymaster_blob_t>;
 
 std::vector<Request> MakeRequests() {
-  const Fixture& f = fixture();
-  return {
-      {"Initialize",
-       [](Outputs*) { return Context().Initialize(keymaster::KmVersion::KEYMASTER_4_1); },
-       "",
-       kSends,
-       {},
-       {},
-       true},
-      {"InitTeeContext",
-       [](Outputs*) {
-         const int32_t result = Context().InitTeeContext();
-         return result != 0 ? result : Context().FinishTeeContext();
-       },
-       "",
-       kSends,
-       {},
-       {},
-       true},
-      {"WithoutTheTa",
-       [](Outputs*) {
-         return Context().TivasKmAddRngEntropy(nullptr, 1) | Context().TivasKmDeleteAllKeys() |
-                Context().TivasKmDestroyAttestationIds();
-       },
-       "",
-       {}},
-      {"GenerateEc",
-       [](Outputs* o) {
-         return Context().TivasKmGenerateKey(Params(KM_ALGORITHM_EC), &o->key, &o->traits);
-       },
-       "k:ue t:ue", kCopies},
-      {"GenerateRsa",
-       [](Outputs* o) {
-         return Context().TivasKmGenerateKey(Params(KM_ALGORITHM_RSA), &o->key, &o->traits);
-       },
-       "k:ue t:ue", kGenerates},
-      {"ImportRaw", [&f](Outputs* o) { return Import(KM_KEY_FORMAT_RAW, f.mask, o); }, "k:ue t:ue",
-       kCopies},
-      {"ImportRsa", [&f](Outputs* o) { return Import(KM_KEY_FORMAT_PKCS8, f.rsa_pkcs8, o); },
-       "k:ue t:ue", kImportsPkcs8},
-      {"ImportEc", [&f](Outputs* o) { return Import(KM_KEY_FORMAT_PKCS8, f.ec_pkcs8, o); },
-       "k:ue t:ue", kImportsPkcs8},
-      {"ExportRsa", [&f](Outputs* o) { return Export(f.blob, o); }, "d:e", kExports},
-      {"ExportEc", [&f](Outputs* o) { return Export(f.ec_blob, o); }, "d:e", kExports},
-      {"GetKeyCharacteristics",
-       [&f](Outputs* o) {
-         const keymaster_blob_t client = Blob(f.ec_blob);
-         return Context().TivasKmGetKeyCharacteristics(Key(f.blob), &client, &client, &o->traits);
-       },
-       "t:ue", kDecodes},
-      {"UpgradeKey",
-       [&f](Outputs* o) {
-         return Context().TivasKmUpgradeKey(Key(f.blob), OperationParams(), &o->key);
-       },
-       "", kCopies},
-      {"Deletekey", [&f](Outputs*) { return Context().TivasKmDeletekey(Key(f.blob)); }, "", kSends},
-      {"AttestKey",
-       [&f](Outputs* o) {
-         return Context().TivasKmAttestKey(Key(f.blob), OperationParams(), &o->chain);
-       },
-       "c:ue", kAttests},
-      {"Begin",
-       [&f](Outputs* o) {
-         return Context().TivasKmBegin(KM_PURPOSE_ENCRYPT, Key(f.blob), OperationParams(),
-                                       &o->params, &o->number[0]);
-       },
-       "p:e", kDecodes},
-      {"Update",
-       [](Outputs* o) {
-         const keymaster_blob_t input = Blob(LongInput());
-         return Context().TivasKmUpdate(7, OperationParams(), &input, &o->number[0], &o->params,
-                                        &o->data);
-       },
-       "p:e d:e", kProcesses},
-      {"UpdateAssociatedData",
-       [](Outputs* o) {
-         return Context().TivasKmUpdate(7, OperationParams(), nullptr, nullptr, &o->params,
-                                        &o->data);
-       },
-       "p:e d:e", kProcesses},
-      {"FinishNew",
-       [](Outputs* o) {
-         const Bytes bytes = Ramp(1, 40);
-         const keymaster_blob_t input = Blob(bytes);
-         return Context().TivasKmFinishNew(7, OperationParams(), &input, &input, &o->params,
-                                           &o->data);
-       },
-       "p:e d:e", kProcesses},
-      {"FinishLarge",
-       [](Outputs* o) {
-         const keymaster_blob_t input = {LongInput().data(), 4100};
-         return Context().TivasKmFinishNew(7, OperationParams(), &input, &input, &o->params,
-                                           &o->data);
-       },
-       "p:e d:e", kProcesses},
-      {"Abort", [](Outputs*) { return Context().TivasKmAbort(7); }, "", kSends},
-      {"ImportWrappedKey",
-       [&f](Outputs* o) {
-         const keymaster_key_blob_t wrapper = KeyBlob(f.wrapper);
-         const keymaster_key_blob_t mask = KeyBlob(f.mask);
-         return Context().TivasKmImportWrappedKeyNew(&wrapper, Key(f.blob), &mask, NoParams(), 1, 2,
-                                                     &o->key, &o->traits);
-       },
-       "k:ue t:ue", kUnwraps},
-      {"UnwrappedKey",
-       [&f](Outputs* o) {
-         const Holders h;
-         keymaster_key_blob_t mask = KeyBlob(f.mask);
-         keymaster::AuthorizationSet list;
-         keymaster_key_format_t format;
-         o->data = {};
-         return Context().TivasKmUnwrappedKey(&h.wrapper, Key(f.blob), NoParams(), &mask, &list,
-                                              &format, &o->data);
-       },
-       "d:e", kUnwraps},
-      {"DecryptTransitKeyMaterial",
-       [&f](Outputs* o) {
-         Holders h;
-         o->data = {};
-         return Context().DecryptTransitKeyMaterial(Key(f.blob), NoParams(), &h.transit, &o->data);
-       },
-       "d:e", kProcesses},
-      {"WrappedKeyAesGcmDecrypt",
-       [&f](Outputs* o) {
-         Holders h;
-         keymaster_blob_t transit = Blob(f.transit);
-         return Context().WrappedKeyAesGcmDecrypt(&transit, &h.iv, &h.description, &h.payload,
-                                                  &o->data);
-       },
-       "d:ue", kProcesses},
-      {"VerifyAuthorization",
-       [&f](Outputs* o) {
-         const keymaster_blob_t token = Blob(f.wrapper);
-         o->params = {};
-         TsVerificationToken out{kUntouched, kUntouched, &o->params, 0, {}};
-         const int32_t result =
-             Context().TivasVerifyAuthorization(5, OperationParams(), &token, &out);
-         if (out.parameters_verified != &o->params) return static_cast<int32_t>(kInputError);
-         o->number[0] = out.challenge;
-         o->number[1] = out.timestamp;
-         if (out.mac[31] != 0) o->number[2] = out.mac[31];
-         return result;
-       },
-       "p:ew", kVerifies},
-      {"EarlyBootEnded", [](Outputs*) { return Context().TivasKmEarlyBootEnded(); }, "", kSends},
-      {"DeviceLocked", [](Outputs*) { return Context().TivasKmDeviceLocked(true); }, "", kSends},
-      {"GetHmacSharingParameters",
-       [](Outputs*) {
-         uint8_t a[32], b[32];
-         return Context().TivasgetHmacSharingParameters(a, 32, b, 32);
-       },
-       "", kSends},
-      {"ComputeSharedHmac",
-       [](Outputs* o) {
-         uint8_t in[9] = {};
-         return Context().TivascomputeSharedHmac(in, sizeof(in), &o->data);
-       },
-       "d:e",
-       {kCopies.allocation, {kUnknown}, {kTeeGeneric}, {}, {kUnknown}}},
+  static const Fixture& f = fixture();
+  static keymaster::KeymasterTivasContext km;
+  static const keymaster_blob_t client = Blob(f.ec_blob);
+  static const char kNewKey[] = "k:ue h:ue s:ue", kProcessed[] = "p:e d:e";
+  std::vector<Request> all;
+  const auto add = [&all](const char* name, const Outcomes& outcomes, const char* left,
+                          std::function<int32_t(Outputs&)> run) {
+    all.push_back({name, outcomes, left, std::move(run)});
   };
+  const auto add_import = [&](const char* name, const Outcomes& outcomes,
+                              keymaster_key_format_t format, const Bytes& key) {
+    add(name, outcomes, kNewKey, [format, data = Blob(key)](Outputs& o) {
+      return km.TivasKmImportKey(EcParams(), format, &data, &o.key, &o.traits);
+    });
+  };
+  const auto add_export = [&](const char* name, const Bytes& key) {
+    add(name, kExports, "d:e", [&key](Outputs& o) {
+      return km.TivasKmExportKey(KM_KEY_FORMAT_X509, Key(key), &client, &client, &o.data);
+    });
+  };
+  const auto add_finish = [&](const char* name, size_t length) {
+    add(name, kProcesses, kProcessed, [input = LongInput(length)](Outputs& o) {
+      return km.TivasKmFinishNew(7, OperationParams(), &input, &input, &o.params, &o.data);
+    });
+  };
+
+  add("Initialize", kSends, "",
+      [](Outputs&) { return km.Initialize(keymaster::KmVersion::KEYMASTER_4_1); });
+  add("GenerateEc", kCopies, kNewKey,
+      [](Outputs& o) { return km.TivasKmGenerateKey(EcParams(), &o.key, &o.traits); });
+  add("GenerateRsa", kGenerates, kNewKey,
+      [](Outputs& o) { return km.TivasKmGenerateKey(RsaParams(), &o.key, &o.traits); });
+  add_import("ImportRaw", kCopies, KM_KEY_FORMAT_RAW, f.mask);
+  add_import("ImportRsa", kImports, KM_KEY_FORMAT_PKCS8, f.rsa_pkcs8);
+  add_import("ImportEc", kImports, KM_KEY_FORMAT_PKCS8, f.ec_pkcs8);
+  add_export("ExportRsa", f.blob);
+  add_export("ExportEc", f.ec_blob);
+  add("GetKeyCharacteristics", kDecodes, "h:ue s:ue", [](Outputs& o) {
+    return km.TivasKmGetKeyCharacteristics(Key(f.blob), &client, &client, &o.traits);
+  });
+  add("UpgradeKey", kCopies, "",
+      [](Outputs& o) { return km.TivasKmUpgradeKey(Key(f.blob), OperationParams(), &o.key); });
+  add("Deletekey", kSends, "", [](Outputs&) { return km.TivasKmDeletekey(Key(f.blob)); });
+  add("AttestKey", kAttests, "c:ue",
+      [](Outputs& o) { return km.TivasKmAttestKey(Key(f.blob), OperationParams(), &o.chain); });
+  add("Begin", kDecodes, "p:e", [](Outputs& o) {
+    return km.TivasKmBegin(KM_PURPOSE_ENCRYPT, Key(f.blob), OperationParams(), &o.params,
+                           &o.number[0]);
+  });
+  add("Update", kProcesses, kProcessed, [](Outputs& o) {
+    const keymaster_blob_t input = LongInput(0x80000 + 1);
+    return km.TivasKmUpdate(7, OperationParams(), &input, &o.number[0], &o.params, &o.data);
+  });
+  add("UpdateAssociatedData", kProcesses, kProcessed, [](Outputs& o) {
+    return km.TivasKmUpdate(7, OperationParams(), nullptr, nullptr, &o.params, &o.data);
+  });
+  add_finish("FinishNew", 40);
+  add_finish("FinishLarge", 4100);
+  add("Abort", kSends, "", [](Outputs&) { return km.TivasKmAbort(7); });
+  add("ImportWrappedKey", kUnwraps, kNewKey, [](Outputs& o) {
+    const keymaster_key_blob_t wrapper = KeyBlob(f.wrapper), mask = KeyBlob(f.mask);
+    return km.TivasKmImportWrappedKeyNew(&wrapper, Key(f.blob), &mask, &g_none, 1, 2, &o.key,
+                                         &o.traits);
+  });
+  add("UnwrappedKey", kUnwraps, "d:e", [](Outputs& o) {
+    const HeldKey wrapper(f.wrapper);
+    keymaster_key_blob_t mask = KeyBlob(f.mask);
+    keymaster::AuthorizationSet list;
+    keymaster_key_format_t format;
+    o.data = {};
+    return km.TivasKmUnwrappedKey(&wrapper, Key(f.blob), &g_none, &mask, &list, &format, &o.data);
+  });
+  add("DecryptTransitKeyMaterial", kProcesses, "d:e", [](Outputs& o) {
+    HeldKey transit(Ramp(1, 256));
+    o.data = {};
+    return km.DecryptTransitKeyMaterial(Key(f.blob), &g_none, &transit, &o.data);
+  });
+  add("WrappedKeyAesGcmDecrypt", kProcesses, "d:ue", [](Outputs& o) {
+    keymaster_blob_t transit = Blob(f.transit);
+    HeldBytes iv(Ramp(3, 12)), description(Ramp(4, 20));
+    HeldKey payload(Ramp(2, 48));
+    return km.WrappedKeyAesGcmDecrypt(&transit, &iv, &description, &payload, &o.data);
+  });
+  add("VerifyAuthorization", kVerifies, "p:ew", [](Outputs& o) {
+    const keymaster_blob_t token = Blob(f.wrapper);
+    o.params = {};
+    TsVerificationToken out{kUntouched, kUntouched, &o.params, 0, {}};
+    const int32_t result = km.TivasVerifyAuthorization(5, OperationParams(), &token, &out);
+    if (out.parameters_verified != &o.params) return static_cast<int32_t>(kInputError);
+    o.number[0] = out.challenge;
+    o.number[1] = out.timestamp;
+    if (out.mac[31] != 0) o.number[2] = out.mac[31];
+    return result;
+  });
+  add("EarlyBootEnded", kSends, "", [](Outputs&) { return km.TivasKmEarlyBootEnded(); });
+  add("DeviceLocked", kSends, "", [](Outputs&) { return km.TivasKmDeviceLocked(true); });
+  add("GetHmacSharingParameters", kSends, "", [](Outputs&) {
+    uint8_t a[32], b[32];
+    return km.TivasgetHmacSharingParameters(a, 32, b, 32);
+  });
+  add("ComputeSharedHmac", kShares, "d:e", [](Outputs& o) {
+    uint8_t in[9] = {};
+    return km.TivascomputeSharedHmac(in, sizeof(in), &o.data);
+  });
+  return all;
 }
 
 }  // namespace
 
 const std::vector<Request>& Requests() {
-  static const std::vector<Request> requests = [] {
-    std::vector<Request> all = MakeRequests();
-    for (Request& request : FunctionRequests()) all.push_back(std::move(request));
-    return all;
-  }();
+  static const std::vector<Request> requests = MakeRequests();
   return requests;
 }
 

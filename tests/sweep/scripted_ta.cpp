@@ -1,6 +1,4 @@
 // The TA that serves the requests, and what both sides know.
-#include "tests/sweep/scripted_ta.h"
-
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
@@ -20,8 +18,7 @@ using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 Bytes Number(const Key& key, const char* name) {
   BIGNUM* number = nullptr;
   if (EVP_PKEY_get_bn_param(key.get(), name, &number) != 1) abort();
-  Bytes out(static_cast<size_t>(BN_num_bytes(number)));
-  BN_bn2bin(number, out.data());
+  const Bytes out = BigEndian(number);
   BN_free(number);
   return out;
 }
@@ -39,29 +36,29 @@ Bytes Pkcs8(const Key& key) {
 // Bytes without a pattern, so that no two pieces of them are alike.
 Bytes Noise(uint32_t seed, size_t length) {
   Bytes out(length);
-  for (uint8_t& byte : out)
+  for (uint8_t& byte : out) {
     byte = static_cast<uint8_t>((seed = seed * 1664525u + 1013904223u) >> 24);
+  }
   return out;
-}
-
-Bytes Der(std::initializer_list<uint8_t> tag, const Bytes& content) {
-  const auto length = static_cast<uint32_t>(content.size());
-  const auto low = static_cast<uint8_t>(length);
-  Bytes head = {low};
-  if (length > 127) head = {0x82, static_cast<uint8_t>(length >> 8), low};
-  return Cat({Bytes(tag), head, content});
 }
 
 // A wrapper of a raw AES key with a user secure id and the auth token of a fingerprint.
 Bytes Wrapper() {
+  const Bytes description = {0x30, 98,   2, 1,    3,    0x30, 93, 0xA2, 3,    2,    1,
+                             32,   0xA3, 4, 2,    2,    1,    0,  0xBF, 0x83, 0x76, 3,
+                             2,    1,    7, 0xBF, 0x87, 0x6A, 71, 4,    69};
   Bytes token(69);
   token[25] = 2;
-  const Bytes list =
-      Cat({Der({0xA2}, Der({2}, {32})), Der({0xA3}, Der({2}, {1, 0})),
-           Der({0xBF, 0x83, 0x76}, Der({2}, {7})), Der({0xBF, 0x87, 0x6A}, Der({4}, token))});
-  const Bytes description = Der({0x30}, Cat({Der({2}, {3}), Der({0x30}, list)}));
-  return Der({0x30}, Cat({Der({2}, {0}), Der({4}, Ramp(1, 256)), Der({4}, Ramp(9, 12)), description,
-                          Der({4}, Ramp(77, 32)), Der({4}, Ramp(3, 16))}));
+  return Cat({{0x30, 0x82, 1, 0xAD, 2, 1, 0, 4, 0x82, 1, 0},
+              Ramp(1, 256),
+              {4, 12},
+              Ramp(9, 12),
+              description,
+              token,
+              {4, 32},
+              Ramp(77, 32),
+              {4, 16},
+              Ramp(3, 16)});
 }
 
 bool Holds(const Bytes& bytes, int64_t tag) {
@@ -81,47 +78,20 @@ bool AcceptsImport(const Invocation& invocation) {
 
 std::map<int, Bytes> Write(const Invocation& invocation) {
   const Fixture& f = fixture();
-  switch (invocation.command) {
-    case 2:
-    case 4:
-      return {{2, f.blob}, {3, f.traits}};
-    case 3:
-      return {{2, f.traits}};
-    case 5:
-      return {{2, invocation.params[0].in == f.ec_blob ? f.ec_public : f.rsa_public}};
-    case 6:
-      return {{2, f.chain}};
-    case 7:
-      return {{2, f.blob}};
-    case 8:
-      return {{2, f.params}};
-    case 9:
-      return {{2, f.params}, {3, f.update_output}};
-    case 10:
-      // Only the decryption of a transit key sends no parameters.
-      if (invocation.params[0].buffer == nullptr) return {{3, f.masked_transit}};
-      return {{2, f.params}, {3, f.unwrapped}};
-    case 39:
-      return {{2, f.params}, {3, Ramp(1, 64)}};
-    case 64:
-      return {{0, Ramp(1, 32)}, {1, Ramp(2, 32)}};
-    case 65:
-      return {{1, Ramp(3, 32)}};
-    case 66:
-      return {{0, Cat({Le32(7), Le32(120), Le32(8), Text("FuncName")})}};
-    default:
-      return {};
-  }
+  const SeenParam& first = invocation.params[0];
+  if (invocation.command == 5 && first.in == f.ec_blob) return f.ec_public;
+  // Only the decryption of a transit key sends no parameters.
+  if (invocation.command == 10 && first.buffer == nullptr) return f.transit_finish;
+  const auto answer = f.answers.find(invocation.command);
+  return answer == f.answers.end() ? std::map<int, Bytes>() : answer->second;
 }
 
 Reply Serve(const Invocation& invocation) {
   TaScript& script = ta();
-  const int index = script.answers++;
+  const int index = static_cast<int>(script.answers.size());
   const auto written = Write(invocation);
-  if (script.record != nullptr) {
-    script.record->push_back({invocation.command, written, {}});
-    for (int i = 0; i < 4; ++i) script.record->back().capacity[i] = invocation.params[i].size;
-  }
+  script.answers.push_back({invocation.command, written, {}});
+  for (int i = 0; i < 4; ++i) script.answers.back().capacity[i] = invocation.params[i].size;
   Reply reply = Reply::Ok();
   if (invocation.command == 4 && !AcceptsImport(invocation)) reply = Reply::Fail(kInputError);
   if (index == script.failing) reply = Reply::Fail(kTaError);
@@ -133,36 +103,51 @@ Reply Serve(const Invocation& invocation) {
 
 Fixture MakeFixture() {
   Fixture f;
-  const Key rsa(EVP_RSA_gen(1024), &EVP_PKEY_free);
-  const Key ec(EVP_EC_gen("P-256"), &EVP_PKEY_free);
+  const Key rsa(EVP_RSA_gen(1024), &EVP_PKEY_free), ec(EVP_EC_gen("P-256"), &EVP_PKEY_free);
   f.rsa_pkcs8 = Pkcs8(rsa);
   f.ec_pkcs8 = Pkcs8(ec);
-  const char* const secret_numbers[] = {
-      "d", "rsa-factor1", "rsa-factor2", "rsa-exponent1", "rsa-exponent2", "rsa-coefficient1"};
-  for (const char* name : secret_numbers) f.secrets[name] = Number(rsa, name);
-  f.secrets["scalar"] = Number(ec, "priv");
-  f.secrets["masked transit key"] = f.masked_transit = Noise(1, 32);
+  for (const char* name :
+       {"d", "rsa-factor1", "rsa-factor2", "rsa-exponent1", "rsa-exponent2", "rsa-coefficient1"}) {
+    f.secrets[name] = Number(rsa, name);
+  }
+  const Bytes masked = Noise(1, 32), unwrapped = Noise(3, 32), update_output = Noise(4, 16);
+  f.transit = masked;
   f.mask = Noise(2, 32);
-  f.transit = f.masked_transit;
   for (size_t i = 0; i < f.mask.size(); ++i) f.transit[i] ^= f.mask[i];
+  f.secrets["scalar"] = Number(ec, "priv");
+  f.secrets["masked transit key"] = masked;
   f.secrets["transit key"] = f.transit;
-  f.secrets["finish output, unwrapped key"] = f.unwrapped = Noise(3, 32);
-  f.secrets["update output"] = f.update_output = Noise(4, 16);
+  f.secrets["finish output, unwrapped key"] = unwrapped;
+  f.secrets["update output"] = update_output;
   f.wrapper = Wrapper();
   f.blob = Ramp(5, 48);
   f.ec_blob = Text("an EC key");
-  f.traits = Cat(
+
+  const Bytes x = Number(ec, "qx"), y = Number(ec, "qy");
+  f.ec_public = {{2, Cat({Le32(3), Le32(256), Le32(static_cast<uint32_t>(x.size())),
+                          Le32(static_cast<uint32_t>(y.size())), x, y})}};
+  f.transit_finish = {{3, masked}};
+  const Bytes rsa_public = Cat({Le32(1), Le32(0), Le32(64), Le32(3), Ramp(129, 64), {1, 0, 1}});
+  const Bytes traits = Cat(
       {WireList({Entry(KM_TAG_PURPOSE, 5), BytesEntry(KM_TAG_APPLICATION_ID, 0, 4)}),
        WireList({Entry(KM_TAG_CREATION_DATETIME, 9), BytesEntry(KM_TAG_APPLICATION_DATA, 4, 3)}),
        Text("appdata")});
-  f.params = Cat(
+  const Bytes params = Cat(
       {WireList({BytesEntry(KM_TAG_NONCE, 0, 12), Entry(KM_TAG_MAC_LENGTH, 128)}), Ramp(40, 12)});
-  f.chain = Cat({Le32(2), Le32(3), Text("abc"), Le32(5), Text("defgh")});
-  f.rsa_public = Cat({Le32(1), Le32(0), Le32(64), Le32(3), Ramp(129, 64), {1, 0, 1}});
-  const Bytes x = Number(ec, "qx");
-  const Bytes y = Number(ec, "qy");
-  f.ec_public = Cat({Le32(3), Le32(256), Le32(static_cast<uint32_t>(x.size())),
-                     Le32(static_cast<uint32_t>(y.size())), x, y});
+  const Bytes chain = Cat({Le32(2), Le32(3), Text("abc"), Le32(5), Text("defgh")});
+  f.answers = {{2, {{2, f.blob}, {3, traits}}},
+               {3, {{2, traits}}},
+               {4, {{2, f.blob}, {3, traits}}},
+               {5, {{2, rsa_public}}},
+               {6, {{2, chain}}},
+               {7, {{2, f.blob}}},
+               {8, {{2, params}}},
+               {9, {{2, params}, {3, update_output}}},
+               {10, {{2, params}, {3, unwrapped}}},
+               {39, {{2, params}, {3, Ramp(1, 64)}}},
+               {64, {{0, Ramp(1, 32)}, {1, Ramp(2, 32)}}},
+               {65, {{1, Ramp(3, 32)}}},
+               {66, {{0, Cat({Le32(7), Le32(120), Le32(8), Text("FuncName")})}}}};
   return f;
 }
 
@@ -173,24 +158,13 @@ const Fixture& fixture() {
   return f;
 }
 
-const keymaster_key_param_set_t* OperationParams() {
-  static ParamSet set({{KM_TAG_NONCE, Ramp(9, 12)}, {KM_TAG_ASSOCIATED_DATA, Ramp(1, 20)}});
-  return set.get();
-}
-
 TaScript& ta() {
   thread_local TaScript script;
   return script;
 }
 
 void InstallTa() {
-  for (const uint32_t command : {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 31, 39, 40, 41, 64, 65, 66}) {
-    platform().On(command, Serve);
-  }
-}
-
-void WatchFixtureSecrets() {
-  for (const auto& [label, secret] : fixture().secrets) WatchFor(label, secret);
+  for (uint32_t command = 1; command <= 66; ++command) platform().On(command, Serve);
 }
 
 }  // namespace test
