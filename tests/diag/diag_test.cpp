@@ -79,37 +79,36 @@ TEST_F(FaultEvent, IsDroppedOrGoesOnWhenAStepFails) {
   const Lines not_sent = {"E -: reportDfxServer is falied"};
   const Lines not_set = {"E -: setTaDfxInfo failed!", not_sent[0]};
   const std::string whole = "3808d171 RET=7 CMD_ID=2 LINE=120 FUNC=gen TAINFO= CAINFO=";
+  const auto dropped = [&](const char* at) { return whole.substr(0, whole.find(at)) + "dropped"; };
   const struct {
     Call call;
     int nth;
-    std::string log;  // and what follows it
-    Lines then;
-    std::string event;  // whole up to this
+    std::string log;
+    Lines then;  // the lines that follow
+    std::string event;
   } cases[] = {
       {Call::kMemsetS, 1, "I -: QavixPvod memset_s CaDfxInfo failed !!!", {}, ""},
       {Call::kMemcpyS, 1, "E -: memcpy_s errFunc faild", bad_record, ""},
-      {Call::kMemcpyS, 2, "E -: memcpy_s taInfo faild", {kSent}, " sent"},
+      {Call::kMemcpyS, 2, "E -: memcpy_s taInfo faild", {kSent}, whole + " sent"},
       {Call::kCreateEvent, 1, "E -: create EVENT:940102001 failed", not_sent, ""},
-      {Call::kSetInteger, 1, "E -: set errCode failed! errCode = 7", not_set, "RET"},
-      {Call::kSetInteger, 2, "E -: set cmdId failed! cmdId = 2", not_set, "CMD"},
-      {Call::kSetInteger, 3, "E -: set errLine failed! errLine = 120", not_set, "LI"},
-      {Call::kSetString, 1, "E -: set errFunc failed! errFunc = gen", not_set, "FU"},
-      {Call::kSetString, 2, "E -: set extInfo failed! extInfo = ", not_set, "TA"},
-      {Call::kSetString, 3, "E -: set caInfo failed! caInfo = KEYMASTER_TS", not_set, "CA"},
-      {Call::kSendEvent, 1, "E -: send event failed", not_sent, "KEYMASTER_TS dropped"},
+      {Call::kSetInteger, 1, "E -: set errCode failed! errCode = 7", not_set, dropped("RET")},
+      {Call::kSetInteger, 2, "E -: set cmdId failed! cmdId = 2", not_set, dropped("CMD")},
+      {Call::kSetInteger, 3, "E -: set errLine failed! errLine = 120", not_set, dropped("LI")},
+      {Call::kSetString, 1, "E -: set errFunc failed! errFunc = gen", not_set, dropped("FU")},
+      {Call::kSetString, 2, "E -: set extInfo failed! extInfo = ", not_set, dropped("TA")},
+      {Call::kSetString, 3, "E -: set caInfo failed! caInfo = KEYMASTER_TS", not_set,
+       dropped("CA")},
+      {Call::kSendEvent, 1, "E -: send event failed", not_sent, whole + "KEYMASTER_TS dropped"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.log);
     ClearFaults();
     FailCall(c.call, c.nth);
     Report(2, 5, ErrorRecord(7, 120, 3, Text("gen")));
-    Lines log = c.then, events;
+    Lines log = c.then;
     log.insert(log.begin(), c.log);
-    const bool stopped = c.then == not_set;
-    if (stopped) events = {whole.substr(0, whole.find(c.event)) + "dropped"};
-    if (!stopped && !c.event.empty()) events = {whole + c.event};
     EXPECT_EQ(log, Log());
-    EXPECT_EQ(events, Events());
+    EXPECT_EQ(c.event.empty() ? Lines() : Lines{c.event}, Events());
   }
   ClearFaults();
   Report(2, 5, Bytes(1025, 1));

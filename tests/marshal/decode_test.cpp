@@ -72,14 +72,14 @@ constexpr char kHardwareFailed[] = "Proc hw enforce failed, err=";
 TEST_F(Decode, ReadsEachTagType) {
   EXPECT_EQ("0:  | ", Characteristics(Bytes(8)));
   EXPECT_EQ("0: ", OneList(Bytes(4)));
-  const std::string narrow = "=55667701", wide = "=1122334455667701", none = "=0";
+  const std::string narrow = "=55667702", wide = "=1122334455667702", none = "=0";
   const std::string expected[] = {none, narrow, narrow, narrow, narrow, wide, wide, "=1",
                                   ":",  ":",    wide,   none,   none,   none, none, none};
   for (uint32_t type = 0; type < 16; ++type) {
     const uint32_t tag = type << 28 | 0x321;
     // Empty bytes decode whatever their offset and without any blob area.
     const Bytes list =
-        WireList({IsByteValued(tag) ? BytesEntry(tag, 99, 0) : Entry(tag, 0x1122334455667701)});
+        WireList({IsByteValued(tag) ? BytesEntry(tag, 99, 0) : Entry(tag, 0x1122334455667702)});
     const std::string name = type == 0 ? "321" : "0123456789abcdef"[type] + std::string("0000321");
     const std::string text = name + expected[type];
     EXPECT_EQ("0: " + text, OneList(list));

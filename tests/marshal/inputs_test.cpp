@@ -59,7 +59,7 @@ TEST_F(Inputs, FinishPacksInputAndSignature) {
 TEST_F(Inputs, VerifyAuthorizationPacksChallengeAndToken) {
   const Bytes ramp = Ramp(1, 69), eight = {8, 7, 6, 5, 4, 3, 2, 1};
   const uint64_t challenge = 0x0102030405060708;
-  const char null_pointer[] = "null pointer.\n", no_memory[] = "build final input malloc failed.\n",
+  const char no_memory[] = "build final input malloc failed.\n",
              challenge_failed[] = "memcpy_s challenge failed.\n",
              token_failed[] = "memcpy_s hwAuthToken failed.\n";
   const struct {
@@ -97,7 +97,7 @@ TEST_F(Inputs, VerifyAuthorizationPacksChallengeAndToken) {
   EXPECT_EQ(-32, BuildVerifyAuthInput(nullptr, &token, &built));
   EXPECT_EQ(-32, BuildVerifyAuthInput(&challenge, nullptr, &built));
   EXPECT_EQ(-32, BuildVerifyAuthInput(&challenge, &token, nullptr));
-  EXPECT_EQ(Lines(3, std::string("E KeyMaster_Ts: ") + null_pointer), Log());
+  EXPECT_EQ(Lines(3, "E KeyMaster_Ts: null pointer.\n"), Log());
 }
 
 TEST_F(Inputs, SecureIdFollowsTheFirstTokensAuthenticator) {

@@ -1,5 +1,6 @@
 // Key parameters to bytes.
 #include <keymaster_ts.h>
+#include <stdlib.h>
 
 #include "tests/platform/keymaster_test.h"
 
@@ -198,6 +199,20 @@ TEST_F(Serialise, AFailedStepLeavesTheEntriesAsTheyWere) {
       EXPECT_EQ(0, record.Add({kBytesTag, Ramp(7, 3)}));
     }
   }
+  // A set whose second list needs slots and bytes of its own.
+  ParamSet set({{KM_TAG_ALGORITHM, 1}, {kBytesTag, Ramp(1, 9)}});
+  for (uint32_t i = 0; i < 17; ++i) set.Add({0x30000321, i});
+  int32_t result = -12;
+  for (int nth = 1; result != 0 && nth < 20; ++nth) {
+    uint8_t* out = nullptr;
+    uint32_t length = 77;
+    FailCall(Call::kMalloc, nth);
+    result = BuildKmParams(set.get(), &out, &length);
+    EXPECT_EQ(CallCount(Call::kMalloc) < nth ? 0 : -12, result);
+    EXPECT_EQ(result != 0, out == nullptr && length == 77);
+    free(out);
+  }
+  EXPECT_EQ(0, result);
 }
 
 }  // namespace

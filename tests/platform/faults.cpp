@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <link.h>
-#include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -10,10 +9,8 @@
 
 extern "C" {
 void* __libc_malloc(size_t size);
-void __libc_free(void* block);
 // Present in sanitizer builds only.
 __attribute__((weak)) void* __interceptor_malloc(size_t size);
-__attribute__((weak)) void __interceptor_free(void* block);
 }
 
 namespace test {
@@ -26,11 +23,6 @@ struct Counter {
 
 Counter g_counters[static_cast<size_t>(Call::kEnd)];
 std::atomic<uintptr_t> g_library_begin{0}, g_library_end{0};
-
-constexpr size_t kMaxSecret = 64;
-uint8_t g_secret[kMaxSecret];
-std::atomic<size_t> g_secret_length{0};
-std::atomic<int> g_unwiped_frees{0};
 
 Counter& CounterOf(Call call) { return g_counters[static_cast<size_t>(call)]; }
 
@@ -60,15 +52,9 @@ void* LibraryMalloc(size_t size) {
     return nullptr;
   }
   void* block = RealMalloc(size);
-  // Fresh memory must neither look cleared nor hold an old secret.
+  // Fresh memory must not look cleared.
   if (block != nullptr) memset(block, 0xA5, size);
   return block;
-}
-
-void CheckWiped(void* block) {
-  const size_t length = g_secret_length.load();
-  if (block == nullptr || length == 0) return;
-  if (memmem(block, malloc_usable_size(block), g_secret, length) != nullptr) ++g_unwiped_frees;
 }
 
 }  // namespace
@@ -83,8 +69,6 @@ int CallCount(Call call) { return CounterOf(call).calls; }
 
 void ClearFaults() {
   for (size_t i = 0; i < static_cast<size_t>(Call::kEnd); ++i) FailCall(static_cast<Call>(i), 0);
-  g_secret_length = 0;
-  g_unwiped_frees = 0;
   if (g_library_end == 0) dl_iterate_phdr(FindLibrary, nullptr);
   if (g_library_end == 0) abort();  // without the range no allocation could ever be made to fail
 }
@@ -96,23 +80,9 @@ bool TakeFault(Call call) {
   return fail_at > 0 && (now == fail_at || (counter.and_later && now > fail_at));
 }
 
-void WatchSecret(const uint8_t* secret, size_t length) {
-  if (length > kMaxSecret) abort();
-  memcpy(g_secret, secret, length);
-  g_unwiped_frees = 0;
-  g_secret_length = length;
-}
-
-int UnwipedFrees() { return g_unwiped_frees; }
-
 }  // namespace test
 
 extern "C" void* malloc(size_t size) {
   if (test::FromLibrary(__builtin_return_address(0))) return test::LibraryMalloc(size);
   return test::RealMalloc(size);
-}
-
-extern "C" void free(void* block) {
-  if (test::FromLibrary(__builtin_return_address(0))) test::CheckWiped(block);
-  __interceptor_free != nullptr ? __interceptor_free(block) : __libc_free(block);
 }

@@ -33,16 +33,10 @@ constexpr size_t kLargestAllocation = size_t{256} << 20;
 void FailCall(Call call, int nth, bool and_later = false);
 // CallCount tells how often a call was made since ClearFaults or its last FailCall.
 int CallCount(Call call);
-// ClearFaults lets all calls succeed and restarts all counts and the watch.
+// ClearFaults lets all calls succeed and restarts all counts.
 void ClearFaults();
 // TakeFault counts a call and tells whether it is to fail. For the doubles.
 bool TakeFault(Call call);
-
-// WatchSecret counts the blocks that the library frees with these bytes (at most 64) still in
-// them; UnwipedFrees tells how many there were. Calls that an optimised build turns into jumps
-// escape it.
-void WatchSecret(const uint8_t* secret, size_t length);
-int UnwipedFrees();
 
 }  // namespace test
 
