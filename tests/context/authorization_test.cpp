@@ -49,7 +49,7 @@ TEST_F(Authorization, Verify) {
   EXPECT_EQ("-41 [39] params=empty: E invalid copy size, 1-4",
             run(&params, Reply(good).Out(2, BadReply())));
   EXPECT_EQ("0 [39]" + kSuccess, run(nullptr, Reply(good).Out(2, BadReply())));
-  EXPECT_EQ("ffff0009 [39] params=empty: E! TeeVerifyAuthorization failed, ret=0xffff0009",
+  EXPECT_EQ("ffff0009 [39] params=empty" + Failed("TeeVerifyAuthorization"),
             run(&params, TaFails()));
   EXPECT_EQ("-32", Outcome(km.TivasVerifyAuthorization(1, nullptr, &auth, &out)));
   EXPECT_EQ("-32", Outcome(km.TivasVerifyAuthorization(1, set.get(), nullptr, &out)));
@@ -67,8 +67,7 @@ TEST_F(Authorization, DeviceState) {
     EXPECT_EQ(Parts{Le64(only)}, Inputs());
   }
   Answer(40, TaFails());
-  EXPECT_EQ("ffff0009 [40]: E! TeeEarlyBootEnded failed, ret=0xffff0009",
-            Outcome(km.TivasKmEarlyBootEnded()));
+  EXPECT_EQ("ffff0009 [40]" + Failed("TeeEarlyBootEnded"), Outcome(km.TivasKmEarlyBootEnded()));
   Answer(41, TaFails());
   EXPECT_EQ(
       "ffff0009 [41]: " + kEnters + "1]; E! TeeDeviceLocked failed, passwordOnly[1] ret=0xffff0009",

@@ -53,13 +53,10 @@ constexpr char kFunctions[] =
     "QavixKeyMaster ReportDfxServer CheckReportedErrCode TeeosLogExceptionArchive ";
 
 std::string Expand(std::string method) {
-  const std::pair<const char*, const char*> kNames[] = {{"K", "keymaster_key_blob_t"},
-                                                        {"S", "keymaster_key_param_set_t"},
-                                                        {"B", "keymaster_blob_t"},
-                                                        {"H", "keymaster_key_characteristics_t"}};
-  for (const auto& [letter, name] : kNames) {
-    method = std::regex_replace(method, std::regex(std::string("\\b") + letter + "\\b"), name);
-  }
+  method = std::regex_replace(method, std::regex("\\bK\\b"), "keymaster_key_blob_t");
+  method = std::regex_replace(method, std::regex("\\bS\\b"), "keymaster_key_param_set_t");
+  method = std::regex_replace(method, std::regex("\\bB\\b"), "keymaster_blob_t");
+  method = std::regex_replace(method, std::regex("\\bH\\b"), "keymaster_key_characteristics_t");
   return "keymaster::KeymasterTivasContext::" + method;
 }
 
@@ -78,13 +75,13 @@ Names Lines(const std::string& command) {
 TEST(Exports, AreTheListAndNothingElse) {
   Names expected, found;
   std::istringstream methods(kMethods), functions(kFunctions);
-  for (std::string line; std::getline(methods >> std::ws, line, ';');)
-    expected.insert(Expand(line));
+  std::string line;
+  while (std::getline(methods >> std::ws, line, ';')) expected.insert(Expand(line));
   for (std::string name; functions >> name;) expected.insert(name);
   EXPECT_EQ(34u + 41u, expected.size());
-  for (const std::string& line : Lines("nm -D -C --defined-only")) {
-    EXPECT_EQ(" T ", line.substr(16, 3)) << line;
-    found.insert(line.substr(19));
+  for (const std::string& symbol : Lines("nm -D -C --defined-only")) {
+    EXPECT_EQ(" T ", symbol.substr(16, 3)) << symbol;
+    found.insert(symbol.substr(19));
   }
   EXPECT_EQ(expected, found);
 }

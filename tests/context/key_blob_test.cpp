@@ -6,44 +6,40 @@ namespace {
 
 const Bytes kKey = Ramp(0x20, 33);
 const keymaster_key_blob_t kKeyBlob = KeyBlob(kKey);
+const Bytes kId = {1, 2, 3, 4}, kApp = {0x41, 0x42, 0x43},
+            kOwner = SecondList({{KM_TAG_APPLICATION_ID, kId}, {KM_TAG_APPLICATION_DATA, kApp}});
 
 using KeyBlobRequest = RequestTest;
 
 TEST_F(KeyBlobRequest, Characteristics) {
   start = "I KmGetKeyCharacteristics start";
   Answer(3, Reply::Ok().Out(2, Characteristics()));
-  const Bytes id = {1, 2, 3, 4}, app = {0x41, 0x42, 0x43};
-  const keymaster_blob_t id_blob = Blob(id), app_blob = Blob(app), empty_blob = {nullptr, 0};
-  const auto run = [this](const keymaster_blob_t* client_id, const keymaster_blob_t* app_data) {
-    return Outcome(km.TivasKmGetKeyCharacteristics(&kKeyBlob, client_id, app_data, &traits));
+  const keymaster_blob_t id_blob = Blob(kId), app_blob = Blob(kApp), empty_blob = {nullptr, 0};
+  const auto run = [&](const keymaster_blob_t* client_id, const keymaster_blob_t* app_data,
+                       const keymaster_key_blob_t* of = &kKeyBlob, bool wanted = true) {
+    return Outcome(
+        km.TivasKmGetKeyCharacteristics(of, client_id, app_data, wanted ? &traits : nullptr));
   };
   const std::string kGood = std::string("0 [3]") + kTraits + ": I KmGetKeyCharacteristics success";
-  const Bytes app_list = {0, 0, 0, 0, 1, 0, 0, 0, 0xBC, 2, 0,    0x90, 0,   0,
-                          0, 0, 0, 0, 0, 0, 3, 0, 0,    0, 0x41, 0x42, 0x43};
   EXPECT_EQ(kGood, run(nullptr, nullptr));
   EXPECT_EQ(Parts{kKey}, Inputs());
   EXPECT_EQ(kGood, run(nullptr, &app_blob));
-  EXPECT_EQ((Parts{kKey, app_list}), Inputs());
+  EXPECT_EQ((Parts{kKey, SecondList({{KM_TAG_APPLICATION_DATA, kApp}})}), Inputs());
   EXPECT_EQ(kGood, run(&id_blob, &app_blob));
-  EXPECT_EQ(
-      (Parts{kKey, SecondList({{KM_TAG_APPLICATION_ID, id}, {KM_TAG_APPLICATION_DATA, app}})}),
-      Inputs());
+  EXPECT_EQ((Parts{kKey, kOwner}), Inputs());
   EXPECT_EQ(kGood, run(&empty_blob, nullptr));
   EXPECT_EQ((Parts{kKey, SecondList({{KM_TAG_APPLICATION_ID, {}}})}), Inputs());
   EXPECT_EQ("-41", run(&kHollowBlob, nullptr));
-  EXPECT_EQ("-32", Outcome(km.TivasKmGetKeyCharacteristics(nullptr, nullptr, nullptr, nullptr)));
-  EXPECT_EQ("-32",
-            Outcome(km.TivasKmGetKeyCharacteristics(&kHollowKey, nullptr, nullptr, &traits)));
-  EXPECT_EQ("-27",
-            Outcome(km.TivasKmGetKeyCharacteristics(&kKeyBlob, &kHollowBlob, nullptr, nullptr)));
+  EXPECT_EQ("-32", run(nullptr, nullptr, nullptr, false));
+  EXPECT_EQ("-32", run(nullptr, nullptr, &kHollowKey));
+  EXPECT_EQ("-27", run(&kHollowBlob, nullptr, &kKeyBlob, false));
   Answer(3, Reply::Ok().Out(2, Bytes(4)));
   EXPECT_EQ("-41 [3] traits=empty|empty: E 2 invalid key character size, 4-4",
             run(nullptr, nullptr));
   Answer(3, Reply::Ok().Size(2, 4097));
   EXPECT_EQ("-41 [3] traits=empty|empty", run(nullptr, nullptr));
   Answer(3, TaFails());
-  EXPECT_EQ("ffff0009 [3]: E! TeeGetKeyCharacteristics failed, ret=0xffff0009",
-            run(nullptr, nullptr));
+  EXPECT_EQ("ffff0009 [3]" + Failed("TeeGetKeyCharacteristics"), run(nullptr, nullptr));
 }
 
 TEST_F(KeyBlobRequest, Upgrade) {
@@ -62,7 +58,7 @@ TEST_F(KeyBlobRequest, Upgrade) {
       Inputs());
   EXPECT_EQ("0 [7]: I KmUpgradeKey don't need upgradekey", run(kKeyBlob, Reply::Ok()));
   EXPECT_EQ("-1000 [7]: E! invalid keyBlobLen:4097\n", run(kKeyBlob, Reply::Ok().Size(2, 4097)));
-  EXPECT_EQ("ffff0009 [7 66]: E! TeeUpgrade failed, ret=0xffff0009", run(kKeyBlob, TaFails()));
+  EXPECT_EQ("ffff0009 [7 66]" + Failed("TeeUpgrade"), run(kKeyBlob, TaFails()));
   EXPECT_EQ("ffff0006: E! TeeUpgrade failed, ret=0xffff0006", run(kHollowKey, Reply::Ok()));
   EXPECT_EQ("-32", Outcome(km.TivasKmUpgradeKey(nullptr, set.get(), nullptr)));
   EXPECT_EQ("-32", Outcome(km.TivasKmUpgradeKey(&kKeyBlob, nullptr, nullptr)));
@@ -77,8 +73,7 @@ TEST_F(KeyBlobRequest, Delete) {
   EXPECT_EQ("0 [31]: I km_delete success", Outcome(km.TivasKmDeletekey(&kKeyBlob)));
   EXPECT_EQ(Parts{kKey}, Inputs());
   Answer(31, TaFails());
-  EXPECT_EQ("ffff0009 [31]: E! TeeDeleteKey failed, ret=0xffff0009",
-            Outcome(km.TivasKmDeletekey(&kKeyBlob)));
+  EXPECT_EQ("ffff0009 [31]" + Failed("TeeDeleteKey"), Outcome(km.TivasKmDeletekey(&kKeyBlob)));
 }
 
 const Bytes kCertificates = Cat({Le32(3), {1, 2, 3}, Le32(5), {4, 5, 6, 7, 8}});
@@ -109,30 +104,25 @@ TEST_F(Attest, ReturnsTheChainInOrder) {
 
 TEST_F(Attest, RefusesBadReplies) {
   const std::string kRefused = "-1000 [6] chain=empty: ", kCut = "E 1 invalid out chain size(";
-  for (size_t length = 0; length < kChain.size(); ++length) {
-    // The position that the reply ends behind: a length field's start, or its certificate's.
-    const std::string position = length < 8 ? "4" : length < 11 ? "8" : length < 15 ? "11" : "15";
-    const std::string size = std::to_string(length) + ")";
-    EXPECT_EQ(kRefused + (length < 4 ? "E! chain_buf_len too small(" : kCut + position + "-") +
-                  size + kOutError,
-              Run(Bytes(kChain.begin(), kChain.begin() + static_cast<long>(length))));
+  // The reply ends behind a length field's start or its certificate's.
+  const std::pair<int, const char*> kCuts[] = {
+      {4, "4"}, {7, "4"}, {8, "8"}, {11, "11"}, {19, "15"}};
+  for (const auto& [length, at] : kCuts) {
+    EXPECT_EQ(kRefused + kCut + at + "-" + std::to_string(length) + ")" + kOutError,
+              Run(Bytes(kChain.begin(), kChain.begin() + length)));
   }
-  const std::string kLying = kRefused + kCut + "20-20)" + kOutError;
-  for (const uint32_t count : {0u, 1u}) {
-    EXPECT_EQ(kRefused + "E! out_chain entry_count err" + kOutError,
-              Run(Cat({Le32(count), kCertificates})));
-  }
+  EXPECT_EQ(kRefused + "E! chain_buf_len too small(3)" + kOutError, Run(Bytes(3)));
+  EXPECT_EQ(kRefused + "E! out_chain entry_count err" + kOutError,
+            Run(Cat({Le32(1), kCertificates})));
   for (const uint32_t count : {3u, 0x10000000u, 0xFFFFFFFFu}) {
-    EXPECT_EQ(kLying, Run(Cat({Le32(count), kCertificates})));
+    EXPECT_EQ(kRefused + kCut + "20-20)" + kOutError, Run(Cat({Le32(count), kCertificates})));
   }
-  for (const uint32_t length : {0xFFFFFFF8u, 0xFFFFFFFFu}) {
-    EXPECT_EQ(kRefused + kCut + "8-10)" + kOutError, Run(Cat({Le32(2), Le32(length), {1, 2}})));
-  }
+  EXPECT_EQ(kRefused + kCut + "8-10)" + kOutError, Run(Cat({Le32(2), Le32(~0u), Bytes(2)})));
   const std::string kEmpty = kRefused + (kOutError + 2);
   EXPECT_EQ(kEmpty, Run(Cat({Le32(2), Le32(3), {1, 2, 3}, Le32(0), {4}})));
   EXPECT_EQ(kEmpty, Run(Cat({Le32(2), Le32(0), Le32(1), {4}})));
   EXPECT_EQ(kRefused + kCut + "8192-8193)" + kOutError, Run(Reply::Ok().Size(2, 8193)));
-  EXPECT_EQ("ffff0009 [6 66]: E! TeeAttestKey failed, ret=0xffff0009", Run(TaFails()));
+  EXPECT_EQ("ffff0009 [6 66]" + Failed("TeeAttestKey"), Run(TaFails()));
 }
 
 TEST_F(Attest, RefusesBeforeTheTa) {
@@ -195,21 +185,18 @@ TEST_F(Export, RefusesBadReplies) {
   EXPECT_EQ(kArgument + "E! invalid ec key size 255", Run(KeyReply(3, 255, x, x)));
   EXPECT_EQ(kNid + "E! ec key set pubkey failed", Run(KeyReply(3, 256, x, x)));
   EXPECT_EQ(kNid + "E! ec key set pubkey failed", Run(KeyReply(3, 256, {}, {})));
-  EXPECT_EQ("ffff0009 [5] data=empty: E! TeeExport failed, ret=0xffff0009", Run(TaFails()));
+  EXPECT_EQ("ffff0009 [5] data=empty" + Failed("TeeExport"), Run(TaFails()));
 }
 
 TEST_F(Export, SendsClientIdAndAppDataAndChecksItsArguments) {
-  const Bytes id = {1, 2, 3, 4}, app = {0x41, 0x42, 0x43};
-  const keymaster_blob_t id_blob = Blob(id), app_blob = Blob(app);
+  const keymaster_blob_t id_blob = Blob(kId), app_blob = Blob(kApp);
   const auto run = [&](int format, const keymaster_key_blob_t* exported,
                        const keymaster_blob_t* client_id, keymaster_blob_t* output) {
     return Outcome(km.TivasKmExportKey(static_cast<keymaster_key_format_t>(format), exported,
                                        client_id, &app_blob, output));
   };
   EXPECT_EQ("-1000 [5] data=empty: E! out_len is too samll(0)", run(0, &kKeyBlob, &id_blob, &data));
-  EXPECT_EQ(
-      (Parts{kKey, SecondList({{KM_TAG_APPLICATION_ID, id}, {KM_TAG_APPLICATION_DATA, app}})}),
-      Inputs());
+  EXPECT_EQ((Parts{kKey, kOwner}), Inputs());
   for (const int format : {1, 2, 3, -1}) {
     EXPECT_EQ("-17 data=empty", run(format, &kKeyBlob, &id_blob, &data));
   }

@@ -35,7 +35,7 @@ TEST_F(Operation, Begin) {
   ParamSet set({{KM_TAG_NONCE, Bytes{1}}, {KM_TAG_PADDING, 64}});
   const std::string kBad = "E build key parame fail";
   Answer(11, TaFails());  // its result does not matter
-  EXPECT_EQ("ffff0009 [8 66] params=empty: E! TeeBegin failed, ret=0xffff0009",
+  EXPECT_EQ("ffff0009 [8 66] params=empty" + Failed("TeeBegin"),
             Begin(Reply(TaFails()).Value(3, 1, 2), set.get(), &params));
   EXPECT_EQ("-41 [8 11] params=empty" + length(4) + "E invalid copy size, 1-4; " + kBad,
             Begin(reply(BadReply()), set.get(), &params));
@@ -141,7 +141,7 @@ TEST_F(Operation, UpdateWithoutInputNeedsAssociatedData) {
   EXPECT_EQ(99u, number);
   EXPECT_EQ("0 [9]", Outcome(km.TivasKmUpdate(1, with.get(), nullptr, nullptr, nullptr, nullptr)));
   Answer(9, TaFails());
-  EXPECT_EQ("ffff0009 [9] data=empty params=empty: E! TeeUpdate failed, ret=0xffff0009",
+  EXPECT_EQ("ffff0009 [9] data=empty params=empty" + Failed("TeeUpdate"),
             Update(with.get(), nullptr));
 }
 
@@ -150,7 +150,7 @@ TEST_F(Operation, Abort) {
   EXPECT_EQ("0 [11]: I KmAbort success", Outcome(km.TivasKmAbort(kHandle)));
   EXPECT_EQ(Parts{Le64(kHandle)}, Inputs());
   Answer(11, TaFails());
-  EXPECT_EQ("ffff0009 [11]: E! TeeAbort failed, ret=0xffff0009", Outcome(km.TivasKmAbort(1)));
+  EXPECT_EQ("ffff0009 [11]" + Failed("TeeAbort"), Outcome(km.TivasKmAbort(1)));
 }
 
 // ---- Finish, and the finish of inputs that need an update first

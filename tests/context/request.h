@@ -22,6 +22,9 @@ using Parts = std::vector<Bytes>;
 // What the library says without a TEE context, and a code of the TA's own: with an output, too,
 // since a TA may fail after it wrote one.
 constexpr char kNoTee[] = "ffff0006";
+inline std::string Failed(const char* command) {
+  return std::string(": E! ") + command + " failed, ret=0xffff0009";
+}
 inline Reply TaFails() { return Reply::Fail(0xFFFF0009).Out(2, {1}).Out(3, {1}); }
 
 struct RequestTest : KeymasterTest {
