@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <trusted_app.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,23 @@ inline Ps operator+(Ps a, const Ps& b) {
   return a;
 }
 
+inline Ps operator+(Ps a, P b) {
+  a.push_back(std::move(b));
+  return a;
+}
+
+constexpr uint32_t kEncrypt = KM_PURPOSE_ENCRYPT, kDecrypt = KM_PURPOSE_DECRYPT,
+                   kSign = KM_PURPOSE_SIGN, kVerify = KM_PURPOSE_VERIFY;
+const P kNoPadding = {KM_TAG_PADDING, KM_PAD_NONE}, kSha1 = {KM_TAG_DIGEST, KM_DIGEST_SHA1},
+        kSha256 = {KM_TAG_DIGEST, KM_DIGEST_SHA_2_256},
+        kPkcs1 = {KM_TAG_PADDING, KM_PAD_RSA_PKCS1_1_5_SIGN};
+const Ps kOaep = {{KM_TAG_PADDING, KM_PAD_RSA_OAEP}, kSha1};
+
+// The description of a key for anybody's use.
+inline Ps Key(uint32_t algorithm, uint32_t purpose, const Ps& rest) {
+  return Ps{{KM_TAG_ALGORITHM, algorithm}, {KM_TAG_PURPOSE, purpose}} + rest;
+}
+
 inline Str Le(uint64_t value, size_t size) {
   Str out;
   for (size_t i = 0; i < size; ++i) out += static_cast<char>(value >> (8 * i));
@@ -47,6 +65,21 @@ inline Str Hex(const Str& digits) {
     out += static_cast<char>(strtoul(digits.substr(i, 2).c_str(), nullptr, 16));
   }
   return out;
+}
+
+inline Str Be(uint64_t value, size_t size) {
+  const Str little = Le(value, size);
+  return Str(little.rbegin(), little.rend());
+}
+
+inline Str Flipped(Str bytes, size_t at) {
+  bytes[at] = static_cast<char>(bytes[at] ^ 1);
+  return bytes;
+}
+
+// An auth token without its MAC.
+inline Str TokenHead(uint64_t challenge, uint64_t user, uint32_t type, uint64_t timestamp) {
+  return Str(1, 0) + Le(challenge, 8) + Le(user, 8) + Le(0x99, 8) + Be(type, 4) + Be(timestamp, 8);
 }
 
 // The two-list form, everything in the second list.
@@ -102,6 +135,7 @@ struct Ta {
       params[i].size = static_cast<uint32_t>(memory[i].size());
       params[i].buffer = params[i].size == 0 ? nullptr : memory[i].data();
       params[i].a = slots[i].a;
+      params[i].b = slots[i].b;
     }
     const uint32_t result = kKeymasterTrustedApp.invoke(session, command, types, params);
     for (uint32_t i = 0; i < 4; ++i) {
@@ -115,10 +149,7 @@ struct Ta {
   }
 
   uint32_t Configure(uint32_t os_version, uint32_t patchlevel) {
-    TaParam params[4];
-    params[0].a = os_version;
-    params[0].b = patchlevel;
-    return kKeymasterTrustedApp.invoke(session, kCmdConfigure, TEEC_VALUE_INPUT, params);
+    return Run(kCmdConfigure, {TEEC_VALUE_INPUT, {}, 0, os_version, patchlevel, {}});
   }
 
   Str blob;  // of the last key made
@@ -176,16 +207,20 @@ struct Ta {
 constexpr uint32_t kOsVersion = 110000;
 constexpr uint32_t kPatchlevel = 202111;
 
-// A TA with a state folder of its own.
-class TaTest : public testing::Test {
- protected:
-  void SetUp() override {
-    Str folder = testing::TempDir() + "ta_test_XXXXXX";
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    setenv("KEYMASTER_TA_STATE", folder.c_str(), 1);
-    ASSERT_EQ(ta.Configure(kOsVersion, kPatchlevel), 0u);
+// A keymaster instance: the TA on a state folder of its own.
+struct Instance : Ta {
+  Instance() {
+    EXPECT_NE(mkdtemp(folder.data()), nullptr);
+    Select();
+    EXPECT_EQ(Configure(kOsVersion, kPatchlevel), 0u);
   }
-  Ta ta;
+  ~Instance() { std::filesystem::remove_all(folder); }
+  void Select() { setenv("KEYMASTER_TA_STATE", folder.c_str(), 1); }
+  Str folder = testing::TempDir() + "ta_test_XXXXXX";
+};
+
+struct TaTest : testing::Test {
+  Instance ta;
 };
 
 #endif  // TESTS_TA_TA_CLIENT_H

@@ -5,22 +5,15 @@
 #include <filesystem>
 #include <fstream>
 
-#include "../ta/ta_client.h"
 #include "ta/attest_chain.h"
 #include "ta/device_state.h"
 #include "ta/hmac_sharing.h"
+#include "tests/ta/ta_client.h"
 
 namespace {
 
 const uint8_t* Raw(const Str& bytes) { return reinterpret_cast<const uint8_t*>(bytes.data()); }
-Str Be(uint64_t value, size_t size) {
-  const Str little = Le(value, size);
-  return Str(little.rbegin(), little.rend());
-}
-Str Flipped(Str bytes, size_t at) {
-  bytes[at] = static_cast<char>(bytes[at] ^ 0x40);
-  return bytes;
-}
+
 Str Mac(const Str& key, const Str& message) {
   uint8_t mac[32];
   HMAC(EVP_sha256(), key.data(), 32, Raw(message), message.size(), mac, nullptr);
@@ -36,28 +29,19 @@ Str SharedKey(const Str& parameters) {
   }
   return Str(key, key + 32);
 }
-Str Token(const Str& key, uint64_t user, uint32_t type, uint64_t timestamp) {
-  const Str head =
-      Str(1, 0) + Le(77, 8) + Le(user, 8) + Le(0x99, 8) + Be(type, 4) + Be(timestamp, 8);
+// A token of user 5 by password.
+Str Token(const Str& key, uint64_t timestamp) {
+  const Str head = TokenHead(77, 5, 1, timestamp);
   return head + Mac(key, head);
 }
 
-// A keymaster instance: the TA on a state folder of its own.
-struct Instance : Ta {
-  Instance() {
-    EXPECT_TRUE(mkdtemp(folder.data()));
-    Select();
-    EXPECT_EQ(Configure(110000, 202101), 0u);
-  }
-  ~Instance() { std::filesystem::remove_all(folder); }
-  void Select() { setenv("KEYMASTER_TA_STATE", folder.c_str(), 1); }
+constexpr uint32_t kShort = TEEC_ERROR_SHORT_BUFFER;
+
+struct Keymaster : Instance {
   Str SharingParameters() {
     Select();
     EXPECT_EQ(Run(kCmdGetHmacSharingParameters, Out(32), Out(32)), 0u);
     return slots[0].out + slots[1].out;
-  }
-  uint32_t Share(const Str& parameters) {
-    return Run(kCmdComputeSharedHmac, In(parameters), Out(4096));
   }
   uint32_t Verify(const Str& auth, const Ps& params = {}) {
     Select();
@@ -68,33 +52,29 @@ struct Instance : Ta {
     EXPECT_EQ(Generate(description), 0u);
     return Run(kCmdAttestKey, In(blob), In(Wire(request)), Out(room));
   }
-  Str folder = testing::TempDir() + "ta_auth_XXXXXX";
 };
 
-TEST(HmacSharing, InstancesAgreeAndStrangersAreRefused) {
-  Instance a, b;
+TEST(HmacSharing, StrangersAreRefusedAndTheKeyChanges) {
+  Keymaster a, b;
   const Str own = a.SharingParameters(), all = own + b.SharingParameters();
-  const Str alone = Token(SharedKey(own), 5, 1, 0), shared = Token(SharedKey(all), 5, 1, 0);
-  EXPECT_EQ(a.Verify(alone), 0u);
+  const Str alone = Token(SharedKey(own), 0), shared = Token(SharedKey(all), 0);
+  a.Select();
   for (const Str& bad : {Str(), all.substr(64), all.substr(0, 127), Flipped(all, 0)}) {
-    EXPECT_EQ(a.Share(bad), Km(KM_ERROR_INVALID_ARGUMENT));
+    EXPECT_EQ(a.Run(kCmdComputeSharedHmac, In(bad), Out(32)), Km(KM_ERROR_INVALID_ARGUMENT));
   }
-  for (Instance* instance : {&a, &b}) {
-    EXPECT_EQ(instance->Verify(shared), Km(KM_ERROR_VERIFICATION_FAILED));
-    EXPECT_EQ(instance->Share(all), 0u);
-    EXPECT_EQ(instance->slots[1].out, Mac(SharedKey(all), "Keymaster HMAC Verification"));
-    EXPECT_EQ(instance->Verify(shared), 0u);
-    EXPECT_EQ(instance->Verify(alone), Km(KM_ERROR_VERIFICATION_FAILED));
-    for (const uint32_t room : {31u, 33u}) {
-      EXPECT_EQ(instance->Run(kCmdGetHmacSharingParameters, Out(room), Out(64 - room)),
-                TEEC_ERROR_SHORT_BUFFER);
-    }
+  for (const uint32_t room : {31u, 33u}) {
+    EXPECT_EQ(a.Run(kCmdGetHmacSharingParameters, Out(room), Out(64 - room)), kShort);
   }
+  EXPECT_EQ(a.Verify(alone), 0u);
+  EXPECT_EQ(a.Verify(shared), Km(KM_ERROR_VERIFICATION_FAILED));
+  EXPECT_EQ(a.Run(kCmdComputeSharedHmac, In(all), Out(32)), 0u);
+  EXPECT_EQ(a.Verify(shared), 0u);
+  EXPECT_EQ(a.Verify(alone), Km(KM_ERROR_VERIFICATION_FAILED));
 }
 
 TEST(Authorization, ChecksEveryByteAndParameterAndSignsTheReply) {
-  Instance instance;
-  const Str key = SharedKey(instance.SharingParameters()), good = Token(key, 5, 1, 0);
+  Keymaster instance;
+  const Str key = SharedKey(instance.SharingParameters()), good = Token(key, 0);
   for (size_t i = 0; i < good.size(); ++i) EXPECT_NE(instance.Verify(Flipped(good, i)), 0u) << i;
   const Str later = Str(1, 1) + good.substr(1, 36);  // of another version, signed as it should be
   for (const Str& odd : {Str(), good.substr(0, 68), good + good, later + Mac(key, later)}) {
@@ -116,7 +96,7 @@ TEST(Authorization, ChecksEveryByteAndParameterAndSignsTheReply) {
   };
   for (const auto& row : rows) {
     const uint64_t before = ta::MillisSinceBoot();
-    const uint32_t result = instance.Verify(Token(key, 5, 1, before - row.age), row.params);
+    const uint32_t result = instance.Verify(Token(key, before - row.age), row.params);
     ASSERT_EQ(result, row.signed_as != nullptr ? 0u : Km(KM_ERROR_VERIFICATION_FAILED));
     if (row.signed_as == nullptr) continue;
     const Str verified = instance.slots[2].out, token = instance.slots[3].out;
@@ -130,7 +110,7 @@ TEST(Authorization, ChecksEveryByteAndParameterAndSignsTheReply) {
 }
 
 TEST(DeviceState, YieldsToTheRightTokenAndEndsWithTheBoot) {
-  Instance instance;
+  Keymaster instance;
   const Str own = instance.SharingParameters();
   const struct {
     uint32_t password_only;
@@ -140,8 +120,8 @@ TEST(DeviceState, YieldsToTheRightTokenAndEndsWithTheBoot) {
   } rows[] = {
       {0, 1, 2, true}, {0, 0, 2, false}, {1, 1, 2, false}, {1, 1, 3, true}, {1, 0, 1, false}};
   for (const auto& row : rows) {
-    EXPECT_EQ(instance.Run(kCmdDeviceLocked, {TEEC_VALUE_INPUT, {}, 0, row.password_only, 0, {}}),
-              0u);
+    const Slot lock = {TEEC_VALUE_INPUT, {}, 0, row.password_only, 0, {}};
+    EXPECT_EQ(instance.Run(kCmdDeviceLocked, lock), 0u);
     EXPECT_FALSE(ta::DeviceUnlockedFor(nullptr));
     ta::AuthToken token;
     token.authenticator_type = row.type;
@@ -152,80 +132,61 @@ TEST(DeviceState, YieldsToTheRightTokenAndEndsWithTheBoot) {
   EXPECT_FALSE(ta::EarlyBootHasEnded());
   EXPECT_EQ(instance.Run(kCmdEarlyBootEnded), 0u);
   EXPECT_TRUE(ta::EarlyBootHasEnded());
-  EXPECT_EQ(instance.SharingParameters(), own);
   std::fstream(instance.folder + "/boot_state", std::ios::in | std::ios::out) << "another boot";
-  EXPECT_FALSE(ta::EarlyBootHasEnded());
-  EXPECT_TRUE(ta::DeviceUnlockedFor(nullptr));
-  EXPECT_EQ(instance.SharingParameters().substr(0, 32), own.substr(0, 32));
-  EXPECT_NE(instance.SharingParameters().substr(32), own.substr(32));
+  EXPECT_TRUE(!ta::EarlyBootHasEnded() && ta::DeviceUnlockedFor(nullptr));
+  const Str next = instance.SharingParameters();
+  EXPECT_TRUE(next.substr(0, 32) == own.substr(0, 32) && next.substr(32) != own.substr(32));
 }
 
-// What libcrypto makes of a chain whose last certificate is trusted.
+// What libcrypto makes of a chain whose other certificates are at hand.
 int VerifyChain(const std::vector<ta::X509Ptr>& chain) {
   X509_STORE* const store = X509_STORE_new();
   X509_STORE_CTX* const context = X509_STORE_CTX_new();
-  STACK_OF(X509)* const untrusted = sk_X509_new_null();
-  sk_X509_push(untrusted, chain[1].get());
-  X509_STORE_add_cert(store, chain[2].get());
-  X509_STORE_CTX_init(context, store, chain[0].get(), untrusted);
+  for (const size_t i : {1, 2}) X509_STORE_add_cert(store, chain[i].get());
+  X509_STORE_CTX_init(context, store, chain[0].get(), nullptr);
   X509_STORE_CTX_set_flags(context, X509_V_FLAG_X509_STRICT);
   X509_verify_cert(context);
   const int error = X509_STORE_CTX_get_error(context);
   X509_STORE_CTX_free(context);
   X509_STORE_free(store);
-  sk_X509_free(untrusted);
   return error;
 }
 
-const Ps kDates = {{KM_TAG_CREATION_DATETIME, 1600000000000}};
-const Ps kEc = kDates + Ps{{KM_TAG_PURPOSE, KM_PURPOSE_VERIFY},
-                           {KM_TAG_PURPOSE, KM_PURPOSE_SIGN},
-                           {KM_TAG_ALGORITHM, KM_ALGORITHM_EC},
-                           {KM_TAG_KEY_SIZE, 256},
-                           {KM_TAG_EC_CURVE, 1},
-                           {KM_TAG_DIGEST, KM_DIGEST_SHA_2_256},
-                           {KM_TAG_NO_AUTH_REQUIRED, 1}};
-const Ps kRsa = kDates + Ps{{KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY},
-                            {KM_TAG_ALGORITHM, KM_ALGORITHM_RSA},
-                            {KM_TAG_KEY_SIZE, 2048},
-                            {KM_TAG_RSA_PUBLIC_EXPONENT, 65537},
-                            {KM_TAG_ACTIVE_DATETIME, 1500000000000},
-                            {KM_TAG_USAGE_EXPIRE_DATETIME, 4102444800000}};
-const Ps kAes = {{KM_TAG_ALGORITHM, KM_ALGORITHM_AES}, {KM_TAG_KEY_SIZE, 128}};
-const Ps kChallenge = {{KM_TAG_ATTESTATION_CHALLENGE, "challenge"}};
-const Ps kApp = {{KM_TAG_ATTESTATION_APPLICATION_ID, "app"}};
+const P kCreated = {KM_TAG_CREATION_DATETIME, 1600000000000};
+const Ps kEc = Key(KM_ALGORITHM_EC, kVerify, {{KM_TAG_EC_CURVE, 1}, kSha256, kCreated}) +
+               P(KM_TAG_PURPOSE, kSign) + P(KM_TAG_NO_AUTH_REQUIRED, 1);
+const Ps kRsa = Key(KM_ALGORITHM_RSA, KM_PURPOSE_WRAP_KEY, {{KM_TAG_KEY_SIZE, 2048}, kCreated}) +
+                P(KM_TAG_RSA_PUBLIC_EXPONENT, 65537) + P(KM_TAG_ACTIVE_DATETIME, 1500000000000) +
+                P(KM_TAG_USAGE_EXPIRE_DATETIME, 4102444800000);
+const Ps kAes = Key(KM_ALGORITHM_AES, kEncrypt, {{KM_TAG_KEY_SIZE, 128}});
+const P kChallenge = {KM_TAG_ATTESTATION_CHALLENGE, "challenge"};
+const P kApp = {KM_TAG_ATTESTATION_APPLICATION_ID, "app"}, kNothing = {KM_TAG_NONCE, ""},
+        kBrand = {KM_TAG_ATTESTATION_ID_BRAND, "host"};
 
 TEST(Attestation, DescribesTheKeyInAChainThatVerifies) {
   const Str head = "0201040A01010201290A010104096368616C6C656E67650400";
   const Str origin =
       "BF853E03020100BF85404C304A0420" + Str(64, '0') + "0101000A01020420" + Str(64, '0');
   const Str sw_end = "BF853D0802060174876E8000BF8545050403617070",
-            system = "BF854105020301ADB0BF8542050203031575";
+            system = "BF854105020301ADB0BF854205020303157F";
   const struct {
-    Ps key, ids;
+    Ps key;
+    P id;
     uint32_t usage;
     time_t not_before, not_after;
     Str extension;
   } rows[] = {
-      {kEc,
-       {{KM_TAG_ATTESTATION_ID_BRAND, "host"}},
-       KU_DIGITAL_SIGNATURE,
-       1600000000,
-       253402300799,
+      {kEc, kBrand, KU_DIGITAL_SIGNATURE, 1600000000, 253402300799,
        "3081CD" + head + "3015" + sw_end +
            "30819AA1083106020102020103A203020103A30402020100A5053103020104AA03020101BF8377020500" +
            origin + system + "BF8546060404686F7374"},
-      {kRsa,
-       {},
-       KU_KEY_ENCIPHERMENT,
-       1500000000,
-       4102444800,
+      {kRsa, kNothing, KU_KEY_ENCIPHERMENT, 1500000000, 4102444800,
        "3081CF" + head + "302DBF8310080206015D3EF79800BF831208020603BB2CC3D800" + sw_end +
            "308184A1053103020105A203020101A30402020800BF8148050203010001" + origin + system},
   };
-  Instance instance;
+  Keymaster instance;
   for (const auto& row : rows) {
-    ASSERT_EQ(instance.Attest(row.key, kChallenge + kApp + row.ids, 8192), 0u);
+    ASSERT_EQ(instance.Attest(row.key, {kChallenge, kApp, row.id}, 8192), 0u);
     const Str reply = instance.slots[2].out;
     const uint8_t* at = Raw(reply) + 4;
     std::vector<ta::X509Ptr> chain;
@@ -237,30 +198,26 @@ TEST(Attestation, DescribesTheKeyInAChainThatVerifies) {
     EXPECT_EQ(ASN1_TIME_cmp_time_t(X509_get0_notBefore(leaf), row.not_before), 0);
     EXPECT_EQ(ASN1_TIME_cmp_time_t(X509_get0_notAfter(leaf), row.not_after), 0);
     X509_EXTENSION* const extension = X509_get_ext(leaf, X509_get_ext_count(leaf) - 1);
-    char name[64] = "";
-    OBJ_obj2txt(name, sizeof(name), X509_EXTENSION_get_object(extension), 1);
-    EXPECT_STREQ(name, "1.3.6.1.4.1.11129.2.1.17");
     const ASN1_OCTET_STRING* const value = X509_EXTENSION_get_data(extension);
     EXPECT_EQ(Str(value->data, value->data + value->length), Hex(row.extension));
   }
 }
 
 TEST(Attestation, RefusesWhatItCannotSay) {
-  Instance instance;
+  Keymaster instance;
+  const P long_one = {KM_TAG_ATTESTATION_CHALLENGE, Str(129, 'c')},
+          brand = {KM_TAG_ATTESTATION_ID_BRAND, "hosts"}, imei = {KM_TAG_ATTESTATION_ID_IMEI, ""};
   const struct {
     Ps key, request;
     uint32_t result;
   } rows[] = {
-      {kEc, kApp, Km(KM_ERROR_ATTESTATION_CHALLENGE_MISSING)},
-      {kEc, kChallenge, Km(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING)},
-      {kEc, kApp + Ps{{KM_TAG_ATTESTATION_CHALLENGE, Str(129, 'c')}},
-       Km(KM_ERROR_INVALID_INPUT_LENGTH)},
-      {kEc, kChallenge + kApp + Ps{{KM_TAG_ATTESTATION_ID_BRAND, "hosts"}},
-       Km(KM_ERROR_CANNOT_ATTEST_IDS)},
-      {kEc, kChallenge + kApp + Ps{{KM_TAG_ATTESTATION_ID_IMEI, ""}},
-       Km(KM_ERROR_CANNOT_ATTEST_IDS)},
-      {kEc, kChallenge + kApp, TEEC_ERROR_SHORT_BUFFER},
-      {kAes, kChallenge + kApp, Km(KM_ERROR_INCOMPATIBLE_ALGORITHM)},
+      {kEc, {kApp}, Km(KM_ERROR_ATTESTATION_CHALLENGE_MISSING)},
+      {kEc, {kChallenge}, Km(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING)},
+      {kEc, {kApp, long_one}, Km(KM_ERROR_INVALID_INPUT_LENGTH)},
+      {kEc, {kChallenge, kApp, brand}, Km(KM_ERROR_CANNOT_ATTEST_IDS)},
+      {kEc, {kChallenge, kApp, imei}, Km(KM_ERROR_CANNOT_ATTEST_IDS)},
+      {kEc, {kChallenge, kApp}, kShort},
+      {kAes, {kChallenge, kApp}, Km(KM_ERROR_INCOMPATIBLE_ALGORITHM)},
   };
   for (const auto& row : rows) EXPECT_EQ(instance.Attest(row.key, row.request, 99), row.result);
 }
