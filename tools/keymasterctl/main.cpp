@@ -17,21 +17,26 @@ constexpr int kUsage = 2;
 struct GlobalArgs {
   std::string state;
   bool verbose = false;
-  bool trace = false;
+  std::string trace;
 };
 
 // What stands around the library reads these when the TEE context is made.
 void ApplyToEnvironment(const GlobalArgs& args) {
   if (!args.state.empty()) setenv("KEYMASTER_TA_STATE", args.state.c_str(), 1);
   setenv("ANDROID_LOG_TAGS", args.verbose ? "*:V" : kConnectingLogTags, 0);
-  if (args.trace) setenv("TEE_TRACE", "1", 1);
+  if (!args.trace.empty()) setenv("TEE_TRACE", args.trace.c_str(), 1);
+  // A TA that crashes takes its own process with it, and not this one.
+  setenv("TEE_HOST", "process", 0);
 }
 
 void AddGlobalOptions(CLI::App* app, GlobalArgs* args) {
   app->add_option("--state", args->state, "State folder of the TA (default: the TA's own)")
       ->type_name("DIR");
   app->add_flag("--verbose", args->verbose, "Show the library's whole log on standard error");
-  app->add_flag("--trace", args->trace, "Show every TEE command on standard error");
+  app->add_flag("--trace{1}", args->trace,
+                "Show every TEE command on standard error; --trace=params also the key parameters, "
+                "--trace=secrets also those that are secret")
+      ->check(CLI::IsMember({"1", "params", "secrets"}));
   app->set_version_flag("--version", "keymasterctl " KEYMASTERCTL_VERSION);
 }
 

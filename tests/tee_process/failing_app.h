@@ -1,0 +1,16 @@
+// A TA for tests of its host.
+#ifndef TESTS_TEE_PROCESS_FAILING_APP_H
+#define TESTS_TEE_PROCESS_FAILING_APP_H
+
+#include <trusted_app.h>
+
+constexpr TEEC_UUID kFailingApp = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
+
+enum FailingCommand : uint32_t {
+  kFill = 1,     // five bytes of 0x22 into params[0]
+  kMeet = 2,     // success once params[1].a calls are here together
+  kAbort = 100,  // ends the process
+  kHang = 101,   // never answers
+};
+
+#endif  // TESTS_TEE_PROCESS_FAILING_APP_H

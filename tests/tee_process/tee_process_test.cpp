@@ -1,0 +1,403 @@
+// The TA in a process of its own: what the caller sees when that dies, hangs or lies.
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <remote_session.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <worker_protocol.h>
+
+#include <fstream>
+#include <functional>
+#include <future>
+#include <regex>
+#include <thread>
+
+#include "failing_app.h"
+#include "tests/ta/ta_client.h"
+
+namespace {
+
+constexpr uint32_t kDead = TEEC_ERROR_TARGET_DEAD, kShort = TEEC_ERROR_SHORT_BUFFER;
+constexpr TEEC_UUID kKeymaster = {0x07070707, 0x0707, 0x0707, {7, 7, 7, 7, 7, 7, 7, 7}};
+const char* const kFailing = "tee_process_worker";
+
+size_t CountOf(const Str& folder) {
+  size_t count = 0;
+  DIR* open = opendir(folder.c_str());
+  while (readdir(open) != nullptr) ++count;
+  closedir(open);
+  return count;
+}
+
+// Zombies count.
+std::vector<pid_t> Children() {
+  std::vector<pid_t> found;
+  DIR* open = opendir("/proc");
+  while (const dirent* entry = readdir(open)) {
+    std::ifstream status(Str("/proc/") + entry->d_name + "/stat");
+    Str line;
+    std::getline(status, line);
+    std::smatch match;
+    const std::regex parent("^(\\d+) \\(.*\\) . " + std::to_string(getpid()) + " ");
+    if (std::regex_search(line, match, parent)) found.push_back(atoi(match[1].str().c_str()));
+  }
+  closedir(open);
+  return found;
+}
+
+struct Client {
+  TEEC_Context context = {};
+  TEEC_Session session = {};
+  uint32_t origin = 0;
+  Slot slots[4];
+  explicit Client(const TEEC_UUID& app) {
+    EXPECT_EQ(TEEC_InitializeContext(nullptr, &context), 0u);
+    EXPECT_EQ(Open(&session, app), 0u);
+  }
+  ~Client() { TEEC_FinalizeContext(&context); }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  uint32_t Open(TEEC_Session* opened, const TEEC_UUID& app = kFailingApp) {
+    return TEEC_OpenSession(&context, opened, &app, 7, nullptr, nullptr, &origin);
+  }
+  uint32_t Run(uint32_t command, Slot s0 = {}, Slot s1 = {}, Slot s2 = {}, Slot s3 = {}) {
+    return RunOn(&session, command, {s0, s1, s2, s3});
+  }
+  uint32_t RunOn(TEEC_Session* on, uint32_t command, const std::vector<Slot>& given) {
+    TEEC_Operation operation = {};
+    operation.started = 1;
+    for (uint32_t i = 0; i < given.size(); ++i) {
+      slots[i] = given[i];
+      slots[i].out = given[i].in;
+      slots[i].out.resize(std::max<size_t>(given[i].in.size(), given[i].capacity));
+      operation.paramTypes |= given[i].type << (4 * i);
+      if (given[i].type < 4) operation.params[i].value = {given[i].a, given[i].b};
+      if (given[i].type > 4) {
+        const auto size = static_cast<uint32_t>(slots[i].out.size());
+        operation.params[i].tmpref = {slots[i].out.data(), size};
+      }
+    }
+    const uint32_t result = TEEC_InvokeCommand(on, command, &operation, &origin);
+    for (uint32_t i = 0; i < given.size(); ++i) {
+      slots[i].a = operation.params[i].value.a;
+      slots[i].b = operation.params[i].value.b;
+      slots[i].capacity = operation.params[i].tmpref.size;
+      if (given[i].type > 4 && result == 0) slots[i].out.resize(slots[i].capacity);
+    }
+    return result;
+  }
+  uint32_t Begin(const Str& blob) {
+    const Slot value = {TEEC_VALUE_INOUT, {}, 0, KM_PURPOSE_SIGN, 0, {}};
+    return Run(kCmdBegin, In(blob), In(Wire({{KM_TAG_MAC_LENGTH, 256}})), Out(4096), value);
+  }
+};
+
+const Ps kHmacKey = {{KM_TAG_ALGORITHM, KM_ALGORITHM_HMAC}, {KM_TAG_KEY_SIZE, 256},
+                     {KM_TAG_DIGEST, KM_DIGEST_SHA_2_256},  {KM_TAG_PURPOSE, KM_PURPOSE_SIGN},
+                     {KM_TAG_MIN_MAC_LENGTH, 256},          {KM_TAG_NO_AUTH_REQUIRED, 1}};
+
+class TeeProcess : public testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("TEE_HOST", "process", 1);
+    Str folder = testing::TempDir() + "tee_process_XXXXXX";
+    setenv("KEYMASTER_TA_STATE", mkdtemp(folder.data()), 1);
+    for (const char* name : {"TEE_WORKER", "TEE_FAULT", "TEE_TRACE", "TEE_TIMEOUT_MS"}) {
+      unsetenv(name);
+    }
+  }
+  // Nothing stays behind: neither a worker or what is left of it, nor a descriptor.
+  void TearDown() override {
+    EXPECT_EQ(Children(), std::vector<pid_t>());
+    EXPECT_EQ(CountOf("/proc/self/fd"), files_);
+  }
+  static void UseWorker(const Str& name) {
+    char self[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
+    const Str path = self;
+    setenv("TEE_WORKER", (path.substr(0, path.rfind('/') + 1) + name).c_str(), 1);
+  }
+  const size_t files_ = CountOf("/proc/self/fd");
+};
+
+TEST_F(TeeProcess, AKilledWorkerLosesOperationsAndNoKey) {
+  Str blob, handle;
+  {
+    Client client(kKeymaster);
+    const Slot version = {TEEC_VALUE_INPUT, {}, 0, kOsVersion, kPatchlevel, {}};
+    ASSERT_EQ(client.Run(kCmdConfigure, version), 0u);
+    ASSERT_EQ(client.Run(kCmdGenerateKey, In(Wire(kHmacKey)), {}, Out(4096), Out(4096)), 0u);
+    blob = client.slots[2].out;
+    ASSERT_EQ(client.Begin(blob), 0u);
+    handle = Le(client.slots[3].a, 4) + Le(client.slots[3].b, 4);
+    kill(Children().at(0), SIGKILL);
+    EXPECT_EQ(client.Run(kCmdUpdate, {}, In("x"), InOut(handle), Out(64)), kDead);
+  }
+  Client client(kKeymaster);
+  EXPECT_EQ(client.Run(kCmdUpdate, {}, In("x"), InOut(handle), Out(64)),
+            Km(KM_ERROR_INVALID_OPERATION_HANDLE));
+  ASSERT_EQ(client.Begin(blob), 0u);
+  handle = Le(client.slots[3].a, 4) + Le(client.slots[3].b, 4);
+  ASSERT_EQ(client.Run(kCmdFinish, {}, {}, InOut(handle), Out(64)), 0u);
+  EXPECT_EQ(client.slots[3].out.size(), 32u);
+}
+
+TEST_F(TeeProcess, EveryDeathIsTargetDeadUntilTheNextSession) {
+  UseWorker(kFailing);
+  struct {
+    const char* how;
+    uint32_t command;
+    int signal_before, signal_during;
+    const char *fault, *limit;
+  } const kCases[] = {
+      {"between calls", kFill, SIGKILL, 0, "", "60000"},
+      {"under a call", kHang, 0, SIGKILL, "", "60000"},
+      {"by its own fault", kAbort, 0, 0, "", "60000"},
+      {"by a planned crash", kFill, 0, 0, "cmd=1,crash=1", "60000"},
+      {"stopped", kHang, SIGSTOP, 0, "", "200"},
+      {"too slow", kHang, 0, 0, "", "200"},
+  };
+  for (const auto& row : kCases) {
+    SCOPED_TRACE(row.how);
+    setenv("TEE_FAULT", row.fault, 1);
+    setenv("TEE_TIMEOUT_MS", row.limit, 1);
+    Client client(kFailingApp);
+    TEEC_Session other = {}, fresh = {};
+    ASSERT_EQ(client.Open(&other), 0u);
+    const pid_t worker = Children().at(0);
+    if (row.signal_before != 0) kill(worker, row.signal_before);
+    auto call = std::async(std::launch::async, [&] { return client.Run(row.command); });
+    if (row.signal_during != 0) usleep(50000), kill(worker, row.signal_during);
+    EXPECT_EQ(call.get(), kDead);
+    EXPECT_EQ(client.origin, TEEC_ORIGIN_TEE);
+    EXPECT_EQ(client.RunOn(&other, kFill, {Out(8)}), kDead);
+    TEEC_CloseSession(&other);
+    ASSERT_EQ(client.Open(&fresh), 0u);
+    EXPECT_EQ(client.RunOn(&fresh, kFill, {Out(8)}), 0u);
+    EXPECT_EQ(client.Run(kFill), kDead);
+  }
+}
+
+TEST_F(TeeProcess, SessionsMeetInOneWorkerUpToABound) {
+  UseWorker(kFailing);
+  constexpr uint32_t kThreads = 16;
+  Client client(kFailingApp);
+  std::vector<std::future<uint32_t>> calls;
+  for (uint32_t i = 0; i < kThreads; ++i) {
+    calls.push_back(std::async(std::launch::async, [] {
+      Client own(kFailingApp);
+      const Slot expected = {TEEC_VALUE_INPUT, {}, 0, kThreads, 0, {}};
+      return own.Run(kMeet, {}, expected);
+    }));
+  }
+  for (auto& call : calls) EXPECT_EQ(call.get(), 0u);
+  EXPECT_EQ(Children().size(), 1u);
+  TEEC_Session session = {};
+  for (int open = 1; open < 64; ++open) ASSERT_EQ(client.Open(&session), 0u);
+  TEEC_Session refused = {};
+  EXPECT_EQ(client.Open(&refused), TEEC_ERROR_BUSY);
+  TEEC_CloseSession(&session);
+  EXPECT_EQ(client.Open(&session), 0u);
+}
+
+TEST_F(TeeProcess, FaultPlansBendWhatTheCallerSees) {
+  UseWorker(kFailing);
+  constexpr uint32_t kOom = TEEC_ERROR_OUT_OF_MEMORY;
+  struct {
+    const char* plan;
+    uint32_t results[3], size;  // the size after the first call
+    int least_ms;
+  } const kCases[] = {
+      {"cmd=1,code=0xFFFF000C", {kOom, 0, 0}, 8, 0},
+      {"cmd=2,code=0xFFFF000C", {0, 0, 0}, 5, 0},
+      {"cmd=1,code=0xFFFF000C,nth=2", {0, kOom, 0}, 5, 0},
+      {"cmd=1,times=2,nth=2,code=0xFFFF000C", {0, kOom, kOom}, 5, 0},
+      {"cmd=1,delay=60", {0, 0, 0}, 5, 60},
+      {"cmd=1,length=7", {0, 0, 0}, 7, 0},
+      {"cmd=1,length=9", {kShort, 0, 0}, 9, 0},
+      {"cmd=1,length=9,lie=1", {0, 0, 0}, 9, 0},
+      {"cmd=1,garbage=1,times=3", {0, 0, 0}, 8, 0},
+      {"cmd=1,crash=1", {kDead, kDead, kDead}, 8, 0},
+      {"cmd=1", {0, 0, 0}, 5, 0},
+      {"cmd=1,code=-1", {0, 0, 0}, 5, 0},
+      {"code=1,cmd=1", {0, 0, 0}, 5, 0},
+  };
+  for (const auto& row : kCases) {
+    SCOPED_TRACE(row.plan);
+    Client client(kFailingApp);
+    setenv("TEE_FAULT", row.plan, 1);
+    const auto start = std::chrono::steady_clock::now();
+    for (const uint32_t& result : row.results) {
+      EXPECT_EQ(client.Run(kFill, Out(8)), result);
+      EXPECT_TRUE(&result != row.results || client.slots[0].capacity == row.size);
+      const bool is_random = client.slots[0].out.compare(0, 5, Str(5, 0x22)) != 0;
+      EXPECT_EQ(is_random && result == 0, strstr(row.plan, "garbage") != nullptr);
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(row.least_ms));
+  }
+}
+
+TEST_F(TeeProcess, TraceNamesWhatItMayShow) {
+  UseWorker(kFailing);
+  Client client(kFailingApp);
+  const Ps key = {{KM_TAG_APPLICATION_ID, Str("app")},
+                  {KM_TAG_ATTESTATION_CHALLENGE, Str("c")},
+                  {KM_TAG_KEY_SIZE, 256}};
+  const Str command =
+      "tee: command 4 ImportKey (MEMREF_TEMP_INPUT 60 00000000030000005902009000000000.., "
+      "MEMREF_TEMP_INPUT 6, MEMREF_TEMP_OUTPUT 9->9, VALUE_INOUT 0x1,0x2->0x1,0x2) "
+      "result 0xffff000a from TA\n";
+  const Str label = "tee:   params[0] list 2: ";
+  const Str id = label + "APPLICATION_ID (0x90000259) = 3 bytes";
+  const Str rest = "\n" + label + "ATTESTATION_CHALLENGE (0x900002c4) = 1 bytes 63\n" + label +
+                   "KEY_SIZE (0x30000003) = 256\n";
+  struct {
+    const char* level;
+    Str shown;
+  } const kCases[] = {{"0", ""},
+                      {"1", command},
+                      {"params", command + id + rest},
+                      {"secrets", command + id + " 617070" + rest}};
+  for (const auto& row : kCases) {
+    setenv("TEE_TRACE", row.level, 1);
+    testing::internal::CaptureStderr();
+    const Slot value = {TEEC_VALUE_INOUT, {}, 0, 1, 2, {}};
+    client.Run(kCmdImportKey, In(Wire(key)), In("secret"), Out(9), value);
+    const Str shown = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::regex_replace(shown, std::regex(", \\d+ us"), ""), row.shown);
+  }
+  // Every way of cutting a list short, or of pointing out of it, is said and not followed.
+  setenv("TEE_TRACE", "secrets", 1);
+  for (size_t size = 1; size < Wire(key).size(); ++size) {
+    testing::internal::CaptureStderr();
+    client.Run(kCmdImportKey, In(Wire(key).substr(0, size)));
+    const Str shown = testing::internal::GetCapturedStderr();
+    EXPECT_NE(shown.find(size < 56 ? "no list" : "outside"), Str::npos) << shown;
+  }
+  unsetenv("TEE_TRACE");
+}
+
+TEST_F(TeeProcess, TheWorkerEndsChannelsThatKeepNoRulesAndServesOn) {
+  UseWorker(kFailing);
+  WorkerRequest good = {kWorkerMagic, 7, kFailingApp, TEEC_MEMREF_TEMP_INPUT, {{4096, 0, 0}}};
+  WorkerRequest magic = good, huge = good, sparse = good;
+  magic.magic ^= 1;
+  huge.params[0].size = UINT32_MAX;
+  sparse.types = 0x7777;
+  struct {
+    const WorkerRequest& request;
+    size_t size;
+    bool has_memory, is_sealed, is_answered;
+  } const kCases[] = {
+      {good, sizeof(good), true, true, true},   {good, sizeof(good), true, false, false},
+      {good, sizeof(good), false, true, false}, {good, sizeof(good) - 1, true, true, false},
+      {magic, sizeof(good), true, true, false}, {huge, sizeof(good), true, true, false},
+      {sparse, sizeof(good), true, true, true}};
+  const auto worker = WorkerProcess::Start();
+  for (const auto& row : kCases) {
+    SCOPED_TRACE(&row - kCases);
+    Channel session;
+    ASSERT_TRUE(worker->Connect(&session));
+    FileDescriptor memory(memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING)), none;
+    ASSERT_EQ(ftruncate(memory.get(), 4096), 0);
+    if (row.is_sealed) fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK);
+    ASSERT_TRUE(session.Send(&row.request, row.size, row.has_memory ? memory.get() : -1));
+    WorkerReply reply = {};
+    EXPECT_EQ(session.Receive(&reply, sizeof(reply), &none, 10000), row.is_answered);
+  }
+  EXPECT_TRUE(worker->IsAlive());
+}
+
+TEST_F(TeeProcess, TheClientBelievesNoReply) {
+  const WorkerReply honest = {kWorkerMagic, 0, 4, {{3, 0, 0}}};
+  WorkerReply magic = honest, big = honest;
+  magic.magic ^= 1;
+  big.params[0].size = UINT32_MAX;
+  struct {
+    const WorkerReply& reply;
+    size_t size;
+    uint32_t result;
+  } const kCases[] = {{honest, sizeof(honest), 0},
+                      {honest, sizeof(honest) - 1, kDead},
+                      {magic, sizeof(honest), kDead},
+                      {big, sizeof(honest), kShort}};
+  for (const auto& row : kCases) {
+    SCOPED_TRACE(&row - kCases);
+    FileDescriptor ours, theirs;
+    ASSERT_TRUE(Channel::MakePair(&ours, &theirs));
+    std::thread worker([&] {
+      const Channel control(std::move(theirs));
+      char greeting = 0;
+      WorkerRequest request = {};
+      FileDescriptor socket, memory;
+      EXPECT_TRUE(control.Receive(&greeting, 1, &socket, 10000));
+      const Channel session(std::move(socket));
+      EXPECT_TRUE(session.Receive(&request, sizeof(request), &memory, 10000));
+      EXPECT_TRUE(session.Send(&row.reply, row.size, -1));
+    });
+    // No process: there is nothing to wait for, or to kill.
+    const auto process = std::make_shared<WorkerProcess>(
+        0, FileDescriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)), Channel(std::move(ours)));
+    RemoteSession session(process, kFailingApp);
+    std::vector<uint8_t> buffer(8);
+    TEEC_Operation operation = {};
+    operation.started = 1;
+    operation.paramTypes = TEEC_MEMREF_TEMP_OUTPUT;
+    operation.params[0].tmpref = {buffer.data(), 8};
+    CommandParameters parameters;
+    ASSERT_EQ(parameters.CopyIn(&operation), 0u);
+    const Reply reply = session.Open(7, &parameters);
+    EXPECT_EQ(parameters.CopyOut(reply, &operation).result, row.result);
+    worker.join();
+  }
+}
+
+TEST_F(TeeProcess, TheWorkerEndsWithAClientThatIsKilled) {
+  UseWorker(kFailing);
+  int pipe_ends[2];
+  ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
+  FileDescriptor reader(pipe_ends[0]), writer(pipe_ends[1]);
+  const pid_t child = fork();
+  if (child == 0) {
+    Client client(kFailingApp);
+    const pid_t worker = Children().at(0);
+    if (write(writer.get(), &worker, sizeof(worker)) < 0) _exit(1);
+    client.Run(kHang);
+    _exit(1);
+  }
+  pid_t worker = 0;
+  ASSERT_EQ(read(reader.get(), &worker, sizeof(worker)), static_cast<ssize_t>(sizeof(worker)));
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  // What is left may wait for whoever adopted it.
+  Str state = "R";
+  for (int wait = 0; wait < 10000 && !state.empty() && state != "Z"; ++wait) {
+    usleep(1000);
+    std::ifstream status("/proc/" + std::to_string(worker) + "/stat");
+    Str skipped;
+    state.clear();
+    status >> skipped >> skipped >> state;
+  }
+  EXPECT_TRUE(state.empty() || state == "Z") << state;
+}
+
+TEST_F(TeeProcess, WorkersThatDoNotWorkAreToldApart) {
+  for (const char* path : {"/nonexistent", "/bin/true"}) {
+    setenv("TEE_WORKER", path, 1);
+    TEEC_Context context = {};
+    TEEC_Session session = {};
+    uint32_t origin = 0;
+    ASSERT_EQ(TEEC_InitializeContext(nullptr, &context), 0u);
+    const bool exists = access(path, X_OK) == 0;
+    EXPECT_EQ(TEEC_OpenSession(&context, &session, &kFailingApp, 7, nullptr, nullptr, &origin),
+              exists ? kDead : TEEC_ERROR_COMMUNICATION);
+    EXPECT_EQ(origin, exists ? TEEC_ORIGIN_TEE : TEEC_ORIGIN_COMMS);
+    TEEC_FinalizeContext(&context);
+  }
+}
+
+}  // namespace
