@@ -19,9 +19,10 @@ namespace test {
 
 using Parts = std::vector<Bytes>;
 
-// What the library says without a TEE context, and a code of the TA's own: with an output, too,
-// since a TA may fail after it wrote one.
+// What Outcome says without a TEE context.
 constexpr char kNoTee[] = "ffff0006";
+// TaFails is a TA that fails with a code of its own after it wrote its outputs; Failed is the
+// message about it.
 inline std::string Failed(const char* command) {
   return std::string(": E! ") + command + " failed, ret=0xffff0009";
 }
