@@ -16,26 +16,25 @@ namespace {
 // Every parameter as the script is told it > the tag and value that must come out of the wrapper.
 constexpr char kFields[] =
     "purpose=wrap-key>20000001:5 algorithm=hmac>10000002:128 "
-    "keySize=0xffffffff>30000003:4294967295 "
-    "blockMode=gcm>20000004:32 digest=sha512>20000005:6 padding=pkcs7>20000006:64 "
-    "callerNonce>70000007:1 minMacLength=128>30000008:128 ecCurve=p521>1000000a:3 "
-    "rsaPublicExponent=65537>500000c8:65537 rollbackResistance>7000012f:1 "
+    "keySize=0xffffffff>30000003:4294967295 blockMode=gcm>20000004:32 digest=sha512>20000005:6 "
+    "padding=pkcs7>20000006:64 callerNonce>70000007:1 minMacLength=128>30000008:128 "
+    "ecCurve=p521>1000000a:3 rsaPublicExponent=65537>500000c8:65537 rollbackResistance>7000012f:1 "
     "activeDateTime=0>60000190:0 originationExpireDateTime=4102444800000>60000191:4102444800000 "
     "usageExpireDateTime=0xffffffffffffffff>60000192:18446744073709551615 "
     "userSecureId=0x8000000000000000>a00001f6:9223372036854775808 noAuthRequired>700001f7:1 "
     "userAuthType=any>100001f8:4294967295 authTimeout=30>300001f9:30 allowWhileOnBody>700001fa:1 "
     "trustedUserPresenceRequired>700001fb:1 trustedConfirmationRequired>700001fc:1 "
-    "unlockedDeviceRequired>700001fd:1 allApplications>70000258:1 applicationId=app>90000259:'app' "
-    "applicationData=hex:>900002bc:'' creationDateTime=1>600002bd:1 origin=4>100002be:4 "
-    "rootOfTrust=r>900002c0:'r' osVersion=110000>300002c1:110000 "
-    "osPatchLevel=202101>300002c2:202101 "
-    "uniqueId=u>900002c3:'u' attestationChallenge=c>900002c4:'c' "
-    "attestationApplicationId=a>900002c5:'a' attestationIdBrand=b>900002c6:'b' "
-    "attestationIdDevice=d>900002c7:'d' attestationIdProduct=p>900002c8:'p' "
-    "attestationIdSerial=s>900002c9:'s' attestationIdImei=i>900002ca:'i' "
-    "attestationIdMeid=m>900002cb:'m' attestationIdManufacturer=f>900002cc:'f' "
-    "attestationIdModel=o>900002cd:'o' vendorPatchLevel=20210105>300002ce:20210105 "
-    "bootPatchLevel=20210106>300002cf:20210106 authToken=hex:746f6b>900003ea:'tok' ";
+    "unlockedDeviceRequired>700001fd:1 allApplications>70000258:1 "
+    "applicationId=app>90000259:'app' applicationData=hex:>900002bc:'' "
+    "creationDateTime=1>600002bd:1 origin=4>100002be:4 rootOfTrust=r>900002c0:'r' "
+    "osVersion=110000>300002c1:110000 osPatchLevel=202101>300002c2:202101 uniqueId=u>900002c3:'u' "
+    "attestationChallenge=c>900002c4:'c' attestationApplicationId=a>900002c5:'a' "
+    "attestationIdBrand=b>900002c6:'b' attestationIdDevice=d>900002c7:'d' "
+    "attestationIdProduct=p>900002c8:'p' attestationIdSerial=s>900002c9:'s' "
+    "attestationIdImei=i>900002ca:'i' attestationIdMeid=m>900002cb:'m' "
+    "attestationIdManufacturer=f>900002cc:'f' attestationIdModel=o>900002cd:'o' "
+    "vendorPatchLevel=20210105>300002ce:20210105 bootPatchLevel=20210106>300002cf:20210106 "
+    "authToken=hex:746f6b>900003ea:'tok' ";
 
 // One half of kFields: arguments for the script, or the tags and values.
 std::string Half(bool arguments) {
