@@ -16,15 +16,6 @@ union AncillaryData {
   char bytes[CMSG_SPACE(sizeof(int))];
 };
 
-template <typename Call>
-ssize_t Retry(Call call) {
-  ssize_t result = -1;
-  do {
-    result = call();
-  } while (result < 0 && errno == EINTR);
-  return result;
-}
-
 }  // namespace
 
 void FileDescriptor::Reset(int fd) {
@@ -55,7 +46,7 @@ bool Channel::Send(const void* record, size_t size, int fd) const {
     header->cmsg_len = CMSG_LEN(sizeof(fd));
     std::memcpy(CMSG_DATA(header), &fd, sizeof(fd));
   }
-  return Retry([&] { return sendmsg(socket_.get(), &message, MSG_NOSIGNAL); }) ==
+  return TEMP_FAILURE_RETRY(sendmsg(socket_.get(), &message, MSG_NOSIGNAL)) ==
          static_cast<ssize_t>(size);
 }
 
@@ -68,7 +59,7 @@ bool Channel::Receive(void* record, size_t size, FileDescriptor* fd, int limit_m
   message.msg_iovlen = 1;
   message.msg_control = &ancillary;
   message.msg_controllen = sizeof(ancillary);
-  const ssize_t got = Retry([&] { return recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC); });
+  const ssize_t got = TEMP_FAILURE_RETRY(recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC));
   fd->Reset();
   const cmsghdr* header = got < 0 ? nullptr : CMSG_FIRSTHDR(&message);
   if (header != nullptr && header->cmsg_type == SCM_RIGHTS &&

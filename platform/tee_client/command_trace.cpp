@@ -9,24 +9,10 @@
 
 namespace {
 
-const char* TypeName(uint32_t type) {
-  switch (type) {
-    case TEEC_NONE:
-      return "NONE";
-    case TEEC_VALUE_INPUT:
-      return "VALUE_INPUT";
-    case TEEC_VALUE_OUTPUT:
-      return "VALUE_OUTPUT";
-    case TEEC_VALUE_INOUT:
-      return "VALUE_INOUT";
-    case TEEC_MEMREF_TEMP_INPUT:
-      return "MEMREF_TEMP_INPUT";
-    case TEEC_MEMREF_TEMP_OUTPUT:
-      return "MEMREF_TEMP_OUTPUT";
-    default:
-      return "MEMREF_TEMP_INOUT";
-  }
-}
+constexpr const char* kTypeNames[] = {
+    "NONE",         "VALUE_INPUT",       "VALUE_OUTPUT",       "VALUE_INOUT",
+    "not possible", "MEMREF_TEMP_INPUT", "MEMREF_TEMP_OUTPUT", "MEMREF_TEMP_INOUT"};
+constexpr const char* kOriginNames[] = {"?", "API", "COMMS", "TEE", "TA"};
 
 std::string ValueText(uint32_t a, uint32_t b) {
   char text[32];
@@ -46,7 +32,7 @@ std::string Describe(const CommandParameters& parameters, uint32_t index, Reply 
                      Content content) {
   const uint32_t type = parameters.TypeOf(index);
   const TaParam& ta = parameters.ta_params()[index];
-  std::string text = TypeName(type);
+  std::string text = kTypeNames[type];
   if (type == TEEC_NONE) return text;
   if (!IsMemoryReference(type)) {
     const TEEC_Value& given = parameters.Given(index).value;
@@ -59,19 +45,6 @@ std::string Describe(const CommandParameters& parameters, uint32_t index, Reply 
   const uint32_t length = LengthOf(parameters, index, reply);
   return content == Content::kSecret || length == 0 ? text
                                                     : text + " " + FirstBytes(ta.buffer, length);
-}
-
-const char* OriginName(uint32_t origin) {
-  switch (origin) {
-    case TEEC_ORIGIN_API:
-      return "API";
-    case TEEC_ORIGIN_COMMS:
-      return "COMMS";
-    case TEEC_ORIGIN_TEE:
-      return "TEE";
-    default:
-      return "TA";
-  }
 }
 
 std::string DescribeKeyParams(const CommandParameters& parameters, Reply reply,
@@ -113,7 +86,7 @@ void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply r
   }
   // In one call: the lines of a command stay together.
   (void)fprintf(stderr, "tee: command %u %s (%s) result 0x%08x from %s, %lld us\n%s", command,
-                name.name, types.c_str(), reply.result, OriginName(reply.origin),
+                name.name, types.c_str(), reply.result, kOriginNames[reply.origin],
                 static_cast<long long>(duration.count()), params.c_str());
 }
 

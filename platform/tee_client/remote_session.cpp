@@ -68,7 +68,8 @@ Reply RemoteSession::Exchange(uint32_t code, CommandParameters* parameters) {
     return kTargetDead;
   }
   TakeReply(reply, layout, memory, parameters);
-  return {reply.result, reply.origin};
+  const bool is_origin = reply.origin >= TEEC_ORIGIN_API && reply.origin <= TEEC_ORIGIN_TRUSTED_APP;
+  return {reply.result, is_origin ? reply.origin : TEEC_ORIGIN_COMMS};
 }
 
 Reply RemoteSession::Open(uint32_t login, CommandParameters* parameters) {

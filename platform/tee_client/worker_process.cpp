@@ -33,39 +33,28 @@ std::string WorkerPath() {
   return access(beside.c_str(), X_OK) == 0 ? beside : folder + "../bin/tee-worker";
 }
 
-// What a program starts with, released at the end of the scope.
-class SpawnPlan {
- public:
-  SpawnPlan() {
-    posix_spawn_file_actions_init(&actions_);
-    posix_spawnattr_init(&attributes_);
-  }
-  ~SpawnPlan() {
-    posix_spawn_file_actions_destroy(&actions_);
-    posix_spawnattr_destroy(&attributes_);
-  }
-  SpawnPlan(const SpawnPlan&) = delete;
-  SpawnPlan& operator=(const SpawnPlan&) = delete;
-
-  // The control channel as standard input, the client's standard error, and nothing else of the
-  // client: neither its files nor its signal mask, nor the terminal's interrupts meant for it.
-  int Run(const std::string& path, int control, pid_t* pid) {
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attributes_, &none);
-    posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
-    posix_spawn_file_actions_adddup2(&actions_, control, STDIN_FILENO);
-    posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
-    char name[] = "tee-worker";
-    char* const arguments[] = {name, nullptr};
-    return posix_spawn(pid, path.c_str(), &actions_, &attributes_, arguments, environ);
-  }
-
- private:
-  posix_spawn_file_actions_t actions_;
-  posix_spawnattr_t attributes_;
-};
+// Starts the program with the control channel as standard input, the client's standard error, and
+// nothing else of the client: neither its files nor its signal mask, nor the terminal's interrupts
+// that are meant for it.
+int Spawn(const std::string& path, int control, pid_t* pid) {
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+  posix_spawn_file_actions_adddup2(&actions, control, STDIN_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+  char name[] = "tee-worker";
+  char* const arguments[] = {name, nullptr};
+  const int error = posix_spawn(pid, path.c_str(), &actions, &attributes, arguments, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
+  return error;
+}
 
 }  // namespace
 
@@ -74,8 +63,7 @@ std::shared_ptr<WorkerProcess> WorkerProcess::Start() {
   FileDescriptor ours;
   FileDescriptor theirs;
   pid_t pid = -1;
-  const int error =
-      Channel::MakePair(&ours, &theirs) ? SpawnPlan().Run(path, theirs.get(), &pid) : errno;
+  const int error = Channel::MakePair(&ours, &theirs) ? Spawn(path, theirs.get(), &pid) : errno;
   FileDescriptor process(error == 0 ? pidfd_open(pid, 0) : -1);
   if (process.get() < 0) {
     (void)fprintf(stderr, "tee: cannot start %s: %s\n", path.c_str(),

@@ -1,5 +1,4 @@
 // The TA in a process of its own: what the caller sees when that dies, hangs or lies.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <remote_session.h>
@@ -9,8 +8,8 @@
 #include <unistd.h>
 #include <worker_protocol.h>
 
+#include <filesystem>
 #include <fstream>
-#include <functional>
 #include <future>
 #include <regex>
 #include <thread>
@@ -22,29 +21,24 @@ namespace {
 
 constexpr uint32_t kDead = TEEC_ERROR_TARGET_DEAD, kShort = TEEC_ERROR_SHORT_BUFFER;
 constexpr TEEC_UUID kKeymaster = {0x07070707, 0x0707, 0x0707, {7, 7, 7, 7, 7, 7, 7, 7}};
-const char* const kFailing = "tee_process_worker";
 
-size_t CountOf(const Str& folder) {
-  size_t count = 0;
-  DIR* open = opendir(folder.c_str());
-  while (readdir(open) != nullptr) ++count;
-  closedir(open);
-  return count;
+std::vector<Str> Entries(const Str& folder) {
+  std::vector<Str> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    names.push_back(entry.path().filename());
+  }
+  return names;
 }
 
 // Zombies count.
-std::vector<pid_t> Children() {
+std::vector<pid_t> Children(pid_t parent = getpid()) {
   std::vector<pid_t> found;
-  DIR* open = opendir("/proc");
-  while (const dirent* entry = readdir(open)) {
-    std::ifstream status(Str("/proc/") + entry->d_name + "/stat");
-    Str line;
-    std::getline(status, line);
-    std::smatch match;
-    const std::regex parent("^(\\d+) \\(.*\\) . " + std::to_string(getpid()) + " ");
-    if (std::regex_search(line, match, parent)) found.push_back(atoi(match[1].str().c_str()));
+  for (const Str& name : Entries("/proc")) {
+    std::ifstream file("/proc/" + name + "/stat");
+    Str pid, comm, state;
+    pid_t of = 0;
+    if (file >> pid >> comm >> state >> of && of == parent) found.push_back(atoi(pid.c_str()));
   }
-  closedir(open);
   return found;
 }
 
@@ -71,28 +65,30 @@ struct Client {
     TEEC_Operation operation = {};
     operation.started = 1;
     for (uint32_t i = 0; i < given.size(); ++i) {
-      slots[i] = given[i];
-      slots[i].out = given[i].in;
-      slots[i].out.resize(std::max<size_t>(given[i].in.size(), given[i].capacity));
-      operation.paramTypes |= given[i].type << (4 * i);
-      if (given[i].type < 4) operation.params[i].value = {given[i].a, given[i].b};
-      if (given[i].type > 4) {
-        const auto size = static_cast<uint32_t>(slots[i].out.size());
-        operation.params[i].tmpref = {slots[i].out.data(), size};
-      }
+      Slot& slot = slots[i] = given[i];
+      slot.out =
+          slot.in + Str(slot.capacity > slot.in.size() ? slot.capacity - slot.in.size() : 0, 0);
+      operation.paramTypes |= slot.type << (4 * i);
+      operation.params[i].value = {slot.a, slot.b};
+      if (slot.type < 4) continue;
+      operation.params[i].tmpref = {slot.out.data(), static_cast<uint32_t>(slot.out.size())};
     }
     const uint32_t result = TEEC_InvokeCommand(on, command, &operation, &origin);
     for (uint32_t i = 0; i < given.size(); ++i) {
+      slots[i].capacity = operation.params[i].tmpref.size;
       slots[i].a = operation.params[i].value.a;
       slots[i].b = operation.params[i].value.b;
-      slots[i].capacity = operation.params[i].tmpref.size;
-      if (given[i].type > 4 && result == 0) slots[i].out.resize(slots[i].capacity);
+      if (slots[i].type > 4 && result == 0) slots[i].out.resize(slots[i].capacity);
     }
     return result;
   }
-  uint32_t Begin(const Str& blob) {
+  // Stores the operation's handle as the TA takes it.
+  uint32_t Begin(const Str& blob, Str* handle) {
     const Slot value = {TEEC_VALUE_INOUT, {}, 0, KM_PURPOSE_SIGN, 0, {}};
-    return Run(kCmdBegin, In(blob), In(Wire({{KM_TAG_MAC_LENGTH, 256}})), Out(4096), value);
+    const Str params = Wire({{KM_TAG_MAC_LENGTH, 256}});
+    const uint32_t result = Run(kCmdBegin, In(blob), In(params), Out(4096), value);
+    *handle = Le(slots[3].a, 4) + Le(slots[3].b, 4);
+    return result;
   }
 };
 
@@ -113,15 +109,13 @@ class TeeProcess : public testing::Test {
   // Nothing stays behind: neither a worker or what is left of it, nor a descriptor.
   void TearDown() override {
     EXPECT_EQ(Children(), std::vector<pid_t>());
-    EXPECT_EQ(CountOf("/proc/self/fd"), files_);
+    EXPECT_EQ(Entries("/proc/self/fd").size(), files_);
   }
-  static void UseWorker(const Str& name) {
-    char self[4096] = {};
-    ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
-    const Str path = self;
-    setenv("TEE_WORKER", (path.substr(0, path.rfind('/') + 1) + name).c_str(), 1);
+  static void UseFailingApp() {
+    const auto self = std::filesystem::read_symlink("/proc/self/exe");
+    setenv("TEE_WORKER", (self.parent_path() / "tee_process_worker").c_str(), 1);
   }
-  const size_t files_ = CountOf("/proc/self/fd");
+  const size_t files_ = Entries("/proc/self/fd").size();
 };
 
 TEST_F(TeeProcess, AKilledWorkerLosesOperationsAndNoKey) {
@@ -132,22 +126,20 @@ TEST_F(TeeProcess, AKilledWorkerLosesOperationsAndNoKey) {
     ASSERT_EQ(client.Run(kCmdConfigure, version), 0u);
     ASSERT_EQ(client.Run(kCmdGenerateKey, In(Wire(kHmacKey)), {}, Out(4096), Out(4096)), 0u);
     blob = client.slots[2].out;
-    ASSERT_EQ(client.Begin(blob), 0u);
-    handle = Le(client.slots[3].a, 4) + Le(client.slots[3].b, 4);
+    ASSERT_EQ(client.Begin(blob, &handle), 0u);
     kill(Children().at(0), SIGKILL);
     EXPECT_EQ(client.Run(kCmdUpdate, {}, In("x"), InOut(handle), Out(64)), kDead);
   }
   Client client(kKeymaster);
   EXPECT_EQ(client.Run(kCmdUpdate, {}, In("x"), InOut(handle), Out(64)),
             Km(KM_ERROR_INVALID_OPERATION_HANDLE));
-  ASSERT_EQ(client.Begin(blob), 0u);
-  handle = Le(client.slots[3].a, 4) + Le(client.slots[3].b, 4);
+  ASSERT_EQ(client.Begin(blob, &handle), 0u);
   ASSERT_EQ(client.Run(kCmdFinish, {}, {}, InOut(handle), Out(64)), 0u);
   EXPECT_EQ(client.slots[3].out.size(), 32u);
 }
 
 TEST_F(TeeProcess, EveryDeathIsTargetDeadUntilTheNextSession) {
-  UseWorker(kFailing);
+  UseFailingApp();
   struct {
     const char* how;
     uint32_t command;
@@ -183,7 +175,7 @@ TEST_F(TeeProcess, EveryDeathIsTargetDeadUntilTheNextSession) {
 }
 
 TEST_F(TeeProcess, SessionsMeetInOneWorkerUpToABound) {
-  UseWorker(kFailing);
+  UseFailingApp();
   constexpr uint32_t kThreads = 16;
   Client client(kFailingApp);
   std::vector<std::future<uint32_t>> calls;
@@ -205,7 +197,7 @@ TEST_F(TeeProcess, SessionsMeetInOneWorkerUpToABound) {
 }
 
 TEST_F(TeeProcess, FaultPlansBendWhatTheCallerSees) {
-  UseWorker(kFailing);
+  UseFailingApp();
   constexpr uint32_t kOom = TEEC_ERROR_OUT_OF_MEMORY;
   struct {
     const char* plan;
@@ -242,7 +234,7 @@ TEST_F(TeeProcess, FaultPlansBendWhatTheCallerSees) {
 }
 
 TEST_F(TeeProcess, TraceNamesWhatItMayShow) {
-  UseWorker(kFailing);
+  UseFailingApp();
   Client client(kFailingApp);
   const Ps key = {{KM_TAG_APPLICATION_ID, Str("app")},
                   {KM_TAG_ATTESTATION_CHALLENGE, Str("c")},
@@ -282,7 +274,7 @@ TEST_F(TeeProcess, TraceNamesWhatItMayShow) {
 }
 
 TEST_F(TeeProcess, TheWorkerEndsChannelsThatKeepNoRulesAndServesOn) {
-  UseWorker(kFailing);
+  UseFailingApp();
   WorkerRequest good = {kWorkerMagic, 7, kFailingApp, TEEC_MEMREF_TEMP_INPUT, {{4096, 0, 0}}};
   WorkerRequest magic = good, huge = good, sparse = good;
   magic.magic ^= 1;
@@ -344,45 +336,31 @@ TEST_F(TeeProcess, TheClientBelievesNoReply) {
         0, FileDescriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)), Channel(std::move(ours)));
     RemoteSession session(process, kFailingApp);
     std::vector<uint8_t> buffer(8);
-    TEEC_Operation operation = {};
-    operation.started = 1;
-    operation.paramTypes = TEEC_MEMREF_TEMP_OUTPUT;
+    TEEC_Operation operation = {1, TEEC_MEMREF_TEMP_OUTPUT, {}, nullptr, 0};
     operation.params[0].tmpref = {buffer.data(), 8};
     CommandParameters parameters;
     ASSERT_EQ(parameters.CopyIn(&operation), 0u);
-    const Reply reply = session.Open(7, &parameters);
-    EXPECT_EQ(parameters.CopyOut(reply, &operation).result, row.result);
+    EXPECT_EQ(parameters.CopyOut(session.Open(7, &parameters), &operation).result, row.result);
     worker.join();
   }
 }
 
 TEST_F(TeeProcess, TheWorkerEndsWithAClientThatIsKilled) {
-  UseWorker(kFailing);
-  int pipe_ends[2];
-  ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
-  FileDescriptor reader(pipe_ends[0]), writer(pipe_ends[1]);
-  const pid_t child = fork();
-  if (child == 0) {
-    Client client(kFailingApp);
-    const pid_t worker = Children().at(0);
-    if (write(writer.get(), &worker, sizeof(worker)) < 0) _exit(1);
-    client.Run(kHang);
+  UseFailingApp();
+  const pid_t client = fork();
+  if (client == 0) {
+    Client(kFailingApp).Run(kHang);
     _exit(1);
   }
-  pid_t worker = 0;
-  ASSERT_EQ(read(reader.get(), &worker, sizeof(worker)), static_cast<ssize_t>(sizeof(worker)));
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-  // What is left may wait for whoever adopted it.
-  Str state = "R";
-  for (int wait = 0; wait < 10000 && !state.empty() && state != "Z"; ++wait) {
-    usleep(1000);
-    std::ifstream status("/proc/" + std::to_string(worker) + "/stat");
-    Str skipped;
-    state.clear();
-    status >> skipped >> skipped >> state;
-  }
-  EXPECT_TRUE(state.empty() || state == "Z") << state;
+  std::vector<pid_t> workers;
+  while ((workers = Children(client)).empty()) usleep(1000);
+  usleep(50000);
+  kill(client, SIGKILL);
+  waitpid(client, nullptr, 0);
+  // What is left of it may wait for whoever adopted it, but runs no program.
+  const Str program = "/proc/" + std::to_string(workers.at(0)) + "/exe";
+  for (int wait = 0; wait < 10000 && access(program.c_str(), F_OK) == 0; ++wait) usleep(1000);
+  EXPECT_NE(access(program.c_str(), F_OK), 0);
 }
 
 TEST_F(TeeProcess, WorkersThatDoNotWorkAreToldApart) {

@@ -1,9 +1,13 @@
 // The GlobalPlatform TEE Client API as the keymaster library is built against it: standard names
 // and codes, with 32-bit reference sizes.
 //
-// On the host two environment variables help to watch and to test a caller: TEE_TRACE=1 prints a
-// line a command on standard error, and TEE_FAULT="cmd=2,code=0xFFFF000C" (or with ",times=N")
-// has the next command 2 (or the next N) fail with that code.
+// On the host environment variables help to watch and to test a caller (docs/developing-a-hal.md):
+//   TEE_HOST=process   runs the TAs in a process of their own, so that one that crashes is a
+//                      TEEC_ERROR_TARGET_DEAD; in the caller's process otherwise
+//   TEE_WORKER         the program that is this process, else the tee-worker built with the library
+//   TEE_TIMEOUT_MS     after so long without an answer that process is given up, and killed
+//   TEE_TRACE=1|params|secrets   prints every command on standard error
+//   TEE_FAULT="cmd=2,code=0xFFFF000C"   has commands fail as planned
 #ifndef TEE_CLIENT_API_H
 #define TEE_CLIENT_API_H
 
