@@ -40,7 +40,8 @@ void Measure(const std::string& name, const char* side, int32_t (*call)()) {
   const uint64_t calls = g_calls, bytes = g_bytes;
   CALLGRIND_ZERO_STATS;
   for (int i = 0; i < kRuns; ++i) (void)call();
-  CALLGRIND_DUMP_STATS_AT((name + "/" + side).c_str());
+  const std::string dump = name + "/" + side;
+  CALLGRIND_DUMP_STATS_AT(dump.c_str());
   printf("%s\t%s\t%llu\t%llu\n", name.c_str(), side,
          static_cast<unsigned long long>(g_calls - calls) / kRuns,
          static_cast<unsigned long long>(g_bytes - bytes) / kRuns);

@@ -10,7 +10,7 @@ import sys
 import tempfile
 import time
 
-REPETITIONS = 5
+REPETITIONS = 3
 
 
 def google_benchmark(program, *options, env=None):
