@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <regex>
 #include <thread>
 
 #include "failing_app.h"
@@ -259,8 +258,10 @@ TEST_F(TeeProcess, TraceNamesWhatItMayShow) {
     testing::internal::CaptureStderr();
     const Slot value = {TEEC_VALUE_INOUT, {}, 0, 1, 2, {}};
     client.Run(kCmdImportKey, In(Wire(key)), In("secret"), Out(9), value);
-    const Str shown = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(std::regex_replace(shown, std::regex(", \\d+ us"), ""), row.shown);
+    Str shown = testing::internal::GetCapturedStderr();
+    const size_t time = shown.find(", ", shown.find(") result"));
+    if (time != Str::npos) shown.erase(time, shown.find(" us", time) + 3 - time);
+    EXPECT_EQ(shown, row.shown);
   }
   // Every way of cutting a list short, or of pointing out of it, is said and not followed.
   setenv("TEE_TRACE", "secrets", 1);
