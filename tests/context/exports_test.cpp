@@ -1,10 +1,10 @@
 // The shared object's face: what it exports, and whom it needs.
+#include <ctype.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <memory>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -52,12 +52,29 @@ constexpr char kFunctions[] =
     "TeegetHmacSharingParameters TeecomputeSharedHmac TeeDestroyAttestationIds ObtainTaErrorCode "
     "QavixKeyMaster ReportDfxServer CheckReportedErrCode TeeosLogExceptionArchive ";
 
-std::string Expand(std::string method) {
-  method = std::regex_replace(method, std::regex("\\bK\\b"), "keymaster_key_blob_t");
-  method = std::regex_replace(method, std::regex("\\bS\\b"), "keymaster_key_param_set_t");
-  method = std::regex_replace(method, std::regex("\\bB\\b"), "keymaster_blob_t");
-  method = std::regex_replace(method, std::regex("\\bH\\b"), "keymaster_key_characteristics_t");
-  return "keymaster::KeymasterTivasContext::" + method;
+std::string TypeName(char letter) {
+  switch (letter) {
+    case 'K':
+      return "keymaster_key_blob_t";
+    case 'S':
+      return "keymaster_key_param_set_t";
+    case 'B':
+      return "keymaster_blob_t";
+    default:
+      return "keymaster_key_characteristics_t";
+  }
+}
+
+// Puts the types' names in place of the letters that stand alone.
+std::string Expand(const std::string& method) {
+  const auto in_word = [&](size_t i) { return i < method.size() && isalnum(method[i]) != 0; };
+  std::string out = "keymaster::KeymasterTivasContext::";
+  for (size_t i = 0; i < method.size(); ++i) {
+    const bool alone = !in_word(i - 1) && !in_word(i + 1);
+    out += alone && strchr("KSBH", method[i]) != nullptr ? TypeName(method[i])
+                                                         : std::string(1, method[i]);
+  }
+  return out;
 }
 
 // The output of a command on the library, line by line.
