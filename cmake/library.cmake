@@ -16,7 +16,6 @@ add_library(keymaster41_ts SHARED
   diag/fault_event.cpp
   marshal/input_builders.cpp
   marshal/km_params.cpp
-  marshal/param_entry.cpp
   marshal/param_set.cpp
   marshal/reply_decoder.cpp
   tee/command_frame.cpp

@@ -5,7 +5,6 @@
 #include <string.h>
 
 #include "keymaster_ts.h"
-#include "marshal/km_params_owner.h"
 #include "marshal/little_endian.h"
 #include "marshal/log.h"
 #include "marshal/malloc_buffer.h"
@@ -24,14 +23,36 @@ constexpr keymaster_tag_t kKeyDefinitionTags[] = {
     KM_TAG_CALLER_NONCE, KM_TAG_BOOTLOADER_ONLY, KM_TAG_ROLLBACK_RESISTANCE,
 };
 
-bool IsKeyDefinitionTag(keymaster_tag_t tag) {
-  for (keymaster_tag_t definition : kKeyDefinitionTags) {
-    if (tag == definition) {
-      return true;
+// The same by their low four bits, which tell them apart. A place that none of them has holds
+// one of another place, which no tag looked for there equals.
+struct TagTable {
+  keymaster_tag_t tags[16];
+};
+constexpr TagTable MakeTagTable() {
+  TagTable table = {};
+  for (keymaster_tag_t& tag : table.tags) {
+    tag = kKeyDefinitionTags[0];
+  }
+  for (keymaster_tag_t tag : kKeyDefinitionTags) {
+    table.tags[static_cast<uint32_t>(tag) % 16] = tag;
+  }
+  return table;
+}
+constexpr TagTable kTagTable = MakeTagTable();
+
+constexpr bool IsKeyDefinitionTag(keymaster_tag_t tag) {
+  return kTagTable.tags[static_cast<uint32_t>(tag) % 16] == tag;
+}
+
+constexpr bool AllTagsHaveAPlace() {
+  for (keymaster_tag_t tag : kKeyDefinitionTags) {
+    if (!IsKeyDefinitionTag(tag)) {
+      return false;
     }
   }
-  return false;
+  return true;
 }
+static_assert(AllTagsHaveAPlace(), "two key-definition tags share their low four bits");
 
 KmParamEntry* AllocateSlots(uint32_t count) {
   return static_cast<KmParamEntry*>(malloc(static_cast<size_t>(count) * sizeof(KmParamEntry)));
@@ -58,48 +79,38 @@ int32_t GrowSlots(KmParams* record) {
   return 0;
 }
 
-// Appends a byte value to the record's store. The store grows to its exact new size, unless it
-// was reserved with room for that.
-int32_t AppendBytes(KmParams* record, const keymaster_blob_t& value, uint32_t reserved) {
+// Appends a byte value to the record's store, which grows to its exact new size.
+int32_t AppendBytes(KmParams* record, const keymaster_blob_t& value) {
   const uint32_t size = record->data_len + static_cast<uint32_t>(value.data_length);
   if (size == 0 || size < record->data_len) {
     return -EINVAL;
   }
-  MallocBuffer grown;
-  uint8_t* store = record->data;
-  if (size > reserved) {
-    grown = AllocateBytes(size);
-    store = grown.get();
-    if (store == nullptr ||
-        (record->data_len != 0 && memcpy_s(store, size, record->data, record->data_len) != 0)) {
-      return -ENOMEM;
-    }
-  }
-  // A length of 2^32 or more fails here: it is above the room left.
-  if (memcpy_s(store + record->data_len, size - record->data_len, value.data, value.data_length) !=
-      0) {
+  MallocBuffer grown = AllocateBytes(size);
+  if (grown == nullptr ||
+      (record->data_len != 0 && memcpy_s(grown.get(), size, record->data, record->data_len) != 0)) {
     return -ENOMEM;
   }
-  if (grown != nullptr) {
-    free(record->data);
-    record->data = grown.release();
+  // A length of 2^32 or more fails here: it is above the room left.
+  if (memcpy_s(grown.get() + record->data_len, size - record->data_len, value.data,
+               value.data_length) != 0) {
+    return -ENOMEM;
   }
+  free(record->data);
+  record->data = grown.release();
   record->data_len = size;
   return 0;
 }
 
-int32_t AddParam(KmParams* record, const keymaster_key_param_t& param, uint32_t reserved) {
+int32_t AddParam(KmParams* record, const keymaster_key_param_t& param) {
   if (record->len == record->capacity) {
     const int32_t result = GrowSlots(record);
     if (result != 0) {
       return result;
     }
   }
-  KmParamEntry* entry = &record->params[record->len];
-  EncodeEntry(param, entry);
+  EncodeEntry(param, record->data_len, record->params[record->len].bytes);
   if (IsByteValued(param.tag) && param.blob.data_length != 0) {
-    SetEntryOffset(entry, record->data_len);
-    const int32_t result = AppendBytes(record, param.blob, reserved);
+    const int32_t result = AppendBytes(record, param.blob);
     if (result != 0) {
       return result;
     }
@@ -107,47 +118,6 @@ int32_t AddParam(KmParams* record, const keymaster_key_param_t& param, uint32_t 
   ++record->len;
   return 0;
 }
-
-// ListBuilder builds one list of a whole set. It is measured before it is filled, so that a long
-// list is not moved each time it grows.
-class ListBuilder {
- public:
-  KmParams* record() { return &owner_.record; }
-
-  void Measure(const keymaster_key_param_t& param) {
-    ++entries_;
-    if (IsByteValued(param.tag)) {
-      bytes_ += static_cast<uint32_t>(param.blob.data_length);
-    }
-  }
-  // A list too long for its counters is not reserved: adding to it will fail.
-  bool Reserve() {
-    KmParams* record = &owner_.record;
-    if (entries_ > record->capacity && entries_ < kMaxEntries) {
-      free(record->params);
-      record->params = AllocateSlots(static_cast<uint32_t>(entries_));
-      record->capacity = static_cast<uint32_t>(entries_);
-      if (record->params == nullptr) {
-        return false;
-      }
-    }
-    if (bytes_ != 0 && bytes_ <= UINT32_MAX) {
-      reserved_ = static_cast<uint32_t>(bytes_);
-      record->data = AllocateBytes(reserved_).release();
-      return record->data != nullptr;
-    }
-    return true;
-  }
-  bool Add(const keymaster_key_param_t& param) {
-    return AddParam(&owner_.record, param, reserved_) == 0;
-  }
-
- private:
-  KmParamsOwner owner_;
-  size_t entries_ = 0;
-  uint64_t bytes_ = 0;
-  uint32_t reserved_ = 0;
-};
 
 // Adds to a 32-bit total; false when it would wrap.
 bool Accumulate(uint64_t amount, uint32_t* total) {
@@ -211,6 +181,74 @@ bool WriteLists(const KmParams& first, KmParams* second, BufferWriter* writer) {
          writer->Write(first.data, first.data_len) && writer->Write(second->data, second->data_len);
 }
 
+bool ClearRecord(KmParams* record) {
+  return memset_s(record, sizeof(*record), 0, sizeof(*record)) == 0;
+}
+
+// The buffer's size, 0 when it does not fit 32 bits.
+uint32_t BufferSize(const KmParams& first, const KmParams& second) {
+  uint32_t total = 2 * sizeof(uint32_t);
+  const bool fits = Accumulate(EntryBytes(first), &total) &&
+                    Accumulate(EntryBytes(second), &total) && Accumulate(first.data_len, &total) &&
+                    Accumulate(second.data_len, &total);
+  return fits ? total : 0;
+}
+
+// Measures what each list will hold; false when one is full or its byte values pass 32 bits.
+bool Measure(const keymaster_key_param_set_t& set, KmParams* first, KmParams* second) {
+  const keymaster_key_param_t* const end = set.params + set.length;
+  size_t definitions = 0;
+  uint64_t bytes = 0;
+  for (const keymaster_key_param_t* param = set.params; param != end; ++param) {
+    definitions += IsKeyDefinitionTag(param->tag) ? 1 : 0;
+    if (IsByteValued(param->tag)) {
+      if (param->blob.data_length > UINT32_MAX - bytes) {
+        return false;
+      }
+      bytes += param->blob.data_length;
+    }
+  }
+  const size_t others = set.length - definitions;
+  if (definitions > kMaxEntries || others > kMaxEntries) {
+    KM_LOGE("km_params->len is invalid, please check!\n");
+    return false;
+  }
+  first->len = static_cast<uint32_t>(definitions);
+  second->len = static_cast<uint32_t>(others);
+  // No key-definition tag has a byte value.
+  second->data_len = static_cast<uint32_t>(bytes);
+  return true;
+}
+
+// Writes a set into a buffer of the measured size, each parameter where it ends up.
+bool WriteSet(const keymaster_key_param_set_t& set, const KmParams& first, const KmParams& second,
+              uint8_t* buffer) {
+  uint8_t* first_at = buffer + sizeof(uint32_t);
+  uint8_t* second_at = first_at + EntryBytes(first) + sizeof(uint32_t);
+  uint8_t* area_at = second_at + EntryBytes(second);
+  BufferWriter first_count(buffer, sizeof(uint32_t));
+  BufferWriter second_count(second_at - sizeof(uint32_t), sizeof(uint32_t));
+  if (!first_count.WriteU32(first.len) || !second_count.WriteU32(second.len)) {
+    return false;
+  }
+  BufferWriter area(area_at, second.data_len);
+  uint32_t offset = 0;
+  const keymaster_key_param_t* const end = set.params + set.length;
+  for (const keymaster_key_param_t* param = set.params; param != end; ++param) {
+    const bool is_first = IsKeyDefinitionTag(param->tag);
+    EncodeEntry(*param, offset, is_first ? first_at : second_at);
+    first_at += is_first ? kParamEntrySize : 0;
+    second_at += is_first ? 0 : kParamEntrySize;
+    if (IsByteValued(param->tag)) {
+      if (!area.Write(param->blob.data, param->blob.data_length)) {
+        return false;
+      }
+      offset += static_cast<uint32_t>(param->blob.data_length);
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 int32_t InitKmParams(KmParams* km_params) {
@@ -218,7 +256,7 @@ int32_t InitKmParams(KmParams* km_params) {
     KM_LOGE("km_params is null, please check!\n");
     return -ENOMEM;
   }
-  if (memset_s(km_params, sizeof(*km_params), 0, sizeof(*km_params)) != 0) {
+  if (!ClearRecord(km_params)) {
     return -ENOMEM;
   }
   km_params->capacity = kSlotStep;
@@ -230,7 +268,7 @@ int32_t AddKmParams(KmParams* km_params, const keymaster_key_param_t* param) {
   if (km_params == nullptr || param == nullptr) {
     return -EINVAL;
   }
-  return AddParam(km_params, *param, 0);
+  return AddParam(km_params, *param);
 }
 
 int32_t SerializeKmParams(const KmParams* first, KmParams* second, uint8_t** out,
@@ -240,9 +278,8 @@ int32_t SerializeKmParams(const KmParams* first, KmParams* second, uint8_t** out
   }
   const KmParams absent = {};
   const KmParams& leading = first != nullptr ? *first : absent;
-  uint32_t total = 2 * sizeof(uint32_t);
-  if (!Accumulate(EntryBytes(leading), &total) || !Accumulate(EntryBytes(*second), &total) ||
-      !Accumulate(leading.data_len, &total) || !Accumulate(second->data_len, &total)) {
+  const uint32_t total = BufferSize(leading, *second);
+  if (total == 0) {
     return -ENOMEM;
   }
   MallocBuffer buffer = AllocateBytes(total);
@@ -273,24 +310,17 @@ int32_t BuildKmParams(const keymaster_key_param_set_t* params, uint8_t** out, ui
       (params->length != 0 && params->params == nullptr)) {
     return -EINVAL;
   }
-  ListBuilder first;
-  ListBuilder second;
-  if (InitKmParams(first.record()) != 0 || InitKmParams(second.record()) != 0) {
+  KmParams first;
+  KmParams second;
+  if (!ClearRecord(&first) || !ClearRecord(&second) || !Measure(*params, &first, &second)) {
     return -ENOMEM;
   }
-  const auto list_of = [&](const keymaster_key_param_t& param) {
-    return IsKeyDefinitionTag(param.tag) ? &first : &second;
-  };
-  for (size_t i = 0; i < params->length; ++i) {
-    list_of(params->params[i])->Measure(params->params[i]);
-  }
-  if (!first.Reserve() || !second.Reserve()) {
+  const uint32_t total = BufferSize(first, second);
+  MallocBuffer buffer = total != 0 ? AllocateBytes(total) : nullptr;
+  if (buffer == nullptr || !WriteSet(*params, first, second, buffer.get())) {
     return -ENOMEM;
   }
-  for (size_t i = 0; i < params->length; ++i) {
-    if (!list_of(params->params[i])->Add(params->params[i])) {
-      return -ENOMEM;
-    }
-  }
-  return SerializeKmParams(first.record(), second.record(), out, out_len) == 0 ? 0 : -ENOMEM;
+  *out = buffer.release();
+  *out_len = total;
+  return 0;
 }

@@ -2,26 +2,31 @@
 #ifndef MARSHAL_LITTLE_ENDIAN_H
 #define MARSHAL_LITTLE_ENDIAN_H
 
+#include <endian.h>
 #include <stdint.h>
+#include <string.h>
 
+// Each is one move of the processor, which not every compiler makes of shifts and bytes.
 inline void PutU32(uint8_t* to, uint32_t value) {
-  for (int i = 0; i < 4; ++i) {
-    to[i] = static_cast<uint8_t>(value >> (8 * i));
-  }
+  const uint32_t wire = htole32(value);
+  memcpy(to, &wire, sizeof(wire));
 }
 
 inline void PutU64(uint8_t* to, uint64_t value) {
-  PutU32(to, static_cast<uint32_t>(value));
-  PutU32(to + 4, static_cast<uint32_t>(value >> 32));
+  const uint64_t wire = htole64(value);
+  memcpy(to, &wire, sizeof(wire));
 }
 
 inline uint32_t GetU32(const uint8_t* from) {
-  return static_cast<uint32_t>(from[0]) | static_cast<uint32_t>(from[1]) << 8 |
-         static_cast<uint32_t>(from[2]) << 16 | static_cast<uint32_t>(from[3]) << 24;
+  uint32_t wire;
+  memcpy(&wire, from, sizeof(wire));
+  return le32toh(wire);
 }
 
 inline uint64_t GetU64(const uint8_t* from) {
-  return GetU32(from) | static_cast<uint64_t>(GetU32(from + 4)) << 32;
+  uint64_t wire;
+  memcpy(&wire, from, sizeof(wire));
+  return le64toh(wire);
 }
 
 #endif  // MARSHAL_LITTLE_ENDIAN_H

@@ -24,7 +24,7 @@ keymaster_key_param_t* DecodeEntries(const uint8_t* entries, uint32_t count) {
   auto* params =
       static_cast<keymaster_key_param_t*>(malloc(size_t{count} * sizeof(keymaster_key_param_t)));
   for (uint32_t i = 0; params != nullptr && i < count; ++i) {
-    params[i] = DecodeEntry(entries + EntriesSize(i));
+    DecodeEntry(entries + EntriesSize(i), &params[i]);
   }
   return params;
 }
