@@ -262,7 +262,7 @@ void RunCommand(World* world, Input* input) {
 void Configure(World* world) {
   Param params[4];
   params[0].ta.a = 110000;
-  params[0].ta.b = 202011;
+  params[0].ta.b = 202101;
   Check(Invoke(world, kConfigure, TypesOf(kConfigure), params) == TEEC_SUCCESS, "a configuration");
 }
 
