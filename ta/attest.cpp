@@ -62,39 +62,33 @@ bool AddDeviceIds(const ParamSet& request, ParamSet* tee_enforced) {
   return true;
 }
 
-TEEC_Result DescribeKey(const Key& key, const ParamSet& request, Bytes* key_description) {
+Bytes DescribeKey(const Key& key, const ParamSet& request) {
   const Param* const challenge = request.Find(KM_TAG_ATTESTATION_CHALLENGE);
   const Param* const application = request.Find(KM_TAG_ATTESTATION_APPLICATION_ID);
-  if (challenge == nullptr) return Fail(KM_ERROR_ATTESTATION_CHALLENGE_MISSING);
-  if (application == nullptr) return Fail(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING);
+  if (challenge == nullptr) Fail(KM_ERROR_ATTESTATION_CHALLENGE_MISSING);
+  if (application == nullptr) Fail(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING);
   if (challenge->bytes.size() > kMaxChallengeSize ||
       application->bytes.size() > kMaxApplicationIdSize) {
-    return Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+    Fail(KM_ERROR_INVALID_INPUT_LENGTH);
   }
 
   ParamSet software_enforced = Attestable(key.sw_enforced);
   software_enforced.Add(*application);
   ParamSet tee_enforced = Attestable(key.hw_enforced);
   tee_enforced.AddBytes(KM_TAG_ROOT_OF_TRUST, EncodeRootOfTrust(HostRootOfTrust()));
-  if (!AddDeviceIds(request, &tee_enforced)) return Fail(KM_ERROR_CANNOT_ATTEST_IDS);
-  *key_description = EncodeKeyDescription(challenge->bytes, software_enforced, tee_enforced);
-  return TEEC_SUCCESS;
+  if (!AddDeviceIds(request, &tee_enforced)) Fail(KM_ERROR_CANNOT_ATTEST_IDS);
+  return EncodeKeyDescription(challenge->bytes, software_enforced, tee_enforced);
 }
 
 }  // namespace
 
 // Replies with leaf, intermediate, root: a 32-bit count, then of each certificate a 32-bit length
 // and its DER.
-TEEC_Result AttestKey(uint32_t, TaParam params[4]) {
-  ParamSet request;
-  if (!ParseTwoLists(InputOf(params[1]), &request)) return Fail(KM_ERROR_INVALID_ARGUMENT);
-  Key key;
-  TEEC_Result result = OpenCurrentKey(InputOf(params[0]), request, &key);
-  if (result != TEEC_SUCCESS) return result;
-  if (!key.pkey) return Fail(KM_ERROR_INCOMPATIBLE_ALGORITHM);
-  Bytes key_description;
-  result = DescribeKey(key, request, &key_description);
-  if (result != TEEC_SUCCESS) return result;
+void AttestKey(uint32_t types, TaParam params[4]) {
+  const ParamSet request = RequestOf(types, params, 1);
+  const Key key = OpenCurrentKey(InputOf(params[0]), request);
+  if (!key.pkey) Fail(KM_ERROR_INCOMPATIBLE_ALGORITHM);
+  const Bytes key_description = DescribeKey(key, request);
 
   const AttestationAuthority authority = LoadOrCreateAuthority();
   const X509Ptr leaf = BuildLeaf(authority, key, key_description);
@@ -107,7 +101,7 @@ TEEC_Result AttestKey(uint32_t, TaParam params[4]) {
     AppendU32(&chain, static_cast<uint32_t>(der.size()));
     AppendBytes(&chain, der);
   }
-  return Reply(chain, &params[2]);
+  Reply(chain, &params[2]);
 }
 
 }  // namespace ta

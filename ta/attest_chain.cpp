@@ -8,7 +8,6 @@
 #include <algorithm>
 
 #include "attest_extension.h"
-#include "key_material.h"
 #include "state.h"
 
 namespace ta {

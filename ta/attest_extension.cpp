@@ -6,7 +6,6 @@
 #include <set>
 
 #include "evp.h"
-#include "key_material.h"
 
 namespace ta {
 namespace {

@@ -67,7 +67,7 @@ bool AuthTokenValid(ByteView bytes, AuthToken* token) {
   }
   token->authenticator_type = static_cast<uint32_t>(BigEndian(type));
   token->timestamp = BigEndian(timestamp);
-  const Bytes mac = SharedHmac(ByteView(bytes.data, kSignedSize));
+  const SecureBytes mac = SharedHmac(ByteView(bytes.data, kSignedSize));
   return CRYPTO_memcmp(mac.data(), reader.rest().data, mac.size()) == 0;
 }
 
@@ -84,26 +84,20 @@ bool AuthTokenFresh(const AuthToken& token, uint32_t seconds) {
   return token.timestamp <= now && now - token.timestamp <= uint64_t{seconds} * 1000;
 }
 
-TEEC_Result VerifyAuthorization(uint32_t, TaParam params[4]) {
-  ParamSet requested;
-  if (params[0].size != 0 && !ParseTwoLists(InputOf(params[0]), &requested)) {
-    return Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+void VerifyAuthorization(uint32_t types, TaParam params[4]) {
+  const ParamSet requested = params[0].size == 0 ? ParamSet() : RequestOf(types, params, 0);
+  const std::optional<uint64_t> timeout = requested.Value(KM_TAG_AUTH_TIMEOUT);
   ByteReader input(InputOf(params[1]));
   uint64_t challenge = 0;
   AuthToken token;
-  if (!input.TakeU64(&challenge) || !AuthTokenValid(input.rest(), &token)) {
-    return Fail(KM_ERROR_VERIFICATION_FAILED);
-  }
-  const std::optional<uint64_t> timeout = requested.Value(KM_TAG_AUTH_TIMEOUT);
-  if (!AuthTokenSatisfies(token, requested) ||
+  if (!input.TakeU64(&challenge) || !AuthTokenValid(input.rest(), &token) ||
+      !AuthTokenSatisfies(token, requested) ||
       (timeout && !AuthTokenFresh(token, static_cast<uint32_t>(*timeout)))) {
-    return Fail(KM_ERROR_VERIFICATION_FAILED);
+    Fail(KM_ERROR_VERIFICATION_FAILED);
   }
   const ParamSet verified = Verifiable(requested);
-  const TEEC_Result result = Reply(SerializeOneList(verified), &params[2]);
-  return result != TEEC_SUCCESS ? result
-                                : Reply(VerificationToken(challenge, verified), &params[3]);
+  Reply(Serialize({&verified}), &params[2]);
+  Reply(VerificationToken(challenge, verified), &params[3]);
 }
 
 }  // namespace ta

@@ -13,7 +13,7 @@
 namespace ta {
 namespace {
 
-using Handler = TEEC_Result (*)(uint32_t types, TaParam params[4]);
+using Handler = void (*)(uint32_t types, TaParam params[4]);
 
 // A command, and the types of its parameters.
 struct Command {
@@ -65,17 +65,17 @@ bool AcceptsTypes(const Command& command, uint32_t types) {
   return types >> 16 == 0;
 }
 
-TEEC_Result Dispatch(uint32_t id, uint32_t types, TaParam params[4]) {
+void Dispatch(uint32_t id, uint32_t types, TaParam params[4]) {
   const Command* const end = std::end(kCommands);
   const Command* command =
       std::find_if(std::begin(kCommands), end, [id](const Command& c) { return c.id == id; });
-  if (command == end) return Fail(TEEC_ERROR_NOT_SUPPORTED);
-  if (!AcceptsTypes(*command, types)) return Fail(TEEC_ERROR_BAD_PARAMETERS);
+  if (command == end) Fail(TEEC_ERROR_NOT_SUPPORTED);
+  if (!AcceptsTypes(*command, types)) Fail(TEEC_ERROR_BAD_PARAMETERS);
   SystemVersion version;
   if (command->needs_configuration && !GetSystemVersion(&version)) {
-    return Fail(KM_ERROR_KEYMASTER_NOT_CONFIGURED);
+    Fail(KM_ERROR_KEYMASTER_NOT_CONFIGURED);
   }
-  return command->handler(types, params);
+  command->handler(types, params);
 }
 
 // Makes the session current while one of its commands runs, and leaves the libcrypto errors of this
@@ -111,17 +111,29 @@ void CloseSession(void* session) { delete static_cast<Session*>(session); }
 TEEC_Result Invoke(void* session, uint32_t command, uint32_t types, TaParam params[4]) {
   const SessionScope scope(static_cast<Session*>(session));
   try {
-    return Dispatch(command, types, params);
+    Dispatch(command, types, params);
+    return TEEC_SUCCESS;
+  } catch (const Failure& failure) {
+    return failure.code;
   } catch (const std::bad_alloc&) {
-    return Fail(TEEC_ERROR_OUT_OF_MEMORY);
+    return NoteFailure(TEEC_ERROR_OUT_OF_MEMORY);
   } catch (...) {
-    return Fail(TEEC_ERROR_GENERIC);
+    return NoteFailure(TEEC_ERROR_GENERIC);
   }
 }
 
 }  // namespace
 
-TEEC_Result GetErrorRecord(uint32_t, TaParam params[4]) {
+ParamSet RequestOf(uint32_t types, const TaParam params[4], uint32_t index) {
+  ParamSet request;
+  if (TEEC_PARAM_TYPE_GET(types, index) != TEEC_NONE &&
+      !ParseTwoLists(InputOf(params[index]), &request)) {
+    Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
+  return request;
+}
+
+void GetErrorRecord(uint32_t, TaParam params[4]) {
   const ErrorRecord& record = CurrentSession()->last_error;
   const ByteView name(reinterpret_cast<const uint8_t*>(record.function), strlen(record.function));
   Bytes reply;
@@ -129,7 +141,7 @@ TEEC_Result GetErrorRecord(uint32_t, TaParam params[4]) {
   AppendU32(&reply, record.line);
   AppendU32(&reply, static_cast<uint32_t>(name.size));
   AppendBytes(&reply, name);
-  return Reply(reply, &params[0]);
+  Reply(reply, &params[0]);
 }
 
 }  // namespace ta

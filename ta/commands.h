@@ -1,37 +1,41 @@
 // The TA's command handlers. Each is called with parameter types that the command table allows,
-// and returns a TEE result or a keymaster error as one.
+// and throws a Failure for any result but success.
 #ifndef TA_COMMANDS_H
 #define TA_COMMANDS_H
 
+#include "params.h"
 #include "result.h"
 
 namespace ta {
 
+// RequestOf reads the key parameters that a parameter carries; one that is left out has none.
+ParamSet RequestOf(uint32_t types, const TaParam params[4], uint32_t index);
+
 // Configuration and keys.
-TEEC_Result Configure(uint32_t types, TaParam params[4]);
-TEEC_Result GenerateKey(uint32_t types, TaParam params[4]);
-TEEC_Result GetKeyCharacteristics(uint32_t types, TaParam params[4]);
-TEEC_Result ImportKey(uint32_t types, TaParam params[4]);
-TEEC_Result ExportKey(uint32_t types, TaParam params[4]);
-TEEC_Result AttestKey(uint32_t types, TaParam params[4]);
-TEEC_Result UpgradeKey(uint32_t types, TaParam params[4]);
-TEEC_Result DeleteKey(uint32_t types, TaParam params[4]);
+void Configure(uint32_t types, TaParam params[4]);
+void GenerateKey(uint32_t types, TaParam params[4]);
+void GetKeyCharacteristics(uint32_t types, TaParam params[4]);
+void ImportKey(uint32_t types, TaParam params[4]);
+void ExportKey(uint32_t types, TaParam params[4]);
+void AttestKey(uint32_t types, TaParam params[4]);
+void UpgradeKey(uint32_t types, TaParam params[4]);
+void DeleteKey(uint32_t types, TaParam params[4]);
 
 // Operations.
-TEEC_Result BeginOperation(uint32_t types, TaParam params[4]);
-TEEC_Result UpdateOperation(uint32_t types, TaParam params[4]);
-TEEC_Result FinishOperation(uint32_t types, TaParam params[4]);
-TEEC_Result AbortOperation(uint32_t types, TaParam params[4]);
+void BeginOperation(uint32_t types, TaParam params[4]);
+void UpdateOperation(uint32_t types, TaParam params[4]);
+void FinishOperation(uint32_t types, TaParam params[4]);
+void AbortOperation(uint32_t types, TaParam params[4]);
 
 // Authorization, device state, HMAC sharing.
-TEEC_Result VerifyAuthorization(uint32_t types, TaParam params[4]);
-TEEC_Result EarlyBootEnded(uint32_t types, TaParam params[4]);
-TEEC_Result DeviceLocked(uint32_t types, TaParam params[4]);
-TEEC_Result GetHmacSharingParameters(uint32_t types, TaParam params[4]);
-TEEC_Result ComputeSharedHmac(uint32_t types, TaParam params[4]);
+void VerifyAuthorization(uint32_t types, TaParam params[4]);
+void EarlyBootEnded(uint32_t types, TaParam params[4]);
+void DeviceLocked(uint32_t types, TaParam params[4]);
+void GetHmacSharingParameters(uint32_t types, TaParam params[4]);
+void ComputeSharedHmac(uint32_t types, TaParam params[4]);
 
 // The session's own error record.
-TEEC_Result GetErrorRecord(uint32_t types, TaParam params[4]);
+void GetErrorRecord(uint32_t types, TaParam params[4]);
 
 }  // namespace ta
 

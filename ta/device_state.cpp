@@ -1,15 +1,13 @@
 #include "device_state.h"
 
-#include <openssl/rand.h>
 #include <time.h>
 
 #include <algorithm>
 #include <fstream>
 #include <stdexcept>
-#include <string>
 
 #include "commands.h"
-#include "key_material.h"
+#include "evp.h"
 #include "state.h"
 
 namespace ta {
@@ -18,14 +16,6 @@ namespace {
 constexpr char kFileName[] = "boot_state";
 constexpr size_t kKeySize = 32;
 enum Flag : uint8_t { kEarlyBootEnded = 1, kLocked = 2, kLockNeedsPassword = 4, kKeyShared = 8 };
-
-// The system's name for this boot; the same for all processes that run during it.
-std::string BootId() {
-  std::ifstream file("/proc/sys/kernel/random/boot_id");
-  std::string id;
-  if (!std::getline(file, id) || id.empty()) throw std::runtime_error("no boot id");
-  return id;
-}
 
 // Layout: boot id, flags (1 byte), time of the lock (8), nonce (32), shared key (32).
 SecureBytes Serialize(const std::string& boot_id, const BootState& state) {
@@ -65,6 +55,13 @@ bool Load(const std::string& boot_id, BootState* state) {
 
 }  // namespace
 
+std::string BootId() {
+  std::ifstream file("/proc/sys/kernel/random/boot_id");
+  std::string id;
+  if (!std::getline(file, id) || id.empty()) throw std::runtime_error("no boot id");
+  return id;
+}
+
 uint64_t MillisSinceBoot() {
   timespec now{};
   if (clock_gettime(CLOCK_BOOTTIME, &now) != 0) throw std::runtime_error("no clock");
@@ -80,8 +77,7 @@ BootState UpdateBootState(const std::function<void(BootState*)>& change) {
   state = BootState();
   if (!Load(boot_id, &state)) {
     state = BootState();
-    RequireCrypto(
-        RAND_bytes(state.sharing_nonce.data(), static_cast<int>(state.sharing_nonce.size())) == 1);
+    FillRandom(state.sharing_nonce.data(), state.sharing_nonce.size());
   }
   if (change) change(&state);
   ReplaceStateFile(kFileName, Serialize(boot_id, state));
@@ -103,19 +99,17 @@ bool DeviceUnlockedFor(const AuthToken* token) {
   return !UpdateBootState([&](BootState* state) { state->locked = still_locked(*state); }).locked;
 }
 
-TEEC_Result EarlyBootEnded(uint32_t, TaParam*) {
+void EarlyBootEnded(uint32_t, TaParam*) {
   UpdateBootState([](BootState* state) { state->early_boot_ended = true; });
-  return TEEC_SUCCESS;
 }
 
-TEEC_Result DeviceLocked(uint32_t, TaParam params[4]) {
+void DeviceLocked(uint32_t, TaParam params[4]) {
   const bool needs_password = params[0].a != 0;
   UpdateBootState([needs_password](BootState* state) {
     state->locked = true;
     state->lock_needs_password = needs_password;
     state->locked_at = MillisSinceBoot();
   });
-  return TEEC_SUCCESS;
 }
 
 }  // namespace ta

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <functional>
+#include <string>
 
 #include "auth.h"
 
@@ -20,6 +21,9 @@ struct BootState {
   bool lock_needs_password = false;
   uint64_t locked_at = 0;  // milliseconds since boot
 };
+
+// BootId is the system's name for this boot; the same for all processes that run during it.
+std::string BootId();
 
 // MillisSinceBoot is the clock of auth tokens, verification tokens and locks.
 uint64_t MillisSinceBoot();

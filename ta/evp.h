@@ -1,12 +1,15 @@
-// Owners of libcrypto objects.
+// Owners of libcrypto objects, and what the TA has libcrypto do in more than one place.
 #ifndef TA_EVP_H
 #define TA_EVP_H
 
 #include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
+#include <openssl/param_build.h>
 
 #include <memory>
+
+#include "bytes.h"
 
 namespace ta {
 
@@ -22,8 +25,23 @@ using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, CallFree<EVP_MD_CTX, EVP_MD_CTX_fre
 // Numbers may be parts of private keys: they are wiped.
 using BnPtr = std::unique_ptr<BIGNUM, CallFree<BIGNUM, BN_clear_free>>;
 using BnCtxPtr = std::unique_ptr<BN_CTX, CallFree<BN_CTX, BN_CTX_free>>;
-using GroupPtr = std::unique_ptr<EC_GROUP, CallFree<EC_GROUP, EC_GROUP_free>>;
-using PointPtr = std::unique_ptr<EC_POINT, CallFree<EC_POINT, EC_POINT_free>>;
+using ParamsPtr = std::unique_ptr<OSSL_PARAM, CallFree<OSSL_PARAM, OSSL_PARAM_free>>;
+using ParamBuilderPtr =
+    std::unique_ptr<OSSL_PARAM_BLD, CallFree<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>>;
+
+// RequireCrypto throws, which ends the command, when libcrypto failed at what it must be able to.
+void RequireCrypto(bool success);
+// FillRandom makes random bytes.
+void FillRandom(void* out, size_t size);
+// HmacSha256 returns 32 bytes.
+SecureBytes HmacSha256(const SecureBytes& key, ByteView message);
+// MakePkey makes a key pair of a type from its numbers; null when they are none.
+PkeyPtr MakePkey(const char* type, OSSL_PARAM_BLD* numbers);
+// StartCipher readies a cipher; nonce may be null for a mode without one.
+CipherCtxPtr StartCipher(const EVP_CIPHER* cipher, const SecureBytes& key, const uint8_t* nonce,
+                         bool encrypts);
+// FeedCipher runs input of any size through ctx and appends what comes out to output.
+void FeedCipher(EVP_CIPHER_CTX* ctx, ByteView input, SecureBytes* output);
 
 }  // namespace ta
 

@@ -1,7 +1,6 @@
 #include "hmac_sharing.h"
 
 #include <openssl/core_names.h>
-#include <openssl/hmac.h>
 #include <openssl/kdf.h>
 #include <openssl/params.h>
 
@@ -10,7 +9,6 @@
 #include "commands.h"
 #include "device_state.h"
 #include "evp.h"
-#include "key_material.h"
 #include "state.h"
 
 namespace ta {
@@ -48,13 +46,6 @@ SecureBytes DeriveSharedKey(ByteView sharing_parameters) {
   return key;
 }
 
-Bytes Hmac(const SecureBytes& key, ByteView message) {
-  Bytes mac(kSharedHmacSize);
-  RequireCrypto(HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), message.data,
-                     message.size, mac.data(), nullptr) != nullptr);
-  return mac;
-}
-
 SecureBytes OwnParameters(const BootState& state) {
   SecureBytes own = LoadOrCreateSecret(kSeedFile, kSharingSeedSize);
   AppendBytes(&own, ByteView(state.sharing_nonce.data(), state.sharing_nonce.size()));
@@ -72,34 +63,34 @@ bool ContainsOwn(ByteView sharing_parameters, const SecureBytes& own) {
 
 }  // namespace
 
-Bytes SharedHmac(ByteView message) {
+SecureBytes SharedHmac(ByteView message) {
   const BootState state = UpdateBootState();
   const bool shared = !state.shared_hmac_key.empty();
-  return Hmac(shared ? state.shared_hmac_key : DeriveSharedKey(OwnParameters(state)), message);
+  return HmacSha256(shared ? state.shared_hmac_key : DeriveSharedKey(OwnParameters(state)),
+                    message);
 }
 
-TEEC_Result GetHmacSharingParameters(uint32_t, TaParam params[4]) {
+void GetHmacSharingParameters(uint32_t, TaParam params[4]) {
   const SecureBytes own = OwnParameters(UpdateBootState());
-  const TEEC_Result seed = Reply(ByteView(own.data(), kSharingSeedSize), &params[0]);
-  const TEEC_Result nonce =
-      Reply(ByteView(own.data() + kSharingSeedSize, kSharingNonceSize), &params[1]);
-  return seed != TEEC_SUCCESS ? seed : nonce;
+  const bool fits = params[0].size >= kSharingSeedSize && params[1].size >= kSharingNonceSize;
+  params[0].size = kSharingSeedSize;
+  params[1].size = kSharingNonceSize;
+  if (!fits) Fail(TEEC_ERROR_SHORT_BUFFER);
+  std::copy_n(own.begin(), kSharingSeedSize, params[0].buffer);
+  std::copy_n(own.begin() + kSharingSeedSize, kSharingNonceSize, params[1].buffer);
 }
 
-TEEC_Result ComputeSharedHmac(uint32_t, TaParam params[4]) {
+void ComputeSharedHmac(uint32_t, TaParam params[4]) {
   const ByteView all = InputOf(params[0]);
   if (all.size % kSharingParametersSize != 0 ||
       !ContainsOwn(all, OwnParameters(UpdateBootState()))) {
-    return Fail(KM_ERROR_INVALID_ARGUMENT);
+    Fail(KM_ERROR_INVALID_ARGUMENT);
   }
   const SecureBytes key = DeriveSharedKey(all);
   const ByteView message(reinterpret_cast<const uint8_t*>(kCheckMessage),
                          sizeof(kCheckMessage) - 1);
-  const TEEC_Result result = Reply(Hmac(key, message), &params[1]);
-  if (result == TEEC_SUCCESS) {
-    UpdateBootState([&key](BootState* state) { state->shared_hmac_key = key; });
-  }
-  return result;
+  Reply(HmacSha256(key, message), &params[1]);
+  UpdateBootState([&key](BootState* state) { state->shared_hmac_key = key; });
 }
 
 }  // namespace ta

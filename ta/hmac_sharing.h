@@ -28,7 +28,7 @@ constexpr char kKeyAgreementKey[] = "host stand-in key agreement key.";
 static_assert(sizeof(kKeyAgreementKey) == 32 + 1, "the key agreement key has 32 bytes");
 
 // SharedHmac returns the HMAC-SHA256 of a message under the shared key.
-Bytes SharedHmac(ByteView message);
+SecureBytes SharedHmac(ByteView message);
 
 }  // namespace ta
 

@@ -29,17 +29,21 @@ struct Key {
 
 // SealKeyBlob seals a key under the device key, bound to the KM_TAG_APPLICATION_ID and
 // KM_TAG_APPLICATION_DATA of params.
-TEEC_Result SealKeyBlob(const Key& key, const ParamSet& params, Bytes* blob);
+Bytes SealKeyBlob(const Key& key, const ParamSet& params);
 // OpenKeyBlob opens a blob, of any system version. params holds the application id and data that it
 // was made with, among others. KM_ERROR_INVALID_KEY_BLOB for a blob that is garbled, foreign,
 // deleted or bound to others.
-TEEC_Result OpenKeyBlob(ByteView blob, const ParamSet& params, Key* key);
+Key OpenKeyBlob(ByteView blob, const ParamSet& params);
 // OpenCurrentKey opens a blob of the current system version: KM_ERROR_KEY_REQUIRES_UPGRADE for an
 // older one, KM_ERROR_INVALID_KEY_BLOB for a newer one.
-TEEC_Result OpenCurrentKey(ByteView blob, const ParamSet& params, Key* key);
+Key OpenCurrentKey(ByteView blob, const ParamSet& params);
 // IdentifyKeyBlob reads the id of the key in a sealed blob, whatever the blob is bound to and
 // whether or not the key was deleted.
-TEEC_Result IdentifyKeyBlob(ByteView blob, Bytes* key_id);
+Bytes IdentifyKeyBlob(ByteView blob);
+
+// VersionOrder compares the system version of a key with the current one: below 0 for an older one,
+// 0 for the same, above 0 for one of which any part is newer.
+int VersionOrder(const Key& key);
 
 }  // namespace ta
 

@@ -1,5 +1,3 @@
-#include <openssl/hmac.h>
-#include <openssl/rand.h>
 #include <openssl/sha.h>
 #include <string.h>
 
@@ -25,12 +23,7 @@ constexpr size_t kMaxBlob = 64 * 1024;
 
 SecureBytes BlobKey() {
   static constexpr char kLabel[] = "key blob";
-  const SecureBytes device_key = DeviceKey();
-  SecureBytes key(SHA256_DIGEST_LENGTH);
-  RequireCrypto(HMAC(EVP_sha256(), device_key.data(), static_cast<int>(device_key.size()),
-                     reinterpret_cast<const uint8_t*>(kLabel), sizeof(kLabel) - 1, key.data(),
-                     nullptr) != nullptr);
-  return key;
+  return HmacSha256(DeviceKey(), {reinterpret_cast<const uint8_t*>(kLabel), sizeof(kLabel) - 1});
 }
 
 // What a blob is bound to. An absent id and an empty one are the same.
@@ -47,14 +40,10 @@ Bytes BindingOf(const ParamSet& params) {
   return hash;
 }
 
-CipherCtxPtr StartGcm(const uint8_t* nonce, bool encrypt) {
-  const SecureBytes key = BlobKey();
-  CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+CipherCtxPtr StartGcm(const uint8_t* nonce, bool encrypts) {
+  CipherCtxPtr ctx = StartCipher(EVP_aes_256_gcm(), BlobKey(), nonce, encrypts);
   int ignored = 0;
-  RequireCrypto(ctx != nullptr &&
-                EVP_CipherInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce,
-                                  encrypt ? 1 : 0) == 1 &&
-                EVP_CipherUpdate(ctx.get(), nullptr, &ignored, &kVersion, sizeof(kVersion)) == 1);
+  RequireCrypto(EVP_CipherUpdate(ctx.get(), nullptr, &ignored, &kVersion, sizeof(kVersion)) == 1);
   return ctx;
 }
 
@@ -65,7 +54,7 @@ SecureBytes EncodeContent(const Key& key, const ParamSet& params) {
   AppendBytes(&content, BindingOf(params));
   AppendU32(&content, static_cast<uint32_t>(secret.size()));
   AppendBytes(&content, secret);
-  AppendBytes(&content, SerializeTwoLists(key.hw_enforced, key.sw_enforced));
+  AppendBytes(&content, Serialize({&key.hw_enforced, &key.sw_enforced}));
   return content;
 }
 
@@ -89,23 +78,24 @@ bool DecodeKey(ByteView encoded, Key* key) {
   return DecodeSecret(secret, key);
 }
 
-// Opens the seal, whoever the blob is bound to.
-bool Unseal(ByteView blob, SecureBytes* content) {
+// Opens the seal, whoever the blob is bound to. What comes out is long enough for id and binding.
+SecureBytes Unseal(ByteView blob) {
   if (blob.size < kHeaderSize + kKeyIdSize + kBindingSize + kTagSize || blob.size > kMaxBlob ||
       blob.data[0] != kVersion) {
-    return false;
+    Fail(KM_ERROR_INVALID_KEY_BLOB);
   }
   const size_t size = blob.size - kHeaderSize - kTagSize;
   const uint8_t* const sealed = blob.data + kHeaderSize;
   Bytes tag(sealed + size, sealed + size + kTagSize);
-  content->resize(size);
+  SecureBytes content;
   const CipherCtxPtr ctx = StartGcm(blob.data + 1, false);
-  int done = 0;
+  FeedCipher(ctx.get(), {sealed, size}, &content);
   int last = 0;
-  return EVP_DecryptUpdate(ctx.get(), content->data(), &done, sealed, static_cast<int>(size)) ==
-             1 &&
-         EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_AEAD_SET_TAG, kTagSize, tag.data()) == 1 &&
-         EVP_DecryptFinal_ex(ctx.get(), content->data() + done, &last) == 1;
+  if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_AEAD_SET_TAG, kTagSize, tag.data()) != 1 ||
+      EVP_DecryptFinal_ex(ctx.get(), content.data() + size, &last) != 1) {
+    Fail(KM_ERROR_INVALID_KEY_BLOB);
+  }
+  return content;
 }
 
 }  // namespace
@@ -115,58 +105,55 @@ const Param* Key::Find(uint32_t tag) const {
   return param != nullptr ? param : sw_enforced.Find(tag);
 }
 
-TEEC_Result SealKeyBlob(const Key& key, const ParamSet& params, Bytes* blob) {
+Bytes SealKeyBlob(const Key& key, const ParamSet& params) {
   const SecureBytes content = EncodeContent(key, params);
-  blob->assign(kHeaderSize + content.size() + kTagSize, kVersion);
-  uint8_t* const nonce = blob->data() + 1;
-  uint8_t* const sealed = blob->data() + kHeaderSize;
-  RequireCrypto(RAND_bytes(nonce, kNonceSize) == 1);
-  const CipherCtxPtr ctx = StartGcm(nonce, true);
-  int size = 0;
+  Bytes blob(kHeaderSize, kVersion);
+  FillRandom(blob.data() + 1, kNonceSize);
+  const CipherCtxPtr ctx = StartGcm(blob.data() + 1, true);
+  SecureBytes sealed;
+  FeedCipher(ctx.get(), content, &sealed);
+  uint8_t tag[kTagSize];
   int last = 0;
-  RequireCrypto(EVP_EncryptUpdate(ctx.get(), sealed, &size, content.data(),
-                                  static_cast<int>(content.size())) == 1 &&
-                EVP_EncryptFinal_ex(ctx.get(), sealed + size, &last) == 1 &&
-                EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_AEAD_GET_TAG, kTagSize,
-                                    sealed + content.size()) == 1);
-  return TEEC_SUCCESS;
+  RequireCrypto(EVP_EncryptFinal_ex(ctx.get(), tag, &last) == 1 &&
+                EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_AEAD_GET_TAG, kTagSize, tag) == 1);
+  AppendBytes(&blob, sealed);
+  AppendBytes(&blob, {tag, kTagSize});
+  return blob;
 }
 
-TEEC_Result OpenKeyBlob(ByteView blob, const ParamSet& params, Key* key) {
-  SecureBytes content;
-  if (!Unseal(blob, &content)) return Fail(KM_ERROR_INVALID_KEY_BLOB);
-  ByteReader reader(content);
-  ByteView id;
-  ByteView binding;
-  if (!reader.TakeBytes(kKeyIdSize, &id) || !reader.TakeBytes(kBindingSize, &binding) ||
-      CRYPTO_memcmp(binding.data, BindingOf(params).data(), kBindingSize) != 0 ||
-      !DecodeKey(reader.rest(), key)) {
-    return Fail(KM_ERROR_INVALID_KEY_BLOB);
+Key OpenKeyBlob(ByteView blob, const ParamSet& params) {
+  const SecureBytes content = Unseal(blob);
+  const uint8_t* const binding = content.data() + kKeyIdSize;
+  const size_t bound = kKeyIdSize + kBindingSize;
+  Key key;
+  key.id.assign(content.data(), binding);
+  if (CRYPTO_memcmp(binding, BindingOf(params).data(), kBindingSize) != 0 ||
+      !DecodeKey({content.data() + bound, content.size() - bound}, &key) || IsKeyDeleted(key.id)) {
+    Fail(KM_ERROR_INVALID_KEY_BLOB);
   }
-  key->id.assign(id.begin(), id.end());
-  return IsKeyDeleted(key->id) ? Fail(KM_ERROR_INVALID_KEY_BLOB) : TEEC_SUCCESS;
+  return key;
 }
 
-TEEC_Result IdentifyKeyBlob(ByteView blob, Bytes* key_id) {
-  SecureBytes content;
-  if (!Unseal(blob, &content)) return Fail(KM_ERROR_INVALID_KEY_BLOB);
-  key_id->assign(content.data(), content.data() + kKeyIdSize);
-  return TEEC_SUCCESS;
+Bytes IdentifyKeyBlob(ByteView blob) {
+  const SecureBytes content = Unseal(blob);
+  return Bytes(content.data(), content.data() + kKeyIdSize);
 }
 
-TEEC_Result OpenCurrentKey(ByteView blob, const ParamSet& params, Key* key) {
-  if (const TEEC_Result result = OpenKeyBlob(blob, params, key); result != 0) return result;
+int VersionOrder(const Key& key) {
   SystemVersion now;
   GetSystemVersion(&now);
-  const uint32_t os_version = HardwareValue(*key, KM_TAG_OS_VERSION);
-  const uint32_t os_patchlevel = HardwareValue(*key, KM_TAG_OS_PATCHLEVEL);
-  if (os_version > now.os_version || os_patchlevel > now.os_patchlevel) {
-    return Fail(KM_ERROR_INVALID_KEY_BLOB);
-  }
-  if (os_version < now.os_version || os_patchlevel < now.os_patchlevel) {
-    return Fail(KM_ERROR_KEY_REQUIRES_UPGRADE);
-  }
-  return TEEC_SUCCESS;
+  const uint32_t os_version = HardwareValue(key, KM_TAG_OS_VERSION);
+  const uint32_t os_patchlevel = HardwareValue(key, KM_TAG_OS_PATCHLEVEL);
+  if (os_version > now.os_version || os_patchlevel > now.os_patchlevel) return 1;
+  return os_version < now.os_version || os_patchlevel < now.os_patchlevel ? -1 : 0;
+}
+
+Key OpenCurrentKey(ByteView blob, const ParamSet& params) {
+  Key key = OpenKeyBlob(blob, params);
+  const int order = VersionOrder(key);
+  if (order > 0) Fail(KM_ERROR_INVALID_KEY_BLOB);
+  if (order < 0) Fail(KM_ERROR_KEY_REQUIRES_UPGRADE);
+  return key;
 }
 
 }  // namespace ta

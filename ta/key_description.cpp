@@ -8,66 +8,61 @@
 namespace ta {
 namespace {
 
-using Values = std::vector<uint32_t>;
-
-// What an algorithm can do, and its sizes in bits. A list that is empty is not looked at.
-struct AlgorithmRules {
-  uint32_t algorithm;
-  uint32_t min_size;
-  uint32_t max_size;
-  uint32_t size_step;
-  Values purposes;
-  Values digests;
-  Values paddings;
-  Values block_modes;
+// The sizes of an algorithm's keys, in bits.
+constexpr struct {
+  uint32_t algorithm, min, max, step;
+} kSizes[] = {
+    {KM_ALGORITHM_RSA, 512, 4096, 8}, {KM_ALGORITHM_EC, 224, 521, 1},
+    {KM_ALGORITHM_AES, 128, 256, 64}, {KM_ALGORITHM_TRIPLE_DES, 168, 168, 1},
+    {KM_ALGORITHM_HMAC, 64, 512, 8},
 };
 
-const AlgorithmRules* RulesOf(uint64_t algorithm) {
-  static const Values kAllDigests = {KM_DIGEST_NONE,      KM_DIGEST_MD5,       KM_DIGEST_SHA1,
-                                     KM_DIGEST_SHA_2_224, KM_DIGEST_SHA_2_256, KM_DIGEST_SHA_2_384,
-                                     KM_DIGEST_SHA_2_512};
-  static const AlgorithmRules kRules[] = {
+bool IsAlgorithm(uint64_t algorithm) {
+  return std::any_of(std::begin(kSizes), std::end(kSizes),
+                     [algorithm](const auto& row) { return row.algorithm == algorithm; });
+}
+
+// Whether an algorithm can have that value of a tag; of tags that no row is about, any.
+bool Knows(uint64_t algorithm, keymaster_tag_t tag, uint64_t value) {
+  using Values = std::vector<uint32_t>;
+  static const Values kCiphers = {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT};
+  static const Values kSigners = {KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY};
+  static const Values kPaddings = {KM_PAD_NONE, KM_PAD_PKCS7};
+  static const Values kMacDigests = {KM_DIGEST_SHA1, KM_DIGEST_SHA_2_224, KM_DIGEST_SHA_2_256,
+                                     KM_DIGEST_SHA_2_384, KM_DIGEST_SHA_2_512};
+  static const Values kDigests = {KM_DIGEST_NONE,      KM_DIGEST_MD5,       KM_DIGEST_SHA1,
+                                  KM_DIGEST_SHA_2_224, KM_DIGEST_SHA_2_256, KM_DIGEST_SHA_2_384,
+                                  KM_DIGEST_SHA_2_512};
+  static const struct {
+    uint32_t algorithm;
+    keymaster_tag_t tag;
+    Values values;
+  } kRows[] = {
       {KM_ALGORITHM_RSA,
-       512,
-       4096,
-       8,
+       KM_TAG_PURPOSE,
        {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT, KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY,
-        KM_PURPOSE_WRAP_KEY},
-       kAllDigests,
+        KM_PURPOSE_WRAP_KEY}},
+      {KM_ALGORITHM_RSA, KM_TAG_DIGEST, kDigests},
+      {KM_ALGORITHM_RSA,
+       KM_TAG_PADDING,
        {KM_PAD_NONE, KM_PAD_RSA_OAEP, KM_PAD_RSA_PSS, KM_PAD_RSA_PKCS1_1_5_ENCRYPT,
-        KM_PAD_RSA_PKCS1_1_5_SIGN},
-       {}},
-      {KM_ALGORITHM_EC, 224, 521, 1, {KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY}, kAllDigests, {}, {}},
-      {KM_ALGORITHM_AES,
-       128,
-       256,
-       64,
-       {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT},
-       {},
-       {KM_PAD_NONE, KM_PAD_PKCS7},
-       {KM_MODE_ECB, KM_MODE_CBC, KM_MODE_CTR, KM_MODE_GCM}},
-      {KM_ALGORITHM_TRIPLE_DES,
-       168,
-       168,
-       1,
-       {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT},
-       {},
-       {KM_PAD_NONE, KM_PAD_PKCS7},
-       {KM_MODE_ECB, KM_MODE_CBC}},
-      {KM_ALGORITHM_HMAC,
-       64,
-       512,
-       8,
-       {KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY},
-       {KM_DIGEST_SHA1, KM_DIGEST_SHA_2_224, KM_DIGEST_SHA_2_256, KM_DIGEST_SHA_2_384,
-        KM_DIGEST_SHA_2_512},
-       {},
-       {}},
+        KM_PAD_RSA_PKCS1_1_5_SIGN}},
+      {KM_ALGORITHM_EC, KM_TAG_PURPOSE, kSigners},
+      {KM_ALGORITHM_EC, KM_TAG_DIGEST, kDigests},
+      {KM_ALGORITHM_AES, KM_TAG_PURPOSE, kCiphers},
+      {KM_ALGORITHM_AES, KM_TAG_PADDING, kPaddings},
+      {KM_ALGORITHM_AES, KM_TAG_BLOCK_MODE, {KM_MODE_ECB, KM_MODE_CBC, KM_MODE_CTR, KM_MODE_GCM}},
+      {KM_ALGORITHM_TRIPLE_DES, KM_TAG_PURPOSE, kCiphers},
+      {KM_ALGORITHM_TRIPLE_DES, KM_TAG_PADDING, kPaddings},
+      {KM_ALGORITHM_TRIPLE_DES, KM_TAG_BLOCK_MODE, {KM_MODE_ECB, KM_MODE_CBC}},
+      {KM_ALGORITHM_HMAC, KM_TAG_PURPOSE, kSigners},
+      {KM_ALGORITHM_HMAC, KM_TAG_DIGEST, kMacDigests},
   };
-  for (const AlgorithmRules& rules : kRules) {
-    if (rules.algorithm == algorithm) return &rules;
+  for (const auto& row : kRows) {
+    if (row.algorithm != algorithm || row.tag != tag) continue;
+    return std::count(row.values.begin(), row.values.end(), value) != 0;
   }
-  return nullptr;
+  return true;
 }
 
 constexpr Curve kCurves[] = {
@@ -77,28 +72,18 @@ constexpr Curve kCurves[] = {
     {KM_EC_CURVE_P_521, 521, "P-521"},
 };
 
-bool AllKnown(const ParamSet& description, uint32_t tag, const Values& known) {
-  return known.empty() || std::all_of(description.begin(), description.end(), [&](const Param& p) {
-           return p.tag != tag || std::count(known.begin(), known.end(), p.value) != 0;
-         });
-}
-
-TEEC_Result CheckMinMacLength(const ParamSet& description, uint32_t least, uint32_t most) {
+void CheckMinMacLength(const ParamSet& description, uint32_t least, uint32_t most) {
   const std::optional<uint64_t> length = description.Value(KM_TAG_MIN_MAC_LENGTH);
-  if (!length) return Fail(KM_ERROR_MISSING_MIN_MAC_LENGTH);
+  if (!length) Fail(KM_ERROR_MISSING_MIN_MAC_LENGTH);
   if (*length < least || *length > most || *length % 8 != 0) {
-    return Fail(KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH);
+    Fail(KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH);
   }
-  return TEEC_SUCCESS;
 }
 
-TEEC_Result CheckHmac(const ParamSet& description) {
+void CheckHmac(const ParamSet& description) {
   constexpr uint32_t kDigestBits[] = {0, 0, 160, 224, 256, 384, 512};
-  const auto is_digest = [](const Param& param) { return param.tag == KM_TAG_DIGEST; };
-  if (std::count_if(description.begin(), description.end(), is_digest) != 1) {
-    return Fail(KM_ERROR_UNSUPPORTED_DIGEST);
-  }
-  return CheckMinMacLength(description, 64, kDigestBits[*description.Value(KM_TAG_DIGEST)]);
+  if (description.Count(KM_TAG_DIGEST) != 1) Fail(KM_ERROR_UNSUPPORTED_DIGEST);
+  CheckMinMacLength(description, 64, kDigestBits[*description.Value(KM_TAG_DIGEST)]);
 }
 
 // Tags that the hardware-enforced list takes from a description; the TA adds origin and version.
@@ -157,45 +142,41 @@ uint64_t WallClockMillis() {
           .count());
 }
 
-TEEC_Result CheckKeyDescription(const ParamSet& description) {
-  const AlgorithmRules* rules = RulesOf(description.Value(KM_TAG_ALGORITHM).value_or(0));
-  if (rules == nullptr) return Fail(KM_ERROR_UNSUPPORTED_ALGORITHM);
-  const struct {
-    uint32_t tag;
-    const Values& known;
-    keymaster_error_t error;
-  } checks[] = {
-      {KM_TAG_PURPOSE, rules->purposes, KM_ERROR_UNSUPPORTED_PURPOSE},
-      {KM_TAG_DIGEST, rules->digests, KM_ERROR_UNSUPPORTED_DIGEST},
-      {KM_TAG_PADDING, rules->paddings, KM_ERROR_UNSUPPORTED_PADDING_MODE},
-      {KM_TAG_BLOCK_MODE, rules->block_modes, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
+void CheckKeyDescription(const ParamSet& description) {
+  const uint64_t algorithm = description.Value(KM_TAG_ALGORITHM).value_or(0);
+  if (!IsAlgorithm(algorithm)) Fail(KM_ERROR_UNSUPPORTED_ALGORITHM);
+  constexpr std::pair<keymaster_tag_t, keymaster_error_t> kChecks[] = {
+      {KM_TAG_PURPOSE, KM_ERROR_UNSUPPORTED_PURPOSE},
+      {KM_TAG_DIGEST, KM_ERROR_UNSUPPORTED_DIGEST},
+      {KM_TAG_PADDING, KM_ERROR_UNSUPPORTED_PADDING_MODE},
+      {KM_TAG_BLOCK_MODE, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
   };
-  for (const auto& check : checks) {
-    if (!AllKnown(description, check.tag, check.known)) return Fail(check.error);
+  for (const auto& [tag, error] : kChecks) {
+    for (const Param& param : description) {
+      if (param.tag == static_cast<uint32_t>(tag) && !Knows(algorithm, tag, param.value)) {
+        Fail(error);
+      }
+    }
   }
-  if (rules->algorithm == KM_ALGORITHM_HMAC) return CheckHmac(description);
-  if (rules->algorithm == KM_ALGORITHM_AES &&
-      description.Contains(KM_TAG_BLOCK_MODE, KM_MODE_GCM)) {
-    return CheckMinMacLength(description, 96, 128);
+  if (algorithm == KM_ALGORITHM_HMAC) CheckHmac(description);
+  if (algorithm == KM_ALGORITHM_AES && description.Contains(KM_TAG_BLOCK_MODE, KM_MODE_GCM)) {
+    CheckMinMacLength(description, 96, 128);
   }
-  return TEEC_SUCCESS;
 }
 
-TEEC_Result CheckKeySize(uint32_t algorithm, uint32_t key_size) {
-  const AlgorithmRules* rules = RulesOf(algorithm);
-  if (rules == nullptr) return Fail(KM_ERROR_UNSUPPORTED_ALGORITHM);
-  if (key_size < rules->min_size || key_size > rules->max_size ||
-      key_size % rules->size_step != 0 ||
-      (algorithm == KM_ALGORITHM_EC && CurveBySize(key_size) == nullptr)) {
-    return Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
+void CheckKeySize(uint32_t algorithm, uint32_t key_size) {
+  if (!IsAlgorithm(algorithm)) Fail(KM_ERROR_UNSUPPORTED_ALGORITHM);
+  for (const auto& row : kSizes) {
+    if (row.algorithm != algorithm) continue;
+    if (key_size < row.min || key_size > row.max || key_size % row.step != 0 ||
+        (algorithm == KM_ALGORITHM_EC && CurveBySize(key_size) == nullptr)) {
+      Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
+    }
   }
-  return TEEC_SUCCESS;
 }
 
 bool HasPurpose(uint32_t algorithm, uint32_t purpose) {
-  const AlgorithmRules* rules = RulesOf(algorithm);
-  return rules != nullptr &&
-         std::count(rules->purposes.begin(), rules->purposes.end(), purpose) != 0;
+  return Knows(algorithm, KM_TAG_PURPOSE, purpose);
 }
 
 const Curve* CurveById(uint64_t id) {

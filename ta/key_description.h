@@ -9,9 +9,9 @@ namespace ta {
 // CheckKeyDescription refuses a description that no key of its algorithm can have: purposes,
 // digests, paddings and block modes unknown to it, missing or bad MAC lengths. It leaves sizes to
 // CheckKeySize.
-TEEC_Result CheckKeyDescription(const ParamSet& description);
+void CheckKeyDescription(const ParamSet& description);
 // CheckKeySize tells whether the TA makes keys of that algorithm and size (bits).
-TEEC_Result CheckKeySize(uint32_t algorithm, uint32_t key_size);
+void CheckKeySize(uint32_t algorithm, uint32_t key_size);
 
 // HasPurpose tells whether any key of that algorithm can have that purpose.
 bool HasPurpose(uint32_t algorithm, uint32_t purpose);

@@ -1,11 +1,7 @@
 #include "key_material.h"
 
 #include <openssl/core_names.h>
-#include <openssl/param_build.h>
-#include <openssl/rand.h>
 #include <openssl/x509.h>
-
-#include <stdexcept>
 
 #include "key_description.h"
 #include "rsa_material.h"
@@ -35,29 +31,26 @@ void SetCurve(const Curve& curve, Key* key) {
 }
 
 // The curve that a description asks for by name, by size or by both.
-TEEC_Result ChooseCurve(const ParamSet& description, Key* key) {
+const Curve& ChooseCurve(const ParamSet& description) {
   const std::optional<uint64_t> id = description.Value(KM_TAG_EC_CURVE);
   const std::optional<uint64_t> size = description.Value(KM_TAG_KEY_SIZE);
-  if (!id && !size) return Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  if (!id && !size) Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
   const Curve* curve = id ? CurveById(*id) : CurveBySize(*size);
-  if (curve == nullptr) {
-    return Fail(id ? KM_ERROR_UNSUPPORTED_EC_CURVE : KM_ERROR_UNSUPPORTED_KEY_SIZE);
-  }
-  if (size && *size != curve->key_size) return Fail(KM_ERROR_INVALID_ARGUMENT);
-  SetCurve(*curve, key);
-  return TEEC_SUCCESS;
+  if (curve == nullptr) Fail(id ? KM_ERROR_UNSUPPORTED_EC_CURVE : KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  if (size && *size != curve->key_size) Fail(KM_ERROR_INVALID_ARGUMENT);
+  return *curve;
 }
 
-TEEC_Result GenerateEc(const ParamSet& description, Key* key) {
-  if (const TEEC_Result result = ChooseCurve(description, key); result != 0) return result;
-  key->pkey.reset(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", CurveById(key->curve)->name));
+void GenerateEc(const ParamSet& description, Key* key) {
+  const Curve& curve = ChooseCurve(description);
+  SetCurve(curve, key);
+  key->pkey.reset(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", curve.name));
   RequireCrypto(key->pkey != nullptr);
-  return TEEC_SUCCESS;
 }
 
-TEEC_Result GenerateRsa(const ParamSet& description, Key* key) {
+void GenerateRsa(const ParamSet& description, Key* key) {
   const uint64_t exponent = description.Value(KM_TAG_RSA_PUBLIC_EXPONENT).value_or(0);
-  if (exponent < 3 || exponent % 2 == 0) return Fail(KM_ERROR_INVALID_ARGUMENT);
+  if (exponent < 3 || exponent % 2 == 0) Fail(KM_ERROR_INVALID_ARGUMENT);
   const BnPtr e(BN_new());
   const PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
   EVP_PKEY* pkey = nullptr;
@@ -67,15 +60,12 @@ TEEC_Result GenerateRsa(const ParamSet& description, Key* key) {
                 EVP_PKEY_CTX_set1_rsa_keygen_pubexp(ctx.get(), e.get()) == 1 &&
                 EVP_PKEY_keygen(ctx.get(), &pkey) == 1);
   key->pkey.reset(pkey);
-  return TEEC_SUCCESS;
 }
 
-TEEC_Result GenerateSymmetric(Key* key) {
+void GenerateSymmetric(Key* key) {
   // Of a Triple DES key's 192 bits 24 are parity.
   key->symmetric.resize(key->algorithm == KM_ALGORITHM_TRIPLE_DES ? 24 : key->key_size / 8);
-  RequireCrypto(RAND_priv_bytes(key->symmetric.data(), static_cast<int>(key->symmetric.size())) ==
-                1);
-  return TEEC_SUCCESS;
+  FillRandom(key->symmetric.data(), key->symmetric.size());
 }
 
 // A coordinate or scalar of EC key material, in the full width of the field.
@@ -90,128 +80,115 @@ bool TakePadded(ByteReader* reader, uint32_t length, size_t width, SecureBytes* 
 PkeyPtr MakeEcPkey(const Curve& curve, const SecureBytes& point, const SecureBytes& scalar) {
   const BnPtr private_key(
       BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), BN_secure_new()));
-  OSSL_PARAM_BLD* builder = OSSL_PARAM_BLD_new();
+  const ParamBuilderPtr numbers(OSSL_PARAM_BLD_new());
   const bool built =
-      builder != nullptr && private_key != nullptr &&
-      OSSL_PARAM_BLD_push_utf8_string(builder, OSSL_PKEY_PARAM_GROUP_NAME, curve.name, 0) == 1 &&
-      OSSL_PARAM_BLD_push_octet_string(builder, OSSL_PKEY_PARAM_PUB_KEY, point.data(),
+      numbers != nullptr && private_key != nullptr &&
+      OSSL_PARAM_BLD_push_utf8_string(numbers.get(), OSSL_PKEY_PARAM_GROUP_NAME, curve.name, 0) ==
+          1 &&
+      OSSL_PARAM_BLD_push_octet_string(numbers.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
                                        point.size()) == 1 &&
-      OSSL_PARAM_BLD_push_BN(builder, OSSL_PKEY_PARAM_PRIV_KEY, private_key.get()) == 1;
-  OSSL_PARAM* params = built ? OSSL_PARAM_BLD_to_param(builder) : nullptr;
-  OSSL_PARAM_BLD_free(builder);
-  const PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
-  EVP_PKEY* pkey = nullptr;
-  // A point off the curve already fails here: that is the material's fault.
-  if (ctx != nullptr && params != nullptr && EVP_PKEY_fromdata_init(ctx.get()) == 1 &&
-      EVP_PKEY_fromdata(ctx.get(), &pkey, EVP_PKEY_KEYPAIR, params) != 1) {
-    pkey = nullptr;
-  }
-  OSSL_PARAM_free(params);
-  return PkeyPtr(pkey);
+      OSSL_PARAM_BLD_push_BN(numbers.get(), OSSL_PKEY_PARAM_PRIV_KEY, private_key.get()) == 1;
+  // Null already for a point off the curve.
+  return built ? MakePkey("EC", numbers.get()) : nullptr;
 }
 
-TEEC_Result ImportEc(ByteView material, Key* key) {
+void ImportEc(ByteView material, Key* key) {
   ByteReader reader(material);
-  uint32_t size = 0;
-  uint32_t point_form = 0;
-  uint32_t lengths[3];
-  if (!reader.TakeU32(&size) || !reader.TakeU32(&point_form) || !reader.TakeU32(&lengths[0]) ||
-      !reader.TakeU32(&lengths[1]) || !reader.TakeU32(&lengths[2])) {
-    return Fail(KM_ERROR_INVALID_ARGUMENT);
+  uint32_t header[5];  // size, form of the point, lengths of X, Y and the scalar
+  for (uint32_t& field : header) {
+    if (!reader.TakeU32(&field)) Fail(KM_ERROR_INVALID_ARGUMENT);
   }
-  const Curve* curve = CurveBySize(size);
-  if (curve == nullptr) return Fail(KM_ERROR_UNSUPPORTED_EC_CURVE);
-  const size_t width = (size + 7) / 8;
+  const Curve* curve = CurveBySize(header[0]);
+  if (curve == nullptr) Fail(KM_ERROR_UNSUPPORTED_EC_CURVE);
+  const size_t width = (curve->key_size + 7) / 8;
   SecureBytes point = {POINT_CONVERSION_UNCOMPRESSED};
   SecureBytes scalar;
-  if (!TakePadded(&reader, lengths[0], width, &point) ||
-      !TakePadded(&reader, lengths[1], width, &point) ||
-      !TakePadded(&reader, lengths[2], width, &scalar) || reader.remaining() != 0) {
-    return Fail(KM_ERROR_INVALID_ARGUMENT);
+  if (!TakePadded(&reader, header[2], width, &point) ||
+      !TakePadded(&reader, header[3], width, &point) ||
+      !TakePadded(&reader, header[4], width, &scalar) || reader.remaining() != 0) {
+    Fail(KM_ERROR_INVALID_ARGUMENT);
   }
   key->pkey = MakeEcPkey(*curve, point, scalar);
-  if (key->pkey == nullptr) return Fail(KM_ERROR_INVALID_ARGUMENT);
+  if (key->pkey == nullptr) Fail(KM_ERROR_INVALID_ARGUMENT);
   const PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, key->pkey.get(), nullptr));
   RequireCrypto(ctx != nullptr);
-  if (EVP_PKEY_check(ctx.get()) != 1) return Fail(KM_ERROR_INVALID_ARGUMENT);
+  if (EVP_PKEY_check(ctx.get()) != 1) Fail(KM_ERROR_INVALID_ARGUMENT);
   SetCurve(*curve, key);
-  return TEEC_SUCCESS;
 }
 
-TEEC_Result ImportRsa(ByteView material, Key* key) {
-  if (const TEEC_Result result = ImportRsaMaterial(material, key); result != 0) return result;
-  key->key_size = static_cast<uint32_t>(EVP_PKEY_get_bits(key->pkey.get()));
-  return TEEC_SUCCESS;
-}
-
-TEEC_Result ImportSymmetric(ByteView material, Key* key) {
-  if (material.size == 0 || material.size > 64) return Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
+void ImportSymmetric(ByteView material, Key* key) {
   const bool triple_des = key->algorithm == KM_ALGORITHM_TRIPLE_DES;
-  if (triple_des && material.size != 24) return Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  if (material.size == 0 || material.size > 64 || (triple_des && material.size != 24)) {
+    Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  }
   key->key_size = triple_des ? 168 : static_cast<uint32_t>(material.size * 8);
   key->symmetric.assign(material.begin(), material.end());
-  return TEEC_SUCCESS;
 }
 
 // Adds what the description leaves open and refuses what it says otherwise.
-TEEC_Result Reconcile(uint32_t tag, uint64_t actual, ParamSet* description) {
+void Reconcile(uint32_t tag, uint64_t actual, ParamSet* description) {
   const std::optional<uint64_t> described = description->Value(tag);
   if (!described) description->Add(tag, actual);
-  return described && *described != actual ? Fail(KM_ERROR_IMPORT_PARAMETER_MISMATCH)
-                                           : TEEC_SUCCESS;
+  if (described && *described != actual) Fail(KM_ERROR_IMPORT_PARAMETER_MISMATCH);
 }
 
 }  // namespace
 
-void RequireCrypto(bool success) {
-  if (!success) throw std::runtime_error("libcrypto failed");
+Key GenerateMaterial(const ParamSet& description) {
+  Key key;
+  key.algorithm = static_cast<uint32_t>(description.Value(KM_TAG_ALGORITHM).value_or(0));
+  key.key_size = static_cast<uint32_t>(description.Value(KM_TAG_KEY_SIZE).value_or(0));
+  if (key.algorithm != KM_ALGORITHM_EC) CheckKeySize(key.algorithm, key.key_size);
+  switch (key.algorithm) {
+    case KM_ALGORITHM_EC:
+      GenerateEc(description, &key);
+      break;
+    case KM_ALGORITHM_RSA:
+      GenerateRsa(description, &key);
+      break;
+    default:
+      GenerateSymmetric(&key);
+  }
+  return key;
 }
 
-TEEC_Result GenerateMaterial(const ParamSet& description, Key* key) {
-  key->algorithm = static_cast<uint32_t>(description.Value(KM_TAG_ALGORITHM).value_or(0));
-  if (key->algorithm == KM_ALGORITHM_EC) return GenerateEc(description, key);
-  key->key_size = static_cast<uint32_t>(description.Value(KM_TAG_KEY_SIZE).value_or(0));
-  const TEEC_Result result = CheckKeySize(key->algorithm, key->key_size);
-  if (result != 0) return result;
-  return key->algorithm == KM_ALGORITHM_RSA ? GenerateRsa(description, key)
-                                            : GenerateSymmetric(key);
+Key ImportMaterial(ByteView material, ParamSet* description) {
+  Key key;
+  key.algorithm = static_cast<uint32_t>(description->Value(KM_TAG_ALGORITHM).value_or(0));
+  switch (key.algorithm) {
+    case KM_ALGORITHM_EC:
+      ImportEc(material, &key);
+      break;
+    case KM_ALGORITHM_RSA:
+      ImportRsaMaterial(material, &key);
+      key.key_size = static_cast<uint32_t>(EVP_PKEY_get_bits(key.pkey.get()));
+      break;
+    default:
+      ImportSymmetric(material, &key);
+  }
+  CheckKeySize(key.algorithm, key.key_size);
+  Reconcile(KM_TAG_KEY_SIZE, key.key_size, description);
+  if (key.algorithm == KM_ALGORITHM_EC) Reconcile(KM_TAG_EC_CURVE, key.curve, description);
+  if (key.algorithm == KM_ALGORITHM_RSA) {
+    const BnPtr e = PartOf(key, OSSL_PKEY_PARAM_RSA_E);
+    Reconcile(KM_TAG_RSA_PUBLIC_EXPONENT, BN_get_word(e.get()), description);
+  }
+  return key;
 }
 
-TEEC_Result ImportMaterial(ByteView material, ParamSet* description, Key* key) {
-  key->algorithm = static_cast<uint32_t>(description->Value(KM_TAG_ALGORITHM).value_or(0));
-  TEEC_Result result = 0;
-  if (key->algorithm == KM_ALGORITHM_RSA) {
-    result = ImportRsa(material, key);
-  } else if (key->algorithm == KM_ALGORITHM_EC) {
-    result = ImportEc(material, key);
-  } else {
-    result = ImportSymmetric(material, key);
-  }
-  if (result != 0) return result;
-  if (result = CheckKeySize(key->algorithm, key->key_size); result != 0) return result;
-  result = Reconcile(KM_TAG_KEY_SIZE, key->key_size, description);
-  if (result == 0 && key->algorithm == KM_ALGORITHM_EC) {
-    result = Reconcile(KM_TAG_EC_CURVE, key->curve, description);
-  }
-  if (result == 0 && key->algorithm == KM_ALGORITHM_RSA) {
-    const BnPtr e = PartOf(*key, OSSL_PKEY_PARAM_RSA_E);
-    result = Reconcile(KM_TAG_RSA_PUBLIC_EXPONENT, BN_get_word(e.get()), description);
-  }
-  return result;
-}
-
-TEEC_Result ExportPublicKey(const Key& key, Bytes* out) {
-  if (!IsAsymmetric(key.algorithm)) return Fail(KM_ERROR_UNSUPPORTED_KEY_FORMAT);
+Bytes ExportPublicKey(const Key& key) {
+  if (!IsAsymmetric(key.algorithm)) Fail(KM_ERROR_UNSUPPORTED_KEY_FORMAT);
+  Bytes out;
   const bool rsa = key.algorithm == KM_ALGORITHM_RSA;
   const Bytes first = ToBytes(PartOf(key, rsa ? OSSL_PKEY_PARAM_RSA_N : OSSL_PKEY_PARAM_EC_PUB_X));
   const Bytes second = ToBytes(PartOf(key, rsa ? OSSL_PKEY_PARAM_RSA_E : OSSL_PKEY_PARAM_EC_PUB_Y));
-  AppendU32(out, key.algorithm);
-  AppendU32(out, key.key_size);
-  AppendU32(out, static_cast<uint32_t>(first.size()));
-  AppendU32(out, static_cast<uint32_t>(second.size()));
-  AppendBytes(out, first);
-  AppendBytes(out, second);
-  return TEEC_SUCCESS;
+  AppendU32(&out, key.algorithm);
+  AppendU32(&out, key.key_size);
+  AppendU32(&out, static_cast<uint32_t>(first.size()));
+  AppendU32(&out, static_cast<uint32_t>(second.size()));
+  AppendBytes(&out, first);
+  AppendBytes(&out, second);
+  return out;
 }
 
 SecureBytes EncodeSecret(const Key& key) {

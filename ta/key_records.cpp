@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-#include <fstream>
-
 #include "device_state.h"
 #include "state.h"
 
@@ -18,13 +16,6 @@ std::string RecordName(const char* kind, const Bytes& key_id) {
     name += kDigits[byte & 0xF];
   }
   return name;
-}
-
-std::string BootId() {
-  std::ifstream file("/proc/sys/kernel/random/boot_id");
-  std::string id;
-  std::getline(file, id);
-  return id;
 }
 
 // How often and when last a key was used since the system started.
@@ -66,25 +57,24 @@ bool IsKeyDeleted(const Bytes& key_id) {
   return access(StateFile(RecordName("deleted_", key_id)).c_str(), F_OK) == 0;
 }
 
-TEEC_Result CountUse(const Key& key) {
+void CountUse(const Key& key) {
   const Param* max_uses = key.Find(KM_TAG_MAX_USES_PER_BOOT);
   const Param* min_seconds = key.Find(KM_TAG_MIN_SECONDS_BETWEEN_OPS);
-  if (max_uses == nullptr && min_seconds == nullptr) return TEEC_SUCCESS;
+  if (max_uses == nullptr && min_seconds == nullptr) return;
   const StateLock lock;
   const std::string name = RecordName("usage_", key.id);
   const std::string boot_id = BootId();
   const uint64_t now = MillisSinceBoot() / 1000;
   Usage usage = ReadUsage(name, boot_id);
   if (min_seconds != nullptr && usage.count != 0 && now - usage.last_use < min_seconds->value) {
-    return Fail(KM_ERROR_KEY_RATE_LIMIT_EXCEEDED);
+    Fail(KM_ERROR_KEY_RATE_LIMIT_EXCEEDED);
   }
   if (max_uses != nullptr && usage.count >= max_uses->value) {
-    return Fail(KM_ERROR_KEY_MAX_OPS_EXCEEDED);
+    Fail(KM_ERROR_KEY_MAX_OPS_EXCEEDED);
   }
   ++usage.count;
   usage.last_use = now;
   WriteUsage(name, boot_id, usage);
-  return TEEC_SUCCESS;
 }
 
 }  // namespace ta

@@ -18,15 +18,15 @@ class Operation {
   Operation& operator=(const Operation&) = delete;
 
   // AddAssociatedData takes data to authenticate with the input; only AES-GCM has such.
-  virtual TEEC_Result AddAssociatedData(ByteView data);
+  virtual void AddAssociatedData(ByteView data);
   // Update appends what the input yields to output, and may hold some of it back.
-  virtual TEEC_Result Update(ByteView input, SecureBytes* output) = 0;
+  virtual void Update(ByteView input, SecureBytes* output) = 0;
   // Finish appends the rest to output, or checks a signature, which all others ignore.
-  virtual TEEC_Result Finish(ByteView signature, SecureBytes* output) = 0;
+  virtual void Finish(ByteView signature, SecureBytes* output) = 0;
 };
 
-// What an operation is begun with. The makers below take the key's secret out of key, check the
-// parameters against what the key allows, and leave *operation unset when they fail.
+// What an operation is begun with. The makers below take the key's secret out of key, and check the
+// parameters against what the key allows.
 struct OperationRequest {
   uint32_t purpose;        // keymaster_purpose_t
   const ParamSet& params;  // of the begin command
@@ -36,21 +36,24 @@ struct OperationRequest {
 
 using OperationPtr = std::unique_ptr<Operation>;
 
-TEEC_Result MakeSignatureOperation(const OperationRequest& request, OperationPtr* operation);
-TEEC_Result MakeRsaCipherOperation(const OperationRequest& request, OperationPtr* operation);
-TEEC_Result MakeHmacOperation(const OperationRequest& request, OperationPtr* operation);
-TEEC_Result MakeCipherOperation(const OperationRequest& request, OperationPtr* operation);
-TEEC_Result MakeGcmOperation(const OperationRequest& request, OperationPtr* operation);
+OperationPtr MakeSignatureOperation(const OperationRequest& request);
+OperationPtr MakeRsaCipherOperation(const OperationRequest& request);
+OperationPtr MakeHmacOperation(const OperationRequest& request);
+OperationPtr MakeCipherOperation(const OperationRequest& request);
+OperationPtr MakeGcmOperation(const OperationRequest& request);
 
-// ChooseDigest, ChoosePadding and ChooseBlockMode read the one value that a begin names, which the
-// key must authorize.
-TEEC_Result ChooseDigest(const OperationRequest& request, uint32_t* digest);
-TEEC_Result ChoosePadding(const OperationRequest& request, uint32_t* padding);
-TEEC_Result ChooseBlockMode(const OperationRequest& request, uint32_t* mode);
+// Choose reads the one digest, padding or block mode that a begin names, which the key must
+// authorize.
+uint32_t Choose(const OperationRequest& request, keymaster_tag_t tag);
 // ChooseNonce takes the caller's nonce of that size, or makes one for an encryption and adds it to
 // the output parameters.
-TEEC_Result ChooseNonce(const OperationRequest& request, size_t size, Bytes* nonce);
+Bytes ChooseNonce(const OperationRequest& request, size_t size);
+// ChooseMacSize returns the MAC length that a begin asks for, in bytes: as the key and the bounds
+// (in bits) allow.
+size_t ChooseMacSize(const OperationRequest& request, uint64_t least, uint64_t most);
 
+// CipherOf returns the cipher of a key's algorithm and size in that mode, or null.
+const EVP_CIPHER* CipherOf(const Key& key, uint32_t mode);
 // DigestAlgorithm returns null for KM_DIGEST_NONE.
 const EVP_MD* DigestAlgorithm(uint32_t digest);
 

@@ -1,83 +1,69 @@
-#include <openssl/rand.h>
-
 #include <algorithm>
+#include <string>
 
-#include "key_material.h"
 #include "operation.h"
 
 namespace ta {
-namespace {
 
-struct Choice {
-  uint32_t tag;
-  keymaster_error_t unsupported;
-  keymaster_error_t incompatible;
-};
+void Operation::AddAssociatedData(ByteView) { Fail(KM_ERROR_INVALID_TAG); }
 
-TEEC_Result Choose(const OperationRequest& request, const Choice& choice, uint32_t* value) {
-  const auto has_tag = [&](const Param& param) { return param.tag == choice.tag; };
-  if (std::count_if(request.params.begin(), request.params.end(), has_tag) != 1) {
-    return Fail(choice.unsupported);
-  }
-  *value = static_cast<uint32_t>(*request.params.Value(choice.tag));
-  return request.key->Authorizes(choice.tag, *value) ? TEEC_SUCCESS : Fail(choice.incompatible);
-}
-
-}  // namespace
-
-TEEC_Result Operation::AddAssociatedData(ByteView) { return Fail(KM_ERROR_INVALID_TAG); }
-
-TEEC_Result ChooseDigest(const OperationRequest& request, uint32_t* digest) {
-  return Choose(request, {KM_TAG_DIGEST, KM_ERROR_UNSUPPORTED_DIGEST, KM_ERROR_INCOMPATIBLE_DIGEST},
-                digest);
-}
-
-TEEC_Result ChoosePadding(const OperationRequest& request, uint32_t* padding) {
-  return Choose(
-      request,
+uint32_t Choose(const OperationRequest& request, keymaster_tag_t tag) {
+  constexpr struct {
+    keymaster_tag_t tag;
+    keymaster_error_t unsupported;
+    keymaster_error_t incompatible;
+  } kChoices[] = {
+      {KM_TAG_DIGEST, KM_ERROR_UNSUPPORTED_DIGEST, KM_ERROR_INCOMPATIBLE_DIGEST},
       {KM_TAG_PADDING, KM_ERROR_UNSUPPORTED_PADDING_MODE, KM_ERROR_INCOMPATIBLE_PADDING_MODE},
-      padding);
+      {KM_TAG_BLOCK_MODE, KM_ERROR_UNSUPPORTED_BLOCK_MODE, KM_ERROR_INCOMPATIBLE_BLOCK_MODE},
+  };
+  const auto* const choice = std::find_if(std::begin(kChoices), std::end(kChoices),
+                                          [tag](const auto& row) { return row.tag == tag; });
+  if (request.params.Count(tag) != 1) Fail(choice->unsupported);
+  const uint64_t value = *request.params.Value(tag);
+  if (!request.key->Authorizes(tag, value)) Fail(choice->incompatible);
+  return static_cast<uint32_t>(value);
 }
 
-TEEC_Result ChooseBlockMode(const OperationRequest& request, uint32_t* mode) {
-  return Choose(
-      request,
-      {KM_TAG_BLOCK_MODE, KM_ERROR_UNSUPPORTED_BLOCK_MODE, KM_ERROR_INCOMPATIBLE_BLOCK_MODE}, mode);
-}
-
-TEEC_Result ChooseNonce(const OperationRequest& request, size_t size, Bytes* nonce) {
+Bytes ChooseNonce(const OperationRequest& request, size_t size) {
   const bool encrypts = request.purpose == KM_PURPOSE_ENCRYPT;
   if (const Param* given = request.params.Find(KM_TAG_NONCE); given != nullptr) {
     if (encrypts && !request.key->hw_enforced.IsTrue(KM_TAG_CALLER_NONCE)) {
-      return Fail(KM_ERROR_CALLER_NONCE_PROHIBITED);
+      Fail(KM_ERROR_CALLER_NONCE_PROHIBITED);
     }
-    *nonce = given->bytes;
-    return nonce->size() == size ? TEEC_SUCCESS : Fail(KM_ERROR_INVALID_NONCE);
+    if (given->bytes.size() != size) Fail(KM_ERROR_INVALID_NONCE);
+    return given->bytes;
   }
-  if (!encrypts) return Fail(KM_ERROR_MISSING_NONCE);
-  nonce->resize(size);
-  RequireCrypto(RAND_bytes(nonce->data(), static_cast<int>(size)) == 1);
-  request.out_params->AddBytes(KM_TAG_NONCE, *nonce);
-  return TEEC_SUCCESS;
+  if (!encrypts) Fail(KM_ERROR_MISSING_NONCE);
+  Bytes nonce(size);
+  FillRandom(nonce.data(), size);
+  request.out_params->AddBytes(KM_TAG_NONCE, nonce);
+  return nonce;
+}
+
+size_t ChooseMacSize(const OperationRequest& request, uint64_t least, uint64_t most) {
+  const std::optional<uint64_t> bits = request.params.Value(KM_TAG_MAC_LENGTH);
+  if (!bits) Fail(KM_ERROR_MISSING_MAC_LENGTH);
+  if (*bits < least || *bits > most || *bits % 8 != 0) Fail(KM_ERROR_UNSUPPORTED_MAC_LENGTH);
+  if (*bits < request.key->hw_enforced.Value(KM_TAG_MIN_MAC_LENGTH).value_or(most)) {
+    Fail(KM_ERROR_INVALID_MAC_LENGTH);
+  }
+  return *bits / 8;
+}
+
+const EVP_CIPHER* CipherOf(const Key& key, uint32_t mode) {
+  const std::string name =
+      key.algorithm == KM_ALGORITHM_TRIPLE_DES ? "des-ede3" : "aes-" + std::to_string(key.key_size);
+  const char* const suffix = mode == KM_MODE_ECB   ? "-ecb"
+                             : mode == KM_MODE_CBC ? "-cbc"
+                             : mode == KM_MODE_CTR ? "-ctr"
+                                                   : "-gcm";
+  return EVP_get_cipherbyname((name + suffix).c_str());
 }
 
 const EVP_MD* DigestAlgorithm(uint32_t digest) {
-  switch (digest) {
-    case KM_DIGEST_MD5:
-      return EVP_md5();
-    case KM_DIGEST_SHA1:
-      return EVP_sha1();
-    case KM_DIGEST_SHA_2_224:
-      return EVP_sha224();
-    case KM_DIGEST_SHA_2_256:
-      return EVP_sha256();
-    case KM_DIGEST_SHA_2_384:
-      return EVP_sha384();
-    case KM_DIGEST_SHA_2_512:
-      return EVP_sha512();
-    default:
-      return nullptr;
-  }
+  constexpr const char* kNames[] = {"none", "md5", "sha1", "sha224", "sha256", "sha384", "sha512"};
+  return digest < std::size(kNames) ? EVP_get_digestbyname(kNames[digest]) : nullptr;
 }
 
 }  // namespace ta

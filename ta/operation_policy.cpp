@@ -13,28 +13,27 @@ bool UnwrapsTransitKey(uint32_t purpose, const Key& key, const ParamSet& params)
          params.Contains(KM_TAG_PADDING, KM_PAD_RSA_OAEP);
 }
 
-TEEC_Result CheckPurpose(uint32_t purpose, const Key& key, const ParamSet& params) {
+void CheckPurpose(uint32_t purpose, const Key& key, const ParamSet& params) {
   if (purpose > KM_PURPOSE_VERIFY || !HasPurpose(key.algorithm, purpose)) {
-    return Fail(KM_ERROR_UNSUPPORTED_PURPOSE);
+    Fail(KM_ERROR_UNSUPPORTED_PURPOSE);
   }
-  return key.Authorizes(KM_TAG_PURPOSE, purpose) || UnwrapsTransitKey(purpose, key, params)
-             ? TEEC_SUCCESS
-             : Fail(KM_ERROR_INCOMPATIBLE_PURPOSE);
+  if (!key.Authorizes(KM_TAG_PURPOSE, purpose) && !UnwrapsTransitKey(purpose, key, params)) {
+    Fail(KM_ERROR_INCOMPATIBLE_PURPOSE);
+  }
 }
 
-TEEC_Result CheckDates(uint32_t purpose, const Key& key) {
+void CheckDates(uint32_t purpose, const Key& key) {
   const uint64_t now = WallClockMillis();
   const bool originates = purpose == KM_PURPOSE_ENCRYPT || purpose == KM_PURPOSE_SIGN;
   const Param* active = key.Find(KM_TAG_ACTIVE_DATETIME);
   const Param* expires =
       key.Find(originates ? KM_TAG_ORIGINATION_EXPIRE_DATETIME : KM_TAG_USAGE_EXPIRE_DATETIME);
-  if (active != nullptr && now < active->value) return Fail(KM_ERROR_KEY_NOT_YET_VALID);
-  if (expires != nullptr && now > expires->value) return Fail(KM_ERROR_KEY_EXPIRED);
-  return TEEC_SUCCESS;
+  if (active != nullptr && now < active->value) Fail(KM_ERROR_KEY_NOT_YET_VALID);
+  if (expires != nullptr && now > expires->value) Fail(KM_ERROR_KEY_EXPIRED);
 }
 
 // Demands that this TA cannot meet: nothing here sees the boot loader, a button or a dialogue.
-TEEC_Result CheckUnmeetableDemands(const Key& key) {
+void CheckUnmeetableDemands(const Key& key) {
   constexpr struct {
     keymaster_tag_t tag;
     keymaster_error_t error;
@@ -45,9 +44,8 @@ TEEC_Result CheckUnmeetableDemands(const Key& key) {
       {KM_TAG_TRUSTED_CONFIRMATION_REQUIRED, KM_ERROR_NO_USER_CONFIRMATION},
   };
   for (const auto& demand : kDemands) {
-    if (key.hw_enforced.IsTrue(static_cast<uint32_t>(demand.tag))) return Fail(demand.error);
+    if (key.hw_enforced.IsTrue(static_cast<uint32_t>(demand.tag))) Fail(demand.error);
   }
-  return TEEC_SUCCESS;
 }
 
 bool NeedsUser(const ParamSet& demands) {
@@ -61,23 +59,22 @@ bool TokenOf(const ParamSet& params, AuthToken* token) {
   return params.Contains(tag) && AuthTokenValid(params.BytesOf(tag), token);
 }
 
-TEEC_Result CheckDeviceState(const Key& key, const AuthToken* token) {
+void CheckDeviceState(const Key& key, const AuthToken* token) {
   if (key.hw_enforced.IsTrue(KM_TAG_EARLY_BOOT_ONLY) && EarlyBootHasEnded()) {
-    return Fail(KM_ERROR_EARLY_BOOT_ENDED);
+    Fail(KM_ERROR_EARLY_BOOT_ENDED);
   }
   if (key.hw_enforced.IsTrue(KM_TAG_UNLOCKED_DEVICE_REQUIRED) && !DeviceUnlockedFor(token)) {
-    return Fail(KM_ERROR_DEVICE_LOCKED);
+    Fail(KM_ERROR_DEVICE_LOCKED);
   }
-  return TEEC_SUCCESS;
 }
 
-TEEC_Result CheckTimedUser(const Key& key, const AuthToken* token) {
+void CheckTimedUser(const Key& key, const AuthToken* token) {
   const std::optional<uint64_t> timeout = key.hw_enforced.Value(KM_TAG_AUTH_TIMEOUT);
-  if (!NeedsUser(key.hw_enforced) || !timeout) return TEEC_SUCCESS;
-  return token != nullptr && AuthTokenSatisfies(*token, key.hw_enforced) &&
-                 AuthTokenFresh(*token, static_cast<uint32_t>(*timeout))
-             ? TEEC_SUCCESS
-             : Fail(KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
+  if (!NeedsUser(key.hw_enforced) || !timeout) return;
+  if (token == nullptr || !AuthTokenSatisfies(*token, key.hw_enforced) ||
+      !AuthTokenFresh(*token, static_cast<uint32_t>(*timeout))) {
+    Fail(KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
+  }
 }
 
 }  // namespace
@@ -87,16 +84,15 @@ bool UsesPublicKey(uint32_t purpose, const Key& key) {
          (purpose == KM_PURPOSE_ENCRYPT || purpose == KM_PURPOSE_VERIFY);
 }
 
-TEEC_Result AuthorizeBegin(uint32_t purpose, const Key& key, const ParamSet& params) {
-  TEEC_Result result = CheckPurpose(purpose, key, params);
-  if (result != 0 || UsesPublicKey(purpose, key)) return result;
+void AuthorizeBegin(uint32_t purpose, const Key& key, const ParamSet& params) {
+  CheckPurpose(purpose, key, params);
+  if (UsesPublicKey(purpose, key)) return;
   AuthToken parsed;
   const AuthToken* token = TokenOf(params, &parsed) ? &parsed : nullptr;
-  result = CheckUnmeetableDemands(key);
-  if (result == 0) result = CheckDates(purpose, key);
-  if (result == 0) result = CheckDeviceState(key, token);
-  if (result == 0) result = CheckTimedUser(key, token);
-  return result;
+  CheckUnmeetableDemands(key);
+  CheckDates(purpose, key);
+  CheckDeviceState(key, token);
+  CheckTimedUser(key, token);
 }
 
 bool NeedsTokenPerOperation(uint32_t purpose, const Key& key) {
@@ -104,12 +100,12 @@ bool NeedsTokenPerOperation(uint32_t purpose, const Key& key) {
          !key.hw_enforced.Contains(KM_TAG_AUTH_TIMEOUT);
 }
 
-TEEC_Result AuthorizeContinuation(uint64_t handle, const ParamSet& demands,
-                                  const ParamSet& params) {
+void AuthorizeContinuation(uint64_t handle, const ParamSet& demands, const ParamSet& params) {
   AuthToken token;
-  return TokenOf(params, &token) && token.challenge == handle && AuthTokenSatisfies(token, demands)
-             ? TEEC_SUCCESS
-             : Fail(KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
+  if (!TokenOf(params, &token) || token.challenge != handle ||
+      !AuthTokenSatisfies(token, demands)) {
+    Fail(KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
+  }
 }
 
 }  // namespace ta

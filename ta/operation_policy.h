@@ -9,14 +9,14 @@ namespace ta {
 // AuthorizeBegin checks what a key demands of an operation's beginning: its purpose, its dates, the
 // device's state, and a recent auth token when the key's authentication lasts for a time. Using a
 // public key takes no more than the purpose.
-TEEC_Result AuthorizeBegin(uint32_t purpose, const Key& key, const ParamSet& params);
+void AuthorizeBegin(uint32_t purpose, const Key& key, const ParamSet& params);
 
 // NeedsTokenPerOperation tells whether each update and finish must bring an auth token made for
 // this very operation.
 bool NeedsTokenPerOperation(uint32_t purpose, const Key& key);
 // AuthorizeContinuation checks that token: its challenge is the operation's handle. demands holds
 // the key's hardware-enforced parameters.
-TEEC_Result AuthorizeContinuation(uint64_t handle, const ParamSet& demands, const ParamSet& params);
+void AuthorizeContinuation(uint64_t handle, const ParamSet& demands, const ParamSet& params);
 
 // UsesPublicKey tells whether the purpose needs only a key's public half.
 bool UsesPublicKey(uint32_t purpose, const Key& key);

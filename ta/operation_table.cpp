@@ -1,9 +1,5 @@
 #include "operation_table.h"
 
-#include <openssl/rand.h>
-
-#include "key_material.h"
-
 namespace ta {
 
 OperationTable& OperationTable::Instance() {
@@ -16,7 +12,7 @@ bool OperationTable::Add(const RunningOperationPtr& operation, uint64_t* handle)
   if (operations_.size() >= kCapacity) return false;
   uint64_t candidate = 0;
   do {
-    RequireCrypto(RAND_bytes(reinterpret_cast<uint8_t*>(&candidate), sizeof(candidate)) == 1);
+    FillRandom(&candidate, sizeof(candidate));
   } while (candidate == 0 || operations_.count(candidate) != 0);
   operations_.emplace(candidate, operation);
   *handle = candidate;

@@ -7,15 +7,23 @@ namespace {
 
 constexpr size_t kEntrySize = 16;
 
-enum class ValueKind { kNone, kWord, kLong, kBool, kBytes };
-
-ValueKind KindOf(uint32_t tag) {
-  constexpr ValueKind kKinds[16] = {
-      ValueKind::kNone,  ValueKind::kWord,  ValueKind::kWord, ValueKind::kWord,
-      ValueKind::kWord,  ValueKind::kLong,  ValueKind::kLong, ValueKind::kBool,
-      ValueKind::kBytes, ValueKind::kBytes, ValueKind::kLong, ValueKind::kNone,
-      ValueKind::kNone,  ValueKind::kNone,  ValueKind::kNone, ValueKind::kNone};
-  return kKinds[tag >> 28];
+// How much of an entry's value counts, by the type of its tag.
+uint64_t ValueOf(uint32_t tag, uint64_t value) {
+  switch (static_cast<keymaster_tag_type_t>(tag & 0xF0000000)) {
+    case KM_ENUM:
+    case KM_ENUM_REP:
+    case KM_UINT:
+    case KM_UINT_REP:
+      return static_cast<uint32_t>(value);
+    case KM_ULONG:
+    case KM_ULONG_REP:
+    case KM_DATE:
+      return value;
+    case KM_BOOL:
+      return (value & 0xFF) != 0 ? 1 : 0;
+    default:
+      return 0;
+  }
 }
 
 // An entry as it stands in the buffer: byte values are still an offset and a length.
@@ -40,28 +48,15 @@ bool TakeEntries(ByteReader* reader, std::vector<RawEntry>* entries) {
 
 bool Resolve(const std::vector<RawEntry>& entries, ByteView blobs, ParamSet* out) {
   for (const RawEntry& entry : entries) {
-    switch (KindOf(entry.tag)) {
-      case ValueKind::kNone:
-        out->Add(entry.tag, 0);
-        break;
-      case ValueKind::kWord:
-        out->Add(entry.tag, static_cast<uint32_t>(entry.value));
-        break;
-      case ValueKind::kLong:
-        out->Add(entry.tag, entry.value);
-        break;
-      case ValueKind::kBool:
-        out->Add(entry.tag, (entry.value & 0xFF) != 0 ? 1 : 0);
-        break;
-      case ValueKind::kBytes: {
-        const size_t offset = static_cast<uint32_t>(entry.value);
-        const size_t length = static_cast<size_t>(entry.value >> 32);
-        // An empty value has no place in the blob area, whatever its offset says.
-        if (length != 0 && (offset > blobs.size || length > blobs.size - offset)) return false;
-        out->AddBytes(entry.tag, length == 0 ? ByteView() : ByteView(blobs.data + offset, length));
-        break;
-      }
+    if (!IsByteValued(entry.tag)) {
+      out->Add(entry.tag, ValueOf(entry.tag, entry.value));
+      continue;
     }
+    const size_t offset = static_cast<uint32_t>(entry.value);
+    const size_t length = static_cast<size_t>(entry.value >> 32);
+    // An empty value has no place in the blob area, whatever its offset says.
+    if (length != 0 && (offset > blobs.size || length > blobs.size - offset)) return false;
+    out->AddBytes(entry.tag, length == 0 ? ByteView() : ByteView(blobs.data + offset, length));
   }
   return true;
 }
@@ -83,7 +78,7 @@ void AppendEntries(const ParamSet& params, Bytes* entries, Bytes* blobs) {
 
 }  // namespace
 
-bool IsByteValued(uint32_t tag) { return KindOf(tag) == ValueKind::kBytes; }
+bool IsByteValued(uint32_t tag) { return tag >> 28 == 8 || tag >> 28 == 9; }
 
 void ParamSet::Remove(uint32_t tag) {
   params_.erase(std::remove_if(params_.begin(), params_.end(),
@@ -101,6 +96,11 @@ const Param* ParamSet::Find(uint32_t tag) const {
     if (param.tag == tag) return &param;
   }
   return nullptr;
+}
+
+size_t ParamSet::Count(uint32_t tag) const {
+  return static_cast<size_t>(std::count_if(params_.begin(), params_.end(),
+                                           [tag](const Param& param) { return param.tag == tag; }));
 }
 
 bool ParamSet::Contains(uint32_t tag, uint64_t value) const {
@@ -135,19 +135,10 @@ bool ParseTwoLists(ByteView wire, ParamSet* first, ParamSet* second) {
 
 bool ParseTwoLists(ByteView wire, ParamSet* out) { return ParseTwoLists(wire, out, out); }
 
-Bytes SerializeOneList(const ParamSet& params) {
+Bytes Serialize(std::initializer_list<const ParamSet*> lists) {
   Bytes wire;
   Bytes blobs;
-  AppendEntries(params, &wire, &blobs);
-  AppendBytes(&wire, blobs);
-  return wire;
-}
-
-Bytes SerializeTwoLists(const ParamSet& first, const ParamSet& second) {
-  Bytes wire;
-  Bytes blobs;
-  AppendEntries(first, &wire, &blobs);
-  AppendEntries(second, &wire, &blobs);
+  for (const ParamSet* list : lists) AppendEntries(*list, &wire, &blobs);
   AppendBytes(&wire, blobs);
   return wire;
 }

@@ -4,6 +4,7 @@
 
 #include <hardware/keymaster_defs.h>
 
+#include <initializer_list>
 #include <optional>
 
 #include "bytes.h"
@@ -37,6 +38,8 @@ class ParamSet {
   const Param* Find(uint32_t tag) const;
   bool Contains(uint32_t tag) const { return Find(tag) != nullptr; }
   bool Contains(uint32_t tag, uint64_t value) const;
+  // Count returns the number of parameters of that tag.
+  size_t Count(uint32_t tag) const;
   // IsTrue tells whether a boolean tag is there with a value other than false.
   bool IsTrue(uint32_t tag) const;
   // Value returns the first value of that tag.
@@ -60,10 +63,8 @@ class ParamSet {
 bool ParseTwoLists(ByteView wire, ParamSet* out);
 // ParseTwoLists, with the lists kept apart.
 bool ParseTwoLists(ByteView wire, ParamSet* first, ParamSet* second);
-// SerializeOneList writes the form of output parameters, SerializeTwoLists that of requests and
-// characteristics.
-Bytes SerializeOneList(const ParamSet& params);
-Bytes SerializeTwoLists(const ParamSet& first, const ParamSet& second);
+// Serialize writes lists: one as output parameters travel, two as requests and characteristics do.
+Bytes Serialize(std::initializer_list<const ParamSet*> lists);
 
 }  // namespace ta
 

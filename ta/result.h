@@ -10,8 +10,10 @@
 
 namespace ta {
 
-// A keymaster error travels as the TA's result code: its 32 bits, unchanged.
-constexpr TEEC_Result KmResult(keymaster_error_t error) { return static_cast<TEEC_Result>(error); }
+// A Failure is thrown to end the command that runs, with that result.
+struct Failure {
+  TEEC_Result code;
+};
 
 // Where and with which code a session last failed; code 0 while it has not.
 struct ErrorRecord {
@@ -26,21 +28,26 @@ struct Session {
 };
 
 // CurrentSession is the session whose command runs on this thread; null outside of commands.
-// Fail records there.
+// NoteFailure records there.
 Session*& CurrentSession();
 
-// Fail returns the code after noting it, with the caller's name and line, in the current session.
-TEEC_Result Fail(TEEC_Result code, const char* function = __builtin_FUNCTION(),
-                 uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
-TEEC_Result Fail(keymaster_error_t code, const char* function = __builtin_FUNCTION(),
-                 uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
+// NoteFailure returns the code after noting it, with the caller's name and line, in the current
+// session.
+TEEC_Result NoteFailure(TEEC_Result code, const char* function = __builtin_FUNCTION(),
+                        uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
+// Fail notes a failure and throws it. A keymaster error travels as the TA's result code: its 32
+// bits, unchanged.
+[[noreturn]] void Fail(TEEC_Result code, const char* function = __builtin_FUNCTION(),
+                       uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
+[[noreturn]] void Fail(keymaster_error_t code, const char* function = __builtin_FUNCTION(),
+                       uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
 
 // InputOf views an input reference's bytes.
 inline ByteView InputOf(const TaParam& param) { return ByteView(param.buffer, param.size); }
 // Reply copies bytes into an output reference and sets its length. A reference too small gets the
-// length needed and the result TEEC_ERROR_SHORT_BUFFER.
-TEEC_Result Reply(ByteView bytes, TaParam* output, const char* function = __builtin_FUNCTION(),
-                  uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
+// length needed and fails with TEEC_ERROR_SHORT_BUFFER.
+void Reply(ByteView bytes, TaParam* output, const char* function = __builtin_FUNCTION(),
+           uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
 
 }  // namespace ta
 

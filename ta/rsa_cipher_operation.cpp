@@ -1,7 +1,6 @@
 // RSA encryption and decryption of one piece of data.
 #include <openssl/rsa.h>
 
-#include "key_material.h"
 #include "operation.h"
 
 namespace ta {
@@ -16,13 +15,12 @@ class RsaCipherOperation : public Operation {
         key_bytes_((request.key->key_size + 7) / 8),
         pkey_(std::move(request.key->pkey)) {}
 
-  TEEC_Result Update(ByteView input, SecureBytes*) override {
-    if (input.size > key_bytes_ - data_.size()) return Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+  void Update(ByteView input, SecureBytes*) override {
+    if (input.size > key_bytes_ - data_.size()) Fail(KM_ERROR_INVALID_INPUT_LENGTH);
     AppendBytes(&data_, input);
-    return TEEC_SUCCESS;
   }
 
-  TEEC_Result Finish(ByteView, SecureBytes* output) override {
+  void Finish(ByteView, SecureBytes* output) override {
     if (padding_ == KM_PAD_NONE) data_.insert(data_.begin(), key_bytes_ - data_.size(), 0);
     const PkeyCtxPtr ctx = Start();
     const auto run = encrypts_ ? EVP_PKEY_encrypt : EVP_PKEY_decrypt;
@@ -31,10 +29,9 @@ class RsaCipherOperation : public Operation {
     RequireCrypto(run(ctx.get(), nullptr, &size, data_.data(), data_.size()) == 1);
     output->resize(before + size);
     if (run(ctx.get(), output->data() + before, &size, data_.data(), data_.size()) != 1) {
-      return Fail(FailureOfData());
+      Fail(FailureOfData());
     }
     output->resize(before + size);
-    return TEEC_SUCCESS;
   }
 
  private:
@@ -70,30 +67,19 @@ class RsaCipherOperation : public Operation {
 
 }  // namespace
 
-TEEC_Result MakeRsaCipherOperation(const OperationRequest& request, OperationPtr* operation) {
-  uint32_t padding = 0;
+OperationPtr MakeRsaCipherOperation(const OperationRequest& request) {
+  const uint32_t padding = Choose(request, KM_TAG_PADDING);
   const EVP_MD* label_md = nullptr;
-  TEEC_Result result = ChoosePadding(request, &padding);
-  if (result != 0) return result;
-  switch (padding) {
-    case KM_PAD_NONE:
-    case KM_PAD_RSA_PKCS1_1_5_ENCRYPT:
-      break;
-    case KM_PAD_RSA_OAEP: {
-      uint32_t digest = 0;
-      if (result = ChooseDigest(request, &digest); result != 0) return result;
-      label_md = DigestAlgorithm(digest);
-      if (label_md == nullptr ||
-          request.key->key_size / 8 < 2 * static_cast<size_t>(EVP_MD_get_size(label_md)) + 2) {
-        return Fail(KM_ERROR_INCOMPATIBLE_DIGEST);
-      }
-      break;
+  if (padding == KM_PAD_RSA_OAEP) {
+    label_md = DigestAlgorithm(Choose(request, KM_TAG_DIGEST));
+    if (label_md == nullptr ||
+        request.key->key_size / 8 < 2 * static_cast<size_t>(EVP_MD_get_size(label_md)) + 2) {
+      Fail(KM_ERROR_INCOMPATIBLE_DIGEST);
     }
-    default:
-      return Fail(KM_ERROR_UNSUPPORTED_PADDING_MODE);
+  } else if (padding != KM_PAD_NONE && padding != KM_PAD_RSA_PKCS1_1_5_ENCRYPT) {
+    Fail(KM_ERROR_UNSUPPORTED_PADDING_MODE);
   }
-  *operation = std::make_unique<RsaCipherOperation>(request, padding, label_md);
-  return TEEC_SUCCESS;
+  return std::make_unique<RsaCipherOperation>(request, padding, label_md);
 }
 
 }  // namespace ta

@@ -1,9 +1,6 @@
 #include "rsa_material.h"
 
 #include <openssl/core_names.h>
-#include <openssl/param_build.h>
-
-#include "key_material.h"
 
 namespace ta {
 namespace {
@@ -129,31 +126,18 @@ bool ReadNumbers(ByteView material, RsaNumbers* rsa, RsaForm* form) {
   }
   *form = static_cast<RsaForm>(header[0]);
   const bool crt = *form == kCrtForm;
-  if (!TakeNumber(&reader, header[2], &rsa->n) || !TakeNumber(&reader, header[3], &rsa->e) ||
-      !TakeNumber(&reader, header[4], crt ? &rsa->p : &rsa->d)) {
-    return false;
-  }
-  if (crt &&
-      (!TakeNumber(&reader, header[5], &rsa->q) || !TakeNumber(&reader, header[6], &rsa->dmp1) ||
-       !TakeNumber(&reader, header[7], &rsa->dmq1) ||
-       !TakeNumber(&reader, header[8], &rsa->iqmp))) {
-    return false;
+  BnPtr* const numbers[] = {&rsa->n,    &rsa->e,   crt ? &rsa->p : &rsa->d, &rsa->q, &rsa->dmp1,
+                            &rsa->dmq1, &rsa->iqmp};
+  for (size_t i = 0; i < (crt ? std::size(numbers) : 3); ++i) {
+    if (!TakeNumber(&reader, header[2 + i], numbers[i])) return false;
   }
   return reader.remaining() == 0;
 }
 
-struct BldFree {
-  void operator()(OSSL_PARAM_BLD* builder) const { OSSL_PARAM_BLD_free(builder); }
-  void operator()(OSSL_PARAM* params) const { OSSL_PARAM_free(params); }
-};
-
-PkeyPtr MakePkey(const RsaNumbers& rsa) {
-  const std::unique_ptr<OSSL_PARAM_BLD, BldFree> builder(OSSL_PARAM_BLD_new());
-  RequireCrypto(builder != nullptr);
-  const struct {
-    const char* name;
-    const BnPtr& number;
-  } parts[] = {
+PkeyPtr PkeyOf(const RsaNumbers& rsa) {
+  const ParamBuilderPtr numbers(OSSL_PARAM_BLD_new());
+  RequireCrypto(numbers != nullptr);
+  const std::pair<const char*, const BnPtr&> parts[] = {
       {OSSL_PKEY_PARAM_RSA_N, rsa.n},
       {OSSL_PKEY_PARAM_RSA_E, rsa.e},
       {OSSL_PKEY_PARAM_RSA_D, rsa.d},
@@ -163,40 +147,36 @@ PkeyPtr MakePkey(const RsaNumbers& rsa) {
       {OSSL_PKEY_PARAM_RSA_EXPONENT2, rsa.dmq1},
       {OSSL_PKEY_PARAM_RSA_COEFFICIENT1, rsa.iqmp},
   };
-  for (const auto& part : parts) {
-    RequireCrypto(OSSL_PARAM_BLD_push_BN(builder.get(), part.name, part.number.get()) == 1);
+  for (const auto& [name, number] : parts) {
+    RequireCrypto(OSSL_PARAM_BLD_push_BN(numbers.get(), name, number.get()) == 1);
   }
-  const std::unique_ptr<OSSL_PARAM, BldFree> params(OSSL_PARAM_BLD_to_param(builder.get()));
-  const PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
-  EVP_PKEY* pkey = nullptr;
-  RequireCrypto(params != nullptr && ctx != nullptr && EVP_PKEY_fromdata_init(ctx.get()) == 1 &&
-                EVP_PKEY_fromdata(ctx.get(), &pkey, EVP_PKEY_KEYPAIR, params.get()) == 1);
-  return PkeyPtr(pkey);
+  PkeyPtr pkey = MakePkey("RSA", numbers.get());
+  RequireCrypto(pkey != nullptr);
+  return pkey;
 }
 
 }  // namespace
 
-TEEC_Result ImportRsaMaterial(ByteView material, Key* key) {
+void ImportRsaMaterial(ByteView material, Key* key) {
   // Nothing longer can be a key that the TA takes, and numbers are slow to work with.
   constexpr size_t kMaxMaterial = 4096;
   RsaNumbers rsa;
   RsaForm form = kCrtForm;
   if (material.size > kMaxMaterial || !ReadNumbers(material, &rsa, &form)) {
-    return Fail(KM_ERROR_INVALID_ARGUMENT);
+    Fail(KM_ERROR_INVALID_ARGUMENT);
   }
-  if (BN_num_bits(rsa.n.get()) > 4096) return Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  if (BN_num_bits(rsa.n.get()) > 4096) Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
   if (!BN_is_odd(rsa.n.get()) || !BN_is_odd(rsa.e.get()) || BN_is_one(rsa.e.get()) ||
       BN_num_bits(rsa.e.get()) > 64) {
-    return Fail(KM_ERROR_INVALID_ARGUMENT);
+    Fail(KM_ERROR_INVALID_ARGUMENT);
   }
   const BnCtxPtr ctx(BN_CTX_secure_new());
   RequireCrypto(ctx != nullptr);
   const bool complete = form == kCrtForm
                             ? CompleteCrt(&rsa, ctx.get())
                             : FindPrimes(&rsa, ctx.get()) && DeriveFromPrimes(&rsa, ctx.get());
-  if (!complete || !NumbersBelongTogether(rsa, ctx.get())) return Fail(KM_ERROR_INVALID_ARGUMENT);
-  key->pkey = MakePkey(rsa);
-  return TEEC_SUCCESS;
+  if (!complete || !NumbersBelongTogether(rsa, ctx.get())) Fail(KM_ERROR_INVALID_ARGUMENT);
+  key->pkey = PkeyOf(rsa);
 }
 
 }  // namespace ta

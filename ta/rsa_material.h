@@ -8,7 +8,7 @@ namespace ta {
 
 // ImportRsaMaterial reads RSA key material into key->pkey, with all its CRT numbers, and checks
 // that its numbers belong together: KM_ERROR_INVALID_ARGUMENT if not.
-TEEC_Result ImportRsaMaterial(ByteView material, Key* key);
+void ImportRsaMaterial(ByteView material, Key* key);
 
 }  // namespace ta
 

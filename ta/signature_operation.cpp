@@ -1,7 +1,6 @@
 // RSA and ECDSA signatures, made and checked.
 #include <openssl/rsa.h>
 
-#include "key_material.h"
 #include "operation.h"
 
 namespace ta {
@@ -29,19 +28,17 @@ class SignatureOperation : public Operation {
     RequireCrypto(hash_ != nullptr && EVP_DigestInit_ex(hash_.get(), scheme_.md, nullptr) == 1);
   }
 
-  TEEC_Result Update(ByteView input, SecureBytes*) override {
+  void Update(ByteView input, SecureBytes*) override {
     if (hash_ != nullptr) {
-      RequireCrypto(EVP_DigestUpdate(hash_.get(), input.data, input.size) == 1);
-      return TEEC_SUCCESS;
+      return RequireCrypto(EVP_DigestUpdate(hash_.get(), input.data, input.size) == 1);
     }
     const size_t room = MaxBareData() - data_.size();
-    if (rsa_ && input.size > room) return Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+    if (rsa_ && input.size > room) Fail(KM_ERROR_INVALID_INPUT_LENGTH);
     // ECDSA uses the leftmost bits of what is longer than its numbers.
     AppendBytes(&data_, ByteView(input.data, std::min(input.size, room)));
-    return TEEC_SUCCESS;
   }
 
-  TEEC_Result Finish(ByteView signature, SecureBytes* output) override {
+  void Finish(ByteView signature, SecureBytes* output) override {
     if (hash_ != nullptr) {
       data_.resize(EVP_MAX_MD_SIZE);
       unsigned int size = 0;
@@ -76,7 +73,7 @@ class SignatureOperation : public Operation {
     return ctx;
   }
 
-  TEEC_Result Sign(SecureBytes* output) const {
+  void Sign(SecureBytes* output) const {
     const PkeyCtxPtr ctx = Start(EVP_PKEY_sign_init);
     size_t size = 0;
     RequireCrypto(EVP_PKEY_sign(ctx.get(), nullptr, &size, data_.data(), data_.size()) == 1);
@@ -84,17 +81,17 @@ class SignatureOperation : public Operation {
     output->resize(before + size);
     // Bare data that is a larger number than the modulus is the caller's fault.
     if (EVP_PKEY_sign(ctx.get(), output->data() + before, &size, data_.data(), data_.size()) != 1) {
-      return Fail(KM_ERROR_INVALID_ARGUMENT);
+      Fail(KM_ERROR_INVALID_ARGUMENT);
     }
     output->resize(before + size);
-    return TEEC_SUCCESS;
   }
 
-  TEEC_Result Verify(ByteView signature) const {
+  void Verify(ByteView signature) const {
     const PkeyCtxPtr ctx = Start(EVP_PKEY_verify_init);
-    const bool verified =
-        EVP_PKEY_verify(ctx.get(), signature.data, signature.size, data_.data(), data_.size()) == 1;
-    return verified ? TEEC_SUCCESS : Fail(KM_ERROR_VERIFICATION_FAILED);
+    if (EVP_PKEY_verify(ctx.get(), signature.data, signature.size, data_.data(), data_.size()) !=
+        1) {
+      Fail(KM_ERROR_VERIFICATION_FAILED);
+    }
   }
 
   const bool rsa_;
@@ -105,41 +102,37 @@ class SignatureOperation : public Operation {
   SecureBytes data_;
 };
 
-// Whether padding and digest go together, and fit the key.
-TEEC_Result CheckRsaScheme(const Scheme& scheme, uint32_t key_size) {
-  const size_t key_bytes = key_size / 8;
+// Padding and digest must go together, and fit the key.
+void CheckRsaScheme(const Scheme& scheme, size_t key_bytes) {
   const size_t digest = scheme.md == nullptr ? 0 : static_cast<size_t>(EVP_MD_get_size(scheme.md));
+  bool fits = false;
   switch (scheme.padding) {
     case KM_PAD_NONE:
-      return digest == 0 ? TEEC_SUCCESS : Fail(KM_ERROR_INCOMPATIBLE_DIGEST);
+      fits = digest == 0;
+      break;
     case KM_PAD_RSA_PKCS1_1_5_SIGN:
-      return digest == 0 || key_bytes >= digest + kPkcs1DigestInfo + kPkcs1Overhead
-                 ? TEEC_SUCCESS
-                 : Fail(KM_ERROR_INCOMPATIBLE_DIGEST);
+      fits = digest == 0 || key_bytes >= digest + kPkcs1DigestInfo + kPkcs1Overhead;
+      break;
     case KM_PAD_RSA_PSS:
-      return digest != 0 && key_bytes >= 2 * digest + 2 ? TEEC_SUCCESS
-                                                        : Fail(KM_ERROR_INCOMPATIBLE_DIGEST);
+      fits = digest != 0 && key_bytes >= 2 * digest + 2;
+      break;
     default:
-      return Fail(KM_ERROR_UNSUPPORTED_PADDING_MODE);
+      Fail(KM_ERROR_UNSUPPORTED_PADDING_MODE);
   }
+  if (!fits) Fail(KM_ERROR_INCOMPATIBLE_DIGEST);
 }
 
 }  // namespace
 
-TEEC_Result MakeSignatureOperation(const OperationRequest& request, OperationPtr* operation) {
+OperationPtr MakeSignatureOperation(const OperationRequest& request) {
   Scheme scheme;
   scheme.signs = request.purpose == KM_PURPOSE_SIGN;
-  uint32_t digest = 0;
-  TEEC_Result result = ChooseDigest(request, &digest);
-  scheme.md = DigestAlgorithm(digest);
+  scheme.md = DigestAlgorithm(Choose(request, KM_TAG_DIGEST));
   if (request.key->algorithm == KM_ALGORITHM_RSA) {
-    if (result == 0) result = ChoosePadding(request, &scheme.padding);
-    if (result == 0) result = CheckRsaScheme(scheme, request.key->key_size);
+    scheme.padding = Choose(request, KM_TAG_PADDING);
+    CheckRsaScheme(scheme, request.key->key_size / 8);
   }
-  if (result != 0) return result;
-  *operation =
-      std::make_unique<SignatureOperation>(*request.key, std::move(request.key->pkey), scheme);
-  return TEEC_SUCCESS;
+  return std::make_unique<SignatureOperation>(*request.key, std::move(request.key->pkey), scheme);
 }
 
 }  // namespace ta

@@ -1,7 +1,6 @@
 #include "state.h"
 
 #include <fcntl.h>
-#include <openssl/rand.h>
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -10,6 +9,8 @@
 #include <cerrno>
 #include <mutex>
 #include <stdexcept>
+
+#include "evp.h"
 
 namespace ta {
 namespace {
@@ -131,9 +132,7 @@ SecureBytes LoadOrCreateSecret(const std::string& name, size_t size) {
   SecureBytes secret;
   if (!ReadStateFile(name, &secret)) {
     SecureBytes fresh(size);
-    if (RAND_priv_bytes(fresh.data(), static_cast<int>(size)) != 1) {
-      ThrowStateError("no randomness");
-    }
+    FillRandom(fresh.data(), size);
     CreateStateFile(name, fresh);
     if (!ReadStateFile(name, &secret)) ThrowStateError("a secret vanished");
   }

@@ -127,7 +127,7 @@ TEST_F(TaTest, RefusesUsesThatTheKeyDoesNotAllow) {
 
 P Token(uint64_t challenge, uint64_t user) {
   const Str head = TokenHead(challenge, user, 1, ta::MillisSinceBoot());
-  const ta::Bytes mac =
+  const ta::SecureBytes mac =
       ta::SharedHmac({reinterpret_cast<const uint8_t*>(head.data()), head.size()});
   return {KM_TAG_AUTH_TOKEN, head + Str(mac.begin(), mac.end())};
 }

@@ -1,0 +1,57 @@
+#include "evp.h"
+
+#include <openssl/hmac.h>
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace ta {
+
+void RequireCrypto(bool success) {
+  if (!success) throw std::runtime_error("libcrypto failed");
+}
+
+void FillRandom(void* out, size_t size) {
+  RequireCrypto(RAND_priv_bytes(static_cast<uint8_t*>(out), static_cast<int>(size)) == 1);
+}
+
+SecureBytes HmacSha256(const SecureBytes& key, ByteView message) {
+  SecureBytes mac(32);
+  RequireCrypto(HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), message.data,
+                     message.size, mac.data(), nullptr) != nullptr);
+  return mac;
+}
+
+PkeyPtr MakePkey(const char* type, OSSL_PARAM_BLD* numbers) {
+  const ParamsPtr params(OSSL_PARAM_BLD_to_param(numbers));
+  const PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
+  RequireCrypto(params != nullptr && ctx != nullptr && EVP_PKEY_fromdata_init(ctx.get()) == 1);
+  EVP_PKEY* pkey = nullptr;
+  const bool made = EVP_PKEY_fromdata(ctx.get(), &pkey, EVP_PKEY_KEYPAIR, params.get()) == 1;
+  return PkeyPtr(made ? pkey : nullptr);
+}
+
+CipherCtxPtr StartCipher(const EVP_CIPHER* cipher, const SecureBytes& key, const uint8_t* nonce,
+                         bool encrypts) {
+  CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+  RequireCrypto(ctx != nullptr && EVP_CipherInit_ex(ctx.get(), cipher, nullptr, key.data(), nonce,
+                                                    encrypts ? 1 : 0) == 1);
+  return ctx;
+}
+
+void FeedCipher(EVP_CIPHER_CTX* ctx, ByteView input, SecureBytes* output) {
+  constexpr size_t kPiece = size_t{1} << 20;  // libcrypto counts in int
+  while (input.size != 0) {
+    const size_t piece = std::min(input.size, kPiece);
+    const size_t before = output->size();
+    int produced = 0;
+    output->resize(before + piece + EVP_MAX_BLOCK_LENGTH);
+    RequireCrypto(EVP_CipherUpdate(ctx, output->data() + before, &produced, input.data,
+                                   static_cast<int>(piece)) == 1);
+    output->resize(before + static_cast<size_t>(produced));
+    input = ByteView(input.data + piece, input.size - piece);
+  }
+}
+
+}  // namespace ta
