@@ -14,7 +14,7 @@ class CipherOperation : public Operation {
   }
 
   void Finish(ByteView, SecureBytes* output) override {
-    const size_t block = static_cast<size_t>(EVP_CIPHER_CTX_get_block_size(ctx_.get()));
+    const size_t block = static_cast<size_t>(EVP_CIPHER_CTX_block_size(ctx_.get()));
     if (unpads_ && (total_ == 0 || total_ % block != 0)) Fail(KM_ERROR_INVALID_INPUT_LENGTH);
     const size_t before = output->size();
     int size = 0;
@@ -41,7 +41,7 @@ OperationPtr MakeCipherOperation(const OperationRequest& request) {
   if (mode == KM_MODE_CTR && pads) Fail(KM_ERROR_INCOMPATIBLE_PADDING_MODE);
   const EVP_CIPHER* cipher = CipherOf(*request.key, mode);
   if (cipher == nullptr) Fail(KM_ERROR_UNSUPPORTED_BLOCK_MODE);
-  const size_t nonce_size = static_cast<size_t>(EVP_CIPHER_get_iv_length(cipher));
+  const size_t nonce_size = static_cast<size_t>(EVP_CIPHER_iv_length(cipher));
   const Bytes nonce = nonce_size == 0 ? Bytes() : ChooseNonce(request, nonce_size);
   CipherCtxPtr ctx = StartCipher(cipher, request.key->symmetric, nonce.data(), encrypts);
   RequireCrypto(EVP_CIPHER_CTX_set_padding(ctx.get(), pads ? 1 : 0) == 1);

@@ -13,7 +13,7 @@ void RequireCrypto(bool success) {
 }
 
 void FillRandom(void* out, size_t size) {
-  RequireCrypto(RAND_priv_bytes(static_cast<uint8_t*>(out), static_cast<int>(size)) == 1);
+  RequireCrypto(RAND_bytes(static_cast<uint8_t*>(out), static_cast<int>(size)) == 1);
 }
 
 SecureBytes HmacSha256(const SecureBytes& key, ByteView message) {
@@ -23,13 +23,16 @@ SecureBytes HmacSha256(const SecureBytes& key, ByteView message) {
   return mac;
 }
 
-PkeyPtr MakePkey(const char* type, OSSL_PARAM_BLD* numbers) {
-  const ParamsPtr params(OSSL_PARAM_BLD_to_param(numbers));
-  const PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
-  RequireCrypto(params != nullptr && ctx != nullptr && EVP_PKEY_fromdata_init(ctx.get()) == 1);
-  EVP_PKEY* pkey = nullptr;
-  const bool made = EVP_PKEY_fromdata(ctx.get(), &pkey, EVP_PKEY_KEYPAIR, params.get()) == 1;
-  return PkeyPtr(made ? pkey : nullptr);
+PkeyPtr ToPkey(const RsaPtr& key) {
+  PkeyPtr pkey(EVP_PKEY_new());
+  RequireCrypto(pkey != nullptr && EVP_PKEY_set1_RSA(pkey.get(), key.get()) == 1);
+  return pkey;
+}
+
+PkeyPtr ToPkey(const EcKeyPtr& key) {
+  PkeyPtr pkey(EVP_PKEY_new());
+  RequireCrypto(pkey != nullptr && EVP_PKEY_set1_EC_KEY(pkey.get(), key.get()) == 1);
+  return pkey;
 }
 
 CipherCtxPtr StartCipher(const EVP_CIPHER* cipher, const SecureBytes& key, const uint8_t* nonce,

@@ -5,7 +5,7 @@
 #include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
-#include <openssl/param_build.h>
+#include <openssl/rsa.h>
 
 #include <memory>
 
@@ -25,9 +25,9 @@ using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, CallFree<EVP_MD_CTX, EVP_MD_CTX_fre
 // Numbers may be parts of private keys: they are wiped.
 using BnPtr = std::unique_ptr<BIGNUM, CallFree<BIGNUM, BN_clear_free>>;
 using BnCtxPtr = std::unique_ptr<BN_CTX, CallFree<BN_CTX, BN_CTX_free>>;
-using ParamsPtr = std::unique_ptr<OSSL_PARAM, CallFree<OSSL_PARAM, OSSL_PARAM_free>>;
-using ParamBuilderPtr =
-    std::unique_ptr<OSSL_PARAM_BLD, CallFree<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>>;
+using EcKeyPtr = std::unique_ptr<EC_KEY, CallFree<EC_KEY, EC_KEY_free>>;
+using RsaPtr = std::unique_ptr<RSA, CallFree<RSA, RSA_free>>;
+using PointPtr = std::unique_ptr<EC_POINT, CallFree<EC_POINT, EC_POINT_free>>;
 
 // RequireCrypto throws, which ends the command, when libcrypto failed at what it must be able to.
 void RequireCrypto(bool success);
@@ -35,8 +35,9 @@ void RequireCrypto(bool success);
 void FillRandom(void* out, size_t size);
 // HmacSha256 returns 32 bytes.
 SecureBytes HmacSha256(const SecureBytes& key, ByteView message);
-// MakePkey makes a key pair of a type from its numbers; null when they are none.
-PkeyPtr MakePkey(const char* type, OSSL_PARAM_BLD* numbers);
+// ToPkey makes a general key of an RSA or EC key.
+PkeyPtr ToPkey(const RsaPtr& key);
+PkeyPtr ToPkey(const EcKeyPtr& key);
 // StartCipher readies a cipher; nonce may be null for a mode without one.
 CipherCtxPtr StartCipher(const EVP_CIPHER* cipher, const SecureBytes& key, const uint8_t* nonce,
                          bool encrypts);

@@ -49,7 +49,7 @@ OperationPtr MakeHmacOperation(const OperationRequest& request) {
           ? Choose(request, KM_TAG_DIGEST)
           : static_cast<uint32_t>(allowed.Value(KM_TAG_DIGEST).value_or(KM_DIGEST_NONE)));
   if (md == nullptr) Fail(KM_ERROR_UNSUPPORTED_DIGEST);
-  const uint64_t bits = static_cast<uint64_t>(EVP_MD_get_size(md)) * 8;
+  const uint64_t bits = static_cast<uint64_t>(EVP_MD_size(md)) * 8;
   const size_t size = signs ? ChooseMacSize(request, 0, bits)
                             : allowed.Value(KM_TAG_MIN_MAC_LENGTH).value_or(bits) / 8;
   return std::make_unique<HmacOperation>(request.key->symmetric, md, size, signs);

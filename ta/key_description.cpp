@@ -1,5 +1,7 @@
 #include "key_description.h"
 
+#include <openssl/obj_mac.h>
+
 #include <algorithm>
 #include <chrono>
 
@@ -66,10 +68,10 @@ bool Knows(uint64_t algorithm, keymaster_tag_t tag, uint64_t value) {
 }
 
 constexpr Curve kCurves[] = {
-    {KM_EC_CURVE_P_224, 224, "P-224"},
-    {KM_EC_CURVE_P_256, 256, "P-256"},
-    {KM_EC_CURVE_P_384, 384, "P-384"},
-    {KM_EC_CURVE_P_521, 521, "P-521"},
+    {KM_EC_CURVE_P_224, 224, NID_secp224r1},
+    {KM_EC_CURVE_P_256, 256, NID_X9_62_prime256v1},
+    {KM_EC_CURVE_P_384, 384, NID_secp384r1},
+    {KM_EC_CURVE_P_521, 521, NID_secp521r1},
 };
 
 void CheckMinMacLength(const ParamSet& description, uint32_t least, uint32_t most) {

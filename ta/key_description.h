@@ -20,7 +20,7 @@ bool HasPurpose(uint32_t algorithm, uint32_t purpose);
 struct Curve {
   uint32_t id;  // keymaster_ec_curve_t
   uint32_t key_size;
-  const char* name;  // libcrypto's
+  int nid;  // libcrypto's
 };
 // CurveById and CurveBySize return null for what the TA does not know.
 const Curve* CurveById(uint64_t id);

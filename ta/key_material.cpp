@@ -1,6 +1,5 @@
 #include "key_material.h"
 
-#include <openssl/core_names.h>
 #include <openssl/x509.h>
 
 #include "key_description.h"
@@ -13,15 +12,9 @@ bool IsAsymmetric(uint32_t algorithm) {
   return algorithm == KM_ALGORITHM_RSA || algorithm == KM_ALGORITHM_EC;
 }
 
-BnPtr PartOf(const Key& key, const char* name) {
-  BIGNUM* number = nullptr;
-  RequireCrypto(EVP_PKEY_get_bn_param(key.pkey.get(), name, &number) == 1);
-  return BnPtr(number);
-}
-
-Bytes ToBytes(const BnPtr& number) {
-  Bytes bytes(static_cast<size_t>(BN_num_bytes(number.get())));
-  BN_bn2bin(number.get(), bytes.data());
+Bytes ToBytes(const BIGNUM* number) {
+  Bytes bytes(static_cast<size_t>(BN_num_bytes(number)));
+  BN_bn2bin(number, bytes.data());
   return bytes;
 }
 
@@ -44,22 +37,20 @@ const Curve& ChooseCurve(const ParamSet& description) {
 void GenerateEc(const ParamSet& description, Key* key) {
   const Curve& curve = ChooseCurve(description);
   SetCurve(curve, key);
-  key->pkey.reset(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", curve.name));
-  RequireCrypto(key->pkey != nullptr);
+  const EcKeyPtr ec(EC_KEY_new_by_curve_name(curve.nid));
+  RequireCrypto(ec != nullptr && EC_KEY_generate_key(ec.get()) == 1);
+  key->pkey = ToPkey(ec);
 }
 
 void GenerateRsa(const ParamSet& description, Key* key) {
   const uint64_t exponent = description.Value(KM_TAG_RSA_PUBLIC_EXPONENT).value_or(0);
   if (exponent < 3 || exponent % 2 == 0) Fail(KM_ERROR_INVALID_ARGUMENT);
   const BnPtr e(BN_new());
-  const PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
-  EVP_PKEY* pkey = nullptr;
-  RequireCrypto(e != nullptr && ctx != nullptr && BN_set_word(e.get(), exponent) == 1 &&
-                EVP_PKEY_keygen_init(ctx.get()) == 1 &&
-                EVP_PKEY_CTX_set_rsa_keygen_bits(ctx.get(), static_cast<int>(key->key_size)) == 1 &&
-                EVP_PKEY_CTX_set1_rsa_keygen_pubexp(ctx.get(), e.get()) == 1 &&
-                EVP_PKEY_keygen(ctx.get(), &pkey) == 1);
-  key->pkey.reset(pkey);
+  const RsaPtr rsa(RSA_new());
+  RequireCrypto(e != nullptr && rsa != nullptr && BN_set_word(e.get(), exponent) == 1 &&
+                RSA_generate_key_ex(rsa.get(), static_cast<int>(key->key_size), e.get(), nullptr) ==
+                    1);
+  key->pkey = ToPkey(rsa);
 }
 
 void GenerateSymmetric(Key* key) {
@@ -77,19 +68,19 @@ bool TakePadded(ByteReader* reader, uint32_t length, size_t width, SecureBytes* 
   return true;
 }
 
+// Null when point and scalar are no key pair of the curve.
 PkeyPtr MakeEcPkey(const Curve& curve, const SecureBytes& point, const SecureBytes& scalar) {
-  const BnPtr private_key(
-      BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), BN_secure_new()));
-  const ParamBuilderPtr numbers(OSSL_PARAM_BLD_new());
-  const bool built =
-      numbers != nullptr && private_key != nullptr &&
-      OSSL_PARAM_BLD_push_utf8_string(numbers.get(), OSSL_PKEY_PARAM_GROUP_NAME, curve.name, 0) ==
-          1 &&
-      OSSL_PARAM_BLD_push_octet_string(numbers.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
-                                       point.size()) == 1 &&
-      OSSL_PARAM_BLD_push_BN(numbers.get(), OSSL_PKEY_PARAM_PRIV_KEY, private_key.get()) == 1;
-  // Null already for a point off the curve.
-  return built ? MakePkey("EC", numbers.get()) : nullptr;
+  const EcKeyPtr key(EC_KEY_new_by_curve_name(curve.nid));
+  const BnPtr number(BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), nullptr));
+  RequireCrypto(key != nullptr && number != nullptr);
+  const EC_GROUP* group = EC_KEY_get0_group(key.get());
+  const PointPtr public_point(EC_POINT_new(group));
+  RequireCrypto(public_point != nullptr);
+  const bool is_pair =
+      EC_POINT_oct2point(group, public_point.get(), point.data(), point.size(), nullptr) == 1 &&
+      EC_KEY_set_public_key(key.get(), public_point.get()) == 1 &&
+      EC_KEY_set_private_key(key.get(), number.get()) == 1 && EC_KEY_check_key(key.get()) == 1;
+  return is_pair ? ToPkey(key) : nullptr;
 }
 
 void ImportEc(ByteView material, Key* key) {
@@ -110,9 +101,6 @@ void ImportEc(ByteView material, Key* key) {
   }
   key->pkey = MakeEcPkey(*curve, point, scalar);
   if (key->pkey == nullptr) Fail(KM_ERROR_INVALID_ARGUMENT);
-  const PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, key->pkey.get(), nullptr));
-  RequireCrypto(ctx != nullptr);
-  if (EVP_PKEY_check(ctx.get()) != 1) Fail(KM_ERROR_INVALID_ARGUMENT);
   SetCurve(*curve, key);
 }
 
@@ -161,7 +149,7 @@ Key ImportMaterial(ByteView material, ParamSet* description) {
       break;
     case KM_ALGORITHM_RSA:
       ImportRsaMaterial(material, &key);
-      key.key_size = static_cast<uint32_t>(EVP_PKEY_get_bits(key.pkey.get()));
+      key.key_size = static_cast<uint32_t>(EVP_PKEY_bits(key.pkey.get()));
       break;
     default:
       ImportSymmetric(material, &key);
@@ -170,8 +158,8 @@ Key ImportMaterial(ByteView material, ParamSet* description) {
   Reconcile(KM_TAG_KEY_SIZE, key.key_size, description);
   if (key.algorithm == KM_ALGORITHM_EC) Reconcile(KM_TAG_EC_CURVE, key.curve, description);
   if (key.algorithm == KM_ALGORITHM_RSA) {
-    const BnPtr e = PartOf(key, OSSL_PKEY_PARAM_RSA_E);
-    Reconcile(KM_TAG_RSA_PUBLIC_EXPONENT, BN_get_word(e.get()), description);
+    const BIGNUM* e = RSA_get0_e(EVP_PKEY_get0_RSA(key.pkey.get()));
+    Reconcile(KM_TAG_RSA_PUBLIC_EXPONENT, BN_get_word(e), description);
   }
   return key;
 }
@@ -179,9 +167,22 @@ Key ImportMaterial(ByteView material, ParamSet* description) {
 Bytes ExportPublicKey(const Key& key) {
   if (!IsAsymmetric(key.algorithm)) Fail(KM_ERROR_UNSUPPORTED_KEY_FORMAT);
   Bytes out;
-  const bool rsa = key.algorithm == KM_ALGORITHM_RSA;
-  const Bytes first = ToBytes(PartOf(key, rsa ? OSSL_PKEY_PARAM_RSA_N : OSSL_PKEY_PARAM_EC_PUB_X));
-  const Bytes second = ToBytes(PartOf(key, rsa ? OSSL_PKEY_PARAM_RSA_E : OSSL_PKEY_PARAM_EC_PUB_Y));
+  Bytes first, second;
+  if (key.algorithm == KM_ALGORITHM_RSA) {
+    const RSA* rsa = EVP_PKEY_get0_RSA(key.pkey.get());
+    first = ToBytes(RSA_get0_n(rsa));
+    second = ToBytes(RSA_get0_e(rsa));
+  } else {
+    const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(key.pkey.get());
+    const BnPtr x(BN_new());
+    const BnPtr y(BN_new());
+    RequireCrypto(x != nullptr && y != nullptr &&
+                  EC_POINT_get_affine_coordinates_GFp(EC_KEY_get0_group(ec),
+                                                      EC_KEY_get0_public_key(ec), x.get(), y.get(),
+                                                      nullptr) == 1);
+    first = ToBytes(x.get());
+    second = ToBytes(y.get());
+  }
   AppendU32(&out, key.algorithm);
   AppendU32(&out, key.key_size);
   AppendU32(&out, static_cast<uint32_t>(first.size()));

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <string>
 
 #include "operation.h"
 
@@ -52,13 +51,22 @@ size_t ChooseMacSize(const OperationRequest& request, uint64_t least, uint64_t m
 }
 
 const EVP_CIPHER* CipherOf(const Key& key, uint32_t mode) {
-  const std::string name =
-      key.algorithm == KM_ALGORITHM_TRIPLE_DES ? "des-ede3" : "aes-" + std::to_string(key.key_size);
-  const char* const suffix = mode == KM_MODE_ECB   ? "-ecb"
-                             : mode == KM_MODE_CBC ? "-cbc"
-                             : mode == KM_MODE_CTR ? "-ctr"
-                                                   : "-gcm";
-  return EVP_get_cipherbyname((name + suffix).c_str());
+  using Cipher = const EVP_CIPHER* (*)();
+  constexpr struct {
+    uint32_t mode;
+    Cipher aes[3], triple_des;
+  } kRows[] = {
+      {KM_MODE_ECB, {EVP_aes_128_ecb, EVP_aes_192_ecb, EVP_aes_256_ecb}, EVP_des_ede3_ecb},
+      {KM_MODE_CBC, {EVP_aes_128_cbc, EVP_aes_192_cbc, EVP_aes_256_cbc}, EVP_des_ede3_cbc},
+      {KM_MODE_CTR, {EVP_aes_128_ctr, EVP_aes_192_ctr, EVP_aes_256_ctr}, nullptr},
+      {KM_MODE_GCM, {EVP_aes_128_gcm, EVP_aes_192_gcm, EVP_aes_256_gcm}, nullptr},
+  };
+  for (const auto& row : kRows) {
+    const Cipher cipher =
+        key.algorithm == KM_ALGORITHM_AES ? row.aes[key.key_size / 64 - 2] : row.triple_des;
+    if (row.mode == mode && cipher != nullptr) return cipher();
+  }
+  return nullptr;
 }
 
 const EVP_MD* DigestAlgorithm(uint32_t digest) {

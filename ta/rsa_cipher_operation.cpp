@@ -73,7 +73,7 @@ OperationPtr MakeRsaCipherOperation(const OperationRequest& request) {
   if (padding == KM_PAD_RSA_OAEP) {
     label_md = DigestAlgorithm(Choose(request, KM_TAG_DIGEST));
     if (label_md == nullptr ||
-        request.key->key_size / 8 < 2 * static_cast<size_t>(EVP_MD_get_size(label_md)) + 2) {
+        request.key->key_size / 8 < 2 * static_cast<size_t>(EVP_MD_size(label_md)) + 2) {
       Fail(KM_ERROR_INCOMPATIBLE_DIGEST);
     }
   } else if (padding != KM_PAD_NONE && padding != KM_PAD_RSA_PKCS1_1_5_ENCRYPT) {

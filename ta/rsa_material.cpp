@@ -1,7 +1,5 @@
 #include "rsa_material.h"
 
-#include <openssl/core_names.h>
-
 namespace ta {
 namespace {
 
@@ -134,25 +132,16 @@ bool ReadNumbers(ByteView material, RsaNumbers* rsa, RsaForm* form) {
   return reader.remaining() == 0;
 }
 
-PkeyPtr PkeyOf(const RsaNumbers& rsa) {
-  const ParamBuilderPtr numbers(OSSL_PARAM_BLD_new());
-  RequireCrypto(numbers != nullptr);
-  const std::pair<const char*, const BnPtr&> parts[] = {
-      {OSSL_PKEY_PARAM_RSA_N, rsa.n},
-      {OSSL_PKEY_PARAM_RSA_E, rsa.e},
-      {OSSL_PKEY_PARAM_RSA_D, rsa.d},
-      {OSSL_PKEY_PARAM_RSA_FACTOR1, rsa.p},
-      {OSSL_PKEY_PARAM_RSA_FACTOR2, rsa.q},
-      {OSSL_PKEY_PARAM_RSA_EXPONENT1, rsa.dmp1},
-      {OSSL_PKEY_PARAM_RSA_EXPONENT2, rsa.dmq1},
-      {OSSL_PKEY_PARAM_RSA_COEFFICIENT1, rsa.iqmp},
-  };
-  for (const auto& [name, number] : parts) {
-    RequireCrypto(OSSL_PARAM_BLD_push_BN(numbers.get(), name, number.get()) == 1);
-  }
-  PkeyPtr pkey = MakePkey("RSA", numbers.get());
-  RequireCrypto(pkey != nullptr);
-  return pkey;
+// Takes the numbers.
+PkeyPtr PkeyOf(RsaNumbers* numbers) {
+  const RsaPtr rsa(RSA_new());
+  RequireCrypto(rsa != nullptr);
+  // None of the numbers is missing, which is all that could fail here.
+  RSA_set0_key(rsa.get(), numbers->n.release(), numbers->e.release(), numbers->d.release());
+  RSA_set0_factors(rsa.get(), numbers->p.release(), numbers->q.release());
+  RSA_set0_crt_params(rsa.get(), numbers->dmp1.release(), numbers->dmq1.release(),
+                      numbers->iqmp.release());
+  return ToPkey(rsa);
 }
 
 }  // namespace
@@ -176,7 +165,7 @@ void ImportRsaMaterial(ByteView material, Key* key) {
                             ? CompleteCrt(&rsa, ctx.get())
                             : FindPrimes(&rsa, ctx.get()) && DeriveFromPrimes(&rsa, ctx.get());
   if (!complete || !NumbersBelongTogether(rsa, ctx.get())) Fail(KM_ERROR_INVALID_ARGUMENT);
-  key->pkey = PkeyOf(rsa);
+  key->pkey = PkeyOf(&rsa);
 }
 
 }  // namespace ta

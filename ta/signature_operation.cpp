@@ -104,7 +104,7 @@ class SignatureOperation : public Operation {
 
 // Padding and digest must go together, and fit the key.
 void CheckRsaScheme(const Scheme& scheme, size_t key_bytes) {
-  const size_t digest = scheme.md == nullptr ? 0 : static_cast<size_t>(EVP_MD_get_size(scheme.md));
+  const size_t digest = scheme.md == nullptr ? 0 : static_cast<size_t>(EVP_MD_size(scheme.md));
   bool fits = false;
   switch (scheme.padding) {
     case KM_PAD_NONE:

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -45,10 +46,7 @@ std::string ToLine(const Event& event) {
 
 // One write a line at the end of the file keeps the lines of several threads, or processes, apart.
 int WriteLine(int descriptor, std::string_view line) {
-  ssize_t written = 0;
-  do {
-    written = write(descriptor, line.data(), line.size());
-  } while (written < 0 && errno == EINTR);
+  const ssize_t written = TEMP_FAILURE_RETRY(write(descriptor, line.data(), line.size()));
   return written == static_cast<ssize_t>(line.size()) ? 0 : kFailed;
 }
 
@@ -72,13 +70,7 @@ int Guarded(Body body) {
 
 }  // namespace
 
-void* qavix_create_eventobj(unsigned id) {
-  try {
-    return new Event{id, {}};
-  } catch (const std::exception&) {
-    return nullptr;
-  }
-}
+void* qavix_create_eventobj(unsigned id) { return new (std::nothrow) Event{id, {}}; }
 
 int qavix_send_event(void* event) {
   if (event == nullptr) return kFailed;

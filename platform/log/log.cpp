@@ -1,4 +1,5 @@
 #include <android/log.h>
+#include <ctype.h>
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -7,6 +8,7 @@
 
 #include <exception>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -16,17 +18,15 @@ constexpr std::string_view kLetters = "??VDIWEFS";
 constexpr std::string_view kAnyTag = "*";
 
 char LetterOf(int priority) {
-  return priority >= 0 && static_cast<size_t>(priority) < kLetters.size()
-             ? kLetters[static_cast<size_t>(priority)]
-             : '?';
+  return priority < 0 || static_cast<size_t>(priority) >= kLetters.size()
+             ? '?'
+             : kLetters[static_cast<size_t>(priority)];
 }
 
 // PriorityOf returns the priority a filter's letter names, ANDROID_LOG_UNKNOWN for none.
 int PriorityOf(char letter) {
-  const char upper =
-      letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 'a' + 'A') : letter;
-  const size_t at = kLetters.find(upper);
-  return upper == '?' || at == std::string_view::npos ? ANDROID_LOG_UNKNOWN : static_cast<int>(at);
+  const size_t at = kLetters.find(static_cast<char>(toupper(letter)));
+  return letter == '?' || at == std::string_view::npos ? ANDROID_LOG_UNKNOWN : static_cast<int>(at);
 }
 
 // ReadItem splits one "tag:letter" item. A bare tag stands for all its messages, a bare * for
@@ -75,15 +75,12 @@ bool IsShown(int priority, const char* tag) {
   return threshold != ANDROID_LOG_SILENT && priority >= threshold;
 }
 
-struct FreeDeleter {
-  void operator()(char* text) const { free(text); }
-};
-using Text = std::unique_ptr<char, FreeDeleter>;
-
-// Format returns null when the message cannot be formatted.
-__attribute__((format(printf, 1, 0))) Text Format(const char* format, va_list args) {
+// Format throws when the message cannot be formatted.
+__attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list args) {
   char* text = nullptr;
-  return Text(vasprintf(&text, format, args) < 0 ? nullptr : text);
+  if (vasprintf(&text, format, args) < 0) throw std::bad_alloc();
+  const std::unique_ptr<char, decltype(&free)> owner(text, free);
+  return text;
 }
 
 // Every line of a message carries the prefix, so that no message can pass for two.
@@ -100,11 +97,7 @@ std::string ToLines(int priority, const char* tag, std::string_view text) {
 }
 
 int WriteOnce(std::string_view lines) {
-  ssize_t written = 0;
-  do {
-    written = write(STDERR_FILENO, lines.data(), lines.size());
-  } while (written < 0 && errno == EINTR);
-  return static_cast<int>(written);
+  return static_cast<int>(TEMP_FAILURE_RETRY(write(STDERR_FILENO, lines.data(), lines.size())));
 }
 
 }  // namespace
@@ -117,8 +110,7 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
   va_list args;
   va_start(args, format);
   try {
-    const Text text = Format(format, args);
-    if (text != nullptr) written = WriteOnce(ToLines(priority, tag, text.get()));
+    written = WriteOnce(ToLines(priority, tag, Format(format, args)));
   } catch (const std::exception&) {
     // No memory for the line: the message is lost, and the result says so.
   }

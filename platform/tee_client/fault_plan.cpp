@@ -29,21 +29,17 @@ bool ReadNumber(const std::string& text, uint32_t* value) {
 }
 
 bool ReadField(const std::string& name, uint32_t value, FaultPlan* plan) {
-  const struct {
-    const char* name;
-    uint32_t* value;
-  } kFields[] = {
+  const std::pair<const char*, uint32_t*> kFields[] = {
       {"code", &plan->fault.code},   {"garbage", &plan->fault.garbage},
       {"crash", &plan->fault.crash}, {"delay", &plan->fault.delay_ms},
       {"lie", &plan->fault.lie},     {"length", &plan->fault.length},
       {"nth", &plan->nth},           {"times", &plan->times},
   };
-  const auto* const found = std::find_if(std::begin(kFields), std::end(kFields),
-                                         [&name](const auto& field) { return name == field.name; });
-  if (found == std::end(kFields)) return false;
-  *found->value = value;
   plan->fault.has_length = plan->fault.has_length || name == "length";
-  return true;
+  for (const auto& [known, field] : kFields) {
+    if (name == known) return *field = value, true;
+  }
+  return false;
 }
 
 bool ReadFields(FaultPlan* plan) {
@@ -59,8 +55,7 @@ bool ReadFields(FaultPlan* plan) {
     if (is_first ? name != "cmd" : !ReadField(name, value, plan)) return false;
   }
   const PlannedFault& fault = plan->fault;
-  return fault.code != TEEC_SUCCESS || fault.garbage != 0 || fault.crash != 0 ||
-         fault.delay_ms != 0 || fault.has_length;
+  return (fault.code | fault.garbage | fault.crash | fault.delay_ms) != 0 || fault.has_length;
 }
 
 FaultPlan ReadPlan(const char* text) {

@@ -49,6 +49,18 @@ void Session::CloseLocked() {
   state_ = State::kClosed;
 }
 
+namespace {
+
+// The entry of a handle; null for a handle that stands for none.
+template <typename Entry>
+std::shared_ptr<Entry> FindIn(const std::map<Handle, std::shared_ptr<Entry>>& entries,
+                              Handle handle) {
+  const auto found = entries.find(handle);
+  return found == entries.end() ? nullptr : found->second;
+}
+
+}  // namespace
+
 Handle SessionTable::AddContext() {
   std::shared_ptr<AppHost> host = AppHost::Get();
   const std::lock_guard<std::mutex> lock(mutex_);
@@ -60,25 +72,21 @@ TakenContext SessionTable::TakeContext(Handle context) {
   const std::lock_guard<std::mutex> lock(mutex_);
   TakenContext taken;
   taken.sessions.reserve(sessions_.size());
-  const auto found = contexts_.find(context);
-  if (found == contexts_.end()) return taken;
-  taken.host = std::move(found->second);
-  contexts_.erase(found);
-  for (auto entry = sessions_.begin(); entry != sessions_.end();) {
-    if (entry->second->context() != context) {
-      ++entry;
-      continue;
-    }
-    taken.sessions.push_back(entry->second);
-    entry = sessions_.erase(entry);
+  const auto entry = contexts_.extract(context);
+  if (entry.empty()) return taken;
+  taken.host = entry.mapped();
+  for (const auto& [handle, session] : sessions_) {
+    if (session->context() == context) taken.sessions.push_back(session);
+  }
+  for (auto at = sessions_.begin(); at != sessions_.end();) {
+    at = at->second->context() == context ? sessions_.erase(at) : std::next(at);
   }
   return taken;
 }
 
 std::shared_ptr<AppHost> SessionTable::FindHost(Handle context) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto found = contexts_.find(context);
-  return found == contexts_.end() ? nullptr : found->second;
+  return FindIn(contexts_, context);
 }
 
 Reply SessionTable::AddSession(const std::shared_ptr<Session>& session, Handle* handle) {
@@ -92,15 +100,11 @@ Reply SessionTable::AddSession(const std::shared_ptr<Session>& session, Handle* 
 
 std::shared_ptr<Session> SessionTable::FindSession(Handle session) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto found = sessions_.find(session);
-  return found == sessions_.end() ? nullptr : found->second;
+  return FindIn(sessions_, session);
 }
 
 std::shared_ptr<Session> SessionTable::TakeSession(Handle session) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto found = sessions_.find(session);
-  if (found == sessions_.end()) return nullptr;
-  std::shared_ptr<Session> taken = found->second;
-  sessions_.erase(found);
-  return taken;
+  const auto entry = sessions_.extract(session);
+  return entry.empty() ? nullptr : entry.mapped();
 }

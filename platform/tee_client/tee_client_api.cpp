@@ -1,7 +1,6 @@
 #include <tee_client_api.h>
 
 #include <chrono>
-#include <cstring>
 #include <exception>
 #include <memory>
 
@@ -19,17 +18,8 @@ using Clock = std::chrono::steady_clock;
 
 static_assert(sizeof(Handle) == sizeof(void*), "a handle travels in a record's imp pointer");
 
-void* ToImp(Handle handle) {
-  void* imp = nullptr;
-  std::memcpy(&imp, &handle, sizeof(imp));
-  return imp;
-}
-
-Handle ToHandle(const void* imp) {
-  Handle handle = 0;
-  std::memcpy(&handle, &imp, sizeof(handle));
-  return handle;
-}
+void* ToImp(Handle handle) { return reinterpret_cast<void*>(handle); }
+Handle ToHandle(const void* imp) { return reinterpret_cast<Handle>(imp); }
 
 // Never destroyed: destructors of the host process may still finalise contexts.
 SessionTable& Sessions() {

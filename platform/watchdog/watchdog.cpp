@@ -31,17 +31,13 @@ struct Bracket {
   State state;
 };
 
-// The unit of a time-out: a second, unless a test shortens it.
-unsigned long long UnitMilliseconds() {
-  const char* text = getenv("ZUBREL_UNIT_MS");
-  const unsigned long long unit = text == nullptr ? 0 : strtoull(text, nullptr, 10);
-  return unit == 0 ? 1000 : unit;
-}
-
+// The unit of a time-out is a second, unless a test shortens it.
 Clock::time_point DeadlineOf(unsigned timeout) {
   // A year stands for never, and keeps the clock's arithmetic in range.
   constexpr unsigned long long kYear = 365ULL * 24 * 3600 * 1000;
-  const unsigned long long unit = std::min(UnitMilliseconds(), kYear);
+  const char* text = getenv("ZUBREL_UNIT_MS");
+  const unsigned long long wanted = text == nullptr ? 0 : strtoull(text, nullptr, 10);
+  const unsigned long long unit = wanted == 0 ? 1000 : std::min(wanted, kYear);
   const unsigned long long total = std::min(unit * timeout, kYear);
   return Clock::now() + std::chrono::milliseconds(total);
 }
