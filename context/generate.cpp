@@ -61,7 +61,9 @@ int32_t ReadRsaRequest(const keymaster_key_param_set_t& params, RsaRequest* requ
 }
 
 int32_t GenerateRsa(const RsaRequest& request, BIGNUM* exponent, RSA* key) {
-  if (BN_set_word(exponent, request.exponent) != 1 ||
+  // No key has an exponent that is even or 1; BoringSSL would search for seconds, or for ever.
+  const bool possible = request.exponent % 2 != 0 && request.exponent != 1;
+  if (!possible || BN_set_word(exponent, request.exponent) != 1 ||
       RSA_generate_key_ex(key, static_cast<int>(request.key_size), exponent, nullptr) != 1) {
     KM_LOGE("%s : openssl generatekey failed", kLogFailure);
     return KM_ERROR_UNKNOWN_ERROR;

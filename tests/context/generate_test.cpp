@@ -60,6 +60,7 @@ TEST_F(Generate, ChecksRsaParametersInOrder) {
   EXPECT_EQ(kRefused, Run({kRsa, Exponent(3), Bits(16)}));
   EXPECT_EQ(kRefused, Run({kRsa, Exponent(1), Bits(4096)}));
   EXPECT_EQ(kRefused, Run({kRsa, Exponent(0), k512}));
+  EXPECT_EQ(kRefused, Run({kRsa, Exponent(0xFFFFFFFE), k512}));
 }
 
 // That the numbers fit each other shows where the keys are used.
