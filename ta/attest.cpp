@@ -92,11 +92,10 @@ void AttestKey(uint32_t types, TaParam params[4]) {
 
   const AttestationAuthority authority = LoadOrCreateAuthority();
   const X509Ptr leaf = BuildLeaf(authority, key, key_description);
-  const X509* const certificates[] = {leaf.get(), authority.intermediate.get(),
-                                      authority.root.get()};
+  X509* const certificates[] = {leaf.get(), authority.intermediate.get(), authority.root.get()};
   Bytes chain;
   AppendU32(&chain, static_cast<uint32_t>(std::size(certificates)));
-  for (const X509* certificate : certificates) {
+  for (X509* certificate : certificates) {
     const Bytes der = CertificateDer(certificate);
     AppendU32(&chain, static_cast<uint32_t>(der.size()));
     AppendBytes(&chain, der);

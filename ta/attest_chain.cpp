@@ -44,7 +44,7 @@ constexpr PurposeUsage kPurposeUsages[] = {
 };
 
 // A certificate that wants its extensions and signature. Validity in seconds since 1970.
-X509Ptr Draft(const char* common_name, const X509_NAME* issuer, EVP_PKEY* key, long serial,
+X509Ptr Draft(const char* common_name, X509_NAME* issuer, EVP_PKEY* key, long serial,
               uint64_t not_before, uint64_t not_after) {
   X509Ptr certificate(X509_new());
   RequireCrypto(certificate && X509_set_version(certificate.get(), X509_VERSION_3) == 1);
@@ -65,21 +65,21 @@ X509Ptr Draft(const char* common_name, const X509_NAME* issuer, EVP_PKEY* key, l
 }
 
 void AddExtension(X509* certificate, X509* issuer, int nid, const char* value) {
-  X509V3_CTX context;
+  X509V3_CTX context = {};
   X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
-  const ExtensionPtr extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value));
+  const ExtensionPtr extension(X509V3_EXT_nconf_nid(nullptr, &context, nid, value));
   RequireCrypto(extension && X509_add_ext(certificate, extension.get(), -1) == 1);
 }
 
 PkeyPtr NewSigningKey() {
-  PkeyPtr key(EVP_EC_gen("P-256"));
-  RequireCrypto(key != nullptr);
-  return key;
+  const EcKeyPtr key(EC_KEY_new_by_curve_name(NID_X9_62_prime256v1));
+  RequireCrypto(key != nullptr && EC_KEY_generate_key(key.get()) == 1);
+  return ToPkey(key);
 }
 
 // issuer is null for the root, which signs itself.
 X509Ptr NewCa(const char* name, X509* issuer, EVP_PKEY* key, EVP_PKEY* signing_key) {
-  const X509_NAME* const issuer_name = issuer != nullptr ? X509_get_subject_name(issuer) : nullptr;
+  X509_NAME* const issuer_name = issuer != nullptr ? X509_get_subject_name(issuer) : nullptr;
   const long serial = issuer != nullptr ? 2 : 1;
   X509Ptr ca = Draft(name, issuer_name, key, serial, 0, kNoEnd);
   AddExtension(ca.get(), issuer, NID_basic_constraints,
@@ -99,7 +99,7 @@ SecureBytes NewAuthorityPem() {
   const X509Ptr root = NewCa(kRootName, nullptr, root_key.get(), root_key.get());
   const X509Ptr intermediate =
       NewCa(kIntermediateName, root.get(), intermediate_key.get(), root_key.get());
-  const BioPtr out(BIO_new(BIO_s_secmem()));
+  const BioPtr out(BIO_new(BIO_s_mem()));
   const auto write = [&out](EVP_PKEY* key, X509* certificate) {
     RequireCrypto(PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr) ==
                   1);
@@ -180,7 +180,7 @@ X509Ptr BuildLeaf(const AttestationAuthority& authority, const Key& key, ByteVie
   return leaf;
 }
 
-Bytes CertificateDer(const X509* certificate) {
+Bytes CertificateDer(X509* certificate) {
   const int length = i2d_X509(certificate, nullptr);
   RequireCrypto(length > 0);
   Bytes der(static_cast<size_t>(length));

@@ -27,7 +27,7 @@ AttestationAuthority LoadOrCreateAuthority();
 X509Ptr BuildLeaf(const AttestationAuthority& authority, const Key& key, ByteView key_description);
 
 // CertificateDer encodes a certificate.
-Bytes CertificateDer(const X509* certificate);
+Bytes CertificateDer(X509* certificate);
 
 }  // namespace ta
 

@@ -88,8 +88,7 @@ Bytes Integer(uint64_t value) {
 
 Bytes Enumerated(uint64_t value) {
   EnumeratedPtr enumerated(ASN1_ENUMERATED_new());
-  RequireCrypto(enumerated &&
-                ASN1_ENUMERATED_set_int64(enumerated.get(), static_cast<int64_t>(value)) == 1);
+  RequireCrypto(enumerated && ASN1_ENUMERATED_set(enumerated.get(), static_cast<long>(value)) == 1);
   return ToDer<ASN1_ENUMERATED>(enumerated.get(), i2d_ASN1_ENUMERATED);
 }
 

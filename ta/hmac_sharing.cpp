@@ -1,8 +1,6 @@
 #include "hmac_sharing.h"
 
-#include <openssl/core_names.h>
-#include <openssl/kdf.h>
-#include <openssl/params.h>
+#include <openssl/cmac.h>
 
 #include <algorithm>
 
@@ -19,30 +17,30 @@ constexpr char kLabel[] = "KeymasterSharedMac";
 constexpr char kCheckMessage[] = "Keymaster HMAC Verification";
 constexpr size_t kSharingParametersSize = kSharingSeedSize + kSharingNonceSize;
 
-using KdfPtr = std::unique_ptr<EVP_KDF, CallFree<EVP_KDF, EVP_KDF_free>>;
-using KdfCtxPtr = std::unique_ptr<EVP_KDF_CTX, CallFree<EVP_KDF_CTX, EVP_KDF_CTX_free>>;
+using CmacPtr = std::unique_ptr<CMAC_CTX, CallFree<CMAC_CTX, CMAC_CTX_free>>;
 
-// libcrypto takes the inputs of a KDF as pointers to what it only reads.
-OSSL_PARAM TextParam(const char* name, const char* text) {
-  return OSSL_PARAM_construct_utf8_string(name, const_cast<char*>(text), 0);
-}
-OSSL_PARAM BytesParam(const char* name, const void* bytes, size_t size) {
-  return OSSL_PARAM_construct_octet_string(name, const_cast<void*>(bytes), size);
+void AppendBigEndian32(SecureBytes* out, uint32_t value) {
+  for (int shift = 24; shift >= 0; shift -= 8) out->push_back(static_cast<uint8_t>(value >> shift));
 }
 
 SecureBytes DeriveSharedKey(ByteView sharing_parameters) {
-  const KdfPtr kdf(EVP_KDF_fetch(nullptr, "KBKDF", nullptr));
-  const KdfCtxPtr context(kdf ? EVP_KDF_CTX_new(kdf.get()) : nullptr);
-  const OSSL_PARAM inputs[] = {
-      TextParam(OSSL_KDF_PARAM_MAC, "CMAC"),
-      TextParam(OSSL_KDF_PARAM_CIPHER, "AES-256-CBC"),
-      TextParam(OSSL_KDF_PARAM_MODE, "counter"),
-      BytesParam(OSSL_KDF_PARAM_KEY, kKeyAgreementKey, sizeof(kKeyAgreementKey) - 1),
-      BytesParam(OSSL_KDF_PARAM_SALT, kLabel, sizeof(kLabel) - 1),
-      BytesParam(OSSL_KDF_PARAM_INFO, sharing_parameters.data, sharing_parameters.size),
-      OSSL_PARAM_construct_end()};
+  constexpr size_t kBlock = 16;
   SecureBytes key(kSharedHmacSize);
-  RequireCrypto(context && EVP_KDF_derive(context.get(), key.data(), key.size(), inputs) == 1);
+  for (uint32_t i = 0; i < kSharedHmacSize / kBlock; ++i) {
+    SecureBytes input;
+    AppendBigEndian32(&input, i + 1);
+    // The zero byte behind the label goes along.
+    AppendBytes(&input, ByteView(reinterpret_cast<const uint8_t*>(kLabel), sizeof(kLabel)));
+    AppendBytes(&input, sharing_parameters);
+    AppendBigEndian32(&input, kSharedHmacSize * 8);
+    const CmacPtr cmac(CMAC_CTX_new());
+    size_t size = 0;
+    RequireCrypto(cmac != nullptr &&
+                  CMAC_Init(cmac.get(), kKeyAgreementKey, sizeof(kKeyAgreementKey) - 1,
+                            EVP_aes_256_cbc(), nullptr) == 1 &&
+                  CMAC_Update(cmac.get(), input.data(), input.size()) == 1 &&
+                  CMAC_Final(cmac.get(), key.data() + i * kBlock, &size) == 1);
+  }
   return key;
 }
 

@@ -42,7 +42,7 @@ class RsaCipherOperation : public Operation {
   }
 
   PkeyCtxPtr Start() const {
-    PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, pkey_.get(), nullptr));
+    PkeyCtxPtr ctx(EVP_PKEY_CTX_new(pkey_.get(), nullptr));
     const auto init = encrypts_ ? EVP_PKEY_encrypt_init : EVP_PKEY_decrypt_init;
     const int padding = padding_ == KM_PAD_RSA_OAEP ? RSA_PKCS1_OAEP_PADDING
                         : padding_ == KM_PAD_NONE   ? RSA_NO_PADDING

@@ -10,9 +10,11 @@ struct RsaNumbers {
 };
 
 BnPtr NewNumber() {
-  BnPtr number(BN_secure_new());
+  BnPtr number(BN_new());
   RequireCrypto(number != nullptr);
+#ifdef BN_FLG_CONSTTIME  // BoringSSL does without
   BN_set_flags(number.get(), BN_FLG_CONSTTIME);
+#endif
   return number;
 }
 
@@ -48,8 +50,8 @@ bool DeriveFromPrimes(RsaNumbers* rsa, BN_CTX* ctx) {
 
 // One attempt to split n with a base: a square root of 1 other than +-1 shares a factor with n.
 bool SplitWith(BN_ULONG base, const BIGNUM* odd, int twos, RsaNumbers* rsa, BN_CTX* ctx) {
-  const BnPtr x = NewNumber();
-  const BnPtr square = NewNumber();
+  BnPtr x = NewNumber();
+  BnPtr square = NewNumber();
   const BnPtr minus_one = NewNumber();
   if (BN_set_word(square.get(), base) != 1 ||
       BN_sub(minus_one.get(), rsa->n.get(), BN_value_one()) != 1 ||
@@ -66,7 +68,7 @@ bool SplitWith(BN_ULONG base, const BIGNUM* odd, int twos, RsaNumbers* rsa, BN_C
              BN_gcd(rsa->p.get(), x.get(), rsa->n.get(), ctx) == 1 &&
              BN_div(rsa->q.get(), nullptr, rsa->n.get(), rsa->p.get(), ctx) == 1;
     }
-    BN_swap(x.get(), square.get());
+    x.swap(square);
   }
   return false;
 }
@@ -159,7 +161,7 @@ void ImportRsaMaterial(ByteView material, Key* key) {
       BN_num_bits(rsa.e.get()) > 64) {
     Fail(KM_ERROR_INVALID_ARGUMENT);
   }
-  const BnCtxPtr ctx(BN_CTX_secure_new());
+  const BnCtxPtr ctx(BN_CTX_new());
   RequireCrypto(ctx != nullptr);
   const bool complete = form == kCrtForm
                             ? CompleteCrt(&rsa, ctx.get())

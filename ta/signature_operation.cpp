@@ -9,6 +9,8 @@ namespace {
 // What a PKCS#1 v1.5 signature adds to a digest, and to bare data, at least.
 constexpr size_t kPkcs1DigestInfo = 19;
 constexpr size_t kPkcs1Overhead = 11;
+// What libcrypto takes for a salt as long as the digest.
+constexpr int kPssSaltLikeDigest = -1;
 
 struct Scheme {
   bool signs = false;
@@ -56,7 +58,7 @@ class SignatureOperation : public Operation {
   }
 
   PkeyCtxPtr Start(int (*init)(EVP_PKEY_CTX*)) const {
-    PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, pkey_.get(), nullptr));
+    PkeyCtxPtr ctx(EVP_PKEY_CTX_new(pkey_.get(), nullptr));
     RequireCrypto(ctx != nullptr && init(ctx.get()) == 1);
     if (rsa_) {
       const int padding = scheme_.padding == KM_PAD_RSA_PSS ? RSA_PKCS1_PSS_PADDING
@@ -68,7 +70,7 @@ class SignatureOperation : public Operation {
       RequireCrypto(EVP_PKEY_CTX_set_signature_md(ctx.get(), scheme_.md) == 1);
     }
     if (rsa_ && scheme_.padding == KM_PAD_RSA_PSS) {
-      RequireCrypto(EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx.get(), RSA_PSS_SALTLEN_DIGEST) == 1);
+      RequireCrypto(EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx.get(), kPssSaltLikeDigest) == 1);
     }
     return ctx;
   }

@@ -155,17 +155,29 @@ struct Export : RequestTest {
 };
 
 TEST_F(Export, EncodesRsaKeys) {
-  const Bytes n = NumberOf(SharedRsaKey(), "n"), e = NumberOf(SharedRsaKey(), "e");
+  auto numbers = NumbersOf(SharedRsaKey());
+  const Bytes n = numbers["n"], e = numbers["e"];
   const std::string kGood = "0 [5] data=" + Hex(Spki(SharedRsaKey())) + ": I KmExportKey success";
   for (const uint32_t bits : {0u, 0xFFFFFFFFu}) EXPECT_EQ(kGood, Run(KeyReply(1, bits, n, e)));
   EXPECT_EQ(Parts{kKey}, Inputs());
   EXPECT_EQ(kGood, Run(KeyReply(1, 0, Cat({Bytes(3), n}), Cat({{0}, e})))) << "leading zeros";
 }
 
-TEST_F(Export, EncodesEcKeys) {
-  const Pkey ec(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-521"));
-  EXPECT_EQ("0 [5] data=" + Hex(Spki(ec.get())) + ": I nid = 716; I KmExportKey success",
-            Run(KeyReply(3, 521, NumberOf(ec.get(), "qx"), NumberOf(ec.get(), "qy"))));
+TEST_F(Export, EncodesEcKeysOfTheCurvesThatLibcryptoHas) {
+  const std::pair<int, uint32_t> kCurves[] = {{709, 160}, {711, 192}, {713, 224},
+                                              {415, 256}, {715, 384}, {716, 521}};
+  for (const auto& [nid, bits] : kCurves) {
+    const Pkey ec = NewEcKey(nid);
+    const std::string log = ": I nid = " + std::to_string(nid) + "; ";
+    if (kBoringSsl && bits < 224) {
+      EXPECT_EQ("-38 [5] data=empty" + log + "E! Could not allocate ec_key structure",
+                Run(KeyReply(3, bits, {1}, {1})));
+      continue;
+    }
+    auto numbers = NumbersOf(ec.get());
+    EXPECT_EQ("0 [5] data=" + Hex(Spki(ec.get())) + log + "I KmExportKey success",
+              Run(KeyReply(3, bits, numbers["x"], numbers["y"])));
+  }
 }
 
 TEST_F(Export, RefusesBadReplies) {

@@ -138,24 +138,8 @@ Bytes FinishInput(const Bytes& input, const Bytes& signature) {
 }
 
 EVP_PKEY* SharedRsaKey() {
-  static const Pkey kKey(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{2048}));
+  static const Pkey kKey = NewRsaKey(2048);
   return kKey.get();
-}
-
-Bytes NumberOf(const EVP_PKEY* key, const char* name) {
-  BIGNUM* number = nullptr;
-  EXPECT_EQ(1, EVP_PKEY_get_bn_param(key, name, &number)) << name;
-  Bytes out(static_cast<size_t>(BN_num_bytes(number)));
-  BN_bn2bin(number, out.data());
-  BN_free(number);
-  return out;
-}
-
-Bytes Pkcs8(const EVP_PKEY* key) {
-  PKCS8_PRIV_KEY_INFO* info = EVP_PKEY2PKCS8(key);
-  const Bytes out = DerOf(i2d_PKCS8_PRIV_KEY_INFO, info);
-  PKCS8_PRIV_KEY_INFO_free(info);
-  return out;
 }
 
 }  // namespace test

@@ -1,19 +1,17 @@
 // What the tests of the requests share: the object, the caller's outputs, one text for all that a
-// request did, key numbers.
+// request did, a key.
 #ifndef TESTS_CONTEXT_REQUEST_H
 #define TESTS_CONTEXT_REQUEST_H
 
 #include <keymaster/android_keymaster_utils.h>
 #include <keymaster_tivas_context.h>
 #include <keymaster_ts.h>
-#include <openssl/bn.h>
-#include <openssl/evp.h>
-#include <openssl/x509.h>
 
 #include <memory>
 #include <string>
 
 #include "tests/platform/keymaster_test.h"
+#include "tests/platform/keys.h"
 
 namespace test {
 
@@ -81,26 +79,8 @@ Bytes SecondList(std::initializer_list<std::pair<int64_t, Bytes>> params);
 // FinishInput is the input of a finish: both items are always there.
 Bytes FinishInput(const Bytes& input, const Bytes& signature);
 
-struct Free {
-  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-};
-using Pkey = std::unique_ptr<EVP_PKEY, Free>;
-
 // SharedRsaKey is one 2048-bit key of the process, with exponent 65537.
 EVP_PKEY* SharedRsaKey();
-// NumberOf is one of a key's numbers, big-endian; "rsa-factor1", "pub" and so on.
-Bytes NumberOf(const EVP_PKEY* key, const char* name);
-// DerOf encodes an object with libcrypto's function for it.
-template <typename T>
-Bytes DerOf(int (*encode)(const T*, uint8_t**), const T* object) {
-  Bytes out(static_cast<size_t>(encode(object, nullptr)));
-  uint8_t* at = out.data();
-  encode(object, &at);
-  return out;
-}
-inline Bytes Spki(const EVP_PKEY* key) { return DerOf(i2d_PUBKEY, key); }
-Bytes Pkcs8(const EVP_PKEY* key);
-
 }  // namespace test
 
 #endif  // TESTS_CONTEXT_REQUEST_H

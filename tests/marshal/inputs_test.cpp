@@ -157,7 +157,7 @@ TEST_F(Inputs, UpdateArgumentsAreChecked) {
 
 TEST_F(Inputs, ANumberBehindALargeOffsetDoesNotWrap) {
   const std::unique_ptr<BIGNUM, decltype(&BN_free)> one(BN_new(), BN_free);
-  BN_one(one.get());
+  BN_set_word(one.get(), 1);
   EXPECT_EQ(-1, CheckBnSize(0xFFFFFFFF, 4096, one.get(), "X"));
   EXPECT_EQ(-1, CheckBnSize(0xFFFFFFFF, 0xFFFFFFFF, one.get(), "X"));
   EXPECT_EQ(0, CheckBnSize(0xFFFFFFFE, 0xFFFFFFFF, one.get(), "X"));

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <link.h>
-#include <openssl/rsa.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -16,6 +15,7 @@
 #include <utility>
 
 #include "tests/platform/faults.h"
+#include "tests/platform/keys.h"
 
 namespace test {
 namespace {
@@ -25,10 +25,11 @@ using Word = uintptr_t;
 // The calls into libcrypto that fail with null or 0. All take at most six words and return one.
 constexpr char kCrypto[] =
     "RSA_generate_key_ex RSA_new RSA_set0_key BN_new BN_bin2bn BN_set_word EVP_PKEY_new "
-    "EVP_PKEY_assign EVP_PKEY_set1_EC_KEY EVP_PKEY_get1_RSA EVP_PKEY_get1_EC_KEY EVP_PKCS82PKEY "
+    "EVP_PKEY_assign EVP_PKEY_assign_RSA EVP_PKEY_set1_EC_KEY EVP_PKEY_get1_RSA "
+    "EVP_PKEY_get1_EC_KEY EVP_PKCS82PKEY "
     "EC_KEY_new_by_curve_name EC_KEY_set_public_key_affine_coordinates d2i_PKCS8_PRIV_KEY_INFO "
     "EC_POINT_get_affine_coordinates_GFp i2d_PUBKEY";
-constexpr size_t kCryptoCount = 17, kGenerateRsa = 0;
+constexpr size_t kCryptoCount = 18, kGenerateRsa = 0;
 constexpr size_t kPiece = 16;
 
 Word g_real[kCryptoCount];
@@ -176,12 +177,6 @@ void ForgetSecrets() {
 std::vector<std::string> Unwiped() {
   const std::lock_guard<std::mutex> lock(g_mutex);
   return std::exchange(g_unwiped, {});
-}
-
-Bytes BigEndian(const BIGNUM* number) {
-  Bytes out(static_cast<size_t>(BN_num_bytes(number)));
-  BN_bn2bin(number, out.data());
-  return out;
 }
 
 }  // namespace test

@@ -3,7 +3,6 @@
 #ifndef TESTS_SWEEP_LIBRARY_HOOKS_H
 #define TESTS_SWEEP_LIBRARY_HOOKS_H
 
-#include <openssl/bn.h>
 #include <stddef.h>
 
 #include <string>
@@ -33,8 +32,6 @@ void ReleaseOutput(const void* block);
 void WatchFor(const std::string& label, const Bytes& secret);
 void ForgetSecrets();
 std::vector<std::string> Unwiped();
-
-Bytes BigEndian(const BIGNUM* number);
 
 }  // namespace test
 

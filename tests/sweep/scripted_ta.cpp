@@ -1,37 +1,13 @@
 // The TA that serves the requests, and what both sides know.
-#include <openssl/ec.h>
-#include <openssl/evp.h>
-#include <openssl/rsa.h>
-#include <openssl/x509.h>
-
 #include <algorithm>
 #include <memory>
 
+#include "tests/platform/keys.h"
 #include "tests/sweep/library_hooks.h"
 #include "tests/sweep/requests.h"
 
 namespace test {
 namespace {
-
-using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-
-Bytes Number(const Key& key, const char* name) {
-  BIGNUM* number = nullptr;
-  if (EVP_PKEY_get_bn_param(key.get(), name, &number) != 1) abort();
-  const Bytes out = BigEndian(number);
-  BN_free(number);
-  return out;
-}
-
-Bytes Pkcs8(const Key& key) {
-  PKCS8_PRIV_KEY_INFO* info = EVP_PKEY2PKCS8(key.get());
-  unsigned char* der = nullptr;
-  const int length = i2d_PKCS8_PRIV_KEY_INFO(info, &der);
-  const Bytes out(der, der + length);
-  OPENSSL_free(der);
-  PKCS8_PRIV_KEY_INFO_free(info);
-  return out;
-}
 
 // Bytes without a pattern, so that no two pieces of them are alike.
 Bytes Noise(uint32_t seed, size_t length) {
@@ -103,18 +79,17 @@ Reply Serve(const Invocation& invocation) {
 
 Fixture MakeFixture() {
   Fixture f;
-  const Key rsa(EVP_RSA_gen(1024), &EVP_PKEY_free), ec(EVP_EC_gen("P-256"), &EVP_PKEY_free);
-  f.rsa_pkcs8 = Pkcs8(rsa);
-  f.ec_pkcs8 = Pkcs8(ec);
-  for (const char* name :
-       {"d", "rsa-factor1", "rsa-factor2", "rsa-exponent1", "rsa-exponent2", "rsa-coefficient1"}) {
-    f.secrets[name] = Number(rsa, name);
-  }
+  const Pkey rsa = NewRsaKey(1024), ec = NewEcKey(NID_X9_62_prime256v1);
+  f.rsa_pkcs8 = Pkcs8(rsa.get());
+  f.ec_pkcs8 = Pkcs8(ec.get());
+  f.secrets = NumbersOf(rsa.get());
+  f.secrets.erase("n");
+  auto ec_numbers = NumbersOf(ec.get());
+  f.secrets["scalar"] = ec_numbers["scalar"];
   const Bytes masked = Noise(1, 32), unwrapped = Noise(3, 32), update_output = Noise(4, 16);
   f.transit = masked;
   f.mask = Noise(2, 32);
   for (size_t i = 0; i < f.mask.size(); ++i) f.transit[i] ^= f.mask[i];
-  f.secrets["scalar"] = Number(ec, "priv");
   f.secrets["masked transit key"] = masked;
   f.secrets["transit key"] = f.transit;
   f.secrets["finish output, unwrapped key"] = unwrapped;
@@ -123,7 +98,7 @@ Fixture MakeFixture() {
   f.blob = Ramp(5, 48);
   f.ec_blob = Text("an EC key");
 
-  const Bytes x = Number(ec, "qx"), y = Number(ec, "qy");
+  const Bytes x = ec_numbers["x"], y = ec_numbers["y"];
   f.ec_public = {{2, Cat({Le32(3), Le32(256), Le32(static_cast<uint32_t>(x.size())),
                           Le32(static_cast<uint32_t>(y.size())), x, y})}};
   f.transit_finish = {{3, masked}};

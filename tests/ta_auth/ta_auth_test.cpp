@@ -1,4 +1,5 @@
 // Attestation, authorization, device state and HMAC sharing, through the TA's entry points.
+#include <openssl/cmac.h>
 #include <openssl/hmac.h>
 #include <openssl/x509v3.h>
 
@@ -24,8 +25,12 @@ Str SharedKey(const Str& parameters) {
   uint8_t key[32];
   for (const uint32_t half : {0u, 1u}) {
     const Str block = Be(half + 1, 4) + "KeymasterSharedMac" + Str(1, 0) + parameters + Be(256, 4);
-    EXPECT_TRUE(EVP_Q_mac(nullptr, "CMAC", nullptr, "AES-256-CBC", nullptr, ta::kKeyAgreementKey,
-                          32, Raw(block), block.size(), key + 16 * half, 16, nullptr));
+    CMAC_CTX* const cmac = CMAC_CTX_new();
+    size_t size = 0;
+    EXPECT_TRUE(CMAC_Init(cmac, ta::kKeyAgreementKey, 32, EVP_aes_256_cbc(), nullptr) &&
+                CMAC_Update(cmac, Raw(block), block.size()) &&
+                CMAC_Final(cmac, key + 16 * half, &size));
+    CMAC_CTX_free(cmac);
   }
   return Str(key, key + 32);
 }
@@ -195,8 +200,12 @@ TEST(Attestation, DescribesTheKeyInAChainThatVerifies) {
     EXPECT_EQ(VerifyChain(chain), X509_V_OK);
     X509* const leaf = chain[0].get();
     EXPECT_EQ(X509_get_key_usage(leaf), row.usage);
-    EXPECT_EQ(ASN1_TIME_cmp_time_t(X509_get0_notBefore(leaf), row.not_before), 0);
-    EXPECT_EQ(ASN1_TIME_cmp_time_t(X509_get0_notAfter(leaf), row.not_after), 0);
+    for (const auto& [field, time] : {std::pair{X509_get0_notBefore(leaf), row.not_before},
+                                      {X509_get0_notAfter(leaf), row.not_after}}) {
+      ASN1_TIME* const expected = ASN1_TIME_set(nullptr, time);
+      EXPECT_EQ(ASN1_STRING_cmp(field, expected), 0);
+      ASN1_STRING_free(expected);
+    }
     X509_EXTENSION* const extension = X509_get_ext(leaf, X509_get_ext_count(leaf) - 1);
     const ASN1_OCTET_STRING* const value = X509_EXTENSION_get_data(extension);
     EXPECT_EQ(Str(value->data, value->data + value->length), Hex(row.extension));

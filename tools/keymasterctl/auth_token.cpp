@@ -1,12 +1,10 @@
 #include "auth_token.h"
 
 #include <endian.h>
-#include <openssl/core_names.h>
+#include <openssl/cmac.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
-#include <openssl/kdf.h>
-#include <openssl/params.h>
 #include <string.h>
 #include <time.h>
 
@@ -23,34 +21,31 @@ constexpr size_t kHalf = 32;  // of the sharing parameters: seed, nonce
 // What every instance on a host is given in place of a manufacturer's secret.
 constexpr char kKeyAgreementKey[] = "host stand-in key agreement key.";
 constexpr size_t kKeySize = sizeof(kKeyAgreementKey) - 1;
+constexpr size_t kBlockSize = 16;  // of AES, and so of CMAC
 
 using SharedKey = std::array<uint8_t, kKeySize>;
 
-// The counter-mode KDF of SP 800-108 with AES-256-CMAC over everyone's parameters.
+// The counter-mode KDF of SP 800-108 with AES-256-CMAC over everyone's parameters: a block is the
+// CMAC of its number, the label with a zero byte, the parameters and the key's length in bits.
 SharedKey DeriveSharedKey(const Bytes& sharing) {
-  const auto text = [](const char* name, const char* value) {
-    return OSSL_PARAM_construct_utf8_string(name, const_cast<char*>(value), 0);
-  };
-  const auto bytes = [](const char* name, const void* data, size_t length) {
-    return OSSL_PARAM_construct_octet_string(name, const_cast<void*>(data), length);
-  };
   const char kLabel[] = "KeymasterSharedMac";
-  const OSSL_PARAM params[] = {
-      text(OSSL_KDF_PARAM_MODE, "counter"),
-      text(OSSL_KDF_PARAM_MAC, "CMAC"),
-      text(OSSL_KDF_PARAM_CIPHER, "AES-256-CBC"),
-      bytes(OSSL_KDF_PARAM_KEY, kKeyAgreementKey, kKeySize),
-      bytes(OSSL_KDF_PARAM_SALT, kLabel, sizeof(kLabel) - 1),
-      bytes(OSSL_KDF_PARAM_INFO, sharing.data(), sharing.size()),
-      OSSL_PARAM_construct_end(),
+  const uint32_t bits = htobe32(8 * kKeySize);
+  const std::unique_ptr<CMAC_CTX, void (*)(CMAC_CTX*)> cmac(CMAC_CTX_new(), CMAC_CTX_free);
+  const auto add = [&cmac](const void* data, size_t size) {
+    return CMAC_Update(cmac.get(), static_cast<const uint8_t*>(data), size) == 1;
   };
-  const std::unique_ptr<EVP_KDF, void (*)(EVP_KDF*)> kdf(EVP_KDF_fetch(nullptr, "KBKDF", nullptr),
-                                                         EVP_KDF_free);
-  const std::unique_ptr<EVP_KDF_CTX, void (*)(EVP_KDF_CTX*)> context(EVP_KDF_CTX_new(kdf.get()),
-                                                                     EVP_KDF_CTX_free);
   SharedKey key;
-  if (context == nullptr || EVP_KDF_derive(context.get(), key.data(), key.size(), params) != 1) {
-    throw Failure("cannot derive the shared HMAC key");
+  uint32_t number = 0;
+  for (size_t at = 0; at < kKeySize; at += kBlockSize) {
+    const uint32_t counter = htobe32(++number);
+    size_t size = 0;
+    if (cmac == nullptr ||
+        CMAC_Init(cmac.get(), kKeyAgreementKey, kKeySize, EVP_aes_256_cbc(), nullptr) != 1 ||
+        !add(&counter, sizeof(counter)) || !add(kLabel, sizeof(kLabel)) ||
+        !add(sharing.data(), sharing.size()) || !add(&bits, sizeof(bits)) ||
+        CMAC_Final(cmac.get(), key.data() + at, &size) != 1) {
+      throw Failure("cannot derive the shared HMAC key");
+    }
   }
   return key;
 }

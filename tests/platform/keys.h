@@ -1,0 +1,94 @@
+// Keys for tests, by what both flavours of libcrypto have.
+#ifndef TESTS_PLATFORM_KEYS_H
+#define TESTS_PLATFORM_KEYS_H
+
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <map>
+#include <memory>
+
+#include "tests/platform/bytes.h"
+
+namespace test {
+
+#ifdef OPENSSL_IS_BORINGSSL
+constexpr bool kBoringSsl = true;
+#else
+constexpr bool kBoringSsl = false;
+#endif
+
+struct FreeKey {
+  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
+};
+using Pkey = std::unique_ptr<EVP_PKEY, FreeKey>;
+
+// NewKey makes a key of a type that needs no parameters.
+inline Pkey NewKey(int type, int rsa_bits = 0) {
+  EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_id(type, nullptr);
+  EVP_PKEY* key = nullptr;
+  if (EVP_PKEY_keygen_init(context) != 1 ||
+      (rsa_bits != 0 && EVP_PKEY_CTX_set_rsa_keygen_bits(context, rsa_bits) != 1) ||
+      EVP_PKEY_keygen(context, &key) != 1) {
+    abort();
+  }
+  EVP_PKEY_CTX_free(context);
+  return Pkey(key);
+}
+inline Pkey NewRsaKey(int bits) { return NewKey(EVP_PKEY_RSA, bits); }
+
+// NewEcKey is null for a curve that libcrypto lacks.
+inline Pkey NewEcKey(int nid) {
+  EC_KEY* ec = EC_KEY_new_by_curve_name(nid);
+  if (ec == nullptr) return nullptr;
+  Pkey key(EVP_PKEY_new());
+  if (EC_KEY_generate_key(ec) != 1 || EVP_PKEY_set1_EC_KEY(key.get(), ec) != 1) abort();
+  EC_KEY_free(ec);
+  return key;
+}
+
+inline Bytes BigEndian(const BIGNUM* number) {
+  Bytes out(static_cast<size_t>(BN_num_bytes(number)));
+  BN_bn2bin(number, out.data());
+  return out;
+}
+
+// NumbersOf are n, e, d, p, q, dmp1, dmq1 and iqmp of an RSA key; x, y and scalar of an EC key.
+inline std::map<std::string, Bytes> NumbersOf(const EVP_PKEY* key) {
+  if (EVP_PKEY_id(key) == EVP_PKEY_RSA) {
+    const RSA* rsa = EVP_PKEY_get0_RSA(key);
+    return {{"n", BigEndian(RSA_get0_n(rsa))},       {"e", BigEndian(RSA_get0_e(rsa))},
+            {"d", BigEndian(RSA_get0_d(rsa))},       {"p", BigEndian(RSA_get0_p(rsa))},
+            {"q", BigEndian(RSA_get0_q(rsa))},       {"dmp1", BigEndian(RSA_get0_dmp1(rsa))},
+            {"dmq1", BigEndian(RSA_get0_dmq1(rsa))}, {"iqmp", BigEndian(RSA_get0_iqmp(rsa))}};
+  }
+  const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(key);
+  const std::unique_ptr<BIGNUM, void (*)(BIGNUM*)> x(BN_new(), BN_free), y(BN_new(), BN_free);
+  EC_POINT_get_affine_coordinates_GFp(EC_KEY_get0_group(ec), EC_KEY_get0_public_key(ec), x.get(),
+                                      y.get(), nullptr);
+  return {{"x", BigEndian(x.get())},
+          {"y", BigEndian(y.get())},
+          {"scalar", BigEndian(EC_KEY_get0_private_key(ec))}};
+}
+
+// DerOf encodes an object with libcrypto's function for it.
+template <typename T, typename From>
+Bytes DerOf(int (*encode)(T*, uint8_t**), From* object) {
+  auto* from = const_cast<T*>(object);
+  Bytes out(static_cast<size_t>(encode(from, nullptr)));
+  uint8_t* at = out.data();
+  encode(from, &at);
+  return out;
+}
+inline Bytes Spki(const EVP_PKEY* key) { return DerOf(i2d_PUBKEY, key); }
+inline Bytes Pkcs8(EVP_PKEY* key) {
+  const std::unique_ptr<PKCS8_PRIV_KEY_INFO, void (*)(PKCS8_PRIV_KEY_INFO*)> info(
+      EVP_PKEY2PKCS8(key), PKCS8_PRIV_KEY_INFO_free);
+  return DerOf(i2d_PKCS8_PRIV_KEY_INFO, info.get());
+}
+
+}  // namespace test
+
+#endif  // TESTS_PLATFORM_KEYS_H
