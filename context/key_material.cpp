@@ -102,7 +102,7 @@ bool AppendRsaPrivate(const RSA* key, const BIGNUM* d, MaterialWriter* writer) {
   return writer->Append(crt);
 }
 
-// Appends an EC component and logs its size under the component's own message.
+// Appends the integers of an EC key and logs the size of each.
 bool AppendEcComponents(const BIGNUM* x, const BIGNUM* y, const BIGNUM* scalar,
                         MaterialWriter* writer) {
   if (!writer->Append(x, "X", 8)) {

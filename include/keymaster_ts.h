@@ -86,8 +86,8 @@ int32_t BuildKmParams(const keymaster_key_param_set_t* params, uint8_t** out, ui
 // arguments and replies of 3 bytes or fewer, both lists are left empty.
 int32_t BuildKeyCharacter(const uint8_t* reply, uint32_t reply_len,
                           keymaster_key_characteristics_t* characteristics);
-// BuildKeyParamSet decodes a one-list reply into a set that is null with length 0, and leaves it
-// so on failure.
+// BuildKeyParamSet decodes a one-list reply into a set, which it overwrites and never releases. On
+// failure, but for null arguments and replies of 3 bytes or fewer, the set is null with length 0.
 int32_t BuildKeyParamSet(keymaster_key_param_set_t* param_set, const uint8_t* reply,
                          uint32_t reply_len);
 

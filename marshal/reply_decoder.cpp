@@ -186,8 +186,9 @@ int32_t BuildKeyParamSet(keymaster_key_param_set_t* param_set, const uint8_t* re
     KM_LOGE("param_len too samll(%u)", reply_len);
     return -EINVAL;
   }
+  // What the caller left in the set is not released on a failure below.
+  *param_set = keymaster_key_param_set_t{};
   if (count == 0) {
-    param_set->length = 0;
     return 0;
   }
   const int32_t result = DecodeParamSet(param_set, count, reply_len, &reader);

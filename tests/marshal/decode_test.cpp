@@ -49,7 +49,9 @@ std::string Characteristics(const Bytes& reply) {
 
 std::string OneList(const Bytes& reply) {
   platform().ClearRecords();
-  keymaster_key_param_set_t out{};
+  // What a caller left in its set is not the decoder's to free.
+  keymaster_key_param_t stale{};
+  keymaster_key_param_set_t out{&stale, 1};
   const int32_t result =
       BuildKeyParamSet(&out, ExactCopy(reply).get(), static_cast<uint32_t>(reply.size()));
   return Outcome(result, Take(result, &out));
