@@ -7,6 +7,27 @@
 #include "keymaster_ts.h"
 #include "marshal/log.h"
 
+namespace {
+
+// Copies the reply of an upgrade to the caller.
+int32_t GiveUpgradedKey(const uint8_t* reply, uint32_t length, keymaster_key_blob_t* upgraded_key) {
+  MallocBuffer copy;
+  switch (CopyBytes(reply, length, &copy)) {
+    case CopyResult::kNoMemory:
+      return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+    case CopyResult::kCopyFailed:
+      KM_LOGE("%s : memcpy_s upgrade key payload failed", kLogFailure);
+      return KM_ERROR_UNKNOWN_ERROR;
+    case CopyResult::kCopied:
+      break;
+  }
+  GiveKeyBlob(std::move(copy), length, upgraded_key);
+  KM_LOGI("KmUpgradeKey success");
+  return KM_ERROR_OK;
+}
+
+}  // namespace
+
 namespace keymaster {
 
 int32_t KeymasterTivasContext::TivasKmGetKeyCharacteristics(
@@ -73,19 +94,7 @@ int32_t KeymasterTivasContext::TivasKmUpgradeKey(const keymaster_key_blob_t* key
   if (!ReplyFitsKeyBlob(reply)) {
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  MallocBuffer copy;
-  switch (CopyBytes(reply.data(), reply.length(), &copy)) {
-    case CopyResult::kNoMemory:
-      return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-    case CopyResult::kCopyFailed:
-      KM_LOGE("%s : memcpy_s upgrade key payload failed", kLogFailure);
-      return KM_ERROR_UNKNOWN_ERROR;
-    case CopyResult::kCopied:
-      break;
-  }
-  GiveKeyBlob(std::move(copy), reply.length(), upgraded_key);
-  KM_LOGI("KmUpgradeKey success");
-  return KM_ERROR_OK;
+  return GiveUpgradedKey(reply.data(), reply.length(), upgraded_key);
 }
 
 int32_t KeymasterTivasContext::TivasKmDeletekey(const keymaster_key_blob_t* key) {

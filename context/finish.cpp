@@ -49,6 +49,19 @@ int32_t JoinOutputs(const keymaster_blob_t& update, const keymaster_blob_t& fini
   return KM_ERROR_OK;
 }
 
+// Hands out what a finish replied. A failure leaves both of the caller's outputs empty.
+int32_t GiveOutputs(ReplyBuffer* params_reply, ReplyBuffer* data_reply,
+                    keymaster_key_param_set_t* out_params, keymaster_blob_t* output) {
+  if (!DecodeOutParams(params_reply, out_params)) {
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  }
+  const int32_t result = CopyOutputData(output, data_reply->length(), data_reply->data());
+  if (result != KM_ERROR_OK && out_params != nullptr) {
+    ReleaseParamSet(out_params);
+  }
+  return result;
+}
+
 }  // namespace
 
 namespace keymaster {
@@ -89,14 +102,8 @@ int32_t KeymasterTivasContext::TivasKmFinish(unsigned long op_handle,
     KM_LOGE("%s : TeeFinish failed, ret=0x%x", kLogFailure, tee_result);
     return static_cast<int32_t>(tee_result);
   }
-  if (!DecodeOutParams(&params_reply, out_params)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
-  const int32_t result = CopyOutputData(output, data_reply.length(), data_reply.data());
+  const int32_t result = GiveOutputs(&params_reply, &data_reply, out_params, output);
   if (result != KM_ERROR_OK) {
-    if (out_params != nullptr) {
-      ReleaseParamSet(out_params);
-    }
     return result;
   }
   KM_LOGI("KmFinish success");

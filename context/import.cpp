@@ -88,6 +88,18 @@ int32_t PrepareKey(keymaster_key_format_t format, const keymaster_blob_t& key_da
   }
 }
 
+// Copies what the TA replied to the caller.
+int32_t GiveReplies(ImportReplies* replies, keymaster_key_blob_t* key_blob,
+                    keymaster_key_characteristics_t* characteristics) {
+  if (!ReplyFitsKeyBlob(replies->key_blob)) {
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  const int32_t result = CopyReply(key_blob, replies->key_blob.length(), replies->key_blob.data());
+  return result == KM_ERROR_OK
+             ? FillKeyCharacteristics(key_blob, characteristics, &replies->characteristics)
+             : result;
+}
+
 }  // namespace
 
 WrappedImportScope::WrappedImportScope() { g_wrappedKeyImport = true; }
@@ -150,14 +162,7 @@ int32_t KeymasterTivasContext::TivasKmImportKey(const keymaster_key_param_set_t*
   if (result != KM_ERROR_OK) {
     return result;
   }
-  if (!ReplyFitsKeyBlob(replies.key_blob)) {
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
-  result = CopyReply(key_blob, replies.key_blob.length(), replies.key_blob.data());
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
-  result = FillKeyCharacteristics(key_blob, characteristics, &replies.characteristics);
+  result = GiveReplies(&replies, key_blob, characteristics);
   if (result != KM_ERROR_OK) {
     return result;
   }

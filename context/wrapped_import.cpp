@@ -73,6 +73,14 @@ bool MayWrapKeys(const keymaster_key_param_set_t& list) {
   return false;
 }
 
+// Copies a key into an empty holder. A copy that fails leaves it empty, which does not parse.
+void CopyKey(const keymaster_key_blob_t& key, KeyHolder* copy) {
+  copy->key_material = dup_buffer(key.key_material, key.key_material_size);
+  if (copy->key_material != nullptr) {
+    copy->key_material_size = key.key_material_size;
+  }
+}
+
 // Refuses a wrapping key that is not one, before anything is decrypted with it.
 int32_t CheckWrappingKey(KeymasterTivasContext* context, const keymaster_key_blob_t* key) {
   keymaster_key_characteristics_t characteristics = {};
@@ -173,6 +181,44 @@ int32_t ImportTransitKey(KeymasterTivasContext* context, const keymaster_blob_t*
   return context->TivasKmImportKey(&set, KM_KEY_FORMAT_RAW, transit_key, key_blob, nullptr);
 }
 
+// What a wrapper holds, beside the description's parameters. Wiped at the end of its life.
+struct WrapperContent {
+  BytesHolder iv;
+  KeyHolder encrypted_transit_key;
+  KeyHolder encrypted_material;
+  BytesHolder tag;
+  BytesHolder key_description;
+};
+
+// Decrypts the transit key, and under it what the wrapper was made for.
+int32_t DecryptContent(KeymasterTivasContext* context, keymaster_key_blob_t* wrapping_key,
+                       keymaster_key_param_set_t* unwrapping_params,
+                       const keymaster_key_blob_t* masking_key, WrapperContent* content,
+                       keymaster_blob_t* key_material) {
+  SecretBlob transit_key;
+  int32_t result = context->DecryptTransitKeyMaterial(
+      wrapping_key, unwrapping_params, &content->encrypted_transit_key, &transit_key.blob);
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  result = Unmask(masking_key, &transit_key.blob);
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  KeyHolder payload;
+  result = BuildEncryptedPayload(&transit_key.blob, &content->encrypted_material, &content->tag,
+                                 &payload);
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  result = context->WrappedKeyAesGcmDecrypt(&transit_key.blob, &content->iv,
+                                            &content->key_description, &payload, key_material);
+  if (result != KM_ERROR_OK) {
+    KM_LOGE("%s : WrappedKeyAesGcmDecrypt is invalid", kLogFailure);
+  }
+  return result;
+}
+
 // A key blob that lives as long as one request.
 struct LocalKeyBlob {
   ~LocalKeyBlob() { free(const_cast<uint8_t*>(blob.key_material)); }
@@ -196,13 +242,8 @@ int32_t KeymasterTivasContext::TivasKmImportWrappedKeyNew(
     KM_LOGE("%s : keyBlob is NULL", kLogFailure);
     return KM_ERROR_OUTPUT_PARAMETER_NULL;
   }
-  // A copy that fails leaves this empty, which does not parse.
   KeyHolder wrapped_key;
-  wrapped_key.key_material =
-      dup_buffer(wrapped_key_data->key_material, wrapped_key_data->key_material_size);
-  if (wrapped_key.key_material != nullptr) {
-    wrapped_key.key_material_size = wrapped_key_data->key_material_size;
-  }
+  CopyKey(*wrapped_key_data, &wrapped_key);
   AuthorizationSet auth_list;
   keymaster_key_format_t key_format = KM_KEY_FORMAT_X509;
   SecretBlob key_material;
@@ -241,13 +282,10 @@ int32_t KeymasterTivasContext::TivasKmUnwrappedKey(const KeyHolder* wrapped_key,
       key_format == nullptr) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
-  BytesHolder iv;
-  KeyHolder encrypted_transit_key;
-  KeyHolder encrypted_material;
-  BytesHolder tag;
-  BytesHolder key_description;
-  int32_t result = parse_wrapped_key(*wrapped_key, &iv, &encrypted_transit_key, &encrypted_material,
-                                     &tag, auth_list, key_format, &key_description);
+  WrapperContent content;
+  int32_t result = parse_wrapped_key(*wrapped_key, &content.iv, &content.encrypted_transit_key,
+                                     &content.encrypted_material, &content.tag, auth_list,
+                                     key_format, &content.key_description);
   if (result != KM_ERROR_OK) {
     KM_LOGE("%s : parse_wrapped_key failed, error %x", kLogFailure, static_cast<uint32_t>(result));
     return result;
@@ -256,27 +294,7 @@ int32_t KeymasterTivasContext::TivasKmUnwrappedKey(const KeyHolder* wrapped_key,
   if (result != KM_ERROR_OK) {
     return result;
   }
-  SecretBlob transit_key;
-  result = DecryptTransitKeyMaterial(wrapping_key, unwrapping_params, &encrypted_transit_key,
-                                     &transit_key.blob);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
-  result = Unmask(masking_key, &transit_key.blob);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
-  KeyHolder payload;
-  result = BuildEncryptedPayload(&transit_key.blob, &encrypted_material, &tag, &payload);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
-  result =
-      WrappedKeyAesGcmDecrypt(&transit_key.blob, &iv, &key_description, &payload, key_material);
-  if (result != KM_ERROR_OK) {
-    KM_LOGE("%s : WrappedKeyAesGcmDecrypt is invalid", kLogFailure);
-  }
-  return result;
+  return DecryptContent(this, wrapping_key, unwrapping_params, masking_key, &content, key_material);
 }
 
 int32_t KeymasterTivasContext::DecryptTransitKeyMaterial(

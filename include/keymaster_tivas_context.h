@@ -164,7 +164,8 @@ class KEYMASTER41_TS_API KeymasterTivasContext {
                               keymaster_key_blob_t* masking_key, AuthorizationSet* auth_list,
                               keymaster_key_format_t* key_format, keymaster_blob_t* key_material);
   // DecryptTransitKeyMaterial decrypts the transit key with the given unwrapping parameters, or
-  // with the default ones when that set is empty. plain_transit_key as key_material above.
+  // with the default ones when that set is empty. plain_transit_key as key_material above; a
+  // failure wipes and frees what it holds, so it comes empty.
   int32_t DecryptTransitKeyMaterial(keymaster_key_blob_t* wrapping_key,
                                     keymaster_key_param_set_t* unwrapping_params,
                                     TKeymasterBlob<keymaster_key_blob_t>* encrypted_transit_key,
