@@ -80,7 +80,11 @@ inline void DecodeEntry(const uint8_t* entry, keymaster_key_param_t* param) {
       param->boolean = entry[kEntryValueAt] != 0;
       break;
     case ValueKind::kBytes:
+      // Not left to the initialiser, which need not clear more than a union's first member.
+      param->blob = keymaster_blob_t{};
+      break;
     case ValueKind::kNone:
+      param->long_integer = 0;
       break;
   }
 }
