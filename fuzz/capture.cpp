@@ -19,7 +19,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr uint32_t kConfigure = 1, kBegin = 8, kErrorRecord = 66;
+constexpr uint32_t kConfigure = 1, kBegin = 8, kVerifyAuthorization = 39, kErrorRecord = 66;
 constexpr uint8_t kFailure = 0xE0;
 constexpr uint16_t kLargestCapacity = 8192;
 
@@ -90,6 +90,18 @@ unsigned ListOf(uint32_t command) {
   }
 }
 
+// The signed part of an auth token, made for the operation and the time that the target will have;
+// the HMAC is of this machine's boot, and the target makes its own.
+Bytes PortableToken(Bytes token) {
+  token.resize(37);
+  if (!g_handle.empty() && std::equal(g_handle.begin(), g_handle.end(), &token[1])) {
+    std::fill(&token[1], &token[9], 0xFF);
+  }
+  const Bytes time = {0, 0, 0, 0, 0, 0x0F, 0x42, 0x3F};
+  std::copy(time.begin(), time.end(), &token[29]);
+  return token;
+}
+
 // Two lists and their bytes as one list of the form that targets read.
 Bytes ListSource(const Bytes& wire) {
   const uint64_t first = NumberAt(wire, 0, 4);
@@ -106,13 +118,7 @@ Bytes ListSource(const Bytes& wire) {
     }
     const uint8_t* from = wire.data() + area + NumberAt(wire, at + 8, 4);
     Bytes value(from, from + NumberAt(wire, at + 12, 4));
-    if (tag == static_cast<uint32_t>(KM_TAG_AUTH_TOKEN)) {
-      // The HMAC is of this machine's boot: the target makes its own.
-      value.resize(37);
-      if (!g_handle.empty() && std::equal(g_handle.begin(), g_handle.end(), &value[1])) {
-        std::fill(&value[1], &value[9], 0xFF);
-      }
-    }
+    if (tag == static_cast<uint32_t>(KM_TAG_AUTH_TOKEN)) value = PortableToken(value);
     AppendSized(&out, value);
   }
   Append(&out, 0, 4);
@@ -121,6 +127,12 @@ Bytes ListSource(const Bytes& wire) {
 
 Bytes Source(uint32_t command, unsigned index, const Bytes& bytes) {
   if (index == ListOf(command) && !bytes.empty()) return ListSource(bytes);
+  if (command == kVerifyAuthorization && index == 1 && bytes.size() > 8) {
+    Bytes out = {5};
+    Append(&out, Bytes(bytes.begin(), bytes.begin() + 8));
+    AppendSized(&out, PortableToken(Bytes(bytes.begin() + 8, bytes.end())));
+    return out;
+  }
   if (!g_handle.empty() && bytes.size() >= 8 &&
       std::equal(g_handle.begin(), g_handle.end(), bytes.begin())) {
     return {3, 0};

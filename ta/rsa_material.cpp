@@ -48,35 +48,40 @@ bool DeriveFromPrimes(RsaNumbers* rsa, BN_CTX* ctx) {
          BN_mod_inverse(rsa->iqmp.get(), rsa->q.get(), rsa->p.get(), ctx) != nullptr;
 }
 
-// One attempt to split n with a base: a square root of 1 other than +-1 shares a factor with n.
-bool SplitWith(BN_ULONG base, const BIGNUM* odd, int twos, RsaNumbers* rsa, BN_CTX* ctx) {
+enum class Split { kDone, kFailed, kNoKey };
+
+// One attempt to split n with a base: a square root of 1 other than +-1 shares a factor with n. No
+// base of a key's has a power that is not 1 in the end, so one that has ends the search.
+Split SplitWith(BN_ULONG base, const BIGNUM* odd, int twos, RsaNumbers* rsa, BN_CTX* ctx) {
   BnPtr x = NewNumber();
   BnPtr square = NewNumber();
   const BnPtr minus_one = NewNumber();
   if (BN_set_word(square.get(), base) != 1 ||
       BN_sub(minus_one.get(), rsa->n.get(), BN_value_one()) != 1 ||
       BN_mod_exp(x.get(), square.get(), odd, rsa->n.get(), ctx) != 1) {
-    return false;
+    return Split::kNoKey;
   }
   for (int i = 0; i < twos; ++i) {
-    if (BN_is_one(x.get()) || BN_cmp(x.get(), minus_one.get()) == 0) return false;
-    if (BN_mod_sqr(square.get(), x.get(), rsa->n.get(), ctx) != 1) return false;
+    if (BN_is_one(x.get()) || BN_cmp(x.get(), minus_one.get()) == 0) return Split::kFailed;
+    if (BN_mod_sqr(square.get(), x.get(), rsa->n.get(), ctx) != 1) return Split::kNoKey;
     if (BN_is_one(square.get())) {
       rsa->p = NewNumber();
       rsa->q = NewNumber();
-      return BN_sub_word(x.get(), 1) == 1 &&
-             BN_gcd(rsa->p.get(), x.get(), rsa->n.get(), ctx) == 1 &&
-             BN_div(rsa->q.get(), nullptr, rsa->n.get(), rsa->p.get(), ctx) == 1;
+      const bool split = BN_sub_word(x.get(), 1) == 1 &&
+                         BN_gcd(rsa->p.get(), x.get(), rsa->n.get(), ctx) == 1 &&
+                         BN_div(rsa->q.get(), nullptr, rsa->n.get(), rsa->p.get(), ctx) == 1;
+      return split ? Split::kDone : Split::kNoKey;
     }
     x.swap(square);
   }
-  return false;
+  return Split::kNoKey;
 }
 
 // Finds the primes of a key that came with d alone.
 bool FindPrimes(RsaNumbers* rsa, BN_CTX* ctx) {
   const BnPtr odd = NewNumber();
-  if (BN_mul(odd.get(), rsa->e.get(), rsa->d.get(), ctx) != 1 || BN_sub_word(odd.get(), 1) != 1 ||
+  if (BN_num_bits(rsa->d.get()) > BN_num_bits(rsa->n.get()) ||
+      BN_mul(odd.get(), rsa->e.get(), rsa->d.get(), ctx) != 1 || BN_sub_word(odd.get(), 1) != 1 ||
       BN_is_zero(odd.get()) || !BN_is_odd(rsa->n.get())) {
     return false;
   }
@@ -86,10 +91,11 @@ bool FindPrimes(RsaNumbers* rsa, BN_CTX* ctx) {
     ++twos;
   }
   // Each base of a real key fails with probability one half at most.
-  for (BN_ULONG base = 2; base < 100; ++base) {
-    if (SplitWith(base, odd.get(), twos, rsa, ctx)) return true;
+  Split split = Split::kFailed;
+  for (BN_ULONG base = 2; split == Split::kFailed && base < 40; ++base) {
+    split = SplitWith(base, odd.get(), twos, rsa, ctx);
   }
-  return false;
+  return split == Split::kDone;
 }
 
 bool SameNumber(const BnPtr& a, const BnPtr& b) { return BN_cmp(a.get(), b.get()) == 0; }
