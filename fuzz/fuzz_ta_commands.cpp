@@ -6,7 +6,6 @@
 // and what that takes. An output is its capacity, and what is in it at first where it is in/out.
 #include <hmac_sharing.h>
 #include <openssl/err.h>
-#include <params.h>
 
 #include "fuzz/ta_world.h"
 
@@ -30,24 +29,24 @@ Bytes CompleteToken(const World& world, Bytes token) {
     const Bytes handle = fuzz::HandleBytes(world, static_cast<uint8_t>(world.handles.size() - 1));
     std::copy(handle.begin(), handle.end(), &token[1]);
   }
-  const Bytes mac = ta::SharedHmac(token);
+  const auto mac = ta::SharedHmac(token);
   token.insert(token.end(), mac.begin(), mac.end());
   return token;
 }
 
 Bytes TakeParameterList(const World& world, Input* input) {
-  fuzz::ParamList list = fuzz::TakeParams(input, kMostParams);
-  ta::ParamSet set;
+  const fuzz::ParamList list = fuzz::TakeParams(input, kMostParams);
+  std::vector<fuzz::WireParam> wire;
   for (const keymaster_key_param_t& param : list.params) {
-    const auto tag = static_cast<uint32_t>(param.tag);
     if (!fuzz::HasBytes(param.tag)) {
-      set.Add(tag, fuzz::HasU64(param.tag) ? param.long_integer : param.integer);
+      wire.push_back({param.tag, param.long_integer, {}});
       continue;
     }
-    Bytes value(param.blob.data, param.blob.data + param.blob.data_length);
-    set.AddBytes(tag, param.tag == KM_TAG_AUTH_TOKEN ? CompleteToken(world, value) : value);
+    const Bytes value(param.blob.data, param.blob.data + param.blob.data_length);
+    wire.push_back(
+        {param.tag, 0, param.tag == KM_TAG_AUTH_TOKEN ? CompleteToken(world, value) : value});
   }
-  return ta::SerializeTwoLists(ta::ParamSet(), set);
+  return fuzz::Serialize(wire);
 }
 
 Bytes TakeBytes(const World& world, Input* input) {

@@ -5,13 +5,12 @@
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
-#include <params.h>
-#include <state.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <map>
 #include <utility>
 
@@ -87,7 +86,7 @@ void RemoveFolder() {
 }
 
 // The key of every device that the seeds come from, so that the key blobs among them open.
-constexpr uint8_t kDeviceKey[33] = "the device key of the fuzz seeds";
+constexpr char kDeviceKey[] = "the device key of the fuzz seeds";
 
 void MakeFolder() {
   struct stat status {};
@@ -95,7 +94,7 @@ void MakeFolder() {
   if (mkdtemp(Folder().data()) == nullptr) abort();
   setenv("KEYMASTER_TA_STATE", Folder().c_str(), 1);
   atexit(RemoveFolder);
-  ta::ReplaceStateFile("device_key", ta::ByteView(kDeviceKey, 32));
+  std::ofstream(Folder() + "/device_key") << kDeviceKey;
 }
 
 }  // namespace
@@ -164,6 +163,23 @@ TEEC_Result Invoke(World* world, uint32_t command, uint32_t types, Param (&param
   return result;
 }
 
+Bytes Serialize(const std::vector<WireParam>& params) {
+  Bytes out(4);
+  Bytes area;
+  const auto append = [&out](uint64_t value, int size) {
+    for (int i = 0; i < size; ++i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+  };
+  append(params.size(), 4);
+  for (const WireParam& param : params) {
+    append(static_cast<uint32_t>(param.tag), 8);
+    append(HasBytes(param.tag) ? area.size() | uint64_t{param.bytes.size()} << 32 : param.number,
+           8);
+    area.insert(area.end(), param.bytes.begin(), param.bytes.end());
+  }
+  out.insert(out.end(), area.begin(), area.end());
+  return out;
+}
+
 // ---- The pool
 
 namespace {
@@ -175,11 +191,11 @@ void Configure(World* world) {
   Check(Invoke(world, kConfigure, TypesOf(kConfigure), params) == TEEC_SUCCESS, "a configuration");
 }
 
-void AddKey(World* world, const std::vector<std::pair<uint32_t, uint64_t>>& description) {
-  ta::ParamSet set;
-  for (const auto& [tag, value] : description) set.Add(tag, value);
+void AddKey(World* world, const std::vector<std::pair<keymaster_tag_t, uint64_t>>& description) {
+  std::vector<WireParam> list;
+  for (const auto& [tag, value] : description) list.push_back({tag, value, {}});
   Param params[4];
-  params[0].bytes = ta::SerializeTwoLists(set, ta::ParamSet());
+  params[0].bytes = Serialize(list);
   for (int i = 2; i < 4; ++i) params[i].bytes.resize(4096);
   for (Param& param : params) param.Bind();
   Check(Invoke(world, kGenerateKey, TypesOf(kGenerateKey), params) == TEEC_SUCCESS, "a pool key");
@@ -194,12 +210,11 @@ World MakeWorld() {
   Check(kKeymasterTrustedApp.open_session(7, 0, nullptr, &world.session) == TEEC_SUCCESS,
         "a session");
   Configure(&world);
-  const auto tag = [](keymaster_tag_t t) { return static_cast<uint32_t>(t); };
-  const uint32_t algorithm = tag(KM_TAG_ALGORITHM), size = tag(KM_TAG_KEY_SIZE),
-                 purpose = tag(KM_TAG_PURPOSE), padding = tag(KM_TAG_PADDING),
-                 digest = tag(KM_TAG_DIGEST), mode = tag(KM_TAG_BLOCK_MODE),
-                 min_mac = tag(KM_TAG_MIN_MAC_LENGTH), nonce = tag(KM_TAG_CALLER_NONCE),
-                 free = tag(KM_TAG_NO_AUTH_REQUIRED);
+  constexpr keymaster_tag_t algorithm = KM_TAG_ALGORITHM, size = KM_TAG_KEY_SIZE,
+                            purpose = KM_TAG_PURPOSE, padding = KM_TAG_PADDING,
+                            digest = KM_TAG_DIGEST, mode = KM_TAG_BLOCK_MODE,
+                            min_mac = KM_TAG_MIN_MAC_LENGTH, nonce = KM_TAG_CALLER_NONCE,
+                            free = KM_TAG_NO_AUTH_REQUIRED;
   AddKey(&world, {{algorithm, KM_ALGORITHM_AES},
                   {size, 128},
                   {purpose, 0},
@@ -240,7 +255,7 @@ World MakeWorld() {
                   {free, 1}});
   AddKey(&world, {{algorithm, KM_ALGORITHM_RSA},
                   {size, 1024},
-                  {tag(KM_TAG_RSA_PUBLIC_EXPONENT), 65537},
+                  {KM_TAG_RSA_PUBLIC_EXPONENT, 65537},
                   {purpose, 0},
                   {purpose, 1},
                   {purpose, 2},
@@ -262,8 +277,8 @@ World MakeWorld() {
                   {purpose, 3},
                   {digest, 4},
                   {min_mac, 64},
-                  {tag(KM_TAG_USER_SECURE_ID), 7},
-                  {tag(KM_TAG_USER_AUTH_TYPE), 3}});
+                  {KM_TAG_USER_SECURE_ID, 7},
+                  {KM_TAG_USER_AUTH_TYPE, 3}});
   AddKey(&world, {{algorithm, KM_ALGORITHM_AES},
                   {size, 256},
                   {purpose, 0},
@@ -271,17 +286,17 @@ World MakeWorld() {
                   {mode, 32},
                   {padding, 1},
                   {min_mac, 128},
-                  {tag(KM_TAG_USER_SECURE_ID), 7},
-                  {tag(KM_TAG_USER_AUTH_TYPE), 1},
-                  {tag(KM_TAG_AUTH_TIMEOUT), 1000}});
+                  {KM_TAG_USER_SECURE_ID, 7},
+                  {KM_TAG_USER_AUTH_TYPE, 1},
+                  {KM_TAG_AUTH_TIMEOUT, 1000}});
   AddKey(&world, {{algorithm, KM_ALGORITHM_HMAC},
                   {size, 128},
                   {purpose, 2},
                   {digest, 4},
                   {min_mac, 64},
                   {free, 1},
-                  {tag(KM_TAG_MAX_USES_PER_BOOT), 1},
-                  {tag(KM_TAG_UNLOCKED_DEVICE_REQUIRED), 1}});
+                  {KM_TAG_MAX_USES_PER_BOOT, 1},
+                  {KM_TAG_UNLOCKED_DEVICE_REQUIRED, 1}});
   world.replies.clear();
   return world;
 }

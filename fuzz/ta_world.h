@@ -28,6 +28,15 @@ struct Param {
   }
 };
 
+// One parameter on the wire: a number, or bytes.
+struct WireParam {
+  keymaster_tag_t tag;
+  uint64_t number;
+  Bytes bytes;
+};
+// Serialize returns parameters as the TA takes them, all in the second list.
+Bytes Serialize(const std::vector<WireParam>& params);
+
 // World is what an input works with: the pool of keys, and what its commands left.
 struct World {
   std::vector<Bytes> pool;
