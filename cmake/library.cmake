@@ -34,7 +34,10 @@ target_compile_options(keymaster41_ts PRIVATE
   -fno-builtin-malloc)
 set(KM_EXPORTS ${PROJECT_SOURCE_DIR}/cmake/libkeymaster41_ts.map)
 target_link_options(keymaster41_ts PRIVATE -Wl,--version-script=${KM_EXPORTS})
-set_target_properties(keymaster41_ts PROPERTIES LINK_DEPENDS ${KM_EXPORTS})
+set_target_properties(keymaster41_ts PROPERTIES
+  LINK_DEPENDS ${KM_EXPORTS}
+  VERSION ${PROJECT_VERSION}
+  SOVERSION ${PROJECT_VERSION_MAJOR})
 # The headers of keymaster_support are part of the public face; the rest stays inside.
 target_link_libraries(keymaster41_ts
   PUBLIC keymaster_support
