@@ -36,9 +36,9 @@ km_package(development libkeymaster41-ts-dev libdevel DEPENDS library platform-d
 Headers, CMake package and pkg-config file, to build a keymaster HAL service.")
 km_package(platform keymaster41-ts-platform libs DESCRIPTION
 "keymaster 4.1 back-end - stand-ins for a device
-Host versions of the libraries that a device supplies to the keymaster back-end:
-the TEE client with a software keymaster trusted application, log, watchdog,
-event reports, bounds-checked memory and keymaster support.")
+Host versions of the libraries that a device supplies to the keymaster
+back-end: the TEE client with a software keymaster trusted application, log,
+watchdog, event reports, bounds-checked memory and keymaster support.")
 km_package(platform-development keymaster41-ts-platform-dev libdevel DEPENDS platform DESCRIPTION
 "keymaster 4.1 back-end - headers of the stand-ins for a device
 The headers that come with a device's libraries, in the form of their host
@@ -47,6 +47,12 @@ km_package(tools keymasterctl utils DEPENDS library platform DESCRIPTION
 "keymaster 4.1 back-end - command line
 keymasterctl makes, imports and uses keys that stay behind the keymaster's
 trusted application, and shows what passes between the two.")
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS_POLICY >=)
+# What packages that link the library depend on, and the loader's cache.
+set(shlibs ${PROJECT_BINARY_DIR}/package/shlibs)
+set(triggers ${PROJECT_BINARY_DIR}/package/triggers)
+file(WRITE ${shlibs} "libkeymaster41_ts ${PROJECT_VERSION_MAJOR} \
+libkeymaster41-ts${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})\n")
+file(WRITE ${triggers} "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${shlibs} ${triggers})
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)
