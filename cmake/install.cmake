@@ -77,3 +77,6 @@ install(FILES ${PROJECT_BINARY_DIR}/keymaster41_ts.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/keymaster41_ts-platform.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT platform-development)
+
+# All that is installed, without the tests.
+add_custom_target(packaged DEPENDS keymaster41_ts ${KM_PLATFORM} tee-worker keymasterctl)
