@@ -65,19 +65,38 @@ void CheckOneList(const List& given, const Bytes& entries, const Bytes& area) {
   fuzz::Release(&set);
 }
 
-// Builds the same buffer by adding one parameter at a time.
-void CheckAddedOneByOne(const List& given, const uint8_t* buffer, uint32_t size) {
+// Serialises two lists, made by adding one parameter at a time.
+Bytes AddOneByOne(const List (&given)[2]) {
   KmParams lists[2];
-  for (KmParams& list : lists) Check(InitKmParams(&list) == 0, "a new list");
-  for (const keymaster_key_param_t& param : given) {
-    Check(AddKmParams(&lists[DefinesKey(param.tag) ? 0 : 1], &param) == 0, "a parameter is added");
+  for (int i = 0; i < 2; ++i) {
+    Check(InitKmParams(&lists[i]) == 0, "a new list");
+    for (const keymaster_key_param_t& param : given[i]) {
+      Check(AddKmParams(&lists[i], &param) == 0, "a parameter is added");
+    }
   }
-  uint8_t* other = nullptr;
-  uint32_t other_size = 0;
-  Check(SerializeKmParams(&lists[0], &lists[1], &other, &other_size) == 0, "both are serialised");
-  Check(other_size == size && memcmp(other, buffer, size) == 0, "one by one gives the same bytes");
-  free(other);
+  uint8_t* buffer = nullptr;
+  uint32_t size = 0;
+  Check(SerializeKmParams(&lists[0], &lists[1], &buffer, &size) == 0, "both are serialised");
+  const Bytes out(buffer, buffer + size);
+  free(buffer);
   for (KmParams& list : lists) FreeKmParams(&list);
+  return out;
+}
+
+void CheckTwoLists(const List (&given)[2], const uint8_t* buffer, uint32_t length) {
+  keymaster_key_characteristics_t decoded = {};
+  Check(BuildKeyCharacter(buffer, length, &decoded) == 0, "what is serialised decodes");
+  CheckSame(given[0], decoded.hw_enforced);
+  CheckSame(given[1], decoded.sw_enforced);
+  fuzz::Release(&decoded);
+}
+
+// No tag of the first list carries bytes, but a list that a caller makes may.
+void CheckAnySplit(const List& params) {
+  List halves[2];
+  for (size_t i = 0; i < params.size(); ++i) halves[i % 2].push_back(params[i]);
+  const Bytes buffer = AddOneByOne(halves);
+  CheckTwoLists(halves, buffer.data(), static_cast<uint32_t>(buffer.size()));
 }
 
 }  // namespace
@@ -94,18 +113,16 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const keymaster_key_param_set_t set = list.set();
   Check(BuildKmParams(&set, &buffer, &length) == 0, "any set is serialised");
 
-  keymaster_key_characteristics_t decoded = {};
-  Check(BuildKeyCharacter(buffer, length, &decoded) == 0, "what is serialised decodes");
-  CheckSame(given[0], decoded.hw_enforced);
-  CheckSame(given[1], decoded.sw_enforced);
-  fuzz::Release(&decoded);
-
+  CheckTwoLists(given, buffer, length);
   const uint8_t* second = buffer + 4 + 16 * given[0].size();
   const uint8_t* area = second + 4 + 16 * given[1].size();
   const Bytes values(area, static_cast<const uint8_t*>(buffer) + length);
   CheckOneList(given[0], Bytes(static_cast<const uint8_t*>(buffer), second), values);
   CheckOneList(given[1], Bytes(second, area), values);
-  CheckAddedOneByOne(list.params, buffer, length);
+  const Bytes added = AddOneByOne(given);
+  Check(added.size() == length && memcmp(added.data(), buffer, length) == 0,
+        "one by one gives the same bytes");
+  CheckAnySplit(list.params);
   free(buffer);
   return 0;
 }
