@@ -35,19 +35,17 @@ void RunAttest(const AttestArgs& args) {
 
 }  // namespace
 
-void AddAttestCommands(const Registry& registry) {
-  const auto [command, args] = AddCommand<AttestArgs>(
-      registry, "attest", "Write a certificate chain that tells what a key is, leaf first (PEM)",
-      "attest --key k.blob --challenge 0x0102030405060708 --out chain.pem", RunAttest);
+void AddAttestCommands(CommandLine* line) {
+  const auto [command, args] = line->AddCommand<AttestArgs>("attest", RunAttest);
   AddKeyOptions(command, &args->key);
   command
-      ->add_option("--challenge", args->challenge,
-                   "What the verifier asked for: text, 0x and hexadecimal, or @FILE")
-      ->required();
-  command->add_option("--attest-app-id", args->attest_app_id,
-                      "Attestation application id, likewise (default keymasterctl)");
-  command->add_option("--param", args->extra,
-                      "Any other attestation parameter as NAME=VALUE, such as "
-                      "attestation-id-brand=TEXT");
-  command->add_option("-o,--out", args->out, "Chain file, - for standard output (default)");
+      .Add("--challenge", &args->challenge,
+           "What the verifier asked for: text, 0x and hexadecimal, or @FILE")
+      .Required();
+  command.Add("--attest-app-id", &args->attest_app_id,
+              "Attestation application id, likewise (default keymasterctl)");
+  command.Add("--param", &args->extra,
+              "Any other attestation parameter as NAME=VALUE, such as "
+              "attestation-id-brand=TEXT");
+  command.Add("-o,--out", &args->out, "Chain file, - for standard output (default)");
 }

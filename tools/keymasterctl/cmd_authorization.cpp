@@ -66,42 +66,30 @@ void RunVerifyAuthorization(const VerifyArgs& args) {
 
 }  // namespace
 
-void AddAuthorizationCommands(const Registry& registry) {
+void AddAuthorizationCommands(CommandLine* line) {
   {
-    const auto [command, args] = AddCommand<SharingArgs>(
-        registry, "hmac-sharing", "Agree on an HMAC key with other keymaster instances",
-        "hmac-sharing --with \"$(keymasterctl --state other hmac-sharing)\"\n"
-        "Without --with it prints this TA's parameters; with it, the check, which is the same for\n"
-        "all who share.",
-        RunHmacSharing);
-    command->add_option("--with", args->with, "Sharing parameters of the other instances")
-        ->delimiter(',');
+    const auto [command, args] = line->AddCommand<SharingArgs>("hmac-sharing", RunHmacSharing);
+    command.Add("--with", &args->with, "Sharing parameters of the other instances").TakesList();
   }
   {
-    const auto [command, args] = AddCommand<TokenArgs>(
-        registry, "auth-token", "Make an auth token, as an authenticator of this device does",
-        "auth-token --sid 42 --out user.token", RunAuthToken);
-    command->add_option("--sid", args->token.sid, "Secure id of the user")->required();
-    command->add_option("--authenticator-id", args->token.authenticator_id,
-                        "Secure id of the authenticator (default 0)");
-    TakeNames(KM_TAG_USER_AUTH_TYPE,
-              command->add_option("--type", args->token.type,
-                                  "Kind of authenticator (default password)"));
-    command->add_option("--challenge", args->token.challenge,
-                        "Operation that the token is for (default 0: none)");
-    command->add_option("--timestamp", args->token.timestamp,
-                        "Milliseconds since boot (default: now)");
-    command->add_option("--with", args->with, "The --with of hmac-sharing, if keys were shared")
-        ->delimiter(',');
-    command->add_option("-o,--out", args->out, "Token file, - for standard output (default)");
+    const auto [command, args] = line->AddCommand<TokenArgs>("auth-token", RunAuthToken);
+    command.Add("--sid", &args->token.sid, "Secure id of the user").Required();
+    command.Add("--authenticator-id", &args->token.authenticator_id,
+                "Secure id of the authenticator (default 0)");
+    command.Add("--type", &args->token.type, "Kind of authenticator (default password)")
+        .TakesNames(KM_TAG_USER_AUTH_TYPE);
+    command.Add("--challenge", &args->token.challenge,
+                "Operation that the token is for (default 0: none)");
+    command.Add("--timestamp", &args->token.timestamp, "Milliseconds since boot (default: now)");
+    command.Add("--with", &args->with, "The --with of hmac-sharing, if keys were shared")
+        .TakesList();
+    command.Add("-o,--out", &args->out, "Token file, - for standard output (default)");
   }
   {
-    const auto [command, args] = AddCommand<VerifyArgs>(
-        registry, "verify-authorization", "Have the TA verify an auth token",
-        "verify-authorization --challenge 7 --token user.token", RunVerifyAuthorization);
-    command->add_option("--challenge", args->challenge, "Challenge for the reply (default 0)");
-    command->add_option("--token,--auth-token", args->token, "Token file")->required();
-    command->add_option("--param", args->params,
-                        "Parameter to verify against, such as user-secure-id=42");
+    const auto [command, args] =
+        line->AddCommand<VerifyArgs>("verify-authorization", RunVerifyAuthorization);
+    command.Add("--challenge", &args->challenge, "Challenge for the reply (default 0)");
+    command.Add("--token,--auth-token", &args->token, "Token file").Required();
+    command.Add("--param", &args->params, "Parameter to verify against, such as user-secure-id=42");
   }
 }

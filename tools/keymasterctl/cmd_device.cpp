@@ -80,35 +80,23 @@ void RunDestroyIds(const NoArgs&) {
 
 }  // namespace
 
-void AddDeviceCommands(const Registry& registry) {
+void AddDeviceCommands(CommandLine* line) {
   {
-    const auto [command, args] =
-        AddCommand<LockArgs>(registry, "device-locked", "Tell the TA that the device was locked",
-                             "device-locked --password-only", RunDeviceLocked);
-    command->add_flag("--password-only", args->password_only,
-                      "Only the password unlocks it, no fingerprint");
+    const auto [command, args] = line->AddCommand<LockArgs>("device-locked", RunDeviceLocked);
+    command.AddFlag("--password-only", &args->password_only,
+                    "Only the password unlocks it, no fingerprint");
   }
-  AddCommand<NoArgs>(registry, "early-boot-ended", "Tell the TA that early boot is over",
-                     "early-boot-ended", RunEarlyBootEnded);
+  line->AddCommand<NoArgs>("early-boot-ended", RunEarlyBootEnded);
   {
-    const auto [command, args] = AddCommand<ConfigureArgs>(
-        registry, "configure", "Configure the TA with a system version",
-        "configure --os-version 110000 --patch-level 202101\n"
-        "Every other command does so with the platform's version, which KEYMASTER_OS_VERSION and\n"
-        "KEYMASTER_OS_PATCHLEVEL in the environment replace.",
-        RunConfigure);
-    command->add_option("--os-version", args->os_version, "OS version as MMmmss");
-    command->add_option("--patch-level", args->patch_level, "OS patch level as YYYYMM");
+    const auto [command, args] = line->AddCommand<ConfigureArgs>("configure", RunConfigure);
+    command.Add("--os-version", &args->os_version, "OS version as MMmmss");
+    command.Add("--patch-level", &args->patch_level, "OS patch level as YYYYMM");
   }
-  AddCommand<NoArgs>(registry, "info", "Show versions and features", "info", RunInfo);
+  line->AddCommand<NoArgs>("info", RunInfo);
   {
-    const auto [command, args] =
-        AddCommand<EntropyArgs>(registry, "add-entropy", "Offer entropy to the keymaster",
-                                "add-entropy --in /etc/hostname", RunAddEntropy);
-    command->add_option("-i,--in", args->in, "Entropy file, - for standard input (default)");
+    const auto [command, args] = line->AddCommand<EntropyArgs>("add-entropy", RunAddEntropy);
+    command.Add("-i,--in", &args->in, "Entropy file, - for standard input (default)");
   }
-  AddCommand<NoArgs>(registry, "delete-all", "Ask for the deletion of all keys", "delete-all",
-                     RunDeleteAll);
-  AddCommand<NoArgs>(registry, "destroy-ids", "Ask for the destruction of the attestation ids",
-                     "destroy-ids", RunDestroyIds);
+  line->AddCommand<NoArgs>("delete-all", RunDeleteAll);
+  line->AddCommand<NoArgs>("destroy-ids", RunDestroyIds);
 }

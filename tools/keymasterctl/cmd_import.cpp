@@ -103,33 +103,29 @@ void RunImportWrapped(const WrappedArgs& args) {
 
 }  // namespace
 
-void AddImportCommands(const Registry& registry) {
+void AddImportCommands(CommandLine* line) {
   {
-    const auto [command, args] = AddCommand<ImportArgs>(
-        registry, "import", "Import an RSA or EC private key (PEM or DER), or a symmetric key",
-        "import --in private.pem --key k.blob", RunImport);
+    const auto [command, args] = line->AddCommand<ImportArgs>("import", RunImport);
     AddNewKeyOptions(command, &args->key);
-    command->add_option("-i,--in", args->in, "Key to import, - for standard input (default)");
-    command->add_flag("--raw", args->raw,
-                      "The input is the bytes of a symmetric key (default algorithm aes)");
+    command.Add("-i,--in", &args->in, "Key to import, - for standard input (default)");
+    command.AddFlag("--raw", &args->raw,
+                    "The input is the bytes of a symmetric key (default algorithm aes)");
   }
   {
-    const auto [command, args] = AddCommand<WrappedArgs>(
-        registry, "import-wrapped", "Import a key that was wrapped for this device",
-        "import-wrapped --wrapped key.der --wrapping-key wrap.blob --key k.blob", RunImportWrapped);
-    command->add_option("-k,--key", args->path, "Key file to write")->required();
-    command->add_option("--wrapped", args->wrapped, "Wrapped key (DER)")->required();
+    const auto [command, args] = line->AddCommand<WrappedArgs>("import-wrapped", RunImportWrapped);
+    command.Add("-k,--key", &args->path, "Key file to write").Required();
+    command.Add("--wrapped", &args->wrapped, "Wrapped key (DER)").Required();
     command
-        ->add_option("--wrapping-key", args->wrapping_key,
-                     "Key file of the wrapping key, an RSA key with purpose wrap-key")
-        ->required();
-    command->add_option("--mask,--masking-key", args->mask,
-                        "Masking key: hexadecimal, or a file (default: 32 zero bytes)");
-    TakeNames(KM_TAG_DIGEST,
-              command->add_option("--digest", args->digest, "Digest of OAEP (default sha1)"));
-    command->add_option("--password-sid", args->password_sid,
-                        "Secure id of the user's password, for a key bound to it");
-    command->add_option("--biometric-sid", args->biometric_sid,
-                        "Secure id of the user's fingerprint, likewise");
+        .Add("--wrapping-key", &args->wrapping_key,
+             "Key file of the wrapping key, an RSA key with purpose wrap-key")
+        .Required();
+    command.Add("--mask,--masking-key", &args->mask,
+                "Masking key: hexadecimal, or a file (default: 32 zero bytes)");
+    command.Add("--digest", &args->digest, "Digest of OAEP (default sha1)")
+        .TakesNames(KM_TAG_DIGEST);
+    command.Add("--password-sid", &args->password_sid,
+                "Secure id of the user's password, for a key bound to it");
+    command.Add("--biometric-sid", &args->biometric_sid,
+                "Secure id of the user's fingerprint, likewise");
   }
 }

@@ -86,40 +86,31 @@ void RunDelete(const DeleteArgs& args) {
 
 }  // namespace
 
-void AddKeyCommands(const Registry& registry) {
+void AddKeyCommands(CommandLine* line) {
   {
-    const auto [command, args] = AddCommand<NewKeyArgs>(
-        registry, "generate", "Make a key", "generate --algorithm ec --key k.blob", RunGenerate);
-    AddNewKeyOptions(command, args);
-    command->get_option("--algorithm")->required();
+    const auto [command, args] = line->AddCommand<NewKeyArgs>("generate", RunGenerate);
+    AddNewKeyOptions(command, args).Required();
+  }
+  {
+    const auto [command, args] = line->AddCommand<ExportArgs>("export", RunExport);
+    AddKeyOptions(command, &args->key);
+    command.Add("-o,--out", &args->out, "Public key file, - for standard output (default)");
+    command.AddFlag("--der,!--pem", &args->der, "DER instead of PEM");
   }
   {
     const auto [command, args] =
-        AddCommand<ExportArgs>(registry, "export", "Write the public key of an RSA or EC key",
-                               "export --key k.blob --out k.pem", RunExport);
+        line->AddCommand<CharacteristicsArgs>("characteristics", RunCharacteristics);
     AddKeyOptions(command, &args->key);
-    command->add_option("-o,--out", args->out, "Public key file, - for standard output (default)");
-    command->add_flag("--der,!--pem", args->der, "DER instead of PEM");
+    command.AddFlag("--json", &args->json, "As JSON");
   }
   {
-    const auto [command, args] = AddCommand<CharacteristicsArgs>(
-        registry, "characteristics", "Show what is enforced for a key",
-        "characteristics --key k.blob", RunCharacteristics);
+    const auto [command, args] = line->AddCommand<UpgradeArgs>("upgrade", RunUpgrade);
     AddKeyOptions(command, &args->key);
-    command->add_flag("--json", args->json, "As JSON");
+    command.Add("-o,--out", &args->out, "New key file (default: in place of the old one)");
   }
   {
-    const auto [command, args] = AddCommand<UpgradeArgs>(
-        registry, "upgrade", "Renew a key file for the present system version",
-        "upgrade --key k.blob", RunUpgrade);
-    AddKeyOptions(command, &args->key);
-    command->add_option("-o,--out", args->out, "New key file (default: in place of the old one)");
-  }
-  {
-    const auto [command, args] =
-        AddCommand<DeleteArgs>(registry, "delete", "Delete a key in the TA, and its file",
-                               "delete --key k.blob", RunDelete);
-    command->add_option("-k,--key", args->key.path, "Key file")->required();
-    command->add_flag("--keep-file", args->keep_file, "Leave the file");
+    const auto [command, args] = line->AddCommand<DeleteArgs>("delete", RunDelete);
+    command.Add("-k,--key", &args->key.path, "Key file").Required();
+    command.AddFlag("--keep-file", &args->keep_file, "Leave the file");
   }
 }

@@ -135,73 +135,55 @@ void RunDecrypt(const OperationArgs& args) {
   output.Commit();
 }
 
-void AddCommonOptions(CLI::App* command, OperationArgs* args) {
+void AddCommonOptions(const Command& command, OperationArgs* args) {
   AddKeyOptions(command, &args->key);
-  command->add_option("-i,--in", args->in, "Input file, - for standard input (default)");
-  TakeNames(KM_TAG_DIGEST, command->add_option("--digest", args->choice.digest,
-                                               "Digest (default: sha256 if allowed)"));
-  TakeNames(KM_TAG_PADDING, command->add_option("--padding", args->choice.padding,
-                                                "Padding (default: one that is allowed)"));
-  CLI::Option* token = command->add_option("--auth-token", args->token_path,
-                                           "File with an auth token, for a key that needs a user");
+  command.Add("-i,--in", &args->in, "Input file, - for standard input (default)");
+  command.Add("--digest", &args->choice.digest, "Digest (default: sha256 if allowed)")
+      .TakesNames(KM_TAG_DIGEST);
+  command.Add("--padding", &args->choice.padding, "Padding (default: one that is allowed)")
+      .TakesNames(KM_TAG_PADDING);
+  const Option token = command.Add("--auth-token", &args->token_path,
+                                   "File with an auth token, for a key that needs a user");
   command
-      ->add_option("--auth-sid", args->sid,
-                   "Authenticate this operation as the user with this secure id")
-      ->excludes(token);
+      .Add("--auth-sid", &args->sid, "Authenticate this operation as the user with this secure id")
+      .Excludes(token);
 }
 
-void AddSignOptions(CLI::App* command, OperationArgs* args) {
+void AddSignOptions(const Command& command, OperationArgs* args) {
   AddCommonOptions(command, args);
-  command->add_option("-o,--out", args->out, "Signature file, - for standard output (default)");
-  command->add_option("--mac-length", args->choice.mac_length,
-                      "Bits of an HMAC (default: the digest's)");
+  command.Add("-o,--out", &args->out, "Signature file, - for standard output (default)");
+  command.Add("--mac-length", &args->choice.mac_length, "Bits of an HMAC (default: the digest's)");
 }
 
-void AddCipherOptions(CLI::App* command, OperationArgs* args, const char* nonce) {
+void AddCipherOptions(const Command& command, OperationArgs* args, const char* nonce) {
   AddCommonOptions(command, args);
-  command->add_option("-o,--out", args->out, "Output file, - for standard output (default)");
-  TakeNames(KM_TAG_BLOCK_MODE, command->add_option("--mode", args->choice.mode,
-                                                   "Block mode (default: one that is allowed)"));
-  command->add_option("--mac-length", args->choice.mac_length, "Bits of the tag (default 128)");
-  command->add_option("--aad", args->aad, "Associated data: text, 0x and hexadecimal, or @FILE");
-  command->add_option("--nonce", args->nonce, nonce);
+  command.Add("-o,--out", &args->out, "Output file, - for standard output (default)");
+  command.Add("--mode", &args->choice.mode, "Block mode (default: one that is allowed)")
+      .TakesNames(KM_TAG_BLOCK_MODE);
+  command.Add("--mac-length", &args->choice.mac_length, "Bits of the tag (default 128)");
+  command.Add("--aad", &args->aad, "Associated data: text, 0x and hexadecimal, or @FILE");
+  command.Add("--nonce", &args->nonce, nonce);
 }
 
 }  // namespace
 
-void AddOperationCommands(const Registry& registry) {
+void AddOperationCommands(CommandLine* line) {
   {
-    const auto [command, args] =
-        AddCommand<OperationArgs>(registry, "sign", "Sign data, or make an HMAC of it",
-                                  "sign --key k.blob --in letter.txt --out letter.sig", RunSign);
+    const auto [command, args] = line->AddCommand<OperationArgs>("sign", RunSign);
     AddSignOptions(command, args);
   }
   {
-    const auto [command, args] =
-        AddCommand<OperationArgs>(registry, "verify", "Verify a signature or an HMAC",
-                                  "verify --key k.blob --in letter.txt --signature letter.sig\n"
-                                  "The status is 1 when it is not valid.",
-                                  RunVerify);
+    const auto [command, args] = line->AddCommand<OperationArgs>("verify", RunVerify);
     AddCommonOptions(command, args);
-    command->add_option("--signature", args->signature, "Signature file")->required();
+    command.Add("--signature", &args->signature, "Signature file").Required();
   }
   {
-    const auto [command, args] = AddCommand<OperationArgs>(
-        registry, "encrypt", "Encrypt data",
-        "encrypt --key k.blob --in plain.txt --out secret.bin\n"
-        "The output is the nonce (gcm: 12 bytes; cbc, ctr: one block; else none), the ciphertext\n"
-        "and, with gcm, the tag.",
-        RunEncrypt);
+    const auto [command, args] = line->AddCommand<OperationArgs>("encrypt", RunEncrypt);
     AddCipherOptions(command, args,
                      "Nonce, likewise; the output is then without it (key: --caller-nonce)");
   }
   {
-    const auto [command, args] = AddCommand<OperationArgs>(
-        registry, "decrypt", "Decrypt what encrypt put out",
-        "decrypt --key k.blob --in secret.bin --out plain.txt\n"
-        "With gcm nothing is put out before the tag was verified; for standard output up to\n"
-        "64 MiB are held back for that.",
-        RunDecrypt);
+    const auto [command, args] = line->AddCommand<OperationArgs>("decrypt", RunDecrypt);
     AddCipherOptions(command, args, "Nonce, likewise; the input is then without it");
   }
 }

@@ -7,6 +7,11 @@
 #include <stdexcept>
 #include <string>
 
+// The program's exit status.
+constexpr int kExitDone = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
 // Failure carries the text that the user sees; the program ends with status 1.
 class Failure : public std::runtime_error {
  public:

@@ -133,41 +133,40 @@ void AddAuthentication(const NewKeyArgs& args, ParamList* params) {
   AddGiven(KM_TAG_AUTH_TIMEOUT, args.auth_timeout, params);
 }
 
-void AddAccessOptions(CLI::App* command, NewKeyArgs* args) {
-  CLI::Option* sid = command->add_option("--auth-sid", args->auth_sids,
-                                         "The key needs a user with this secure id");
-  TakeNames(KM_TAG_USER_AUTH_TYPE,
-            command->add_option("--auth-type", args->auth_type, "How that user authenticates")
-                ->needs(sid));
+void AddAccessOptions(const Command& command, NewKeyArgs* args) {
+  const Option sid =
+      command.Add("--auth-sid", &args->auth_sids, "The key needs a user with this secure id");
+  command.Add("--auth-type", &args->auth_type, "How that user authenticates")
+      .Needs(sid)
+      .TakesNames(KM_TAG_USER_AUTH_TYPE);
   command
-      ->add_option("--auth-timeout", args->auth_timeout,
-                   "Seconds that an authentication lasts (default: each operation needs its own)")
-      ->needs(sid);
-  command->add_flag("--no-auth", args->no_auth, "The key needs no user (default)")->excludes(sid);
-  command->add_flag("--unlocked-device", args->unlocked_device, "Only on an unlocked device");
-  command->add_flag("--early-boot", args->early_boot, "Only during early boot");
-  command->add_flag("--rollback-resistant", args->rollback_resistant,
-                    "A deleted key stays deleted, also from a saved copy");
-  command->add_option("--valid-from", args->valid_from,
-                      "Not before YYYY-MM-DD[Thh:mm:ss], UTC; for all dates");
-  command->add_option("--valid-until", args->valid_until,
-                      "No new signature or encryption after this date");
-  command->add_option("--use-until", args->use_until,
-                      "No verification or decryption after this date");
-  command->add_option("--max-uses", args->max_uses, "Uses per boot");
-  command->add_option("--min-seconds", args->min_seconds, "Seconds between uses");
+      .Add("--auth-timeout", &args->auth_timeout,
+           "Seconds that an authentication lasts (default: each operation needs its own)")
+      .Needs(sid);
+  command.AddFlag("--no-auth", &args->no_auth, "The key needs no user (default)").Excludes(sid);
+  command.AddFlag("--unlocked-device", &args->unlocked_device, "Only on an unlocked device");
+  command.AddFlag("--early-boot", &args->early_boot, "Only during early boot");
+  command.AddFlag("--rollback-resistant", &args->rollback_resistant,
+                  "A deleted key stays deleted, also from a saved copy");
+  command.Add("--valid-from", &args->valid_from,
+              "Not before YYYY-MM-DD[Thh:mm:ss], UTC; for all dates");
+  command.Add("--valid-until", &args->valid_until,
+              "No new signature or encryption after this date");
+  command.Add("--use-until", &args->use_until, "No verification or decryption after this date");
+  command.Add("--max-uses", &args->max_uses, "Uses per boot");
+  command.Add("--min-seconds", &args->min_seconds, "Seconds between uses");
 }
 
 }  // namespace
 
-void AddBindingOptions(CLI::App* command, BindingArgs* args) {
-  command->add_option("--app-id", args->app_id,
-                      "Application id of the key: text, 0x and hexadecimal, or @FILE");
-  command->add_option("--app-data", args->app_data, "Application data of the key, likewise");
+void AddBindingOptions(const Command& command, BindingArgs* args) {
+  command.Add("--app-id", &args->app_id,
+              "Application id of the key: text, 0x and hexadecimal, or @FILE");
+  command.Add("--app-data", &args->app_data, "Application data of the key, likewise");
 }
 
-void AddKeyOptions(CLI::App* command, KeyArgs* args) {
-  command->add_option("-k,--key", args->path, "Key file")->required();
+void AddKeyOptions(const Command& command, KeyArgs* args) {
+  command.Add("-k,--key", &args->path, "Key file").Required();
   AddBindingOptions(command, &args->binding);
 }
 
@@ -189,27 +188,29 @@ Key::Key(const KeyArgs& args) : material_(ReadFile(args.path)) {
   }
 }
 
-void AddNewKeyOptions(CLI::App* command, NewKeyArgs* args) {
+Option AddNewKeyOptions(const Command& command, NewKeyArgs* args) {
   const auto add_names = [command](const char* name, std::vector<uint32_t>* values,
                                    keymaster_tag_t tag, const char* what) {
-    TakeNames(tag, command->add_option(name, *values, what)->delimiter(','));
+    command.Add(name, values, what).TakesList().TakesNames(tag);
   };
-  command->add_option("-k,--key", args->path, "Key file to write")->required();
-  TakeNames(KM_TAG_ALGORITHM, command->add_option("-a,--algorithm", args->algorithm, "Algorithm"));
-  command->add_option("-s,--size", args->size, "Key size in bits");
-  TakeNames(KM_TAG_EC_CURVE,
-            command->add_option("--curve", args->curve, "Curve of an EC key (default p256)"));
+  command.Add("-k,--key", &args->path, "Key file to write").Required();
+  const Option algorithm =
+      command.Add("-a,--algorithm", &args->algorithm, "Algorithm").TakesNames(KM_TAG_ALGORITHM);
+  command.Add("-s,--size", &args->size, "Key size in bits");
+  command.Add("--curve", &args->curve, "Curve of an EC key (default p256)")
+      .TakesNames(KM_TAG_EC_CURVE);
   add_names("--purpose", &args->purposes, KM_TAG_PURPOSE, "Uses (default: the algorithm's pair)");
   add_names("--digest", &args->digests, KM_TAG_DIGEST, "Digests (default sha256)");
   add_names("--padding", &args->paddings, KM_TAG_PADDING, "Paddings (default: by the uses)");
   add_names("--mode", &args->modes, KM_TAG_BLOCK_MODE, "Block modes (default gcm; 3des: cbc)");
-  command->add_option("--exponent", args->exponent, "Public exponent of RSA (default 65537)");
-  command->add_option("--min-mac", args->min_mac, "Smallest tag or MAC, in bits (default 128)");
-  command->add_flag("--caller-nonce", args->caller_nonce, "The caller may choose the nonce");
+  command.Add("--exponent", &args->exponent, "Public exponent of RSA (default 65537)");
+  command.Add("--min-mac", &args->min_mac, "Smallest tag or MAC, in bits (default 128)");
+  command.AddFlag("--caller-nonce", &args->caller_nonce, "The caller may choose the nonce");
   AddBindingOptions(command, &args->binding);
   AddAccessOptions(command, args);
-  command->add_option("--param", args->extra,
-                      "Any other parameter as NAME=VALUE, named as characteristics shows it");
+  command.Add("--param", &args->extra,
+              "Any other parameter as NAME=VALUE, named as characteristics shows it");
+  return algorithm;
 }
 
 void FillNewKeyParams(NewKeyArgs args, ParamList* params) {

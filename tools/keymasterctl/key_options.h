@@ -2,11 +2,11 @@
 #ifndef KEYMASTERCTL_KEY_OPTIONS_H
 #define KEYMASTERCTL_KEY_OPTIONS_H
 
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "params.h"
 #include "session.h"
 
@@ -21,9 +21,9 @@ struct KeyArgs {
   BindingArgs binding;
 };
 
-void AddBindingOptions(CLI::App* command, BindingArgs* args);
+void AddBindingOptions(const Command& command, BindingArgs* args);
 // AddKeyOptions adds --key with --app-id and --app-data, for a command that uses a key.
-void AddKeyOptions(CLI::App* command, KeyArgs* args);
+void AddKeyOptions(const Command& command, KeyArgs* args);
 // AddBinding adds the binding to the parameters of a request.
 void AddBinding(const BindingArgs& args, ParamList* params);
 
@@ -74,7 +74,8 @@ struct NewKeyArgs {
   std::vector<std::string> extra;
 };
 
-void AddNewKeyOptions(CLI::App* command, NewKeyArgs* args);
+// AddNewKeyOptions returns the option of the algorithm, which only some commands require.
+Option AddNewKeyOptions(const Command& command, NewKeyArgs* args);
 // FillNewKeyParams turns the options into the new key's parameters, with defaults for its
 // algorithm where nothing was said. Throws a Failure without an algorithm.
 void FillNewKeyParams(NewKeyArgs args, ParamList* params);

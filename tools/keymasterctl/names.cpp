@@ -196,13 +196,3 @@ std::string ValueNames(keymaster_tag_t tag) {
   }
   return out;
 }
-
-void TakeNames(keymaster_tag_t tag, CLI::Option* option) {
-  const auto to_number = [tag](std::string& text) {
-    const std::optional<uint32_t> value = ValueByName(tag, text);
-    if (!value) return "'" + text + "' is none of " + ValueNames(tag);
-    text = std::to_string(*value);
-    return std::string();
-  };
-  option->transform(CLI::Validator(to_number, ""))->type_name(ValueNames(tag));
-}

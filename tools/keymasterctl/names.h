@@ -4,7 +4,6 @@
 
 #include <hardware/keymaster_defs.h>
 
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <string>
 
@@ -22,8 +21,5 @@ std::string ValueName(keymaster_tag_t tag, uint32_t value);
 std::optional<uint32_t> ValueByName(keymaster_tag_t tag, const std::string& name);
 // ValueNames returns the first names of a tag's values as "a|b|c".
 std::string ValueNames(keymaster_tag_t tag);
-
-// TakeNames makes an option take the names of a tag's values; its variable receives the number.
-void TakeNames(keymaster_tag_t tag, CLI::Option* option);
 
 #endif  // KEYMASTERCTL_NAMES_H

@@ -1,0 +1,138 @@
+#include "command_line.h"
+
+#include <CLI/CLI.hpp>
+
+#include "command_table.h"
+#include "errors.h"
+#include "names.h"
+
+namespace {
+
+// What wrong usage says, for a word that is no command too.
+std::string UsageText(const CLI::App* app, const CLI::Error& error) {
+  std::string text = error.what();
+  if (app->get_subcommands().empty()) {
+    const std::vector<std::string> words = app->remaining();
+    text = words.empty() ? "say a command" : "there is no command '" + words.front() + "'";
+    text += "; keymasterctl --help lists them";
+  }
+  return "keymasterctl: " + text + "\n";
+}
+
+}  // namespace
+
+Option Option::Required() const {
+  option_->required();
+  return *this;
+}
+
+Option Option::Takes(const char* what) const {
+  option_->type_name(what);
+  return *this;
+}
+
+Option Option::TakesNames(keymaster_tag_t tag) const {
+  const auto to_number = [tag](std::string& text) {
+    const std::optional<uint32_t> value = ValueByName(tag, text);
+    if (!value) return "'" + text + "' is none of " + ValueNames(tag);
+    text = std::to_string(*value);
+    return std::string();
+  };
+  option_->transform(CLI::Validator(to_number, ""))->type_name(ValueNames(tag));
+  return *this;
+}
+
+Option Option::TakesWords(const std::vector<std::string>& words) const {
+  option_->check(CLI::IsMember(words));
+  return *this;
+}
+
+Option Option::TakesList() const {
+  option_->delimiter(',');
+  return *this;
+}
+
+Option Option::Needs(Option other) const {
+  option_->needs(other.option_);
+  return *this;
+}
+
+Option Option::Excludes(Option other) const {
+  option_->excludes(other.option_);
+  return *this;
+}
+
+Option Command::Add(const char* names, std::string* value, const char* help) const {
+  return Option(app_->add_option(names, *value, help));
+}
+
+Option Command::Add(const char* names, std::optional<std::string>* value, const char* help) const {
+  return Option(app_->add_option(names, *value, help));
+}
+
+Option Command::Add(const char* names, std::vector<std::string>* value, const char* help) const {
+  return Option(app_->add_option(names, *value, help));
+}
+
+Option Command::Add(const char* names, uint32_t* value, const char* help) const {
+  return Option(app_->add_option(names, *value, help));
+}
+
+Option Command::Add(const char* names, std::optional<uint32_t>* value, const char* help) const {
+  return Option(app_->add_option(names, *value, help));
+}
+
+Option Command::Add(const char* names, std::vector<uint32_t>* value, const char* help) const {
+  return Option(app_->add_option(names, *value, help));
+}
+
+Option Command::Add(const char* names, uint64_t* value, const char* help) const {
+  return Option(app_->add_option(names, *value, help));
+}
+
+Option Command::Add(const char* names, std::optional<uint64_t>* value, const char* help) const {
+  return Option(app_->add_option(names, *value, help));
+}
+
+Option Command::Add(const char* names, std::vector<uint64_t>* value, const char* help) const {
+  return Option(app_->add_option(names, *value, help));
+}
+
+Option Command::AddFlag(const char* names, bool* value, const char* help) const {
+  return Option(app_->add_flag(names, *value, help));
+}
+
+Option Command::AddTextFlag(const char* names, std::string* value, const char* help) const {
+  return Option(app_->add_flag(names, *value, help));
+}
+
+CommandLine::CommandLine() : app_(std::make_unique<CLI::App>(kProgramSummary, kProgram)) {
+  app_->require_subcommand(1);
+  app_->fallthrough();
+  app_->footer(ProgramFooter());
+  app_->failure_message(UsageText);
+  app_->get_formatter()->label("UINT", "N");
+  app_->set_version_flag("--version", "keymasterctl " KEYMASTERCTL_VERSION, "Show the version");
+}
+
+CommandLine::~CommandLine() = default;
+
+Command CommandLine::global() const { return Command(app_.get()); }
+
+Command CommandLine::Place(const char* name, std::function<void()> action) {
+  const CommandText& text = TextOf(name);
+  CLI::App* command = app_->add_subcommand(name, text.summary);
+  command->footer(FooterOf(text));
+  command->callback([this, action = std::move(action)] { chosen_ = action; });
+  return Command(command);
+}
+
+std::function<void()> CommandLine::Parse(int argc, char** argv, int* status) {
+  try {
+    app_->parse(argc, argv);
+    return chosen_;
+  } catch (const CLI::ParseError& error) {
+    *status = app_->exit(error) == 0 ? kExitDone : kExitUsage;
+    return nullptr;
+  }
+}
