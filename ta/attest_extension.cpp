@@ -108,7 +108,7 @@ Bytes Sequence(std::initializer_list<Bytes> elements) {
 }
 
 // Rising values are rising encodings too: integers here are never negative.
-Bytes SetOfInteger(const ParamSet& params, uint32_t tag) {
+Bytes SetOfInteger(const ParamSet& params, Tag tag) {
   std::set<uint64_t> values;
   for (const Param& param : params) {
     if (param.tag == tag) values.insert(param.value);

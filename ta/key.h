@@ -21,10 +21,10 @@ struct Key {
   Bytes id;  // 16 random bytes that stay the same when the key is upgraded
 
   // Find looks in the hardware-enforced list, then in the other one.
-  const Param* Find(uint32_t tag) const;
-  bool Contains(uint32_t tag) const { return Find(tag) != nullptr; }
+  const Param* Find(Tag tag) const;
+  bool Contains(Tag tag) const { return Find(tag) != nullptr; }
   // Authorizes tells whether the hardware-enforced list holds the tag with that value.
-  bool Authorizes(uint32_t tag, uint64_t value) const { return hw_enforced.Contains(tag, value); }
+  bool Authorizes(Tag tag, uint64_t value) const { return hw_enforced.Contains(tag, value); }
 };
 
 // SealKeyBlob seals a key under the device key, bound to the KM_TAG_APPLICATION_ID and

@@ -100,7 +100,7 @@ SecureBytes Unseal(ByteView blob) {
 
 }  // namespace
 
-const Param* Key::Find(uint32_t tag) const {
+const Param* Key::Find(Tag tag) const {
   const Param* param = hw_enforced.Find(tag);
   return param != nullptr ? param : sw_enforced.Find(tag);
 }

@@ -80,46 +80,46 @@ void AppendEntries(const ParamSet& params, Bytes* entries, Bytes* blobs) {
 
 bool IsByteValued(uint32_t tag) { return tag >> 28 == 8 || tag >> 28 == 9; }
 
-void ParamSet::Remove(uint32_t tag) {
+void ParamSet::Remove(Tag tag) {
   params_.erase(std::remove_if(params_.begin(), params_.end(),
                                [tag](const Param& param) { return param.tag == tag; }),
                 params_.end());
 }
 
-void ParamSet::Set(uint32_t tag, uint64_t value) {
+void ParamSet::Set(Tag tag, uint64_t value) {
   Remove(tag);
   Add(tag, value);
 }
 
-const Param* ParamSet::Find(uint32_t tag) const {
+const Param* ParamSet::Find(Tag tag) const {
   for (const Param& param : params_) {
     if (param.tag == tag) return &param;
   }
   return nullptr;
 }
 
-size_t ParamSet::Count(uint32_t tag) const {
+size_t ParamSet::Count(Tag tag) const {
   return static_cast<size_t>(std::count_if(params_.begin(), params_.end(),
                                            [tag](const Param& param) { return param.tag == tag; }));
 }
 
-bool ParamSet::Contains(uint32_t tag, uint64_t value) const {
+bool ParamSet::Contains(Tag tag, uint64_t value) const {
   return std::any_of(params_.begin(), params_.end(), [tag, value](const Param& param) {
     return param.tag == tag && param.value == value;
   });
 }
 
-bool ParamSet::IsTrue(uint32_t tag) const {
+bool ParamSet::IsTrue(Tag tag) const {
   const Param* param = Find(tag);
   return param != nullptr && param->value != 0;
 }
 
-std::optional<uint64_t> ParamSet::Value(uint32_t tag) const {
+std::optional<uint64_t> ParamSet::Value(Tag tag) const {
   const Param* param = Find(tag);
   return param == nullptr ? std::nullopt : std::optional<uint64_t>(param->value);
 }
 
-ByteView ParamSet::BytesOf(uint32_t tag) const {
+ByteView ParamSet::BytesOf(Tag tag) const {
   const Param* param = Find(tag);
   return param == nullptr ? ByteView() : ByteView(param->bytes);
 }

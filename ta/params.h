@@ -11,6 +11,17 @@
 
 namespace ta {
 
+// A tag as requests carry it, 32 bits, or as its name, whose type has a sign.
+class Tag {
+ public:
+  constexpr Tag(uint32_t number) : number_(number) {}
+  constexpr Tag(keymaster_tag_t tag) : number_(static_cast<uint32_t>(tag)) {}
+  constexpr operator uint32_t() const { return number_; }
+
+ private:
+  uint32_t number_;
+};
+
 // One parameter: value for every tag type but the two byte-valued ones, which use bytes.
 struct Param {
   uint32_t tag = 0;
@@ -24,29 +35,29 @@ bool IsByteValued(uint32_t tag);
 // ParamSet is an ordered list of parameters; a tag may occur more than once. Not thread-safe.
 class ParamSet {
  public:
-  void Add(uint32_t tag, uint64_t value) { params_.push_back({tag, value, {}}); }
-  void AddBytes(uint32_t tag, ByteView bytes) {
+  void Add(Tag tag, uint64_t value) { params_.push_back({tag, value, {}}); }
+  void AddBytes(Tag tag, ByteView bytes) {
     params_.push_back({tag, 0, Bytes(bytes.begin(), bytes.end())});
   }
   void Add(const Param& param) { params_.push_back(param); }
   // Remove drops every parameter of that tag.
-  void Remove(uint32_t tag);
+  void Remove(Tag tag);
   // Set leaves exactly one parameter of that tag.
-  void Set(uint32_t tag, uint64_t value);
+  void Set(Tag tag, uint64_t value);
 
   // Find returns the first parameter of that tag, or null.
-  const Param* Find(uint32_t tag) const;
-  bool Contains(uint32_t tag) const { return Find(tag) != nullptr; }
-  bool Contains(uint32_t tag, uint64_t value) const;
+  const Param* Find(Tag tag) const;
+  bool Contains(Tag tag) const { return Find(tag) != nullptr; }
+  bool Contains(Tag tag, uint64_t value) const;
   // Count returns the number of parameters of that tag.
-  size_t Count(uint32_t tag) const;
+  size_t Count(Tag tag) const;
   // IsTrue tells whether a boolean tag is there with a value other than false.
-  bool IsTrue(uint32_t tag) const;
+  bool IsTrue(Tag tag) const;
   // Value returns the first value of that tag.
-  std::optional<uint64_t> Value(uint32_t tag) const;
+  std::optional<uint64_t> Value(Tag tag) const;
   // BytesOf returns the bytes of the first parameter of that tag, an empty view without one. The
   // view lives as long as the set is not changed.
-  ByteView BytesOf(uint32_t tag) const;
+  ByteView BytesOf(Tag tag) const;
 
   size_t size() const { return params_.size(); }
   bool empty() const { return params_.empty(); }

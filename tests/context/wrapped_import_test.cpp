@@ -48,7 +48,7 @@ Bytes Masked() {
 struct WrappedImport : RequestTest {
   void SetUp() override {
     KeymasterTest::SetUp();
-    for (const uint32_t command : {3, 4, 8, 10}) {
+    for (const uint32_t command : {3u, 4u, 8u, 10u}) {
       platform().On(command, [this](const Invocation&) { return replies.at(served++); });
     }
   }

@@ -147,7 +147,7 @@ TEST(DeviceState, YieldsToTheRightTokenAndEndsWithTheBoot) {
 int VerifyChain(const std::vector<ta::X509Ptr>& chain) {
   X509_STORE* const store = X509_STORE_new();
   X509_STORE_CTX* const context = X509_STORE_CTX_new();
-  for (const size_t i : {1, 2}) X509_STORE_add_cert(store, chain[i].get());
+  for (const size_t i : {1u, 2u}) X509_STORE_add_cert(store, chain[i].get());
   X509_STORE_CTX_init(context, store, chain[0].get(), nullptr);
   X509_STORE_CTX_set_flags(context, X509_V_FLAG_X509_STRICT);
   X509_verify_cert(context);
