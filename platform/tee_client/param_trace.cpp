@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "trace_names.h"
@@ -59,11 +60,7 @@ std::string FirstBytes(const uint8_t* data, uint32_t size) {
 
 std::string DecodeKeyParams(const std::string& label, const uint8_t* data, uint32_t size,
                             uint32_t lists, bool with_secrets) {
-  struct Entry {
-    uint32_t list;
-    const uint8_t* at;
-  };
-  std::vector<Entry> entries;
+  std::vector<std::pair<uint32_t, const uint8_t*>> entries;  // and the list that each is in
   uint64_t position = 0;
   for (uint32_t list = 1; list <= lists; ++list) {
     const uint64_t left = size - position;
@@ -73,15 +70,15 @@ std::string DecodeKeyParams(const std::string& label, const uint8_t* data, uint3
     }
     position += kCountSize;
     for (uint64_t i = 0; i < count; ++i, position += kEntrySize) {
-      entries.push_back({list, data + position});
+      entries.emplace_back(list, data + position);
     }
   }
   const Blobs blobs = {data + position, size - position, with_secrets};
   std::string text;
-  for (const Entry& entry : entries) {
-    const auto tag = static_cast<uint32_t>(ReadLe(entry.at, 4));
-    text += label + " list " + std::to_string(entry.list) + ": " + NameOfTag(tag) + " = " +
-            ValueText(tag, entry.at + 8, blobs) + "\n";
+  for (const auto& [list, entry] : entries) {
+    const auto tag = static_cast<uint32_t>(ReadLe(entry, 4));
+    text += label + " list " + std::to_string(list) + ": " + NameOfTag(tag) + " = " +
+            ValueText(tag, entry + 8, blobs) + "\n";
   }
   return text;
 }

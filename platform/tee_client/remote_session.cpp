@@ -19,8 +19,8 @@ int LimitMs() {
 WorkerRequest RequestOf(uint32_t code, const TEEC_UUID& uuid, const CommandParameters& parameters) {
   WorkerRequest request = {kWorkerMagic, code, uuid, parameters.types(), {}};
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-    const TaParam& param = parameters.ta_params()[i];
-    request.params[i] = {param.size, param.a, param.b};
+    if (parameters.TypeOf(i) != TEEC_NONE) request.params[i] = parameters.Given(i);
+    if (IsMemoryReference(parameters.TypeOf(i))) request.params[i].tmpref.buffer = nullptr;
   }
   return request;
 }
@@ -41,10 +41,10 @@ void TakeReply(const WorkerReply& reply, const ReferenceLayout& layout, const Sh
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
     if (!IsOutput(parameters->TypeOf(i))) continue;
     TaParam& param = parameters->ta_params()[i];
-    param.a = reply.params[i].a;
-    param.b = reply.params[i].b;
+    param.a = reply.params[i].value.a;
+    param.b = reply.params[i].value.b;
     if (!IsMemoryReference(parameters->TypeOf(i))) continue;
-    param.size = reply.params[i].size;
+    param.size = reply.params[i].tmpref.size;
     const uint32_t fits = std::min(param.size, parameters->CapacityOf(i));
     if (fits != 0) std::memcpy(param.buffer, memory.data() + layout.offset[i], fits);
   }

@@ -28,12 +28,10 @@ TEEC_Operation OperationOn(const WorkerRequest& request, const ReferenceLayout& 
   operation.started = 1;
   operation.paramTypes = request.types;
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-    const WireParam& param = request.params[i];
-    if (!IsMemoryReference(TEEC_PARAM_TYPE_GET(request.types, i))) {
-      operation.params[i].value = {param.a, param.b};
-    } else if (param.size != 0) {
-      operation.params[i].tmpref = {memory.data() + layout.offset[i], param.size};
-    }
+    TEEC_TempMemoryReference& reference = operation.params[i].tmpref;
+    operation.params[i] = request.params[i];
+    if (!IsMemoryReference(TEEC_PARAM_TYPE_GET(request.types, i))) continue;
+    reference.buffer = reference.size == 0 ? nullptr : memory.data() + layout.offset[i];
   }
   return operation;
 }
@@ -54,10 +52,10 @@ class ServedSession {
     const Reply reply = Run(request, &operation);
     *answer = {kWorkerMagic, reply.result, reply.origin, {}};
     for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-      const TEEC_Parameter& param = operation.params[i];
-      const bool is_memory = IsMemoryReference(TEEC_PARAM_TYPE_GET(request.types, i));
-      answer->params[i] = is_memory ? WireParam{param.tmpref.size, 0, 0}
-                                    : WireParam{0, param.value.a, param.value.b};
+      answer->params[i] = operation.params[i];
+      if (IsMemoryReference(TEEC_PARAM_TYPE_GET(request.types, i))) {
+        answer->params[i].tmpref.buffer = nullptr;
+      }
     }
     return true;
   }

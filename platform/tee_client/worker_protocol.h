@@ -15,26 +15,20 @@ constexpr uint32_t kWorkerMagic = 0x54454531;
 // The memory references of a call together.
 constexpr uint64_t kMaxSharedSize = 64u << 20;
 
-// A memory reference's size, or a value.
-struct WireParam {
-  uint32_t size;
-  uint32_t a;
-  uint32_t b;
-};
-
+// In both, a memory reference has a size and no buffer.
 struct WorkerRequest {
   uint32_t magic;
   uint32_t code;  // the login method of an open, or the command
   TEEC_UUID uuid;
   uint32_t types;
-  WireParam params[CommandParameters::kCount];
+  TEEC_Parameter params[CommandParameters::kCount];
 };
 
 struct WorkerReply {
   uint32_t magic;
   TEEC_Result result;
   uint32_t origin;
-  WireParam params[CommandParameters::kCount];
+  TEEC_Parameter params[CommandParameters::kCount];
 };
 
 // Where the memory references of a request lie in its memory file.
@@ -47,7 +41,7 @@ struct ReferenceLayout {
     for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
       offset[i] = total;
       if (!IsMemoryReference(TEEC_PARAM_TYPE_GET(request.types, i))) continue;
-      total += (request.params[i].size + kAlignment - 1) / kAlignment * kAlignment;
+      total += (request.params[i].tmpref.size + kAlignment - 1) / kAlignment * kAlignment;
     }
   }
 };

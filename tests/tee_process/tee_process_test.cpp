@@ -284,10 +284,10 @@ TEST_F(TeeProcess, TraceNamesWhatItMayShow) {
 
 TEST_F(TeeProcess, TheWorkerEndsChannelsThatKeepNoRulesAndServesOn) {
   UseFailingApp();
-  WorkerRequest good = {kWorkerMagic, 7, kFailingApp, TEEC_MEMREF_TEMP_INPUT, {{4096, 0, 0}}};
+  WorkerRequest good = {kWorkerMagic, 7, kFailingApp, TEEC_MEMREF_TEMP_INPUT, {{{nullptr, 4096}}}};
   WorkerRequest magic = good, huge = good, sparse = good;
   magic.magic ^= 1;
-  huge.params[0].size = UINT32_MAX;
+  huge.params[0].tmpref.size = UINT32_MAX;
   sparse.types = 0x7777;
   struct {
     const WorkerRequest& request;
@@ -314,10 +314,10 @@ TEST_F(TeeProcess, TheWorkerEndsChannelsThatKeepNoRulesAndServesOn) {
 }
 
 TEST_F(TeeProcess, TheClientBelievesNoReply) {
-  const WorkerReply honest = {kWorkerMagic, 0, 4, {{3, 0, 0}}};
+  const WorkerReply honest = {kWorkerMagic, 0, 4, {{{nullptr, 3}}}};
   WorkerReply magic = honest, big = honest;
   magic.magic ^= 1;
-  big.params[0].size = UINT32_MAX;
+  big.params[0].tmpref.size = UINT32_MAX;
   struct {
     const WorkerReply& reply;
     size_t size;
