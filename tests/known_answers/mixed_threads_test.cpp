@@ -63,6 +63,7 @@ void Live(Client* client, keymaster_algorithm_t algorithm, uint64_t size) {
   if (secret) description.Add(KM_TAG_MIN_MAC_LENGTH, 256);
   description.Add(KM_TAG_RSA_PUBLIC_EXPONENT, 65537);
   use.Add(KM_TAG_PADDING, KM_PAD_RSA_PSS).Add(KM_TAG_MAC_LENGTH, 256);
+  const Str text = "text";
   auto& km = client->km;
   Key key, upgraded;
   keymaster_key_characteristics_t made = {}, asked = {};
@@ -70,21 +71,21 @@ void Live(Client* client, keymaster_algorithm_t algorithm, uint64_t size) {
   EXPECT_EQ(km.TivasKmGetKeyCharacteristics(&key, nullptr, nullptr, &asked), 0);
   EXPECT_EQ(made.hw_enforced.length, asked.hw_enforced.length);
   for (auto* traits : {&made, &asked}) Free(&traits->hw_enforced), Free(&traits->sw_enforced);
-  const auto signature = client->Operate(KM_PURPOSE_SIGN, key, use, "text", 3);
+  const auto signature = client->Operate(KM_PURPOSE_SIGN, key, use, text, 3);
   EXPECT_EQ(signature.first, 0);
-  EXPECT_EQ(client->Operate(KM_PURPOSE_VERIFY, key, use, "text", 3, {}, signature.second).first, 0);
+  EXPECT_EQ(client->Operate(KM_PURPOSE_VERIFY, key, use, text, 3, {}, signature.second).first, 0);
   keymaster::TKeymasterBlob<keymaster_blob_t> exported;
   EXPECT_EQ(km.TivasKmExportKey(KM_KEY_FORMAT_X509, &key, nullptr, nullptr, &exported) == 0,
             !secret);
   Params attested;
-  attested.Add(KM_TAG_ATTESTATION_CHALLENGE, "c").Add(KM_TAG_ATTESTATION_APPLICATION_ID, "a");
+  attested.Add(KM_TAG_ATTESTATION_CHALLENGE, text).Add(KM_TAG_ATTESTATION_APPLICATION_ID, text);
   keymaster_cert_chain_t chain = {};
   EXPECT_EQ(km.TivasKmAttestKey(&key, attested.get(), &chain) == 0, !secret);
   for (size_t i = 0; i < chain.entry_count; ++i) free(const_cast<uint8_t*>(chain.entries[i].data));
   free(chain.entries);
   EXPECT_EQ(km.TivasKmUpgradeKey(&key, Params().get(), &upgraded), 0);
   EXPECT_EQ(km.TivasKmDeletekey(&key), 0);
-  EXPECT_EQ(client->Operate(KM_PURPOSE_SIGN, key, use, "text", 3).first, KM_ERROR_INVALID_KEY_BLOB);
+  EXPECT_EQ(client->Operate(KM_PURPOSE_SIGN, key, use, text, 3).first, KM_ERROR_INVALID_KEY_BLOB);
   client->requests += 6;
 }
 

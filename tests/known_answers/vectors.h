@@ -29,6 +29,7 @@ class Params {
   Params(std::initializer_list<std::pair<int64_t, uint64_t>> params = {});
   Params& Add(int64_t tag, uint64_t value);
   Params& Add(int64_t tag, const Str& bytes);
+  Params& Add(int64_t tag, Str&& bytes) = delete;
   const keymaster_key_param_set_t* get();
 
  private:
