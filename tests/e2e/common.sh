@@ -16,11 +16,19 @@ fail() {
   exit 1
 }
 
+# KM_EMULATOR runs the programs of another machine; the tool cannot start its worker without it.
+emulator=${KM_EMULATOR:-}
+if [ -n "$emulator" ]; then
+  printf '#!/bin/sh\nexec %s %s/tee-worker\n' "$emulator" "$bin" >worker
+  chmod +x worker
+  export TEE_WORKER=$dir/worker
+fi
+
 # km runs keymasterctl on the state folder $state; its standard error lands in err and in log.
 state=state
 km() {
   local status=0
-  "$bin/keymasterctl" --state "$state" "$@" 2>err || status=$?
+  $emulator "$bin/keymasterctl" --state "$state" "$@" 2>err || status=$?
   cat err >>log
   return $status
 }
