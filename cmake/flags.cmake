@@ -14,3 +14,12 @@ else()
   target_compile_options(km_flags INTERFACE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>)
   target_compile_definitions(km_flags INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
 endif()
+
+option(KM_COVERAGE "count the lines and branches of the library that the tests reach" OFF)
+add_library(km_counted INTERFACE)
+if(KM_COVERAGE)
+  # Not inlined, which would join branches of different functions; and counted by threads too.
+  target_compile_options(km_counted INTERFACE
+    --coverage -fprofile-update=atomic -O0 -U_FORTIFY_SOURCE)
+  target_link_options(km_counted INTERFACE --coverage)
+endif()

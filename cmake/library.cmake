@@ -41,4 +41,4 @@ set_target_properties(keymaster41_ts PROPERTIES
 # The headers of keymaster_support are part of the public face; the rest stays inside.
 target_link_libraries(keymaster41_ts
   PUBLIC keymaster_support
-  PRIVATE km_flags teec log zubrel qavix securec OpenSSL::Crypto)
+  PRIVATE km_flags km_counted teec log zubrel qavix securec OpenSSL::Crypto)
