@@ -23,7 +23,10 @@ uint64_t EntriesSize(uint32_t count) { return static_cast<uint64_t>(count) * kPa
 keymaster_key_param_t* DecodeEntries(const uint8_t* entries, uint32_t count) {
   auto* params =
       static_cast<keymaster_key_param_t*>(malloc(size_t{count} * sizeof(keymaster_key_param_t)));
-  for (uint32_t i = 0; params != nullptr && i < count; ++i) {
+  if (params == nullptr) {
+    return nullptr;
+  }
+  for (uint32_t i = 0; i < count; ++i) {
     DecodeEntry(entries + EntriesSize(i), &params[i]);
   }
   return params;
