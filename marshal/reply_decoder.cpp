@@ -56,6 +56,9 @@ int32_t ResolveBlob(const uint8_t* entry, const ReplyReader& area, keymaster_blo
 // owner releases it.
 int32_t ResolveBlobs(const uint8_t* entries, const ReplyReader& area,
                      keymaster_key_param_set_t* set) {
+  if (entries == nullptr) {  // of an empty list
+    return 0;
+  }
   for (size_t i = 0; i < set->length; ++i) {
     keymaster_key_param_t* param = &set->params[i];
     if (!IsByteValued(param->tag)) {
