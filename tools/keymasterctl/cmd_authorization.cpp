@@ -6,6 +6,7 @@
 #include "errors.h"
 #include "names.h"
 #include "params.h"
+#include "report.h"
 
 namespace {
 
@@ -17,7 +18,7 @@ void RunHmacSharing(const SharingArgs& args) {
   Session session;
   const Bytes own = SharingParameters(session);
   if (args.with.empty()) {
-    printf("%s\n", ToHex(own).c_str());
+    Report().Say(ToHex(own)).Text("parameters", ToHex(own)).Print();
     return;
   }
   Bytes sharing = JoinSharing(own, args.with);
@@ -25,7 +26,7 @@ void RunHmacSharing(const SharingArgs& args) {
   Check("computing the shared HMAC key",
         session->TivascomputeSharedHmac(sharing.data(), static_cast<unsigned>(sharing.size()),
                                         &check));
-  printf("%s\n", ToHex(Copy(check)).c_str());
+  Report().Say(ToHex(Copy(check))).Text("check", ToHex(Copy(check))).Print();
 }
 
 struct TokenArgs {
@@ -35,9 +36,12 @@ struct TokenArgs {
 };
 
 void RunAuthToken(const TokenArgs& args) {
+  NeedFileForJson(args.out);
   Session session;
   const Bytes sharing = JoinSharing(SharingParameters(session), args.with);
-  WriteFile(args.out, MakeAuthToken(args.token, sharing), Output::Access::kOwnerOnly);
+  const Bytes token = MakeAuthToken(args.token, sharing);
+  WriteFile(args.out, token, Output::Access::kOwnerOnly);
+  TellWritten("token", args.out, token.size());
 }
 
 struct VerifyArgs {
@@ -57,11 +61,14 @@ void RunVerifyAuthorization(const VerifyArgs& args) {
   reply.parameters_verified = &verified;
   Check("verification",
         session->TivasVerifyAuthorization(args.challenge, params.set(), &token_view, &reply));
-  printf("challenge       %llu\n", static_cast<unsigned long long>(reply.challenge));
-  printf("timestamp       %llu ms since boot\n", static_cast<unsigned long long>(reply.timestamp));
-  printf("security level  %u\n", reply.security_level);
-  printf("mac             %s\n", ToHex(Bytes(std::begin(reply.mac), std::end(reply.mac))).c_str());
-  printf("parameters verified:\n%s", DescribeSet(verified).c_str());
+  Report()
+      .Row("challenge", reply.challenge)
+      .Row("timestamp", reply.timestamp, " ms since boot")
+      .Row("security level", static_cast<uint32_t>(reply.security_level))
+      .Row("mac", ToHex(Bytes(std::begin(reply.mac), std::end(reply.mac))))
+      .Member("parameters verified", SetJson(verified, 2))
+      .Say("parameters verified:\n" + DescribeSet(verified))
+      .Print();
 }
 
 }  // namespace
@@ -83,13 +90,15 @@ void AddAuthorizationCommands(CommandLine* line) {
     command.Add("--timestamp", &args->token.timestamp, "Milliseconds since boot (default: now)");
     command.Add("--with", &args->with, "The --with of hmac-sharing, if keys were shared")
         .TakesList();
-    command.Add("-o,--out", &args->out, "Token file, - for standard output (default)");
+    command.Add("-o,--out", &args->out, "Token file, - for standard output (default)")
+        .Takes("FILE");
   }
   {
     const auto [command, args] =
         line->AddCommand<VerifyArgs>("verify-authorization", RunVerifyAuthorization);
     command.Add("--challenge", &args->challenge, "Challenge for the reply (default 0)");
-    command.Add("--token,--auth-token", &args->token, "Token file").Required();
-    command.Add("--param", &args->params, "Parameter to verify against, such as user-secure-id=42");
+    command.Add("--token,--auth-token", &args->token, "Token file").Takes("FILE").Required();
+    command.Add("--param", &args->params, "Parameter to verify against, such as user-secure-id=42")
+        .Takes("NAME=VALUE");
   }
 }

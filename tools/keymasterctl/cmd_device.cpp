@@ -6,9 +6,15 @@
 #include "commands.h"
 #include "errors.h"
 #include "params.h"
+#include "report.h"
 #include "session.h"
 
 namespace {
+
+// The requests that have nothing to tell but that they are done.
+void Done(const char* line) {
+  Report().Say(line).Member("done", "true").Text("note", line).Print();
+}
 
 struct LockArgs {
   bool password_only = false;
@@ -17,13 +23,13 @@ struct LockArgs {
 void RunDeviceLocked(const LockArgs& args) {
   Session session;
   Check("device-locked", session->TivasKmDeviceLocked(args.password_only));
-  printf("the device is locked\n");
+  Done("the device is locked");
 }
 
 void RunEarlyBootEnded(const NoArgs&) {
   Session session;
   Check("early-boot-ended", session->TivasKmEarlyBootEnded());
-  printf("early boot has ended\n");
+  Done("early boot has ended");
 }
 
 struct ConfigureArgs {
@@ -42,17 +48,24 @@ void RunConfigure(const ConfigureArgs& args) {
   params.Add(KM_TAG_OS_VERSION, os_version);
   params.Add(KM_TAG_OS_PATCHLEVEL, patch_level);
   Check("configure", session->TivasKmConfigure(params.set()));
-  printf("configured for OS version %u, patch level %u\n", os_version, patch_level);
+  Report()
+      .Say("configured for OS version " + std::to_string(os_version) + ", patch level " +
+           std::to_string(patch_level))
+      .Member("os version", std::to_string(os_version))
+      .Member("os patch level", std::to_string(patch_level))
+      .Print();
 }
 
 void RunInfo(const NoArgs&) {
   Session session;
-  printf("keymasterctl        %s\n", KEYMASTERCTL_VERSION);
-  printf("keymaster           4.1\n");
-  printf("OS version          %u\n", keymaster::GetOsVersion());
-  printf("OS patch level      %u\n", keymaster::GetOsPatchlevel());
-  printf("global version      %s\n", IsGlobalVersion() ? "yes" : "no");
-  printf("enhanced keymaster  %s\n", SupportEnhanceKeymaster() ? "yes" : "no");
+  Report()
+      .Row("keymasterctl", KEYMASTERCTL_VERSION)
+      .Row("keymaster", "4.1")
+      .Row("OS version", keymaster::GetOsVersion())
+      .Row("OS patch level", keymaster::GetOsPatchlevel())
+      .Row("global version", IsGlobalVersion())
+      .Row("enhanced keymaster", SupportEnhanceKeymaster())
+      .Print();
 }
 
 struct EntropyArgs {
@@ -63,19 +76,19 @@ void RunAddEntropy(const EntropyArgs& args) {
   const Bytes data = ReadFile(args.in);
   Session session;
   Check("add-entropy", session->TivasKmAddRngEntropy(data.data(), data.size()));
-  printf("accepted; this keymaster has a generator of its own and takes no entropy from outside\n");
+  Done("accepted; this keymaster has a generator of its own and takes no entropy from outside");
 }
 
 void RunDeleteAll(const NoArgs&) {
   Session session;
   Check("delete-all", session->TivasKmDeleteAllKeys());
-  printf("accepted; this keymaster keeps no list of keys: delete them one by one\n");
+  Done("accepted; this keymaster keeps no list of keys: delete them one by one");
 }
 
 void RunDestroyIds(const NoArgs&) {
   Session session;
   Check("destroy-ids", session->TivasKmDestroyAttestationIds());
-  printf("accepted; this keymaster leaves the device's attestation ids as they are\n");
+  Done("accepted; this keymaster leaves the device's attestation ids as they are");
 }
 
 }  // namespace
@@ -95,7 +108,7 @@ void AddDeviceCommands(CommandLine* line) {
   line->AddCommand<NoArgs>("info", RunInfo);
   {
     const auto [command, args] = line->AddCommand<EntropyArgs>("add-entropy", RunAddEntropy);
-    command.Add("-i,--in", &args->in, "Entropy file, - for standard input (default)");
+    command.Add("-i,--in", &args->in, "Entropy file, - for standard input (default)").Takes("FILE");
   }
   line->AddCommand<NoArgs>("delete-all", RunDeleteAll);
   line->AddCommand<NoArgs>("destroy-ids", RunDestroyIds);

@@ -7,6 +7,7 @@
 #include "key_options.h"
 #include "names.h"
 #include "pem.h"
+#include "report.h"
 
 namespace {
 
@@ -31,8 +32,10 @@ void Import(const NewKeyArgs& args, keymaster_key_format_t format, const Bytes& 
   const keymaster_blob_t data = View(material);
   Session session;
   OwnedKeyBlob blob;
-  Check("import", session->TivasKmImportKey(params.set(), format, &data, &blob, nullptr));
-  WriteKey(args.path, blob);
+  const std::unique_ptr<OwnedCharacteristics> characteristics = CharacteristicsToTell();
+  Check("import",
+        session->TivasKmImportKey(params.set(), format, &data, &blob, characteristics.get()));
+  WriteKey(args.path, blob, characteristics.get());
 }
 
 void ImportRaw(NewKeyArgs args, const Bytes& material) {
@@ -58,6 +61,7 @@ void ImportPrivate(NewKeyArgs args, const Bytes& file) {
 }
 
 void RunImport(const ImportArgs& args) {
+  NeedFileForJson(args.key.path);
   const Wiped file(ReadFile(args.in));
   if (args.raw) {
     ImportRaw(args.key, file.bytes);
@@ -84,6 +88,7 @@ void AddUnwrappingParams(uint32_t digest, ParamList* params) {
 }
 
 void RunImportWrapped(const WrappedArgs& args) {
+  NeedFileForJson(args.path);
   const Bytes wrapped = ReadFile(args.wrapped);
   const Bytes wrapping = ReadFile(args.wrapping_key);
   const std::optional<Bytes> mask_digits = ParseHex(args.mask);
@@ -95,10 +100,13 @@ void RunImportWrapped(const WrappedArgs& args) {
   if (args.digest) AddUnwrappingParams(*args.digest, &params);
   Session session;
   OwnedKeyBlob blob;
+  const std::unique_ptr<OwnedCharacteristics> characteristics = CharacteristicsToTell();
   Check("import of the wrapped key",
         session->TivasKmImportWrappedKeyNew(&wrapped_view, &wrapping_view, &mask_view, params.set(),
-                                            args.password_sid, args.biometric_sid, &blob, nullptr));
-  WriteKey(args.path, blob);
+                                            args.password_sid, args.biometric_sid, &blob,
+                                            characteristics.get()),
+        args.wrapping_key);
+  WriteKey(args.path, blob, characteristics.get());
 }
 
 }  // namespace
@@ -107,20 +115,24 @@ void AddImportCommands(CommandLine* line) {
   {
     const auto [command, args] = line->AddCommand<ImportArgs>("import", RunImport);
     AddNewKeyOptions(command, &args->key);
-    command.Add("-i,--in", &args->in, "Key to import, - for standard input (default)");
+    command.Add("-i,--in", &args->in, "Key to import, - for standard input (default)")
+        .Takes("FILE");
     command.AddFlag("--raw", &args->raw,
                     "The input is the bytes of a symmetric key (default algorithm aes)");
   }
   {
     const auto [command, args] = line->AddCommand<WrappedArgs>("import-wrapped", RunImportWrapped);
-    command.Add("-k,--key", &args->path, "Key file to write").Required();
-    command.Add("--wrapped", &args->wrapped, "Wrapped key (DER)").Required();
+    command.Add("-k,--key", &args->path, "Key file to write").Takes("FILE").Required();
+    command.Add("--wrapped", &args->wrapped, "Wrapped key (DER)").Takes("FILE").Required();
     command
         .Add("--wrapping-key", &args->wrapping_key,
              "Key file of the wrapping key, an RSA key with purpose wrap-key")
+        .Takes("FILE")
         .Required();
-    command.Add("--mask,--masking-key", &args->mask,
-                "Masking key: hexadecimal, or a file (default: 32 zero bytes)");
+    command
+        .Add("--mask,--masking-key", &args->mask,
+             "Masking key: hexadecimal, or a file (default: 32 zero bytes)")
+        .Takes("FILE");
     command.Add("--digest", &args->digest, "Digest of OAEP (default sha1)")
         .TakesNames(KM_TAG_DIGEST);
     command.Add("--password-sid", &args->password_sid,

@@ -7,16 +7,20 @@
 #include "errors.h"
 #include "key_options.h"
 #include "pem.h"
+#include "report.h"
+#include "terminal.h"
 
 namespace {
 
 void RunGenerate(const NewKeyArgs& args) {
+  NeedFileForJson(args.path);
   ParamList params;
   FillNewKeyParams(args, &params);
   Session session;
   OwnedKeyBlob blob;
-  Check("generate", session->TivasKmGenerateKey(params.set(), &blob, nullptr));
-  WriteKey(args.path, blob);
+  const std::unique_ptr<OwnedCharacteristics> characteristics = CharacteristicsToTell();
+  Check("generate", session->TivasKmGenerateKey(params.set(), &blob, characteristics.get()));
+  WriteKey(args.path, blob, characteristics.get());
 }
 
 struct ExportArgs {
@@ -26,27 +30,29 @@ struct ExportArgs {
 };
 
 void RunExport(const ExportArgs& args) {
+  NeedFileForJson(args.out);
   const Key key(args.key);
   Session session;
   OwnedBlob spki;
-  Check("export", session->TivasKmExportKey(KM_KEY_FORMAT_X509, key.blob(), key.app_id(),
-                                            key.app_data(), &spki));
-  WriteFile(args.out, args.der ? Copy(spki) : ToPem("PUBLIC KEY", spki));
+  Check("export",
+        session->TivasKmExportKey(KM_KEY_FORMAT_X509, key.blob(), key.app_id(), key.app_data(),
+                                  &spki),
+        args.key.path);
+  const Bytes file = args.der ? Copy(spki) : ToPem("PUBLIC KEY", spki);
+  WriteFile(args.out, file);
+  TellWritten("public key", args.out, file.size());
 }
 
-struct CharacteristicsArgs {
-  KeyArgs key;
-  bool json = false;
-};
-
-void RunCharacteristics(const CharacteristicsArgs& args) {
-  const Key key(args.key);
+void RunCharacteristics(const KeyArgs& args) {
+  const Key key(args);
   Session session;
   OwnedCharacteristics characteristics;
-  Check("reading the key", session->TivasKmGetKeyCharacteristics(key.blob(), key.app_id(),
-                                                                 key.app_data(), &characteristics));
+  Check("reading the key",
+        session->TivasKmGetKeyCharacteristics(key.blob(), key.app_id(), key.app_data(),
+                                              &characteristics),
+        args.path);
   const std::string text =
-      args.json ? DescribeJson(characteristics) : DescribeText(characteristics);
+      Style().json ? DescribeJson(characteristics) + "\n" : DescribeText(characteristics);
   fputs(text.c_str(), stdout);
 }
 
@@ -61,12 +67,16 @@ void RunUpgrade(const UpgradeArgs& args) {
   AddBinding(args.key.binding, &params);
   Session session;
   OwnedKeyBlob upgraded;
-  Check("upgrade", session->TivasKmUpgradeKey(key.blob(), params.set(), &upgraded));
+  Check("upgrade", session->TivasKmUpgradeKey(key.blob(), params.set(), &upgraded), args.key.path);
   if (upgraded.key_material == nullptr) {
-    printf("%s needs no upgrade\n", args.key.path.c_str());
+    Report()
+        .Say(args.key.path + " needs no upgrade")
+        .Text("key", args.key.path)
+        .Member("upgraded", "false")
+        .Print();
     return;
   }
-  WriteKey(args.out.empty() ? args.key.path : args.out, upgraded);
+  WriteKey(args.out.empty() ? args.key.path : args.out, upgraded, nullptr);
 }
 
 struct DeleteArgs {
@@ -77,11 +87,11 @@ struct DeleteArgs {
 void RunDelete(const DeleteArgs& args) {
   const Key key(args.key);
   Session session;
-  Check("delete", session->TivasKmDeletekey(key.blob()));
+  Check("delete", session->TivasKmDeletekey(key.blob()), args.key.path);
   if (!args.keep_file && unlink(args.key.path.c_str()) != 0) {
     throw SystemFailure("cannot remove", args.key.path);
   }
-  printf("deleted %s\n", args.key.path.c_str());
+  Report().Say("deleted " + args.key.path).Text("deleted", args.key.path).Print();
 }
 
 }  // namespace
@@ -94,23 +104,23 @@ void AddKeyCommands(CommandLine* line) {
   {
     const auto [command, args] = line->AddCommand<ExportArgs>("export", RunExport);
     AddKeyOptions(command, &args->key);
-    command.Add("-o,--out", &args->out, "Public key file, - for standard output (default)");
+    command.Add("-o,--out", &args->out, "Public key file, - for standard output (default)")
+        .Takes("FILE");
     command.AddFlag("--der,!--pem", &args->der, "DER instead of PEM");
   }
   {
-    const auto [command, args] =
-        line->AddCommand<CharacteristicsArgs>("characteristics", RunCharacteristics);
-    AddKeyOptions(command, &args->key);
-    command.AddFlag("--json", &args->json, "As JSON");
+    const auto [command, args] = line->AddCommand<KeyArgs>("characteristics", RunCharacteristics);
+    AddKeyOptions(command, args);
   }
   {
     const auto [command, args] = line->AddCommand<UpgradeArgs>("upgrade", RunUpgrade);
     AddKeyOptions(command, &args->key);
-    command.Add("-o,--out", &args->out, "New key file (default: in place of the old one)");
+    command.Add("-o,--out", &args->out, "New key file (default: in place of the old one)")
+        .Takes("FILE");
   }
   {
     const auto [command, args] = line->AddCommand<DeleteArgs>("delete", RunDelete);
-    command.Add("-k,--key", &args->key.path, "Key file").Required();
+    command.Add("-k,--key", &args->key.path, "Key file").Takes("FILE").Required();
     command.AddFlag("--keep-file", &args->keep_file, "Leave the file");
   }
 }

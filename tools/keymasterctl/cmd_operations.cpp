@@ -11,6 +11,8 @@
 #include "names.h"
 #include "operation.h"
 #include "progress.h"
+#include "report.h"
+#include "terminal.h"
 
 namespace {
 
@@ -39,15 +41,30 @@ Bytes TokenFor(const OperationArgs& args, Session& session, uint64_t challenge) 
 
 bool Authenticates(const OperationArgs& args) { return args.token_path || args.sid; }
 
-void AddTokenParam(const OperationArgs& args, Session& session, ParamList* params) {
-  if (Authenticates(args)) params->Add(KM_TAG_AUTH_TOKEN, TokenFor(args, session, 0));
-}
-
-void Authenticate(const OperationArgs& args, Session& session, Operation* operation) {
-  if (Authenticates(args)) {
-    operation->SetAuthToken(TokenFor(args, session, operation->handle()));
+// What an operation needs before it begins, in the order of its members.
+struct Prepared {
+  Prepared(const OperationArgs& args, keymaster_purpose_t purpose)
+      : key(args.key),
+        input(args.in),
+        plan(PlanOperation(session, key, purpose, args.choice, &params)) {
+    if (Authenticates(args)) params.Add(KM_TAG_AUTH_TOKEN, TokenFor(args, session, 0));
   }
-}
+  Session session;
+  Key key;
+  Input input;
+  ParamList params;
+  OperationPlan plan;
+};
+
+// An operation that has begun, with its user's token and its associated data.
+class Begun : public Operation {
+ public:
+  Begun(const OperationArgs& args, keymaster_purpose_t purpose, Prepared* prepared)
+      : Operation(prepared->session, purpose, prepared->key, &prepared->params) {
+    if (Authenticates(args)) SetAuthToken(TokenFor(args, prepared->session, handle()));
+    if (!args.aad.empty()) AddAssociatedData(ParseBytes(args.aad));
+  }
+};
 
 // Runs the input through the operation, the last piece with finish.
 void Stream(Operation* operation, Input* input, const Bytes* signature, Output* output) {
@@ -67,83 +84,72 @@ void Stream(Operation* operation, Input* input, const Bytes* signature, Output* 
 }
 
 void RunSign(const OperationArgs& args) {
-  Session session;
-  const Key key(args.key);
-  Input input(args.in);
-  ParamList params;
-  PlanOperation(session, key, KM_PURPOSE_SIGN, args.choice, &params);
-  AddTokenParam(args, session, &params);
-  Operation operation(session, KM_PURPOSE_SIGN, key, &params);
-  Authenticate(args, session, &operation);
+  NeedFileForJson(args.out);
+  Prepared prepared(args, KM_PURPOSE_SIGN);
+  Begun operation(args, KM_PURPOSE_SIGN, &prepared);
   Output output(args.out, Output::Access::kByUmask, Output::Release::kAsItComes);
-  Stream(&operation, &input, nullptr, &output);
+  Stream(&operation, &prepared.input, nullptr, &output);
   output.Commit();
+  TellWritten("signature", args.out, output.bytes());
 }
 
 void RunVerify(const OperationArgs& args) {
-  Session session;
-  const Key key(args.key);
   const Bytes signature = ReadFile(args.signature);
-  Input input(args.in);
-  ParamList params;
-  PlanOperation(session, key, KM_PURPOSE_VERIFY, args.choice, &params);
-  AddTokenParam(args, session, &params);
-  Operation operation(session, KM_PURPOSE_VERIFY, key, &params);
-  Authenticate(args, session, &operation);
-  Stream(&operation, &input, &signature, nullptr);
-  printf("signature is valid\n");
+  Prepared prepared(args, KM_PURPOSE_VERIFY);
+  Begun operation(args, KM_PURPOSE_VERIFY, &prepared);
+  try {
+    Stream(&operation, &prepared.input, &signature, nullptr);
+  } catch (const ResultFailure& failure) {
+    if (!Style().json || failure.result() != KM_ERROR_VERIFICATION_FAILED) throw;
+    Report().Member("valid", "false").Print();
+    throw ToldFailure();
+  }
+  Report().Say(Paint(stdout, Color::kGreen, "signature is valid")).Member("valid", "true").Print();
 }
 
 void RunEncrypt(const OperationArgs& args) {
-  Session session;
-  const Key key(args.key);
-  Input input(args.in);
-  ParamList params;
-  PlanOperation(session, key, KM_PURPOSE_ENCRYPT, args.choice, &params);
-  AddTokenParam(args, session, &params);
-  if (args.nonce) params.Add(KM_TAG_NONCE, ParseBytes(*args.nonce));
-  Operation operation(session, KM_PURPOSE_ENCRYPT, key, &params);
-  Authenticate(args, session, &operation);
-  if (!args.aad.empty()) operation.AddAssociatedData(ParseBytes(args.aad));
+  NeedFileForJson(args.out);
+  Prepared prepared(args, KM_PURPOSE_ENCRYPT);
+  if (args.nonce) prepared.params.Add(KM_TAG_NONCE, ParseBytes(*args.nonce));
+  Begun operation(args, KM_PURPOSE_ENCRYPT, &prepared);
   Output output(args.out, Output::Access::kByUmask, Output::Release::kAsItComes);
   if (!args.nonce) output.Write(operation.nonce());
-  Stream(&operation, &input, nullptr, &output);
+  Stream(&operation, &prepared.input, nullptr, &output);
   output.Commit();
+  TellWritten("ciphertext", args.out, output.bytes());
 }
 
 void RunDecrypt(const OperationArgs& args) {
-  Session session;
-  const Key key(args.key);
-  Input input(args.in);
-  ParamList params;
-  const OperationPlan plan = PlanOperation(session, key, KM_PURPOSE_DECRYPT, args.choice, &params);
-  AddTokenParam(args, session, &params);
-  const Bytes nonce = args.nonce ? ParseBytes(*args.nonce) : input.Read(plan.nonce_length);
-  if (!args.nonce && nonce.size() != plan.nonce_length) {
+  NeedFileForJson(args.out);
+  Prepared prepared(args, KM_PURPOSE_DECRYPT);
+  const size_t nonce_length = prepared.plan.nonce_length;
+  const Bytes nonce = args.nonce ? ParseBytes(*args.nonce) : prepared.input.Read(nonce_length);
+  if (!args.nonce && nonce.size() != nonce_length) {
     throw Failure("the input is too short: it begins with a nonce of " +
-                  std::to_string(plan.nonce_length) + " bytes");
+                  std::to_string(nonce_length) + " bytes");
   }
-  if (!nonce.empty()) params.Add(KM_TAG_NONCE, nonce);
-  Operation operation(session, KM_PURPOSE_DECRYPT, key, &params);
-  Authenticate(args, session, &operation);
-  if (!args.aad.empty()) operation.AddAssociatedData(ParseBytes(args.aad));
+  if (!nonce.empty()) prepared.params.Add(KM_TAG_NONCE, nonce);
+  Begun operation(args, KM_PURPOSE_DECRYPT, &prepared);
   // Nothing that a tag has yet to confirm may be taken for the plaintext.
-  Output output(
-      args.out, Output::Access::kByUmask,
-      plan.mode == KM_MODE_GCM ? Output::Release::kAtCommit : Output::Release::kAsItComes);
-  Stream(&operation, &input, nullptr, &output);
+  const bool held = prepared.plan.mode == KM_MODE_GCM;
+  Output output(args.out, Output::Access::kByUmask,
+                held ? Output::Release::kAtCommit : Output::Release::kAsItComes);
+  Stream(&operation, &prepared.input, nullptr, &output);
   output.Commit();
+  TellWritten("plaintext", args.out, output.bytes());
 }
 
 void AddCommonOptions(const Command& command, OperationArgs* args) {
   AddKeyOptions(command, &args->key);
-  command.Add("-i,--in", &args->in, "Input file, - for standard input (default)");
+  command.Add("-i,--in", &args->in, "Input file, - for standard input (default)").Takes("FILE");
   command.Add("--digest", &args->choice.digest, "Digest (default: sha256 if allowed)")
       .TakesNames(KM_TAG_DIGEST);
   command.Add("--padding", &args->choice.padding, "Padding (default: one that is allowed)")
       .TakesNames(KM_TAG_PADDING);
-  const Option token = command.Add("--auth-token", &args->token_path,
-                                   "File with an auth token, for a key that needs a user");
+  const Option token = command
+                           .Add("--auth-token", &args->token_path,
+                                "File with an auth token, for a key that needs a user")
+                           .Takes("FILE");
   command
       .Add("--auth-sid", &args->sid, "Authenticate this operation as the user with this secure id")
       .Excludes(token);
@@ -151,18 +157,20 @@ void AddCommonOptions(const Command& command, OperationArgs* args) {
 
 void AddSignOptions(const Command& command, OperationArgs* args) {
   AddCommonOptions(command, args);
-  command.Add("-o,--out", &args->out, "Signature file, - for standard output (default)");
+  command.Add("-o,--out", &args->out, "Signature file, - for standard output (default)")
+      .Takes("FILE");
   command.Add("--mac-length", &args->choice.mac_length, "Bits of an HMAC (default: the digest's)");
 }
 
 void AddCipherOptions(const Command& command, OperationArgs* args, const char* nonce) {
   AddCommonOptions(command, args);
-  command.Add("-o,--out", &args->out, "Output file, - for standard output (default)");
+  command.Add("-o,--out", &args->out, "Output file, - for standard output (default)").Takes("FILE");
   command.Add("--mode", &args->choice.mode, "Block mode (default: one that is allowed)")
       .TakesNames(KM_TAG_BLOCK_MODE);
   command.Add("--mac-length", &args->choice.mac_length, "Bits of the tag (default 128)");
-  command.Add("--aad", &args->aad, "Associated data: text, 0x and hexadecimal, or @FILE");
-  command.Add("--nonce", &args->nonce, nonce);
+  command.Add("--aad", &args->aad, "Associated data: text, 0x and hexadecimal, or @FILE")
+      .Takes("BYTES");
+  command.Add("--nonce", &args->nonce, nonce).Takes("BYTES");
 }
 
 }  // namespace
@@ -175,7 +183,7 @@ void AddOperationCommands(CommandLine* line) {
   {
     const auto [command, args] = line->AddCommand<OperationArgs>("verify", RunVerify);
     AddCommonOptions(command, args);
-    command.Add("--signature", &args->signature, "Signature file").Required();
+    command.Add("--signature", &args->signature, "Signature file").Takes("FILE").Required();
   }
   {
     const auto [command, args] = line->AddCommand<OperationArgs>("encrypt", RunEncrypt);

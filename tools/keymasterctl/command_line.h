@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "command_info.h"
+
 namespace CLI {
 class App;
 class Option;
@@ -81,6 +83,9 @@ class CommandLine {
     const auto args = std::make_shared<Args>();
     return {Place(name, [args, run] { run(*args); }), args.get()};
   }
+
+  // Describe returns what every command takes, then the commands in the order of the help.
+  std::vector<CommandInfo> Describe() const;
 
   // Parse reads the arguments. Returns what the chosen command runs; nothing when all is said
   // already, with the program's exit status in *status.

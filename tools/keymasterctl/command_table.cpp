@@ -11,7 +11,8 @@ constexpr CommandText kCommands[] = {
      "generate --algorithm rsa --size 3072 --purpose decrypt --padding oaep --key k.blob",
      ""},
     {"export", "Write the public key of an RSA or EC key", "export --key k.blob --out k.pem", ""},
-    {"characteristics", "Show what is enforced for a key", "characteristics --key k.blob", ""},
+    {"characteristics", "Show what is enforced for a key",
+     "characteristics --key k.blob\ncharacteristics --key k.blob --json", ""},
     {"upgrade", "Renew a key file for the present system version", "upgrade --key k.blob", ""},
     {"delete", "Delete a key in the TA, and its file", "delete --key k.blob", ""},
     {"import", "Import an RSA or EC private key (PEM or DER), or a symmetric key",
@@ -53,19 +54,12 @@ constexpr CommandText kCommands[] = {
     {"add-entropy", "Offer entropy to the keymaster", "add-entropy --in /etc/hostname", ""},
     {"delete-all", "Ask for the deletion of all keys", "delete-all", ""},
     {"destroy-ids", "Ask for the destruction of the attestation ids", "destroy-ids", ""},
+    {"doctor", "Check the set-up, and say what is wrong and what to do", "doctor\ndoctor --json",
+     "The status is 1 when something is broken."},
+    {"completion", "Print a shell's completion script",
+     "completion bash >~/.local/share/bash-completion/completions/keymasterctl", ""},
+    {"manual", "Print the manual page", "manual >keymasterctl.1", ""},
 };
-
-// The lines of an example as they are typed.
-std::string Typed(const std::string& examples) {
-  std::string out;
-  size_t start = 0;
-  while (start <= examples.size()) {
-    const size_t end = std::min(examples.find('\n', start), examples.size());
-    out += "\n  keymasterctl " + examples.substr(start, end - start);
-    start = end + 1;
-  }
-  return out;
-}
 
 }  // namespace
 
@@ -76,15 +70,51 @@ const CommandText& TextOf(const std::string& name) {
   throw std::logic_error("no text for the command " + name);
 }
 
+std::string TypedExamples(const CommandText& text, const std::string& before) {
+  const std::string examples = text.examples;
+  std::string out;
+  for (size_t start = 0; start < examples.size();) {
+    const size_t end = std::min(examples.find('\n', start), examples.size());
+    out += before + "keymasterctl " + examples.substr(start, end - start) + "\n";
+    start = end + 1;
+  }
+  return out;
+}
+
 std::string FooterOf(const CommandText& text) {
-  const std::string note = *text.note != '\0' ? std::string("\n") + text.note : "";
-  return "Example:" + Typed(text.examples) + note;
+  return "Example:\n" + TypedExamples(text, "  ") + text.note + (*text.note != '\0' ? "\n" : "") +
+         "keymasterctl --help shows the options that every command takes.";
 }
 
 std::string ProgramFooter() {
-  return "Example:" +
-         Typed(
-             "generate --algorithm ec --key k.blob\n"
-             "sign --key k.blob --in letter.txt --out letter.sig") +
-         "\nkeymasterctl COMMAND --help tells more. Status: 0 done, 1 failed, 2 wrong usage.";
+  std::string out = "Example:\n" + TypedExamples(TextOf("generate"), "  ") +
+                    TypedExamples(TextOf("sign"), "  ") + "\nExit status:\n";
+  for (const NamedText& row : ExitStatuses()) {
+    out += std::string("  ") + row.name + "  " + row.text + "\n";
+  }
+  return out + "\nkeymasterctl COMMAND --help tells more.";
+}
+
+const std::vector<NamedText>& ExitStatuses() {
+  static const std::vector<NamedText> rows = {
+      {"0", "The request was done."},
+      {"1", "The keymaster refused it, a signature is not valid, or a file cannot be used."},
+      {"2", "The command line is wrong."},
+      {"3", "The TEE or its keymaster TA cannot be reached, or died."},
+  };
+  return rows;
+}
+
+const std::vector<NamedText>& Environment() {
+  static const std::vector<NamedText> rows = {
+      {"KEYMASTER_TA_STATE", "State folder of the TA where --state is not given."},
+      {"KEYMASTER_OS_VERSION", "OS version that keys are bound to, as MMmmss."},
+      {"KEYMASTER_OS_PATCHLEVEL", "OS patch level that keys are bound to, as YYYYMM."},
+      {"ANDROID_LOG_TAGS", "What of the log is shown, as logcat reads it."},
+      {"QAVIX_EVENTS", "File for fault events, - for standard output."},
+      {"TEE_WORKER", "Program that runs the TA."},
+      {"TEE_TRACE", "As --trace."},
+      {"NO_COLOR", "When set, nothing is coloured."},
+  };
+  return rows;
 }

@@ -12,5 +12,7 @@ void AddOperationCommands(CommandLine* line);      // sign, verify, encrypt, dec
 void AddAttestCommands(CommandLine* line);         // attest
 void AddAuthorizationCommands(CommandLine* line);  // auth-token ... hmac-sharing
 void AddDeviceCommands(CommandLine* line);         // device state, configuration, info
+void AddDoctorCommand(CommandLine* line);          // doctor
+void AddShellCommands(CommandLine* line);          // completion, manual
 
 #endif  // KEYMASTERCTL_COMMANDS_H

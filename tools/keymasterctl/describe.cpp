@@ -6,7 +6,9 @@
 
 #include "names.h"
 #include "params.h"
+#include "report.h"
 #include "session.h"
+#include "terminal.h"
 
 namespace {
 
@@ -58,25 +60,22 @@ std::vector<std::pair<keymaster_tag_t, std::string>> Group(
   return groups;
 }
 
-std::string SetJson(const keymaster_key_param_set_t& set) {
-  std::string out;
-  for (const auto& [tag, values] : Group(set, ValueJson)) {
-    std::string name = TagName(tag);
-    std::replace(name.begin(), name.end(), '-', '_');
-    out += std::string(out.empty() ? "" : ",") + "\n    \"" + name + "\": ";
-    out += IsRepeatable(tag) ? "[" + values + "]" : values;
-  }
-  return out.empty() ? "{}" : "{" + out + "\n  }";
-}
-
 }  // namespace
+
+std::string SetJson(const keymaster_key_param_set_t& set, size_t indent) {
+  std::vector<std::pair<std::string, std::string>> members;
+  for (const auto& [tag, values] : Group(set, ValueJson)) {
+    members.emplace_back(TagName(tag), IsRepeatable(tag) ? "[" + values + "]" : values);
+  }
+  return JsonObject(members, indent);
+}
 
 std::string DescribeSet(const keymaster_key_param_set_t& set) {
   std::string out;
   for (const auto& [tag, values] : Group(set, ValueText)) {
     std::string name = TagName(tag);
     name.resize(std::max<size_t>(name.size() + 1, 28), ' ');
-    out += "  " + name + values + "\n";
+    out += "  " + Paint(stdout, Color::kBold, name) + values + "\n";
   }
   return out.empty() ? "  (nothing)\n" : out;
 }
@@ -86,7 +85,8 @@ std::string DescribeText(const keymaster_key_characteristics_t& characteristics)
          "software-enforced:\n" + DescribeSet(characteristics.sw_enforced);
 }
 
-std::string DescribeJson(const keymaster_key_characteristics_t& characteristics) {
-  return "{\n  \"hardware_enforced\": " + SetJson(characteristics.hw_enforced) +
-         ",\n  \"software_enforced\": " + SetJson(characteristics.sw_enforced) + "\n}\n";
+std::string DescribeJson(const keymaster_key_characteristics_t& characteristics, size_t indent) {
+  return JsonObject({{"hardware_enforced", SetJson(characteristics.hw_enforced, indent + 2)},
+                     {"software_enforced", SetJson(characteristics.sw_enforced, indent + 2)}},
+                    indent);
 }

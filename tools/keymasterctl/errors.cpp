@@ -4,6 +4,9 @@
 #include <hardware/keymaster_defs.h>
 #include <string.h>
 
+#include "report.h"
+#include "terminal.h"
+
 namespace {
 
 struct Named {
@@ -122,11 +125,24 @@ struct Hint {
 
 constexpr uint32_t Code(keymaster_error_t error) { return static_cast<uint32_t>(error); }
 
+constexpr uint32_t kGeneric = 0xFFFF0000u;
+constexpr uint32_t kItemNotFound = 0xFFFF0008u;
+constexpr uint32_t kCommunication = 0xFFFF000Eu;
+constexpr uint32_t kTargetDead = 0xFFFF3024u;
+
 constexpr Hint kHints[] = {
     {Code(KM_ERROR_INVALID_KEY_BLOB),
      "the key file is damaged, was made under another --state folder, was deleted, is of a "
      "later system version, or needs the --app-id and --app-data that it was made with"},
-    {Code(KM_ERROR_KEY_REQUIRES_UPGRADE), "run: keymasterctl upgrade --key FILE"},
+    {Code(KM_ERROR_KEY_REQUIRES_UPGRADE),
+     "the system is newer than the key; run: keymasterctl upgrade --key FILE"},
+    {Code(KM_ERROR_KEYMASTER_NOT_CONFIGURED), "run: keymasterctl configure"},
+    {Code(KM_ERROR_TOO_MANY_OPERATIONS), "wait until another operation has ended, and try again"},
+    {Code(KM_ERROR_KEY_MAX_OPS_EXCEEDED), "the key's uses are spent until the next boot"},
+    {Code(KM_ERROR_KEY_RATE_LIMIT_EXCEEDED),
+     "wait: keymasterctl characteristics --key FILE shows min-seconds-between-ops"},
+    {Code(KM_ERROR_CANNOT_ATTEST_IDS),
+     "an --param attestation-id-... is not this device's: leave it out"},
     {Code(KM_ERROR_KEY_USER_NOT_AUTHENTICATED),
      "the key needs its user: give --auth-token FILE (from keymasterctl auth-token) or --auth-sid"},
     {Code(KM_ERROR_UNSUPPORTED_PURPOSE), "the key's algorithm has no such use"},
@@ -170,14 +186,41 @@ constexpr Hint kHints[] = {
      "the key's algorithm cannot do this; keymasterctl characteristics --key FILE shows it"},
     {0xFFFF0010u,
      "a reply of the TA is limited to 4096 bytes: the key has too many or too long parameters"},
-    {0xFFFF3024u, "the TA died; --trace shows its last command"},
+    {kGeneric, "keymasterctl doctor tells what is wrong with the set-up"},
+    {kItemNotFound, "the TEE has no keymaster TA; keymasterctl doctor tells more"},
+    {0xFFFF000Du, "the TEE takes no further session now: try again"},
+    {kCommunication, "the TEE does not answer; keymasterctl doctor tells more"},
+    {kTargetDead, "the TA died; try again: a new one starts. --trace shows its last command"},
 };
+
+bool IsTeeCode(uint32_t code) { return code >= 0xFFFF0000u && code < 0xFFFFF000u; }
+
+std::string HintFor(uint32_t code, const std::string& key) {
+  for (const Hint& hint : kHints) {
+    if (hint.code != code) continue;
+    std::string text = hint.text;
+    const std::string place = "--key FILE";
+    const size_t at = text.find(place);
+    return at == std::string::npos ? text : text.replace(at, place.size(), "--key " + key);
+  }
+  return "";
+}
+
+int StatusOf(uint32_t code) {
+  const bool lost = code == kItemNotFound || code == kCommunication || code == kTargetDead;
+  return lost ? kExitNoTa : kExitFailed;
+}
+
+ResultFailure Refused(const char* what, int32_t result, const std::string& key, int status) {
+  return ResultFailure(std::string(what) + " failed: " + ResultText(result), result,
+                       HintFor(static_cast<uint32_t>(result), key), status);
+}
 
 }  // namespace
 
 std::string ResultText(int32_t result) {
   const uint32_t code = static_cast<uint32_t>(result);
-  const bool is_tee = code >= 0xFFFF0000u && code < 0xFFFFF000u;
+  const bool is_tee = IsTeeCode(code);
   char number[16];
   if (is_tee) {
     snprintf(number, sizeof(number), "0x%08X", code);
@@ -190,15 +233,36 @@ std::string ResultText(int32_t result) {
   return std::string(is_tee ? "TEE result " : "result ") + number;
 }
 
-void Check(const char* what, int32_t result) {
-  if (result == 0) return;
-  std::string text = std::string(what) + " failed: " + ResultText(result);
-  for (const Hint& hint : kHints) {
-    if (hint.code == static_cast<uint32_t>(result)) text += std::string("\n  ") + hint.text;
-  }
-  throw Failure(text);
+void Check(const char* what, int32_t result, const std::string& key) {
+  if (result != 0) throw Refused(what, result, key, StatusOf(static_cast<uint32_t>(result)));
+}
+
+void CheckConnected(const char* what, int32_t result) {
+  const int status = IsTeeCode(static_cast<uint32_t>(result)) ? kExitNoTa : kExitFailed;
+  if (result != 0) throw Refused(what, result, "FILE", status);
 }
 
 Failure SystemFailure(const std::string& what, const std::string& path) {
   return Failure(what + " " + path + ": " + strerror(errno));
+}
+
+void Tell(const Failure& failure) {
+  const auto* refused = dynamic_cast<const ResultFailure*>(&failure);
+  if (dynamic_cast<const ToldFailure*>(&failure) != nullptr) return;
+  if (Style().json) {
+    Report report;
+    report.Text("error", failure.what()).Row("status", failure.status());
+    if (refused != nullptr) {
+      report.Row("result", refused->result());
+      const std::string name = ResultText(refused->result());
+      report.Text("name", name.substr(0, name.find(" (")));
+      if (!refused->hint().empty()) report.Text("hint", refused->hint());
+    }
+    report.Print();
+    return;
+  }
+  fprintf(stderr, "%s %s\n", Paint(stderr, Color::kRed, "keymasterctl:").c_str(), failure.what());
+  if (refused != nullptr && !refused->hint().empty()) {
+    fprintf(stderr, "  %s\n", refused->hint().c_str());
+  }
 }

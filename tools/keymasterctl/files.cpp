@@ -125,6 +125,7 @@ Output::~Output() {
 }
 
 void Output::Write(const uint8_t* data, size_t length) {
+  bytes_ += length;
   if (!hold_) return WriteAll(fd_, path_, data, length);
   if (length > kHeldLimit - held_.size()) {
     throw Failure("more than 64 MiB cannot be held until the tag is verified; give --out FILE");

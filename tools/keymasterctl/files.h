@@ -51,6 +51,7 @@ class Output {
   void Write(const uint8_t* data, size_t length);
   void Write(const Bytes& bytes) { Write(bytes.data(), bytes.size()); }
   void Commit();
+  uint64_t bytes() const { return bytes_; }
 
  private:
   void OpenTemporary(const std::string& path);
@@ -63,6 +64,7 @@ class Output {
   bool is_file_ = false;
   int fd_ = -1;
   Bytes held_;
+  uint64_t bytes_ = 0;
 };
 
 // WriteFile writes a whole output at once.

@@ -4,8 +4,11 @@
 
 #include <algorithm>
 
+#include "describe.h"
 #include "errors.h"
 #include "names.h"
+#include "report.h"
+#include "terminal.h"
 
 namespace {
 
@@ -148,11 +151,14 @@ void AddAccessOptions(const Command& command, NewKeyArgs* args) {
   command.AddFlag("--early-boot", &args->early_boot, "Only during early boot");
   command.AddFlag("--rollback-resistant", &args->rollback_resistant,
                   "A deleted key stays deleted, also from a saved copy");
-  command.Add("--valid-from", &args->valid_from,
-              "Not before YYYY-MM-DD[Thh:mm:ss], UTC; for all dates");
-  command.Add("--valid-until", &args->valid_until,
-              "No new signature or encryption after this date");
-  command.Add("--use-until", &args->use_until, "No verification or decryption after this date");
+  command
+      .Add("--valid-from", &args->valid_from,
+           "Not before YYYY-MM-DD[Thh:mm:ss], UTC; for all dates")
+      .Takes("DATE");
+  command.Add("--valid-until", &args->valid_until, "No new signature or encryption after this date")
+      .Takes("DATE");
+  command.Add("--use-until", &args->use_until, "No verification or decryption after this date")
+      .Takes("DATE");
   command.Add("--max-uses", &args->max_uses, "Uses per boot");
   command.Add("--min-seconds", &args->min_seconds, "Seconds between uses");
 }
@@ -160,13 +166,16 @@ void AddAccessOptions(const Command& command, NewKeyArgs* args) {
 }  // namespace
 
 void AddBindingOptions(const Command& command, BindingArgs* args) {
-  command.Add("--app-id", &args->app_id,
-              "Application id of the key: text, 0x and hexadecimal, or @FILE");
-  command.Add("--app-data", &args->app_data, "Application data of the key, likewise");
+  command
+      .Add("--app-id", &args->app_id,
+           "Application id of the key: text, 0x and hexadecimal, or @FILE")
+      .Takes("BYTES");
+  command.Add("--app-data", &args->app_data, "Application data of the key, likewise")
+      .Takes("BYTES");
 }
 
 void AddKeyOptions(const Command& command, KeyArgs* args) {
-  command.Add("-k,--key", &args->path, "Key file").Required();
+  command.Add("-k,--key", &args->path, "Key file").Takes("FILE").Required();
   AddBindingOptions(command, &args->binding);
 }
 
@@ -175,7 +184,7 @@ void AddBinding(const BindingArgs& args, ParamList* params) {
   if (args.app_data) params->Add(KM_TAG_APPLICATION_DATA, ParseBytes(*args.app_data));
 }
 
-Key::Key(const KeyArgs& args) : material_(ReadFile(args.path)) {
+Key::Key(const KeyArgs& args) : path_(args.path), material_(ReadFile(args.path)) {
   if (material_.empty()) throw Failure(args.path + " is empty: no key file");
   blob_ = KeyView(material_);
   if (args.binding.app_id) {
@@ -193,7 +202,7 @@ Option AddNewKeyOptions(const Command& command, NewKeyArgs* args) {
                                    keymaster_tag_t tag, const char* what) {
     command.Add(name, values, what).TakesList().TakesNames(tag);
   };
-  command.Add("-k,--key", &args->path, "Key file to write").Required();
+  command.Add("-k,--key", &args->path, "Key file to write").Takes("FILE").Required();
   const Option algorithm =
       command.Add("-a,--algorithm", &args->algorithm, "Algorithm").TakesNames(KM_TAG_ALGORITHM);
   command.Add("-s,--size", &args->size, "Key size in bits");
@@ -208,8 +217,10 @@ Option AddNewKeyOptions(const Command& command, NewKeyArgs* args) {
   command.AddFlag("--caller-nonce", &args->caller_nonce, "The caller may choose the nonce");
   AddBindingOptions(command, &args->binding);
   AddAccessOptions(command, args);
-  command.Add("--param", &args->extra,
-              "Any other parameter as NAME=VALUE, named as characteristics shows it");
+  command
+      .Add("--param", &args->extra,
+           "Any other parameter as NAME=VALUE, named as characteristics shows it")
+      .Takes("NAME=VALUE");
   return algorithm;
 }
 
@@ -242,7 +253,19 @@ void FillNewKeyParams(NewKeyArgs args, ParamList* params) {
   }
 }
 
-void WriteKey(const std::string& path, const keymaster_key_blob_t& blob) {
+std::unique_ptr<OwnedCharacteristics> CharacteristicsToTell() {
+  return Style().json ? std::make_unique<OwnedCharacteristics>() : nullptr;
+}
+
+void WriteKey(const std::string& path, const keymaster_key_blob_t& blob,
+              const keymaster_key_characteristics_t* characteristics) {
   WriteFile(path, Copy(blob), Output::Access::kOwnerOnly);
-  if (path != "-") printf("wrote %s (%zu bytes)\n", path.c_str(), blob.key_material_size);
+  if (path == "-") return;
+  const std::string size = std::to_string(blob.key_material_size);
+  Report report;
+  report.Say("wrote " + path + " (" + size + " bytes)").Text("key", path).Member("bytes", size);
+  if (characteristics != nullptr) {
+    report.Member("characteristics", DescribeJson(*characteristics, 2));
+  }
+  report.Print();
 }

@@ -2,6 +2,7 @@
 #ifndef KEYMASTERCTL_KEY_OPTIONS_H
 #define KEYMASTERCTL_KEY_OPTIONS_H
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,12 +33,14 @@ class Key {
  public:
   explicit Key(const KeyArgs& args);
 
+  const std::string& path() const { return path_; }
   const keymaster_key_blob_t* blob() const { return &blob_; }
   // Null where the user gave none.
   const keymaster_blob_t* app_id() const { return app_id_ ? &app_id_view_ : nullptr; }
   const keymaster_blob_t* app_data() const { return app_data_ ? &app_data_view_ : nullptr; }
 
  private:
+  std::string path_;
   Bytes material_;
   std::optional<Bytes> app_id_;
   std::optional<Bytes> app_data_;
@@ -79,7 +82,12 @@ Option AddNewKeyOptions(const Command& command, NewKeyArgs* args);
 // FillNewKeyParams turns the options into the new key's parameters, with defaults for its
 // algorithm where nothing was said. Throws a Failure without an algorithm.
 void FillNewKeyParams(NewKeyArgs args, ParamList* params);
-// WriteKey writes a new key's file, mode 0600, and says so.
-void WriteKey(const std::string& path, const keymaster_key_blob_t& blob);
+// CharacteristicsToTell returns the place for a new key's characteristics; null when only its file
+// is told of.
+std::unique_ptr<OwnedCharacteristics> CharacteristicsToTell();
+// WriteKey writes a new key's file, mode 0600, and tells of it; with --json also what is enforced
+// for the key, where that is given.
+void WriteKey(const std::string& path, const keymaster_key_blob_t& blob,
+              const keymaster_key_characteristics_t* characteristics);
 
 #endif  // KEYMASTERCTL_KEY_OPTIONS_H

@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "session.h"
+#include "terminal.h"
 
 namespace {
 
@@ -35,6 +36,9 @@ void AddGlobalOptions(const Command& global, GlobalArgs* args) {
                    "Show every TEE command on standard error; --trace=params also the key "
                    "parameters, --trace=secrets also those that are secret")
       .TakesWords({"1", "params", "secrets"});
+  global.AddFlag("--json", &Style().json, "Tell the result, or the failure, as a JSON object");
+  global.Add("--color", &Style().color, "Colour the output (default auto: on a terminal)")
+      .TakesWords({"auto", "always", "never"});
 }
 
 int Run(const std::function<void()>& action) {
@@ -42,11 +46,11 @@ int Run(const std::function<void()>& action) {
     action();
     if (fflush(stdout) != 0) throw SystemFailure("cannot write", "standard output");
     return kExitDone;
-  } catch (const UsageFailure& error) {
-    fprintf(stderr, "keymasterctl: %s\n", error.what());
-    return kExitUsage;
+  } catch (const Failure& failure) {
+    Tell(failure);
+    return failure.status();
   } catch (const std::exception& error) {
-    fprintf(stderr, "keymasterctl: %s\n", error.what());
+    Tell(Failure(error.what()));
     return kExitFailed;
   }
 }
@@ -63,6 +67,8 @@ int main(int argc, char** argv) {
   AddAttestCommands(&line);
   AddAuthorizationCommands(&line);
   AddDeviceCommands(&line);
+  AddDoctorCommand(&line);
+  AddShellCommands(&line);
   int status = kExitDone;
   const std::function<void()> action = line.Parse(argc, argv, &status);
   if (!action) return status;

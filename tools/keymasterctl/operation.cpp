@@ -21,8 +21,10 @@ struct KeyFacts {
 
 KeyFacts ReadFacts(Session& session, const Key& key) {
   OwnedCharacteristics characteristics;
-  Check("reading the key", session->TivasKmGetKeyCharacteristics(key.blob(), key.app_id(),
-                                                                 key.app_data(), &characteristics));
+  Check("reading the key",
+        session->TivasKmGetKeyCharacteristics(key.blob(), key.app_id(), key.app_data(),
+                                              &characteristics),
+        key.path());
   const auto values = [&characteristics](keymaster_tag_t tag) {
     std::vector<uint32_t> all = ValuesOf(characteristics.hw_enforced, tag);
     const std::vector<uint32_t> more = ValuesOf(characteristics.sw_enforced, tag);
@@ -130,9 +132,9 @@ OperationPlan PlanOperation(Session& session, const Key& key, keymaster_purpose_
 
 Operation::Operation(Session& session, keymaster_purpose_t purpose, const Key& key,
                      ParamList* params)
-    : session_(session) {
+    : session_(session), key_path_(key.path()) {
   OwnedParamSet out;
-  Check("begin", session_->TivasKmBegin(purpose, key.blob(), params->set(), &out, &handle_));
+  CheckRequest("begin", session_->TivasKmBegin(purpose, key.blob(), params->set(), &out, &handle_));
   running_ = true;
   for (size_t i = 0; i < out.length; ++i) {
     if (out.params[i].tag == KM_TAG_NONCE) nonce_ = Copy(out.params[i].blob);
@@ -145,7 +147,7 @@ Operation::~Operation() {
 
 void Operation::CheckRequest(const char* what, int32_t result) {
   if (result != 0) running_ = false;
-  Check(what, result);
+  Check(what, result, key_path_);
 }
 
 void Operation::SetAuthToken(const Bytes& token) { token_.Add(KM_TAG_AUTH_TOKEN, token); }

@@ -53,6 +53,7 @@ class Operation {
   void CheckRequest(const char* what, int32_t result);
 
   Session& session_;
+  std::string key_path_;
   unsigned long handle_ = 0;
   bool running_ = false;
   Bytes nonce_;

@@ -31,9 +31,9 @@ Session::Session(Start start) {
     const int32_t result = context_.Initialize(keymaster::KmVersion::KEYMASTER_4_1);
     // The TEE context is up after a failed configuration, and no destructor will run.
     if (result != 0) context_.FinishTeeContext();
-    Check("connecting to the keymaster TA", result);
+    CheckConnected("connecting to the keymaster TA", result);
   } else {
-    Check("connecting to the TEE", context_.InitTeeContext());
+    CheckConnected("connecting to the TEE", context_.InitTeeContext());
   }
   ShowErrorsFromHere();
 }

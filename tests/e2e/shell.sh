@@ -1,0 +1,105 @@
+#!/bin/bash
+# shellcheck disable=SC2154  # bin comes from common.sh
+# The tool for people and programs: help, completion, manual, JSON, colours, exit status, doctor.
+. "$(dirname "$0")/common.sh" "$@"
+
+# status WANTED COMMAND... runs a command that must end with that status.
+status() {
+  local wanted=$1 got=0
+  shift
+  "$@" >out || got=$?
+  [ $got -eq "$wanted" ] || fail "status $got, not $wanted: $*: $(cat err)"
+}
+# json EXPRESSION [STATUS] COMMAND... checks the object that a command prints.
+json() {
+  local expression=$1 wanted=$2
+  shift 2
+  status "$wanted" km "$@" --json
+  python3 -m json.tool out >tidy || fail "no JSON: $*"
+  python3 -c 'import json, sys
+o = json.load(open("tidy")); assert eval("(%s)" % sys.argv[1]), o' "$expression" || fail "$*: $(cat out)"
+}
+# completes LINE WORD: the bash completion of a line offers the word.
+completes() {
+  bash -c '. completion.bash; read -ra COMP_WORDS <<<"$1"; [[ $1 != *" " ]] || COMP_WORDS+=("")
+    COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _keymasterctl; printf "%s\n" "${COMPREPLY[@]}"' \
+    - "$1" >offers
+  grep -qxF -- "$2" offers || fail "'$2' is not offered for '$1' but: $(paste -sd' ' offers)"
+}
+
+echo 'some text' >text
+json 'o["bytes"] > 0 and o["characteristics"]["hardware_enforced"]["ec_curve"] == "p256"' 0 \
+  generate --algorithm ec --key 'a"k.blob'
+mv 'a"k.blob' k.blob
+openssl genrsa -out rsa.pem 2048 2>/dev/null
+json 'o["characteristics"]["hardware_enforced"]["origin"] == "imported"' 0 \
+  import --in rsa.pem --key rsa.blob
+json 'o["signature"] == "sig" and o["bytes"] in range(66, 73)' 0 sign --key k.blob --in text --out sig
+json 'o["valid"] is True' 0 verify --key k.blob --in text --signature sig
+json 'o["valid"] is False' 1 verify --key k.blob --in k.blob --signature sig
+json 'o["length"] == 3 == len(o["certificates"]) and o["challenge"] == "0x6869" and
+  o["attestation_security_level"] == "trusted-environment"' 0 \
+  attest --key k.blob --challenge hi --out chain
+json 'o["os_version"] == 110000 and o["keymaster"] == "4.1"' 0 info
+json 'o["name"] == "KM_ERROR_INVALID_KEY_BLOB" and o["result"] == -33 and o["hint"]' 1 \
+  characteristics --key text
+json 'o["status"] == 2' 2 sign --key k.blob --in text
+KEYMASTER_OS_PATCHLEVEL=202203 refuse 'keymasterctl upgrade --key k.blob' km sign --key k.blob --in text
+TEE_FAULT=cmd=8,crash=1 status 3 km sign --key k.blob --in text
+
+# Colours are for a terminal, and for who asks for them.
+escape=$'\e['
+ok env NO_COLOR= script -qec "'$bin/keymasterctl' --state state info" typescript
+grep -qF "$escape" out || fail 'no colour on a terminal'
+NO_COLOR=1 ok script -qec "'$bin/keymasterctl' --state state info" typescript
+! grep -qF "$escape" out || fail 'colour in spite of NO_COLOR'
+ok km info
+! grep -qF "$escape" out || fail 'colour in a pipe'
+ok km info --color=always
+grep -qF "$escape" out || fail 'no colour where it is asked for'
+
+# Doctor finds what is broken, and says what to do.
+unset TEE_TRACE
+json 'o["healthy"] and len(o["checks"]) > 12' 0 doctor
+broken() { json 'not o["healthy"] and any(c["grade"] == "broken" and c["advice"] and
+  c["subject"] == "'"$1"'" for c in o["checks"])' 1 doctor; }
+(state=text/folder broken 'state folder')
+(TEE_WORKER=nothing broken 'TA host')
+(TEE_WORKER=nothing broken 'keymaster TA')
+(QAVIX_EVENTS=none/events broken 'fault events')
+(KEYMASTER_OS_PATCHLEVEL=7 broken 'system version')
+(TEE_WORKER=nothing status 3 km info)
+
+# What is generated from the help.
+km --help >help
+while read -r command; do
+  km "$command" --help >out
+  grep -q "^  keymasterctl $command" out || fail "no example of $command"
+done < <(sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\) .*/\1/p' help | tee commands)
+[ "$(wc -l <commands)" -gt 20 ] || fail 'the help lists no commands'
+km completion bash >completion.bash
+completes 'keymasterctl gen' generate
+completes 'keymasterctl sign --di' --digest
+completes 'keymasterctl sign --js' --json
+completes 'keymasterctl generate --digest sha1,sha2' sha1,sha256
+completes 'keymasterctl sign --key k.b' k.blob
+completes 'keymasterctl --color = al' always
+completes 'keymasterctl completion ' zsh
+km completion zsh >_keymasterctl
+if command -v zsh >/dev/null; then
+  cat >complete.zsh <<'ZSH'
+zmodload zsh/zpty
+zpty shell 'PS1=; TERM=dumb zsh -fi'
+zpty -w shell 'PS1=; fpath=($PWD $fpath); autoload -Uz compinit; compinit -D -u; echo re""ady'
+zpty -r shell out '*ready*'
+zpty -w -n shell $'keymasterctl sign --padding pkcs1-e\t'
+zpty -r shell out '*pkcs1-encrypt*'
+zpty -w -n shell $'--key k.b\t'
+zpty -r shell out '*k.blob*'
+ZSH
+  PATH="$bin:$PATH" timeout 60 zsh -f complete.zsh || fail 'zsh completes neither a padding nor a file'
+fi
+km manual >keymasterctl.1
+if command -v mandoc >/dev/null; then
+  mandoc -T lint -W style keymasterctl.1 >out || fail "the manual: $(head -n 3 out)"
+fi
