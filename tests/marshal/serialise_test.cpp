@@ -179,6 +179,14 @@ TEST_F(Serialise, RefusesByteValuesThatDoNotFit) {
     EXPECT_EQ(result, AddKmParams(&record, &param)) << stored << " " << length;
     EXPECT_TRUE(record.len == 0 && record.data_len == stored && record.data == store);
     record.data = nullptr;
+    // The same in one set, where every such failure is the same.
+    keymaster_key_param_t both[] = {param, param};
+    both[0].blob.data_length = stored;
+    const keymaster_key_param_set_t set{both, 2};
+    uint8_t* out = nullptr;
+    uint32_t out_length = 77;
+    EXPECT_EQ(-12, BuildKmParams(&set, &out, &out_length)) << stored << " " << length;
+    EXPECT_TRUE(out == nullptr && out_length == 77);
   };
   for (const auto& [stored, length] : kBad) check(-22, stored, length, &byte);
   for (const auto& [stored, length] : kNoRoom) check(-12, stored, length, &byte);
