@@ -32,11 +32,11 @@ static_assert(sizeof(unsigned long) == 8, "operation handles travel in an unsign
 // What TivasVerifyAuthorization returns. The caller sets parameters_verified (may be null) to a
 // set that is null with length 0; its content is filled, the pointer stays.
 struct TsVerificationToken {
-  uint64_t challenge;
-  uint64_t timestamp;  // milliseconds, of the TA's clock
-  keymaster_key_param_set_t* parameters_verified;
-  uint32_t security_level;
-  uint8_t mac[32];
+  uint64_t challenge;                              // as the TA returned it
+  uint64_t timestamp;                              // milliseconds, of the TA's clock
+  keymaster_key_param_set_t* parameters_verified;  // what the TA verified
+  uint32_t security_level;                         // a keymaster_security_level_t
+  uint8_t mac[32];                                 // the TA's
 };
 
 #if defined(__GNUC__)
@@ -47,6 +47,7 @@ struct TsVerificationToken {
 
 namespace keymaster {
 
+// KeymasterTivasContext serves the keymaster requests of a HAL service.
 class KEYMASTER41_TS_API KeymasterTivasContext {
  public:
   KeymasterTivasContext();
@@ -69,9 +70,11 @@ class KEYMASTER41_TS_API KeymasterTivasContext {
   // GetSystemVersion reads them back (0 before any SetSystemVersion). Writes nothing if either
   // pointer is null.
   void GetSystemVersion(unsigned int* os_version, unsigned int* os_patchlevel);
-  // The three requests that are answered without the TA; always 0.
+  // TivasKmAddRngEntropy is answered without the TA, as are the two below; always 0.
   int32_t TivasKmAddRngEntropy(const unsigned char* data, unsigned long length);
+  // TivasKmDeleteAllKeys deletes nothing; always 0.
   int32_t TivasKmDeleteAllKeys();
+  // TivasKmDestroyAttestationIds destroys nothing; always 0.
   int32_t TivasKmDestroyAttestationIds();
 
   // ---- Keys
@@ -192,7 +195,9 @@ class KEYMASTER41_TS_API KeymasterTivasContext {
                                    const keymaster_key_param_set_t* params_to_verify,
                                    const keymaster_blob_t* auth_token,
                                    TsVerificationToken* verification_token);
+  // TivasKmEarlyBootEnded tells the TA that early boot is over.
   int32_t TivasKmEarlyBootEnded();
+  // TivasKmDeviceLocked tells the TA that the device is locked, and whether to all but a password.
   int32_t TivasKmDeviceLocked(bool password_only);
   // TivasgetHmacSharingParameters fills both buffers, whose sizes are fixed between caller and TA.
   int32_t TivasgetHmacSharingParameters(unsigned char* hmac_out1, unsigned int hmac_out1_len,

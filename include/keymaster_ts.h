@@ -23,7 +23,7 @@ struct bignum_st;
 
 // One key parameter in wire form: tag (4 bytes), zero (4 bytes), value (8 bytes), little-endian.
 typedef struct KmParamEntry {
-  uint8_t bytes[16];
+  uint8_t bytes[16];  // as they travel
 } KmParamEntry;
 
 // A growable list of key parameters in wire form. The caller owns the record, the record its two
@@ -38,21 +38,24 @@ typedef struct KmParams {
 
 // One fault event. The texts need not be terminated when they fill their field.
 typedef struct CaDfxInfo {
-  uint32_t eventId;
-  int32_t cmdId;
-  int32_t errCode;
-  uint32_t errLine;
-  char errFunc[32];
-  char caInfo[32];
-  char extInfo[32];
+  uint32_t eventId;  // the event's number
+  int32_t cmdId;     // the TA command that failed
+  int32_t errCode;   // its result
+  uint32_t errLine;  // the line that failed
+  char errFunc[32];  // the function that failed
+  char caInfo[32];   // this library's text
+  char extInfo[32];  // the TA's text
 } CaDfxInfo;
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-// ---- Features: both always false.
+// ---- Features
+
+// IsGlobalVersion: always false.
 bool IsGlobalVersion(void);
+// SupportEnhanceKeymaster: always false.
 bool SupportEnhanceKeymaster(void);
 
 // ---- Key material
@@ -110,12 +113,14 @@ keymaster_error_t ParamsCheck(const keymaster_blob_t* input, const size_t* input
 // ---- TEE context
 
 // Ts_Initcontext makes the process-wide TEE context, replacing one that exists; on failure there
-// is none. Ts_Finishcontext finalises it, and says 0xFFFF0006 when there is none.
+// is none.
 uint32_t Ts_Initcontext(void);
+// Ts_Finishcontext finalises it, and says 0xFFFF0006 when there is none.
 uint32_t Ts_Finishcontext(void);
 
 // ---- TA commands: one command each, on a session of its own
 
+// TeeKmConfigure sends the system version to the TA.
 uint32_t TeeKmConfigure(uint32_t os_version, uint32_t os_patchlevel);
 // characteristics may be null; its length is required all the same and then comes back as 0.
 uint32_t TeeGenerateKey(const uint8_t* params, uint32_t params_len, uint8_t* key_blob,
@@ -134,8 +139,10 @@ uint32_t TeeImportKey(const uint8_t* params, uint32_t params_len, const uint8_t*
 // params may be null.
 uint32_t TeeExportKey(const uint8_t* params, uint32_t params_len, const uint8_t* key_material,
                       uint32_t key_material_size, uint8_t* out, uint32_t* out_len);
+// TeeAttestKey: out receives the certificate chain.
 uint32_t TeeAttestKey(const uint8_t* key_material, uint32_t key_material_size,
                       const uint8_t* params, uint32_t params_len, uint8_t* out, uint32_t* out_len);
+// TeeUpgrade: out receives the new key blob.
 uint32_t TeeUpgrade(const uint8_t* key_material, uint32_t key_material_size, const uint8_t* params,
                     uint32_t params_len, uint8_t* out, uint32_t* out_len);
 // params may be null. purpose is a keymaster_purpose_t.
@@ -151,18 +158,22 @@ uint32_t TeeUpdate(uint64_t op_handle, const uint8_t* params, uint32_t params_le
 uint32_t TeeFinish(uint64_t op_handle, const uint8_t* params, uint32_t params_len,
                    const uint8_t* input, uint32_t input_len, uint8_t* out_params,
                    uint32_t* out_params_len, uint8_t* output, uint32_t* output_len);
+// TeeAbort ends an operation.
 uint32_t TeeAbort(uint64_t op_handle);
+// TeeDeleteKey has the TA delete a key.
 uint32_t TeeDeleteKey(const uint8_t* key_material, uint32_t key_material_size);
 // params, input and input_len may be null. out_params_len comes back as at most 4096.
 uint32_t TeeVerifyAuthorization(const uint8_t* params, uint32_t params_len, const uint8_t* input,
                                 const uint32_t* input_len, uint8_t* out_params,
                                 uint32_t* out_params_len, uint8_t* token, uint64_t* token_len);
+// TeeEarlyBootEnded tells the TA that early boot is over.
 uint32_t TeeEarlyBootEnded(void);
 // password_only: 0 or 1.
 uint32_t TeeDeviceLocked(uint32_t password_only);
 // Both buffers receive output; the lengths produced are not returned.
 uint32_t TeegetHmacSharingParameters(uint8_t* hmac_out1, uint32_t hmac_out1_len, uint8_t* hmac_out2,
                                      uint32_t hmac_out2_len);
+// TeecomputeSharedHmac: sharing_check receives the check value.
 uint32_t TeecomputeSharedHmac(const uint8_t* sharing_params, uint32_t sharing_params_len,
                               uint8_t* sharing_check, uint32_t* sharing_check_len);
 // Opens and closes a session and sends no command.
