@@ -161,18 +161,42 @@ int32_t RawImport() { return Raw(4, {In(KeyWire()), In(kInput), Reply(4096), Rep
 int32_t RawBegin() { return Raw(8, {In(kKeyBytes), In(BeginWire()), Reply(4096), Value()}); }
 int32_t RawFinish() { return Raw(10, {In(UpdateWire()), In(kInput), Reply(4096), Reply(4096)}); }
 
-// What libcrypto does in an import of PKCS#8 by itself, and the raw command.
+bool WriteNumbers(std::initializer_list<const BIGNUM*> numbers) {
+  uint8_t out[512];
+  for (const BIGNUM* number : numbers) {
+    if (number == nullptr || BN_bn2bin(number, out) == 0) return false;
+  }
+  return true;
+}
+
+// What libcrypto does in an import of PKCS#8 by itself, from the DER to the key's integers as
+// bytes, and the raw command.
+bool ReadRsa(const EVP_PKEY* key) {
+  const RSA* rsa = EVP_PKEY_get0_RSA(key);
+  return rsa != nullptr &&
+         WriteNumbers({RSA_get0_n(rsa), RSA_get0_e(rsa), RSA_get0_p(rsa), RSA_get0_q(rsa),
+                       RSA_get0_dmp1(rsa), RSA_get0_dmq1(rsa), RSA_get0_iqmp(rsa)});
+}
+bool ReadEc(const EVP_PKEY* key) {
+  const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(key);
+  BIGNUM* x = BN_new();
+  BIGNUM* y = BN_new();
+  const bool read = EC_POINT_get_affine_coordinates_GFp(
+                        EC_KEY_get0_group(ec), EC_KEY_get0_public_key(ec), x, y, nullptr) == 1 &&
+                    WriteNumbers({x, y, EC_KEY_get0_private_key(ec)});
+  BN_free(x);
+  BN_free(y);
+  return read;
+}
 int32_t RawPkcs8Import(const Bytes& bytes) {
   const uint8_t* at = bytes.data();
   PKCS8_PRIV_KEY_INFO* info =
       d2i_PKCS8_PRIV_KEY_INFO(nullptr, &at, static_cast<long>(bytes.size()));
   EVP_PKEY* key = EVP_PKCS82PKEY(info);
   PKCS8_PRIV_KEY_INFO_free(info);
-  const bool is_rsa = EVP_PKEY_id(key) == EVP_PKEY_RSA;
-  const bool got =
-      is_rsa ? EVP_PKEY_get0_RSA(key) != nullptr : EVP_PKEY_get0_EC_KEY(key) != nullptr;
+  const bool read = EVP_PKEY_id(key) == EVP_PKEY_RSA ? ReadRsa(key) : ReadEc(key);
   EVP_PKEY_free(key);
-  return got ? RawImport() : -1;
+  return read ? RawImport() : -1;
 }
 
 int32_t RawExport() {
