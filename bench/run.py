@@ -10,7 +10,7 @@ import sys
 import tempfile
 import time
 
-REPETITIONS = 3
+REPETITIONS = 12
 
 
 def google_benchmark(program, *options, env=None):
