@@ -41,12 +41,10 @@ void FreeSequence(ASN1_SEQUENCE_ANY* sequence) { sk_ASN1_TYPE_pop_free(sequence,
 
 int64_t NumberAt(const Sequence& sequence, int index) {
   const ASN1_TYPE* element = sk_ASN1_TYPE_value(sequence.get(), index);
-  int64_t value = -1;
-  if (element->type == V_ASN1_INTEGER) ASN1_INTEGER_get_int64(&value, element->value.integer);
-  if (element->type == V_ASN1_ENUMERATED) {
-    ASN1_ENUMERATED_get_int64(&value, element->value.enumerated);
-  }
-  return value;
+  // Both flavours of libcrypto have these two; they return -1 for what does not fit.
+  if (element->type == V_ASN1_INTEGER) return ASN1_INTEGER_get(element->value.integer);
+  if (element->type == V_ASN1_ENUMERATED) return ASN1_ENUMERATED_get(element->value.enumerated);
+  return -1;
 }
 
 }  // namespace
