@@ -3,40 +3,12 @@
 #include <keymaster/android_keymaster_utils.h>
 #include <keymaster/authorization_set.h>
 #include <keymaster_tivas_context.h>
+#include <keymaster_ts.h>
 
 #include <utility>
 
 namespace test {
 namespace {
-
-// ---- Codes
-
-constexpr int32_t kMem = KM_ERROR_MEMORY_ALLOCATION_FAILED;
-constexpr int32_t kUnknown = KM_ERROR_UNKNOWN_ERROR;
-constexpr int32_t kFormat = KM_ERROR_UNSUPPORTED_KEY_FORMAT;
-constexpr int32_t kArgument = KM_ERROR_INVALID_ARGUMENT;
-constexpr int32_t kVerify = KM_ERROR_VERIFICATION_FAILED;
-constexpr int32_t kPurpose = KM_ERROR_INCOMPATIBLE_PURPOSE;
-constexpr int32_t kTee = static_cast<int32_t>(TEEC_ERROR_GENERIC);
-constexpr int32_t kTeeParams = static_cast<int32_t>(TEEC_ERROR_BAD_PARAMETERS);
-constexpr int32_t kTeeMem = static_cast<int32_t>(TEEC_ERROR_OUT_OF_MEMORY);
-
-// By what a request does beside sending commands: nothing, decode a reply, copy one, take data.
-const Codes kAlloc = {kMem, kTeeMem}, kClear = {kMem, kTee}, kCopy = {kMem, kUnknown};
-const Outcomes kSends = {{kTeeMem}, {}, {kTee}};
-const Outcomes kDecodes = {kAlloc, {kMem}, kClear, {}, {kMem}};
-const Outcomes kCopies = {kAlloc, kCopy, kClear, {}, kCopy};
-const Outcomes kProcesses = {kAlloc, {kMem, kUnknown, kTee}, kClear, {}, kCopy};
-const Outcomes kGenerates = {kAlloc, kCopy, kClear, kCopy, kCopy};
-const Outcomes kImports = {kAlloc, {kMem, kUnknown, kFormat}, kClear, {kFormat}, kCopy};
-const Outcomes kExports = {
-    {kMem, kTeeMem, kArgument}, {kMem}, kClear, {kArgument}, {kUnknown, kArgument}};
-const Outcomes kAttests = {kAlloc, kCopy, {kMem, kTee, kUnknown}, {}, kCopy};
-const Outcomes kVerifies = {kAlloc, kCopy, kClear, {}, {kMem, kUnknown, kVerify}};
-const Outcomes kShares = {kAlloc, {kUnknown}, {kTee}, {}, {kUnknown}};
-// An unwrapped key without bytes is refused by TeeImportKey.
-const Outcomes kUnwraps = {
-    kAlloc, kProcesses.copy, kClear, {}, {kMem, kUnknown, kArgument, kPurpose, kTeeParams}};
 
 // ---- Inputs
 
@@ -89,66 +61,65 @@ std::vector<Request> MakeRequests() {
   static const keymaster_blob_t client = Blob(f.ec_blob);
   static const char kNewKey[] = "k:ue h:ue s:ue", kProcessed[] = "p:e d:e";
   std::vector<Request> all;
-  const auto add = [&all](const char* name, const Outcomes& outcomes, const char* left,
+  const auto add = [&all](const char* name, const char* left,
                           std::function<int32_t(Outputs&)> run) {
-    all.push_back({name, outcomes, left, std::move(run)});
+    all.push_back({name, left, std::move(run)});
   };
-  const auto add_import = [&](const char* name, const Outcomes& outcomes,
-                              keymaster_key_format_t format, const Bytes& key) {
-    add(name, outcomes, kNewKey, [format, data = Blob(key)](Outputs& o) {
+  const auto add_import = [&](const char* name, keymaster_key_format_t format, const Bytes& key) {
+    add(name, kNewKey, [format, data = Blob(key)](Outputs& o) {
       return km.TivasKmImportKey(EcParams(), format, &data, &o.key, &o.traits);
     });
   };
   const auto add_export = [&](const char* name, const Bytes& key) {
-    add(name, kExports, "d:e", [&key](Outputs& o) {
+    add(name, "d:e", [&key](Outputs& o) {
       return km.TivasKmExportKey(KM_KEY_FORMAT_X509, Key(key), &client, &client, &o.data);
     });
   };
   const auto add_finish = [&](const char* name, size_t length) {
-    add(name, kProcesses, kProcessed, [input = LongInput(length)](Outputs& o) {
+    add(name, kProcessed, [input = LongInput(length)](Outputs& o) {
       return km.TivasKmFinishNew(7, OperationParams(), &input, &input, &o.params, &o.data);
     });
   };
 
-  add("Initialize", kSends, "",
+  add("Initialize", "",
       [](Outputs&) { return km.Initialize(keymaster::KmVersion::KEYMASTER_4_1); });
-  add("GenerateEc", kCopies, kNewKey,
+  add("GenerateEc", kNewKey,
       [](Outputs& o) { return km.TivasKmGenerateKey(EcParams(), &o.key, &o.traits); });
-  add("GenerateRsa", kGenerates, kNewKey,
+  add("GenerateRsa", kNewKey,
       [](Outputs& o) { return km.TivasKmGenerateKey(RsaParams(), &o.key, &o.traits); });
-  add_import("ImportRaw", kCopies, KM_KEY_FORMAT_RAW, f.mask);
-  add_import("ImportRsa", kImports, KM_KEY_FORMAT_PKCS8, f.rsa_pkcs8);
-  add_import("ImportEc", kImports, KM_KEY_FORMAT_PKCS8, f.ec_pkcs8);
+  add_import("ImportRaw", KM_KEY_FORMAT_RAW, f.mask);
+  add_import("ImportRsa", KM_KEY_FORMAT_PKCS8, f.rsa_pkcs8);
+  add_import("ImportEc", KM_KEY_FORMAT_PKCS8, f.ec_pkcs8);
   add_export("ExportRsa", f.blob);
   add_export("ExportEc", f.ec_blob);
-  add("GetKeyCharacteristics", kDecodes, "h:ue s:ue", [](Outputs& o) {
+  add("GetKeyCharacteristics", "h:ue s:ue", [](Outputs& o) {
     return km.TivasKmGetKeyCharacteristics(Key(f.blob), &client, &client, &o.traits);
   });
-  add("UpgradeKey", kCopies, "",
+  add("UpgradeKey", "",
       [](Outputs& o) { return km.TivasKmUpgradeKey(Key(f.blob), OperationParams(), &o.key); });
-  add("Deletekey", kSends, "", [](Outputs&) { return km.TivasKmDeletekey(Key(f.blob)); });
-  add("AttestKey", kAttests, "c:ue",
+  add("Deletekey", "", [](Outputs&) { return km.TivasKmDeletekey(Key(f.blob)); });
+  add("AttestKey", "c:ue",
       [](Outputs& o) { return km.TivasKmAttestKey(Key(f.blob), OperationParams(), &o.chain); });
-  add("Begin", kDecodes, "p:e", [](Outputs& o) {
+  add("Begin", "p:e", [](Outputs& o) {
     return km.TivasKmBegin(KM_PURPOSE_ENCRYPT, Key(f.blob), OperationParams(), &o.params,
                            &o.number[0]);
   });
-  add("Update", kProcesses, kProcessed, [](Outputs& o) {
+  add("Update", kProcessed, [](Outputs& o) {
     const keymaster_blob_t input = LongInput(0x80000 + 1);
     return km.TivasKmUpdate(7, OperationParams(), &input, &o.number[0], &o.params, &o.data);
   });
-  add("UpdateAssociatedData", kProcesses, kProcessed, [](Outputs& o) {
+  add("UpdateAssociatedData", kProcessed, [](Outputs& o) {
     return km.TivasKmUpdate(7, OperationParams(), nullptr, nullptr, &o.params, &o.data);
   });
   add_finish("FinishNew", 40);
   add_finish("FinishLarge", 4100);
-  add("Abort", kSends, "", [](Outputs&) { return km.TivasKmAbort(7); });
-  add("ImportWrappedKey", kUnwraps, kNewKey, [](Outputs& o) {
+  add("Abort", "", [](Outputs&) { return km.TivasKmAbort(7); });
+  add("ImportWrappedKey", kNewKey, [](Outputs& o) {
     const keymaster_key_blob_t wrapper = KeyBlob(f.wrapper), mask = KeyBlob(f.mask);
     return km.TivasKmImportWrappedKeyNew(&wrapper, Key(f.blob), &mask, &g_none, 1, 2, &o.key,
                                          &o.traits);
   });
-  add("UnwrappedKey", kUnwraps, "d:e", [](Outputs& o) {
+  add("UnwrappedKey", "d:e", [](Outputs& o) {
     const HeldKey wrapper(f.wrapper);
     keymaster_key_blob_t mask = KeyBlob(f.mask);
     keymaster::AuthorizationSet list;
@@ -156,18 +127,18 @@ std::vector<Request> MakeRequests() {
     o.data = {};
     return km.TivasKmUnwrappedKey(&wrapper, Key(f.blob), &g_none, &mask, &list, &format, &o.data);
   });
-  add("DecryptTransitKeyMaterial", kProcesses, "d:e", [](Outputs& o) {
+  add("DecryptTransitKeyMaterial", "d:e", [](Outputs& o) {
     HeldKey transit(Ramp(1, 256));
     o.data = {};
     return km.DecryptTransitKeyMaterial(Key(f.blob), &g_none, &transit, &o.data);
   });
-  add("WrappedKeyAesGcmDecrypt", kProcesses, "d:ue", [](Outputs& o) {
+  add("WrappedKeyAesGcmDecrypt", "d:ue", [](Outputs& o) {
     keymaster_blob_t transit = Blob(f.transit);
     HeldBytes iv(Ramp(3, 12)), description(Ramp(4, 20));
     HeldKey payload(Ramp(2, 48));
     return km.WrappedKeyAesGcmDecrypt(&transit, &iv, &description, &payload, &o.data);
   });
-  add("VerifyAuthorization", kVerifies, "p:ew", [](Outputs& o) {
+  add("VerifyAuthorization", "p:ew", [](Outputs& o) {
     const keymaster_blob_t token = Blob(f.wrapper);
     o.params = {};
     TsVerificationToken out{kUntouched, kUntouched, &o.params, 0, {}};
@@ -178,16 +149,18 @@ std::vector<Request> MakeRequests() {
     if (out.mac[31] != 0) o.number[2] = out.mac[31];
     return result;
   });
-  add("EarlyBootEnded", kSends, "", [](Outputs&) { return km.TivasKmEarlyBootEnded(); });
-  add("DeviceLocked", kSends, "", [](Outputs&) { return km.TivasKmDeviceLocked(true); });
-  add("GetHmacSharingParameters", kSends, "", [](Outputs&) {
+  add("EarlyBootEnded", "", [](Outputs&) { return km.TivasKmEarlyBootEnded(); });
+  add("DeviceLocked", "", [](Outputs&) { return km.TivasKmDeviceLocked(true); });
+  add("GetHmacSharingParameters", "", [](Outputs&) {
     uint8_t a[32], b[32];
     return km.TivasgetHmacSharingParameters(a, 32, b, 32);
   });
-  add("ComputeSharedHmac", kShares, "d:e", [](Outputs& o) {
+  add("ComputeSharedHmac", "d:e", [](Outputs& o) {
     uint8_t in[9] = {};
     return km.TivascomputeSharedHmac(in, sizeof(in), &o.data);
   });
+  add("DestroyAttestationIds", "",
+      [](Outputs&) { return static_cast<int32_t>(TeeDestroyAttestationIds()); });
   return all;
 }
 

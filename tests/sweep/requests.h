@@ -1,11 +1,10 @@
-// Every request of the library as one row of a table: how it is made, and what may come of it
-// when something fails. A scripted TA, whose answers can be bent, serves them all.
+// Every request of the library as one row of a table: how it is made, and what a failure may leave
+// of its outputs. A scripted TA, whose answers can be bent, serves them all.
 #ifndef TESTS_SWEEP_REQUESTS_H
 #define TESTS_SWEEP_REQUESTS_H
 
 #include <functional>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -37,15 +36,8 @@ struct Outputs {
 using State = std::map<char, std::string>;
 // ---- Requests
 
-// What a request may return, by what fails.
-using Codes = std::set<int32_t>;
-struct Outcomes {
-  Codes allocation, copy, clear, crypto{}, reply{}, event{};
-  Codes tee = {static_cast<int32_t>(kInjectedTeeError)};
-};
 struct Request {
   std::string name;
-  Outcomes outcomes;
   // Of each output that a failure may leave other than untouched: its letter, ':' and the states.
   std::string left;
   std::function<int32_t(Outputs&)> run;
