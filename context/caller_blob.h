@@ -28,7 +28,8 @@ int32_t CopyReply(keymaster_key_blob_t* key_blob, uint32_t length, const uint8_t
 int32_t CopyKeyBlob(keymaster_key_blob_t* key_blob, uint32_t length, const uint8_t* reply);
 
 // DecodeCharacteristics decodes a reply into characteristics. False for one that does not decode
-// or whose reported length is beyond its buffer; characteristics is then empty.
+// or whose reported length is beyond its buffer; characteristics is then empty, but for a reply of
+// 3 bytes or fewer, which leaves it untouched.
 bool DecodeCharacteristics(ReplyBuffer* reply, keymaster_key_characteristics_t* characteristics);
 
 // FillKeyCharacteristics decodes a reply into characteristics (may be null: then nothing is done)

@@ -56,6 +56,7 @@ int32_t KeymasterTivasContext::TivasKmGetKeyCharacteristics(
     return static_cast<int32_t>(tee_result);
   }
   if (!DecodeCharacteristics(&reply, characteristics)) {
+    *characteristics = keymaster_key_characteristics_t{};
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   KM_LOGI("KmGetKeyCharacteristics success");

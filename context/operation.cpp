@@ -1,5 +1,7 @@
 // Cryptographic operations, whose state lives in the TA: begin, update, abort.
 
+#include <algorithm>
+
 #include "context/operation_outputs.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
@@ -65,7 +67,7 @@ class UpdateOutput {
   explicit UpdateOutput(uint32_t capacity) : bytes_(AllocateBytes(capacity)) {}
   ~UpdateOutput() {
     if (bytes_ != nullptr) {
-      OPENSSL_cleanse(bytes_.get(), offered_end_);
+      OPENSSL_cleanse(bytes_.get(), touched_end_);
     }
   }
 
@@ -73,6 +75,7 @@ class UpdateOutput {
   // Where a piece may write up to size bytes.
   uint8_t* Offer(uint32_t size) {
     offered_end_ = produced_ + size;
+    touched_end_ = std::max(touched_end_, offered_end_);
     return bytes_.get() + produced_;
   }
   // Counts what the piece produced; false when it reports more than it was offered.
@@ -84,7 +87,9 @@ class UpdateOutput {
     return true;
   }
   uint32_t produced() const { return produced_; }
+  // Gives away what was produced, and wipes what was written without being reported.
   void GiveTo(keymaster_blob_t* output) {
+    OPENSSL_cleanse(bytes_.get() + produced_, touched_end_ - produced_);
     output->data = bytes_.release();
     output->data_length = produced_;
   }
@@ -93,6 +98,7 @@ class UpdateOutput {
   MallocBuffer bytes_;
   uint32_t produced_ = 0;
   uint32_t offered_end_ = 0;
+  uint32_t touched_end_ = 0;  // of all offers: what may hold output
 };
 
 // Sends input in pieces. params_reply holds the last piece's output parameters.

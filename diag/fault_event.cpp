@@ -59,15 +59,14 @@ class Event {
   void* const object_;
 };
 
-// A 32-bit little-endian field of the record; one beyond its end is 0, as in the zero-filled
+// A 32-bit little-endian field of the record; bytes beyond its end are 0, as in the zero-filled
 // buffer that the TA writes it into.
 uint32_t RecordField(const uint8_t* record, uint32_t length, uint32_t offset) {
-  if (length < offset + 4) {
-    return 0;
+  uint32_t value = 0;
+  for (uint32_t i = 0; i < 4 && offset + i < length; ++i) {
+    value |= static_cast<uint32_t>(record[offset + i]) << (8 * i);
   }
-  return static_cast<uint32_t>(record[offset]) | static_cast<uint32_t>(record[offset + 1]) << 8 |
-         static_cast<uint32_t>(record[offset + 2]) << 16 |
-         static_cast<uint32_t>(record[offset + 3]) << 24;
+  return value;
 }
 
 bool ReadErrorRecord(const uint8_t* record, uint32_t length, CaDfxInfo* event) {
@@ -92,10 +91,15 @@ bool ReadErrorRecord(const uint8_t* record, uint32_t length, CaDfxInfo* event) {
   return true;
 }
 
-bool SetTaErrorParams(Event* event, const CaDfxInfo& info) {
-  const EventText function(info.errFunc);
-  const EventText ta_info(info.extInfo);
-  const EventText ca_info(info.caInfo);
+// The texts of a TA error event. They outlive the event object, which may refer to them until it
+// is destroyed.
+struct TaErrorTexts {
+  explicit TaErrorTexts(const CaDfxInfo& info)
+      : function(info.errFunc), ta_info(info.extInfo), ca_info(info.caInfo) {}
+  const EventText function, ta_info, ca_info;
+};
+
+bool SetTaErrorParams(Event* event, const CaDfxInfo& info, const TaErrorTexts& texts) {
   if (!event->SetInteger("RET", info.errCode)) {
     EVENT_LOGE("set errCode failed! errCode = %d", info.errCode);
     return false;
@@ -108,16 +112,16 @@ bool SetTaErrorParams(Event* event, const CaDfxInfo& info) {
     EVENT_LOGE("set errLine failed! errLine = %u", info.errLine);
     return false;
   }
-  if (!event->SetText("FUNC", function)) {
-    EVENT_LOGE("set errFunc failed! errFunc = %s", function.text);
+  if (!event->SetText("FUNC", texts.function)) {
+    EVENT_LOGE("set errFunc failed! errFunc = %s", texts.function.text);
     return false;
   }
-  if (!event->SetText("TAINFO", ta_info)) {
-    EVENT_LOGE("set extInfo failed! extInfo = %s", ta_info.text);
+  if (!event->SetText("TAINFO", texts.ta_info)) {
+    EVENT_LOGE("set extInfo failed! extInfo = %s", texts.ta_info.text);
     return false;
   }
-  if (!event->SetText("CAINFO", ca_info)) {
-    EVENT_LOGE("set caInfo failed! caInfo = %s", ca_info.text);
+  if (!event->SetText("CAINFO", texts.ca_info)) {
+    EVENT_LOGE("set caInfo failed! caInfo = %s", texts.ca_info.text);
     return false;
   }
   return true;
@@ -142,12 +146,13 @@ int ReportDfxServer(const CaDfxInfo* info) {
     EVENT_LOGE("reportDfxServerc info is NULL");
     return -1;
   }
+  const TaErrorTexts texts(*info);
   Event event(info->eventId);
   if (!event.created()) {
     EVENT_LOGE("create EVENT:%d failed", static_cast<int>(info->eventId));
     return -1;
   }
-  if (!SetTaErrorParams(&event, *info)) {
+  if (!SetTaErrorParams(&event, *info, texts)) {
     EVENT_LOGE("setTaDfxInfo failed!");
     return -1;
   }
@@ -191,18 +196,20 @@ void QavixKeyMaster(const uint32_t* call, const uint8_t* info, uint32_t info_len
 }
 
 void TeeosLogExceptionArchive(void* /*arg*/) {
-  Event event(kTeeLogArchiveEvent);
-  if (!event.created()) {
-    ARCHIVE_LOGE("create teeos eventobj failed\n");
-    return;
-  }
-  if (!event.SetFirst("teeos")) {
-    ARCHIVE_LOGE("qavix_set_param failed\n");
-    return;
-  }
-  if (event.Send() < 0) {
-    ARCHIVE_LOGE("qavix send event failed\n");
-    return;
+  {
+    Event event(kTeeLogArchiveEvent);
+    if (!event.created()) {
+      ARCHIVE_LOGE("create teeos eventobj failed\n");
+      return;
+    }
+    if (!event.SetFirst("teeos")) {
+      ARCHIVE_LOGE("qavix_set_param failed\n");
+      return;
+    }
+    if (event.Send() < 0) {
+      ARCHIVE_LOGE("qavix send event failed\n");
+      return;
+    }
   }
   ARCHIVE_LOGE("teeos log is uploaded!\n");
 }

@@ -1,6 +1,7 @@
 // The smaller inputs of operation and authorization requests.
 
 #include <errno.h>
+#include <openssl/crypto.h>
 #include <securec.h>
 
 #include <initializer_list>
@@ -21,6 +22,8 @@ constexpr uint32_t kItemHeader = 1 + sizeof(uint32_t);
 // The place of authenticator_type in an auth token: behind the version byte and three 64-bit ids.
 constexpr size_t kAuthenticatorTypeAt = 25;
 constexpr size_t kAuthenticatorTypeEnd = kAuthenticatorTypeAt + sizeof(uint32_t);
+constexpr uint32_t kPasswordAuthenticator = 1;
+constexpr uint32_t kBiometricAuthenticator = 2;
 
 // The bytes an item carries: none for a missing blob or one without data.
 size_t ItemLength(const keymaster_blob_t* blob) {
@@ -68,6 +71,7 @@ int32_t BuildFinalInput(const keymaster_blob_t* input, const keymaster_blob_t* s
   size_t position = 0;
   if (!WriteItem(kInputMarker, input, buffer.get(), size, &position) ||
       !WriteItem(kSignatureMarker, signature, buffer.get(), size, &position)) {
+    OPENSSL_cleanse(buffer.get(), position);  // the data may be secret
     return -ENOMEM;
   }
   final_input->data = buffer.release();
@@ -119,9 +123,9 @@ void UpdateParamsForSecureid(keymaster_key_param_set_t* params, uint64_t passwor
     return;
   }
   const uint32_t type = GetU32(token->blob.data + kAuthenticatorTypeAt);
-  if (type == HW_AUTH_PASSWORD) {
+  if (type == kPasswordAuthenticator) {
     secure_id->long_integer = password_sid;
-  } else if (type == HW_AUTH_FINGERPRINT) {
+  } else if (type == kBiometricAuthenticator) {
     secure_id->long_integer = biometric_sid;
   }
 }

@@ -177,8 +177,13 @@ bool WriteLists(const KmParams& first, KmParams* second, BufferWriter* writer) {
   if (first.data_len != 0) {
     RebaseOffsets(second, first.data_len);
   }
-  return writer->Write(second->params, EntryBytes(*second)) &&
-         writer->Write(first.data, first.data_len) && writer->Write(second->data, second->data_len);
+  const bool written = writer->Write(second->params, EntryBytes(*second)) &&
+                       writer->Write(first.data, first.data_len) &&
+                       writer->Write(second->data, second->data_len);
+  if (!written) {
+    RebaseOffsets(second, 0 - first.data_len);  // back, since nothing was serialised
+  }
+  return written;
 }
 
 bool ClearRecord(KmParams* record) {

@@ -33,6 +33,9 @@ TEST_F(KeyBlobRequest, Characteristics) {
   EXPECT_EQ("-32", run(nullptr, nullptr, nullptr, false));
   EXPECT_EQ("-32", run(nullptr, nullptr, &kHollowKey));
   EXPECT_EQ("-27", run(&kHollowBlob, nullptr, &kKeyBlob, false));
+  Answer(3, Reply::Ok().Out(2, Bytes(3)));
+  EXPECT_EQ("-41 [3] traits=empty|empty: E key_character_len too small, len=3",
+            run(nullptr, nullptr));
   Answer(3, Reply::Ok().Out(2, Bytes(4)));
   EXPECT_EQ("-41 [3] traits=empty|empty: E 2 invalid key character size, 4-4",
             run(nullptr, nullptr));

@@ -48,6 +48,8 @@ TEST_F(FaultEvent, CarriesTheRecordOrTheTeeResult) {
       {2, 7, ErrorRecord(1, 2, 8, Text("gen")), "3808d171 RET=1 CMD_ID=2 LINE=2 FUNC=gen"},
       {2, 7, Cat({Le32(1), Le32(2)}), "3808d171 RET=1 CMD_ID=2 LINE=2 FUNC="},
       {2, 7, Le32(9), "3808d171 RET=9 CMD_ID=2 LINE=0 FUNC="},
+      {2, 7, {9, 1}, "3808d171 RET=265 CMD_ID=2 LINE=0 FUNC="},
+      {2, 7, {1, 0, 0, 0, 1, 2, 3}, "3808d171 RET=1 CMD_ID=2 LINE=197121 FUNC="},
   };
   for (const auto& c : cases) {
     Report(c.command, c.result, c.record);
@@ -178,6 +180,8 @@ TEST_F(FaultEvent, WatchdogCallbackArchivesTheTeeLog) {
     FailCall(c.call, c.nth);
     TeeosLogExceptionArchive(nullptr);
     EXPECT_EQ(Lines{std::string("E KeyMaster: ") + c.log}, Log());
+    EXPECT_EQ(c.nth == 0 || c.call == Call::kCreateEvent ? 0u : 1u,
+              platform().log.back().live_events);
     EXPECT_EQ(c.events, Events());
   }
 }

@@ -207,6 +207,16 @@ TEST_F(Serialise, AFailedStepLeavesTheEntriesAsTheyWere) {
       EXPECT_EQ(0, record.Add({kBytesTag, Ramp(7, 3)}));
     }
   }
+  const Record first({{kBytesTag, Ramp(1, 7)}});
+  Record second({{kBytesTag, Ramp(1, 3)}, {kBytesTag, Ramp(1, 5)}});
+  const Bytes before = second.Content();
+  for (int nth = 1; nth <= 6; ++nth) {
+    uint8_t* out = nullptr;
+    uint32_t length = 0;
+    FailCall(Call::kMemcpyS, nth);
+    EXPECT_EQ(-12, SerializeKmParams(&first, &second, &out, &length)) << nth;
+    EXPECT_EQ(before, second.Content()) << nth;
+  }
   // A set whose second list needs slots and bytes of its own.
   ParamSet set({{KM_TAG_ALGORITHM, 1}, {kBytesTag, Ramp(1, 9)}});
   for (uint32_t i = 0; i < 17; ++i) set.Add({0x30000321, i});

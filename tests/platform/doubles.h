@@ -89,12 +89,15 @@ struct LogLine {
   int level = 0;
   std::optional<std::string> tag;
   std::string format, text;
+  size_t live_events = 0;  // that were not destroyed yet
 };
 
 struct Event {
   unsigned id = 0;
   std::string params;  // in the order set: "RET=7 CMD_ID=4 "; a parameter by number is "#0="
   bool sent = false, destroyed = false;
+  // What texts were set, and where they stood: an event library need not copy them before it sends.
+  std::vector<std::pair<const char*, std::string>> texts;
 };
 
 using Handler = std::function<Reply(const Invocation&)>;

@@ -40,7 +40,9 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
   const int length = vsnprintf(text, sizeof(text), format, args);
   va_end(args);
   const auto lock = Note();
-  platform().log.push_back({priority, std::nullopt, format, text});
+  size_t live_events = 0;
+  for (const Event& event : platform().events) live_events += event.destroyed ? 0 : 1;
+  platform().log.push_back({priority, std::nullopt, format, text, live_events});
   if (tag != nullptr) platform().log.back().tag = tag;
   return length;
 }
@@ -77,7 +79,7 @@ int zubrel_end(int id) {
 void* qavix_create_eventobj(unsigned id) {
   const auto lock = Note();
   if (TakeFault(Call::kCreateEvent)) return nullptr;
-  platform().events.push_back({id, "", false, false});
+  platform().events.push_back({id, "", false, false, {}});
   return &platform().events.back();
 }
 
@@ -85,6 +87,9 @@ int qavix_send_event(void* event) {
   const auto lock = Note();
   if (TakeFault(Call::kSendEvent)) return -5;
   platform().journal.push_back("event");
+  for (const auto& [at, text] : Live(event)->texts) {
+    if (text != at) platform().problems.push_back("text gone before the event was sent: " + text);
+  }
   Live(event)->sent = true;
   return 0;
 }
@@ -99,7 +104,9 @@ int qavix_set_param_integer_v2(void* event, const char* name, long value) {
 }
 
 int qavix_set_param_string_v2(void* event, const char* name, const char* value) {
-  return SetParam(Call::kSetString, event, name, value);
+  const int result = SetParam(Call::kSetString, event, name, value);
+  if (result == 0) Live(event)->texts.emplace_back(value, value);
+  return result;
 }
 
 int qavix_set_param(void* event, unsigned short index, const void* value) {

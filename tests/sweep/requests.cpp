@@ -39,9 +39,10 @@ keymaster_key_blob_t* Key(const Bytes& bytes) {
   return &key;
 }
 
-keymaster_blob_t LongInput(size_t length) {
-  static const Bytes input = Ramp(0, 0x80000 + 1);
-  return {input.data(), length};
+// The last part of a long input begins with the fixture's.
+const Bytes& LongInput() {
+  static const Bytes input = Cat({Ramp(0, 68), fixture().input, Ramp(0, 0x80000 - 99)});
+  return input;
 }
 
 // A blob of the kinds that own their bytes.
@@ -75,8 +76,8 @@ std::vector<Request> MakeRequests() {
       return km.TivasKmExportKey(KM_KEY_FORMAT_X509, Key(key), &client, &client, &o.data);
     });
   };
-  const auto add_finish = [&](const char* name, size_t length) {
-    add(name, kProcessed, [input = LongInput(length)](Outputs& o) {
+  const auto add_finish = [&](const char* name, const uint8_t* bytes, size_t length) {
+    add(name, kProcessed, [input = keymaster_blob_t{bytes, length}](Outputs& o) {
       return km.TivasKmFinishNew(7, OperationParams(), &input, &input, &o.params, &o.data);
     });
   };
@@ -105,14 +106,14 @@ std::vector<Request> MakeRequests() {
                            &o.number[0]);
   });
   add("Update", kProcessed, [](Outputs& o) {
-    const keymaster_blob_t input = LongInput(0x80000 + 1);
+    const keymaster_blob_t input = Blob(LongInput());
     return km.TivasKmUpdate(7, OperationParams(), &input, &o.number[0], &o.params, &o.data);
   });
   add("UpdateAssociatedData", kProcessed, [](Outputs& o) {
     return km.TivasKmUpdate(7, OperationParams(), nullptr, nullptr, &o.params, &o.data);
   });
-  add_finish("FinishNew", 40);
-  add_finish("FinishLarge", 4100);
+  add_finish("FinishNew", f.input.data(), f.input.size());
+  add_finish("FinishLarge", LongInput().data(), 4100);
   add("Abort", "", [](Outputs&) { return km.TivasKmAbort(7); });
   add("ImportWrappedKey", kNewKey, [](Outputs& o) {
     const keymaster_key_blob_t wrapper = KeyBlob(f.wrapper), mask = KeyBlob(f.mask);

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,7 @@ struct Request {
   std::function<int32_t(Outputs&)> run;
 };
 const std::vector<Request>& Requests();
+inline void PrintTo(const Request& request, std::ostream* out) { *out << request.name; }
 // Perform makes a request and releases its outputs. The state has the result, too, as 'r'.
 State Perform(const Request& request);
 
@@ -51,7 +53,7 @@ State Perform(const Request& request);
 // What the requests and the TA that serves them both know.
 struct Fixture {
   std::map<std::string, Bytes> secrets;  // by label
-  Bytes rsa_pkcs8, ec_pkcs8, mask, transit, wrapper, blob, ec_blob;
+  Bytes rsa_pkcs8, ec_pkcs8, input, mask, transit, wrapper, blob, ec_blob;
   std::map<uint32_t, std::map<int, Bytes>> answers;  // what a command's answer writes where
   std::map<int, Bytes> ec_public, transit_finish;    // answers of commands 5 and 10, too
 };

@@ -90,6 +90,8 @@ Fixture MakeFixture() {
   f.transit = masked;
   f.mask = Noise(2, 32);
   for (size_t i = 0; i < f.mask.size(); ++i) f.transit[i] ^= f.mask[i];
+  f.input = Noise(5, 32);
+  f.secrets["finish input"] = f.input;
   f.secrets["masked transit key"] = masked;
   f.secrets["transit key"] = f.transit;
   f.secrets["finish output, unwrapped key"] = unwrapped;

@@ -3,6 +3,7 @@
 // have, its outputs are in order, nothing leaks, no secret is left behind, and the next request
 // is served.
 #include <gtest/gtest.h>
+#include <keymaster_tivas_context.h>
 #include <keymaster_ts.h>
 
 #include "tests/platform/keymaster_test.h"
@@ -189,6 +190,27 @@ TEST_P(Sweep, RepliesAreCutBentAndMismeasured) {
   const auto answers = ta().answers;
   for (size_t i = 0; i < answers.size(); ++i) BendAnswer(i, answers[i], {"reply"});
   ExpectServesNext();
+}
+
+// A TA may write more than it reports.
+TEST_F(KeymasterTest, UnreportedOutputIsWiped) {
+  HookLibrary();
+  keymaster::KeymasterTivasContext km;
+  const Bytes secret = fixture().transit, input(0x80001);
+  WatchFor("unreported", secret);
+  const keymaster_blob_t all = Blob(input), some = {input.data(), 4096};
+  keymaster_blob_t output{};
+  unsigned long consumed = 0;
+  platform().Queue(9, Reply::Ok().Out(3, Cat({Bytes(16), secret})).Size(3, 0));
+  platform().Queue(9, Reply::Fail(kTaError));
+  EXPECT_EQ(static_cast<int32_t>(kTaError),
+            km.TivasKmUpdate(7, nullptr, &all, &consumed, nullptr, &output));
+  platform().Queue(9, Reply::Ok().Out(3, Cat({Bytes(16), secret})).Size(3, 1));
+  platform().Queue(10, Reply::Ok());
+  EXPECT_EQ(0, km.TivasKmFinishNew(7, nullptr, &some, nullptr, nullptr, &output));
+  ReleaseOutput(output.data);
+  EXPECT_EQ(Lines(), Unwiped());
+  ForgetSecrets();
 }
 
 // Comes last of a request's tests, so that nothing is documented that was not seen.
