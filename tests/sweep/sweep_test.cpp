@@ -6,6 +6,8 @@
 #include <keymaster_tivas_context.h>
 #include <keymaster_ts.h>
 
+#include <iostream>
+
 #include "tests/platform/keymaster_test.h"
 #include "tests/sweep/failures.h"
 #include "tests/sweep/library_hooks.h"
@@ -31,9 +33,8 @@ const std::vector<FailingCall>& FailingCalls() {
     std::vector<FailingCall> all = {{"crypto", FailCrypto, CryptoCount}};
     for (size_t i = 0; i < std::size(kKinds); ++i) {
       const Call call = static_cast<Call>(i);
-      all.push_back(
-          {kKinds[i], [call](int nth, bool and_later) { FailCall(call, nth, and_later); },
-           [call] { return CallCount(call); }});
+      all.push_back({kKinds[i], [call](int nth, bool and_later) { FailCall(call, nth, and_later); },
+                     [call] { return CallCount(call); }});
     }
     return all;
   }();
@@ -118,6 +119,7 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
         const bool hit = call.count() >= nth;
         call.fail(0, false);
         if (!hit) break;
+        ++Counts()[call.kind];
         ExpectOutcome(result, kinds);
         const int failing = std::exchange(ta().failing, -1);
         ExpectServesNext();
@@ -132,6 +134,7 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
   void Bend(size_t answer, const Kinds& kinds, const std::string& how,
             const std::function<void(Reply*)>& bend) {
     SCOPED_TRACE(how);
+    ++Counts()["bent reply"];
     ta().bent = static_cast<int>(answer);
     ta().bend = bend;
     ExpectOutcome(RunTidily(), kinds);
@@ -162,6 +165,12 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
              [index = index, size](Reply* reply) { reply->Size(index, size); });
       }
     }
+  }
+
+  // How much of what failed, in all tests of the request.
+  static std::map<std::string, int>& Counts() {
+    static std::map<std::string, std::map<std::string, int>> counts;
+    return counts[GetParam().name];
   }
 
   State baseline_;
@@ -220,6 +229,9 @@ TEST_P(Sweep, WhatIsDocumentedWasSeen) {
     GTEST_SKIP() << "needs all tests";
   }
   EXPECT_EQ(Lines(), NeverSeen(GetParam().name));
+  std::cout << GetParam().name << ":";
+  for (const auto& [kind, count] : Counts()) std::cout << " " << kind << " " << count;
+  std::cout << "\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(Requests, Sweep, ::testing::ValuesIn(Requests()),
