@@ -150,26 +150,6 @@ TEST_F(WrappedImport, SecureIdFollowsTheAuthToken) {
   }
 }
 
-TEST_F(WrappedImport, EveryStepMayFail) {
-  const std::string kFailed = " failed, error ffff0009; ",
-                    kUnwrap = "E KmUnwrappedKey failed, ret ffff0009",
-                    kRsa = kFailed + "E TransitKeyRsaDecrypt is invalid; " + kUnwrap,
-                    kGcm = kFailed + "E! WrappedKeyAesGcmDecrypt is invalid; " + kUnwrap;
-  const std::string kOutcomes[] = {"3]: E! KmGetKeyCharacteristics" + kFailed + kUnwrap,
-                                   "3 8 66]: E! KmBegin" + kRsa,
-                                   "3 8 10]: E! KmFinish" + kRsa,
-                                   "3 8 10 4 66]: E! KmImportKey" + kGcm,
-                                   "3 8 10 4 8 66]: E! KmBegin" + kGcm,
-                                   "3 8 10 4 8 10]: E! KmFinish" + kGcm,
-                                   "3 8 10 4 8 10 4 66]: E KmImportKey failed, ret ffff0009"};
-  for (size_t i = 0; i < 7; ++i) {
-    const Reply good = replies[i];
-    replies[i] = TaFails();
-    EXPECT_EQ("ffff0009 [" + kOutcomes[i], Run(wrapper, i == 0 ? 2 : i == 6 ? 1 : 3));
-    replies[i] = good;
-  }
-}
-
 TEST_F(WrappedImport, RefusesBadWrappersAndArguments) {
   for (const Bytes& bad :
        {Text("not DER"), Bytes(wrapper.begin(), wrapper.end() - 1), Cat({wrapper, {0}})}) {

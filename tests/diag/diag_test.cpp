@@ -89,8 +89,6 @@ TEST_F(FaultEvent, IsDroppedOrGoesOnWhenAStepFails) {
     Lines then;  // the lines that follow
     std::string event;
   } cases[] = {
-      {Call::kMemsetS, 1, "I -: QavixPvod memset_s CaDfxInfo failed !!!", {}, ""},
-      {Call::kMemcpyS, 1, "E -: memcpy_s errFunc faild", bad_record, ""},
       {Call::kMemcpyS, 2, "E -: memcpy_s taInfo faild", {kSent}, whole + " sent"},
       {Call::kCreateEvent, 1, "E -: create EVENT:940102001 failed", not_sent, ""},
       {Call::kSetInteger, 1, "E -: set errCode failed! errCode = 7", not_set, dropped("RET")},

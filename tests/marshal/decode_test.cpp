@@ -173,13 +173,5 @@ TEST_F(Decode, RefusesBytesOutsideTheBlobArea) {
   for (const auto& [offset, length] : kOutside) check(offset, length, "-12");
 }
 
-TEST_F(Decode, OnlyTheFirstArraysFailureIsLogged) {
-  for (const int nth : {1, 2, 3}) {
-    FailCall(Call::kMalloc, nth);
-    EXPECT_EQ(nth == 1 ? std::string("-12; ") + kHardwareFailed + "-12" : "-12",
-              Characteristics(SampleReply()));
-  }
-}
-
 }  // namespace
 }  // namespace test
