@@ -17,7 +17,6 @@
 namespace {
 
 uint8_t g_random = 0;
-int g_rsa_bits = 0;
 
 template <typename Function>
 Function Real(const char* name) {
@@ -26,8 +25,8 @@ Function Real(const char* name) {
 
 }  // namespace
 
-// Randomness that repeats itself, a clock that stands, RSA keys that are
-// made once a size, and files that need not last.
+// Randomness that repeats itself, a clock that stands, RSA keys that are made once a size and
+// exponent, and files that need not last.
 extern "C" {
 int RAND_bytes(unsigned char* out, int size) {
   for (int i = 0; i < size; ++i) out[i] = ++g_random;
@@ -40,20 +39,24 @@ int clock_gettime(clockid_t clock, timespec* now) {
   *now = {fuzz::kSecondsSinceBoot, 0};
   return 0;
 }
-int EVP_PKEY_CTX_set_rsa_keygen_bits(EVP_PKEY_CTX* context, int bits) {
-  g_rsa_bits = bits;
-  return Real<decltype(&EVP_PKEY_CTX_set_rsa_keygen_bits)>("EVP_PKEY_CTX_set_rsa_keygen_bits")(
-      context, bits);
-}
-int EVP_PKEY_keygen(EVP_PKEY_CTX* context, EVP_PKEY** key) {
-  static auto& keys = *new std::map<int, EVP_PKEY*>();
-  EVP_PKEY*& made = keys[g_rsa_bits];
-  if (made == nullptr && Real<decltype(&EVP_PKEY_keygen)>("EVP_PKEY_keygen")(context, &made) != 1) {
-    return 0;
+int RSA_generate_key_ex(RSA* key, int bits, BIGNUM* e, BN_GENCB*) {
+  static auto& keys = *new std::map<std::pair<int, BN_ULONG>, RSA*>();
+  RSA*& made = keys[{bits, BN_get_word(e)}];
+  if (made == nullptr) {
+    RSA* fresh = RSA_new();
+    if (Real<decltype(&RSA_generate_key_ex)>("RSA_generate_key_ex")(fresh, bits, e, nullptr) != 1) {
+      RSA_free(fresh);
+      return 0;
+    }
+    made = fresh;
   }
-  EVP_PKEY_up_ref(made);
-  *key = made;
-  return 1;
+  const BIGNUM *n, *own_e, *d, *p, *q, *dmp1, *dmq1, *iqmp;
+  RSA_get0_key(made, &n, &own_e, &d);
+  RSA_get0_factors(made, &p, &q);
+  RSA_get0_crt_params(made, &dmp1, &dmq1, &iqmp);
+  return RSA_set0_key(key, BN_dup(n), BN_dup(own_e), BN_dup(d)) == 1 &&
+         RSA_set0_factors(key, BN_dup(p), BN_dup(q)) == 1 &&
+         RSA_set0_crt_params(key, BN_dup(dmp1), BN_dup(dmq1), BN_dup(iqmp)) == 1;
 }
 }
 

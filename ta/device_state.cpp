@@ -30,16 +30,18 @@ SecureBytes Serialize(const std::string& boot_id, const BootState& state) {
   return record;
 }
 
+// False for the record of another boot.
 bool Parse(ByteView record, const std::string& boot_id, BootState* state) {
   ByteReader reader(record);
   ByteView id, nonce, key;
   uint8_t flags = 0;
-  if (!reader.TakeBytes(boot_id.size(), &id) ||
-      !std::equal(id.begin(), id.end(), boot_id.begin()) || !reader.TakeU8(&flags) ||
+  if (!reader.TakeBytes(boot_id.size(), &id) || !reader.TakeU8(&flags) ||
       !reader.TakeU64(&state->locked_at) ||
-      !reader.TakeBytes(state->sharing_nonce.size(), &nonce) || !reader.TakeBytes(kKeySize, &key)) {
-    return false;
+      !reader.TakeBytes(state->sharing_nonce.size(), &nonce) || !reader.TakeBytes(kKeySize, &key) ||
+      reader.remaining() != 0) {
+    throw std::runtime_error("the boot state is damaged");
   }
+  if (!std::equal(id.begin(), id.end(), boot_id.begin())) return false;
   std::copy(nonce.begin(), nonce.end(), state->sharing_nonce.begin());
   if ((flags & kKeyShared) != 0) state->shared_hmac_key.assign(key.begin(), key.end());
   state->early_boot_ended = (flags & kEarlyBootEnded) != 0;

@@ -36,7 +36,7 @@ Bytes BindingOf(const ParamSet& params) {
     AppendBytes(&bound, value);
   }
   Bytes hash(kBindingSize);
-  SHA256(bound.data(), bound.size(), hash.data());
+  RequireCrypto(SHA256(bound.data(), bound.size(), hash.data()) != nullptr);
   return hash;
 }
 

@@ -56,6 +56,10 @@ void ImportKey(uint32_t types, TaParam params[4]) {
   const uint32_t origin = OriginOfImport(params[3]);
   CheckNewKey(description);
   Key key = ImportMaterial(InputOf(params[1]), &description);
+  // Only RSA keys are generated outside; of others nobody may claim that the TA made them.
+  if (origin == KM_ORIGIN_GENERATED && key.algorithm != KM_ALGORITHM_RSA) {
+    Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
   key.origin = origin;
   ReplyNewKey(description, &key, &params[2], &params[3]);
 }

@@ -26,16 +26,17 @@ bool IsAlgorithm(uint64_t algorithm) {
 
 // Whether an algorithm can have that value of a tag; of tags that no row is about, any.
 bool Knows(uint64_t algorithm, keymaster_tag_t tag, uint64_t value) {
-  using Values = std::vector<uint32_t>;
-  static const Values kCiphers = {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT};
-  static const Values kSigners = {KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY};
-  static const Values kPaddings = {KM_PAD_NONE, KM_PAD_PKCS7};
-  static const Values kMacDigests = {KM_DIGEST_SHA1, KM_DIGEST_SHA_2_224, KM_DIGEST_SHA_2_256,
-                                     KM_DIGEST_SHA_2_384, KM_DIGEST_SHA_2_512};
-  static const Values kDigests = {KM_DIGEST_NONE,      KM_DIGEST_MD5,       KM_DIGEST_SHA1,
-                                  KM_DIGEST_SHA_2_224, KM_DIGEST_SHA_2_256, KM_DIGEST_SHA_2_384,
-                                  KM_DIGEST_SHA_2_512};
-  static const struct {
+  // Nothing here has a destructor: commands may come while the process ends.
+  using Values = std::initializer_list<uint32_t>;
+  static constexpr Values kCiphers = {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT};
+  static constexpr Values kSigners = {KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY};
+  static constexpr Values kPaddings = {KM_PAD_NONE, KM_PAD_PKCS7};
+  static constexpr Values kMacDigests = {KM_DIGEST_SHA1, KM_DIGEST_SHA_2_224, KM_DIGEST_SHA_2_256,
+                                         KM_DIGEST_SHA_2_384, KM_DIGEST_SHA_2_512};
+  static constexpr Values kDigests = {KM_DIGEST_NONE,      KM_DIGEST_MD5,       KM_DIGEST_SHA1,
+                                      KM_DIGEST_SHA_2_224, KM_DIGEST_SHA_2_256, KM_DIGEST_SHA_2_384,
+                                      KM_DIGEST_SHA_2_512};
+  static constexpr struct {
     uint32_t algorithm;
     keymaster_tag_t tag;
     Values values;
@@ -159,6 +160,10 @@ void CheckKeyDescription(const ParamSet& description) {
         Fail(error);
       }
     }
+  }
+  if (description.Contains(static_cast<uint32_t>(KM_TAG_USER_SECURE_ID)) &&
+      description.IsTrue(KM_TAG_NO_AUTH_REQUIRED)) {
+    Fail(KM_ERROR_INVALID_ARGUMENT);
   }
   if (algorithm == KM_ALGORITHM_HMAC) CheckHmac(description);
   if (algorithm == KM_ALGORITHM_AES && description.Contains(KM_TAG_BLOCK_MODE, KM_MODE_GCM)) {

@@ -158,8 +158,9 @@ Key ImportMaterial(ByteView material, ParamSet* description) {
   Reconcile(KM_TAG_KEY_SIZE, key.key_size, description);
   if (key.algorithm == KM_ALGORITHM_EC) Reconcile(KM_TAG_EC_CURVE, key.curve, description);
   if (key.algorithm == KM_ALGORITHM_RSA) {
-    const BIGNUM* e = RSA_get0_e(EVP_PKEY_get0_RSA(key.pkey.get()));
-    Reconcile(KM_TAG_RSA_PUBLIC_EXPONENT, BN_get_word(e), description);
+    const RSA* rsa = EVP_PKEY_get0_RSA(key.pkey.get());
+    RequireCrypto(rsa != nullptr);
+    Reconcile(KM_TAG_RSA_PUBLIC_EXPONENT, BN_get_word(RSA_get0_e(rsa)), description);
   }
   return key;
 }
@@ -170,13 +171,14 @@ Bytes ExportPublicKey(const Key& key) {
   Bytes first, second;
   if (key.algorithm == KM_ALGORITHM_RSA) {
     const RSA* rsa = EVP_PKEY_get0_RSA(key.pkey.get());
+    RequireCrypto(rsa != nullptr);
     first = ToBytes(RSA_get0_n(rsa));
     second = ToBytes(RSA_get0_e(rsa));
   } else {
     const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(key.pkey.get());
     const BnPtr x(BN_new());
     const BnPtr y(BN_new());
-    RequireCrypto(x != nullptr && y != nullptr &&
+    RequireCrypto(ec != nullptr && x != nullptr && y != nullptr &&
                   EC_POINT_get_affine_coordinates_GFp(EC_KEY_get0_group(ec),
                                                       EC_KEY_get0_public_key(ec), x.get(), y.get(),
                                                       nullptr) == 1);

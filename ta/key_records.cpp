@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <stdexcept>
+
 #include "device_state.h"
 #include "state.h"
 
@@ -21,7 +23,7 @@ std::string RecordName(const char* kind, const Bytes& key_id) {
 // How often and when last a key was used since the system started.
 struct Usage {
   uint64_t count = 0;
-  uint64_t last_use = 0;  // seconds since boot
+  uint64_t last_use = 0;  // milliseconds since boot
 };
 
 Usage ReadUsage(const std::string& name, const std::string& boot_id) {
@@ -31,11 +33,10 @@ Usage ReadUsage(const std::string& name, const std::string& boot_id) {
   ByteReader reader(content);
   ByteView boot;
   if (!reader.TakeU64(&usage.count) || !reader.TakeU64(&usage.last_use) ||
-      !reader.TakeBytes(reader.remaining(), &boot) ||
-      std::string(boot.begin(), boot.end()) != boot_id) {
-    return Usage();
+      !reader.TakeBytes(boot_id.size(), &boot) || reader.remaining() != 0) {
+    throw std::runtime_error("a usage record is damaged");
   }
-  return usage;
+  return std::string(boot.begin(), boot.end()) == boot_id ? usage : Usage();
 }
 
 void WriteUsage(const std::string& name, const std::string& boot_id, const Usage& usage) {
@@ -53,9 +54,7 @@ void RecordDeletion(const Bytes& key_id) {
   unlink(StateFile(RecordName("usage_", key_id)).c_str());
 }
 
-bool IsKeyDeleted(const Bytes& key_id) {
-  return access(StateFile(RecordName("deleted_", key_id)).c_str(), F_OK) == 0;
-}
+bool IsKeyDeleted(const Bytes& key_id) { return HasStateFile(RecordName("deleted_", key_id)); }
 
 void CountUse(const Key& key) {
   const Param* max_uses = key.Find(KM_TAG_MAX_USES_PER_BOOT);
@@ -64,9 +63,10 @@ void CountUse(const Key& key) {
   const StateLock lock;
   const std::string name = RecordName("usage_", key.id);
   const std::string boot_id = BootId();
-  const uint64_t now = MillisSinceBoot() / 1000;
+  const uint64_t now = MillisSinceBoot();
   Usage usage = ReadUsage(name, boot_id);
-  if (min_seconds != nullptr && usage.count != 0 && now - usage.last_use < min_seconds->value) {
+  if (min_seconds != nullptr && usage.count != 0 &&
+      now - usage.last_use < min_seconds->value * 1000) {
     Fail(KM_ERROR_KEY_RATE_LIMIT_EXCEEDED);
   }
   if (max_uses != nullptr && usage.count >= max_uses->value) {

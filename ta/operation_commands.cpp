@@ -10,6 +10,8 @@ namespace {
 
 constexpr uint8_t kInputMarker = 0;
 constexpr uint8_t kSignatureMarker = 1;
+// How much output may wait before more input is refused.
+constexpr size_t kMaxPending = size_t{1} << 20;
 
 using Maker = OperationPtr (*)(const OperationRequest& request);
 
@@ -83,7 +85,9 @@ void Feed(const HeldOperation& held, const ParamSet& params, ByteView input) {
   if (running->needs_token) AuthorizeContinuation(held.handle, running->demands, params);
   const uint32_t tag = static_cast<uint32_t>(KM_TAG_ASSOCIATED_DATA);
   if (params.Contains(tag)) running->operation->AddAssociatedData(params.BytesOf(tag));
-  if (input.size != 0) running->operation->Update(input, &running->pending);
+  if (input.size == 0) return;
+  if (running->pending.size() > kMaxPending) Fail(KM_ERROR_INSUFFICIENT_BUFFER_SPACE);
+  running->operation->Update(input, &running->pending);
 }
 
 // Gives the caller as much of the output as there is room for; the rest waits.

@@ -70,8 +70,11 @@ const EVP_CIPHER* CipherOf(const Key& key, uint32_t mode) {
 }
 
 const EVP_MD* DigestAlgorithm(uint32_t digest) {
-  constexpr const char* kNames[] = {"none", "md5", "sha1", "sha224", "sha256", "sha384", "sha512"};
-  return digest < std::size(kNames) ? EVP_get_digestbyname(kNames[digest]) : nullptr;
+  using Digest = const EVP_MD* (*)();
+  constexpr Digest kDigests[] = {nullptr,    EVP_md5,    EVP_sha1,  EVP_sha224,
+                                 EVP_sha256, EVP_sha384, EVP_sha512};
+  if (digest >= std::size(kDigests) || kDigests[digest] == nullptr) return nullptr;
+  return kDigests[digest]();
 }
 
 }  // namespace ta

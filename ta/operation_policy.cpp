@@ -49,8 +49,7 @@ void CheckUnmeetableDemands(const Key& key) {
 }
 
 bool NeedsUser(const ParamSet& demands) {
-  return demands.Contains(static_cast<uint32_t>(KM_TAG_USER_SECURE_ID)) &&
-         !demands.IsTrue(KM_TAG_NO_AUTH_REQUIRED);
+  return demands.Contains(static_cast<uint32_t>(KM_TAG_USER_SECURE_ID));
 }
 
 // The token of params; false when there is none or it is not genuine.

@@ -3,7 +3,8 @@
 namespace ta {
 
 OperationTable& OperationTable::Instance() {
-  static OperationTable table;
+  // Never destroyed: commands may come while the process ends.
+  static auto& table = *new OperationTable();
   return table;
 }
 

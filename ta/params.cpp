@@ -46,7 +46,9 @@ bool TakeEntries(ByteReader* reader, std::vector<RawEntry>* entries) {
   return true;
 }
 
-bool Resolve(const std::vector<RawEntry>& entries, ByteView blobs, ParamSet* out) {
+// What the byte values may still take of the blob area, together: values that share bytes would
+// let a small request ask for any amount of memory.
+bool Resolve(const std::vector<RawEntry>& entries, ByteView blobs, size_t* budget, ParamSet* out) {
   for (const RawEntry& entry : entries) {
     if (!IsByteValued(entry.tag)) {
       out->Add(entry.tag, ValueOf(entry.tag, entry.value));
@@ -56,6 +58,8 @@ bool Resolve(const std::vector<RawEntry>& entries, ByteView blobs, ParamSet* out
     const size_t length = static_cast<size_t>(entry.value >> 32);
     // An empty value has no place in the blob area, whatever its offset says.
     if (length != 0 && (offset > blobs.size || length > blobs.size - offset)) return false;
+    if (length > *budget) return false;
+    *budget -= length;
     out->AddBytes(entry.tag, length == 0 ? ByteView() : ByteView(blobs.data + offset, length));
   }
   return true;
@@ -128,9 +132,10 @@ bool ParseTwoLists(ByteView wire, ParamSet* first, ParamSet* second) {
   ByteReader reader(wire);
   std::vector<RawEntry> first_entries;
   std::vector<RawEntry> second_entries;
-  return TakeEntries(&reader, &first_entries) && TakeEntries(&reader, &second_entries) &&
-         Resolve(first_entries, reader.rest(), first) &&
-         Resolve(second_entries, reader.rest(), second);
+  if (!TakeEntries(&reader, &first_entries) || !TakeEntries(&reader, &second_entries)) return false;
+  size_t budget = reader.remaining();
+  return Resolve(first_entries, reader.rest(), &budget, first) &&
+         Resolve(second_entries, reader.rest(), &budget, second);
 }
 
 bool ParseTwoLists(ByteView wire, ParamSet* out) { return ParseTwoLists(wire, out, out); }

@@ -73,6 +73,15 @@ void WriteAll(int fd, ByteView content) {
   if (fsync(fd) != 0) ThrowStateError("cannot write");
 }
 
+// Makes a new name in the folder last, whatever happens to the system.
+void SyncFolder() {
+  const File folder(EnsureFolder(), O_RDONLY | O_DIRECTORY);
+  // A file system that cannot do this says EINVAL.
+  if (!folder.is_open() || (fsync(folder.fd()) != 0 && errno != EINVAL)) {
+    ThrowStateError("cannot write");
+  }
+}
+
 // Writes a file of a name nobody else uses and returns the name.
 std::string WriteTemporary(const std::string& path, ByteView content) {
   std::string name = path + ".XXXXXX";
@@ -95,7 +104,11 @@ std::string StateFile(const std::string& name) { return EnsureFolder() + "/" + n
 
 bool ReadStateFile(const std::string& name, SecureBytes* out) {
   const File file(StateFile(name), O_RDONLY);
-  if (!file.is_open()) return false;
+  if (!file.is_open()) {
+    // What is there and cannot be read must not pass for a fresh start.
+    if (errno != ENOENT) ThrowStateError("cannot read");
+    return false;
+  }
   struct stat status {};
   if (fstat(file.fd(), &status) != 0) ThrowStateError("cannot read");
   out->resize(static_cast<size_t>(status.st_size));
@@ -115,6 +128,13 @@ void ReplaceStateFile(const std::string& name, ByteView content) {
     unlink(temporary.c_str());
     ThrowStateError("cannot replace file");
   }
+  SyncFolder();
+}
+
+bool HasStateFile(const std::string& name) {
+  if (access(StateFile(name).c_str(), F_OK) == 0) return true;
+  if (errno != ENOENT) ThrowStateError("cannot read");
+  return false;
 }
 
 bool CreateStateFile(const std::string& name, ByteView content) {
@@ -125,6 +145,7 @@ bool CreateStateFile(const std::string& name, ByteView content) {
   const int reason = errno;
   unlink(temporary.c_str());
   if (linked != 0 && reason != EEXIST) ThrowStateError("cannot create file");
+  SyncFolder();
   return linked == 0;
 }
 
@@ -164,7 +185,8 @@ struct ConfiguredVersion {
 };
 
 ConfiguredVersion& Configured() {
-  static ConfiguredVersion configured;
+  // Never destroyed: commands may come while the process ends.
+  static auto& configured = *new ConfiguredVersion();
   return configured;
 }
 

@@ -9,7 +9,8 @@
 namespace ta {
 
 // Every function here may be called from several threads and processes at once. What cannot be
-// done for want of a usable folder throws std::runtime_error, which ends the command.
+// done for want of a usable folder, or with a file that is damaged or cannot be read, throws
+// std::runtime_error, which ends the command.
 
 // StateFile returns the path of a file of that name in the state folder: $KEYMASTER_TA_STATE, else
 // $XDG_STATE_HOME/keymaster-ta, else $HOME/.local/state/keymaster-ta. The folder is made, for its
@@ -17,6 +18,8 @@ namespace ta {
 std::string StateFile(const std::string& name);
 // ReadStateFile reads a whole file; false when there is none.
 bool ReadStateFile(const std::string& name, SecureBytes* out);
+// HasStateFile tells whether there is a file of that name.
+bool HasStateFile(const std::string& name);
 // ReplaceStateFile writes a file, for its owner alone; readers see the old or the new content.
 void ReplaceStateFile(const std::string& name, ByteView content);
 // CreateStateFile writes a file that does not exist yet; false, with nothing changed, if it does.

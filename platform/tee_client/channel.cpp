@@ -58,7 +58,8 @@ bool Channel::Receive(void* record, size_t size, FileDescriptor* fd, int limit_m
   message.msg_iov = &part;
   message.msg_iovlen = 1;
   message.msg_control = &ancillary;
-  message.msg_controllen = sizeof(ancillary);
+  // Without the padding, in which a second descriptor would have room.
+  message.msg_controllen = CMSG_LEN(sizeof(int));
   const ssize_t got = TEMP_FAILURE_RETRY(recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC));
   fd->Reset();
   const cmsghdr* header = got < 0 ? nullptr : CMSG_FIRSTHDR(&message);

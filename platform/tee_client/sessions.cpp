@@ -7,6 +7,7 @@
 
 Reply Session::Open(uint32_t login, CommandParameters* parameters, TEEC_Operation* operation) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  if (ended_) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
   Reply reply = app_->Open(login, parameters);
   state_ = reply.result == TEEC_SUCCESS ? State::kOpen : State::kClosed;
   reply = parameters->CopyOut(reply, operation);
@@ -42,6 +43,7 @@ Reply Session::Invoke(uint32_t command, CommandParameters* parameters) {
 void Session::Close() {
   const std::lock_guard<std::mutex> lock(mutex_);
   CloseLocked();
+  ended_ = true;
 }
 
 void Session::CloseLocked() {

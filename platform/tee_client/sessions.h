@@ -24,7 +24,7 @@ class Session {
 
   Reply Open(uint32_t login, CommandParameters* parameters, TEEC_Operation* operation);
   Reply Invoke(uint32_t command, CommandParameters* parameters);
-  // Close waits for a call that runs. It does nothing for a session that is not open.
+  // Close waits for a call that runs. A session that is not open yet will not open any more.
   void Close();
   Handle context() const { return context_; }
 
@@ -38,6 +38,7 @@ class Session {
   const Handle context_;
   std::mutex mutex_;
   State state_ = State::kClosed;
+  bool ended_ = false;
 };
 
 // A context that was taken out, and what was still open in it.

@@ -66,8 +66,12 @@ std::shared_ptr<WorkerProcess> WorkerProcess::Start() {
   const int error = Channel::MakePair(&ours, &theirs) ? Spawn(path, theirs.get(), &pid) : errno;
   FileDescriptor process(error == 0 ? pidfd_open(pid, 0) : -1);
   if (process.get() < 0) {
-    (void)fprintf(stderr, "tee: cannot start %s: %s\n", path.c_str(),
-                  strerror(error == 0 ? errno : error));
+    const int reason = error == 0 ? errno : error;
+    if (error == 0) {
+      kill(pid, SIGKILL);
+      (void)TEMP_FAILURE_RETRY(waitpid(pid, nullptr, 0));
+    }
+    (void)fprintf(stderr, "tee: cannot start %s: %s\n", path.c_str(), strerror(reason));
     return nullptr;
   }
   TraceEvent("worker " + std::to_string(pid) + " started");

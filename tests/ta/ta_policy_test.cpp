@@ -1,5 +1,7 @@
 // What the TA refuses: keys that cannot be, uses that a key does not allow, blobs and requests that
 // are not what they claim.
+#include <unistd.h>
+
 #include <atomic>
 #include <thread>
 
@@ -62,8 +64,13 @@ TEST_F(TaTest, RefusesKeysThatCannotBe) {
     EXPECT_EQ(ta.Generate(With(row.base, row.change)), Km(row.error)) << &row - rows;
   }
   EXPECT_EQ(ta.Generate(kHmac + kSha1), Km(KM_ERROR_UNSUPPORTED_DIGEST));
+  // For a user, and for anybody.
+  EXPECT_EQ(ta.Generate(kAes + P(KM_TAG_USER_SECURE_ID, 7) + P(KM_TAG_NO_AUTH_REQUIRED, 1)),
+            Km(KM_ERROR_INVALID_ARGUMENT));
   EXPECT_EQ(ta.Import(kAes, Str(32, 'k')), Km(KM_ERROR_IMPORT_PARAMETER_MISMATCH));
-  EXPECT_EQ(ta.Import(kAes, Str(16, 'k'), 3), Km(KM_ERROR_INVALID_ARGUMENT));
+  for (const uint8_t type : {uint8_t{0}, uint8_t{3}}) {
+    EXPECT_EQ(ta.Import(kAes, Str(16, 'k'), type), Km(KM_ERROR_INVALID_ARGUMENT));
+  }
   EXPECT_EQ(ta.Import(kEc, Le(192, 4) + Str(16, 0)), Km(KM_ERROR_UNSUPPORTED_EC_CURVE));
   // A point that is not on the curve.
   const Str lengths = Le(32, 4) + Le(32, 4) + Le(32, 4);
@@ -123,6 +130,12 @@ TEST_F(TaTest, RefusesUsesThatTheKeyDoesNotAllow) {
   Ta other;
   other.blob = ta.blob;
   EXPECT_EQ(other.Begin(kEncrypt, kEcb), Km(KM_ERROR_KEY_RATE_LIMIT_EXCEEDED));
+  ASSERT_EQ(ta.Generate(kAes + P(KM_TAG_MIN_SECONDS_BETWEEN_OPS, 1)), 0u);
+  EXPECT_EQ(ta.Operate(kEncrypt, kEcb, Str(16, 'p'), 16), 0u);
+  const uint64_t used = ta::MillisSinceBoot();
+  while (ta.Begin(kEncrypt, kEcb) != 0) usleep(1000);
+  EXPECT_GE(ta::MillisSinceBoot() - used, 990u);
+  EXPECT_EQ(ta.Run(kCmdAbort, In(Le(ta.handle, 8))), 0u);
 }
 
 P Token(uint64_t challenge, uint64_t user) {
@@ -248,6 +261,18 @@ TEST_F(TaTest, SurvivesRequestsCutShortAndTypesOfAnyKind) {
       EXPECT_NE(kKeymasterTrustedApp.invoke(ta.session, command, types, params), 0u);
     }
   }
+  // Neither values that share their bytes nor output that nobody takes use up the memory.
+  Str shared = Wire(kAes + P(KM_TAG_APPLICATION_ID, "id") + P(KM_TAG_APPLICATION_DATA, "da"));
+  shared.resize(shared.size() - 2);
+  shared.replace(shared.size() - 2 - 8, 4, Le(0, 4));
+  EXPECT_EQ(ta.Run(kCmdGenerateKey, In(shared), {}, Out(4096), Out(4096)),
+            Km(KM_ERROR_INVALID_ARGUMENT));
+  ASSERT_EQ(ta.Begin(kEncrypt, kEcb), 0u);
+  const auto update = [&] {
+    return ta.Run(kCmdUpdate, {}, In(Str((1 << 20) + 16, 'p')), InOut(Le(ta.handle, 8)), Out(0));
+  };
+  EXPECT_EQ(update(), 0u);
+  EXPECT_EQ(update(), Km(KM_ERROR_INSUFFICIENT_BUFFER_SPACE));
   EXPECT_EQ(ta.Run(12), TEEC_ERROR_NOT_SUPPORTED);
   EXPECT_EQ(ta.Run(kCmdGenerateKey, In(request), {}, Out(20), {}), TEEC_ERROR_SHORT_BUFFER);
 }

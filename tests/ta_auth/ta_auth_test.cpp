@@ -137,7 +137,17 @@ TEST(DeviceState, YieldsToTheRightTokenAndEndsWithTheBoot) {
   EXPECT_FALSE(ta::EarlyBootHasEnded());
   EXPECT_EQ(instance.Run(kCmdEarlyBootEnded), 0u);
   EXPECT_TRUE(ta::EarlyBootHasEnded());
-  std::fstream(instance.folder + "/boot_state", std::ios::in | std::ios::out) << "another boot";
+  const Str file = instance.folder + "/boot_state", kept = file + ".kept";
+  // What cannot be read is no fresh start: it keeps everything locked.
+  std::filesystem::copy_file(file, kept);
+  std::filesystem::resize_file(file, std::filesystem::file_size(file) - 1);
+  EXPECT_NE(instance.Run(kCmdEarlyBootEnded), 0u);
+  std::filesystem::remove(file);
+  std::filesystem::create_symlink(file, file);
+  EXPECT_NE(instance.Run(kCmdEarlyBootEnded), 0u);
+  std::filesystem::rename(kept, file);
+  EXPECT_TRUE(ta::EarlyBootHasEnded());
+  std::fstream(file, std::ios::in | std::ios::out) << "another boot";
   EXPECT_TRUE(!ta::EarlyBootHasEnded() && ta::DeviceUnlockedFor(nullptr));
   const Str next = instance.SharingParameters();
   EXPECT_TRUE(next.substr(0, 32) == own.substr(0, 32) && next.substr(32) != own.substr(32));

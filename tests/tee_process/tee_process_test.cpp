@@ -4,6 +4,8 @@
 #include <remote_session.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <worker_protocol.h>
@@ -313,6 +315,22 @@ TEST_F(TeeProcess, TheWorkerEndsChannelsThatKeepNoRulesAndServesOn) {
   EXPECT_TRUE(worker->IsAlive());
 }
 
+// Sends a record with the socket itself twice.
+bool SendWithTwo(int socket, const void* record, size_t size) {
+  iovec part = {const_cast<void*>(record), size};
+  alignas(cmsghdr) char room[CMSG_SPACE(2 * sizeof(int))] = {};
+  msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = room;
+  message.msg_controllen = sizeof(room);
+  cmsghdr* header = CMSG_FIRSTHDR(&message);
+  *header = {CMSG_LEN(2 * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+  const int both[] = {socket, socket};
+  memcpy(CMSG_DATA(header), both, sizeof(both));
+  return sendmsg(socket, &message, 0) > 0;
+}
+
 TEST_F(TeeProcess, TheClientBelievesNoReply) {
   const WorkerReply honest = {kWorkerMagic, 0, 4, {{{nullptr, 3}}}};
   WorkerReply magic = honest, big = honest;
@@ -322,10 +340,12 @@ TEST_F(TeeProcess, TheClientBelievesNoReply) {
     const WorkerReply& reply;
     size_t size;
     uint32_t result;
-  } const kCases[] = {{honest, sizeof(honest), 0},
-                      {honest, sizeof(honest) - 1, kDead},
-                      {magic, sizeof(honest), kDead},
-                      {big, sizeof(honest), kShort}};
+    int descriptors;
+  } const kCases[] = {{honest, sizeof(honest), 0, 0},
+                      {honest, sizeof(honest) - 1, kDead, 0},
+                      {magic, sizeof(honest), kDead, 0},
+                      {big, sizeof(honest), kShort, 0},
+                      {honest, sizeof(honest), kDead, 2}};
   for (const auto& row : kCases) {
     SCOPED_TRACE(&row - kCases);
     FileDescriptor ours, theirs;
@@ -336,9 +356,11 @@ TEST_F(TeeProcess, TheClientBelievesNoReply) {
       WorkerRequest request = {};
       FileDescriptor socket, memory;
       EXPECT_TRUE(control.Receive(&greeting, 1, &socket, 10000));
+      const int fd = socket.get();
       const Channel session(std::move(socket));
       EXPECT_TRUE(session.Receive(&request, sizeof(request), &memory, 10000));
-      EXPECT_TRUE(session.Send(&row.reply, row.size, -1));
+      EXPECT_TRUE(row.descriptors == 0 ? session.Send(&row.reply, row.size, -1)
+                                       : SendWithTwo(fd, &row.reply, row.size));
     });
     // No process: there is nothing to wait for, or to kill.
     const auto process = std::make_shared<WorkerProcess>(
@@ -385,6 +407,17 @@ TEST_F(TeeProcess, WorkersThatDoNotWorkAreToldApart) {
     EXPECT_EQ(origin, exists ? TEEC_ORIGIN_TEE : TEEC_ORIGIN_COMMS);
     TEEC_FinalizeContext(&context);
   }
+  // Started, and out of reach for want of a descriptor.
+  UseFailingApp();
+  rlimit files = {};
+  getrlimit(RLIMIT_NOFILE, &files);
+  const rlimit few = {64, files.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &few);
+  std::vector<FileDescriptor> all;
+  for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) all.emplace_back(fd);
+  all.resize(all.size() - 2);  // for the channel
+  EXPECT_EQ(WorkerProcess::Start(), nullptr);
+  setrlimit(RLIMIT_NOFILE, &files);
 }
 
 }  // namespace
