@@ -1,7 +1,8 @@
 // The exported free functions of libkeymaster41_ts, under unmangled names.
 //
 // Conventions, beside those of keymaster_tivas_context.h:
-//  1. The marshalling functions return 0, -12 (memory, copy or size) or -22 (argument).
+//  1. The marshalling functions return 0, -12 (memory, copy or size) or -22 (argument), but
+//     BuildVerifyAuthInput and ParamsCheck, which return keymaster errors.
 //  2. The Tee* functions return a GlobalPlatform TEE result, 0 for success. They make
 //     0xFFFF0000 (an operation could not be cleared or filled), 0xFFFF0006 (a required argument
 //     is null or empty, or there is no TEE context) and 0xFFFF000C (no memory for a session)

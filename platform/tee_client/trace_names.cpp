@@ -92,5 +92,6 @@ std::string NameOfTag(uint32_t tag) {
 bool IsSecretTag(uint32_t tag) {
   return tag == static_cast<uint32_t>(KM_TAG_APPLICATION_ID) ||
          tag == static_cast<uint32_t>(KM_TAG_APPLICATION_DATA) ||
+         tag == static_cast<uint32_t>(KM_TAG_ASSOCIATED_DATA) ||
          tag == static_cast<uint32_t>(KM_TAG_AUTH_TOKEN);
 }

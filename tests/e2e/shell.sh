@@ -47,6 +47,23 @@ json 'o["status"] == 2' 2 sign --key k.blob --in text
 KEYMASTER_OS_PATCHLEVEL=202203 refuse 'keymasterctl upgrade --key k.blob' km sign --key k.blob --in text
 TEE_FAULT=cmd=8,crash=1 status 3 km sign --key k.blob --in text
 
+# What would be read otherwise than it is meant, or change nothing, is refused.
+misused() { status 2 km "$@"; }
+misused generate --algorithm ec --key x --param no-auth-required=maybe
+misused generate --algorithm ec --key x --auth-sid 99999999999999999999
+misused sign --key k.blob --in text --out sig --padding pss
+misused sign --key - --out sig <k.blob
+misused delete --key - <k.blob
+misused upgrade --key k.blob --out - --json
+(state='' misused info)
+ok km generate --algorithm ec --key user.blob --param user-secure-id=42 --param no-auth-required=no
+refuse KM_ERROR_KEY_USER_NOT_AUTHENTICATED km sign --key user.blob --in text
+ok km configure --os-version 070000
+grep -q 'OS version 70000,' out || fail 'a leading zero means something'
+install -m 600 /dev/null closed
+ok km sign --key k.blob --in text --out closed
+[ "$(stat -c %a closed)" = 600 ] || fail 'a closed file was opened to others'
+
 # Colours are for a terminal, and for who asks for them.
 escape=$'\e['
 ok env NO_COLOR= script -qec "'$bin/keymasterctl' --state state info" typescript

@@ -62,6 +62,8 @@ struct UpgradeArgs {
 };
 
 void RunUpgrade(const UpgradeArgs& args) {
+  const std::string& path = args.out.empty() ? args.key.path : args.out;
+  NeedFileForJson(path);
   const Key key(args.key);
   ParamList params;
   AddBinding(args.key.binding, &params);
@@ -76,7 +78,7 @@ void RunUpgrade(const UpgradeArgs& args) {
         .Print();
     return;
   }
-  WriteKey(args.out.empty() ? args.key.path : args.out, upgraded, nullptr);
+  WriteKey(path, upgraded, nullptr);
 }
 
 struct DeleteArgs {
@@ -85,6 +87,9 @@ struct DeleteArgs {
 };
 
 void RunDelete(const DeleteArgs& args) {
+  if (args.key.path == "-" && !args.keep_file) {
+    throw UsageFailure("name the key's file, which is removed, or give --keep-file");
+  }
   const Key key(args.key);
   Session session;
   Check("delete", session->TivasKmDeletekey(key.blob()), args.key.path);

@@ -32,7 +32,11 @@ struct OperationArgs {
 
 // Returns the token that the options give for an operation: 0 for begin, then by its handle.
 Bytes TokenFor(const OperationArgs& args, Session& session, uint64_t challenge) {
-  if (args.token_path) return ReadFile(*args.token_path);
+  if (args.token_path) {
+    // The file may be a stream, so it is read once.
+    static const Bytes given = ReadFile(*args.token_path);
+    return given;
+  }
   AuthTokenArgs token;
   token.sid = args.sid.value_or(0);
   token.challenge = challenge;

@@ -5,6 +5,7 @@
 #include "command_table.h"
 #include "errors.h"
 #include "names.h"
+#include "params.h"
 #include "terminal.h"
 
 namespace {
@@ -35,6 +36,18 @@ class HelpFormatter : public CLI::Formatter {
     return out;
   }
 };
+
+// The parser itself takes a leading zero for octal, and what does not fit for the largest number.
+Option Number(CLI::Option* option) {
+  const auto to_decimal = [](std::string& text) {
+    const std::optional<uint64_t> value = ParseNumber(text);
+    if (!value) return "'" + text + "' is no number, or too large";
+    text = std::to_string(*value);
+    return std::string();
+  };
+  option->transform(CLI::Validator(to_decimal, ""));
+  return Option(option);
+}
 
 OptionInfo Describe(const CLI::Option& option) {
   OptionInfo info;
@@ -110,27 +123,27 @@ Option Command::Add(const char* names, std::vector<std::string>* value, const ch
 }
 
 Option Command::Add(const char* names, uint32_t* value, const char* help) const {
-  return Option(app_->add_option(names, *value, help));
+  return Number(app_->add_option(names, *value, help));
 }
 
 Option Command::Add(const char* names, std::optional<uint32_t>* value, const char* help) const {
-  return Option(app_->add_option(names, *value, help));
+  return Number(app_->add_option(names, *value, help));
 }
 
 Option Command::Add(const char* names, std::vector<uint32_t>* value, const char* help) const {
-  return Option(app_->add_option(names, *value, help));
+  return Number(app_->add_option(names, *value, help));
 }
 
 Option Command::Add(const char* names, uint64_t* value, const char* help) const {
-  return Option(app_->add_option(names, *value, help));
+  return Number(app_->add_option(names, *value, help));
 }
 
 Option Command::Add(const char* names, std::optional<uint64_t>* value, const char* help) const {
-  return Option(app_->add_option(names, *value, help));
+  return Number(app_->add_option(names, *value, help));
 }
 
 Option Command::Add(const char* names, std::vector<uint64_t>* value, const char* help) const {
-  return Option(app_->add_option(names, *value, help));
+  return Number(app_->add_option(names, *value, help));
 }
 
 Option Command::AddFlag(const char* names, bool* value, const char* help) const {

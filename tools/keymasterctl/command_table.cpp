@@ -111,7 +111,7 @@ const std::vector<NamedText>& Environment() {
       {"KEYMASTER_OS_VERSION", "OS version that keys are bound to, as MMmmss."},
       {"KEYMASTER_OS_PATCHLEVEL", "OS patch level that keys are bound to, as YYYYMM."},
       {"ANDROID_LOG_TAGS", "What of the log is shown, as logcat reads it."},
-      {"QAVIX_EVENTS", "File for fault events, - for standard output."},
+      {"QAVIX_EVENTS", "File for fault events, - for standard error."},
       {"TEE_WORKER", "Program that runs the TA."},
       {"TEE_TRACE", "As --trace."},
       {"NO_COLOR", "When set, nothing is coloured."},

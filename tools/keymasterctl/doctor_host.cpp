@@ -149,7 +149,7 @@ Finding CheckWorker() {
 Finding CheckEvents() {
   const std::string sink = Variable("QAVIX_EVENTS");
   if (sink.empty() || sink == "-") {
-    return {"fault events", Grade::kGood, sink.empty() ? "dropped" : "to standard output", ""};
+    return {"fault events", Grade::kGood, sink.empty() ? "dropped" : "to standard error", ""};
   }
   const int fd = open(sink.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
   if (fd < 0) {

@@ -168,16 +168,18 @@ constexpr Hint kHints[] = {
      "the data, the signature or tag, or the key is not the one it was made with"},
     {Code(KM_ERROR_INVALID_INPUT_LENGTH),
      "the input does not fit: a raw RSA or unpadded block input must have its exact length, a "
-     "padded RSA input is shorter than the key, a ciphertext must be whole"},
+     "padded RSA input is shorter than the key, a ciphertext must be whole, a challenge has at "
+     "most "
+     "128 bytes"},
     {Code(KM_ERROR_UNSUPPORTED_KEY_SIZE), "choose another --size or --curve"},
     {Code(KM_ERROR_UNSUPPORTED_KEY_FORMAT), "give an unencrypted RSA or EC private key (PKCS#8)"},
     {Code(KM_ERROR_IMPORT_PARAMETER_MISMATCH),
      "--size, --curve or --exponent differ from the key's own: leave them out"},
     {Code(KM_ERROR_ROLLBACK_RESISTANCE_UNAVAILABLE), "leave --rollback-resistant out"},
     {Code(KM_ERROR_INVALID_MAC_LENGTH),
-     "choose a --mac-length, in whole bytes, from the key's min-mac-length to the digest's length "
-     "or "
-     "128"},
+     "a MAC or tag, in whole bytes, has from the key's min-mac-length to the digest's length or "
+     "128 "
+     "bits"},
     {Code(KM_ERROR_INVALID_ARGUMENT), "a value does not fit; --verbose may show which"},
     {Code(KM_ERROR_UNKNOWN_ERROR), "--verbose may show more"},
     {Code(KM_ERROR_KEY_EXPIRED), "the key's validity is over"},

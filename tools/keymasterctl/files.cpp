@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "errors.h"
 
 namespace {
@@ -30,10 +32,27 @@ void WriteAll(int fd, const std::string& path, const uint8_t* data, size_t lengt
   }
 }
 
+// Appends, and leaves no copy behind where the bytes were before they had to move.
+void AppendSecret(const uint8_t* data, size_t length, Bytes* to) {
+  if (length > to->capacity() - to->size()) {
+    Bytes larger;
+    larger.reserve(std::max(to->size() + length, 2 * to->capacity()));
+    larger.insert(larger.end(), to->begin(), to->end());
+    OPENSSL_cleanse(to->data(), to->size());
+    to->swap(larger);
+  }
+  to->insert(to->end(), data, data + length);
+}
+
 }  // namespace
 
 Input::Input(const std::string& path) : path_(path), fd_(STDIN_FILENO) {
-  if (path == "-") return;
+  if (path == "-") {
+    static bool taken = false;
+    if (taken) throw UsageFailure("only one input can be -, standard input: name the others");
+    taken = true;
+    return;
+  }
   fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd_ < 0) throw SystemFailure("cannot open", path);
 }
@@ -67,9 +86,10 @@ Bytes ReadFile(const std::string& path) {
   if (input.size().value_or(0) > kHeldLimit) throw Failure(path + " is too large for this use");
   Bytes bytes;
   while (true) {
-    const Bytes piece = input.Read(64u << 10);
+    Bytes piece = input.Read(64u << 10);
     if (piece.empty()) return bytes;
-    bytes.insert(bytes.end(), piece.begin(), piece.end());
+    AppendSecret(piece.data(), piece.size(), &bytes);
+    OPENSSL_cleanse(piece.data(), piece.size());
     if (bytes.size() > kHeldLimit) throw Failure(path + " is too large for this use");
   }
 }
@@ -94,6 +114,10 @@ Output::Output(const std::string& path, Access access, Release release)
   is_file_ = true;
   hold_ = false;
   OpenTemporary(path);
+  // A file that was closed to others stays closed.
+  if (exists && access_ == Access::kByUmask && fchmod(fd_, status.st_mode & 0777) != 0) {
+    throw SystemFailure("cannot write", path);
+  }
 }
 
 // A file without a name vanishes with this process, however it ends; not every file system has it.
@@ -130,7 +154,7 @@ void Output::Write(const uint8_t* data, size_t length) {
   if (length > kHeldLimit - held_.size()) {
     throw Failure("more than 64 MiB cannot be held until the tag is verified; give --out FILE");
   }
-  held_.insert(held_.end(), data, data + length);
+  AppendSecret(data, length, &held_);
 }
 
 void Output::Commit() {

@@ -10,7 +10,7 @@
 
 using Bytes = std::vector<uint8_t>;
 
-// Input reads a file or standard input in pieces. Failures throw.
+// Input reads a file or standard input in pieces. Failures throw. Standard input is read once.
 class Input {
  public:
   explicit Input(const std::string& path);
@@ -36,7 +36,7 @@ Bytes ReadFile(const std::string& path);
 class Output {
  public:
   enum class Access {
-    kByUmask,
+    kByUmask,    // or as the file that it replaces
     kOwnerOnly,  // mode 0600, and on disk before it is named
   };
   enum class Release {

@@ -129,7 +129,8 @@ void AddGivenDate(keymaster_tag_t tag, const std::optional<std::string>& text, P
 }
 
 void AddAuthentication(const NewKeyArgs& args, ParamList* params) {
-  if (args.auth_sids.empty()) return params->AddFlag(KM_TAG_NO_AUTH_REQUIRED);
+  if (args.no_auth) params->AddFlag(KM_TAG_NO_AUTH_REQUIRED);
+  if (args.auth_sids.empty()) return;
   for (uint64_t sid : args.auth_sids) params->Add(KM_TAG_USER_SECURE_ID, sid);
   params->Add(KM_TAG_USER_AUTH_TYPE,
               args.auth_type.value_or(HW_AUTH_PASSWORD | HW_AUTH_FINGERPRINT));
@@ -248,6 +249,9 @@ void FillNewKeyParams(NewKeyArgs args, ParamList* params) {
   AddGiven(KM_TAG_MAX_USES_PER_BOOT, args.max_uses, params);
   AddGiven(KM_TAG_MIN_SECONDS_BETWEEN_OPS, args.min_seconds, params);
   for (const std::string& text : args.extra) params->AddText(text);
+  if (!params->Contains(KM_TAG_USER_SECURE_ID) && !params->Contains(KM_TAG_NO_AUTH_REQUIRED)) {
+    params->AddFlag(KM_TAG_NO_AUTH_REQUIRED);
+  }
   if (!params->Contains(KM_TAG_CREATION_DATETIME)) {
     params->Add(KM_TAG_CREATION_DATETIME, static_cast<uint64_t>(time(nullptr)) * 1000);
   }

@@ -4,6 +4,8 @@
 #include <stdlib.h>
 
 #include <exception>
+#include <optional>
+#include <string>
 
 #include "commands.h"
 #include "errors.h"
@@ -13,15 +15,17 @@
 namespace {
 
 struct GlobalArgs {
-  std::string state;
+  std::optional<std::string> state;
   bool verbose = false;
   std::string trace;
 };
 
 // What stands around the library reads these when the TEE context is made.
 void ApplyToEnvironment(const GlobalArgs& args) {
-  if (!args.state.empty()) setenv("KEYMASTER_TA_STATE", args.state.c_str(), 1);
-  setenv("ANDROID_LOG_TAGS", args.verbose ? "*:V" : kConnectingLogTags, 0);
+  // An empty name is a variable that was never set, and not the user's own folder.
+  if (args.state && args.state->empty()) throw UsageFailure("--state names no folder");
+  if (args.state) setenv("KEYMASTER_TA_STATE", args.state->c_str(), 1);
+  setenv("ANDROID_LOG_TAGS", args.verbose ? "*:V" : kConnectingLogTags, args.verbose ? 1 : 0);
   if (!args.trace.empty()) setenv("TEE_TRACE", args.trace.c_str(), 1);
   // A TA that crashes takes its own process with it, and not this one.
   setenv("TEE_HOST", "process", 0);
@@ -36,7 +40,8 @@ void AddGlobalOptions(const Command& global, GlobalArgs* args) {
                    "Show every TEE command on standard error; --trace=params also the key "
                    "parameters, --trace=secrets also those that are secret")
       .TakesWords({"1", "params", "secrets"});
-  global.AddFlag("--json", &Style().json, "Tell the result, or the failure, as a JSON object");
+  global.AddFlag("--json", &Style().json,
+                 "Tell the result, or a request's failure, as a JSON object");
   global.Add("--color", &Style().color, "Colour the output (default auto: on a terminal)")
       .TakesWords({"auto", "always", "never"});
 }
@@ -72,6 +77,8 @@ int main(int argc, char** argv) {
   int status = kExitDone;
   const std::function<void()> action = line.Parse(argc, argv, &status);
   if (!action) return status;
-  ApplyToEnvironment(args);
-  return Run(action);
+  return Run([&] {
+    ApplyToEnvironment(args);
+    action();
+  });
 }

@@ -63,7 +63,14 @@ uint32_t DigestBits(uint32_t digest) {
   return digest < std::size(kBits) ? kBits[digest] : 0;
 }
 
+// Refuses a choice that would change nothing.
+void RefuseUnused(const std::optional<uint32_t>& choice, const char* option, const char* what) {
+  if (choice) throw UsageFailure(std::string(option) + " means nothing for " + what);
+}
+
 void PlanRsa(const KeyFacts& facts, bool signs, const OperationChoice& choice, ParamList* params) {
+  RefuseUnused(choice.mode, "--mode", "an RSA key");
+  RefuseUnused(choice.mac_length, "--mac-length", "an RSA key");
   std::optional<uint32_t> padding = choice.padding;
   if (padding == kPadPkcs1ByUse) {
     padding = signs ? KM_PAD_RSA_PKCS1_1_5_SIGN : KM_PAD_RSA_PKCS1_1_5_ENCRYPT;
@@ -81,6 +88,7 @@ void PlanRsa(const KeyFacts& facts, bool signs, const OperationChoice& choice, P
 
 void PlanHmac(const KeyFacts& facts, keymaster_purpose_t purpose, const OperationChoice& choice,
               ParamList* params) {
+  RefuseUnused(choice.padding, "--padding", "an HMAC key");
   const std::optional<uint32_t> digest = ChooseDigest(choice, facts);
   if (digest) params->Add(KM_TAG_DIGEST, *digest);
   // A verification takes the length of the MAC that it is given.
@@ -90,9 +98,11 @@ void PlanHmac(const KeyFacts& facts, keymaster_purpose_t purpose, const Operatio
 
 void PlanCipher(const KeyFacts& facts, const OperationChoice& choice, OperationPlan* plan,
                 ParamList* params) {
+  RefuseUnused(choice.digest, "--digest", "a cipher");
   const std::optional<uint32_t> mode =
       Choose(choice.mode, facts.modes, {KM_MODE_GCM, KM_MODE_CBC, KM_MODE_CTR, KM_MODE_ECB});
   if (!mode) throw Failure("the key has no block mode; give --mode");
+  if (*mode != KM_MODE_GCM) RefuseUnused(choice.mac_length, "--mac-length", "a mode but gcm");
   const bool pads = *mode == KM_MODE_CBC || *mode == KM_MODE_ECB;
   const std::optional<uint32_t> padding =
       pads ? Choose(choice.padding, facts.paddings, {KM_PAD_PKCS7, KM_PAD_NONE})
@@ -120,6 +130,8 @@ OperationPlan PlanOperation(Session& session, const Key& key, keymaster_purpose_
   if (facts.algorithm == KM_ALGORITHM_RSA) {
     PlanRsa(facts, signs, choice, params);
   } else if (facts.algorithm == KM_ALGORITHM_EC) {
+    RefuseUnused(choice.padding, "--padding", "an EC key");
+    RefuseUnused(choice.mac_length, "--mac-length", "an EC key");
     const std::optional<uint32_t> digest = ChooseDigest(choice, facts);
     if (digest) params->Add(KM_TAG_DIGEST, *digest);
   } else if (facts.algorithm == KM_ALGORITHM_HMAC) {

@@ -1,6 +1,8 @@
 #include "params.h"
 
+#include <errno.h>
 #include <openssl/crypto.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
@@ -11,14 +13,19 @@
 
 namespace {
 
-uint64_t ParseNumber(const std::string& name, const std::string& text) {
-  try {
-    size_t used = 0;
-    const uint64_t value = std::stoull(text, &used, 0);
-    if (used == text.size() && text[0] != '-') return value;
-  } catch (const std::logic_error&) {
-  }
+[[noreturn]] void RefuseValue(const std::string& name, const std::string& text) {
   throw UsageFailure("'" + text + "' is no value for " + name);
+}
+
+// Whether the text that follows a flag's name sets it.
+bool IsSet(const std::string& name, const std::string& text) {
+  for (const char* yes : {"yes", "true", "1"}) {
+    if (text == yes) return true;
+  }
+  for (const char* no : {"no", "false", "0"}) {
+    if (text == no) return false;
+  }
+  RefuseValue(name, text);
 }
 
 int HexDigit(char c) {
@@ -69,14 +76,19 @@ void ParamList::AddText(const std::string& text) {
   const size_t equals = text.find('=');
   const std::string name = text.substr(0, equals);
   const keymaster_tag_t tag = TagByName(name);
-  if (keymaster_tag_get_type(tag) == KM_BOOL) return AddFlag(tag);
+  if (keymaster_tag_get_type(tag) == KM_BOOL) {
+    if (equals == std::string::npos || IsSet(name, text.substr(equals + 1))) AddFlag(tag);
+    return;
+  }
   if (equals == std::string::npos) throw UsageFailure("write " + name + "=VALUE");
   const std::string value = text.substr(equals + 1);
   const keymaster_tag_type_t type = keymaster_tag_get_type(tag);
   if (type == KM_BYTES || type == KM_BIGNUM) return Add(tag, ParseBytes(value));
   if (type == KM_DATE) return Add(tag, ParseDate(value));
   const std::optional<uint32_t> named = ValueByName(tag, value);
-  Add(tag, named ? *named : ParseNumber(name, value));
+  const std::optional<uint64_t> number = ParseNumber(value);
+  if (!named && !number) RefuseValue(name, value);
+  Add(tag, named ? *named : *number);
 }
 
 bool ParamList::Contains(keymaster_tag_t tag) const {
@@ -109,6 +121,16 @@ std::vector<uint32_t> ValuesOf(const keymaster_key_param_set_t& set, keymaster_t
     if (set.params[i].tag == tag) values.push_back(set.params[i].integer);
   }
   return values;
+}
+
+std::optional<uint64_t> ParseNumber(const std::string& text) {
+  const bool hex = text.compare(0, 2, "0x") == 0;
+  const std::string digits = hex ? text.substr(2) : text;
+  const char* const allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
+  if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos) return std::nullopt;
+  errno = 0;
+  const uint64_t value = strtoull(digits.c_str(), nullptr, hex ? 16 : 10);
+  return errno == 0 ? std::optional<uint64_t>(value) : std::nullopt;
 }
 
 std::optional<Bytes> ParseHex(const std::string& text) {

@@ -23,8 +23,8 @@ class ParamList {
   void Add(keymaster_tag_t tag, uint64_t value);
   void AddFlag(keymaster_tag_t tag) { Add(tag, 1); }
   void Add(keymaster_tag_t tag, const Bytes& bytes);
-  // Adds what "name=value" says; "name" alone is a flag. Throws a Failure for text that says
-  // nothing.
+  // Adds what "name=value" says. A flag may stand without "=yes", and with "=no" adds nothing.
+  // Throws a Failure for text that says nothing.
   void AddText(const std::string& text);
 
   bool Contains(keymaster_tag_t tag) const;
@@ -42,6 +42,9 @@ uint64_t NumberOf(const keymaster_key_param_t& param);
 // ValuesOf returns the values of every entry with that tag.
 std::vector<uint32_t> ValuesOf(const keymaster_key_param_set_t& set, keymaster_tag_t tag);
 
+// ParseNumber reads digits, or hexadecimal behind "0x"; nothing for any other text, and for a
+// number that does not fit. Leading zeros mean nothing.
+std::optional<uint64_t> ParseNumber(const std::string& text);
 // ParseBytes reads an option that stands for bytes: hexadecimal behind "0x", the content of a
 // file behind "@", else the text itself.
 Bytes ParseBytes(const std::string& text);

@@ -92,6 +92,6 @@ void TellWritten(const std::string& label, const std::string& path, uint64_t byt
 
 void NeedFileForJson(const std::string& out) {
   if (Style().json && out == "-") {
-    throw UsageFailure("with --json give --out FILE: standard output takes the JSON");
+    throw UsageFailure("with --json name a file, not -: standard output takes the JSON");
   }
 }
