@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <remote_session.h>
+#include <sessions.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -374,6 +375,18 @@ TEST_F(TeeProcess, TheClientBelievesNoReply) {
     EXPECT_EQ(parameters.CopyOut(session.Open(7, &parameters), &operation).result, row.result);
     worker.join();
   }
+}
+
+// As when its context is finalised on another thread just before it opens.
+TEST_F(TeeProcess, ASessionThatWasClosedDoesNotOpen) {
+  UseFailingApp();
+  Session session(std::make_unique<RemoteSession>(WorkerProcess::Start(), kFailingApp), 1);
+  TEEC_Operation operation = {};
+  operation.started = 1;
+  CommandParameters parameters;
+  ASSERT_EQ(parameters.CopyIn(&operation), 0u);
+  session.Close();
+  EXPECT_EQ(session.Open(7, &parameters, &operation).result, TEEC_ERROR_BAD_STATE);
 }
 
 TEST_F(TeeProcess, TheWorkerEndsWithAClientThatIsKilled) {
