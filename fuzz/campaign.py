@@ -43,23 +43,26 @@ def main():
             state = json.load(file)
     for target in targets:
         state.setdefault(target, {"cpu": 0, "runs": 0, "slices": 0, "edges": 0, "crashed": False})
-    running = {}
+    running = {}  # by process id; the process is kept, or the next one's start might reap it
 
     def start_next():
-        waiting = [t for t in targets if t not in running.values() and not state[t]["crashed"]
+        busy = [target for target, _ in running.values()]
+        waiting = [t for t in targets if t not in busy and not state[t]["crashed"]
                    and state[t]["cpu"] < wanted]
         if not waiting:
             return False
         target = min(waiting, key=lambda t: state[t]["cpu"])
         seconds = max(1, min(SLICE_SECONDS, int(wanted - state[target]["cpu"]) + 1))
-        running[start(folder, target, state[target]["slices"], seconds, options).pid] = target
+        process = start(folder, target, state[target]["slices"], seconds, options)
+        running[process.pid] = (target, process)
         return True
 
     while len(running) < (os.cpu_count() or 1) and start_next():
         pass
     while running:
         pid, status, usage = os.wait4(-1, 0)
-        target = running.pop(pid)
+        target, process = running.pop(pid)
+        process.returncode = os.waitstatus_to_exitcode(status)
         entry = state[target]
         with open(f"{folder}/{target}.log", encoding="utf-8", errors="replace") as file:
             text = file.read()

@@ -52,6 +52,8 @@ misused() { status 2 km "$@"; }
 misused generate --algorithm ec --key x --param no-auth-required=maybe
 misused generate --algorithm ec --key x --auth-sid 99999999999999999999
 misused sign --key k.blob --in text --out sig --padding pss
+misused generate --algorithm ec --key x --param no-auth-required=no
+misused encrypt --key rsa.blob --nonce 0x00 --in text --out sealed
 misused sign --key - --out sig <k.blob
 misused delete --key - <k.blob
 misused upgrade --key k.blob --out - --json

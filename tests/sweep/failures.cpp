@@ -18,8 +18,6 @@ struct Row {
 };
 using Rows = std::map<std::pair<int32_t, std::string>, Row>;
 
-constexpr char kDiagnostics[] = "diagnostics";
-
 int32_t ResultOf(const std::string& word) {
   if (word == "TEE") return static_cast<int32_t>(kInjectedTeeError);
   if (word == "TA") return static_cast<int32_t>(kTaError);

@@ -10,6 +10,7 @@
 namespace test {
 
 using Kinds = std::set<std::string>;
+constexpr char kDiagnostics[] = "diagnostics";  // the rows that many requests share
 
 // The lines of the log by level, tag and format, as failures.txt has them.
 Lines LoggedFormats();

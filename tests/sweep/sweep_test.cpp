@@ -229,6 +229,7 @@ TEST_P(Sweep, WhatIsDocumentedWasSeen) {
     GTEST_SKIP() << "needs all tests";
   }
   EXPECT_EQ(Lines(), NeverSeen(GetParam().name));
+  EXPECT_EQ(Lines(), NeverSeen(kDiagnostics));
   std::cout << GetParam().name << ":";
   for (const auto& [kind, count] : Counts()) std::cout << " " << kind << " " << count;
   std::cout << "\n";

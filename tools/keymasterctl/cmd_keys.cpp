@@ -66,7 +66,7 @@ void RunUpgrade(const UpgradeArgs& args) {
   NeedFileForJson(path);
   const Key key(args.key);
   ParamList params;
-  AddBinding(args.key.binding, &params);
+  key.AddBinding(&params);
   Session session;
   OwnedKeyBlob upgraded;
   Check("upgrade", session->TivasKmUpgradeKey(key.blob(), params.set(), &upgraded), args.key.path);

@@ -111,9 +111,16 @@ void RunVerify(const OperationArgs& args) {
   Report().Say(Paint(stdout, Color::kGreen, "signature is valid")).Member("valid", "true").Print();
 }
 
+void CheckNonce(const OperationArgs& args, const Prepared& prepared) {
+  if (args.nonce && prepared.plan.nonce_length == 0) {
+    throw UsageFailure("--nonce means nothing for this key or mode");
+  }
+}
+
 void RunEncrypt(const OperationArgs& args) {
   NeedFileForJson(args.out);
   Prepared prepared(args, KM_PURPOSE_ENCRYPT);
+  CheckNonce(args, prepared);
   if (args.nonce) prepared.params.Add(KM_TAG_NONCE, ParseBytes(*args.nonce));
   Begun operation(args, KM_PURPOSE_ENCRYPT, &prepared);
   Output output(args.out, Output::Access::kByUmask, Output::Release::kAsItComes);
@@ -126,6 +133,7 @@ void RunEncrypt(const OperationArgs& args) {
 void RunDecrypt(const OperationArgs& args) {
   NeedFileForJson(args.out);
   Prepared prepared(args, KM_PURPOSE_DECRYPT);
+  CheckNonce(args, prepared);
   const size_t nonce_length = prepared.plan.nonce_length;
   const Bytes nonce = args.nonce ? ParseBytes(*args.nonce) : prepared.input.Read(nonce_length);
   if (!args.nonce && nonce.size() != nonce_length) {

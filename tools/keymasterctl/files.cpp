@@ -114,8 +114,9 @@ Output::Output(const std::string& path, Access access, Release release)
   is_file_ = true;
   hold_ = false;
   OpenTemporary(path);
-  // A file that was closed to others stays closed.
-  if (exists && access_ == Access::kByUmask && fchmod(fd_, status.st_mode & 0777) != 0) {
+  if (exists && access_ == Access::kByUmask && !KeepMode(status.st_mode & 0777)) {
+    close(fd_);
+    if (!temporary_.empty()) unlink(temporary_.c_str());
     throw SystemFailure("cannot write", path);
   }
 }
@@ -130,6 +131,12 @@ void Output::OpenTemporary(const std::string& path) {
   if (fd_ >= 0) return;
   temporary_.clear();
   throw SystemFailure("cannot write", path);
+}
+
+// A file that was closed to others stays closed; not every file system lets its mode be set.
+bool Output::KeepMode(mode_t mode) const {
+  struct stat now;
+  return fchmod(fd_, mode) == 0 || (fstat(fd_, &now) == 0 && (now.st_mode & 0777 & ~mode) == 0);
 }
 
 void Output::NameTemporary() {

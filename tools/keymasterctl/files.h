@@ -3,6 +3,7 @@
 #define KEYMASTERCTL_FILES_H
 
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <optional>
 #include <string>
@@ -55,6 +56,7 @@ class Output {
 
  private:
   void OpenTemporary(const std::string& path);
+  bool KeepMode(mode_t mode) const;
   void NameTemporary();
 
   std::string path_;

@@ -137,6 +137,17 @@ void AddAuthentication(const NewKeyArgs& args, ParamList* params) {
   AddGiven(KM_TAG_AUTH_TIMEOUT, args.auth_timeout, params);
 }
 
+// A key is for anybody unless a user is named.
+void AddDefaultAuthentication(const NewKeyArgs& args, ParamList* params) {
+  if (params->Contains(KM_TAG_USER_SECURE_ID) || params->Contains(KM_TAG_NO_AUTH_REQUIRED)) return;
+  for (const std::string& text : args.extra) {
+    if (TagByName(text.substr(0, text.find('='))) == KM_TAG_NO_AUTH_REQUIRED) {
+      throw UsageFailure("a key that is not for anybody needs --auth-sid");
+    }
+  }
+  params->AddFlag(KM_TAG_NO_AUTH_REQUIRED);
+}
+
 void AddAccessOptions(const Command& command, NewKeyArgs* args) {
   const Option sid =
       command.Add("--auth-sid", &args->auth_sids, "The key needs a user with this secure id");
@@ -180,11 +191,6 @@ void AddKeyOptions(const Command& command, KeyArgs* args) {
   AddBindingOptions(command, &args->binding);
 }
 
-void AddBinding(const BindingArgs& args, ParamList* params) {
-  if (args.app_id) params->Add(KM_TAG_APPLICATION_ID, ParseBytes(*args.app_id));
-  if (args.app_data) params->Add(KM_TAG_APPLICATION_DATA, ParseBytes(*args.app_data));
-}
-
 Key::Key(const KeyArgs& args) : path_(args.path), material_(ReadFile(args.path)) {
   if (material_.empty()) throw Failure(args.path + " is empty: no key file");
   blob_ = KeyView(material_);
@@ -196,6 +202,11 @@ Key::Key(const KeyArgs& args) : path_(args.path), material_(ReadFile(args.path))
     app_data_ = ParseBytes(*args.binding.app_data);
     app_data_view_ = View(*app_data_);
   }
+}
+
+void Key::AddBinding(ParamList* params) const {
+  if (app_id_) params->Add(KM_TAG_APPLICATION_ID, *app_id_);
+  if (app_data_) params->Add(KM_TAG_APPLICATION_DATA, *app_data_);
 }
 
 Option AddNewKeyOptions(const Command& command, NewKeyArgs* args) {
@@ -238,7 +249,12 @@ void FillNewKeyParams(NewKeyArgs args, ParamList* params) {
   AddAll(KM_TAG_BLOCK_MODE, args.modes, params);
   AddGiven(KM_TAG_MIN_MAC_LENGTH, args.min_mac, params);
   AddAuthentication(args, params);
-  AddBinding(args.binding, params);
+  if (args.binding.app_id) {
+    params->Add(KM_TAG_APPLICATION_ID, ParseBytes(*args.binding.app_id));
+  }
+  if (args.binding.app_data) {
+    params->Add(KM_TAG_APPLICATION_DATA, ParseBytes(*args.binding.app_data));
+  }
   if (args.caller_nonce) params->AddFlag(KM_TAG_CALLER_NONCE);
   if (args.unlocked_device) params->AddFlag(KM_TAG_UNLOCKED_DEVICE_REQUIRED);
   if (args.early_boot) params->AddFlag(KM_TAG_EARLY_BOOT_ONLY);
@@ -249,9 +265,7 @@ void FillNewKeyParams(NewKeyArgs args, ParamList* params) {
   AddGiven(KM_TAG_MAX_USES_PER_BOOT, args.max_uses, params);
   AddGiven(KM_TAG_MIN_SECONDS_BETWEEN_OPS, args.min_seconds, params);
   for (const std::string& text : args.extra) params->AddText(text);
-  if (!params->Contains(KM_TAG_USER_SECURE_ID) && !params->Contains(KM_TAG_NO_AUTH_REQUIRED)) {
-    params->AddFlag(KM_TAG_NO_AUTH_REQUIRED);
-  }
+  AddDefaultAuthentication(args, params);
   if (!params->Contains(KM_TAG_CREATION_DATETIME)) {
     params->Add(KM_TAG_CREATION_DATETIME, static_cast<uint64_t>(time(nullptr)) * 1000);
   }

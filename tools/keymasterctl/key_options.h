@@ -25,8 +25,6 @@ struct KeyArgs {
 void AddBindingOptions(const Command& command, BindingArgs* args);
 // AddKeyOptions adds --key with --app-id and --app-data, for a command that uses a key.
 void AddKeyOptions(const Command& command, KeyArgs* args);
-// AddBinding adds the binding to the parameters of a request.
-void AddBinding(const BindingArgs& args, ParamList* params);
 
 // Key is a key file's content as the library takes it.
 class Key {
@@ -38,6 +36,8 @@ class Key {
   // Null where the user gave none.
   const keymaster_blob_t* app_id() const { return app_id_ ? &app_id_view_ : nullptr; }
   const keymaster_blob_t* app_data() const { return app_data_ ? &app_data_view_ : nullptr; }
+  // Adds both to the parameters of a request, which carries them there.
+  void AddBinding(ParamList* params) const;
 
  private:
   std::string path_;

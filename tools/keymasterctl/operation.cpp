@@ -125,8 +125,7 @@ OperationPlan PlanOperation(Session& session, const Key& key, keymaster_purpose_
   OperationPlan plan;
   plan.algorithm = facts.algorithm;
   const bool signs = purpose == KM_PURPOSE_SIGN || purpose == KM_PURPOSE_VERIFY;
-  if (key.app_id() != nullptr) params->Add(KM_TAG_APPLICATION_ID, Copy(*key.app_id()));
-  if (key.app_data() != nullptr) params->Add(KM_TAG_APPLICATION_DATA, Copy(*key.app_data()));
+  key.AddBinding(params);
   if (facts.algorithm == KM_ALGORITHM_RSA) {
     PlanRsa(facts, signs, choice, params);
   } else if (facts.algorithm == KM_ALGORITHM_EC) {
