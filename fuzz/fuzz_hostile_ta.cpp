@@ -12,6 +12,8 @@
 #include <openssl/err.h>
 #include <openssl/rsa.h>
 
+#include <set>
+
 #include "fuzz/scripted_tee.h"
 
 // Makes an RSA key of that size at once: the numbers are no key's.
@@ -39,13 +41,20 @@ keymaster::KeymasterTivasContext g_km;
 
 // ---- The TEE
 
+// The codes of the failures that the present request met.
+std::set<uint32_t> g_failures;
+// The last value that the TA returned.
+uint64_t g_value = 0;
+
 TEEC_Result TakeResult(Input* input, uint8_t kind) {
-  return kind < kFailure ? TEEC_SUCCESS : input->U32() | 1;
+  if (kind < kFailure) return TEEC_SUCCESS;
+  const uint32_t code = input->U32();
+  return *g_failures.insert(code != 0 ? code : 1).first;
 }
 
 TEEC_Result Open(Input* input, TEEC_Operation* operation) {
   const uint8_t kind = input->U8();
-  operation->params[0].value.a = kind == 1 ? 1 : 0;
+  operation->params[0].value.a = kind;
   return TakeResult(input, kind);
 }
 
@@ -65,6 +74,7 @@ TEEC_Result Invoke(Input* input, TEEC_Operation* operation) {
       case TEEC_VALUE_INOUT:
         param->value.a = input->U32();
         param->value.b = input->U32();
+        g_value = param->value.a | uint64_t{param->value.b} << 32;
         break;
       case TEEC_MEMREF_TEMP_OUTPUT:
       case TEEC_MEMREF_TEMP_INOUT:
@@ -93,34 +103,47 @@ struct Outputs {
   unsigned long number = kGarbageLength;
 };
 
-// Checks an output that may be as it was, empty or whole, and releases it. letter names it in the
-// two lists: of those that a failure may leave empty, and of those that it must leave so.
+// What a request promises of its outputs, each by its letter.
+struct Promise {
+  const char* writes;  // on success
+  const char* may;     // a failure of the library's own may leave it empty
+  const char* must;    // every failure leaves it empty; a V among them: what was verified stays
+};
+
+bool Has(const char* letters, char letter) { return strchr(letters, letter) != nullptr; }
+
+// Checks an output that may be as it was, empty or whole, and releases it.
 template <typename T>
-void Settle(T* output, const void* bytes, size_t length, bool failed, char letter, const char* may,
-            const char* must) {
+void Settle(T* output, const void* bytes, size_t length, int32_t result, char letter,
+            const Promise& promise) {
+  const bool failed = result != 0;
   if (bytes == g_garbage) {
     Check(length == kGarbageLength, "an output is written as a whole");
-    Check(!failed || strchr(must, letter) == nullptr, "a failure leaves this output empty");
+    Check(failed || !Has(promise.writes, letter), "a success writes this output");
+    Check(!failed || !Has(promise.must, letter), "a failure leaves this output empty");
     return;
   }
-  const bool may_be_whole = strchr(must, 'V') != nullptr;
+  // What the TEE refuses comes back with its code, before anything was made of a reply; only
+  // operations clear their data before they ask.
+  const bool refused = letter != 'd' && g_failures.count(static_cast<uint32_t>(result)) != 0;
+  const bool may_be_whole = Has(promise.must, 'V') && !refused;
   Check(!failed || may_be_whole || (bytes == nullptr && length == 0), "a failure leaves no output");
-  Check(!failed || strchr(may, letter) != nullptr || strchr(must, letter) != nullptr,
+  Check(!failed || (Has(promise.may, letter) && !refused) || Has(promise.must, letter),
         "a failure leaves this output untouched");
   fuzz::Release(output);
 }
 
-void SettleAll(Outputs* out, bool failed, const char* may, const char* must) {
+void SettleAll(Outputs* out, int32_t result, const Promise& promise) {
   const auto settle_set = [&](keymaster_key_param_set_t* set, char letter) {
-    Settle(set, set->params, set->length, failed, letter, may, must);
+    Settle(set, set->params, set->length, result, letter, promise);
   };
-  Settle(&out->key, out->key.key_material, out->key.key_material_size, failed, 'k', may, must);
+  Settle(&out->key, out->key.key_material, out->key.key_material_size, result, 'k', promise);
   settle_set(&out->traits.hw_enforced, 't');
   settle_set(&out->traits.sw_enforced, 't');
   settle_set(&out->set, 'p');
-  Settle(&out->data, out->data.data, out->data.data_length, failed, 'd', may, must);
-  Settle(&out->chain, out->chain.entries, out->chain.entry_count, failed, 'c', may, must);
-  Check(!failed || out->number == kGarbageLength, "a failure leaves the number untouched");
+  Settle(&out->data, out->data.data, out->data.data_length, result, 'd', promise);
+  Settle(&out->chain, out->chain.entries, out->chain.entry_count, result, 'c', promise);
+  Check(result == 0 || out->number == kGarbageLength, "a failure leaves the number untouched");
 }
 
 // ---- What requests are made of
@@ -201,8 +224,7 @@ using Run = int32_t (*)(uint8_t variant, Outputs* out);
 
 struct Request {
   uint8_t number;  // the command's, where it is but one
-  const char* may;
-  const char* must;  // a V among them: what was verified stays the caller's
+  Promise promise;
   Run run;
 };
 
@@ -249,77 +271,96 @@ int32_t DecryptMaterial(uint8_t, Outputs* out) {
 }
 
 const Request kRequests[] = {
-    {1, "", "",
+    {1,
+     {"", "", ""},
      [](uint8_t, Outputs*) { return g_km.Initialize(keymaster::KmVersion::KEYMASTER_4_1); }},
-    {101, "", "", [](uint8_t, Outputs*) { return g_km.TivasKmConfigure(Params()); }},
-    {102, "", "", [](uint8_t, Outputs*) { return g_km.InitTeeContext(); }},
-    {103, "", "", [](uint8_t, Outputs*) { return g_km.FinishTeeContext(); }},
-    {2, "kt", "",
+    {101, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.TivasKmConfigure(Params()); }},
+    {102, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.InitTeeContext(); }},
+    {103, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.FinishTeeContext(); }},
+    {2,
+     {"k", "kt", ""},
      [](uint8_t v, Outputs* o) {
        return g_km.TivasKmGenerateKey(Params(), &o->key, v == 1 ? nullptr : &o->traits);
      }},
-    {104, "kt", "",
+    {104,
+     {"kt", "kt", ""},
      [](uint8_t v, Outputs* o) {
        const keymaster_key_param_set_t params = RsaParams(v);
        return g_km.TivasKmGenerateKey(&params, &o->key, &o->traits);
      }},
-    {3, "t", "",
+    {3,
+     {"t", "t", ""},
      [](uint8_t v, Outputs* o) {
        return g_km.TivasKmGetKeyCharacteristics(&kKey, v == 1 ? &kBlob : nullptr, nullptr,
                                                 &o->traits);
      }},
-    {4, "kt", "",
+    {4,
+     {"k", "kt", ""},
      [](uint8_t v, Outputs* o) {
        return g_km.TivasKmImportKey(Params(), KM_KEY_FORMAT_RAW, &kBlob, &o->key,
                                     v == 1 ? nullptr : &o->traits);
      }},
-    {5, "", "d",
+    {5,
+     {"d", "", "d"},
      [](uint8_t v, Outputs* o) {
        return g_km.TivasKmExportKey(KM_KEY_FORMAT_X509, &kKey, &kBlob, v == 1 ? &kBlob : nullptr,
                                     &o->data);
      }},
-    {6, "c", "",
+    {6,
+     {"c", "c", ""},
      [](uint8_t, Outputs* o) { return g_km.TivasKmAttestKey(&kKey, Params(), &o->chain); }},
-    {7, "", "",
+    {7,
+     {"", "", ""},
      [](uint8_t, Outputs* o) { return g_km.TivasKmUpgradeKey(&kKey, Params(), &o->key); }},
-    {8, "", "p",
+    {8,
+     {"p", "", "p"},
      [](uint8_t v, Outputs* o) {
-       return g_km.TivasKmBegin(KM_PURPOSE_SIGN, &kKey, v == 1 ? nullptr : Params(), &o->set,
-                                &o->number);
+       const int32_t result = g_km.TivasKmBegin(KM_PURPOSE_SIGN, &kKey, v == 1 ? nullptr : Params(),
+                                                &o->set, &o->number);
+       Check(result != 0 || o->number == g_value, "the handle is the TA's");
+       return result;
      }},
-    {9, "", "pd",
+    {9,
+     {"pd", "", "pd"},
      [](uint8_t v, Outputs* o) {
        const keymaster_blob_t input = InputOf(v);
-       return g_km.TivasKmUpdate(7, Params(), &input, &o->number, &o->set, &o->data);
+       const int32_t result =
+           g_km.TivasKmUpdate(7, Params(), &input, &o->number, &o->set, &o->data);
+       Check(result != 0 || o->number == input.data_length, "all input is consumed");
+       return result;
      }},
-    {109, "", "pd",
+    {109,
+     {"pd", "", "pd"},
      [](uint8_t, Outputs* o) {
        return g_km.TivasKmUpdate(7, Params(), nullptr, nullptr, &o->set, &o->data);
      }},
-    {10, "", "pd",
+    {10,
+     {"pd", "", "pd"},
      [](uint8_t v, Outputs* o) {
        const keymaster_blob_t input = InputOf(v);
        return g_km.TivasKmFinishNew(7, Params(), &input, &kBlob, &o->set, &o->data);
      }},
-    {11, "", "", [](uint8_t, Outputs*) { return g_km.TivasKmAbort(7); }},
-    {31, "", "", [](uint8_t, Outputs*) { return g_km.TivasKmDeletekey(&kKey); }},
-    {39, "", "pV", Verify},
-    {40, "", "", [](uint8_t, Outputs*) { return g_km.TivasKmEarlyBootEnded(); }},
-    {41, "", "", [](uint8_t v, Outputs*) { return g_km.TivasKmDeviceLocked(v == 1); }},
-    {64, "", "",
+    {11, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.TivasKmAbort(7); }},
+    {31, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.TivasKmDeletekey(&kKey); }},
+    {39, {"", "", "pV"}, Verify},
+    {40, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.TivasKmEarlyBootEnded(); }},
+    {41, {"", "", ""}, [](uint8_t v, Outputs*) { return g_km.TivasKmDeviceLocked(v == 1); }},
+    {64,
+     {"", "", ""},
      [](uint8_t, Outputs*) {
        uint8_t first[32], second[32];
        return g_km.TivasgetHmacSharingParameters(first, 32, second, 32);
      }},
-    {65, "", "d",
+    {65,
+     {"d", "", "d"},
      [](uint8_t, Outputs* o) {
        uint8_t params[64] = {};
        return g_km.TivascomputeSharedHmac(params, 64, &o->data);
      }},
-    {120, "kt", "", ImportWrapped},
-    {121, "", "d", Unwrap},
-    {122, "", "d", DecryptTransitKey},
-    {123, "d", "", DecryptMaterial},
+    {120, {"kt", "kt", ""}, ImportWrapped},
+    {121, {"d", "", "d"}, Unwrap},
+    {122, {"d", "", "d"}, DecryptTransitKey},
+    {123, {"d", "d", ""}, DecryptMaterial},
 };
 
 const Request& Find(uint8_t number) {
@@ -329,9 +370,9 @@ const Request& Find(uint8_t number) {
   return kRequests[number % std::size(kRequests)];
 }
 
-void ServeOneMore() {
+void ServeOneMore(bool context_changed) {
   fuzz::tee() = {};
-  Check(g_km.InitTeeContext() == 0, "the library can begin anew");
+  if (context_changed) Check(g_km.InitTeeContext() == 0, "the library can begin anew");
   Bytes reply(24);
   reply[0] = 1;
   reply[4] = 3;
@@ -356,16 +397,19 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::tee().invoke = [&input](uint32_t, TEEC_Operation* operation) {
     return Invoke(&input, operation);
   };
+  bool context_changed = false;
   for (int i = 0; i < kMostRequests && !input.empty(); ++i) {
     const Request& request = Find(input.U8());
     const uint8_t variant = input.U8();
     Outputs out;
+    g_failures.clear();
     const int32_t result = request.run(variant, &out);
-    SettleAll(&out, result != 0, request.may, request.must);
+    SettleAll(&out, result, request.promise);
+    context_changed |= request.number == 1 || request.number == 102 || request.number == 103;
     Check(fuzz::OpenSessions() == 0, "every session but the TA's first is closed");
   }
   fuzz::DropFirstSessions();
-  ServeOneMore();
+  ServeOneMore(context_changed);
   ERR_clear_error();
   return 0;
 }

@@ -77,7 +77,8 @@ void RemoveFiles(bool all) {
   if (dir == nullptr) return;
   while (const dirent* entry = readdir(dir)) {
     const std::string name = entry->d_name;
-    const bool use = name.rfind("deleted_", 0) == 0 || name.rfind("usage_", 0) == 0;
+    const bool use = name.rfind("deleted_", 0) == 0 || name.rfind("usage_", 0) == 0 ||
+                     name == "boot_state" || name == "hmac_sharing_seed";
     if (all || use) unlink((Folder() + "/" + name).c_str());
   }
   closedir(dir);
@@ -205,13 +206,17 @@ void AddKey(World* world, const std::vector<std::pair<keymaster_tag_t, uint64_t>
   world->pool.push_back(params[2].bytes);
 }
 
+void OpenSession(World* world) {
+  Check(kKeymasterTrustedApp.open_session(7, 0, nullptr, &world->session) == TEEC_SUCCESS,
+        "a session");
+}
+
 }  // namespace
 
 World MakeWorld() {
   MakeFolder();
   World world;
-  Check(kKeymasterTrustedApp.open_session(7, 0, nullptr, &world.session) == TEEC_SUCCESS,
-        "a session");
+  OpenSession(&world);
   Configure(&world);
   constexpr keymaster_tag_t algorithm = KM_TAG_ALGORITHM, size = KM_TAG_KEY_SIZE,
                             purpose = KM_TAG_PURPOSE, padding = KM_TAG_PADDING,
@@ -300,7 +305,7 @@ World MakeWorld() {
                   {free, 1},
                   {KM_TAG_MAX_USES_PER_BOOT, 1},
                   {KM_TAG_UNLOCKED_DEVICE_REQUIRED, 1}});
-  world.replies.clear();
+  Restore(&world);
   return world;
 }
 void Restore(World* world) {
@@ -311,10 +316,10 @@ void Restore(World* world) {
     Invoke(world, kAbort, TypesOf(kAbort), params);
   }
   RemoveFiles(false);
-  if (world->changed_device) {
-    unlink((Folder() + "/boot_state").c_str());
-    Configure(world);
-  }
+  if (world->changed_device) Configure(world);
+  // With the session goes its last error.
+  kKeymasterTrustedApp.close_session(world->session);
+  OpenSession(world);
   world->handles.clear();
   world->replies.clear();
   world->changed_device = false;
