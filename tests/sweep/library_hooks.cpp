@@ -1,16 +1,20 @@
 #include "tests/sweep/library_hooks.h"
 
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <link.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <iterator>
 #include <map>
 #include <mutex>
+#include <regex>
 #include <sstream>
 #include <utility>
 
@@ -28,8 +32,19 @@ constexpr char kCrypto[] =
     "EVP_PKEY_assign EVP_PKEY_assign_RSA EVP_PKEY_set1_EC_KEY EVP_PKEY_get1_RSA "
     "EVP_PKEY_get1_EC_KEY EVP_PKCS82PKEY "
     "EC_KEY_new_by_curve_name EC_KEY_set_public_key_affine_coordinates d2i_PKCS8_PRIV_KEY_INFO "
-    "EC_POINT_get_affine_coordinates_GFp i2d_PUBKEY";
-constexpr size_t kCryptoCount = 18, kGenerateRsa = 0;
+    "EC_POINT_get_affine_coordinates_GFp i2d_PUBKEY "
+    "_ZN9keymaster10dup_bufferEPKvm";  // no part of it, and allocates as unseen
+// Those that cannot.
+constexpr char kInfallible[] =
+    "BN_bn2bin BN_free BN_num_bits BN_num_bytes EC_GROUP_get_curve_name EC_KEY_free "
+    "EC_KEY_get0_group "
+    "EC_KEY_get0_private_key EC_KEY_get0_public_key EC_KEY_get_conv_form EC_KEY_set_conv_form "
+    "EVP_PKEY_free EVP_PKEY_get_id EVP_PKEY_id PKCS8_PRIV_KEY_INFO_free RSA_free "
+    "RSA_get0_crt_params RSA_get0_factors RSA_get0_key";
+// What would escape the count of allocations.
+constexpr char kUnwanted[] =
+    "calloc realloc strdup strndup aligned_alloc posix_memalign _Znwm _Znam";
+constexpr size_t kCryptoCount = 19, kGenerateRsa = 0;
 constexpr size_t kPiece = 16;
 
 Word g_real[kCryptoCount];
@@ -106,6 +121,15 @@ void RedirectNamed(const std::string& name, Word* slot) {
     Redirect(slot, hooks[i]);
   }
   if (i != kCryptoCount) abort();
+  const auto is_in = [&name](const char* list) {
+    std::istringstream all(list);
+    return std::find(std::istream_iterator<std::string>(all), {}, name) !=
+           std::istream_iterator<std::string>();
+  };
+  const bool crypto = std::regex_match(name, std::regex("(BN|EC|EVP|RSA|PKCS8|d2i|i2d)_.*"));
+  if (is_in(kUnwanted) || (crypto && !is_in(kCrypto) && !is_in(kInfallible))) {
+    ADD_FAILURE() << name << " is not hooked";
+  }
 }
 
 bool RedirectLibrary() {

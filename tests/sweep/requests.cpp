@@ -45,6 +45,10 @@ const Bytes& LongInput() {
   return input;
 }
 
+uint64_t Digest(const Bytes& bytes) {
+  return std::hash<std::string>()(std::string(bytes.begin(), bytes.end()));
+}
+
 // A blob of the kinds that own their bytes.
 template <typename BlobType>
 struct Held : keymaster::TKeymasterBlob<BlobType> {
@@ -115,11 +119,14 @@ std::vector<Request> MakeRequests() {
   add_finish("FinishNew", f.input.data(), f.input.size());
   add_finish("FinishLarge", LongInput().data(), 4100);
   add("Abort", "", [](Outputs&) { return km.TivasKmAbort(7); });
-  add("ImportWrappedKey", kNewKey, [](Outputs& o) {
-    const keymaster_key_blob_t wrapper = KeyBlob(f.wrapper), mask = KeyBlob(f.mask);
-    return km.TivasKmImportWrappedKeyNew(&wrapper, Key(f.blob), &mask, &g_none, 1, 2, &o.key,
-                                         &o.traits);
-  });
+  for (const auto& [name, wrapped] :
+       {std::pair{"ImportWrappedKey", &f.wrapper}, {"ImportWrappedPkcs8", &f.pkcs8_wrapper}}) {
+    add(name, kNewKey, [bytes = wrapped](Outputs& o) {
+      const keymaster_key_blob_t wrapper = KeyBlob(*bytes), mask = KeyBlob(f.mask);
+      return km.TivasKmImportWrappedKeyNew(&wrapper, Key(f.blob), &mask, &g_none, 1, 2, &o.key,
+                                           &o.traits);
+    });
+  }
   add("UnwrappedKey", "d:e", [](Outputs& o) {
     const HeldKey wrapper(f.wrapper);
     keymaster_key_blob_t mask = KeyBlob(f.mask);
@@ -147,14 +154,17 @@ std::vector<Request> MakeRequests() {
     if (out.parameters_verified != &o.params) return static_cast<int32_t>(kInputError);
     o.number[0] = out.challenge;
     o.number[1] = out.timestamp;
-    if (out.mac[31] != 0) o.number[2] = out.mac[31];
+    const Bytes rest = Cat({Le32(out.security_level), Bytes(out.mac, out.mac + 32)});
+    if (rest != Bytes(36)) o.number[2] = Digest(rest);
     return result;
   });
   add("EarlyBootEnded", "", [](Outputs&) { return km.TivasKmEarlyBootEnded(); });
   add("DeviceLocked", "", [](Outputs&) { return km.TivasKmDeviceLocked(true); });
-  add("GetHmacSharingParameters", "", [](Outputs&) {
-    uint8_t a[32], b[32];
-    return km.TivasgetHmacSharingParameters(a, 32, b, 32);
+  add("GetHmacSharingParameters", "", [](Outputs& o) {
+    Bytes a(32, 0xA5), b(32, 0xA5);
+    const int32_t result = km.TivasgetHmacSharingParameters(a.data(), 32, b.data(), 32);
+    if (result == 0) o.number[0] = Digest(Cat({a, b}));
+    return result;
   });
   add("ComputeSharedHmac", "d:e", [](Outputs& o) {
     uint8_t in[9] = {};

@@ -53,9 +53,10 @@ State Perform(const Request& request);
 // What the requests and the TA that serves them both know.
 struct Fixture {
   std::map<std::string, Bytes> secrets;  // by label
-  Bytes rsa_pkcs8, ec_pkcs8, input, mask, transit, wrapper, blob, ec_blob;
+  Bytes rsa_pkcs8, ec_pkcs8, input, mask, transit, wrapper, pkcs8_wrapper, blob, ec_blob;
   std::map<uint32_t, std::map<int, Bytes>> answers;  // what a command's answer writes where
-  std::map<int, Bytes> ec_public, transit_finish;    // answers of commands 5 and 10, too
+  // Answers of command 5, and of 10.
+  std::map<int, Bytes> ec_public, transit_finish, pkcs8_finish;
 };
 const Fixture& fixture();
 

@@ -18,11 +18,11 @@ Bytes Noise(uint32_t seed, size_t length) {
   return out;
 }
 
-// A wrapper of a raw AES key with a user secure id and the auth token of a fingerprint.
-Bytes Wrapper() {
-  const Bytes description = {0x30, 98,   2, 1,    3,    0x30, 93, 0xA2, 3,    2,    1,
-                             32,   0xA3, 4, 2,    2,    1,    0,  0xBF, 0x83, 0x76, 3,
-                             2,    1,    7, 0xBF, 0x87, 0x6A, 71, 4,    69};
+// A wrapper of a key in that format with a user secure id and the auth token of a fingerprint.
+Bytes Wrapper(uint8_t format) {
+  const Bytes description = {0x30, 98,   2, 1,    format, 0x30, 93, 0xA2, 3,    2,    1,
+                             32,   0xA3, 4, 2,    2,      1,    0,  0xBF, 0x83, 0x76, 3,
+                             2,    1,    7, 0xBF, 0x87,   0x6A, 71, 4,    69};
   Bytes token(69);
   token[25] = 2;
   return Cat({{0x30, 0x82, 1, 0xAD, 2, 1, 0, 4, 0x82, 1, 0},
@@ -58,6 +58,9 @@ std::map<int, Bytes> Write(const Invocation& invocation) {
   if (invocation.command == 5 && first.in == f.ec_blob) return f.ec_public;
   // Only the decryption of a transit key sends no parameters.
   if (invocation.command == 10 && first.buffer == nullptr) return f.transit_finish;
+  const Bytes in_pkcs8 = {0x30, 98, 2, 1, KM_KEY_FORMAT_PKCS8};  // a description's beginning
+  const auto at = std::search(first.in.begin(), first.in.end(), in_pkcs8.begin(), in_pkcs8.end());
+  if (invocation.command == 10 && at != first.in.end()) return f.pkcs8_finish;
   const auto answer = f.answers.find(invocation.command);
   return answer == f.answers.end() ? std::map<int, Bytes>() : answer->second;
 }
@@ -96,7 +99,9 @@ Fixture MakeFixture() {
   f.secrets["transit key"] = f.transit;
   f.secrets["finish output, unwrapped key"] = unwrapped;
   f.secrets["update output"] = update_output;
-  f.wrapper = Wrapper();
+  f.wrapper = Wrapper(KM_KEY_FORMAT_RAW);
+  f.pkcs8_wrapper = Wrapper(KM_KEY_FORMAT_PKCS8);
+  f.pkcs8_finish = {{3, f.ec_pkcs8}};
   f.blob = Ramp(5, 48);
   f.ec_blob = Text("an EC key");
 
