@@ -74,18 +74,11 @@ class UpdateOutput {
   bool allocated() const { return bytes_ != nullptr; }
   // Where a piece may write up to size bytes.
   uint8_t* Offer(uint32_t size) {
-    offered_end_ = produced_ + size;
-    touched_end_ = std::max(touched_end_, offered_end_);
+    touched_end_ = std::max(touched_end_, produced_ + size);
     return bytes_.get() + produced_;
   }
-  // Counts what the piece produced; false when it reports more than it was offered.
-  bool Produce(uint32_t reported) {
-    if (reported > offered_end_ - produced_) {
-      return false;
-    }
-    produced_ += reported;
-    return true;
-  }
+  // Counts what a piece produced, of what it was offered.
+  void Produce(uint32_t size) { produced_ += size; }
   uint32_t produced() const { return produced_; }
   // Gives away what was produced, and wipes what was written without being reported.
   void GiveTo(keymaster_blob_t* output) {
@@ -97,7 +90,6 @@ class UpdateOutput {
  private:
   MallocBuffer bytes_;
   uint32_t produced_ = 0;
-  uint32_t offered_end_ = 0;
   uint32_t touched_end_ = 0;  // of all offers: what may hold output
 };
 
@@ -121,10 +113,11 @@ int32_t SendPieces(uint64_t op_handle, const SerializedParams& params,
       KM_LOGE("%s : TeeUpdate failed, ret=0x%x", kLogFailure, tee_result);
       return static_cast<int32_t>(tee_result);
     }
-    if (!data_reply->Produce(reported)) {
+    if (reported > offered) {
       KM_LOGE("%s : too large outDataLen:%u\n", kLogFailure, reported);
       return KM_ERROR_UNKNOWN_ERROR;
     }
+    data_reply->Produce(reported);
     consumed += piece;
   } while (consumed < length);
   return KM_ERROR_OK;

@@ -127,6 +127,24 @@ bool SetTaErrorParams(Event* event, const CaDfxInfo& info, const TaErrorTexts& t
   return true;
 }
 
+// Sends the event that has the TEE's log archived; its object is gone when this returns.
+bool SendArchiveEvent() {
+  Event event(kTeeLogArchiveEvent);
+  if (!event.created()) {
+    ARCHIVE_LOGE("create teeos eventobj failed\n");
+    return false;
+  }
+  if (!event.SetFirst("teeos")) {
+    ARCHIVE_LOGE("qavix_set_param failed\n");
+    return false;
+  }
+  if (event.Send() < 0) {
+    ARCHIVE_LOGE("qavix send event failed\n");
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int CheckReportedErrCode(uint32_t code) {
@@ -196,20 +214,7 @@ void QavixKeyMaster(const uint32_t* call, const uint8_t* info, uint32_t info_len
 }
 
 void TeeosLogExceptionArchive(void* /*arg*/) {
-  {
-    Event event(kTeeLogArchiveEvent);
-    if (!event.created()) {
-      ARCHIVE_LOGE("create teeos eventobj failed\n");
-      return;
-    }
-    if (!event.SetFirst("teeos")) {
-      ARCHIVE_LOGE("qavix_set_param failed\n");
-      return;
-    }
-    if (event.Send() < 0) {
-      ARCHIVE_LOGE("qavix send event failed\n");
-      return;
-    }
+  if (SendArchiveEvent()) {
+    ARCHIVE_LOGE("teeos log is uploaded!\n");
   }
-  ARCHIVE_LOGE("teeos log is uploaded!\n");
 }

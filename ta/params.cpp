@@ -46,8 +46,8 @@ bool TakeEntries(ByteReader* reader, std::vector<RawEntry>* entries) {
   return true;
 }
 
-// What the byte values may still take of the blob area, together: values that share bytes would
-// let a small request ask for any amount of memory.
+// budget is how many bytes of the area the values may still take, together: values that share bytes
+// would let a small request ask for any amount of memory.
 bool Resolve(const std::vector<RawEntry>& entries, ByteView blobs, size_t* budget, ParamSet* out) {
   for (const RawEntry& entry : entries) {
     if (!IsByteValued(entry.tag)) {

@@ -7,7 +7,7 @@
 
 Reply Session::Open(uint32_t login, CommandParameters* parameters, TEEC_Operation* operation) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (ended_) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
+  if (state_ != State::kNew) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
   Reply reply = app_->Open(login, parameters);
   state_ = reply.result == TEEC_SUCCESS ? State::kOpen : State::kClosed;
   reply = parameters->CopyOut(reply, operation);
@@ -32,7 +32,7 @@ Reply Session::CallApp(uint32_t command, CommandParameters* parameters) {
 Reply Session::Invoke(uint32_t command, CommandParameters* parameters) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (state_ == State::kDead) return kTargetDead;
-  if (state_ == State::kClosed) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
+  if (state_ != State::kOpen) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
   const Reply reply = CallApp(command, parameters);
   if (reply.result == kTargetDead.result && reply.origin == kTargetDead.origin) {
     state_ = State::kDead;
@@ -43,11 +43,10 @@ Reply Session::Invoke(uint32_t command, CommandParameters* parameters) {
 void Session::Close() {
   const std::lock_guard<std::mutex> lock(mutex_);
   CloseLocked();
-  ended_ = true;
 }
 
 void Session::CloseLocked() {
-  if (state_ != State::kClosed) app_->Close();
+  if (state_ == State::kOpen || state_ == State::kDead) app_->Close();
   state_ = State::kClosed;
 }
 

@@ -29,7 +29,7 @@ class Session {
   Handle context() const { return context_; }
 
  private:
-  enum class State { kClosed, kOpen, kDead };
+  enum class State { kNew, kOpen, kDead, kClosed };
 
   Reply CallApp(uint32_t command, CommandParameters* parameters);
   void CloseLocked();
@@ -37,8 +37,7 @@ class Session {
   const std::unique_ptr<AppSession> app_;
   const Handle context_;
   std::mutex mutex_;
-  State state_ = State::kClosed;
-  bool ended_ = false;
+  State state_ = State::kNew;
 };
 
 // A context that was taken out, and what was still open in it.

@@ -75,7 +75,7 @@ bool Find(const std::string& request, const Kinds& kinds, int32_t result,
 bool IsDiagnostic(const std::string& message) {
   if (message[0] == '-') return true;
   for (const auto& [key, row] : All().at(kDiagnostics)) {
-    if (Join(key.second, "").find(message) != std::string::npos) return true;
+    if (key.second.find(message) != std::string::npos) return true;
   }
   return false;
 }

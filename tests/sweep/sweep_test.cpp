@@ -6,6 +6,7 @@
 #include <keymaster_tivas_context.h>
 #include <keymaster_ts.h>
 
+#include <algorithm>
 #include <iostream>
 
 #include "marshal/little_endian.h"
@@ -86,11 +87,8 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
     const int32_t code = std::stoi(result.at('r'));
     if (code != 0 || kinds.count("reply") == 0) {
       // What follows where the log leaves that of the request when all is well.
-      auto from = log_.begin();
-      for (auto at = baseline_log_.begin();
-           from != log_.end() && at != baseline_log_.end() && *from == *at; ++at) {
-        ++from;
-      }
+      const auto from =
+          std::mismatch(log_.begin(), log_.end(), baseline_log_.begin(), baseline_log_.end()).first;
       EXPECT_EQ("", Documented(GetParam().name, kinds, code, Lines(from, log_.end())));
     }
     const std::string& left = GetParam().left;

@@ -46,7 +46,7 @@ void RunAttest(const AttestArgs& args) {
   NeedFileForJson(args.out);
   const Key key(args.key);
   ParamList params;
-  key.AddBinding(&params);
+  key.binding().AddTo(&params);
   params.Add(KM_TAG_ATTESTATION_CHALLENGE, ParseBytes(args.challenge));
   params.Add(KM_TAG_ATTESTATION_APPLICATION_ID, ParseBytes(args.attest_app_id));
   for (const std::string& text : args.extra) params.AddText(text);

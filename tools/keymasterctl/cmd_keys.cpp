@@ -66,7 +66,7 @@ void RunUpgrade(const UpgradeArgs& args) {
   NeedFileForJson(path);
   const Key key(args.key);
   ParamList params;
-  key.AddBinding(&params);
+  key.binding().AddTo(&params);
   Session session;
   OwnedKeyBlob upgraded;
   Check("upgrade", session->TivasKmUpgradeKey(key.blob(), params.set(), &upgraded), args.key.path);

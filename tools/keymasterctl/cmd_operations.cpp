@@ -31,12 +31,9 @@ struct OperationArgs {
 };
 
 // Returns the token that the options give for an operation: 0 for begin, then by its handle.
-Bytes TokenFor(const OperationArgs& args, Session& session, uint64_t challenge) {
-  if (args.token_path) {
-    // The file may be a stream, so it is read once.
-    static const Bytes given = ReadFile(*args.token_path);
-    return given;
-  }
+Bytes TokenFor(const OperationArgs& args, const std::optional<Bytes>& given, Session& session,
+               uint64_t challenge) {
+  if (given) return *given;
   AuthTokenArgs token;
   token.sid = args.sid.value_or(0);
   token.challenge = challenge;
@@ -51,13 +48,16 @@ struct Prepared {
       : key(args.key),
         input(args.in),
         plan(PlanOperation(session, key, purpose, args.choice, &params)) {
-    if (Authenticates(args)) params.Add(KM_TAG_AUTH_TOKEN, TokenFor(args, session, 0));
+    // Read once, since it may be a stream.
+    if (args.token_path) token = ReadFile(*args.token_path);
+    if (Authenticates(args)) params.Add(KM_TAG_AUTH_TOKEN, TokenFor(args, token, session, 0));
   }
   Session session;
   Key key;
   Input input;
   ParamList params;
   OperationPlan plan;
+  std::optional<Bytes> token;
 };
 
 // An operation that has begun, with its user's token and its associated data.
@@ -65,7 +65,8 @@ class Begun : public Operation {
  public:
   Begun(const OperationArgs& args, keymaster_purpose_t purpose, Prepared* prepared)
       : Operation(prepared->session, purpose, prepared->key, &prepared->params) {
-    if (Authenticates(args)) SetAuthToken(TokenFor(args, prepared->session, handle()));
+    if (Authenticates(args))
+      SetAuthToken(TokenFor(args, prepared->token, prepared->session, handle()));
     if (!args.aad.empty()) AddAssociatedData(ParseBytes(args.aad));
   }
 };

@@ -94,8 +94,9 @@ Bytes ReadFile(const std::string& path) {
   }
 }
 
-Output::Output(const std::string& path, Access access, Release release)
-    : path_(path), access_(access), hold_(release == Release::kAtCommit) {
+// Delegates, so that what fails below has its file closed and removed.
+Output::Output(const std::string& path, Access access, Release release) : Output(access, release) {
+  path_ = path;
   if (path == "-") {
     fd_ = STDOUT_FILENO;
     return;
@@ -115,8 +116,6 @@ Output::Output(const std::string& path, Access access, Release release)
   hold_ = false;
   OpenTemporary(path);
   if (exists && access_ == Access::kByUmask && !KeepMode(status.st_mode & 0777)) {
-    close(fd_);
-    if (!temporary_.empty()) unlink(temporary_.c_str());
     throw SystemFailure("cannot write", path);
   }
 }

@@ -55,6 +55,7 @@ class Output {
   uint64_t bytes() const { return bytes_; }
 
  private:
+  Output(Access access, Release release) : access_(access), hold_(release == Release::kAtCommit) {}
   void OpenTemporary(const std::string& path);
   bool KeepMode(mode_t mode) const;
   void NameTemporary();

@@ -128,18 +128,16 @@ void AddGivenDate(keymaster_tag_t tag, const std::optional<std::string>& text, P
   if (text) params->Add(tag, ParseDate(*text));
 }
 
+// Comes behind all else: a key is for anybody unless a user is named, in whatever way.
 void AddAuthentication(const NewKeyArgs& args, ParamList* params) {
-  if (args.no_auth) params->AddFlag(KM_TAG_NO_AUTH_REQUIRED);
-  if (args.auth_sids.empty()) return;
   for (uint64_t sid : args.auth_sids) params->Add(KM_TAG_USER_SECURE_ID, sid);
-  params->Add(KM_TAG_USER_AUTH_TYPE,
-              args.auth_type.value_or(HW_AUTH_PASSWORD | HW_AUTH_FINGERPRINT));
-  AddGiven(KM_TAG_AUTH_TIMEOUT, args.auth_timeout, params);
-}
-
-// A key is for anybody unless a user is named.
-void AddDefaultAuthentication(const NewKeyArgs& args, ParamList* params) {
-  if (params->Contains(KM_TAG_USER_SECURE_ID) || params->Contains(KM_TAG_NO_AUTH_REQUIRED)) return;
+  if (!args.auth_sids.empty()) {
+    params->Add(KM_TAG_USER_AUTH_TYPE,
+                args.auth_type.value_or(HW_AUTH_PASSWORD | HW_AUTH_FINGERPRINT));
+    AddGiven(KM_TAG_AUTH_TIMEOUT, args.auth_timeout, params);
+  }
+  const bool wanted = args.no_auth || !params->Contains(KM_TAG_USER_SECURE_ID);
+  if (!wanted || params->Contains(KM_TAG_NO_AUTH_REQUIRED)) return;
   for (const std::string& text : args.extra) {
     if (TagByName(text.substr(0, text.find('='))) == KM_TAG_NO_AUTH_REQUIRED) {
       throw UsageFailure("a key that is not for anybody needs --auth-sid");
@@ -191,22 +189,22 @@ void AddKeyOptions(const Command& command, KeyArgs* args) {
   AddBindingOptions(command, &args->binding);
 }
 
-Key::Key(const KeyArgs& args) : path_(args.path), material_(ReadFile(args.path)) {
-  if (material_.empty()) throw Failure(args.path + " is empty: no key file");
-  blob_ = KeyView(material_);
-  if (args.binding.app_id) {
-    app_id_ = ParseBytes(*args.binding.app_id);
-    app_id_view_ = View(*app_id_);
-  }
-  if (args.binding.app_data) {
-    app_data_ = ParseBytes(*args.binding.app_data);
-    app_data_view_ = View(*app_data_);
-  }
+Binding::Binding(const BindingArgs& args) {
+  if (args.app_id) app_id = ParseBytes(*args.app_id);
+  if (args.app_data) app_data = ParseBytes(*args.app_data);
 }
 
-void Key::AddBinding(ParamList* params) const {
-  if (app_id_) params->Add(KM_TAG_APPLICATION_ID, *app_id_);
-  if (app_data_) params->Add(KM_TAG_APPLICATION_DATA, *app_data_);
+void Binding::AddTo(ParamList* params) const {
+  if (app_id) params->Add(KM_TAG_APPLICATION_ID, *app_id);
+  if (app_data) params->Add(KM_TAG_APPLICATION_DATA, *app_data);
+}
+
+Key::Key(const KeyArgs& args)
+    : path_(args.path), material_(ReadFile(args.path)), binding_(args.binding) {
+  if (material_.empty()) throw Failure(args.path + " is empty: no key file");
+  blob_ = KeyView(material_);
+  if (binding_.app_id) app_id_view_ = View(*binding_.app_id);
+  if (binding_.app_data) app_data_view_ = View(*binding_.app_data);
 }
 
 Option AddNewKeyOptions(const Command& command, NewKeyArgs* args) {
@@ -248,13 +246,7 @@ void FillNewKeyParams(NewKeyArgs args, ParamList* params) {
   AddAll(KM_TAG_PADDING, args.paddings, params);
   AddAll(KM_TAG_BLOCK_MODE, args.modes, params);
   AddGiven(KM_TAG_MIN_MAC_LENGTH, args.min_mac, params);
-  AddAuthentication(args, params);
-  if (args.binding.app_id) {
-    params->Add(KM_TAG_APPLICATION_ID, ParseBytes(*args.binding.app_id));
-  }
-  if (args.binding.app_data) {
-    params->Add(KM_TAG_APPLICATION_DATA, ParseBytes(*args.binding.app_data));
-  }
+  Binding(args.binding).AddTo(params);
   if (args.caller_nonce) params->AddFlag(KM_TAG_CALLER_NONCE);
   if (args.unlocked_device) params->AddFlag(KM_TAG_UNLOCKED_DEVICE_REQUIRED);
   if (args.early_boot) params->AddFlag(KM_TAG_EARLY_BOOT_ONLY);
@@ -265,7 +257,7 @@ void FillNewKeyParams(NewKeyArgs args, ParamList* params) {
   AddGiven(KM_TAG_MAX_USES_PER_BOOT, args.max_uses, params);
   AddGiven(KM_TAG_MIN_SECONDS_BETWEEN_OPS, args.min_seconds, params);
   for (const std::string& text : args.extra) params->AddText(text);
-  AddDefaultAuthentication(args, params);
+  AddAuthentication(args, params);
   if (!params->Contains(KM_TAG_CREATION_DATETIME)) {
     params->Add(KM_TAG_CREATION_DATETIME, static_cast<uint64_t>(time(nullptr)) * 1000);
   }

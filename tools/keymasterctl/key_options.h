@@ -26,6 +26,16 @@ void AddBindingOptions(const Command& command, BindingArgs* args);
 // AddKeyOptions adds --key with --app-id and --app-data, for a command that uses a key.
 void AddKeyOptions(const Command& command, KeyArgs* args);
 
+// Binding is what a key is bound to, read once: an option may name a stream.
+struct Binding {
+  explicit Binding(const BindingArgs& args);
+  // Adds both to the parameters of a request, which carries them there.
+  void AddTo(ParamList* params) const;
+
+  std::optional<Bytes> app_id;
+  std::optional<Bytes> app_data;
+};
+
 // Key is a key file's content as the library takes it.
 class Key {
  public:
@@ -34,16 +44,14 @@ class Key {
   const std::string& path() const { return path_; }
   const keymaster_key_blob_t* blob() const { return &blob_; }
   // Null where the user gave none.
-  const keymaster_blob_t* app_id() const { return app_id_ ? &app_id_view_ : nullptr; }
-  const keymaster_blob_t* app_data() const { return app_data_ ? &app_data_view_ : nullptr; }
-  // Adds both to the parameters of a request, which carries them there.
-  void AddBinding(ParamList* params) const;
+  const keymaster_blob_t* app_id() const { return binding_.app_id ? &app_id_view_ : nullptr; }
+  const keymaster_blob_t* app_data() const { return binding_.app_data ? &app_data_view_ : nullptr; }
+  const Binding& binding() const { return binding_; }
 
  private:
   std::string path_;
   Bytes material_;
-  std::optional<Bytes> app_id_;
-  std::optional<Bytes> app_data_;
+  Binding binding_;
   keymaster_key_blob_t blob_;
   keymaster_blob_t app_id_view_ = {};
   keymaster_blob_t app_data_view_ = {};

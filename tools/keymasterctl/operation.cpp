@@ -125,7 +125,7 @@ OperationPlan PlanOperation(Session& session, const Key& key, keymaster_purpose_
   OperationPlan plan;
   plan.algorithm = facts.algorithm;
   const bool signs = purpose == KM_PURPOSE_SIGN || purpose == KM_PURPOSE_VERIFY;
-  key.AddBinding(params);
+  key.binding().AddTo(params);
   if (facts.algorithm == KM_ALGORITHM_RSA) {
     PlanRsa(facts, signs, choice, params);
   } else if (facts.algorithm == KM_ALGORITHM_EC) {
