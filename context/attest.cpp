@@ -5,13 +5,14 @@
 #include "context/owned_buffer.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
-#include "marshal/log.h"
 #include "marshal/param_set.h"
 #include "marshal/reply_reader.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
 
-constexpr uint32_t kChainCapacity = 8192;
 constexpr uint32_t kMinCertificates = 2;
 // What the shortest certificate takes in the reply: its length field and one byte.
 constexpr uint32_t kMinEntrySize = sizeof(uint32_t) + 1;

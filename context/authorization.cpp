@@ -5,8 +5,10 @@
 #include "context/caller_blob.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
-#include "marshal/little_endian.h"
-#include "marshal/log.h"
+#include "wire/little_endian.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
 

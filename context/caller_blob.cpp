@@ -4,7 +4,9 @@
 
 #include <utility>
 
-#include "marshal/log.h"
+#include "wire/log.h"
+
+namespace km41 {
 
 CopyResult CopyBytes(const uint8_t* from, uint32_t length, MallocBuffer* copy) {
   MallocBuffer bytes = AllocateBytes(length);
@@ -113,3 +115,5 @@ int32_t CopyOutputData(keymaster_blob_t* output, uint32_t length, const uint8_t*
   KM_LOGI("output data size=%zu", output->data_length);
   return KM_ERROR_OK;
 }
+
+}  // namespace km41

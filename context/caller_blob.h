@@ -6,6 +6,8 @@
 
 #include "context/owned_buffer.h"
 
+namespace km41 {
+
 enum class CopyResult { kCopied, kNoMemory, kCopyFailed };
 
 // CopyBytes copies length bytes into a new buffer of exactly that size.
@@ -42,5 +44,7 @@ int32_t FillKeyCharacteristics(keymaster_key_blob_t* key_blob,
 // CopyOutputData copies a reply of up to 4096 bytes into output (may be null). 0, -32, -41 or
 // -1000; output is null with length 0 for an empty reply and after a failed allocation or copy.
 int32_t CopyOutputData(keymaster_blob_t* output, uint32_t length, const uint8_t* data);
+
+}  // namespace km41
 
 #endif  // CONTEXT_CALLER_BLOB_H

@@ -5,7 +5,9 @@
 #include "context/caller_blob.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
-#include "marshal/log.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
 

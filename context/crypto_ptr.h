@@ -10,6 +10,8 @@
 
 #include <memory>
 
+namespace km41 {
+
 struct CryptoDeleter {
   void operator()(BIGNUM* number) const { BN_free(number); }
   void operator()(EC_KEY* key) const { EC_KEY_free(key); }
@@ -20,5 +22,7 @@ struct CryptoDeleter {
 
 template <typename T>
 using CryptoPtr = std::unique_ptr<T, CryptoDeleter>;
+
+}  // namespace km41
 
 #endif  // CONTEXT_CRYPTO_PTR_H

@@ -6,13 +6,12 @@
 #include "context/owned_buffer.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
-#include "marshal/log.h"
 #include "marshal/reply_reader.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
-
-// The reply's header: algorithm, key size in bits, and the lengths of two integers, each 4 bytes.
-constexpr uint32_t kPublicKeyHeader = 16;
 
 // The two integers of a raw public key: modulus and exponent, or X and Y.
 struct RawPublicKey {

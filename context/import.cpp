@@ -9,7 +9,9 @@
 #include "context/key_material.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
-#include "marshal/log.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
 
@@ -102,6 +104,8 @@ int32_t GiveReplies(ImportReplies* replies, keymaster_key_blob_t* key_blob,
 
 }  // namespace
 
+namespace km41 {
+
 WrappedImportScope::WrappedImportScope() { g_wrappedKeyImport = true; }
 
 WrappedImportScope::~WrappedImportScope() { g_wrappedKeyImport = false; }
@@ -125,6 +129,8 @@ int32_t SendImport(const SerializedParams& params, const uint8_t* key_material, 
   }
   return static_cast<int32_t>(tee_result);
 }
+
+}  // namespace km41
 
 namespace keymaster {
 

@@ -4,6 +4,8 @@
 
 #include "context/owned_buffer.h"
 
+namespace km41 {
+
 // Where a key comes from, as the TA is told with every import.
 enum class ImportSource : uint8_t { kGenerated = 0, kCaller = 1, kUnwrapped = 2 };
 
@@ -27,5 +29,7 @@ class WrappedImportScope {
   WrappedImportScope(const WrappedImportScope&) = delete;
   WrappedImportScope& operator=(const WrappedImportScope&) = delete;
 };
+
+}  // namespace km41
 
 #endif  // CONTEXT_IMPORT_H

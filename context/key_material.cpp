@@ -5,13 +5,12 @@
 
 #include "context/crypto_ptr.h"
 #include "keymaster_ts.h"
-#include "marshal/little_endian.h"
-#include "marshal/log.h"
+#include "wire/little_endian.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
-
-constexpr uint32_t kRsaHeaderSize = 36;
-constexpr uint32_t kEcHeaderSize = 20;
 
 // The form of RSA key material.
 constexpr uint32_t kRsaPrivateExponentForm = 1;
@@ -79,7 +78,7 @@ class MaterialWriter {
   uint8_t* const buffer_;
   const uint32_t header_size_;
   uint32_t* const length_;
-  uint8_t header_[kRsaHeaderSize] = {};
+  uint8_t header_[kRsaMaterialHeader] = {};
 };
 
 bool AppendRsaPrivate(const RSA* key, const BIGNUM* d, MaterialWriter* writer) {
@@ -153,6 +152,8 @@ int GetKeySizeFromNid(int nid) {
   return 0;
 }
 
+namespace km41 {
+
 int32_t BuildRsaKeyMaterial(uint8_t* buffer, const RSA* key, uint32_t* length) {
   if (buffer == nullptr || key == nullptr || length == nullptr) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
@@ -164,7 +165,7 @@ int32_t BuildRsaKeyMaterial(uint8_t* buffer, const RSA* key, uint32_t* length) {
   if (e == nullptr) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
-  MaterialWriter writer(buffer, kRsaHeaderSize, length);
+  MaterialWriter writer(buffer, kRsaMaterialHeader, length);
   const Component public_part[] = {{n, "rsa->n", 8}, {e, "rsa->e", 12}};
   if (!writer.Append(public_part) || !AppendRsaPrivate(key, d, &writer)) {
     return KM_ERROR_UNKNOWN_ERROR;
@@ -201,7 +202,7 @@ int32_t BuildEcKeyMaterial(uint8_t* buffer, const EC_KEY* key, uint32_t* length)
     KM_LOGE("%s : failed to get affine_coordinates\n", kLogFailure);
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  MaterialWriter writer(buffer, kEcHeaderSize, length);
+  MaterialWriter writer(buffer, kEcMaterialHeader, length);
   const auto key_size = static_cast<uint32_t>(GetKeySizeFromNid(nid));
   PutU32(writer.header(), key_size);
   writer.header()[4] = static_cast<uint8_t>(form);
@@ -212,3 +213,5 @@ int32_t BuildEcKeyMaterial(uint8_t* buffer, const EC_KEY* key, uint32_t* length)
   }
   return KM_ERROR_OK;
 }
+
+}  // namespace km41

@@ -6,7 +6,9 @@
 #include <openssl/rsa.h>
 #include <stdint.h>
 
-constexpr uint32_t kKeyMaterialCapacity = 4096;
+#include "wire/ta_protocol.h"
+
+namespace km41 {
 
 // BuildRsaKeyMaterial encodes an RSA private key into a buffer of kKeyMaterialCapacity bytes: in
 // CRT form when all five CRT values are there, else with the private exponent. *length receives
@@ -16,5 +18,7 @@ int32_t BuildRsaKeyMaterial(uint8_t* buffer, const RSA* key, uint32_t* length);
 
 // BuildEcKeyMaterial does the same with an EC private key. 0, or -1000.
 int32_t BuildEcKeyMaterial(uint8_t* buffer, const EC_KEY* key, uint32_t* length);
+
+}  // namespace km41
 
 #endif  // CONTEXT_KEY_MATERIAL_H

@@ -4,7 +4,9 @@
 
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
-#include "marshal/log.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
 

@@ -5,8 +5,10 @@
 #include "context/operation_outputs.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
-#include "marshal/log.h"
 #include "marshal/param_set.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
 

@@ -4,6 +4,8 @@
 
 #include "context/owned_buffer.h"
 
+namespace km41 {
+
 // ClearOutputs leaves both outputs null with length 0; each may be null.
 inline void ClearOutputs(keymaster_key_param_set_t* out_params, keymaster_blob_t* output) {
   if (out_params != nullptr) {
@@ -22,5 +24,7 @@ inline bool DecodeOutParams(ReplyBuffer* reply, keymaster_key_param_set_t* out_p
   }
   return reply->fits() && BuildKeyParamSet(out_params, reply->data(), reply->length()) == 0;
 }
+
+}  // namespace km41
 
 #endif  // CONTEXT_OPERATION_OUTPUTS_H

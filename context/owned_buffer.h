@@ -7,8 +7,9 @@
 
 #include "keymaster_ts.h"
 #include "marshal/malloc_buffer.h"
+#include "wire/ta_protocol.h"
 
-constexpr uint32_t kReplyCapacity = 4096;
+namespace km41 {
 
 // ReplyBuffer is where one TA reply lands. It is zeroed when made, since some commands send it
 // along, and knows its capacity: a reported length beyond that is never read.
@@ -92,5 +93,7 @@ class SerializedParams {
   MallocBuffer bytes_;
   uint32_t length_ = 0;
 };
+
+}  // namespace km41
 
 #endif  // CONTEXT_OWNED_BUFFER_H

@@ -1,6 +1,8 @@
 #include "context/owned_buffer.h"
 #include "marshal/km_params_owner.h"
 
+namespace km41 {
+
 namespace {
 
 bool AddBytes(KmParams* record, keymaster_tag_t tag, const keymaster_blob_t& value) {
@@ -32,3 +34,5 @@ bool SerializedParams::BuildClient(const keymaster_blob_t* client_id,
   bytes_.reset(bytes);
   return built;
 }
+
+}  // namespace km41

@@ -4,8 +4,11 @@
 #include <securec.h>
 #include <string.h>
 
-#include "diag/log.h"
 #include "keymaster_ts.h"
+#include "wire/log.h"
+#include "wire/ta_protocol.h"
+
+using namespace km41;
 
 namespace {
 
@@ -14,7 +17,6 @@ constexpr uint32_t kReportedTaErrorEvent = 940003100;
 constexpr uint32_t kTeeLogArchiveEvent = 901002003;
 
 // The TA's error record: code, line and name length, 4 bytes each, then the function name.
-constexpr uint32_t kMaxErrorRecord = 1024;
 constexpr uint32_t kErrorRecordHeader = 12;
 
 constexpr uint32_t kFirstReportedCode = 0xF0100001;
@@ -70,7 +72,7 @@ uint32_t RecordField(const uint8_t* record, uint32_t length, uint32_t offset) {
 }
 
 bool ReadErrorRecord(const uint8_t* record, uint32_t length, CaDfxInfo* event) {
-  if (length > kMaxErrorRecord) {
+  if (length > kErrorRecordCapacity) {
     EVENT_LOGE(" error_len is to long -- len = %u ", length);
     return false;
   }
@@ -131,15 +133,15 @@ bool SetTaErrorParams(Event* event, const CaDfxInfo& info, const TaErrorTexts& t
 bool SendArchiveEvent() {
   Event event(kTeeLogArchiveEvent);
   if (!event.created()) {
-    ARCHIVE_LOGE("create teeos eventobj failed\n");
+    TEE_LOGE("create teeos eventobj failed\n");
     return false;
   }
   if (!event.SetFirst("teeos")) {
-    ARCHIVE_LOGE("qavix_set_param failed\n");
+    TEE_LOGE("qavix_set_param failed\n");
     return false;
   }
   if (event.Send() < 0) {
-    ARCHIVE_LOGE("qavix send event failed\n");
+    TEE_LOGE("qavix send event failed\n");
     return false;
   }
   return true;
@@ -215,6 +217,6 @@ void QavixKeyMaster(const uint32_t* call, const uint8_t* info, uint32_t info_len
 
 void TeeosLogExceptionArchive(void* /*arg*/) {
   if (SendArchiveEvent()) {
-    ARCHIVE_LOGE("teeos log is uploaded!\n");
+    TEE_LOGE("teeos log is uploaded!\n");
   }
 }

@@ -7,10 +7,12 @@
 #include <initializer_list>
 
 #include "keymaster_ts.h"
-#include "marshal/little_endian.h"
-#include "marshal/log.h"
 #include "marshal/malloc_buffer.h"
 #include "marshal/param_set.h"
+#include "wire/little_endian.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
 

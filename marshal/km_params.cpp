@@ -5,10 +5,12 @@
 #include <string.h>
 
 #include "keymaster_ts.h"
-#include "marshal/little_endian.h"
-#include "marshal/log.h"
 #include "marshal/malloc_buffer.h"
 #include "marshal/param_entry.h"
+#include "wire/little_endian.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
 

@@ -4,6 +4,8 @@
 
 #include "keymaster_ts.h"
 
+namespace km41 {
+
 struct KmParamsOwner {
   KmParamsOwner() = default;
   ~KmParamsOwner() { FreeKmParams(&record); }
@@ -12,5 +14,7 @@ struct KmParamsOwner {
 
   KmParams record = {};
 };
+
+}  // namespace km41
 
 #endif  // MARSHAL_KM_PARAMS_OWNER_H

@@ -7,6 +7,8 @@
 
 #include <memory>
 
+namespace km41 {
+
 struct FreeDeleter {
   void operator()(void* memory) const { free(memory); }
 };
@@ -18,5 +20,7 @@ using MallocBuffer = std::unique_ptr<uint8_t, FreeDeleter>;
 inline MallocBuffer AllocateBytes(size_t size) {
   return MallocBuffer(static_cast<uint8_t*>(malloc(size)));
 }
+
+}  // namespace km41
 
 #endif  // MARSHAL_MALLOC_BUFFER_H

@@ -5,9 +5,12 @@
 #include <stdint.h>
 
 #include "keymaster_ts.h"
-#include "marshal/little_endian.h"
+#include "wire/little_endian.h"
+#include "wire/ta_protocol.h"
 
-constexpr uint32_t kParamEntrySize = sizeof(KmParamEntry);
+namespace km41 {
+
+static_assert(sizeof(KmParamEntry) == kParamEntrySize, "an entry is its wire form");
 
 // What each tag type, the top four bits of a tag, carries.
 enum class ValueKind : uint8_t { kNone, kU32, kU64, kBool, kBytes };
@@ -88,5 +91,7 @@ inline void DecodeEntry(const uint8_t* entry, keymaster_key_param_t* param) {
       break;
   }
 }
+
+}  // namespace km41
 
 #endif  // MARSHAL_PARAM_ENTRY_H

@@ -4,6 +4,8 @@
 
 #include "marshal/param_entry.h"
 
+namespace km41 {
+
 keymaster_key_param_t* FindParam(const keymaster_key_param_set_t& set, keymaster_tag_t tag) {
   for (size_t i = 0; i < set.length; ++i) {
     if (set.params[i].tag == tag) {
@@ -28,3 +30,5 @@ void ReleaseCharacteristics(keymaster_key_characteristics_t* characteristics) {
   ReleaseParamSet(&characteristics->hw_enforced);
   ReleaseParamSet(&characteristics->sw_enforced);
 }
+
+}  // namespace km41

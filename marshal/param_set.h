@@ -4,6 +4,8 @@
 
 #include <hardware/keymaster_defs.h>
 
+namespace km41 {
+
 // FindParam returns the first parameter of that tag, null when there is none. The set's array is
 // not null unless its length is 0.
 keymaster_key_param_t* FindParam(const keymaster_key_param_set_t& set, keymaster_tag_t tag);
@@ -14,5 +16,7 @@ void ReleaseParamSet(keymaster_key_param_set_t* set);
 
 // ReleaseCharacteristics does so with both lists.
 void ReleaseCharacteristics(keymaster_key_characteristics_t* characteristics);
+
+}  // namespace km41
 
 #endif  // MARSHAL_PARAM_SET_H

@@ -5,11 +5,13 @@
 #include <stdlib.h>
 
 #include "keymaster_ts.h"
-#include "marshal/log.h"
 #include "marshal/malloc_buffer.h"
 #include "marshal/param_entry.h"
 #include "marshal/param_set.h"
 #include "marshal/reply_reader.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
 

@@ -4,7 +4,9 @@
 
 #include <stdint.h>
 
-#include "marshal/little_endian.h"
+#include "wire/little_endian.h"
+
+namespace km41 {
 
 // ReplyReader walks a reply it does not own. A failed read consumes nothing.
 class ReplyReader {
@@ -37,5 +39,7 @@ class ReplyReader {
   const uint32_t length_;
   uint32_t position_ = 0;
 };
+
+}  // namespace km41
 
 #endif  // MARSHAL_REPLY_READER_H

@@ -8,7 +8,9 @@
 #include <new>
 
 #include "state.h"
-#include "tee/ta_protocol.h"
+#include "wire/ta_protocol.h"
+
+using namespace km41;  // the protocol's constants
 
 namespace ta {
 namespace {

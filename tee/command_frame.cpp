@@ -1,16 +1,18 @@
 #include "tee/command_frame.h"
 
 #include "keymaster_ts.h"
-#include "tee/log.h"
 #include "tee/watchdog.h"
+#include "wire/log.h"
+
+namespace km41 {
 
 uint32_t RefuseArguments() {
-  TEE_LOGE("%s : invalid parameters", kTeeLogFailure);
+  TEE_LOGE("%s : invalid parameters", kLogFailure);
   return TEEC_ERROR_BAD_PARAMETERS;
 }
 
 uint32_t RefuseParams() {
-  TEE_LOGE("%s : invalid params", kTeeLogFailure);
+  TEE_LOGE("%s : invalid params", kLogFailure);
   return TEEC_ERROR_BAD_PARAMETERS;
 }
 
@@ -67,9 +69,8 @@ void CommandFrame::OptionalInput(uint32_t index, const uint8_t* buffer, const ui
 }
 
 uint32_t CommandFrame::CappedSize(uint32_t index) const {
-  constexpr uint32_t kCap = 4096;
   const uint32_t size = ReportedSize(index);
-  return size < kCap ? size : kCap;
+  return size < kReplyCapacity ? size : kReplyCapacity;
 }
 
 uint32_t CommandFrame::Send() {
@@ -99,3 +100,5 @@ uint32_t CommandFrame::Conclude(uint32_t result) {
   Close();
   return result;
 }
+
+}  // namespace km41

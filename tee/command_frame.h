@@ -5,7 +5,9 @@
 #include <stdint.h>
 
 #include "tee/session.h"
-#include "tee/ta_protocol.h"
+#include "wire/ta_protocol.h"
+
+namespace km41 {
 
 // RefuseArguments logs that a required argument, or the TEE context, is missing.
 uint32_t RefuseArguments();
@@ -68,5 +70,7 @@ class CommandFrame {
   TEEC_Operation operation_ = {};
   uint32_t return_origin_ = 0;
 };
+
+}  // namespace km41
 
 #endif  // TEE_COMMAND_FRAME_H

@@ -4,8 +4,10 @@
 
 #include "keymaster_ts.h"
 #include "tee/command_frame.h"
-#include "tee/log.h"
 #include "tee/tee_context.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 using AfterFailure = CommandFrame::AfterFailure;
 

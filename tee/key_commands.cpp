@@ -4,8 +4,10 @@
 
 #include "keymaster_ts.h"
 #include "tee/command_frame.h"
-#include "tee/log.h"
 #include "tee/tee_context.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 using AfterFailure = CommandFrame::AfterFailure;
 
@@ -48,7 +50,7 @@ uint32_t TeeGenerateKey(const uint8_t* params, uint32_t params_len, uint8_t* key
     return RefuseArguments();
   }
   if (*key_blob_len == 0) {
-    TEE_LOGE("%s : invalid keyblob len", kTeeLogFailure);
+    TEE_LOGE("%s : invalid keyblob len", kLogFailure);
     return TEEC_ERROR_BAD_PARAMETERS;
   }
   CommandFrame command(kCmdGenerateKey, "TeeGenerateKey", AfterFailure::kFetchErrorRecord);
@@ -78,7 +80,7 @@ uint32_t TeeGetKeyCharacteristics(const uint8_t* params, uint32_t params_len,
     return RefuseArguments();
   }
   if (*out_len == 0) {
-    TEE_LOGE("%s : invalid keyCharacter len", kTeeLogFailure);
+    TEE_LOGE("%s : invalid keyCharacter len", kLogFailure);
     return TEEC_ERROR_BAD_PARAMETERS;
   }
   CommandFrame command(kCmdGetKeyCharacteristics, "TeeGetKeyCharacteristics",
@@ -95,7 +97,7 @@ uint32_t TeeImportKey(const uint8_t* params, uint32_t params_len, const uint8_t*
     return RefuseArguments();
   }
   if (*key_blob_len == 0) {
-    TEE_LOGE("%s : invalid keyBlobLen\n", kTeeLogFailure);
+    TEE_LOGE("%s : invalid keyBlobLen\n", kLogFailure);
     return TEEC_ERROR_BAD_PARAMETERS;
   }
   CommandFrame command(kCmdImportKey, "TeeImportKey", AfterFailure::kFetchErrorRecord);
@@ -130,7 +132,7 @@ uint32_t TeeExportKey(const uint8_t* params, uint32_t params_len, const uint8_t*
     return RefuseArguments();
   }
   if (out == nullptr || out_len == nullptr) {
-    TEE_LOGE("%s : pub key out is NULL\n", kTeeLogFailure);
+    TEE_LOGE("%s : pub key out is NULL\n", kLogFailure);
     return TEEC_ERROR_BAD_PARAMETERS;
   }
   CommandFrame command(kCmdExportKey, "TeeExportKey", AfterFailure::kNothing);
@@ -168,7 +170,7 @@ uint32_t TeeDeleteKey(const uint8_t* key_material, uint32_t key_material_size) {
   CommandFrame command(kCmdDeleteKey, "TeeDeleteKey", AfterFailure::kNothing);
   uint32_t result = command.OpenSession();
   if (result != TEEC_SUCCESS) {
-    TEE_LOGE("%s : OpenKmSession failed, ret = 0x%x\n", kTeeLogFailure, result);
+    TEE_LOGE("%s : OpenKmSession failed, ret = 0x%x\n", kLogFailure, result);
     return result;
   }
   result = command.ClearRecord();

@@ -7,6 +7,8 @@
 #include "tee/command_frame.h"
 #include "tee/tee_context.h"
 
+using namespace km41;
+
 using AfterFailure = CommandFrame::AfterFailure;
 
 uint32_t TeeBegin(uint32_t purpose, const uint8_t* params, uint32_t params_len,

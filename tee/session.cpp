@@ -4,10 +4,12 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "tee/log.h"
-#include "tee/ta_protocol.h"
 #include "tee/tee_context.h"
 #include "tee/watchdog.h"
+#include "wire/log.h"
+#include "wire/ta_protocol.h"
+
+namespace km41 {
 
 namespace {
 
@@ -49,7 +51,7 @@ bool ClearOperation(TEEC_Operation* operation) {
 
 uint32_t OpenKmSession(TEEC_Session** session, uint32_t* first_session) {
   if (session == nullptr || GlobalTeeContext() == nullptr) {
-    TEE_LOGE("%s : invalid parameters", kTeeLogFailure);
+    TEE_LOGE("%s : invalid parameters", kLogFailure);
     return TEEC_ERROR_BAD_PARAMETERS;
   }
   auto* block = static_cast<TEEC_Session*>(malloc(sizeof(TEEC_Session)));
@@ -82,3 +84,5 @@ void CloseKmSession(TEEC_Session* session, uint32_t first_session) {
   }
   free(session);
 }
+
+}  // namespace km41

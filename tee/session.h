@@ -5,6 +5,8 @@
 #include <stdint.h>
 #include <tee_client_api.h>
 
+namespace km41 {
+
 // OpenKmSession opens a session to the keymaster TA under the watchdog. On success *session is a
 // malloc block that CloseKmSession releases, and *first_session (may be null) is the TA's flag: 1
 // for the session that it keeps. On failure both are untouched. Returns a TEE result.
@@ -38,5 +40,7 @@ class KmSession {
   TEEC_Session* session_ = nullptr;
   uint32_t first_session_ = 0;
 };
+
+}  // namespace km41
 
 #endif  // TEE_SESSION_H

@@ -5,13 +5,13 @@
 #include <tee_client_api.h>
 
 #include "keymaster_ts.h"
-#include "tee/log.h"
 #include "tee/session.h"
-#include "tee/ta_protocol.h"
+#include "wire/log.h"
+#include "wire/ta_protocol.h"
+
+using namespace km41;
 
 namespace {
-
-constexpr uint32_t kErrorRecordCapacity = 1024;
 
 // Fetches the record into a buffer of kErrorRecordCapacity bytes and reports it.
 void FetchAndReport(TEEC_Session* session, const uint32_t* call, uint8_t* record) {

@@ -4,7 +4,9 @@
 #include <stdlib.h>
 
 #include "keymaster_ts.h"
-#include "tee/log.h"
+#include "wire/log.h"
+
+using namespace km41;
 
 namespace {
 
@@ -18,7 +20,11 @@ void DropContext() {
 
 }  // namespace
 
+namespace km41 {
+
 TEEC_Context* GlobalTeeContext() { return g_context; }
+
+}  // namespace km41
 
 uint32_t Ts_Initcontext() {
   if (g_context != nullptr) {

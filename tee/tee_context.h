@@ -4,8 +4,12 @@
 
 #include <tee_client_api.h>
 
+namespace km41 {
+
 // GlobalTeeContext returns the context, null while there is none. Only Ts_Initcontext and
 // Ts_Finishcontext change it, and they do not run beside a command.
 TEEC_Context* GlobalTeeContext();
+
+}  // namespace km41
 
 #endif  // TEE_TEE_CONTEXT_H

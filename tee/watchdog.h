@@ -6,6 +6,8 @@
 
 #include "keymaster_ts.h"
 
+namespace km41 {
+
 // WatchdogBracket guards the calls made while it lives: an overrun archives the TEE's log as a
 // fault event. It neither cancels nor changes the guarded call.
 class WatchdogBracket {
@@ -21,5 +23,7 @@ class WatchdogBracket {
   static constexpr unsigned kFlags = 3;
   const int id_;
 };
+
+}  // namespace km41
 
 #endif  // TEE_WATCHDOG_H

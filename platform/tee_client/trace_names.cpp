@@ -7,9 +7,11 @@
 #include <iterator>
 #include <sstream>
 
-#include "tee/ta_protocol.h"
+#include "wire/ta_protocol.h"
 
 namespace {
+
+using namespace km41;  // the protocol's constants
 
 constexpr Content kHidden = Content::kSecret;
 constexpr Content kPlain = Content::kPlain;

@@ -57,7 +57,7 @@ TEST_F(KeyMaterial, RsaFormFollowsTheNumbersAtHand) {
     expected.resize(36);
     expected = Cat({expected, numbers});
     uint32_t length = 0;
-    EXPECT_EQ(0, BuildRsaKeyMaterial(buffer.data(), RsaOf(row.length).get(), &length));
+    EXPECT_EQ(0, km41::BuildRsaKeyMaterial(buffer.data(), RsaOf(row.length).get(), &length));
     EXPECT_EQ(expected.size(), length);
     expected.resize(4096, 0xEE);
     EXPECT_EQ(expected, buffer);
@@ -69,7 +69,7 @@ TEST_F(KeyMaterial, RsaRefusals) {
   uint32_t length = 0;
   Bytes buffer(4096);
   const auto refusal = [&](const int(&lengths)[8]) {
-    EXPECT_EQ(-1000, BuildRsaKeyMaterial(buffer.data(), RsaOf(lengths).get(), &length));
+    EXPECT_EQ(-1000, km41::BuildRsaKeyMaterial(buffer.data(), RsaOf(lengths).get(), &length));
     return Log().back().substr(16);
   };
   EXPECT_EQ("rsa->n is too big, size=4061", refusal({4061, 1, 8}));
@@ -82,10 +82,10 @@ TEST_F(KeyMaterial, RsaRefusals) {
   EXPECT_EQ("rsa->iqmp is too big, size=5", refusal({4055, 1, 0, 1, 1, 1, 1, 5}));
   EXPECT_EQ("bn or name is NULL", refusal({5, 1}));
   const auto key = RsaOf({5, 1, 4}), empty = RsaOf({});
-  EXPECT_EQ(-32, BuildRsaKeyMaterial(buffer.data(), empty.get(), &length));
-  EXPECT_EQ(-32, BuildRsaKeyMaterial(nullptr, key.get(), &length));
-  EXPECT_EQ(-32, BuildRsaKeyMaterial(buffer.data(), nullptr, &length));
-  EXPECT_EQ(-32, BuildRsaKeyMaterial(buffer.data(), key.get(), nullptr));
+  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), empty.get(), &length));
+  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(nullptr, key.get(), &length));
+  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), nullptr, &length));
+  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), key.get(), nullptr));
   FailCall(Call::kMemcpyS, 1);
   EXPECT_EQ("[error] : copy key header failed", refusal({5, 1, 4}));
 }
@@ -107,7 +107,7 @@ TEST_F(KeyMaterial, EcHeaderTellsCurveAndForm) {
     EC_KEY_set_conv_form(key.get(), form);
     Bytes buffer(4096, 0xEE);
     uint32_t length = 0;
-    EXPECT_EQ(0, BuildEcKeyMaterial(buffer.data(), key.get(), &length));
+    EXPECT_EQ(0, km41::BuildEcKeyMaterial(buffer.data(), key.get(), &length));
     EXPECT_EQ(Cat({Le32(bits), Le32(form)}), Bytes(buffer.begin(), buffer.begin() + 8));
   }
 }
@@ -117,7 +117,7 @@ TEST_F(KeyMaterial, EcKeyMustBeWhole) {
   uint32_t length = 0;
   const std::unique_ptr<EC_KEY, Free> key(EC_KEY_new_by_curve_name(NID_X9_62_prime256v1));
   const auto refusal = [&] {
-    EXPECT_EQ(-1000, BuildEcKeyMaterial(buffer.data(), key.get(), &length));
+    EXPECT_EQ(-1000, km41::BuildEcKeyMaterial(buffer.data(), key.get(), &length));
     return Log().back();
   };
   EXPECT_EQ("E KeyMaster_Ts: [error] : EC_KEY_get0_public_key error\n", refusal());

@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <iostream>
 
-#include "marshal/little_endian.h"
+#include "wire/little_endian.h"
 #include "tests/platform/keymaster_test.h"
 #include "tests/sweep/failures.h"
 #include "tests/sweep/library_hooks.h"
@@ -166,7 +166,7 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
              write(Bytes(bytes.begin(), bytes.begin() + length)));
       }
       for (size_t at = 0; at + 4 <= full; at += 4) {
-        const uint32_t old = GetU32(&bytes[at]);
+        const uint32_t old = km41::GetU32(&bytes[at]);
         for (const uint32_t value :
              {0u, 1u, old - 1, old + 1, full - 1, full + 1, 1u << 31, 0xFFFFFFFFu}) {
           Bytes changed = bytes;

@@ -11,7 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "tee/ta_protocol.h"
+#include "wire/ta_protocol.h"
+
+using namespace km41;  // the protocol's constants
 
 using Str = std::string;
 

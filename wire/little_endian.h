@@ -1,10 +1,12 @@
 // The wire's integers: little-endian, at any alignment.
-#ifndef MARSHAL_LITTLE_ENDIAN_H
-#define MARSHAL_LITTLE_ENDIAN_H
+#ifndef WIRE_LITTLE_ENDIAN_H
+#define WIRE_LITTLE_ENDIAN_H
 
 #include <endian.h>
 #include <stdint.h>
 #include <string.h>
+
+namespace km41 {
 
 // Each is one move of the processor, which not every compiler makes of shifts and bytes.
 inline void PutU32(uint8_t* to, uint32_t value) {
@@ -29,4 +31,6 @@ inline uint64_t GetU64(const uint8_t* from) {
   return le64toh(wire);
 }
 
-#endif  // MARSHAL_LITTLE_ENDIAN_H
+}  // namespace km41
+
+#endif  // WIRE_LITTLE_ENDIAN_H
