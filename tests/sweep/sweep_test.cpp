@@ -9,11 +9,11 @@
 #include <algorithm>
 #include <iostream>
 
-#include "wire/little_endian.h"
 #include "tests/platform/keymaster_test.h"
 #include "tests/sweep/failures.h"
 #include "tests/sweep/library_hooks.h"
 #include "tests/sweep/requests.h"
+#include "wire/little_endian.h"
 
 namespace test {
 namespace {
