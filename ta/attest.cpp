@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <cstring>
 
-#include "attest_chain.h"
-#include "attest_extension.h"
-#include "commands.h"
-#include "key.h"
+#include "ta/attest_chain.h"
+#include "ta/attest_extension.h"
+#include "ta/commands.h"
+#include "ta/key.h"
 
 namespace ta {
 namespace {
@@ -41,7 +41,9 @@ RootOfTrust HostRootOfTrust() {
 // A key's own list without what only an attestation may add, and without the secure ids, which say
 // nothing to a relying party.
 ParamSet Attestable(ParamSet params) {
-  for (const DeviceId& id : kDeviceIds) params.Remove(id.tag);
+  for (const DeviceId& id : kDeviceIds) {
+    params.Remove(id.tag);
+  }
   params.Remove(KM_TAG_ATTESTATION_APPLICATION_ID);
   params.Remove(KM_TAG_ROOT_OF_TRUST);
   params.Remove(KM_TAG_USER_SECURE_ID);
@@ -52,7 +54,9 @@ ParamSet Attestable(ParamSet params) {
 bool AddDeviceIds(const ParamSet& request, ParamSet* tee_enforced) {
   for (const DeviceId& id : kDeviceIds) {
     const Param* const asked = request.Find(id.tag);
-    if (asked == nullptr) continue;
+    if (asked == nullptr) {
+      continue;
+    }
     if (id.text == nullptr || asked->bytes.size() != strlen(id.text) ||
         !std::equal(asked->bytes.begin(), asked->bytes.end(), id.text)) {
       return false;
@@ -65,8 +69,12 @@ bool AddDeviceIds(const ParamSet& request, ParamSet* tee_enforced) {
 Bytes DescribeKey(const Key& key, const ParamSet& request) {
   const Param* const challenge = request.Find(KM_TAG_ATTESTATION_CHALLENGE);
   const Param* const application = request.Find(KM_TAG_ATTESTATION_APPLICATION_ID);
-  if (challenge == nullptr) Fail(KM_ERROR_ATTESTATION_CHALLENGE_MISSING);
-  if (application == nullptr) Fail(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING);
+  if (challenge == nullptr) {
+    Fail(KM_ERROR_ATTESTATION_CHALLENGE_MISSING);
+  }
+  if (application == nullptr) {
+    Fail(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING);
+  }
   if (challenge->bytes.size() > kMaxChallengeSize ||
       application->bytes.size() > kMaxApplicationIdSize) {
     Fail(KM_ERROR_INVALID_INPUT_LENGTH);
@@ -76,7 +84,9 @@ Bytes DescribeKey(const Key& key, const ParamSet& request) {
   software_enforced.Add(*application);
   ParamSet tee_enforced = Attestable(key.hw_enforced);
   tee_enforced.AddBytes(KM_TAG_ROOT_OF_TRUST, EncodeRootOfTrust(HostRootOfTrust()));
-  if (!AddDeviceIds(request, &tee_enforced)) Fail(KM_ERROR_CANNOT_ATTEST_IDS);
+  if (!AddDeviceIds(request, &tee_enforced)) {
+    Fail(KM_ERROR_CANNOT_ATTEST_IDS);
+  }
   return EncodeKeyDescription(challenge->bytes, software_enforced, tee_enforced);
 }
 
@@ -87,7 +97,9 @@ Bytes DescribeKey(const Key& key, const ParamSet& request) {
 void AttestKey(uint32_t types, TaParam params[4]) {
   const ParamSet request = RequestOf(types, params, 1);
   const Key key = OpenCurrentKey(InputOf(params[0]), request);
-  if (!key.pkey) Fail(KM_ERROR_INCOMPATIBLE_ALGORITHM);
+  if (!key.pkey) {
+    Fail(KM_ERROR_INCOMPATIBLE_ALGORITHM);
+  }
   const Bytes key_description = DescribeKey(key, request);
 
   const AttestationAuthority authority = LoadOrCreateAuthority();

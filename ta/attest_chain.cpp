@@ -1,4 +1,4 @@
-#include "attest_chain.h"
+#include "ta/attest_chain.h"
 
 #include <openssl/asn1.h>
 #include <openssl/bio.h>
@@ -7,8 +7,8 @@
 
 #include <algorithm>
 
-#include "attest_extension.h"
-#include "state.h"
+#include "ta/attest_extension.h"
+#include "ta/state.h"
 
 namespace ta {
 namespace {
@@ -130,12 +130,15 @@ void AddKeyUsage(X509* leaf, const Key& key) {
   RequireCrypto(usage != nullptr);
   bool any = false;
   for (const PurposeUsage& row : kPurposeUsages) {
-    if (!key.Authorizes(KM_TAG_PURPOSE, row.purpose)) continue;
+    if (!key.Authorizes(KM_TAG_PURPOSE, row.purpose)) {
+      continue;
+    }
     RequireCrypto(ASN1_BIT_STRING_set_bit(usage.get(), row.bit, 1) == 1);
     any = true;
   }
-  if (any)
+  if (any) {
     RequireCrypto(X509_add1_ext_i2d(leaf, NID_key_usage, usage.get(), 1, X509V3_ADD_DEFAULT) == 1);
+  }
 }
 
 void AddKeyDescription(X509* leaf, ByteView key_description) {
@@ -151,7 +154,9 @@ void AddKeyDescription(X509* leaf, ByteView key_description) {
 // The seconds since 1970 of the first of two dates that the key has.
 uint64_t DateOf(const Key& key, uint32_t tag, uint32_t other_tag, uint64_t otherwise) {
   const Param* date = key.Find(tag);
-  if (date == nullptr) date = key.Find(other_tag);
+  if (date == nullptr) {
+    date = key.Find(other_tag);
+  }
   return date != nullptr ? date->value / 1000 : otherwise;
 }
 

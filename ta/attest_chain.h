@@ -4,8 +4,8 @@
 
 #include <openssl/x509.h>
 
-#include "evp.h"
-#include "key.h"
+#include "ta/evp.h"
+#include "ta/key.h"
 
 namespace ta {
 

@@ -1,11 +1,11 @@
-#include "attest_extension.h"
+#include "ta/attest_extension.h"
 
 #include <openssl/asn1.h>
 
 #include <initializer_list>
 #include <set>
 
-#include "evp.h"
+#include "ta/evp.h"
 
 namespace ta {
 namespace {
@@ -103,7 +103,9 @@ Bytes Boolean(bool value) {
 
 Bytes Sequence(std::initializer_list<Bytes> elements) {
   Bytes content;
-  for (const Bytes& element : elements) AppendBytes(&content, element);
+  for (const Bytes& element : elements) {
+    AppendBytes(&content, element);
+  }
   return Element(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, true, content);
 }
 
@@ -111,18 +113,26 @@ Bytes Sequence(std::initializer_list<Bytes> elements) {
 Bytes SetOfInteger(const ParamSet& params, Tag tag) {
   std::set<uint64_t> values;
   for (const Param& param : params) {
-    if (param.tag == tag) values.insert(param.value);
+    if (param.tag == tag) {
+      values.insert(param.value);
+    }
   }
   Bytes content;
-  for (const uint64_t value : values) AppendBytes(&content, Integer(value));
+  for (const uint64_t value : values) {
+    AppendBytes(&content, Integer(value));
+  }
   return Element(V_ASN1_SET, V_ASN1_UNIVERSAL, true, content);
 }
 
 // The value of one field; empty for a field that is not there.
 Bytes FieldValue(const ParamSet& params, keymaster_tag_t tag) {
   const Param* const param = params.Find(tag);
-  if (param == nullptr) return {};
-  if (tag == KM_TAG_ROOT_OF_TRUST) return param->bytes;
+  if (param == nullptr) {
+    return {};
+  }
+  if (tag == KM_TAG_ROOT_OF_TRUST) {
+    return param->bytes;
+  }
   switch (keymaster_tag_get_type(tag)) {
     case KM_ENUM_REP:
     case KM_UINT_REP:
@@ -148,7 +158,9 @@ Bytes EncodeAuthorizationList(const ParamSet& params) {
   Bytes content;
   for (const keymaster_tag_t tag : kListFields) {
     const Bytes value = FieldValue(params, tag);
-    if (value.empty()) continue;
+    if (value.empty()) {
+      continue;
+    }
     const uint32_t number = keymaster_tag_mask_type(tag);
     AppendBytes(&content, Element(static_cast<int>(number), V_ASN1_CONTEXT_SPECIFIC, true, value));
   }

@@ -2,7 +2,7 @@
 #ifndef TA_ATTEST_EXTENSION_H
 #define TA_ATTEST_EXTENSION_H
 
-#include "params.h"
+#include "ta/params.h"
 
 namespace ta {
 

@@ -1,9 +1,9 @@
-#include "auth.h"
+#include "ta/auth.h"
 
-#include "attest_extension.h"
-#include "commands.h"
-#include "device_state.h"
-#include "hmac_sharing.h"
+#include "ta/attest_extension.h"
+#include "ta/commands.h"
+#include "ta/device_state.h"
+#include "ta/hmac_sharing.h"
 
 namespace ta {
 namespace {
@@ -16,19 +16,25 @@ constexpr keymaster_tag_t kVerifiableTags[] = {KM_TAG_USER_SECURE_ID, KM_TAG_USE
 
 uint64_t BigEndian(ByteView bytes) {
   uint64_t value = 0;
-  for (const uint8_t byte : bytes) value = value << 8 | byte;
+  for (const uint8_t byte : bytes) {
+    value = value << 8 | byte;
+  }
   return value;
 }
 
 void AppendBigEndian(Bytes* out, uint64_t value, size_t size) {
-  for (size_t i = size; i > 0; --i) out->push_back(static_cast<uint8_t>(value >> (8 * (i - 1))));
+  for (size_t i = size; i > 0; --i) {
+    out->push_back(static_cast<uint8_t>(value >> (8 * (i - 1))));
+  }
 }
 
 ParamSet Verifiable(const ParamSet& params) {
   ParamSet verifiable;
   for (const keymaster_tag_t tag : kVerifiableTags) {
     for (const Param& param : params) {
-      if (param.tag == static_cast<uint32_t>(tag)) verifiable.Add(param);
+      if (param.tag == static_cast<uint32_t>(tag)) {
+        verifiable.Add(param);
+      }
     }
   }
   return verifiable;
@@ -41,7 +47,9 @@ Bytes VerificationToken(uint64_t challenge, const ParamSet& verified) {
   AppendBigEndian(&message, challenge, sizeof(challenge));
   AppendBigEndian(&message, timestamp, sizeof(timestamp));
   AppendBigEndian(&message, kLevel, sizeof(kLevel));
-  if (!verified.empty()) AppendBytes(&message, EncodeAuthorizationList(verified));
+  if (!verified.empty()) {
+    AppendBytes(&message, EncodeAuthorizationList(verified));
+  }
 
   Bytes token;
   AppendU64(&token, challenge);
@@ -73,7 +81,9 @@ bool AuthTokenValid(ByteView bytes, AuthToken* token) {
 
 bool AuthTokenSatisfies(const AuthToken& token, const ParamSet& params) {
   const std::optional<uint64_t> types = params.Value(KM_TAG_USER_AUTH_TYPE);
-  if (types && (*types & token.authenticator_type) == 0) return false;
+  if (types && (*types & token.authenticator_type) == 0) {
+    return false;
+  }
   return !params.Contains(KM_TAG_USER_SECURE_ID) ||
          params.Contains(KM_TAG_USER_SECURE_ID, token.user_id) ||
          params.Contains(KM_TAG_USER_SECURE_ID, token.authenticator_id);

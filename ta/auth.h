@@ -24,7 +24,7 @@
 #ifndef TA_AUTH_H
 #define TA_AUTH_H
 
-#include "params.h"
+#include "ta/params.h"
 
 namespace ta {
 

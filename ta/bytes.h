@@ -58,7 +58,9 @@ class ByteReader {
   ByteView rest() const { return bytes_; }
 
   bool TakeBytes(size_t size, ByteView* out) {
-    if (size > bytes_.size) return false;
+    if (size > bytes_.size) {
+      return false;
+    }
     *out = ByteView(bytes_.data, size);
     bytes_ = size == 0 ? bytes_ : ByteView(bytes_.data + size, bytes_.size - size);
     return true;
@@ -71,9 +73,13 @@ class ByteReader {
   template <typename T>
   bool TakeInteger(T* out) {
     ByteView raw;
-    if (!TakeBytes(sizeof(T), &raw)) return false;
+    if (!TakeBytes(sizeof(T), &raw)) {
+      return false;
+    }
     uint64_t value = 0;
-    for (size_t i = sizeof(T); i > 0; --i) value = value << 8 | raw.data[i - 1];
+    for (size_t i = sizeof(T); i > 0; --i) {
+      value = value << 8 | raw.data[i - 1];
+    }
     *out = static_cast<T>(value);
     return true;
   }
@@ -84,7 +90,9 @@ class ByteReader {
 // AppendU32, AppendU64 and AppendBytes add to the end of a byte string of either kind.
 template <typename Container>
 void AppendInteger(Container* out, uint64_t value, size_t size) {
-  for (size_t i = 0; i < size; ++i) out->push_back(static_cast<uint8_t>(value >> (8 * i)));
+  for (size_t i = 0; i < size; ++i) {
+    out->push_back(static_cast<uint8_t>(value >> (8 * i)));
+  }
 }
 template <typename Container>
 void AppendU32(Container* out, uint32_t value) {

@@ -1,5 +1,5 @@
 // AES and Triple DES in ECB, CBC and CTR mode.
-#include "operation.h"
+#include "ta/operation.h"
 
 namespace ta {
 namespace {
@@ -15,7 +15,9 @@ class CipherOperation : public Operation {
 
   void Finish(ByteView, SecureBytes* output) override {
     const size_t block = static_cast<size_t>(EVP_CIPHER_CTX_block_size(ctx_.get()));
-    if (unpads_ && (total_ == 0 || total_ % block != 0)) Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+    if (unpads_ && (total_ == 0 || total_ % block != 0)) {
+      Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+    }
     const size_t before = output->size();
     int size = 0;
     output->resize(before + block);
@@ -35,12 +37,18 @@ class CipherOperation : public Operation {
 
 OperationPtr MakeCipherOperation(const OperationRequest& request) {
   const uint32_t mode = Choose(request, KM_TAG_BLOCK_MODE);
-  if (mode == KM_MODE_GCM) return MakeGcmOperation(request);
+  if (mode == KM_MODE_GCM) {
+    return MakeGcmOperation(request);
+  }
   const bool encrypts = request.purpose == KM_PURPOSE_ENCRYPT;
   const bool pads = Choose(request, KM_TAG_PADDING) != KM_PAD_NONE;
-  if (mode == KM_MODE_CTR && pads) Fail(KM_ERROR_INCOMPATIBLE_PADDING_MODE);
+  if (mode == KM_MODE_CTR && pads) {
+    Fail(KM_ERROR_INCOMPATIBLE_PADDING_MODE);
+  }
   const EVP_CIPHER* cipher = CipherOf(*request.key, mode);
-  if (cipher == nullptr) Fail(KM_ERROR_UNSUPPORTED_BLOCK_MODE);
+  if (cipher == nullptr) {
+    Fail(KM_ERROR_UNSUPPORTED_BLOCK_MODE);
+  }
   const size_t nonce_size = static_cast<size_t>(EVP_CIPHER_iv_length(cipher));
   const Bytes nonce = nonce_size == 0 ? Bytes() : ChooseNonce(request, nonce_size);
   CipherCtxPtr ctx = StartCipher(cipher, request.key->symmetric, nonce.data(), encrypts);

@@ -1,4 +1,4 @@
-#include "commands.h"
+#include "ta/commands.h"
 
 #include <openssl/err.h>
 #include <string.h>
@@ -7,7 +7,7 @@
 #include <exception>
 #include <new>
 
-#include "state.h"
+#include "ta/state.h"
 #include "wire/ta_protocol.h"
 
 using namespace km41;  // the protocol's constants
@@ -62,7 +62,9 @@ bool AcceptsTypes(const Command& command, uint32_t types) {
   for (uint32_t i = 0; i < 4; ++i) {
     const uint32_t given = TEEC_PARAM_TYPE_GET(types, i);
     const bool left_out = given == TEEC_NONE && (command.types[i] & kOptional) != 0;
-    if (given != (command.types[i] & ~kOptional) && !left_out) return false;
+    if (given != (command.types[i] & ~kOptional) && !left_out) {
+      return false;
+    }
   }
   return types >> 16 == 0;
 }
@@ -71,8 +73,12 @@ void Dispatch(uint32_t id, uint32_t types, TaParam params[4]) {
   const Command* const end = std::end(kCommands);
   const Command* command =
       std::find_if(std::begin(kCommands), end, [id](const Command& c) { return c.id == id; });
-  if (command == end) Fail(TEEC_ERROR_NOT_SUPPORTED);
-  if (!AcceptsTypes(*command, types)) Fail(TEEC_ERROR_BAD_PARAMETERS);
+  if (command == end) {
+    Fail(TEEC_ERROR_NOT_SUPPORTED);
+  }
+  if (!AcceptsTypes(*command, types)) {
+    Fail(TEEC_ERROR_BAD_PARAMETERS);
+  }
   SystemVersion version;
   if (command->needs_configuration && !GetSystemVersion(&version)) {
     Fail(KM_ERROR_KEYMASTER_NOT_CONFIGURED);

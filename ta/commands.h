@@ -3,8 +3,8 @@
 #ifndef TA_COMMANDS_H
 #define TA_COMMANDS_H
 
-#include "params.h"
-#include "result.h"
+#include "ta/params.h"
+#include "ta/result.h"
 
 namespace ta {
 

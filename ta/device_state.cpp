@@ -1,4 +1,4 @@
-#include "device_state.h"
+#include "ta/device_state.h"
 
 #include <time.h>
 
@@ -6,9 +6,9 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "commands.h"
-#include "evp.h"
-#include "state.h"
+#include "ta/commands.h"
+#include "ta/evp.h"
+#include "ta/state.h"
 
 namespace ta {
 namespace {
@@ -41,9 +41,13 @@ bool Parse(ByteView record, const std::string& boot_id, BootState* state) {
       reader.remaining() != 0) {
     throw std::runtime_error("the boot state is damaged");
   }
-  if (!std::equal(id.begin(), id.end(), boot_id.begin())) return false;
+  if (!std::equal(id.begin(), id.end(), boot_id.begin())) {
+    return false;
+  }
   std::copy(nonce.begin(), nonce.end(), state->sharing_nonce.begin());
-  if ((flags & kKeyShared) != 0) state->shared_hmac_key.assign(key.begin(), key.end());
+  if ((flags & kKeyShared) != 0) {
+    state->shared_hmac_key.assign(key.begin(), key.end());
+  }
   state->early_boot_ended = (flags & kEarlyBootEnded) != 0;
   state->locked = (flags & kLocked) != 0;
   state->lock_needs_password = (flags & kLockNeedsPassword) != 0;
@@ -60,20 +64,26 @@ bool Load(const std::string& boot_id, BootState* state) {
 std::string BootId() {
   std::ifstream file("/proc/sys/kernel/random/boot_id");
   std::string id;
-  if (!std::getline(file, id) || id.empty()) throw std::runtime_error("no boot id");
+  if (!std::getline(file, id) || id.empty()) {
+    throw std::runtime_error("no boot id");
+  }
   return id;
 }
 
 uint64_t MillisSinceBoot() {
   timespec now{};
-  if (clock_gettime(CLOCK_BOOTTIME, &now) != 0) throw std::runtime_error("no clock");
+  if (clock_gettime(CLOCK_BOOTTIME, &now) != 0) {
+    throw std::runtime_error("no clock");
+  }
   return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
 }
 
 BootState UpdateBootState(const std::function<void(BootState*)>& change) {
   const std::string boot_id = BootId();
   BootState state;
-  if (!change && Load(boot_id, &state)) return state;
+  if (!change && Load(boot_id, &state)) {
+    return state;
+  }
 
   const StateLock lock;
   state = BootState();
@@ -81,7 +91,9 @@ BootState UpdateBootState(const std::function<void(BootState*)>& change) {
     state = BootState();
     FillRandom(state.sharing_nonce.data(), state.sharing_nonce.size());
   }
-  if (change) change(&state);
+  if (change) {
+    change(&state);
+  }
   ReplaceStateFile(kFileName, Serialize(boot_id, state));
   return state;
 }
@@ -95,8 +107,12 @@ bool DeviceUnlockedFor(const AuthToken* token) {
             (state.lock_needs_password && (token->authenticator_type & HW_AUTH_PASSWORD) == 0));
   };
   const BootState now = UpdateBootState();
-  if (!now.locked) return true;
-  if (still_locked(now)) return false;
+  if (!now.locked) {
+    return true;
+  }
+  if (still_locked(now)) {
+    return false;
+  }
   // Another process may have locked the device again since.
   return !UpdateBootState([&](BootState* state) { state->locked = still_locked(*state); }).locked;
 }

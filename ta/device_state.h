@@ -8,7 +8,7 @@
 #include <functional>
 #include <string>
 
-#include "auth.h"
+#include "ta/auth.h"
 
 namespace ta {
 

@@ -1,4 +1,4 @@
-#include "evp.h"
+#include "ta/evp.h"
 
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
@@ -9,7 +9,9 @@
 namespace ta {
 
 void RequireCrypto(bool success) {
-  if (!success) throw std::runtime_error("libcrypto failed");
+  if (!success) {
+    throw std::runtime_error("libcrypto failed");
+  }
 }
 
 void FillRandom(void* out, size_t size) {

@@ -9,7 +9,7 @@
 
 #include <memory>
 
-#include "bytes.h"
+#include "ta/bytes.h"
 
 namespace ta {
 

@@ -1,5 +1,5 @@
 // AES-GCM: the tag follows the ciphertext.
-#include "operation.h"
+#include "ta/operation.h"
 
 namespace ta {
 namespace {
@@ -16,8 +16,12 @@ class GcmOperation : public Operation {
     if (data_began_ && last_associated_ != Bytes(data.begin(), data.end())) {
       Fail(KM_ERROR_INVALID_TAG);
     }
-    if (data_began_) return;
-    if (data.size > kMaxAssociated) Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+    if (data_began_) {
+      return;
+    }
+    if (data.size > kMaxAssociated) {
+      Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+    }
     int ignored = 0;
     RequireCrypto(data.size == 0 || EVP_CipherUpdate(ctx_.get(), nullptr, &ignored, data.data,
                                                      static_cast<int>(data.size)) == 1);
@@ -26,10 +30,14 @@ class GcmOperation : public Operation {
 
   void Update(ByteView input, SecureBytes* output) override {
     data_began_ = data_began_ || input.size != 0;
-    if (encrypts_) return FeedCipher(ctx_.get(), input, output);
+    if (encrypts_) {
+      return FeedCipher(ctx_.get(), input, output);
+    }
     // The last bytes so far may be the tag: they wait.
     AppendBytes(&held_, input);
-    if (held_.size() <= tag_size_) return;
+    if (held_.size() <= tag_size_) {
+      return;
+    }
     const size_t ciphertext = held_.size() - tag_size_;
     FeedCipher(ctx_.get(), ByteView(held_.data(), ciphertext), output);
     held_ = SecureBytes(held_.end() - static_cast<ptrdiff_t>(tag_size_), held_.end());
@@ -40,10 +48,14 @@ class GcmOperation : public Operation {
     uint8_t none[EVP_MAX_BLOCK_LENGTH];
     int size = 0;
     if (!encrypts_) {
-      if (held_.size() < tag_size_) Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+      if (held_.size() < tag_size_) {
+        Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+      }
       RequireCrypto(
           EVP_CIPHER_CTX_ctrl(ctx_.get(), EVP_CTRL_AEAD_SET_TAG, tag_size, held_.data()) == 1);
-      if (EVP_CipherFinal_ex(ctx_.get(), none, &size) != 1) Fail(KM_ERROR_VERIFICATION_FAILED);
+      if (EVP_CipherFinal_ex(ctx_.get(), none, &size) != 1) {
+        Fail(KM_ERROR_VERIFICATION_FAILED);
+      }
       return;
     }
     const size_t before = output->size();
@@ -68,7 +80,9 @@ class GcmOperation : public Operation {
 
 OperationPtr MakeGcmOperation(const OperationRequest& request) {
   const bool encrypts = request.purpose == KM_PURPOSE_ENCRYPT;
-  if (Choose(request, KM_TAG_PADDING) != KM_PAD_NONE) Fail(KM_ERROR_INCOMPATIBLE_PADDING_MODE);
+  if (Choose(request, KM_TAG_PADDING) != KM_PAD_NONE) {
+    Fail(KM_ERROR_INCOMPATIBLE_PADDING_MODE);
+  }
   const size_t tag_size = ChooseMacSize(request, 96, 128);
   const Bytes nonce = ChooseNonce(request, kNonceSize);
   return std::make_unique<GcmOperation>(StartCipher(CipherOf(*request.key, KM_MODE_GCM),

@@ -1,13 +1,13 @@
-#include "hmac_sharing.h"
+#include "ta/hmac_sharing.h"
 
 #include <openssl/cmac.h>
 
 #include <algorithm>
 
-#include "commands.h"
-#include "device_state.h"
-#include "evp.h"
-#include "state.h"
+#include "ta/commands.h"
+#include "ta/device_state.h"
+#include "ta/evp.h"
+#include "ta/state.h"
 
 namespace ta {
 namespace {
@@ -20,7 +20,9 @@ constexpr size_t kSharingParametersSize = kSharingSeedSize + kSharingNonceSize;
 using CmacPtr = std::unique_ptr<CMAC_CTX, CallFree<CMAC_CTX, CMAC_CTX_free>>;
 
 void AppendBigEndian32(SecureBytes* out, uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) out->push_back(static_cast<uint8_t>(value >> shift));
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    out->push_back(static_cast<uint8_t>(value >> shift));
+  }
 }
 
 SecureBytes DeriveSharedKey(ByteView sharing_parameters) {
@@ -54,7 +56,9 @@ bool ContainsOwn(ByteView sharing_parameters, const SecureBytes& own) {
   ByteReader reader(sharing_parameters);
   ByteView one;
   while (reader.TakeBytes(kSharingParametersSize, &one)) {
-    if (std::equal(one.begin(), one.end(), own.begin(), own.end())) return true;
+    if (std::equal(one.begin(), one.end(), own.begin(), own.end())) {
+      return true;
+    }
   }
   return false;
 }
@@ -73,7 +77,9 @@ void GetHmacSharingParameters(uint32_t, TaParam params[4]) {
   const bool fits = params[0].size >= kSharingSeedSize && params[1].size >= kSharingNonceSize;
   params[0].size = kSharingSeedSize;
   params[1].size = kSharingNonceSize;
-  if (!fits) Fail(TEEC_ERROR_SHORT_BUFFER);
+  if (!fits) {
+    Fail(TEEC_ERROR_SHORT_BUFFER);
+  }
   std::copy_n(own.begin(), kSharingSeedSize, params[0].buffer);
   std::copy_n(own.begin() + kSharingSeedSize, kSharingNonceSize, params[1].buffer);
 }

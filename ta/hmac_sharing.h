@@ -15,7 +15,7 @@
 #ifndef TA_HMAC_SHARING_H
 #define TA_HMAC_SHARING_H
 
-#include "bytes.h"
+#include "ta/bytes.h"
 
 namespace ta {
 

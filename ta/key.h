@@ -2,9 +2,9 @@
 #ifndef TA_KEY_H
 #define TA_KEY_H
 
-#include "evp.h"
-#include "params.h"
-#include "result.h"
+#include "ta/evp.h"
+#include "ta/params.h"
+#include "ta/result.h"
 
 namespace ta {
 

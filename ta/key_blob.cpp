@@ -1,11 +1,11 @@
 #include <openssl/sha.h>
 #include <string.h>
 
-#include "key.h"
-#include "key_description.h"
-#include "key_material.h"
-#include "key_records.h"
-#include "state.h"
+#include "ta/key.h"
+#include "ta/key_description.h"
+#include "ta/key_material.h"
+#include "ta/key_records.h"
+#include "ta/state.h"
 
 // A blob is a version byte, a nonce, the encrypted content and the tag of AES-256-GCM, which covers
 // the version too. The content is the key's id, a hash of the application id and data that the blob
@@ -144,15 +144,21 @@ int VersionOrder(const Key& key) {
   GetSystemVersion(&now);
   const uint32_t os_version = HardwareValue(key, KM_TAG_OS_VERSION);
   const uint32_t os_patchlevel = HardwareValue(key, KM_TAG_OS_PATCHLEVEL);
-  if (os_version > now.os_version || os_patchlevel > now.os_patchlevel) return 1;
+  if (os_version > now.os_version || os_patchlevel > now.os_patchlevel) {
+    return 1;
+  }
   return os_version < now.os_version || os_patchlevel < now.os_patchlevel ? -1 : 0;
 }
 
 Key OpenCurrentKey(ByteView blob, const ParamSet& params) {
   Key key = OpenKeyBlob(blob, params);
   const int order = VersionOrder(key);
-  if (order > 0) Fail(KM_ERROR_INVALID_KEY_BLOB);
-  if (order < 0) Fail(KM_ERROR_KEY_REQUIRES_UPGRADE);
+  if (order > 0) {
+    Fail(KM_ERROR_INVALID_KEY_BLOB);
+  }
+  if (order < 0) {
+    Fail(KM_ERROR_KEY_REQUIRES_UPGRADE);
+  }
   return key;
 }
 

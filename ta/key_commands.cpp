@@ -1,10 +1,10 @@
-#include "commands.h"
-#include "device_state.h"
-#include "key.h"
-#include "key_description.h"
-#include "key_material.h"
-#include "key_records.h"
-#include "state.h"
+#include "ta/commands.h"
+#include "ta/device_state.h"
+#include "ta/key.h"
+#include "ta/key_description.h"
+#include "ta/key_material.h"
+#include "ta/key_records.h"
+#include "ta/state.h"
 
 namespace ta {
 namespace {
@@ -14,7 +14,9 @@ uint32_t OriginOfImport(const TaParam& param) {
   constexpr uint32_t kOrigins[] = {KM_ORIGIN_GENERATED, KM_ORIGIN_IMPORTED,
                                    KM_ORIGIN_SECURELY_IMPORTED};
   const size_t type = param.size == 0 ? 1 : param.buffer[0];
-  if (type >= std::size(kOrigins)) Fail(KM_ERROR_INVALID_ARGUMENT);
+  if (type >= std::size(kOrigins)) {
+    Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
   return kOrigins[type];
 }
 
@@ -36,7 +38,9 @@ void ReplyNewKey(const ParamSet& description, Key* key, TaParam* blob, TaParam* 
   DescribeKey(description, key);
   Reply(SealKeyBlob(*key, description), blob);
   // A reference without capacity asks for no characteristics.
-  if (characteristics->size != 0) ReplyCharacteristics(*key, characteristics);
+  if (characteristics->size != 0) {
+    ReplyCharacteristics(*key, characteristics);
+  }
 }
 
 }  // namespace
@@ -78,8 +82,12 @@ void UpgradeKey(uint32_t types, TaParam params[4]) {
   const ParamSet request = RequestOf(types, params, 1);
   Key key = OpenKeyBlob(InputOf(params[0]), request);
   const int order = VersionOrder(key);
-  if (order > 0) Fail(KM_ERROR_INVALID_ARGUMENT);
-  if (order == 0) return Reply(ByteView(), &params[2]);
+  if (order > 0) {
+    Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
+  if (order == 0) {
+    return Reply(ByteView(), &params[2]);
+  }
   SetKeySystemVersion(&key);
   Reply(SealKeyBlob(key, request), &params[2]);
 }

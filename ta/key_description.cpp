@@ -1,11 +1,11 @@
-#include "key_description.h"
+#include "ta/key_description.h"
 
 #include <openssl/obj_mac.h>
 
 #include <algorithm>
 #include <chrono>
 
-#include "state.h"
+#include "ta/state.h"
 
 namespace ta {
 namespace {
@@ -62,7 +62,9 @@ bool Knows(uint64_t algorithm, keymaster_tag_t tag, uint64_t value) {
       {KM_ALGORITHM_HMAC, KM_TAG_DIGEST, kMacDigests},
   };
   for (const auto& row : kRows) {
-    if (row.algorithm != algorithm || row.tag != tag) continue;
+    if (row.algorithm != algorithm || row.tag != tag) {
+      continue;
+    }
     return std::count(row.values.begin(), row.values.end(), value) != 0;
   }
   return true;
@@ -77,7 +79,9 @@ constexpr Curve kCurves[] = {
 
 void CheckMinMacLength(const ParamSet& description, uint32_t least, uint32_t most) {
   const std::optional<uint64_t> length = description.Value(KM_TAG_MIN_MAC_LENGTH);
-  if (!length) Fail(KM_ERROR_MISSING_MIN_MAC_LENGTH);
+  if (!length) {
+    Fail(KM_ERROR_MISSING_MIN_MAC_LENGTH);
+  }
   if (*length < least || *length > most || *length % 8 != 0) {
     Fail(KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH);
   }
@@ -85,7 +89,9 @@ void CheckMinMacLength(const ParamSet& description, uint32_t least, uint32_t mos
 
 void CheckHmac(const ParamSet& description) {
   constexpr uint32_t kDigestBits[] = {0, 0, 160, 224, 256, 384, 512};
-  if (description.Count(KM_TAG_DIGEST) != 1) Fail(KM_ERROR_UNSUPPORTED_DIGEST);
+  if (description.Count(KM_TAG_DIGEST) != 1) {
+    Fail(KM_ERROR_UNSUPPORTED_DIGEST);
+  }
   CheckMinMacLength(description, 64, kDigestBits[*description.Value(KM_TAG_DIGEST)]);
 }
 
@@ -147,7 +153,9 @@ uint64_t WallClockMillis() {
 
 void CheckKeyDescription(const ParamSet& description) {
   const uint64_t algorithm = description.Value(KM_TAG_ALGORITHM).value_or(0);
-  if (!IsAlgorithm(algorithm)) Fail(KM_ERROR_UNSUPPORTED_ALGORITHM);
+  if (!IsAlgorithm(algorithm)) {
+    Fail(KM_ERROR_UNSUPPORTED_ALGORITHM);
+  }
   constexpr std::pair<keymaster_tag_t, keymaster_error_t> kChecks[] = {
       {KM_TAG_PURPOSE, KM_ERROR_UNSUPPORTED_PURPOSE},
       {KM_TAG_DIGEST, KM_ERROR_UNSUPPORTED_DIGEST},
@@ -165,16 +173,22 @@ void CheckKeyDescription(const ParamSet& description) {
       description.IsTrue(KM_TAG_NO_AUTH_REQUIRED)) {
     Fail(KM_ERROR_INVALID_ARGUMENT);
   }
-  if (algorithm == KM_ALGORITHM_HMAC) CheckHmac(description);
+  if (algorithm == KM_ALGORITHM_HMAC) {
+    CheckHmac(description);
+  }
   if (algorithm == KM_ALGORITHM_AES && description.Contains(KM_TAG_BLOCK_MODE, KM_MODE_GCM)) {
     CheckMinMacLength(description, 96, 128);
   }
 }
 
 void CheckKeySize(uint32_t algorithm, uint32_t key_size) {
-  if (!IsAlgorithm(algorithm)) Fail(KM_ERROR_UNSUPPORTED_ALGORITHM);
+  if (!IsAlgorithm(algorithm)) {
+    Fail(KM_ERROR_UNSUPPORTED_ALGORITHM);
+  }
   for (const auto& row : kSizes) {
-    if (row.algorithm != algorithm) continue;
+    if (row.algorithm != algorithm) {
+      continue;
+    }
     if (key_size < row.min || key_size > row.max || key_size % row.step != 0 ||
         (algorithm == KM_ALGORITHM_EC && CurveBySize(key_size) == nullptr)) {
       Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
@@ -188,22 +202,30 @@ bool HasPurpose(uint32_t algorithm, uint32_t purpose) {
 
 const Curve* CurveById(uint64_t id) {
   for (const Curve& curve : kCurves) {
-    if (curve.id == id) return &curve;
+    if (curve.id == id) {
+      return &curve;
+    }
   }
   return nullptr;
 }
 
 const Curve* CurveBySize(uint64_t key_size) {
   for (const Curve& curve : kCurves) {
-    if (curve.key_size == key_size) return &curve;
+    if (curve.key_size == key_size) {
+      return &curve;
+    }
   }
   return nullptr;
 }
 
 void DescribeKey(const ParamSet& description, Key* key) {
   for (const Param& param : description) {
-    if (Lists(kHardwareTags, param.tag)) key->hw_enforced.Add(param);
-    if (Lists(kSoftwareTags, param.tag)) key->sw_enforced.Add(param);
+    if (Lists(kHardwareTags, param.tag)) {
+      key->hw_enforced.Add(param);
+    }
+    if (Lists(kSoftwareTags, param.tag)) {
+      key->sw_enforced.Add(param);
+    }
   }
   if (!key->sw_enforced.Contains(KM_TAG_CREATION_DATETIME)) {
     key->sw_enforced.Add(KM_TAG_CREATION_DATETIME, WallClockMillis());
@@ -211,7 +233,9 @@ void DescribeKey(const ParamSet& description, Key* key) {
   key->hw_enforced.Set(KM_TAG_ALGORITHM, key->algorithm);
   key->hw_enforced.Set(KM_TAG_KEY_SIZE, key->key_size);
   key->hw_enforced.Remove(KM_TAG_EC_CURVE);
-  if (key->algorithm == KM_ALGORITHM_EC) key->hw_enforced.Add(KM_TAG_EC_CURVE, key->curve);
+  if (key->algorithm == KM_ALGORITHM_EC) {
+    key->hw_enforced.Add(KM_TAG_EC_CURVE, key->curve);
+  }
   key->hw_enforced.Add(KM_TAG_ORIGIN, key->origin);
   SetKeySystemVersion(key);
 }

@@ -2,7 +2,7 @@
 #ifndef TA_KEY_DESCRIPTION_H
 #define TA_KEY_DESCRIPTION_H
 
-#include "key.h"
+#include "ta/key.h"
 
 namespace ta {
 

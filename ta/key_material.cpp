@@ -1,9 +1,9 @@
-#include "key_material.h"
+#include "ta/key_material.h"
 
 #include <openssl/x509.h>
 
-#include "key_description.h"
-#include "rsa_material.h"
+#include "ta/key_description.h"
+#include "ta/rsa_material.h"
 
 namespace ta {
 namespace {
@@ -27,10 +27,16 @@ void SetCurve(const Curve& curve, Key* key) {
 const Curve& ChooseCurve(const ParamSet& description) {
   const std::optional<uint64_t> id = description.Value(KM_TAG_EC_CURVE);
   const std::optional<uint64_t> size = description.Value(KM_TAG_KEY_SIZE);
-  if (!id && !size) Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  if (!id && !size) {
+    Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  }
   const Curve* curve = id ? CurveById(*id) : CurveBySize(*size);
-  if (curve == nullptr) Fail(id ? KM_ERROR_UNSUPPORTED_EC_CURVE : KM_ERROR_UNSUPPORTED_KEY_SIZE);
-  if (size && *size != curve->key_size) Fail(KM_ERROR_INVALID_ARGUMENT);
+  if (curve == nullptr) {
+    Fail(id ? KM_ERROR_UNSUPPORTED_EC_CURVE : KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  }
+  if (size && *size != curve->key_size) {
+    Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
   return *curve;
 }
 
@@ -44,7 +50,9 @@ void GenerateEc(const ParamSet& description, Key* key) {
 
 void GenerateRsa(const ParamSet& description, Key* key) {
   const uint64_t exponent = description.Value(KM_TAG_RSA_PUBLIC_EXPONENT).value_or(0);
-  if (exponent < 3 || exponent % 2 == 0) Fail(KM_ERROR_INVALID_ARGUMENT);
+  if (exponent < 3 || exponent % 2 == 0) {
+    Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
   const BnPtr e(BN_new());
   const RsaPtr rsa(RSA_new());
   RequireCrypto(e != nullptr && rsa != nullptr && BN_set_word(e.get(), exponent) == 1 &&
@@ -62,7 +70,9 @@ void GenerateSymmetric(Key* key) {
 // A coordinate or scalar of EC key material, in the full width of the field.
 bool TakePadded(ByteReader* reader, uint32_t length, size_t width, SecureBytes* out) {
   ByteView bytes;
-  if (length > width || !reader->TakeBytes(length, &bytes)) return false;
+  if (length > width || !reader->TakeBytes(length, &bytes)) {
+    return false;
+  }
   out->insert(out->end(), width - length, 0);
   AppendBytes(out, bytes);
   return true;
@@ -87,10 +97,14 @@ void ImportEc(ByteView material, Key* key) {
   ByteReader reader(material);
   uint32_t header[5];  // size, form of the point, lengths of X, Y and the scalar
   for (uint32_t& field : header) {
-    if (!reader.TakeU32(&field)) Fail(KM_ERROR_INVALID_ARGUMENT);
+    if (!reader.TakeU32(&field)) {
+      Fail(KM_ERROR_INVALID_ARGUMENT);
+    }
   }
   const Curve* curve = CurveBySize(header[0]);
-  if (curve == nullptr) Fail(KM_ERROR_UNSUPPORTED_EC_CURVE);
+  if (curve == nullptr) {
+    Fail(KM_ERROR_UNSUPPORTED_EC_CURVE);
+  }
   const size_t width = (curve->key_size + 7) / 8;
   SecureBytes point = {POINT_CONVERSION_UNCOMPRESSED};
   SecureBytes scalar;
@@ -100,7 +114,9 @@ void ImportEc(ByteView material, Key* key) {
     Fail(KM_ERROR_INVALID_ARGUMENT);
   }
   key->pkey = MakeEcPkey(*curve, point, scalar);
-  if (key->pkey == nullptr) Fail(KM_ERROR_INVALID_ARGUMENT);
+  if (key->pkey == nullptr) {
+    Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
   SetCurve(*curve, key);
 }
 
@@ -116,8 +132,12 @@ void ImportSymmetric(ByteView material, Key* key) {
 // Adds what the description leaves open and refuses what it says otherwise.
 void Reconcile(uint32_t tag, uint64_t actual, ParamSet* description) {
   const std::optional<uint64_t> described = description->Value(tag);
-  if (!described) description->Add(tag, actual);
-  if (described && *described != actual) Fail(KM_ERROR_IMPORT_PARAMETER_MISMATCH);
+  if (!described) {
+    description->Add(tag, actual);
+  }
+  if (described && *described != actual) {
+    Fail(KM_ERROR_IMPORT_PARAMETER_MISMATCH);
+  }
 }
 
 }  // namespace
@@ -126,7 +146,9 @@ Key GenerateMaterial(const ParamSet& description) {
   Key key;
   key.algorithm = static_cast<uint32_t>(description.Value(KM_TAG_ALGORITHM).value_or(0));
   key.key_size = static_cast<uint32_t>(description.Value(KM_TAG_KEY_SIZE).value_or(0));
-  if (key.algorithm != KM_ALGORITHM_EC) CheckKeySize(key.algorithm, key.key_size);
+  if (key.algorithm != KM_ALGORITHM_EC) {
+    CheckKeySize(key.algorithm, key.key_size);
+  }
   switch (key.algorithm) {
     case KM_ALGORITHM_EC:
       GenerateEc(description, &key);
@@ -156,7 +178,9 @@ Key ImportMaterial(ByteView material, ParamSet* description) {
   }
   CheckKeySize(key.algorithm, key.key_size);
   Reconcile(KM_TAG_KEY_SIZE, key.key_size, description);
-  if (key.algorithm == KM_ALGORITHM_EC) Reconcile(KM_TAG_EC_CURVE, key.curve, description);
+  if (key.algorithm == KM_ALGORITHM_EC) {
+    Reconcile(KM_TAG_EC_CURVE, key.curve, description);
+  }
   if (key.algorithm == KM_ALGORITHM_RSA) {
     const RSA* rsa = EVP_PKEY_get0_RSA(key.pkey.get());
     RequireCrypto(rsa != nullptr);
@@ -166,7 +190,9 @@ Key ImportMaterial(ByteView material, ParamSet* description) {
 }
 
 Bytes ExportPublicKey(const Key& key) {
-  if (!IsAsymmetric(key.algorithm)) Fail(KM_ERROR_UNSUPPORTED_KEY_FORMAT);
+  if (!IsAsymmetric(key.algorithm)) {
+    Fail(KM_ERROR_UNSUPPORTED_KEY_FORMAT);
+  }
   Bytes out;
   Bytes first, second;
   if (key.algorithm == KM_ALGORITHM_RSA) {
@@ -195,7 +221,9 @@ Bytes ExportPublicKey(const Key& key) {
 }
 
 SecureBytes EncodeSecret(const Key& key) {
-  if (!IsAsymmetric(key.algorithm)) return key.symmetric;
+  if (!IsAsymmetric(key.algorithm)) {
+    return key.symmetric;
+  }
   const int size = i2d_PrivateKey(key.pkey.get(), nullptr);
   RequireCrypto(size > 0);
   SecureBytes secret(static_cast<size_t>(size));

@@ -2,7 +2,7 @@
 #ifndef TA_KEY_MATERIAL_H
 #define TA_KEY_MATERIAL_H
 
-#include "key.h"
+#include "ta/key.h"
 
 namespace ta {
 

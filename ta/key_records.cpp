@@ -1,11 +1,11 @@
-#include "key_records.h"
+#include "ta/key_records.h"
 
 #include <unistd.h>
 
 #include <stdexcept>
 
-#include "device_state.h"
-#include "state.h"
+#include "ta/device_state.h"
+#include "ta/state.h"
 
 namespace ta {
 namespace {
@@ -29,7 +29,9 @@ struct Usage {
 Usage ReadUsage(const std::string& name, const std::string& boot_id) {
   Usage usage;
   SecureBytes content;
-  if (!ReadStateFile(name, &content)) return usage;
+  if (!ReadStateFile(name, &content)) {
+    return usage;
+  }
   ByteReader reader(content);
   ByteView boot;
   if (!reader.TakeU64(&usage.count) || !reader.TakeU64(&usage.last_use) ||
@@ -59,7 +61,9 @@ bool IsKeyDeleted(const Bytes& key_id) { return HasStateFile(RecordName("deleted
 void CountUse(const Key& key) {
   const Param* max_uses = key.Find(KM_TAG_MAX_USES_PER_BOOT);
   const Param* min_seconds = key.Find(KM_TAG_MIN_SECONDS_BETWEEN_OPS);
-  if (max_uses == nullptr && min_seconds == nullptr) return;
+  if (max_uses == nullptr && min_seconds == nullptr) {
+    return;
+  }
   const StateLock lock;
   const std::string name = RecordName("usage_", key.id);
   const std::string boot_id = BootId();

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "key.h"
+#include "ta/key.h"
 
 namespace ta {
 

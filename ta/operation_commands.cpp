@@ -1,9 +1,9 @@
 #include <string.h>
 
-#include "commands.h"
-#include "key_records.h"
-#include "operation_policy.h"
-#include "operation_table.h"
+#include "ta/commands.h"
+#include "ta/key_records.h"
+#include "ta/operation_policy.h"
+#include "ta/operation_table.h"
 
 namespace ta {
 namespace {
@@ -39,7 +39,9 @@ void SplitFinishInput(ByteView packed, ByteView* input, ByteView* signature) {
            reader.TakeBytes(size, out);
   };
   const bool split = take_item(kInputMarker, input) && take_item(kSignatureMarker, signature);
-  if (packed.size != 0 && (!split || reader.remaining() != 0)) Fail(KM_ERROR_INVALID_ARGUMENT);
+  if (packed.size != 0 && (!split || reader.remaining() != 0)) {
+    Fail(KM_ERROR_INVALID_ARGUMENT);
+  }
 }
 
 // Ends an operation when it goes out of scope, unless it is to go on.
@@ -47,7 +49,9 @@ class OperationEnder {
  public:
   OperationEnder(uint64_t handle, RunningOperation* running) : handle_(handle), running_(running) {}
   ~OperationEnder() {
-    if (goes_on_) return;
+    if (goes_on_) {
+      return;
+    }
     running_->operation.reset();
     OperationTable::Instance().Remove(handle_);
   }
@@ -65,11 +69,17 @@ class OperationEnder {
 // with them unless it is to go on.
 struct HeldOperation {
   explicit HeldOperation(ByteView handle_bytes) {
-    if (!ByteReader(handle_bytes).TakeU64(&handle)) Fail(TEEC_ERROR_BAD_PARAMETERS);
+    if (!ByteReader(handle_bytes).TakeU64(&handle)) {
+      Fail(TEEC_ERROR_BAD_PARAMETERS);
+    }
     running = OperationTable::Instance().Find(handle);
-    if (running == nullptr) Fail(KM_ERROR_INVALID_OPERATION_HANDLE);
+    if (running == nullptr) {
+      Fail(KM_ERROR_INVALID_OPERATION_HANDLE);
+    }
     guard = std::unique_lock<std::mutex>(running->mutex);
-    if (running->operation == nullptr) Fail(KM_ERROR_INVALID_OPERATION_HANDLE);
+    if (running->operation == nullptr) {
+      Fail(KM_ERROR_INVALID_OPERATION_HANDLE);
+    }
     ender.emplace(handle, running.get());
   }
 
@@ -82,11 +92,19 @@ struct HeldOperation {
 // What update and finish have in common: the user, associated data, input.
 void Feed(const HeldOperation& held, const ParamSet& params, ByteView input) {
   RunningOperation* const running = held.running.get();
-  if (running->needs_token) AuthorizeContinuation(held.handle, running->demands, params);
+  if (running->needs_token) {
+    AuthorizeContinuation(held.handle, running->demands, params);
+  }
   const uint32_t tag = static_cast<uint32_t>(KM_TAG_ASSOCIATED_DATA);
-  if (params.Contains(tag)) running->operation->AddAssociatedData(params.BytesOf(tag));
-  if (input.size == 0) return;
-  if (running->pending.size() > kMaxPending) Fail(KM_ERROR_INSUFFICIENT_BUFFER_SPACE);
+  if (params.Contains(tag)) {
+    running->operation->AddAssociatedData(params.BytesOf(tag));
+  }
+  if (input.size == 0) {
+    return;
+  }
+  if (running->pending.size() > kMaxPending) {
+    Fail(KM_ERROR_INSUFFICIENT_BUFFER_SPACE);
+  }
   running->operation->Update(input, &running->pending);
 }
 
@@ -107,14 +125,20 @@ void BeginOperation(uint32_t types, TaParam params[4]) {
   AuthorizeBegin(purpose, key, request);
   const auto running = std::make_shared<RunningOperation>();
   running->needs_token = NeedsTokenPerOperation(purpose, key);
-  if (running->needs_token) running->demands = key.hw_enforced;
+  if (running->needs_token) {
+    running->demands = key.hw_enforced;
+  }
   ParamSet out_params;
   running->operation = MakerOf(key.algorithm, purpose)({purpose, request, &key, &out_params});
   Reply(out_params.empty() ? Bytes() : Serialize({&out_params}), &params[2]);
   uint64_t handle = 0;
-  if (!OperationTable::Instance().Add(running, &handle)) Fail(KM_ERROR_TOO_MANY_OPERATIONS);
+  if (!OperationTable::Instance().Add(running, &handle)) {
+    Fail(KM_ERROR_TOO_MANY_OPERATIONS);
+  }
   OperationEnder ender(handle, running.get());
-  if (!UsesPublicKey(purpose, key)) CountUse(key);
+  if (!UsesPublicKey(purpose, key)) {
+    CountUse(key);
+  }
   ender.GoOn();
   params[3].a = static_cast<uint32_t>(handle);
   params[3].b = static_cast<uint32_t>(handle >> 32);
@@ -143,7 +167,9 @@ void FinishOperation(uint32_t types, TaParam params[4]) {
 }
 
 void AbortOperation(uint32_t, TaParam params[4]) {
-  if (params[0].size != sizeof(uint64_t)) Fail(TEEC_ERROR_BAD_PARAMETERS);
+  if (params[0].size != sizeof(uint64_t)) {
+    Fail(TEEC_ERROR_BAD_PARAMETERS);
+  }
   const HeldOperation held(InputOf(params[0]));
 }
 

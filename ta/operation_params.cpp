@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "operation.h"
+#include "ta/operation.h"
 
 namespace ta {
 
@@ -18,9 +18,13 @@ uint32_t Choose(const OperationRequest& request, keymaster_tag_t tag) {
   };
   const auto* const choice = std::find_if(std::begin(kChoices), std::end(kChoices),
                                           [tag](const auto& row) { return row.tag == tag; });
-  if (request.params.Count(tag) != 1) Fail(choice->unsupported);
+  if (request.params.Count(tag) != 1) {
+    Fail(choice->unsupported);
+  }
   const uint64_t value = *request.params.Value(tag);
-  if (!request.key->Authorizes(tag, value)) Fail(choice->incompatible);
+  if (!request.key->Authorizes(tag, value)) {
+    Fail(choice->incompatible);
+  }
   return static_cast<uint32_t>(value);
 }
 
@@ -30,10 +34,14 @@ Bytes ChooseNonce(const OperationRequest& request, size_t size) {
     if (encrypts && !request.key->hw_enforced.IsTrue(KM_TAG_CALLER_NONCE)) {
       Fail(KM_ERROR_CALLER_NONCE_PROHIBITED);
     }
-    if (given->bytes.size() != size) Fail(KM_ERROR_INVALID_NONCE);
+    if (given->bytes.size() != size) {
+      Fail(KM_ERROR_INVALID_NONCE);
+    }
     return given->bytes;
   }
-  if (!encrypts) Fail(KM_ERROR_MISSING_NONCE);
+  if (!encrypts) {
+    Fail(KM_ERROR_MISSING_NONCE);
+  }
   Bytes nonce(size);
   FillRandom(nonce.data(), size);
   request.out_params->AddBytes(KM_TAG_NONCE, nonce);
@@ -42,8 +50,12 @@ Bytes ChooseNonce(const OperationRequest& request, size_t size) {
 
 size_t ChooseMacSize(const OperationRequest& request, uint64_t least, uint64_t most) {
   const std::optional<uint64_t> bits = request.params.Value(KM_TAG_MAC_LENGTH);
-  if (!bits) Fail(KM_ERROR_MISSING_MAC_LENGTH);
-  if (*bits < least || *bits > most || *bits % 8 != 0) Fail(KM_ERROR_UNSUPPORTED_MAC_LENGTH);
+  if (!bits) {
+    Fail(KM_ERROR_MISSING_MAC_LENGTH);
+  }
+  if (*bits < least || *bits > most || *bits % 8 != 0) {
+    Fail(KM_ERROR_UNSUPPORTED_MAC_LENGTH);
+  }
   if (*bits < request.key->hw_enforced.Value(KM_TAG_MIN_MAC_LENGTH).value_or(most)) {
     Fail(KM_ERROR_INVALID_MAC_LENGTH);
   }
@@ -64,7 +76,9 @@ const EVP_CIPHER* CipherOf(const Key& key, uint32_t mode) {
   for (const auto& row : kRows) {
     const Cipher cipher =
         key.algorithm == KM_ALGORITHM_AES ? row.aes[key.key_size / 64 - 2] : row.triple_des;
-    if (row.mode == mode && cipher != nullptr) return cipher();
+    if (row.mode == mode && cipher != nullptr) {
+      return cipher();
+    }
   }
   return nullptr;
 }
@@ -73,7 +87,9 @@ const EVP_MD* DigestAlgorithm(uint32_t digest) {
   using Digest = const EVP_MD* (*)();
   constexpr Digest kDigests[] = {nullptr,    EVP_md5,    EVP_sha1,  EVP_sha224,
                                  EVP_sha256, EVP_sha384, EVP_sha512};
-  if (digest >= std::size(kDigests) || kDigests[digest] == nullptr) return nullptr;
+  if (digest >= std::size(kDigests) || kDigests[digest] == nullptr) {
+    return nullptr;
+  }
   return kDigests[digest]();
 }
 

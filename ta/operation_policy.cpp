@@ -1,8 +1,8 @@
-#include "operation_policy.h"
+#include "ta/operation_policy.h"
 
-#include "auth.h"
-#include "device_state.h"
-#include "key_description.h"
+#include "ta/auth.h"
+#include "ta/device_state.h"
+#include "ta/key_description.h"
 
 namespace ta {
 namespace {
@@ -28,8 +28,12 @@ void CheckDates(uint32_t purpose, const Key& key) {
   const Param* active = key.Find(KM_TAG_ACTIVE_DATETIME);
   const Param* expires =
       key.Find(originates ? KM_TAG_ORIGINATION_EXPIRE_DATETIME : KM_TAG_USAGE_EXPIRE_DATETIME);
-  if (active != nullptr && now < active->value) Fail(KM_ERROR_KEY_NOT_YET_VALID);
-  if (expires != nullptr && now > expires->value) Fail(KM_ERROR_KEY_EXPIRED);
+  if (active != nullptr && now < active->value) {
+    Fail(KM_ERROR_KEY_NOT_YET_VALID);
+  }
+  if (expires != nullptr && now > expires->value) {
+    Fail(KM_ERROR_KEY_EXPIRED);
+  }
 }
 
 // Demands that this TA cannot meet: nothing here sees the boot loader, a button or a dialogue.
@@ -44,7 +48,9 @@ void CheckUnmeetableDemands(const Key& key) {
       {KM_TAG_TRUSTED_CONFIRMATION_REQUIRED, KM_ERROR_NO_USER_CONFIRMATION},
   };
   for (const auto& demand : kDemands) {
-    if (key.hw_enforced.IsTrue(static_cast<uint32_t>(demand.tag))) Fail(demand.error);
+    if (key.hw_enforced.IsTrue(static_cast<uint32_t>(demand.tag))) {
+      Fail(demand.error);
+    }
   }
 }
 
@@ -69,7 +75,9 @@ void CheckDeviceState(const Key& key, const AuthToken* token) {
 
 void CheckTimedUser(const Key& key, const AuthToken* token) {
   const std::optional<uint64_t> timeout = key.hw_enforced.Value(KM_TAG_AUTH_TIMEOUT);
-  if (!NeedsUser(key.hw_enforced) || !timeout) return;
+  if (!NeedsUser(key.hw_enforced) || !timeout) {
+    return;
+  }
   if (token == nullptr || !AuthTokenSatisfies(*token, key.hw_enforced) ||
       !AuthTokenFresh(*token, static_cast<uint32_t>(*timeout))) {
     Fail(KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
@@ -85,7 +93,9 @@ bool UsesPublicKey(uint32_t purpose, const Key& key) {
 
 void AuthorizeBegin(uint32_t purpose, const Key& key, const ParamSet& params) {
   CheckPurpose(purpose, key, params);
-  if (UsesPublicKey(purpose, key)) return;
+  if (UsesPublicKey(purpose, key)) {
+    return;
+  }
   AuthToken parsed;
   const AuthToken* token = TokenOf(params, &parsed) ? &parsed : nullptr;
   CheckUnmeetableDemands(key);

@@ -2,7 +2,7 @@
 #ifndef TA_OPERATION_POLICY_H
 #define TA_OPERATION_POLICY_H
 
-#include "key.h"
+#include "ta/key.h"
 
 namespace ta {
 

@@ -1,4 +1,4 @@
-#include "operation_table.h"
+#include "ta/operation_table.h"
 
 namespace ta {
 
@@ -10,7 +10,9 @@ OperationTable& OperationTable::Instance() {
 
 bool OperationTable::Add(const RunningOperationPtr& operation, uint64_t* handle) {
   const std::lock_guard<std::mutex> guard(mutex_);
-  if (operations_.size() >= kCapacity) return false;
+  if (operations_.size() >= kCapacity) {
+    return false;
+  }
   uint64_t candidate = 0;
   do {
     FillRandom(&candidate, sizeof(candidate));

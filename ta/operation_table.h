@@ -5,7 +5,7 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "operation.h"
+#include "ta/operation.h"
 
 namespace ta {
 

@@ -7,7 +7,7 @@
 #include <initializer_list>
 #include <optional>
 
-#include "bytes.h"
+#include "ta/bytes.h"
 
 namespace ta {
 

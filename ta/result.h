@@ -6,7 +6,7 @@
 #include <tee_client_api.h>
 #include <trusted_app.h>
 
-#include "bytes.h"
+#include "ta/bytes.h"
 
 namespace ta {
 

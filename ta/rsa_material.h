@@ -2,7 +2,7 @@
 #ifndef TA_RSA_MATERIAL_H
 #define TA_RSA_MATERIAL_H
 
-#include "key.h"
+#include "ta/key.h"
 
 namespace ta {
 

@@ -1,7 +1,7 @@
 // RSA and ECDSA signatures, made and checked.
 #include <openssl/rsa.h>
 
-#include "operation.h"
+#include "ta/operation.h"
 
 namespace ta {
 namespace {
@@ -25,7 +25,9 @@ class SignatureOperation : public Operation {
         key_bytes_((key.key_size + 7) / 8),
         pkey_(std::move(pkey)),
         scheme_(scheme) {
-    if (scheme_.md == nullptr) return;
+    if (scheme_.md == nullptr) {
+      return;
+    }
     hash_.reset(EVP_MD_CTX_new());
     RequireCrypto(hash_ != nullptr && EVP_DigestInit_ex(hash_.get(), scheme_.md, nullptr) == 1);
   }
@@ -35,7 +37,9 @@ class SignatureOperation : public Operation {
       return RequireCrypto(EVP_DigestUpdate(hash_.get(), input.data, input.size) == 1);
     }
     const size_t room = MaxBareData() - data_.size();
-    if (rsa_ && input.size > room) Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+    if (rsa_ && input.size > room) {
+      Fail(KM_ERROR_INVALID_INPUT_LENGTH);
+    }
     // ECDSA uses the leftmost bits of what is longer than its numbers.
     AppendBytes(&data_, ByteView(input.data, std::min(input.size, room)));
   }
@@ -121,7 +125,9 @@ void CheckRsaScheme(const Scheme& scheme, size_t key_bytes) {
     default:
       Fail(KM_ERROR_UNSUPPORTED_PADDING_MODE);
   }
-  if (!fits) Fail(KM_ERROR_INCOMPATIBLE_DIGEST);
+  if (!fits) {
+    Fail(KM_ERROR_INCOMPATIBLE_DIGEST);
+  }
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "state.h"
+#include "ta/state.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -10,7 +10,7 @@
 #include <mutex>
 #include <stdexcept>
 
-#include "evp.h"
+#include "ta/evp.h"
 
 namespace ta {
 namespace {
@@ -26,9 +26,12 @@ std::string FolderName() {
     const char* value = getenv(name);
     return std::string(value == nullptr ? "" : value);
   };
-  if (const std::string own = variable("KEYMASTER_TA_STATE"); !own.empty()) return own;
-  if (const std::string xdg = variable("XDG_STATE_HOME"); !xdg.empty())
+  if (const std::string own = variable("KEYMASTER_TA_STATE"); !own.empty()) {
+    return own;
+  }
+  if (const std::string xdg = variable("XDG_STATE_HOME"); !xdg.empty()) {
     return xdg + "/keymaster-ta";
+  }
   if (const std::string home = variable("HOME"); !home.empty()) {
     return home + "/.local/state/keymaster-ta";
   }
@@ -39,12 +42,16 @@ std::string FolderName() {
 std::string EnsureFolder() {
   const std::string folder = FolderName();
   struct stat status {};
-  if (stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return folder;
+  if (stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+    return folder;
+  }
   for (size_t end = folder.find('/', 1); end != std::string::npos;
        end = folder.find('/', end + 1)) {
     mkdir(folder.substr(0, end).c_str(), 0755);
   }
-  if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) ThrowStateError("cannot make folder");
+  if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+    ThrowStateError("cannot make folder");
+  }
   return folder;
 }
 
@@ -52,7 +59,9 @@ class File {
  public:
   File(const std::string& path, int flags) : fd_(open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
   ~File() {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0) {
+      close(fd_);
+    }
   }
   File(const File&) = delete;
   File& operator=(const File&) = delete;
@@ -66,11 +75,17 @@ class File {
 void WriteAll(int fd, ByteView content) {
   for (size_t done = 0; done < content.size;) {
     const ssize_t written = write(fd, content.data + done, content.size - done);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) ThrowStateError("cannot write");
+    if (written < 0 && errno == EINTR) {
+      continue;
+    }
+    if (written <= 0) {
+      ThrowStateError("cannot write");
+    }
     done += static_cast<size_t>(written);
   }
-  if (fsync(fd) != 0) ThrowStateError("cannot write");
+  if (fsync(fd) != 0) {
+    ThrowStateError("cannot write");
+  }
 }
 
 // Makes a new name in the folder last, whatever happens to the system.
@@ -86,7 +101,9 @@ void SyncFolder() {
 std::string WriteTemporary(const std::string& path, ByteView content) {
   std::string name = path + ".XXXXXX";
   const int fd = mkostemp(name.data(), O_CLOEXEC);
-  if (fd < 0) ThrowStateError("cannot make file");
+  if (fd < 0) {
+    ThrowStateError("cannot make file");
+  }
   try {
     WriteAll(fd, content);
   } catch (...) {
@@ -106,16 +123,24 @@ bool ReadStateFile(const std::string& name, SecureBytes* out) {
   const File file(StateFile(name), O_RDONLY);
   if (!file.is_open()) {
     // What is there and cannot be read must not pass for a fresh start.
-    if (errno != ENOENT) ThrowStateError("cannot read");
+    if (errno != ENOENT) {
+      ThrowStateError("cannot read");
+    }
     return false;
   }
   struct stat status {};
-  if (fstat(file.fd(), &status) != 0) ThrowStateError("cannot read");
+  if (fstat(file.fd(), &status) != 0) {
+    ThrowStateError("cannot read");
+  }
   out->resize(static_cast<size_t>(status.st_size));
   for (size_t done = 0; done < out->size();) {
     const ssize_t got = read(file.fd(), out->data() + done, out->size() - done);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) ThrowStateError("cannot read");
+    if (got < 0 && errno == EINTR) {
+      continue;
+    }
+    if (got <= 0) {
+      ThrowStateError("cannot read");
+    }
     done += static_cast<size_t>(got);
   }
   return true;
@@ -132,8 +157,12 @@ void ReplaceStateFile(const std::string& name, ByteView content) {
 }
 
 bool HasStateFile(const std::string& name) {
-  if (access(StateFile(name).c_str(), F_OK) == 0) return true;
-  if (errno != ENOENT) ThrowStateError("cannot read");
+  if (access(StateFile(name).c_str(), F_OK) == 0) {
+    return true;
+  }
+  if (errno != ENOENT) {
+    ThrowStateError("cannot read");
+  }
   return false;
 }
 
@@ -144,7 +173,9 @@ bool CreateStateFile(const std::string& name, ByteView content) {
   const int linked = link(temporary.c_str(), path.c_str());
   const int reason = errno;
   unlink(temporary.c_str());
-  if (linked != 0 && reason != EEXIST) ThrowStateError("cannot create file");
+  if (linked != 0 && reason != EEXIST) {
+    ThrowStateError("cannot create file");
+  }
   SyncFolder();
   return linked == 0;
 }
@@ -155,14 +186,20 @@ SecureBytes LoadOrCreateSecret(const std::string& name, size_t size) {
     SecureBytes fresh(size);
     FillRandom(fresh.data(), size);
     CreateStateFile(name, fresh);
-    if (!ReadStateFile(name, &secret)) ThrowStateError("a secret vanished");
+    if (!ReadStateFile(name, &secret)) {
+      ThrowStateError("a secret vanished");
+    }
   }
-  if (secret.size() != size) ThrowStateError("a secret is damaged");
+  if (secret.size() != size) {
+    ThrowStateError("a secret is damaged");
+  }
   return secret;
 }
 
 StateLock::StateLock() : fd_(open(StateFile("lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-  if (fd_ < 0) ThrowStateError("cannot lock");
+  if (fd_ < 0) {
+    ThrowStateError("cannot lock");
+  }
   while (flock(fd_, LOCK_EX) != 0) {
     if (errno != EINTR) {
       close(fd_);
@@ -208,7 +245,9 @@ bool GetSystemVersion(SystemVersion* version) {
   const std::lock_guard<std::mutex> guard(configured.mutex);
   if (const std::string folder = FolderName(); configured.folder != folder) {
     SecureBytes content;
-    if (!ReadStateFile(kVersionFile, &content)) return false;
+    if (!ReadStateFile(kVersionFile, &content)) {
+      return false;
+    }
     ByteReader reader(content);
     if (!reader.TakeU32(&configured.version.os_version) ||
         !reader.TakeU32(&configured.version.os_patchlevel)) {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "bytes.h"
+#include "ta/bytes.h"
 
 namespace ta {
 

@@ -32,12 +32,18 @@ uint8_t ByteAt(std::string_view text, size_t at) { return static_cast<uint8_t>(t
 // CharacterLength returns the bytes of the UTF-8 character that text begins with, 0 for none.
 size_t CharacterLength(std::string_view text) {
   for (const Lead& lead : kLeads) {
-    if (ByteAt(text, 0) < lead.first || ByteAt(text, 0) > lead.last) continue;
-    if (text.size() < lead.length) return 0;
+    if (ByteAt(text, 0) < lead.first || ByteAt(text, 0) > lead.last) {
+      continue;
+    }
+    if (text.size() < lead.length) {
+      return 0;
+    }
     for (size_t at = 1; at < lead.length; ++at) {
       const uint8_t min = at == 1 ? lead.second_min : 0x80;
       const uint8_t max = at == 1 ? lead.second_max : 0xBF;
-      if (ByteAt(text, at) < min || ByteAt(text, at) > max) return 0;
+      if (ByteAt(text, at) < min || ByteAt(text, at) > max) {
+        return 0;
+      }
     }
     return lead.length;
   }
@@ -57,7 +63,9 @@ std::string JsonString(std::string_view text) {
       text.remove_prefix(1);
       continue;
     }
-    if (byte == '"' || byte == '\\') json.push_back('\\');
+    if (byte == '"' || byte == '\\') {
+      json.push_back('\\');
+    }
     json.append(text.substr(0, length));
     text.remove_prefix(length);
   }
@@ -73,7 +81,9 @@ struct Event {
 int Set(void* object, std::string name, std::string json) {
   auto* event = static_cast<Event*>(object);
   for (auto& param : event->params) {
-    if (param.first != name) continue;
+    if (param.first != name) {
+      continue;
+    }
     param.second = std::move(json);
     return 0;
   }
@@ -99,7 +109,9 @@ int WriteLine(int descriptor, std::string_view line) {
 
 int Append(const char* path, std::string_view line) {
   const int descriptor = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-  if (descriptor < 0) return kFailed;
+  if (descriptor < 0) {
+    return kFailed;
+  }
   const int result = WriteLine(descriptor, line);
   close(descriptor);
   return result;
@@ -120,9 +132,13 @@ int Guarded(Body body) {
 void* qavix_create_eventobj(unsigned id) { return new (std::nothrow) Event{id, {}}; }
 
 int qavix_send_event(void* event) {
-  if (event == nullptr) return kFailed;
+  if (event == nullptr) {
+    return kFailed;
+  }
   const char* sink = getenv("QAVIX_EVENTS");
-  if (sink == nullptr || *sink == '\0') return 0;
+  if (sink == nullptr || *sink == '\0') {
+    return 0;
+  }
   return Guarded([&] {
     const std::string line = ToLine(*static_cast<Event*>(event));
     return std::string_view(sink) == "-" ? WriteLine(STDERR_FILENO, line) : Append(sink, line);
@@ -132,17 +148,23 @@ int qavix_send_event(void* event) {
 void qavix_destroy_eventobj(void* event) { delete static_cast<Event*>(event); }
 
 int qavix_set_param_integer_v2(void* event, const char* name, long value) {
-  if (event == nullptr || name == nullptr) return kFailed;
+  if (event == nullptr || name == nullptr) {
+    return kFailed;
+  }
   return Guarded([&] { return Set(event, name, std::to_string(value)); });
 }
 
 int qavix_set_param_string_v2(void* event, const char* name, const char* value) {
-  if (event == nullptr || name == nullptr || value == nullptr) return kFailed;
+  if (event == nullptr || name == nullptr || value == nullptr) {
+    return kFailed;
+  }
   return Guarded([&] { return Set(event, name, JsonString(value)); });
 }
 
 int qavix_set_param(void* event, unsigned short index, const void* value) {
-  if (event == nullptr || value == nullptr) return kFailed;
+  if (event == nullptr || value == nullptr) {
+    return kFailed;
+  }
   return Guarded([&] {
     return Set(event, std::to_string(index), JsonString(static_cast<const char*>(value)));
   });

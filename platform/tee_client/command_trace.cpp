@@ -1,11 +1,11 @@
-#include "command_trace.h"
+#include "platform/tee_client/command_trace.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
-#include "param_trace.h"
-#include "trace_names.h"
+#include "platform/tee_client/param_trace.h"
+#include "platform/tee_client/trace_names.h"
 
 namespace {
 
@@ -23,7 +23,9 @@ std::string ValueText(uint32_t a, uint32_t b) {
 // How much of the TA's copy means something: an input's bytes, or what a success produced.
 uint32_t LengthOf(const CommandParameters& parameters, uint32_t index, Reply reply) {
   const bool is_output = IsOutput(parameters.TypeOf(index));
-  if (is_output && reply.result != TEEC_SUCCESS) return 0;
+  if (is_output && reply.result != TEEC_SUCCESS) {
+    return 0;
+  }
   const uint32_t capacity = parameters.CapacityOf(index);
   return is_output ? std::min(parameters.ta_params()[index].size, capacity) : capacity;
 }
@@ -33,15 +35,23 @@ std::string Describe(const CommandParameters& parameters, uint32_t index, Reply 
   const uint32_t type = parameters.TypeOf(index);
   const TaParam& ta = parameters.ta_params()[index];
   std::string text = kTypeNames[type];
-  if (type == TEEC_NONE) return text;
+  if (type == TEEC_NONE) {
+    return text;
+  }
   if (!IsMemoryReference(type)) {
     const TEEC_Value& given = parameters.Given(index).value;
-    if (IsInput(type)) text += " " + ValueText(given.a, given.b);
-    if (IsOutput(type)) text += "->" + ValueText(ta.a, ta.b);
+    if (IsInput(type)) {
+      text += " " + ValueText(given.a, given.b);
+    }
+    if (IsOutput(type)) {
+      text += "->" + ValueText(ta.a, ta.b);
+    }
     return text;
   }
   text += " " + std::to_string(parameters.CapacityOf(index));
-  if (IsOutput(type)) text += "->" + std::to_string(ta.size);
+  if (IsOutput(type)) {
+    text += "->" + std::to_string(ta.size);
+  }
   const uint32_t length = LengthOf(parameters, index, reply);
   return content == Content::kSecret || length == 0 ? text
                                                     : text + " " + FirstBytes(ta.buffer, length);
@@ -55,7 +65,9 @@ std::string DescribeKeyParams(const CommandParameters& parameters, Reply reply,
     const uint32_t lists = content == Content::kTwoLists ? 2 : content == Content::kOneList ? 1 : 0;
     const uint32_t length =
         IsMemoryReference(parameters.TypeOf(i)) ? LengthOf(parameters, i, reply) : 0;
-    if (lists == 0 || length == 0) continue;
+    if (lists == 0 || length == 0) {
+      continue;
+    }
     const std::string label = "tee:   params[" + std::to_string(i) + "]";
     text += DecodeKeyParams(label, parameters.ta_params()[i].buffer, length, lists, with_secrets);
   }
@@ -67,8 +79,12 @@ std::string DescribeKeyParams(const CommandParameters& parameters, Reply reply,
 TraceLevel TraceLevelNow() {
   const char* value = getenv("TEE_TRACE");
   const std::string text = value == nullptr ? "" : value;
-  if (text == "secrets") return TraceLevel::kSecrets;
-  if (text == "params") return TraceLevel::kParams;
+  if (text == "secrets") {
+    return TraceLevel::kSecrets;
+  }
+  if (text == "params") {
+    return TraceLevel::kParams;
+  }
   return text == "1" ? TraceLevel::kCommands : TraceLevel::kOff;
 }
 
@@ -91,5 +107,7 @@ void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply r
 }
 
 void TraceEvent(const std::string& text) {
-  if (TraceLevelNow() != TraceLevel::kOff) (void)fprintf(stderr, "tee: %s\n", text.c_str());
+  if (TraceLevelNow() != TraceLevel::kOff) {
+    (void)fprintf(stderr, "tee: %s\n", text.c_str());
+  }
 }

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <string>
 
-#include "command_parameters.h"
+#include "platform/tee_client/command_parameters.h"
 
 enum class TraceLevel { kOff, kCommands, kParams, kSecrets };
 

@@ -1,4 +1,4 @@
-#include "fault_plan.h"
+#include "platform/tee_client/fault_plan.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -21,7 +21,9 @@ struct FaultPlan {
 };
 
 bool ReadNumber(const std::string& text, uint32_t* value) {
-  if (text.empty() || text[0] < '0' || text[0] > '9') return false;
+  if (text.empty() || text[0] < '0' || text[0] > '9') {
+    return false;
+  }
   char* end = nullptr;
   const unsigned long long number = strtoull(text.c_str(), &end, 0);
   *value = static_cast<uint32_t>(number);
@@ -37,7 +39,9 @@ bool ReadField(const std::string& name, uint32_t value, FaultPlan* plan) {
   };
   plan->fault.has_length = plan->fault.has_length || name == "length";
   for (const auto& [known, field] : kFields) {
-    if (name == known) return *field = value, true;
+    if (name == known) {
+      return *field = value, true;
+    }
   }
   return false;
 }
@@ -51,8 +55,12 @@ bool ReadFields(FaultPlan* plan) {
     if (name.size() == field.size() || !ReadNumber(field.substr(name.size() + 1), &value)) {
       return false;
     }
-    if (is_first) plan->command = value;
-    if (is_first ? name != "cmd" : !ReadField(name, value, plan)) return false;
+    if (is_first) {
+      plan->command = value;
+    }
+    if (is_first ? name != "cmd" : !ReadField(name, value, plan)) {
+      return false;
+    }
   }
   const PlannedFault& fault = plan->fault;
   return (fault.code | fault.garbage | fault.crash | fault.delay_ms) != 0 || fault.has_length;
@@ -61,7 +69,9 @@ bool ReadFields(FaultPlan* plan) {
 FaultPlan ReadPlan(const char* text) {
   FaultPlan plan;
   plan.text = text;
-  if (plan.text.empty()) return plan;
+  if (plan.text.empty()) {
+    return plan;
+  }
   plan.is_active = ReadFields(&plan);
   if (!plan.is_active) {
     (void)fprintf(stderr, "tee: TEE_FAULT=\"%s\" is not understood and ignored\n", text);
@@ -77,20 +87,30 @@ bool TakePlannedFault(uint32_t command, PlannedFault* fault) {
   const char* variable = getenv("TEE_FAULT");
   const char* text = variable == nullptr ? "" : variable;
   const std::lock_guard<std::mutex> lock(mutex);
-  if (plan->text != text) *plan = ReadPlan(text);
-  if (!plan->is_active || plan->command != command) return false;
+  if (plan->text != text) {
+    *plan = ReadPlan(text);
+  }
+  if (!plan->is_active || plan->command != command) {
+    return false;
+  }
   ++plan->seen;
-  if (plan->seen < plan->nth || plan->seen - plan->nth >= plan->times) return false;
+  if (plan->seen < plan->nth || plan->seen - plan->nth >= plan->times) {
+    return false;
+  }
   *fault = plan->fault;
   return true;
 }
 
 bool AnswerInstead(const PlannedFault& fault, CommandParameters* parameters, Reply* reply) {
   *reply = {fault.code, TEEC_ORIGIN_TRUSTED_APP};
-  if (fault.code != TEEC_SUCCESS || fault.garbage == 0) return fault.code != TEEC_SUCCESS;
+  if (fault.code != TEEC_SUCCESS || fault.garbage == 0) {
+    return fault.code != TEEC_SUCCESS;
+  }
   std::random_device random;
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-    if (!IsOutput(parameters->TypeOf(i))) continue;
+    if (!IsOutput(parameters->TypeOf(i))) {
+      continue;
+    }
     TaParam& param = parameters->ta_params()[i];
     param.a = random();
     param.b = random();
@@ -100,12 +120,18 @@ bool AnswerInstead(const PlannedFault& fault, CommandParameters* parameters, Rep
 }
 
 void BendLength(const PlannedFault& fault, Reply reply, CommandParameters* parameters) {
-  if (!fault.has_length || reply.result != TEEC_SUCCESS) return;
+  if (!fault.has_length || reply.result != TEEC_SUCCESS) {
+    return;
+  }
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
     const uint32_t type = parameters->TypeOf(i);
-    if (!IsMemoryReference(type) || !IsOutput(type)) continue;
+    if (!IsMemoryReference(type) || !IsOutput(type)) {
+      continue;
+    }
     parameters->ta_params()[i].size = fault.length;
-    if (fault.lie != 0) parameters->BelieveSizes();
+    if (fault.lie != 0) {
+      parameters->BelieveSizes();
+    }
     return;
   }
 }

@@ -14,7 +14,7 @@
 #ifndef PLATFORM_TEE_CLIENT_FAULT_PLAN_H
 #define PLATFORM_TEE_CLIENT_FAULT_PLAN_H
 
-#include "command_parameters.h"
+#include "platform/tee_client/command_parameters.h"
 
 struct PlannedFault {
   TEEC_Result code = TEEC_SUCCESS;

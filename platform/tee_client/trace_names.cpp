@@ -1,4 +1,4 @@
-#include "trace_names.h"
+#include "platform/tee_client/trace_names.h"
 
 #include <hardware/keymaster_defs.h>
 
@@ -83,7 +83,9 @@ std::string NameOfTag(uint32_t tag) {
     std::istringstream names(group.names);
     std::string candidate;
     for (uint32_t i = group.first; names >> candidate; ++i) {
-      if (i == number) name = candidate;
+      if (i == number) {
+        name = candidate;
+      }
     }
   }
   char text[16];

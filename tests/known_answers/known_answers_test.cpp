@@ -1,5 +1,5 @@
 // Every vector, in pieces of awkward sizes and at one go.
-#include "vectors.h"
+#include "tests/known_answers/vectors.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <iostream>
 #include <thread>
 
-#include "vectors.h"
+#include "tests/known_answers/vectors.h"
 
 namespace {
 
@@ -46,7 +46,9 @@ uint64_t Setting(const char* name, uint64_t otherwise) {
 void Free(keymaster_key_param_set_t* set) {
   for (size_t i = 0; i < set->length; ++i) {
     const bool bytes = keymaster_tag_get_type(set->params[i].tag) == KM_BYTES;
-    if (bytes) free(const_cast<uint8_t*>(set->params[i].blob.data));
+    if (bytes) {
+      free(const_cast<uint8_t*>(set->params[i].blob.data));
+    }
   }
   free(set->params);
 }
@@ -60,7 +62,9 @@ void Live(Client* client, keymaster_algorithm_t algorithm, uint64_t size) {
   description.Add(KM_TAG_ALGORITHM, algorithm).Add(KM_TAG_KEY_SIZE, size);
   description.Add(KM_TAG_PURPOSE, KM_PURPOSE_SIGN).Add(KM_TAG_PURPOSE, KM_PURPOSE_VERIFY);
   description.Add(KM_TAG_NO_AUTH_REQUIRED, 1).Add(KM_TAG_PADDING, KM_PAD_RSA_PSS);
-  if (secret) description.Add(KM_TAG_MIN_MAC_LENGTH, 256);
+  if (secret) {
+    description.Add(KM_TAG_MIN_MAC_LENGTH, 256);
+  }
   description.Add(KM_TAG_RSA_PUBLIC_EXPONENT, 65537);
   use.Add(KM_TAG_PADDING, KM_PAD_RSA_PSS).Add(KM_TAG_MAC_LENGTH, 256);
   const Str text = "text";
@@ -70,7 +74,9 @@ void Live(Client* client, keymaster_algorithm_t algorithm, uint64_t size) {
   ASSERT_EQ(km.TivasKmGenerateKey(description.get(), &key, &made), 0);
   EXPECT_EQ(km.TivasKmGetKeyCharacteristics(&key, nullptr, nullptr, &asked), 0);
   EXPECT_EQ(made.hw_enforced.length, asked.hw_enforced.length);
-  for (auto* traits : {&made, &asked}) Free(&traits->hw_enforced), Free(&traits->sw_enforced);
+  for (auto* traits : {&made, &asked}) {
+    Free(&traits->hw_enforced), Free(&traits->sw_enforced);
+  }
   const auto signature = client->Operate(KM_PURPOSE_SIGN, key, use, text, 3);
   EXPECT_EQ(signature.first, 0);
   EXPECT_EQ(client->Operate(KM_PURPOSE_VERIFY, key, use, text, 3, {}, signature.second).first, 0);
@@ -81,7 +87,9 @@ void Live(Client* client, keymaster_algorithm_t algorithm, uint64_t size) {
   attested.Add(KM_TAG_ATTESTATION_CHALLENGE, text).Add(KM_TAG_ATTESTATION_APPLICATION_ID, text);
   keymaster_cert_chain_t chain = {};
   EXPECT_EQ(km.TivasKmAttestKey(&key, attested.get(), &chain) == 0, !secret);
-  for (size_t i = 0; i < chain.entry_count; ++i) free(const_cast<uint8_t*>(chain.entries[i].data));
+  for (size_t i = 0; i < chain.entry_count; ++i) {
+    free(const_cast<uint8_t*>(chain.entries[i].data));
+  }
   free(chain.entries);
   EXPECT_EQ(km.TivasKmUpgradeKey(&key, Params().get(), &upgraded), 0);
   EXPECT_EQ(km.TivasKmDeletekey(&key), 0);
@@ -95,18 +103,30 @@ void Serve(Client* client, size_t thread, std::chrono::milliseconds time, uint64
   for (size_t round = thread * 31;
        client->requests < requests || std::chrono::steady_clock::now() - start < time; ++round) {
     client->Check(Vectors()[round % Vectors().size()], {1 + round % 40});
-    if (round % 8 == 0) Live(client, KM_ALGORITHM_EC, 256);
-    if (round % 8 == 4) Live(client, KM_ALGORITHM_HMAC, 128);
-    if (round % 64 == 1) Live(client, KM_ALGORITHM_RSA, 768);
-    if (testing::Test::HasFailure()) return;
+    if (round % 8 == 0) {
+      Live(client, KM_ALGORITHM_EC, 256);
+    }
+    if (round % 8 == 4) {
+      Live(client, KM_ALGORITHM_HMAC, 128);
+    }
+    if (round % 64 == 1) {
+      Live(client, KM_ALGORITHM_RSA, 768);
+    }
+    if (testing::Test::HasFailure()) {
+      return;
+    }
   }
 }
 
 TEST_F(Connected, ThreadsServeMixedRequestsAndLeaveNothing) {
   const auto all = [this](std::chrono::milliseconds time, uint64_t requests) {
     std::vector<std::thread> threads;
-    for (size_t i = 0; i < 12; ++i) threads.emplace_back(Serve, &client, i, time, requests);
-    for (std::thread& thread : threads) thread.join();
+    for (size_t i = 0; i < 12; ++i) {
+      threads.emplace_back(Serve, &client, i, time, requests);
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
   };
   all(std::chrono::milliseconds(0), 2000);
   const size_t before = mallinfo2().uordblks;

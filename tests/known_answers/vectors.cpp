@@ -1,4 +1,4 @@
-#include "vectors.h"
+#include "tests/known_answers/vectors.h"
 
 #include <filesystem>
 #include <fstream>
@@ -14,7 +14,9 @@ Params ParamsOf(const Vector& vector) {
   const std::pair<const char*, keymaster_tag_t> fields[] = {
       {"mode", KM_TAG_BLOCK_MODE}, {"padding", KM_TAG_PADDING}, {"digest", KM_TAG_DIGEST}};
   for (const auto& [name, tag] : fields) {
-    if (vector.Has(name)) params.Add(tag, static_cast<uint64_t>(vector.Number(name)));
+    if (vector.Has(name)) {
+      params.Add(tag, static_cast<uint64_t>(vector.Number(name)));
+    }
   }
   return params;
 }
@@ -37,9 +39,13 @@ void ReadFile(const std::filesystem::path& path, std::vector<Vector>* all) {
       const Str value = line.substr(std::min(line.size(), equals + 3));
       vector[name] = value[0] == '$' ? defined.at(value.substr(1)) : value;
     } else if (line.empty() && !vector.empty()) {
-      if (vector.Has("define")) defined[vector["define"]] = vector["value"];
+      if (vector.Has("define")) {
+        defined[vector["define"]] = vector["value"];
+      }
       vector["at"] = path.filename().string() + " above line " + std::to_string(number);
-      if (!vector.Has("define")) all->push_back(vector);
+      if (!vector.Has("define")) {
+        all->push_back(vector);
+      }
       vector.clear();
     }
   }
@@ -50,7 +56,9 @@ void ReadFile(const std::filesystem::path& path, std::vector<Vector>* all) {
 const std::vector<Vector>& Vectors() {
   static const std::vector<Vector> vectors = [] {
     std::vector<Vector> all;
-    for (const auto& entry : std::filesystem::directory_iterator(VECTORS)) ReadFile(entry, &all);
+    for (const auto& entry : std::filesystem::directory_iterator(VECTORS)) {
+      ReadFile(entry, &all);
+    }
     return all;
   }();
   return vectors;
@@ -65,7 +73,9 @@ Str Vector::Bytes(const Str& name) const {
 }
 
 Params::Params(std::initializer_list<std::pair<int64_t, uint64_t>> params) {
-  for (const auto& [tag, value] : params) Add(tag, value);
+  for (const auto& [tag, value] : params) {
+    Add(tag, value);
+  }
 }
 
 Params& Params::Add(int64_t tag, uint64_t value) {
@@ -134,7 +144,9 @@ void Client::Import(const Vector& vector, Key* key) {
                                 wraps ? &wrapping_key : key, nullptr),
             0);
   ++requests;
-  if (!wraps) return;
+  if (!wraps) {
+    return;
+  }
   const Str wrapped = vector.Bytes("wrapped"), mask = vector.Bytes("mask");
   const keymaster_key_blob_t wrapper = {Raw(wrapped), wrapped.size()};
   const keymaster_key_blob_t masking_key = {Raw(mask), mask.size()};
@@ -158,11 +170,15 @@ void Client::Check(const Vector& vector, const std::vector<size_t>& pieces) {
   Import(vector, &key);
   for (const size_t piece : pieces) {
     Params params = ParamsOf(vector);
-    if (!nonce.empty()) params.Add(KM_TAG_NONCE, nonce);
+    if (!nonce.empty()) {
+      params.Add(KM_TAG_NONCE, nonce);
+    }
     const size_t lost = error != 0 ? 0 : gcm ? piece % 5 : hmac ? piece % (whole.size() - 7) : 0;
     const Str made = whole.substr(0, whole.size() - lost);
     const Params checking = gcm ? params.Add(KM_TAG_MAC_LENGTH, 8 * (16 - lost)) : params;
-    if (hmac) params.Add(KM_TAG_MAC_LENGTH, 8 * made.size());
+    if (hmac) {
+      params.Add(KM_TAG_MAC_LENGTH, 8 * made.size());
+    }
     // What is made at random is not what stands in the vector, but it must be as good.
     const auto back = [&](const Str& from, size_t size) {
       return ciphers ? Operate(KM_PURPOSE_DECRYPT, key, checking, from, size, aad)
@@ -176,7 +192,9 @@ void Client::Check(const Vector& vector, const std::vector<size_t>& pieces) {
       EXPECT_EQ(reversed ? back(outcome.second, piece) : outcome,
                 reversed ? good : Outcome(error, made));
     }
-    if (!vector.Has(ciphers ? "cipher" : "signature")) continue;
+    if (!vector.Has(ciphers ? "cipher" : "signature")) {
+      continue;
+    }
     EXPECT_EQ(back(made, piece), good);
     const bool tells = error == 0 && (gcm || !ciphers) && piece == pieces.front();
     for (size_t i = 0; tells && i < made.size(); i += 5) {

@@ -78,8 +78,9 @@ struct Callback {
 };
 
 bool Happens(const std::atomic<int>& count) {
-  for (int wait = 0; count == 0 && wait < 5000; ++wait)
+  for (int wait = 0; count == 0 && wait < 5000; ++wait) {
     std::this_thread::sleep_for(milliseconds(1));
+  }
   return count != 0;
 }
 
@@ -89,7 +90,9 @@ TEST(Watchdog, CallsBackOnceForEachBracketThatOverruns) {
   Callback kept, late, slow, closes_itself;
   const int in_time = kept.Start(4000000000u);
   const int overrun = late.Start(1);
-  for (int call = 0; call < 1000; ++call) EXPECT_EQ(zubrel_end(kept.Start(50)), 0);
+  for (int call = 0; call < 1000; ++call) {
+    EXPECT_EQ(zubrel_end(kept.Start(50)), 0);
+  }
   EXPECT_TRUE(Happens(late.returned));
 
   slow.length = milliseconds(100);
@@ -132,7 +135,9 @@ TEST(Events, EverySentEventIsOneLineOfJson) {
 
   std::map<std::string, int> lines;
   std::ifstream file(path);
-  for (std::string line; std::getline(file, line);) ++lines[line];
+  for (std::string line; std::getline(file, line);) {
+    ++lines[line];
+  }
   unlink(path.c_str());
   const std::string rest =
       ",\"F\\\"\":\"a\\\\\\u000a\x7f\xc3\xa4\\u00ff\\u00ed\\u00a0\\u0080\",\"0\":\"teeos\"}}";

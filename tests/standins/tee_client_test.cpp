@@ -1,5 +1,4 @@
 // The TEE client as a border: what passes it, in which direction, and when.
-#include <built_in_apps.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +11,8 @@
 #include <string>
 #include <thread>
 
+#include "platform/tee_client/built_in_apps.h"
+
 namespace {
 
 constexpr TEEC_UUID kApp = {0x01020304, 0x0506, 0x0708, {1, 2, 3, 4, 5, 6, 7, 8}};
@@ -23,7 +24,9 @@ std::function<TEEC_Result(TaParam* params)> g_ta;
 const TrustedApp kTestApp = {
     kApp,
     [](uint32_t, uint32_t, TaParam params[4], void** session) -> TEEC_Result {
-      if (params[1].a != 0) return kTaError;
+      if (params[1].a != 0) {
+        return kTaError;
+      }
       *session = new std::atomic<int>(0);
       return TEEC_SUCCESS;
     },
@@ -159,7 +162,9 @@ TEST_F(TeeClientTest, TracesAndFailsOnDemandAndOutlivesACrash) {
   g_ta = [](TaParam* params) { return params[0].size = 5, TEEC_SUCCESS; };
   testing::internal::CaptureStderr();
   EXPECT_EQ(Invoke(&operation, 66), TEEC_SUCCESS);
-  for (const uint32_t expected : {0xFFFF000C, 0xFFFF000C, 0u}) EXPECT_EQ(Invoke(nullptr), expected);
+  for (const uint32_t expected : {0xFFFF000C, 0xFFFF000C, 0u}) {
+    EXPECT_EQ(Invoke(nullptr), expected);
+  }
   setenv("TEE_FAULT", "cmd=2;code=1", 1);
   EXPECT_EQ(Invoke(nullptr), TEEC_SUCCESS);
   unsetenv("TEE_FAULT");
@@ -181,7 +186,9 @@ TEST_F(TeeClientTest, SessionsRunSideBySideAndEachOneInTurn) {
   constexpr std::chrono::microseconds kShort(20);
   std::atomic<int> inside{0};
   g_ta = [&](TaParam* params) {
-    if (params[0].a == 0) return std::this_thread::sleep_for(kShort), TEEC_SUCCESS;
+    if (params[0].a == 0) {
+      return std::this_thread::sleep_for(kShort), TEEC_SUCCESS;
+    }
     ++inside;
     // Sessions that kept each other out would never meet here.
     for (int wait = 0; inside < 4 && wait < 5000; ++wait) {
@@ -201,8 +208,12 @@ TEST_F(TeeClientTest, SessionsRunSideBySideAndEachOneInTurn) {
     TEEC_CloseSession(&own);
   };
   std::array<std::thread, 4> threads;
-  for (std::thread& thread : threads) thread = std::thread(run);
-  for (std::thread& thread : threads) thread.join();
+  for (std::thread& thread : threads) {
+    thread = std::thread(run);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
 }
 
 }  // namespace

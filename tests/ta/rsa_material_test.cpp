@@ -8,7 +8,9 @@ namespace {
 Str RsaMaterial(const EVP_PKEY* key, uint32_t form) {
   auto numbers = test::NumbersOf(key);
   std::vector<const char*> parts = {"n", "e", "d"};
-  if (form == 2) parts = {"n", "e", "p", "q", "dmp1", "dmq1", "iqmp"};
+  if (form == 2) {
+    parts = {"n", "e", "p", "q", "dmp1", "dmq1", "iqmp"};
+  }
   Str header = Le(form, 4) + Le(numbers["n"].size(), 4), body;
   for (const char* part : parts) {
     header += Le(numbers[part].size(), 4);

@@ -51,13 +51,17 @@ inline Ps Key(uint32_t algorithm, uint32_t purpose, const Ps& rest) {
 
 inline Str Le(uint64_t value, size_t size) {
   Str out;
-  for (size_t i = 0; i < size; ++i) out += static_cast<char>(value >> (8 * i));
+  for (size_t i = 0; i < size; ++i) {
+    out += static_cast<char>(value >> (8 * i));
+  }
   return out;
 }
 
 inline uint64_t UnLe(const Str& bytes, size_t at, size_t size) {
   uint64_t value = 0;
-  for (size_t i = size; i > 0; --i) value = value << 8 | static_cast<uint8_t>(bytes.at(at + i - 1));
+  for (size_t i = size; i > 0; --i) {
+    value = value << 8 | static_cast<uint8_t>(bytes.at(at + i - 1));
+  }
   return value;
 }
 
@@ -143,7 +147,9 @@ struct Ta {
     for (uint32_t i = 0; i < 4; ++i) {
       slots[i].a = params[i].a;
       slots[i].b = params[i].b;
-      if (result != 0) continue;
+      if (result != 0) {
+        continue;
+      }
       EXPECT_LE(params[i].size, memory[i].size());
       slots[i].out.assign(memory[i].begin(), memory[i].begin() + params[i].size);
     }
@@ -169,7 +175,9 @@ struct Ta {
     value.type = TEEC_VALUE_INOUT;
     value.a = purpose;
     const uint32_t result = Run(kCmdBegin, In(blob), In(Wire(params)), Out(4096), value);
-    if (result == 0) handle = slots[3].a | static_cast<uint64_t>(slots[3].b) << 32;
+    if (result == 0) {
+      handle = slots[3].a | static_cast<uint64_t>(slots[3].b) << 32;
+    }
     return result;
   }
 
@@ -188,7 +196,9 @@ struct Ta {
                    const Str& signature = {}, const Ps& params = {}) {
     output.clear();
     uint32_t result = Begin(purpose, begin_params);
-    if (result == 0 && !params.empty()) result = Update({}, params);
+    if (result == 0 && !params.empty()) {
+      result = Update({}, params);
+    }
     for (size_t at = 0; result == 0 && at < input.size(); at += piece) {
       result = Update(input.substr(at, piece));
     }
@@ -197,11 +207,15 @@ struct Ta {
 
  private:
   uint32_t Keep(uint32_t result) {
-    if (result == 0) blob = slots[2].out;
+    if (result == 0) {
+      blob = slots[2].out;
+    }
     return result;
   }
   uint32_t Add(uint32_t result) {
-    if (result == 0) output += slots[3].out;
+    if (result == 0) {
+      output += slots[3].out;
+    }
     return result;
   }
 };

@@ -29,7 +29,9 @@ const Ps kRsaWrap = Key(KM_ALGORITHM_RSA, KM_PURPOSE_WRAP_KEY, kRsa);
 Ps With(const Ps& base, const P& change) {
   Ps out;
   for (const P& p : base) {
-    if (p.tag != change.tag) out.push_back(p);
+    if (p.tag != change.tag) {
+      out.push_back(p);
+    }
   }
   return out + change;
 }
@@ -133,7 +135,9 @@ TEST_F(TaTest, RefusesUsesThatTheKeyDoesNotAllow) {
   ASSERT_EQ(ta.Generate(kAes + P(KM_TAG_MIN_SECONDS_BETWEEN_OPS, 1)), 0u);
   const uint64_t before = ta::MillisSinceBoot();
   EXPECT_EQ(ta.Operate(kEncrypt, kEcb, Str(16, 'p'), 16), 0u);
-  while (ta.Begin(kEncrypt, kEcb) != 0) usleep(1000);
+  while (ta.Begin(kEncrypt, kEcb) != 0) {
+    usleep(1000);
+  }
   EXPECT_GE(ta::MillisSinceBoot() - before, 1000u);
   EXPECT_EQ(ta.Run(kCmdAbort, In(Le(ta.handle, 8))), 0u);
 }
@@ -186,7 +190,9 @@ TEST_F(TaTest, BlobsOpenForTheirOwnersOnly) {
                           {id, {KM_TAG_APPLICATION_DATA, "dat"}},
                           {{KM_TAG_APPLICATION_ID, "appd"}, {KM_TAG_APPLICATION_DATA, "ata"}}};
   const uint32_t refused = Km(KM_ERROR_INVALID_KEY_BLOB);
-  for (const Ps& stranger : strangers) EXPECT_EQ(open(ta.blob, stranger), refused);
+  for (const Ps& stranger : strangers) {
+    EXPECT_EQ(open(ta.blob, stranger), refused);
+  }
   for (size_t i = 0; i < ta.blob.size(); ++i) {
     EXPECT_EQ(open(Flipped(ta.blob, i), owner), refused) << i;
     EXPECT_EQ(open(ta.blob.substr(0, i), owner), refused) << i;
@@ -199,7 +205,9 @@ TEST_F(TaTest, BlobsOpenForTheirOwnersOnly) {
   const Str upgraded = ta.slots[2].out;
   EXPECT_EQ(open(upgraded, owner), 0u);
   EXPECT_EQ(ta.Run(kCmdDeleteKey, In(upgraded)), 0u);
-  for (const Str& blob : {old, upgraded}) EXPECT_EQ(open(blob, owner), refused);
+  for (const Str& blob : {old, upgraded}) {
+    EXPECT_EQ(open(blob, owner), refused);
+  }
 }
 
 TEST_F(TaTest, HoldsABoundedNumberOfOperations) {
@@ -230,13 +238,17 @@ TEST_F(TaTest, ServesThreadsAtOnceAndOneOfThemPerOperation) {
       own.handle = ta.handle;
       while (own.Update(Str(16, 'p')) == 0 && own.output.size() < 320) {
       }
-      if (own.Finish() == 0) ++finished;
+      if (own.Finish() == 0) {
+        ++finished;
+      }
       EXPECT_EQ(own.Generate(kEc), 0u);
       EXPECT_EQ(own.Operate(kSign, {kSha256}, "data", 4), 0u);
       EXPECT_EQ(own.Run(kCmdDeleteKey, In(own.blob)), 0u);
     });
   }
-  for (std::thread& thread : threads) thread.join();
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
   EXPECT_EQ(finished, 1);
 }
 

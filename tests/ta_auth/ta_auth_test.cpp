@@ -80,7 +80,9 @@ TEST(HmacSharing, StrangersAreRefusedAndTheKeyChanges) {
 TEST(Authorization, ChecksEveryByteAndParameterAndSignsTheReply) {
   Keymaster instance;
   const Str key = SharedKey(instance.SharingParameters()), good = Token(key, 0);
-  for (size_t i = 0; i < good.size(); ++i) EXPECT_NE(instance.Verify(Flipped(good, i)), 0u) << i;
+  for (size_t i = 0; i < good.size(); ++i) {
+    EXPECT_NE(instance.Verify(Flipped(good, i)), 0u) << i;
+  }
   const Str later = Str(1, 1) + good.substr(1, 36);  // of another version, signed as it should be
   for (const Str& odd : {Str(), good.substr(0, 68), good + good, later + Mac(key, later)}) {
     EXPECT_EQ(instance.Verify(odd), Km(KM_ERROR_VERIFICATION_FAILED));
@@ -103,7 +105,9 @@ TEST(Authorization, ChecksEveryByteAndParameterAndSignsTheReply) {
     const uint64_t before = ta::MillisSinceBoot();
     const uint32_t result = instance.Verify(Token(key, before - row.age), row.params);
     ASSERT_EQ(result, row.signed_as != nullptr ? 0u : Km(KM_ERROR_VERIFICATION_FAILED));
-    if (row.signed_as == nullptr) continue;
+    if (row.signed_as == nullptr) {
+      continue;
+    }
     const Str verified = instance.slots[2].out, token = instance.slots[3].out;
     EXPECT_EQ(verified.size(), 4 + (*row.signed_as != 0 ? 16 * row.params.size() : 0));
     const uint64_t time = UnLe(token, 8, 8);
@@ -157,7 +161,9 @@ TEST(DeviceState, YieldsToTheRightTokenAndEndsWithTheBoot) {
 int VerifyChain(const std::vector<ta::X509Ptr>& chain) {
   X509_STORE* const store = X509_STORE_new();
   X509_STORE_CTX* const context = X509_STORE_CTX_new();
-  for (const size_t i : {1u, 2u}) X509_STORE_add_cert(store, chain[i].get());
+  for (const size_t i : {1u, 2u}) {
+    X509_STORE_add_cert(store, chain[i].get());
+  }
   X509_STORE_CTX_init(context, store, chain[0].get(), nullptr);
   X509_STORE_CTX_set_flags(context, X509_V_FLAG_X509_STRICT);
   X509_verify_cert(context);
@@ -205,7 +211,9 @@ TEST(Attestation, DescribesTheKeyInAChainThatVerifies) {
     const Str reply = instance.slots[2].out;
     const uint8_t* at = Raw(reply) + 4;
     std::vector<ta::X509Ptr> chain;
-    for (int i = 0; i < 3; ++i) chain.emplace_back(d2i_X509(nullptr, &(at += 4), 4096));
+    for (int i = 0; i < 3; ++i) {
+      chain.emplace_back(d2i_X509(nullptr, &(at += 4), 4096));
+    }
     ASSERT_EQ(at, Raw(reply) + reply.size());
     EXPECT_EQ(VerifyChain(chain), X509_V_OK);
     X509* const leaf = chain[0].get();
@@ -238,7 +246,9 @@ TEST(Attestation, RefusesWhatItCannotSay) {
       {kEc, {kChallenge, kApp}, kShort},
       {kAes, {kChallenge, kApp}, Km(KM_ERROR_INCOMPATIBLE_ALGORITHM)},
   };
-  for (const auto& row : rows) EXPECT_EQ(instance.Attest(row.key, row.request, 99), row.result);
+  for (const auto& row : rows) {
+    EXPECT_EQ(instance.Attest(row.key, row.request, 99), row.result);
+  }
 }
 
 }  // namespace
