@@ -9,19 +9,12 @@
 
 using namespace km41;
 
-using AfterFailure = CommandFrame::AfterFailure;
-
 uint32_t TeeKmConfigure(uint32_t os_version, uint32_t os_patchlevel) {
   if (GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   CommandFrame command(kCmdConfigure, "TeeKmConfigure", AfterFailure::kNothing);
-  const uint32_t result = command.Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command.Value(0, TEEC_VALUE_INPUT, os_version, os_patchlevel);
-  return command.Invoke();
+  return command.Send({ValueInput(os_version, os_patchlevel)});
 }
 
 uint32_t TeeVerifyAuthorization(const uint8_t* params, uint32_t params_len, const uint8_t* input,
@@ -29,18 +22,12 @@ uint32_t TeeVerifyAuthorization(const uint8_t* params, uint32_t params_len, cons
                                 uint32_t* out_params_len, uint8_t* token, uint64_t* token_len) {
   if (token_len == nullptr || token == nullptr || out_params_len == nullptr ||
       out_params == nullptr || GlobalTeeContext() == nullptr) {
-    return RefuseParams();
+    return RejectParams();
   }
   CommandFrame command(kCmdVerifyAuthorization, "TeeVerifyAuthorization", AfterFailure::kNothing);
-  uint32_t result = command.Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command.OptionalInput(0, params, params_len);
-  command.OptionalInput(1, input, input_len);
-  command.InOut(2, out_params, *out_params_len);
-  command.Output(3, token, static_cast<uint32_t>(*token_len));
-  result = command.Invoke();
+  const uint32_t result = command.Send(
+      {InputIfGiven(params, params_len), InputOfGivenSize(input, input_len),
+       InOut(out_params, *out_params_len), Output(token, static_cast<uint32_t>(*token_len))});
   if (result != TEEC_SUCCESS) {
     return result;
   }
@@ -51,66 +38,47 @@ uint32_t TeeVerifyAuthorization(const uint8_t* params, uint32_t params_len, cons
 
 uint32_t TeeEarlyBootEnded() {
   if (GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   CommandFrame command(kCmdEarlyBootEnded, "TeeEarlyBootEnded", AfterFailure::kNothing);
-  const uint32_t result = command.Start();
-  return result == TEEC_SUCCESS ? command.Invoke() : result;
+  return command.Send({});
 }
 
 uint32_t TeeDeviceLocked(uint32_t password_only) {
   if (GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   CommandFrame command(kCmdDeviceLocked, "TeeDeviceLocked", AfterFailure::kNothing);
-  const uint32_t result = command.Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command.Value(0, TEEC_VALUE_INPUT, password_only, 0);
-  return command.Invoke();
+  return command.Send({ValueInput(password_only, 0)});
 }
 
 uint32_t TeegetHmacSharingParameters(uint8_t* hmac_out1, uint32_t hmac_out1_len, uint8_t* hmac_out2,
                                      uint32_t hmac_out2_len) {
   if (hmac_out1 == nullptr || hmac_out2 == nullptr || GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   CommandFrame command(kCmdGetHmacSharingParameters, "TeegetHmacSharingParameters",
                        AfterFailure::kNothing);
-  uint32_t result = command.OpenSession();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  result = command.ClearRecord();
-  if (result != TEEC_SUCCESS) {
+  const uint32_t result =
+      command.Send({Output(hmac_out1, hmac_out1_len), Output(hmac_out2, hmac_out2_len)});
+  if (command.step() == CommandFrame::Step::kClear) {
     TEE_LOGE("TeegetHmacSharingParameters memset_s failed\n");
-    return result;
   }
-  command.Output(0, hmac_out1, hmac_out1_len);
-  command.Output(1, hmac_out2, hmac_out2_len);
-  return command.Invoke();
+  return result;
 }
 
 uint32_t TeecomputeSharedHmac(const uint8_t* sharing_params, uint32_t sharing_params_len,
                               uint8_t* sharing_check, uint32_t* sharing_check_len) {
   if (sharing_params == nullptr || sharing_check == nullptr || sharing_check_len == nullptr ||
       GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   CommandFrame command(kCmdComputeSharedHmac, "TeecomputeSharedHmac", AfterFailure::kNothing);
-  uint32_t result = command.OpenSession();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  result = command.ClearRecord();
-  if (result != TEEC_SUCCESS) {
+  const uint32_t result = command.Send(
+      {Input(sharing_params, sharing_params_len), Output(sharing_check, *sharing_check_len)});
+  if (command.step() == CommandFrame::Step::kClear) {
     TEE_LOGE("TeecomputeSharedHmac memset_s failed\n");
-    return result;
   }
-  command.Input(0, sharing_params, sharing_params_len);
-  command.Output(1, sharing_check, *sharing_check_len);
-  result = command.Invoke();
   if (result != TEEC_SUCCESS) {
     return result;
   }

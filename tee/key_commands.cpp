@@ -9,28 +9,18 @@
 
 using namespace km41;
 
-using AfterFailure = CommandFrame::AfterFailure;
-
 namespace {
 
 // What characteristics, export, attestation and upgrade send alike: a key blob, parameters that
 // may be missing, and room for the reply.
 uint32_t SendKey(CommandFrame* command, const uint8_t* key_material, uint32_t key_material_size,
                  const uint8_t* params, uint32_t params_len, uint8_t* out, uint32_t* out_len) {
-  uint32_t result = command->Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
+  const uint32_t result = command->Send({Input(key_material, key_material_size),
+                                         InputIfGiven(params, params_len), Output(out, *out_len)});
+  if (result == TEEC_SUCCESS) {
+    *out_len = command->ReportedSize(2);
   }
-  command->Input(0, key_material, key_material_size);
-  command->OptionalInput(1, params, params_len);
-  command->Output(2, out, *out_len);
-  result = command->Invoke();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  *out_len = command->ReportedSize(2);
-  command->Close();
-  return TEEC_SUCCESS;
+  return result;
 }
 
 // What attestation and upgrade require, beside the TEE context.
@@ -47,28 +37,22 @@ uint32_t TeeGenerateKey(const uint8_t* params, uint32_t params_len, uint8_t* key
                         uint32_t* characteristics_len) {
   if (key_blob_len == nullptr || key_blob == nullptr || characteristics_len == nullptr ||
       params == nullptr || GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   if (*key_blob_len == 0) {
     TEE_LOGE("%s : invalid keyblob len", kLogFailure);
     return TEEC_ERROR_BAD_PARAMETERS;
   }
+  const bool has_characteristics = characteristics != nullptr;
   CommandFrame command(kCmdGenerateKey, "TeeGenerateKey", AfterFailure::kFetchErrorRecord);
-  uint32_t result = command.Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command.Input(0, params, params_len);
-  command.Output(2, key_blob, *key_blob_len);
-  if (characteristics != nullptr) {
-    command.Output(3, characteristics, *characteristics_len);
-  }
-  result = command.Invoke();
+  const uint32_t result = command.Send(
+      {Input(params, params_len), CommandParam{}, Output(key_blob, *key_blob_len),
+       has_characteristics ? Output(characteristics, *characteristics_len) : CommandParam{}});
   if (result != TEEC_SUCCESS) {
     return result;
   }
   *key_blob_len = command.ReportedSize(2);
-  *characteristics_len = characteristics != nullptr ? command.ReportedSize(3) : 0;
+  *characteristics_len = has_characteristics ? command.ReportedSize(3) : 0;
   return TEEC_SUCCESS;
 }
 
@@ -77,7 +61,7 @@ uint32_t TeeGetKeyCharacteristics(const uint8_t* params, uint32_t params_len,
                                   uint8_t* out, uint32_t* out_len) {
   if (out_len == nullptr || out == nullptr || key_material == nullptr ||
       GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   if (*out_len == 0) {
     TEE_LOGE("%s : invalid keyCharacter len", kLogFailure);
@@ -94,30 +78,18 @@ uint32_t TeeImportKey(const uint8_t* params, uint32_t params_len, const uint8_t*
                       uint8_t import_type) {
   if (key_blob_len == nullptr || key_blob == nullptr || characteristics_len == nullptr ||
       key_data == nullptr || params == nullptr || GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   if (*key_blob_len == 0) {
     TEE_LOGE("%s : invalid keyBlobLen\n", kLogFailure);
     return TEEC_ERROR_BAD_PARAMETERS;
   }
   CommandFrame command(kCmdImportKey, "TeeImportKey", AfterFailure::kFetchErrorRecord);
-  uint32_t result = command.Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command.Input(0, params, params_len);
-  command.Input(1, key_data, key_data_len);
-  command.Output(2, key_blob, *key_blob_len);
-  if (characteristics != nullptr) {
-    command.InOut(3, characteristics, *characteristics_len);
-    // The TA reads where the key came from in the first byte of the buffer it then fills.
-    if (*characteristics_len != 0) {
-      characteristics[0] = import_type;
-    }
-  } else {
-    command.InOut(3, nullptr, 0);
-  }
-  result = command.Invoke();
+  const uint32_t result = command.Send(
+      {Input(params, params_len), Input(key_data, key_data_len), Output(key_blob, *key_blob_len),
+       characteristics != nullptr
+           ? InOutWithSource(characteristics, *characteristics_len, import_type)
+           : InOut(nullptr, 0)});
   if (result != TEEC_SUCCESS) {
     return result;
   }
@@ -129,7 +101,7 @@ uint32_t TeeImportKey(const uint8_t* params, uint32_t params_len, const uint8_t*
 uint32_t TeeExportKey(const uint8_t* params, uint32_t params_len, const uint8_t* key_material,
                       uint32_t key_material_size, uint8_t* out, uint32_t* out_len) {
   if (key_material == nullptr || GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   if (out == nullptr || out_len == nullptr) {
     TEE_LOGE("%s : pub key out is NULL\n", kLogFailure);
@@ -143,12 +115,13 @@ uint32_t TeeAttestKey(const uint8_t* key_material, uint32_t key_material_size,
                       const uint8_t* params, uint32_t params_len, uint8_t* out, uint32_t* out_len) {
   TEE_LOGI("TEE_AttestKey entered.\n");
   if (!HasKeyAndParams(out_len, out, params, key_material)) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   CommandFrame command(kCmdAttestKey, "TeeAttestKey", AfterFailure::kFetchErrorRecord);
   const uint32_t result =
       SendKey(&command, key_material, key_material_size, params, params_len, out, out_len);
   if (result == TEEC_SUCCESS) {
+    command.Close();
     TEE_LOGI("TEE_AttestKey success.\n");
   }
   return result;
@@ -157,7 +130,7 @@ uint32_t TeeAttestKey(const uint8_t* key_material, uint32_t key_material_size,
 uint32_t TeeUpgrade(const uint8_t* key_material, uint32_t key_material_size, const uint8_t* params,
                     uint32_t params_len, uint8_t* out, uint32_t* out_len) {
   if (!HasKeyAndParams(out_len, out, params, key_material)) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   CommandFrame command(kCmdUpgrade, "TeeUpgrade", AfterFailure::kFetchErrorRecord);
   return SendKey(&command, key_material, key_material_size, params, params_len, out, out_len);
@@ -165,29 +138,30 @@ uint32_t TeeUpgrade(const uint8_t* key_material, uint32_t key_material_size, con
 
 uint32_t TeeDeleteKey(const uint8_t* key_material, uint32_t key_material_size) {
   if (key_material == nullptr || GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
-  CommandFrame command(kCmdDeleteKey, "TeeDeleteKey", AfterFailure::kNothing);
-  uint32_t result = command.OpenSession();
-  if (result != TEEC_SUCCESS) {
+  // The one invocation that no watchdog guards.
+  CommandFrame command(kCmdDeleteKey, nullptr, AfterFailure::kNothing);
+  const uint32_t result = command.Send({Input(key_material, key_material_size)});
+  if (command.step() == CommandFrame::Step::kOpen) {
     TEE_LOGE("%s : OpenKmSession failed, ret = 0x%x\n", kLogFailure, result);
-    return result;
-  }
-  result = command.ClearRecord();
-  if (result != TEEC_SUCCESS) {
+  } else if (command.step() == CommandFrame::Step::kClear) {
     command.Close();
     TEE_LOGE("operation initialize failed");
-    return result;
   }
-  command.Input(0, key_material, key_material_size);
-  return command.InvokeUnguarded();
+  return result;
 }
 
 uint32_t TeeDestroyAttestationIds() {
   if (GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
-  // The TA has no such command: the frame is set up and taken down around nothing.
-  CommandFrame command(TaCommandId{}, "TeeDestroyAttestationIds", AfterFailure::kNothing);
-  return command.Start();
+  // The TA has no such command: a session is set up and taken down around nothing.
+  KmSession session;
+  const uint32_t result = session.Open();
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  TEEC_Operation operation = {};
+  return ClearOperation(&operation) ? TEEC_SUCCESS : TEEC_ERROR_GENERIC;
 }

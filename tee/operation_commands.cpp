@@ -1,33 +1,25 @@
 // The TA commands of an operation: begin, update, finish, abort.
 
-#include <securec.h>
 #include <tee_client_api.h>
 
 #include "keymaster_ts.h"
 #include "tee/command_frame.h"
 #include "tee/tee_context.h"
+#include "wire/little_endian.h"
 
 using namespace km41;
-
-using AfterFailure = CommandFrame::AfterFailure;
 
 uint32_t TeeBegin(uint32_t purpose, const uint8_t* params, uint32_t params_len,
                   const uint8_t* key_material, uint32_t key_material_size, uint8_t* out_params,
                   uint32_t* out_params_len, uint64_t* op_handle) {
   if (op_handle == nullptr || out_params_len == nullptr || out_params == nullptr ||
       key_material == nullptr || GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
   CommandFrame command(kCmdBegin, "TeeBegin", AfterFailure::kFetchErrorRecord);
-  uint32_t result = command.Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command.Input(0, key_material, key_material_size);
-  command.OptionalInput(1, params, params_len);
-  command.Output(2, out_params, *out_params_len);
-  command.Value(3, TEEC_VALUE_INOUT, purpose, 0);
-  result = command.Invoke();
+  const uint32_t result =
+      command.Send({Input(key_material, key_material_size), InputIfGiven(params, params_len),
+                    Output(out_params, *out_params_len), ValueInOut(purpose, 0)});
   if (result != TEEC_SUCCESS) {
     return result;
   }
@@ -39,16 +31,14 @@ uint32_t TeeBegin(uint32_t purpose, const uint8_t* params, uint32_t params_len,
 
 namespace {
 
-// What update and finish share once params[0] and params[1] are filled: the handle travels in
-// front of the buffer that comes back with the output parameters.
-uint32_t SendOperationData(CommandFrame* command, uint64_t op_handle, uint8_t* out_params,
-                           uint32_t* out_params_len, uint8_t* output, uint32_t* output_len) {
-  command->InOut(2, out_params, *out_params_len);
-  command->Output(3, output, *output_len);
-  if (memcpy_s(out_params, *out_params_len, &op_handle, sizeof(op_handle)) != 0) {
-    return TEEC_ERROR_GENERIC;
-  }
-  const uint32_t result = command->Invoke();
+// What update and finish share once the parameters and the input are told apart: the handle
+// travels in front of the buffer that comes back with the output parameters.
+uint32_t SendData(CommandFrame* command, const CommandParam& params, const CommandParam& input,
+                  uint64_t op_handle, uint8_t* out_params, uint32_t* out_params_len,
+                  uint8_t* output, uint32_t* output_len) {
+  const uint32_t result =
+      command->Send({params, input, InOutWithHandle(out_params, *out_params_len, op_handle),
+                     Output(output, *output_len)});
   if (result != TEEC_SUCCESS) {
     return result;
   }
@@ -64,16 +54,11 @@ uint32_t TeeUpdate(uint64_t op_handle, const uint8_t* params, uint32_t params_le
                    uint32_t* out_params_len, uint8_t* output, uint32_t* output_len) {
   if (output_len == nullptr || output == nullptr || out_params_len == nullptr ||
       out_params == nullptr || GlobalTeeContext() == nullptr) {
-    return RefuseParams();
+    return RejectParams();
   }
   CommandFrame command(kCmdUpdate, "TeeUpdate", AfterFailure::kNothing);
-  const uint32_t result = command.Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command.OptionalInput(0, params, params_len);
-  command.OptionalInput(1, input, input_len);
-  return SendOperationData(&command, op_handle, out_params, out_params_len, output, output_len);
+  return SendData(&command, InputIfGiven(params, params_len), InputOfGivenSize(input, input_len),
+                  op_handle, out_params, out_params_len, output, output_len);
 }
 
 uint32_t TeeFinish(uint64_t op_handle, const uint8_t* params, uint32_t params_len,
@@ -81,29 +66,20 @@ uint32_t TeeFinish(uint64_t op_handle, const uint8_t* params, uint32_t params_le
                    uint32_t* out_params_len, uint8_t* output, uint32_t* output_len) {
   if (output_len == nullptr || output == nullptr || out_params_len == nullptr ||
       out_params == nullptr || GlobalTeeContext() == nullptr) {
-    return RefuseParams();
+    return RejectParams();
   }
   CommandFrame command(kCmdFinish, "TeeFinish", AfterFailure::kNothing);
-  const uint32_t result = command.Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command.OptionalInput(0, params, params_len);
-  if (input_len != 0) {
-    command.OptionalInput(1, input, input_len);
-  }
-  return SendOperationData(&command, op_handle, out_params, out_params_len, output, output_len);
+  return SendData(&command, InputIfGiven(params, params_len),
+                  InputIfGiven(input_len != 0 ? input : nullptr, input_len), op_handle, out_params,
+                  out_params_len, output, output_len);
 }
 
 uint32_t TeeAbort(uint64_t op_handle) {
   if (GlobalTeeContext() == nullptr) {
-    return RefuseArguments();
+    return RejectArguments();
   }
+  uint8_t handle[sizeof(op_handle)];
+  PutU64(handle, op_handle);
   CommandFrame command(kCmdAbort, "TeeAbort", AfterFailure::kNothing);
-  const uint32_t result = command.Start();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  command.Input(0, reinterpret_cast<const uint8_t*>(&op_handle), sizeof(op_handle));
-  return command.Invoke();
+  return command.Send({Input(handle, sizeof(handle))});
 }

@@ -13,10 +13,25 @@ namespace km41 {
 
 namespace {
 
-// Opens into a block that the caller owns, and frees if this fails.
-uint32_t OpenInto(TEEC_Session* block, uint32_t* first_session) {
+uint32_t OpenOnContext(TEEC_Session* session, TEEC_Operation* operation) {
   TEEC_UUID uuid;
   memset(&uuid, kKeymasterTaUuidByte, sizeof(uuid));
+  uint32_t return_origin = 0;
+  zubrel_init();
+  uint32_t result;
+  {
+    const WatchdogBracket bracket("OpenKmSession");
+    result = TEEC_OpenSession(GlobalTeeContext(), session, &uuid, kKeymasterLoginMethod, nullptr,
+                              operation, &return_origin);
+  }
+  if (result != TEEC_SUCCESS) {
+    TEE_LOGE("open km session failed, ret=0x%x, origin=%u", result, return_origin);
+  }
+  return result;
+}
+
+// Opens into a block that the caller owns. On success *first_session is the TA's flag.
+uint32_t OpenInto(TEEC_Session* session, uint32_t* first_session) {
   TEEC_Operation operation = {};
   if (!ClearOperation(&operation)) {
     return TEEC_ERROR_GENERIC;
@@ -26,63 +41,47 @@ uint32_t OpenInto(TEEC_Session* block, uint32_t* first_session) {
                                           TEEC_MEMREF_TEMP_INPUT, TEEC_MEMREF_TEMP_INPUT);
   TEE_LOGI("Disable the enhanced crypto!\n");
   operation.params[1].value.a = 0;
-
-  uint32_t return_origin = 0;
-  zubrel_init();
-  uint32_t result;
-  {
-    const WatchdogBracket bracket("OpenKmSession");
-    result = TEEC_OpenSession(GlobalTeeContext(), block, &uuid, kKeymasterLoginMethod, nullptr,
-                              &operation, &return_origin);
+  const uint32_t result = OpenOnContext(session, &operation);
+  if (result == TEEC_SUCCESS) {
+    *first_session = operation.params[0].value.a;
   }
-  if (result != TEEC_SUCCESS) {
-    TEE_LOGE("open km session failed, ret=0x%x, origin=%u", result, return_origin);
-    return result;
-  }
-  *first_session = operation.params[0].value.a;
-  return TEEC_SUCCESS;
+  return result;
 }
 
 }  // namespace
 
+// A record that was just zero-initialised is cleared all the same: the platform's memset_s judges
+// each one, and its failure is a result of the command.
 bool ClearOperation(TEEC_Operation* operation) {
   return memset_s(operation, sizeof(*operation), 0, sizeof(*operation)) == 0;
 }
 
-uint32_t OpenKmSession(TEEC_Session** session, uint32_t* first_session) {
-  if (session == nullptr || GlobalTeeContext() == nullptr) {
-    TEE_LOGE("%s : invalid parameters", kLogFailure);
-    return TEEC_ERROR_BAD_PARAMETERS;
-  }
-  auto* block = static_cast<TEEC_Session*>(malloc(sizeof(TEEC_Session)));
-  if (block == nullptr) {
+uint32_t KmSession::Open() {
+  auto* session = static_cast<TEEC_Session*>(malloc(sizeof(TEEC_Session)));
+  if (session == nullptr) {
     return TEEC_ERROR_OUT_OF_MEMORY;
   }
-  uint32_t flag = 0;
-  const uint32_t result = OpenInto(block, &flag);
+  const uint32_t result = OpenInto(session, &first_session_);
   if (result != TEEC_SUCCESS) {
-    free(block);
+    free(session);
     return result;
   }
-  *session = block;
-  if (first_session != nullptr) {
-    *first_session = flag;
-    if (flag == kFirstSession) {
-      TEE_LOGI("open first km session");
-    }
+  session_ = session;
+  if (first_session_ == kFirstSession) {
+    TEE_LOGI("open first km session");
   }
   return TEEC_SUCCESS;
 }
 
-void CloseKmSession(TEEC_Session* session, uint32_t first_session) {
-  if (session == nullptr || first_session == kFirstSession) {
-    return;
+void KmSession::Close() {
+  if (session_ != nullptr && first_session_ != kFirstSession) {
+    {
+      const WatchdogBracket bracket("CloseKmSession");
+      TEEC_CloseSession(session_);
+    }
+    free(session_);
   }
-  {
-    const WatchdogBracket bracket("CloseKmSession");
-    TEEC_CloseSession(session);
-  }
-  free(session);
+  session_ = nullptr;
 }
 
 }  // namespace km41

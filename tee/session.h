@@ -7,18 +7,9 @@
 
 namespace km41 {
 
-// OpenKmSession opens a session to the keymaster TA under the watchdog. On success *session is a
-// malloc block that CloseKmSession releases, and *first_session (may be null) is the TA's flag: 1
-// for the session that it keeps. On failure both are untouched. Returns a TEE result.
-uint32_t OpenKmSession(TEEC_Session** session, uint32_t* first_session);
-
-// CloseKmSession closes and frees a session. A null session, and the TA's first one, stay as they
-// are.
-void CloseKmSession(TEEC_Session* session, uint32_t first_session);
-
 // ClearOperation zeroes an operation record in full, the client library's fields included. False
-// when the platform's memset_s refuses.
-bool ClearOperation(TEEC_Operation* operation);
+// when the platform's memset_s rejects it.
+[[nodiscard]] bool ClearOperation(TEEC_Operation* operation);
 
 // KmSession is one session to the keymaster TA: closed at the end of its life if it was opened,
 // and never when the TA marked it as its first.
@@ -29,16 +20,15 @@ class KmSession {
   KmSession(const KmSession&) = delete;
   KmSession& operator=(const KmSession&) = delete;
 
-  uint32_t Open() { return OpenKmSession(&session_, &first_session_); }
-  void Close() {
-    CloseKmSession(session_, first_session_);
-    session_ = nullptr;
-  }
+  // Open opens it on the TEE context, which exists, under the watchdog. Returns a TEE result.
+  [[nodiscard]] uint32_t Open();
+  // Close closes and releases it; one that is not open, or the TA's first one, stays as it is.
+  void Close();
   TEEC_Session* get() const { return session_; }
 
  private:
-  TEEC_Session* session_ = nullptr;
-  uint32_t first_session_ = 0;
+  TEEC_Session* session_ = nullptr;  // a malloc block, once open
+  uint32_t first_session_ = 0;       // the TA's flag
 };
 
 }  // namespace km41
