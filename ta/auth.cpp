@@ -66,14 +66,17 @@ Bytes VerificationToken(uint64_t challenge, const ParamSet& verified) {
 bool AuthTokenValid(ByteView bytes, AuthToken* token) {
   ByteReader reader(bytes);
   uint8_t version = 0;
-  ByteView type, timestamp;
+  ByteView timestamp;
   if (bytes.size != kAuthTokenSize || !reader.TakeU8(&version) || version != 0 ||
       !reader.TakeU64(&token->challenge) || !reader.TakeU64(&token->user_id) ||
-      !reader.TakeU64(&token->authenticator_id) || !reader.TakeBytes(4, &type) ||
+      !reader.TakeU64(&token->authenticator_id) || !reader.TakeU32(&token->authenticator_type) ||
       !reader.TakeBytes(8, &timestamp)) {
     return false;
   }
-  token->authenticator_type = static_cast<uint32_t>(BigEndian(type));
+  // Its bits are those of the lowest byte, so that a big-endian one shows.
+  if ((token->authenticator_type & 0xFF) == 0) {
+    token->authenticator_type = __builtin_bswap32(token->authenticator_type);
+  }
   token->timestamp = BigEndian(timestamp);
   const SecureBytes mac = SharedHmac(ByteView(bytes.data, kSignedSize));
   return CRYPTO_memcmp(mac.data(), reader.rest().data, mac.size()) == 0;

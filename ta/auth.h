@@ -5,7 +5,8 @@
 //   1  8  challenge, little-endian: the operation it authorizes, or 0
 //   9  8  user_id, little-endian: the secure id of the user
 //  17  8  authenticator_id, little-endian: the secure id of the authenticator
-//  25  4  authenticator_type, big-endian: bits HW_AUTH_PASSWORD, HW_AUTH_FINGERPRINT
+//  25  4  authenticator_type: bits HW_AUTH_PASSWORD, HW_AUTH_FINGERPRINT; little-endian, as a
+//         wrapped import reads it, or big-endian, as authenticators elsewhere write it
 //  29  8  timestamp, big-endian: milliseconds since boot (CLOCK_BOOTTIME)
 //  37 32  HMAC-SHA256 of bytes 0 to 36 under the shared HMAC key (hmac_sharing.h)
 //

@@ -94,12 +94,19 @@ ok km decrypt --key in.blob --mode ctr --nonce 0x$secret --in sealed --out back
 same text back 'a secret key that came in wrapped'
 openssl ecparam -name prime256v1 -genkey -noout -out key.pem
 openssl pkey -in key.pem -pubout -out public.pem
-wrap --key key.pem --format pkcs8 --param algorithm=ec --oaep-digest sha256 \
-  --param userSecureId=1 --param authToken=hex:"$(printf '00%.0s' $(seq 25))02000000" --out bound
-take bound --digest sha256 --password-sid 5 --biometric-sid 6
+# A genuine token in the wrapper says whose the key is; of another order it says nothing.
+ok km auth-token --sid 1 --type fingerprint --out finger.token
+ok km auth-token --sid 1 --type password --out password.token
+ok km verify-authorization --token finger.token --param user-auth-type=fingerprint
+big_endian=$(hex finger.token | sed -E 's/^(.{50})02000000/\100000002/')
+for row in "$(hex finger.token) 6" "$(hex password.token) 5" "$big_endian 1"; do
+  wrap --key key.pem --format pkcs8 --param algorithm=ec --oaep-digest sha256 \
+    --param userSecureId=1 --param authToken=hex:"${row% *}" --out bound
+  take bound --digest sha256 --password-sid 5 --biometric-sid 6
+  says "hw['user_secure_id'] == [${row#* }]" in.blob
+done
 ok km export --key in.blob --out exported
 same exported public.pem 'a private key that came in wrapped'
-says 'hw["user_secure_id"] == [6]' in.blob
 ok km generate --algorithm rsa --purpose decrypt --padding oaep --digest sha1 --key plain.blob
 wrap --key-hex $secret --flip-tag --out spoilt
 flip wrapped 290 altered

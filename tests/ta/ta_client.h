@@ -85,7 +85,7 @@ inline Str Flipped(Str bytes, size_t at) {
 
 // An auth token without its MAC.
 inline Str TokenHead(uint64_t challenge, uint64_t user, uint32_t type, uint64_t timestamp) {
-  return Str(1, 0) + Le(challenge, 8) + Le(user, 8) + Le(0x99, 8) + Be(type, 4) + Be(timestamp, 8);
+  return Str(1, 0) + Le(challenge, 8) + Le(user, 8) + Le(0x99, 8) + Le(type, 4) + Be(timestamp, 8);
 }
 
 // The two-list form, everything in the second list.

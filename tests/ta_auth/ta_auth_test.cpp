@@ -118,6 +118,20 @@ TEST(Authorization, ChecksEveryByteAndParameterAndSignsTheReply) {
   }
 }
 
+TEST(Authorization, ReadsATokensTypeInEitherOrder) {
+  Keymaster instance;
+  const Str key = SharedKey(instance.SharingParameters());
+  for (const uint32_t type : {HW_AUTH_PASSWORD, HW_AUTH_FINGERPRINT}) {
+    for (const Str& bytes : {Le(type, 4), Be(type, 4)}) {
+      const Str head = TokenHead(77, 5, 0, 0).replace(25, 4, bytes);
+      for (const uint32_t wanted : {HW_AUTH_PASSWORD, HW_AUTH_FINGERPRINT}) {
+        EXPECT_EQ(instance.Verify(head + Mac(key, head), {{KM_TAG_USER_AUTH_TYPE, wanted}}),
+                  wanted == type ? 0u : Km(KM_ERROR_VERIFICATION_FAILED));
+      }
+    }
+  }
+}
+
 TEST(DeviceState, YieldsToTheRightTokenAndEndsWithTheBoot) {
   Keymaster instance;
   const Str own = instance.SharingParameters();

@@ -87,7 +87,7 @@ Bytes MakeAuthToken(const AuthTokenArgs& args, const Bytes& sharing) {
   token.challenge = htole64(args.challenge);
   token.user_id = htole64(args.sid);
   token.authenticator_id = htole64(args.authenticator_id);
-  token.authenticator_type = htobe32(args.type);
+  token.authenticator_type = htole32(args.type);  // so that a wrapped import finds it
   token.timestamp = htobe64(args.timestamp.value_or(MillisecondsSinceBoot()));
   Bytes bytes(sizeof(token));
   memcpy(bytes.data(), &token, sizeof(token));
