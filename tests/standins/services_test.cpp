@@ -140,7 +140,7 @@ TEST(Events, EverySentEventIsOneLineOfJson) {
   }
   unlink(path.c_str());
   const std::string rest =
-      ",\"F\\\"\":\"a\\\\\\u000a\x7f\xc3\xa4\\u00ff\\u00ed\\u00a0\\u0080\",\"0\":\"teeos\"}}";
+      ",\"F\\\"\":\"a\\\\\\n\x7f\xc3\xa4\ufffd\ufffd\ufffd\ufffd\",\"0\":\"teeos\"}}";
   const std::string head = "{\"id\":3000000000,\"params\":{\"RET\":";
   EXPECT_EQ(lines, (std::map<std::string, int>{{head + "-65524" + rest, kEvents},
                                                {head + "-65525" + rest, kEvents}}));
