@@ -11,79 +11,38 @@ namespace km41 {
 
 namespace {
 
-CommandParam Value(uint32_t type, uint32_t a, uint32_t b) {
-  CommandParam param;
-  param.type = type;
-  param.value = {a, b};
-  return param;
-}
-
-CommandParam Reference(uint32_t type, const uint8_t* buffer, uint32_t size) {
-  CommandParam param;
-  param.type = type;
-  // The client API has one reference type for all directions; an input is only read.
-  param.reference = {const_cast<uint8_t*>(buffer), size};
-  return param;
-}
-
-bool WriteFront(const CommandParam& param) {
-  auto* const buffer = static_cast<uint8_t*>(param.reference.buffer);
-  switch (param.front) {
-    case CommandParam::Front::kNothing:
-      return true;
-    case CommandParam::Front::kImportSource:
-      buffer[0] = static_cast<uint8_t>(param.front_value);
-      return true;
-    case CommandParam::Front::kOperationHandle:
-      break;
+void Fill(const CommandParam* params, uint32_t count, TEEC_Operation* operation) {
+  operation->started = 1;
+  for (uint32_t i = 0; i < count; ++i) {
+    const CommandParam& param = params[i];
+    operation->paramTypes |= param.type << (4 * i);
+    if (param.type == TEEC_VALUE_INPUT || param.type == TEEC_VALUE_INOUT) {
+      operation->params[i].value = {param.size_or_a, param.b};
+    } else {
+      operation->params[i].tmpref = {param.buffer, param.size_or_a};
+    }
   }
-  uint8_t handle[sizeof(param.front_value)];
-  PutU64(handle, param.front_value);
-  return memcpy_s(buffer, param.reference.size, handle, sizeof(handle)) == 0;
+}
+
+bool WriteFront(const Front& front, const TEEC_Operation& operation) {
+  if (front.kind == Front::Kind::kNothing) {
+    return true;
+  }
+  const TEEC_TempMemoryReference& reference = operation.params[front.index].tmpref;
+  auto* const buffer = static_cast<uint8_t*>(reference.buffer);
+  if (front.kind == Front::Kind::kOperationHandle) {
+    uint8_t handle[sizeof(front.value)];
+    PutU64(handle, front.value);
+    return memcpy_s(buffer, reference.size, handle, sizeof(handle)) == 0;
+  }
+  // A buffer without room for the source goes to the TA as it is.
+  if (reference.size != 0) {
+    buffer[0] = static_cast<uint8_t>(front.value);
+  }
+  return true;
 }
 
 }  // namespace
-
-CommandParam ValueInput(uint32_t a, uint32_t b) { return Value(TEEC_VALUE_INPUT, a, b); }
-
-CommandParam ValueInOut(uint32_t a, uint32_t b) { return Value(TEEC_VALUE_INOUT, a, b); }
-
-CommandParam Input(const uint8_t* buffer, uint32_t size) {
-  return Reference(TEEC_MEMREF_TEMP_INPUT, buffer, size);
-}
-
-CommandParam Output(uint8_t* buffer, uint32_t size) {
-  return Reference(TEEC_MEMREF_TEMP_OUTPUT, buffer, size);
-}
-
-CommandParam InOut(uint8_t* buffer, uint32_t size) {
-  return Reference(TEEC_MEMREF_TEMP_INOUT, buffer, size);
-}
-
-CommandParam InputIfGiven(const uint8_t* buffer, uint32_t size) {
-  return buffer != nullptr ? Input(buffer, size) : CommandParam{};
-}
-
-CommandParam InputOfGivenSize(const uint8_t* buffer, const uint32_t* size) {
-  return buffer != nullptr && size == nullptr ? Input(nullptr, 0)
-                                              : InputIfGiven(buffer, buffer != nullptr ? *size : 0);
-}
-
-CommandParam InOutWithSource(uint8_t* buffer, uint32_t size, uint8_t source) {
-  CommandParam param = InOut(buffer, size);
-  if (size != 0) {
-    param.front = CommandParam::Front::kImportSource;
-    param.front_value = source;
-  }
-  return param;
-}
-
-CommandParam InOutWithHandle(uint8_t* buffer, uint32_t size, uint64_t op_handle) {
-  CommandParam param = InOut(buffer, size);
-  param.front = CommandParam::Front::kOperationHandle;
-  param.front_value = op_handle;
-  return param;
-}
 
 uint32_t RejectArguments() {
   TEE_LOGE("%s : invalid parameters", kLogFailure);
@@ -95,8 +54,8 @@ uint32_t RejectParams() {
   return TEEC_ERROR_BAD_PARAMETERS;
 }
 
-uint32_t CommandFrame::Send(const CommandParam (&params)[4]) {
-  const uint32_t result = session_.Open();
+uint32_t CommandFrame::Send(const CommandParam* params, uint32_t count, const Front& front) {
+  uint32_t result = session_.Open();
   if (result != TEEC_SUCCESS) {
     return result;
   }
@@ -105,50 +64,31 @@ uint32_t CommandFrame::Send(const CommandParam (&params)[4]) {
     return TEEC_ERROR_GENERIC;
   }
   step_ = Step::kFill;
-  if (!Fill(params)) {
+  Fill(params, count, &operation_);
+  if (!WriteFront(front, operation_)) {
     return TEEC_ERROR_GENERIC;
   }
   step_ = Step::kInvoke;
-  return Invoke();
+  uint32_t return_origin = 0;
+  if (label_ != nullptr) {
+    const WatchdogBracket bracket(label_);
+    result = TEEC_InvokeCommand(session_.get(), id_, &operation_, &return_origin);
+  } else {
+    result = TEEC_InvokeCommand(session_.get(), id_, &operation_, &return_origin);
+  }
+  if (result != TEEC_SUCCESS) {
+    ReportFailure(result, return_origin);
+  }
+  return result;
 }
 
-bool CommandFrame::Fill(const CommandParam (&params)[4]) {
-  operation_.started = 1;
-  for (uint32_t i = 0; i < 4; ++i) {
-    const CommandParam& param = params[i];
-    operation_.paramTypes |= param.type << (4 * i);
-    if (param.type == TEEC_VALUE_INPUT || param.type == TEEC_VALUE_INOUT) {
-      operation_.params[i].value = param.value;
-    } else if (param.type != TEEC_NONE) {
-      operation_.params[i].tmpref = param.reference;
-    }
-    if (!WriteFront(param)) {
-      return false;
-    }
-  }
-  return true;
-}
-
-uint32_t CommandFrame::Invoke() {
-  const uint32_t result = InvokeGuarded();
-  if (result == TEEC_SUCCESS) {
-    return result;
-  }
+void CommandFrame::ReportFailure(uint32_t result, uint32_t return_origin) {
   TEE_LOGE("invoke km command failed, cmd = %d, ret = 0x%x, retOrigin = %u", static_cast<int>(id_),
-           result, return_origin_);
+           result, return_origin);
   if (after_failure_ == AfterFailure::kFetchErrorRecord) {
     ObtainTaErrorCode(session_.get(), id_, result);
   }
   Close();
-  return result;
-}
-
-uint32_t CommandFrame::InvokeGuarded() {
-  if (label_ == nullptr) {
-    return TEEC_InvokeCommand(session_.get(), id_, &operation_, &return_origin_);
-  }
-  const WatchdogBracket bracket(label_);
-  return TEEC_InvokeCommand(session_.get(), id_, &operation_, &return_origin_);
 }
 
 uint32_t CommandFrame::CappedSize(uint32_t index) const {

@@ -10,33 +10,47 @@
 
 namespace km41 {
 
-// CommandParam is one parameter of a command; as it is made by default, NONE. A buffer stays its
-// owner's. Sizes are in bytes.
+// CommandParam is one parameter of a command; made by default, NONE. A buffer stays its owner's.
+// Sizes are in bytes.
 struct CommandParam {
-  // What the library writes at the front of an in/out buffer once the session is open.
-  enum class Front : uint8_t { kNothing, kImportSource, kOperationHandle };
-
   uint32_t type = TEEC_NONE;
-  TEEC_Value value = {};
-  TEEC_TempMemoryReference reference = {};
-  Front front = Front::kNothing;
-  uint64_t front_value = 0;
+  uint32_t size_or_a = 0;
+  void* buffer = nullptr;
+  uint32_t b = 0;
 };
 
-CommandParam ValueInput(uint32_t a, uint32_t b);
-CommandParam ValueInOut(uint32_t a, uint32_t b);
-CommandParam Input(const uint8_t* buffer, uint32_t size);
-CommandParam Output(uint8_t* buffer, uint32_t size);
-CommandParam InOut(uint8_t* buffer, uint32_t size);
+inline CommandParam ValueInput(uint32_t a, uint32_t b) { return {TEEC_VALUE_INPUT, a, nullptr, b}; }
+inline CommandParam ValueInOut(uint32_t a, uint32_t b) { return {TEEC_VALUE_INOUT, a, nullptr, b}; }
+inline CommandParam Input(const uint8_t* buffer, uint32_t size) {
+  // The client API has one reference type for all directions; an input is only read.
+  return {TEEC_MEMREF_TEMP_INPUT, size, const_cast<uint8_t*>(buffer), 0};
+}
+inline CommandParam Output(uint8_t* buffer, uint32_t size) {
+  return {TEEC_MEMREF_TEMP_OUTPUT, size, buffer, 0};
+}
+inline CommandParam InOut(uint8_t* buffer, uint32_t size) {
+  return {TEEC_MEMREF_TEMP_INOUT, size, buffer, 0};
+}
 // InputIfGiven is Input; NONE for a null buffer.
-CommandParam InputIfGiven(const uint8_t* buffer, uint32_t size);
+inline CommandParam InputIfGiven(const uint8_t* buffer, uint32_t size) {
+  return buffer != nullptr ? Input(buffer, size) : CommandParam{};
+}
 // InputOfGivenSize is InputIfGiven whose size may be missing too: it is then declared, but empty.
-CommandParam InputOfGivenSize(const uint8_t* buffer, const uint32_t* size);
-// InOutWithSource is InOut that tells the TA in its first byte where a key comes from. A buffer
-// without room for it goes as it is.
-CommandParam InOutWithSource(uint8_t* buffer, uint32_t size, uint8_t source);
-// InOutWithHandle is InOut that carries an operation handle in its first 8 bytes.
-CommandParam InOutWithHandle(uint8_t* buffer, uint32_t size, uint64_t op_handle);
+inline CommandParam InputOfGivenSize(const uint8_t* buffer, const uint32_t* size) {
+  if (buffer != nullptr && size == nullptr) {
+    return Input(nullptr, 0);
+  }
+  return InputIfGiven(buffer, size != nullptr ? *size : 0);
+}
+
+// Front is what the library writes at the front of an in/out buffer, once the session is open.
+struct Front {
+  enum class Kind { kNothing, kImportSource, kOperationHandle };
+
+  Kind kind = Kind::kNothing;
+  uint32_t index = 0;  // of the parameter
+  uint64_t value = 0;
+};
 
 // RejectArguments logs that a required argument, or the TEE context, is missing.
 [[nodiscard]] uint32_t RejectArguments();
@@ -60,7 +74,12 @@ class CommandFrame {
   // Send opens a session, clears the operation, fills it and invokes the command. A failed
   // invocation is logged, its error record fetched where the command has one, and its session
   // closed. Returns a TEE result.
-  [[nodiscard]] uint32_t Send(const CommandParam (&params)[4]);
+  template <uint32_t N>
+  [[nodiscard]] uint32_t Send(const CommandParam (&params)[N], const Front& front = {}) {
+    static_assert(N <= 4, "a command has four parameters");
+    return Send(params, N, front);
+  }
+  [[nodiscard]] uint32_t Send() { return Send(nullptr, 0, {}); }
   // The step that Send reached.
   Step step() const { return step_; }
 
@@ -74,9 +93,9 @@ class CommandFrame {
   void Close() { session_.Close(); }
 
  private:
-  bool Fill(const CommandParam (&params)[4]);
-  uint32_t Invoke();
-  uint32_t InvokeGuarded();
+  uint32_t Send(const CommandParam* params, uint32_t count, const Front& front);
+  // Logs a failed invocation, has its error record reported and closes the session.
+  void ReportFailure(uint32_t result, uint32_t return_origin);
 
   const TaCommandId id_;
   const char* const label_;
@@ -84,7 +103,6 @@ class CommandFrame {
   KmSession session_;
   Step step_ = Step::kOpen;
   TEEC_Operation operation_ = {};
-  uint32_t return_origin_ = 0;
 };
 
 }  // namespace km41

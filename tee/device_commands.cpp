@@ -41,7 +41,7 @@ uint32_t TeeEarlyBootEnded() {
     return RejectArguments();
   }
   CommandFrame command(kCmdEarlyBootEnded, "TeeEarlyBootEnded", AfterFailure::kNothing);
-  return command.Send({});
+  return command.Send();
 }
 
 uint32_t TeeDeviceLocked(uint32_t password_only) {

@@ -85,11 +85,11 @@ uint32_t TeeImportKey(const uint8_t* params, uint32_t params_len, const uint8_t*
     return TEEC_ERROR_BAD_PARAMETERS;
   }
   CommandFrame command(kCmdImportKey, "TeeImportKey", AfterFailure::kFetchErrorRecord);
+  const bool has_characteristics = characteristics != nullptr;
   const uint32_t result = command.Send(
       {Input(params, params_len), Input(key_data, key_data_len), Output(key_blob, *key_blob_len),
-       characteristics != nullptr
-           ? InOutWithSource(characteristics, *characteristics_len, import_type)
-           : InOut(nullptr, 0)});
+       InOut(characteristics, has_characteristics ? *characteristics_len : 0)},
+      {Front::Kind::kImportSource, 3, import_type});
   if (result != TEEC_SUCCESS) {
     return result;
   }

@@ -36,9 +36,9 @@ namespace {
 uint32_t SendData(CommandFrame* command, const CommandParam& params, const CommandParam& input,
                   uint64_t op_handle, uint8_t* out_params, uint32_t* out_params_len,
                   uint8_t* output, uint32_t* output_len) {
-  const uint32_t result =
-      command->Send({params, input, InOutWithHandle(out_params, *out_params_len, op_handle),
-                     Output(output, *output_len)});
+  const uint32_t result = command->Send(
+      {params, input, InOut(out_params, *out_params_len), Output(output, *output_len)},
+      {Front::Kind::kOperationHandle, 2, op_handle});
   if (result != TEEC_SUCCESS) {
     return result;
   }
