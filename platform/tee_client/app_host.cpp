@@ -1,16 +1,17 @@
 #include "app_host.h"
 
-#include <cstdlib>
-#include <cstring>
-
 #include "built_in_apps.h"
+#include "platform/tee_client/environment.h"
 #include "remote_session.h"
 
 namespace {
 
 bool HasWorker() {
-  const char* host = getenv("TEE_HOST");
-  return host != nullptr && std::strcmp(host, "process") == 0;
+  const std::string host = VariableText("TEE_HOST");
+  if (!host.empty() && host != "process" && host != "caller") {
+    RejectWord("TEE_HOST", host, "process, caller");
+  }
+  return host == "process";
 }
 
 }  // namespace

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
+#include <utility>
 
+#include "platform/tee_client/environment.h"
 #include "platform/tee_client/param_trace.h"
 #include "platform/tee_client/trace_names.h"
 
@@ -74,18 +75,50 @@ std::string DescribeKeyParams(const CommandParameters& parameters, Reply reply,
   return text;
 }
 
+// The whole of every input, or of every output, in lines of 32 bytes.
+std::string DumpBuffers(const CommandParameters& parameters, bool inputs, Reply reply) {
+  constexpr uint32_t kLine = 32;
+  std::string text;
+  for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
+    const uint32_t type = parameters.TypeOf(i);
+    if (!IsMemoryReference(type) || !(inputs ? IsInput(type) : IsOutput(type))) {
+      continue;
+    }
+    const uint32_t size = inputs ? parameters.CapacityOf(i) : LengthOf(parameters, i, reply);
+    for (uint32_t at = 0; at < size; at += kLine) {
+      char label[48];
+      (void)snprintf(label, sizeof(label), "tee:   params[%u] %s %04x: ", i, inputs ? "in" : "out",
+                     at);
+      text += label + Hex(parameters.ta_params()[i].buffer + at, std::min(kLine, size - at)) + "\n";
+    }
+  }
+  return text;
+}
+
 }  // namespace
 
 TraceLevel TraceLevelNow() {
-  const char* value = getenv("TEE_TRACE");
-  const std::string text = value == nullptr ? "" : value;
-  if (text == "secrets") {
-    return TraceLevel::kSecrets;
+  constexpr std::pair<const char*, TraceLevel> kLevels[] = {{"", TraceLevel::kOff},
+                                                            {"0", TraceLevel::kOff},
+                                                            {"1", TraceLevel::kCommands},
+                                                            {"params", TraceLevel::kParams},
+                                                            {"secrets", TraceLevel::kSecrets},
+                                                            {"full", TraceLevel::kFull}};
+  const std::string text = VariableText("TEE_TRACE");
+  for (const auto& [word, level] : kLevels) {
+    if (text == word) {
+      return level;
+    }
   }
-  if (text == "params") {
-    return TraceLevel::kParams;
+  RejectWord("TEE_TRACE", text, "0, 1, params, secrets, full");
+}
+
+void TraceInputs(uint32_t command, const CommandParameters& parameters) {
+  if (TraceLevelNow() == TraceLevel::kFull) {
+    const std::string buffers = DumpBuffers(parameters, true, {});
+    (void)fprintf(stderr, "tee: command %u %s\n%s", command, NameOfCommand(command).name,
+                  buffers.c_str());
   }
-  return text == "1" ? TraceLevel::kCommands : TraceLevel::kOff;
 }
 
 void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply reply,
@@ -98,7 +131,10 @@ void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply r
   }
   std::string params;
   if (level >= TraceLevel::kParams) {
-    params = DescribeKeyParams(parameters, reply, name, level == TraceLevel::kSecrets);
+    params = DescribeKeyParams(parameters, reply, name, level >= TraceLevel::kSecrets);
+  }
+  if (level == TraceLevel::kFull) {
+    params += DumpBuffers(parameters, false, reply);
   }
   // In one call: the lines of a command stay together.
   (void)fprintf(stderr, "tee: command %u %s (%s) result 0x%08x from %s, %lld us\n%s", command,

@@ -1,6 +1,7 @@
 // What TEE_TRACE shows on standard error, a line a command: "1" the command, "params" also the
 // key parameters in it, "secrets" also the values of those that are secret. What a key is made
-// of, and what an operation takes in and puts out, are never shown.
+// of, and what an operation takes in and puts out, are shown by "full" only: all of every buffer,
+// inputs before the command and outputs after it. Any other word ends the process.
 #ifndef PLATFORM_TEE_CLIENT_COMMAND_TRACE_H
 #define PLATFORM_TEE_CLIENT_COMMAND_TRACE_H
 
@@ -9,10 +10,12 @@
 
 #include "platform/tee_client/command_parameters.h"
 
-enum class TraceLevel { kOff, kCommands, kParams, kSecrets };
+enum class TraceLevel { kOff, kCommands, kParams, kSecrets, kFull };
 
 TraceLevel TraceLevelNow();
 
+// TraceInputs prints the inputs of a command that is about to run, when the trace is full.
+void TraceInputs(uint32_t command, const CommandParameters& parameters);
 // TraceCommand prints a command's name, its parameters with their first bytes, result, origin and
 // duration.
 void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply reply,

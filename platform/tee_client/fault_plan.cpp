@@ -1,12 +1,13 @@
 #include "platform/tee_client/fault_plan.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <random>
 #include <sstream>
 #include <string>
+
+#include "platform/tee_client/environment.h"
 
 namespace {
 
@@ -46,35 +47,28 @@ bool ReadField(const std::string& name, uint32_t value, FaultPlan* plan) {
   return false;
 }
 
-bool ReadFields(FaultPlan* plan) {
-  std::istringstream fields(plan->text);
-  bool is_first = true;
-  for (std::string field; std::getline(fields, field, ','); is_first = false) {
-    const std::string name = field.substr(0, field.find('='));
-    uint32_t value = 0;
-    if (name.size() == field.size() || !ReadNumber(field.substr(name.size() + 1), &value)) {
-      return false;
-    }
-    if (is_first) {
-      plan->command = value;
-    }
-    if (is_first ? name != "cmd" : !ReadField(name, value, plan)) {
-      return false;
-    }
-  }
-  const PlannedFault& fault = plan->fault;
-  return (fault.code | fault.garbage | fault.crash | fault.delay_ms) != 0 || fault.has_length;
-}
+constexpr char kKnown[] =
+    "cmd=ID, then code= crash= garbage= delay= length= lie= nth= times= with a number";
 
-FaultPlan ReadPlan(const char* text) {
+FaultPlan ReadPlan(const std::string& text) {
   FaultPlan plan;
   plan.text = text;
-  if (plan.text.empty()) {
-    return plan;
+  std::istringstream fields(text);
+  for (std::string field; std::getline(fields, field, ',');) {
+    const std::string name = field.substr(0, field.find('='));
+    const bool is_first = !plan.is_active;
+    uint32_t value = 0;
+    if (name.size() == field.size() || !ReadNumber(field.substr(name.size() + 1), &value) ||
+        !(is_first ? name == "cmd" : ReadField(name, value, &plan))) {
+      RejectWord("TEE_FAULT", field, kKnown);
+    }
+    plan.command = is_first ? value : plan.command;
+    plan.is_active = true;
   }
-  plan.is_active = ReadFields(&plan);
-  if (!plan.is_active) {
-    (void)fprintf(stderr, "tee: TEE_FAULT=\"%s\" is not understood and ignored\n", text);
+  const PlannedFault& fault = plan.fault;
+  const bool has_effect = (fault.code | fault.garbage | fault.crash | fault.delay_ms) != 0;
+  if (plan.is_active && !has_effect && !fault.has_length) {
+    RejectWord("TEE_FAULT", text, kKnown);
   }
   return plan;
 }
@@ -84,8 +78,7 @@ FaultPlan ReadPlan(const char* text) {
 bool TakePlannedFault(uint32_t command, PlannedFault* fault) {
   static std::mutex mutex;
   static auto* const plan = new FaultPlan;  // outlives callers in destructors at exit
-  const char* variable = getenv("TEE_FAULT");
-  const char* text = variable == nullptr ? "" : variable;
+  const std::string text = VariableText("TEE_FAULT");
   const std::lock_guard<std::mutex> lock(mutex);
   if (plan->text != text) {
     *plan = ReadPlan(text);

@@ -10,7 +10,7 @@
 //   lie=1      with length: also beyond the capacity, which is a short buffer otherwise
 //   nth=N      beginning with the N-th such command, not with the first
 //   times=T    so many in a row, not one
-// A plan that is changed starts anew.
+// A plan that is changed starts anew; one that is not understood ends the process.
 #ifndef PLATFORM_TEE_CLIENT_FAULT_PLAN_H
 #define PLATFORM_TEE_CLIENT_FAULT_PLAN_H
 

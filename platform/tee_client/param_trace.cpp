@@ -3,7 +3,6 @@
 #include <hardware/keymaster_defs.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -55,15 +54,19 @@ std::string ValueText(uint32_t tag, const uint8_t* value, const Blobs& blobs) {
 
 }  // namespace
 
+std::string Hex(const uint8_t* data, uint32_t size) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (uint32_t i = 0; i < size; ++i) {
+    text += kDigits[data[i] >> 4];
+    text += kDigits[data[i] & 0xF];
+  }
+  return text;
+}
+
 std::string FirstBytes(const uint8_t* data, uint32_t size) {
   constexpr uint32_t kShown = 16;
-  std::string text;
-  for (uint32_t i = 0; i < std::min(size, kShown); ++i) {
-    char digits[3];
-    (void)snprintf(digits, sizeof(digits), "%02x", data[i]);
-    text += digits;
-  }
-  return size > kShown ? text + ".." : text;
+  return Hex(data, std::min(size, kShown)) + (size > kShown ? ".." : "");
 }
 
 std::string DecodeKeyParams(const std::string& label, const uint8_t* data, uint32_t size,

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+// Hex returns all bytes in hexadecimal.
+std::string Hex(const uint8_t* data, uint32_t size);
 // FirstBytes returns up to 16 bytes in hexadecimal, with ".." when there are more.
 std::string FirstBytes(const uint8_t* data, uint32_t size);
 

@@ -76,6 +76,7 @@ Reply InvokeCommand(Handle handle, uint32_t command, TEEC_Operation* operation) 
   CommandParameters parameters;
   const TEEC_Result copied = parameters.CopyIn(operation);
   if (copied != TEEC_SUCCESS) return FromApi(copied);
+  TraceInputs(command, parameters);
   const Clock::time_point start = Clock::now();
   const Reply reply = parameters.CopyOut(session->Invoke(command, &parameters), operation);
   if (TraceLevelNow() != TraceLevel::kOff) {

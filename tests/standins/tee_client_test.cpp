@@ -165,8 +165,6 @@ TEST_F(TeeClientTest, TracesAndFailsOnDemandAndOutlivesACrash) {
   for (const uint32_t expected : {0xFFFF000C, 0xFFFF000C, 0u}) {
     EXPECT_EQ(Invoke(nullptr), expected);
   }
-  setenv("TEE_FAULT", "cmd=2;code=1", 1);
-  EXPECT_EQ(Invoke(nullptr), TEEC_SUCCESS);
   unsetenv("TEE_FAULT");
   unsetenv("TEE_TRACE");
   const std::string trace = testing::internal::GetCapturedStderr();
@@ -174,12 +172,66 @@ TEST_F(TeeClientTest, TracesAndFailsOnDemandAndOutlivesACrash) {
       "tee: command 66 GetErrorRecord (MEMREF_TEMP_OUTPUT 8->5 0000000000, "
       "VALUE_INOUT 0x0,0x0->0x0,0x0, NONE, NONE) result 0x00000000 from TA, ";
   EXPECT_NE(trace.find(line), std::string::npos) << trace;
-  EXPECT_NE(trace.find("not understood"), std::string::npos);
 
   g_ta = [](TaParam*) -> TEEC_Result { throw std::runtime_error("crash"); };
   EXPECT_EQ(Invoke(nullptr), TEEC_ERROR_TARGET_DEAD);
   g_ta = [](TaParam*) { return TEEC_SUCCESS; };
   EXPECT_EQ(Invoke(nullptr), TEEC_ERROR_TARGET_DEAD);
+}
+
+TEST_F(TeeClientTest, AFullTraceHasAllInputsBeforeTheCommandAndAllOutputsAfterIt) {
+  std::string buffer(33, 'A');
+  TEEC_Operation operation = OperationOf(TEEC_MEMREF_TEMP_INOUT, buffer.data(), 33);
+  g_ta = [](TaParam* params) {
+    (void)fputs("TA\n", stderr);
+    std::fill_n(params[0].buffer, 3, uint8_t{0xFE});
+    return params[0].size = 3, TEEC_SUCCESS;
+  };
+  setenv("TEE_TRACE", "full", 1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Invoke(&operation, 4), TEEC_SUCCESS);
+  unsetenv("TEE_TRACE");
+  const std::string trace = testing::internal::GetCapturedStderr();
+  std::string line(64, '4');
+  for (size_t i = 1; i < line.size(); i += 2) {
+    line[i] = '1';
+  }
+  EXPECT_EQ(trace.find("tee: command 4 ImportKey\ntee:   params[0] in 0000: " + line +
+                       "\ntee:   params[0] in 0020: 41\nTA\ntee: command 4 ImportKey (MEMREF_"),
+            0u)
+      << trace;
+  EXPECT_NE(trace.find(" us\n"), std::string::npos);
+  const std::string end = "\ntee:   params[0] out 0000: fefefe\n";
+  EXPECT_EQ(trace.substr(trace.size() - end.size()), end) << trace;
+}
+
+using TeeClientDeathTest = TeeClientTest;
+
+TEST_F(TeeClientDeathTest, AWordThatIsNotUnderstoodEndsTheProcess) {
+  const struct {
+    const char *variable, *text, *word;
+  } rows[] = {
+      {"TEE_FAULT", "cmd=2;code=1", "cmd=2;code=1"},
+      {"TEE_FAULT", "cmd=2,lenght=1", "lenght=1"},
+      {"TEE_FAULT", "cmd=2,code=-1", "code=-1"},
+      {"TEE_FAULT", "cmd=2,code=4294967296", "code=4294967296"},
+      {"TEE_FAULT", "code=1,cmd=2", "code=1"},
+      {"TEE_FAULT", "cmd=2", "cmd=2"},
+      {"TEE_TRACE", "secret", "secret"},
+      {"TEE_HOST", "proces", "proces"},
+  };
+  for (const auto& row : rows) {
+    const auto use = [&] {
+      setenv(row.variable, row.text, 1);
+      Invoke(nullptr);
+      Open(&session_);
+    };
+    EXPECT_EXIT(use(), testing::ExitedWithCode(2),
+                "^tee: " + std::string(row.variable) + ": \"" + row.word + "\" is not understood");
+  }
+  setenv("TEE_HOST", "caller", 1);
+  EXPECT_EQ(Open(&session_), TEEC_SUCCESS);
+  unsetenv("TEE_HOST");
 }
 
 TEST_F(TeeClientTest, SessionsRunSideBySideAndEachOneInTurn) {

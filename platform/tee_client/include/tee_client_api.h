@@ -3,11 +3,12 @@
 //
 // On the host environment variables help to watch and to test a caller (docs/developing-a-hal.md):
 //   TEE_HOST=process   runs the TAs in a process of their own, so that one that crashes is a
-//                      TEEC_ERROR_TARGET_DEAD; in the caller's process otherwise
+//                      TEEC_ERROR_TARGET_DEAD; in the caller's with TEE_HOST=caller, and without
 //   TEE_WORKER         the program that is this process, else the tee-worker built with the library
 //   TEE_TIMEOUT_MS     after so long without an answer that process is given up, and killed
-//   TEE_TRACE=1|params|secrets   prints every command on standard error
+//   TEE_TRACE=1|params|secrets|full   prints every command on standard error
 //   TEE_FAULT="cmd=2,code=0xFFFF000C"   has commands fail as planned
+// A word in TEE_HOST, TEE_TRACE or TEE_FAULT that is not understood ends the process, status 2.
 #ifndef TEE_CLIENT_API_H
 #define TEE_CLIENT_API_H
 
