@@ -5,6 +5,7 @@
 #include "ta/attest_extension.h"
 #include "ta/commands.h"
 #include "ta/key.h"
+#include "ta/state.h"
 
 namespace ta {
 namespace {
@@ -66,6 +67,23 @@ bool AddDeviceIds(const ParamSet& request, ParamSet* tee_enforced) {
   return true;
 }
 
+// An id of this device for an application, other ones every 30 days and after the user's reset.
+// Empty for a key that is not to have it.
+Bytes UniqueId(const Key& key, const ParamSet& request) {
+  constexpr uint64_t kSlotMillis = uint64_t{30} * 24 * 60 * 60 * 1000;
+  constexpr size_t kUniqueIdSize = 16;
+  const Param* const created = key.Find(KM_TAG_CREATION_DATETIME);
+  if (!key.hw_enforced.IsTrue(KM_TAG_INCLUDE_UNIQUE_ID) || created == nullptr) {
+    return {};
+  }
+  Bytes message;
+  AppendU64(&message, created->value / kSlotMillis);
+  AppendBytes(&message, request.BytesOf(KM_TAG_APPLICATION_ID));
+  message.push_back(request.IsTrue(KM_TAG_RESET_SINCE_ID_ROTATION) ? 1 : 0);
+  const SecureBytes mac = HmacSha256(DeviceKey("unique id"), message);
+  return Bytes(mac.begin(), mac.begin() + kUniqueIdSize);
+}
+
 Bytes DescribeKey(const Key& key, const ParamSet& request) {
   const Param* const challenge = request.Find(KM_TAG_ATTESTATION_CHALLENGE);
   const Param* const application = request.Find(KM_TAG_ATTESTATION_APPLICATION_ID);
@@ -87,7 +105,8 @@ Bytes DescribeKey(const Key& key, const ParamSet& request) {
   if (!AddDeviceIds(request, &tee_enforced)) {
     Fail(KM_ERROR_CANNOT_ATTEST_IDS);
   }
-  return EncodeKeyDescription(challenge->bytes, software_enforced, tee_enforced);
+  return EncodeKeyDescription(challenge->bytes, UniqueId(key, request), software_enforced,
+                              tee_enforced);
 }
 
 }  // namespace

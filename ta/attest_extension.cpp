@@ -167,11 +167,11 @@ Bytes EncodeAuthorizationList(const ParamSet& params) {
   return Element(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, true, content);
 }
 
-Bytes EncodeKeyDescription(ByteView challenge, const ParamSet& software_enforced,
-                           const ParamSet& tee_enforced) {
+Bytes EncodeKeyDescription(ByteView challenge, ByteView unique_id,
+                           const ParamSet& software_enforced, const ParamSet& tee_enforced) {
   return Sequence({Integer(kAttestationVersion), Enumerated(KM_SECURITY_LEVEL_TRUSTED_ENVIRONMENT),
                    Integer(kKeymasterVersion), Enumerated(KM_SECURITY_LEVEL_TRUSTED_ENVIRONMENT),
-                   OctetString(challenge), OctetString({}),
+                   OctetString(challenge), OctetString(unique_id),
                    EncodeAuthorizationList(software_enforced),
                    EncodeAuthorizationList(tee_enforced)});
 }

@@ -24,9 +24,9 @@ Bytes EncodeRootOfTrust(const RootOfTrust& root);
 // leaves out the others. The bytes of KM_TAG_ROOT_OF_TRUST are those of EncodeRootOfTrust.
 Bytes EncodeAuthorizationList(const ParamSet& params);
 
-// EncodeKeyDescription writes the extension's value.
-Bytes EncodeKeyDescription(ByteView challenge, const ParamSet& software_enforced,
-                           const ParamSet& tee_enforced);
+// EncodeKeyDescription writes the extension's value; unique_id may be empty.
+Bytes EncodeKeyDescription(ByteView challenge, ByteView unique_id,
+                           const ParamSet& software_enforced, const ParamSet& tee_enforced);
 
 }  // namespace ta
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fstream>
 #include <stdexcept>
+#include <string>
 
 #include "ta/commands.h"
 #include "ta/evp.h"
@@ -59,8 +60,7 @@ bool Load(const std::string& boot_id, BootState* state) {
   return ReadStateFile(kFileName, &record) && Parse(record, boot_id, state);
 }
 
-}  // namespace
-
+// The system's name for this boot; the same for all processes that run during it.
 std::string BootId() {
   std::ifstream file("/proc/sys/kernel/random/boot_id");
   std::string id;
@@ -69,6 +69,8 @@ std::string BootId() {
   }
   return id;
 }
+
+}  // namespace
 
 uint64_t MillisSinceBoot() {
   timespec now{};

@@ -1,12 +1,12 @@
 // What the TA knows about the device since it booted: how far the boot is, whether the screen is
 // locked (command DeviceLocked, whose value is 1 when only a password unlocks), the HMAC sharing.
-// It outlives the TA's process and ends with the boot: a record of another boot counts as none.
+// It outlives the TA's process and ends with the boot: a record of another boot counts as none. Who
+// removes it, the file boot_state, has the device boot anew.
 #ifndef TA_DEVICE_STATE_H
 #define TA_DEVICE_STATE_H
 
 #include <array>
 #include <functional>
-#include <string>
 
 #include "ta/auth.h"
 
@@ -14,16 +14,13 @@ namespace ta {
 
 // The state of one boot.
 struct BootState {
-  std::array<uint8_t, 32> sharing_nonce{};
-  SecureBytes shared_hmac_key;  // 32 bytes, empty while no sharing was computed
+  std::array<uint8_t, 32> sharing_nonce{};  // no other boot's
+  SecureBytes shared_hmac_key;              // 32 bytes, empty while no sharing was computed
   bool early_boot_ended = false;
   bool locked = false;
   bool lock_needs_password = false;
   uint64_t locked_at = 0;  // milliseconds since boot
 };
-
-// BootId is the system's name for this boot; the same for all processes that run during it.
-std::string BootId();
 
 // MillisSinceBoot is the clock of auth tokens, verification tokens and locks.
 uint64_t MillisSinceBoot();

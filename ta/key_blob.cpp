@@ -21,11 +21,6 @@ constexpr size_t kBindingSize = SHA256_DIGEST_LENGTH;
 constexpr size_t kHeaderSize = 1 + kNonceSize;
 constexpr size_t kMaxBlob = 64 * 1024;
 
-SecureBytes BlobKey() {
-  static constexpr char kLabel[] = "key blob";
-  return HmacSha256(DeviceKey(), {reinterpret_cast<const uint8_t*>(kLabel), sizeof(kLabel) - 1});
-}
-
 // What a blob is bound to. An absent id and an empty one are the same.
 Bytes BindingOf(const ParamSet& params) {
   Bytes bound;
@@ -41,7 +36,7 @@ Bytes BindingOf(const ParamSet& params) {
 }
 
 CipherCtxPtr StartGcm(const uint8_t* nonce, bool encrypts) {
-  CipherCtxPtr ctx = StartCipher(EVP_aes_256_gcm(), BlobKey(), nonce, encrypts);
+  CipherCtxPtr ctx = StartCipher(EVP_aes_256_gcm(), DeviceKey("key blob"), nonce, encrypts);
   int ignored = 0;
   RequireCrypto(EVP_CipherUpdate(ctx.get(), nullptr, &ignored, &kVersion, sizeof(kVersion)) == 1);
   return ctx;

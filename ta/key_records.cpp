@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "ta/device_state.h"
@@ -20,32 +21,33 @@ std::string RecordName(const char* kind, const Bytes& key_id) {
   return name;
 }
 
-// How often and when last a key was used since the system started.
+// How often and when last a key was used since the device booted.
 struct Usage {
   uint64_t count = 0;
   uint64_t last_use = 0;  // milliseconds since boot
 };
 
-Usage ReadUsage(const std::string& name, const std::string& boot_id) {
+// The nonce that was drawn at boot stands for the boot.
+Usage ReadUsage(const std::string& name, ByteView boot) {
   Usage usage;
   SecureBytes content;
   if (!ReadStateFile(name, &content)) {
     return usage;
   }
   ByteReader reader(content);
-  ByteView boot;
+  ByteView counted;
   if (!reader.TakeU64(&usage.count) || !reader.TakeU64(&usage.last_use) ||
-      !reader.TakeBytes(boot_id.size(), &boot) || reader.remaining() != 0) {
+      !reader.TakeBytes(boot.size, &counted) || reader.remaining() != 0) {
     throw std::runtime_error("a usage record is damaged");
   }
-  return std::string(boot.begin(), boot.end()) == boot_id ? usage : Usage();
+  return std::equal(boot.begin(), boot.end(), counted.begin()) ? usage : Usage();
 }
 
-void WriteUsage(const std::string& name, const std::string& boot_id, const Usage& usage) {
+void WriteUsage(const std::string& name, ByteView boot, const Usage& usage) {
   Bytes content;
   AppendU64(&content, usage.count);
   AppendU64(&content, usage.last_use);
-  content.insert(content.end(), boot_id.begin(), boot_id.end());
+  AppendBytes(&content, boot);
   ReplaceStateFile(name, content);
 }
 
@@ -64,11 +66,12 @@ void CountUse(const Key& key) {
   if (max_uses == nullptr && min_seconds == nullptr) {
     return;
   }
+  const BootState state = UpdateBootState();
+  const ByteView boot(state.sharing_nonce.data(), state.sharing_nonce.size());
   const StateLock lock;
   const std::string name = RecordName("usage_", key.id);
-  const std::string boot_id = BootId();
   const uint64_t now = MillisSinceBoot();
-  Usage usage = ReadUsage(name, boot_id);
+  Usage usage = ReadUsage(name, boot);
   if (min_seconds != nullptr && usage.count != 0 &&
       now - usage.last_use < min_seconds->value * 1000) {
     Fail(KM_ERROR_KEY_RATE_LIMIT_EXCEEDED);
@@ -78,7 +81,7 @@ void CountUse(const Key& key) {
   }
   ++usage.count;
   usage.last_use = now;
-  WriteUsage(name, boot_id, usage);
+  WriteUsage(name, boot, usage);
 }
 
 }  // namespace ta

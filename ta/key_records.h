@@ -14,7 +14,7 @@ bool IsKeyDeleted(const Bytes& key_id);
 
 // CountUse counts one use of a key that limits its uses, and refuses the use beyond
 // KM_TAG_MAX_USES_PER_BOOT or within KM_TAG_MIN_SECONDS_BETWEEN_OPS of the last one. The counts
-// hold until the system restarts.
+// hold until the device boots.
 void CountUse(const Key& key);
 
 }  // namespace ta

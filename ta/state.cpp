@@ -210,7 +210,10 @@ StateLock::StateLock() : fd_(open(StateFile("lock").c_str(), O_RDWR | O_CREAT | 
 
 StateLock::~StateLock() { close(fd_); }
 
-SecureBytes DeviceKey() { return LoadOrCreateSecret("device_key", 32); }
+SecureBytes DeviceKey(const std::string& label) {
+  return HmacSha256(LoadOrCreateSecret("device_key", 32),
+                    {reinterpret_cast<const uint8_t*>(label.data()), label.size()});
+}
 
 namespace {
 

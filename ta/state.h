@@ -40,8 +40,8 @@ class StateLock {
   int fd_;
 };
 
-// DeviceKey returns the 32-byte root of this device's keys; derive from it, do not use it twice.
-SecureBytes DeviceKey();
+// DeviceKey returns 32 bytes that only this device has, others for each label.
+SecureBytes DeviceKey(const std::string& label);
 
 // The OS version (MMmmss in decimal) and patch level (YYYYMM) that keys are bound to.
 struct SystemVersion {

@@ -181,6 +181,12 @@ struct Ta {
     return result;
   }
 
+  // An operation that ends as soon as it has begun.
+  uint32_t TryBegin(uint32_t purpose, const Ps& params) {
+    const uint32_t result = Begin(purpose, params);
+    return result == 0 ? Run(kCmdAbort, In(Le(handle, 8))) : result;
+  }
+
   Str output;  // of the operation so far
   uint32_t Update(const Str& input, const Ps& params = {}) {
     const uint32_t room = static_cast<uint32_t>(input.empty() ? 16 : (input.size() + 15) / 16 * 16);

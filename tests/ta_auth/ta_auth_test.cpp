@@ -41,6 +41,8 @@ Str Token(const Str& key, uint64_t timestamp) {
 }
 
 constexpr uint32_t kShort = TEEC_ERROR_SHORT_BUFFER;
+const Ps kEcb = {{KM_TAG_BLOCK_MODE, KM_MODE_ECB}, kNoPadding};
+const Ps kAes = Key(KM_ALGORITHM_AES, kEncrypt, kEcb + P(KM_TAG_KEY_SIZE, 128));
 
 struct Keymaster : Instance {
   Str SharingParameters() {
@@ -171,6 +173,54 @@ TEST(DeviceState, YieldsToTheRightTokenAndEndsWithTheBoot) {
   EXPECT_TRUE(next.substr(0, 32) == own.substr(0, 32) && next.substr(32) != own.substr(32));
 }
 
+TEST(DeviceState, BootsAnewWithoutItsFile) {
+  Keymaster instance;
+  const Ps early = kAes + P(KM_TAG_EARLY_BOOT_ONLY, 1);
+  for (int boot = 0; boot < 2; ++boot) {
+    const Str own = instance.SharingParameters();
+    EXPECT_EQ(instance.Generate(early), 0u);
+    const Str early_key = instance.blob;
+    EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), 0u);
+    EXPECT_EQ(instance.Run(kCmdEarlyBootEnded), 0u);
+    EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), Km(KM_ERROR_EARLY_BOOT_ENDED));
+    EXPECT_EQ(instance.Generate(early), Km(KM_ERROR_EARLY_BOOT_ENDED));
+
+    const Slot lock = {TEEC_VALUE_INPUT, {}, 0, 0, 0, {}};
+    EXPECT_EQ(instance.Run(kCmdDeviceLocked, lock), 0u);
+    EXPECT_EQ(instance.Generate(kAes + P(KM_TAG_UNLOCKED_DEVICE_REQUIRED, 1)), 0u);
+    EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), Km(KM_ERROR_DEVICE_LOCKED));
+    const Str locked_key = instance.blob;
+
+    EXPECT_EQ(instance.Generate(kAes + P(KM_TAG_MAX_USES_PER_BOOT, 2)), 0u);
+    const Str counted_key = instance.blob;
+    for (const uint32_t result : {0u, 0u, Km(KM_ERROR_KEY_MAX_OPS_EXCEEDED)}) {
+      EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), result);
+    }
+    std::filesystem::remove(instance.folder + "/boot_state");
+    for (const Str& key : {early_key, locked_key, counted_key}) {
+      instance.blob = key;
+      EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), 0u);
+    }
+    EXPECT_NE(instance.SharingParameters().substr(32), own.substr(32));
+  }
+}
+
+std::vector<ta::X509Ptr> ParseChain(const Str& reply) {
+  const uint8_t* at = Raw(reply) + 4;
+  std::vector<ta::X509Ptr> chain;
+  for (uint64_t i = UnLe(reply, 0, 4); i > 0; --i) {
+    chain.emplace_back(d2i_X509(nullptr, &(at += 4), 4096));
+  }
+  EXPECT_EQ(at, Raw(reply) + reply.size());
+  return chain;
+}
+
+Str KeyDescription(const X509* leaf) {
+  X509_EXTENSION* const extension = X509_get_ext(leaf, X509_get_ext_count(leaf) - 1);
+  const ASN1_OCTET_STRING* const value = X509_EXTENSION_get_data(extension);
+  return Str(value->data, value->data + value->length);
+}
+
 // What libcrypto makes of a chain whose other certificates are at hand.
 int VerifyChain(const std::vector<ta::X509Ptr>& chain) {
   X509_STORE* const store = X509_STORE_new();
@@ -193,7 +243,6 @@ const Ps kEc = Key(KM_ALGORITHM_EC, kVerify, {{KM_TAG_EC_CURVE, 1}, kSha256, kCr
 const Ps kRsa = Key(KM_ALGORITHM_RSA, KM_PURPOSE_WRAP_KEY, {{KM_TAG_KEY_SIZE, 2048}, kCreated}) +
                 P(KM_TAG_RSA_PUBLIC_EXPONENT, 65537) + P(KM_TAG_ACTIVE_DATETIME, 1500000000000) +
                 P(KM_TAG_USAGE_EXPIRE_DATETIME, 4102444800000);
-const Ps kAes = Key(KM_ALGORITHM_AES, kEncrypt, {{KM_TAG_KEY_SIZE, 128}});
 const P kChallenge = {KM_TAG_ATTESTATION_CHALLENGE, "challenge"};
 const P kApp = {KM_TAG_ATTESTATION_APPLICATION_ID, "app"}, kNothing = {KM_TAG_NONCE, ""},
         kBrand = {KM_TAG_ATTESTATION_ID_BRAND, "host"};
@@ -222,13 +271,7 @@ TEST(Attestation, DescribesTheKeyInAChainThatVerifies) {
   Keymaster instance;
   for (const auto& row : rows) {
     ASSERT_EQ(instance.Attest(row.key, {kChallenge, kApp, row.id}, 8192), 0u);
-    const Str reply = instance.slots[2].out;
-    const uint8_t* at = Raw(reply) + 4;
-    std::vector<ta::X509Ptr> chain;
-    for (int i = 0; i < 3; ++i) {
-      chain.emplace_back(d2i_X509(nullptr, &(at += 4), 4096));
-    }
-    ASSERT_EQ(at, Raw(reply) + reply.size());
+    const std::vector<ta::X509Ptr> chain = ParseChain(instance.slots[2].out);
     EXPECT_EQ(VerifyChain(chain), X509_V_OK);
     X509* const leaf = chain[0].get();
     EXPECT_EQ(X509_get_key_usage(leaf), row.usage);
@@ -238,9 +281,34 @@ TEST(Attestation, DescribesTheKeyInAChainThatVerifies) {
       EXPECT_EQ(ASN1_STRING_cmp(field, expected), 0);
       ASN1_STRING_free(expected);
     }
-    X509_EXTENSION* const extension = X509_get_ext(leaf, X509_get_ext_count(leaf) - 1);
-    const ASN1_OCTET_STRING* const value = X509_EXTENSION_get_data(extension);
-    EXPECT_EQ(Str(value->data, value->data + value->length), Hex(row.extension));
+    EXPECT_EQ(KeyDescription(leaf), Hex(row.extension));
+  }
+}
+
+TEST(Attestation, CarriesAUniqueIdForAnApplicationAndThirtyDays) {
+  Keymaster instance;
+  std::ofstream(instance.folder + "/device_key") << Str(32, 'k');
+  const P id = {KM_TAG_APPLICATION_ID, "app"}, reset = {KM_TAG_RESET_SINCE_ID_ROTATION, 1};
+  const Ps ec = Key(KM_ALGORITHM_EC, kSign, {{KM_TAG_EC_CURVE, 1}, kSha256, id});
+  const Ps with = ec + P(KM_TAG_INCLUDE_UNIQUE_ID, 1), request = {kChallenge, kApp, id};
+  // From openssl: HMAC-SHA256 under HMAC-SHA256("unique id") under the device key.
+  const struct {
+    Ps key, request;
+    uint64_t created;
+    Str unique_id;
+  } rows[] = {
+      {ec, request, 2592000000, ""},
+      {with, request, 2591999999, "2f204e880b4202c498c16a36a08b5c87"},
+      {with, request + reset, 2591999999, "1c9efc84fc9978d65c9b208ded937bbb"},
+      {with, request, 2592000000, "fbe5983961ca01a786e601ac2aa09811"},
+      {with, request + reset, 2592000000, "fd4bbb0a41390e82e8d40cd0143d9169"},
+  };
+  for (const auto& row : rows) {
+    const Ps key = row.key + P(KM_TAG_CREATION_DATETIME, row.created);
+    ASSERT_EQ(instance.Attest(key, row.request, 8192), 0u);
+    const Str described = KeyDescription(ParseChain(instance.slots[2].out)[0].get());
+    const Str element = Str(1, 4) + Be(row.unique_id.size() / 2, 1) + Hex(row.unique_id);
+    EXPECT_EQ(described.find("challenge" + element), 17u) << &row - rows;
   }
 }
 
