@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <fstream>
 #include <thread>
 
 #include "ta/device_state.h"
@@ -11,6 +12,8 @@
 
 namespace {
 
+// Where an imported key comes from.
+constexpr char kGenerated = 0, kImported = 1, kWrapped = 2;
 constexpr uint64_t kFuture = 4102444800000;  // the year 2100, in milliseconds
 const P kMac104 = {KM_TAG_MAC_LENGTH, 104}, k128 = {KM_TAG_KEY_SIZE, 128};
 const Ps kEcb = {{KM_TAG_BLOCK_MODE, KM_MODE_ECB}, kNoPadding};
@@ -19,6 +22,8 @@ const Ps kAes = Key(KM_ALGORITHM_AES, kEncrypt, kEcb + k128);
 const Ps kGcm = Key(KM_ALGORITHM_AES, kEncrypt, kGcmMode + k128 + P(KM_TAG_MIN_MAC_LENGTH, 104));
 const Ps kHmac = Key(KM_ALGORITHM_HMAC, kSign, {k128, kSha256, {KM_TAG_MIN_MAC_LENGTH, 128}});
 const Ps kEc = Key(KM_ALGORITHM_EC, kSign, {{KM_TAG_EC_CURVE, KM_EC_CURVE_P_256}, kSha256});
+const Ps kEcOfNoCurve = Key(KM_ALGORITHM_EC, kSign, {kSha256});
+const Ps kDes = Key(KM_ALGORITHM_TRIPLE_DES, kEncrypt, kEcb);
 const Ps kRsa = kOaep + kNoPadding + kPkcs1 + P(KM_TAG_KEY_SIZE, 512) +
                 P(KM_TAG_RSA_PUBLIC_EXPONENT, 65537) + P(KM_TAG_DIGEST, KM_DIGEST_SHA_2_384) +
                 P(KM_TAG_DIGEST, KM_DIGEST_NONE);
@@ -36,7 +41,7 @@ Ps With(const Ps& base, const P& change) {
   return out + change;
 }
 
-TEST_F(TaTest, RefusesKeysThatCannotBe) {
+TEST_F(TaTest, MakesTheKeysThatCanBe) {
   const struct {
     const Ps& base;
     P change;
@@ -44,23 +49,46 @@ TEST_F(TaTest, RefusesKeysThatCannotBe) {
   } rows[] = {
       {{}, {KM_TAG_KEY_SIZE, 128}, KM_ERROR_UNSUPPORTED_ALGORITHM},
       {kAes, {KM_TAG_ALGORITHM, 2}, KM_ERROR_UNSUPPORTED_ALGORITHM},
+      {kAes, {KM_TAG_KEY_SIZE, 64}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
       {kAes, {KM_TAG_KEY_SIZE, 129}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
-      {kAes, {KM_TAG_KEY_SIZE, 512}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+      {kAes, {KM_TAG_KEY_SIZE, 192}, KM_ERROR_OK},
+      {kAes, {KM_TAG_KEY_SIZE, 256}, KM_ERROR_OK},
+      {kAes, {KM_TAG_KEY_SIZE, 320}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
       {kAes, {KM_TAG_PURPOSE, kSign}, KM_ERROR_UNSUPPORTED_PURPOSE},
       {kAes, {KM_TAG_PADDING, KM_PAD_RSA_PSS}, KM_ERROR_UNSUPPORTED_PADDING_MODE},
       {kAes, {KM_TAG_BLOCK_MODE, 9}, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
       {kAes, {KM_TAG_BLOCK_MODE, KM_MODE_GCM}, KM_ERROR_MISSING_MIN_MAC_LENGTH},
       {kGcm, {KM_TAG_MIN_MAC_LENGTH, 88}, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
-      {kHmac, {KM_TAG_MIN_MAC_LENGTH, 264}, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
+      {kGcm, {KM_TAG_MIN_MAC_LENGTH, 96}, KM_ERROR_OK},
+      {kGcm, {KM_TAG_MIN_MAC_LENGTH, 128}, KM_ERROR_OK},
+      {kGcm, {KM_TAG_MIN_MAC_LENGTH, 136}, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
+      {kHmac, {KM_TAG_MIN_MAC_LENGTH, 56}, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
+      {kHmac, {KM_TAG_MIN_MAC_LENGTH, 64}, KM_ERROR_OK},
       {kHmac, {KM_TAG_MIN_MAC_LENGTH, 129}, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
+      {kHmac, {KM_TAG_MIN_MAC_LENGTH, 256}, KM_ERROR_OK},
+      {kHmac, {KM_TAG_MIN_MAC_LENGTH, 264}, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
       {kHmac, {KM_TAG_DIGEST, KM_DIGEST_NONE}, KM_ERROR_UNSUPPORTED_DIGEST},
       {kHmac, {KM_TAG_KEY_SIZE, 56}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+      {kHmac, {KM_TAG_KEY_SIZE, 64}, KM_ERROR_OK},
+      {kHmac, {KM_TAG_KEY_SIZE, 512}, KM_ERROR_OK},
       {kHmac, {KM_TAG_KEY_SIZE, 520}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
       {kEc, {KM_TAG_EC_CURVE, 4}, KM_ERROR_UNSUPPORTED_EC_CURVE},
       {kEc, {KM_TAG_KEY_SIZE, 384}, KM_ERROR_INVALID_ARGUMENT},
+      {kEc, {KM_TAG_KEY_SIZE, 256}, KM_ERROR_OK},
+      {kEc, {KM_TAG_PADDING, KM_PAD_PKCS7}, KM_ERROR_OK},  // which says nothing of an EC key
+      {kEcOfNoCurve, {KM_TAG_KEY_SIZE, 225}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+      {kEcOfNoCurve, {KM_TAG_KEY_SIZE, 224}, KM_ERROR_OK},
+      {kEcOfNoCurve, {KM_TAG_KEY_SIZE, 521}, KM_ERROR_OK},
+      {kEcOfNoCurve, {KM_TAG_USER_ID, 1}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+      {kDes, {KM_TAG_KEY_SIZE, 168}, KM_ERROR_OK},
+      {kDes, {KM_TAG_KEY_SIZE, 112}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+      {kDes, {KM_TAG_BLOCK_MODE, KM_MODE_CTR}, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
       {kRsaSign, {KM_TAG_KEY_SIZE, 504}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+      {kRsaSign, {KM_TAG_KEY_SIZE, 516}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
       {kRsaSign, {KM_TAG_KEY_SIZE, 4104}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
       {kRsaSign, {KM_TAG_RSA_PUBLIC_EXPONENT, 65536}, KM_ERROR_INVALID_ARGUMENT},
+      {kRsaSign, {KM_TAG_RSA_PUBLIC_EXPONENT, 1}, KM_ERROR_INVALID_ARGUMENT},
+      {kRsaSign, {KM_TAG_RSA_PUBLIC_EXPONENT, 3}, KM_ERROR_OK},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(ta.Generate(With(row.base, row.change)), Km(row.error)) << &row - rows;
@@ -69,20 +97,46 @@ TEST_F(TaTest, RefusesKeysThatCannotBe) {
   // For a user, and for anybody.
   EXPECT_EQ(ta.Generate(kAes + P(KM_TAG_USER_SECURE_ID, 7) + P(KM_TAG_NO_AUTH_REQUIRED, 1)),
             Km(KM_ERROR_INVALID_ARGUMENT));
-  EXPECT_EQ(ta.Import(kAes, Str(32, 'k')), Km(KM_ERROR_IMPORT_PARAMETER_MISMATCH));
-  for (const char type : {char{0}, char{3}}) {
-    EXPECT_EQ(ta.Import(kAes, Str(16, 'k'), type), Km(KM_ERROR_INVALID_ARGUMENT));
-  }
-  EXPECT_EQ(ta.Import(kEc, Le(192, 4) + Str(16, 0)), Km(KM_ERROR_UNSUPPORTED_EC_CURVE));
-  // A point that is not on the curve.
-  const Str lengths = Le(32, 4) + Le(32, 4) + Le(32, 4);
-  EXPECT_EQ(ta.Import(kEc, Le(256, 4) + Le(4, 4) + lengths + Str(96, 'x')),
-            Km(KM_ERROR_INVALID_ARGUMENT));
 }
 
-TEST_F(TaTest, RefusesUsesThatTheKeyDoesNotAllow) {
-  const P mac128 = {KM_TAG_MAC_LENGTH, 128}, user = {KM_TAG_USER_SECURE_ID, 7};
-  const Ps long_nonce = kGcmMode + mac128 + P(KM_TAG_NONCE, Str(13, 'n'));
+TEST_F(TaTest, ImportsWhatTheDescriptionSays) {
+  // Form, lengths and a point that is not on the curve.
+  const Str ec = Le(256, 4) + Le(4, 4) + Le(32, 4) + Le(32, 4) + Le(32, 4) + Str(96, 'x');
+  const struct {
+    Ps description;
+    Str material;
+    char origin;
+    keymaster_error_t error;
+  } rows[] = {
+      {kAes, Str(16, 'k'), kImported, KM_ERROR_OK},
+      {kAes, Str(16, 'k'), kWrapped, KM_ERROR_OK},
+      {kAes, Str(32, 'k'), kImported, KM_ERROR_IMPORT_PARAMETER_MISMATCH},
+      {kAes, Str(16, 'k'), kGenerated, KM_ERROR_INVALID_ARGUMENT},
+      {kAes, Str(16, 'k'), 3, KM_ERROR_INVALID_ARGUMENT},
+      {kAes, "", kImported, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+      {kDes, Str(24, 'k'), kImported, KM_ERROR_OK},
+      {kDes, Str(21, 'k'), kImported, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+      {kHmac, Str(65, 'k'), kImported, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+      {kEc, Le(192, 4) + Str(16, 0), kImported, KM_ERROR_UNSUPPORTED_EC_CURVE},
+      {kEc, ec, kImported, KM_ERROR_INVALID_ARGUMENT},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(ta.Import(row.description, row.material, row.origin), Km(row.error)) << &row - rows;
+  }
+}
+
+TEST_F(TaTest, AllowsTheUsesThatTheKeyAllows) {
+  const P mac128 = {KM_TAG_MAC_LENGTH, 128}, user = {KM_TAG_USER_SECURE_ID, 7},
+          pkcs7 = {KM_TAG_PADDING, KM_PAD_PKCS7}, sha384 = {KM_TAG_DIGEST, KM_DIGEST_SHA_2_384},
+          no_digest = {KM_TAG_DIGEST, KM_DIGEST_NONE}, oaep = {KM_TAG_PADDING, KM_PAD_RSA_OAEP},
+          pss = {KM_TAG_PADDING, KM_PAD_RSA_PSS}, decrypts = {KM_TAG_PURPOSE, kDecrypt},
+          ctr = {KM_TAG_BLOCK_MODE, KM_MODE_CTR};
+  const P past_origination = {KM_TAG_ORIGINATION_EXPIRE_DATETIME, 1},
+          past_usage = {KM_TAG_USAGE_EXPIRE_DATETIME, 1};
+  const Ps gcm = kGcmMode + mac128;
+  const auto rsa = [&](uint32_t purpose, uint64_t size) {
+    return Key(KM_ALGORITHM_RSA, purpose, With(kRsa, {KM_TAG_KEY_SIZE, size}) + pss + kSha256);
+  };
   const struct {
     Ps key;
     uint32_t purpose;
@@ -94,23 +148,55 @@ TEST_F(TaTest, RefusesUsesThatTheKeyDoesNotAllow) {
       {kAes, 99, kEcb, KM_ERROR_UNSUPPORTED_PURPOSE},
       {kAes, kDecrypt, kEcb, KM_ERROR_INCOMPATIBLE_PURPOSE},
       {kAes, kEncrypt, {}, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
-      {kAes, kEncrypt, With(kEcb, {KM_TAG_PADDING, 64}), KM_ERROR_INCOMPATIBLE_PADDING_MODE},
+      {kAes, kEncrypt, kEcb + ctr, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
+      {kAes, kEncrypt, With(kEcb, ctr), KM_ERROR_INCOMPATIBLE_BLOCK_MODE},
+      {kAes, kEncrypt, With(kEcb, pkcs7), KM_ERROR_INCOMPATIBLE_PADDING_MODE},
+      {kAes + ctr + pkcs7, kEncrypt, {ctr, pkcs7}, KM_ERROR_INCOMPATIBLE_PADDING_MODE},
       {kGcm, kEncrypt, kGcmMode + kMac104, KM_ERROR_OK},
       {kGcm, kEncrypt, kGcmMode, KM_ERROR_MISSING_MAC_LENGTH},
       {kGcm, kEncrypt, kGcmMode + P(KM_TAG_MAC_LENGTH, 96), KM_ERROR_INVALID_MAC_LENGTH},
       {kGcm, kEncrypt, kGcmMode + P(KM_TAG_MAC_LENGTH, 136), KM_ERROR_UNSUPPORTED_MAC_LENGTH},
-      {kGcm + P(KM_TAG_CALLER_NONCE, 1), kEncrypt, long_nonce, KM_ERROR_INVALID_NONCE},
-      {kGcm + P(KM_TAG_PURPOSE, 1), kDecrypt, kGcmMode + mac128, KM_ERROR_MISSING_NONCE},
+      {kGcm, kEncrypt, gcm + P(KM_TAG_NONCE, Str(12, 'n')), KM_ERROR_CALLER_NONCE_PROHIBITED},
+      {kGcm + P(KM_TAG_CALLER_NONCE, 1), kEncrypt, gcm + P(KM_TAG_NONCE, Str(13, 'n')),
+       KM_ERROR_INVALID_NONCE},
+      {kGcm + decrypts, kDecrypt, gcm, KM_ERROR_MISSING_NONCE},
+      {kGcm + pkcs7, kEncrypt, With(gcm, pkcs7), KM_ERROR_INCOMPATIBLE_PADDING_MODE},
       {kHmac, kSign, {}, KM_ERROR_MISSING_MAC_LENGTH},
+      {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 120}}, KM_ERROR_INVALID_MAC_LENGTH},
+      {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 129}}, KM_ERROR_UNSUPPORTED_MAC_LENGTH},
+      {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 256}}, KM_ERROR_OK},
       {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 264}}, KM_ERROR_UNSUPPORTED_MAC_LENGTH},
+      {kEc, kEncrypt, {}, KM_ERROR_UNSUPPORTED_PURPOSE},
       {kEc, kSign, {}, KM_ERROR_UNSUPPORTED_DIGEST},
-      {kEc, kSign, {{KM_TAG_DIGEST, KM_DIGEST_NONE}}, KM_ERROR_INCOMPATIBLE_DIGEST},
+      {kEc, kSign, {no_digest}, KM_ERROR_INCOMPATIBLE_DIGEST},
       {kRsaSign, kSign, {kSha1, kNoPadding}, KM_ERROR_INCOMPATIBLE_DIGEST},
-      {kRsaSign, kSign, {{KM_TAG_DIGEST, 5}, kPkcs1}, KM_ERROR_INCOMPATIBLE_DIGEST},
+      {kRsaSign, kSign, {kSha1, oaep}, KM_ERROR_UNSUPPORTED_PADDING_MODE},
+      {rsa(kSign, 616), kSign, {sha384, kPkcs1}, KM_ERROR_INCOMPATIBLE_DIGEST},
+      {rsa(kSign, 624), kSign, {sha384, kPkcs1}, KM_ERROR_OK},
+      {rsa(kSign, 520), kSign, {kSha256, pss}, KM_ERROR_INCOMPATIBLE_DIGEST},
+      {rsa(kSign, 528), kSign, {kSha256, pss}, KM_ERROR_OK},
+      {rsa(kSign, 528), kSign, {no_digest, pss}, KM_ERROR_INCOMPATIBLE_DIGEST},
+      {rsa(kDecrypt, 520), kDecrypt, {kSha256, oaep}, KM_ERROR_INCOMPATIBLE_DIGEST},
+      {rsa(kDecrypt, 528), kDecrypt, {kSha256, oaep}, KM_ERROR_OK},
+      {rsa(kDecrypt, 528), kDecrypt, {no_digest, oaep}, KM_ERROR_INCOMPATIBLE_DIGEST},
+      {rsa(kDecrypt, 528), kDecrypt, {kPkcs1}, KM_ERROR_UNSUPPORTED_PADDING_MODE},
       {kRsaWrap, kDecrypt, kOaep, KM_ERROR_OK},
       {kRsaWrap, kDecrypt, {kNoPadding}, KM_ERROR_INCOMPATIBLE_PURPOSE},
-      {kAes + P(KM_TAG_USAGE_EXPIRE_DATETIME, 1), kEncrypt, kEcb, KM_ERROR_OK},
+      {kRsaWrap, kEncrypt, kOaep, KM_ERROR_INCOMPATIBLE_PURPOSE},
+      {kAes + past_origination, kEncrypt, kEcb, KM_ERROR_KEY_EXPIRED},
+      {kAes + past_usage, kEncrypt, kEcb, KM_ERROR_OK},
+      {kAes + decrypts + past_origination, kDecrypt, kEcb, KM_ERROR_OK},
+      {kAes + decrypts + past_usage, kDecrypt, kEcb, KM_ERROR_KEY_EXPIRED},
+      {kHmac + past_origination, kSign, {mac128}, KM_ERROR_KEY_EXPIRED},
+      {kAes + P(KM_TAG_ORIGINATION_EXPIRE_DATETIME, kFuture), kEncrypt, kEcb, KM_ERROR_OK},
+      {kAes + P(KM_TAG_ACTIVE_DATETIME, kFuture), kEncrypt, kEcb, KM_ERROR_KEY_NOT_YET_VALID},
+      {kAes + P(KM_TAG_ACTIVE_DATETIME, 1), kEncrypt, kEcb, KM_ERROR_OK},
       {kAes + P(KM_TAG_BOOTLOADER_ONLY, 1), kEncrypt, kEcb, KM_ERROR_INVALID_KEY_BLOB},
+      {kAes + P(KM_TAG_STORAGE_KEY, 1), kEncrypt, kEcb, KM_ERROR_STORAGE_KEY_UNSUPPORTED},
+      {kAes + P(KM_TAG_TRUSTED_USER_PRESENCE_REQUIRED, 1), kEncrypt, kEcb,
+       KM_ERROR_PROOF_OF_PRESENCE_REQUIRED},
+      {kAes + P(KM_TAG_TRUSTED_CONFIRMATION_REQUIRED, 1), kEncrypt, kEcb,
+       KM_ERROR_NO_USER_CONFIRMATION},
       {kAes + P(KM_TAG_MAX_USES_PER_BOOT, 0), kEncrypt, kEcb, KM_ERROR_KEY_MAX_OPS_EXCEEDED},
       // Anybody may check a signature.
       {kEc + user + P(KM_TAG_PURPOSE, kVerify) + P(KM_TAG_AUTH_TIMEOUT, 60) +
@@ -123,20 +209,121 @@ TEST_F(TaTest, RefusesUsesThatTheKeyDoesNotAllow) {
     ASSERT_EQ(ta.Generate(row.key), 0u) << &row - rows;
     EXPECT_EQ(ta.TryBegin(row.purpose, row.params), Km(row.error)) << &row - rows;
   }
-  // Uses are counted across sessions.
+}
+
+TEST_F(TaTest, LimitsTheRateOfUsesAcrossSessions) {
   ASSERT_EQ(ta.Generate(kAes + P(KM_TAG_MIN_SECONDS_BETWEEN_OPS, 3600)), 0u);
-  EXPECT_EQ(ta.Operate(kEncrypt, kEcb, Str(16, 'p'), 16), 0u);
+  EXPECT_EQ(ta.TryBegin(kEncrypt, kEcb), 0u);
   Ta other;
   other.blob = ta.blob;
   EXPECT_EQ(other.Begin(kEncrypt, kEcb), Km(KM_ERROR_KEY_RATE_LIMIT_EXCEEDED));
   ASSERT_EQ(ta.Generate(kAes + P(KM_TAG_MIN_SECONDS_BETWEEN_OPS, 1)), 0u);
   const uint64_t before = ta::MillisSinceBoot();
-  EXPECT_EQ(ta.Operate(kEncrypt, kEcb, Str(16, 'p'), 16), 0u);
-  while (ta.Begin(kEncrypt, kEcb) != 0) {
+  EXPECT_EQ(ta.TryBegin(kEncrypt, kEcb), 0u);
+  while (ta.TryBegin(kEncrypt, kEcb) != 0) {
     usleep(1000);
   }
   EXPECT_GE(ta::MillisSinceBoot() - before, 1000u);
-  EXPECT_EQ(ta.Run(kCmdAbort, In(Le(ta.handle, 8))), 0u);
+}
+
+TEST_F(TaTest, TakesAssociatedDataBeforeTheMessageOnly) {
+  // From Python's cryptography: key, nonce and message of one letter each, "abcd" along with them.
+  const Str sealed = Hex(
+      "036d708fee0420bf38eddd0c0d808c2d1fbb8262629aa28bb5906cc6545c3b49483230e30570b43da82ff22e025e"
+      "fd4b20c2ef48184c99ca");
+  const struct {
+    const char* with[4];  // each chunk, of 0, 20, 20 and 0 bytes, the last with the finish
+    keymaster_error_t error;
+  } rows[] = {
+      {{"abcd", nullptr, nullptr, nullptr}, KM_ERROR_OK},
+      {{nullptr, "abcd", nullptr, nullptr}, KM_ERROR_OK},
+      {{"ab", "cd", nullptr, nullptr}, KM_ERROR_OK},
+      {{nullptr, "abcd", "abcd", "abcd"}, KM_ERROR_OK},
+      {{"ab", "cd", "cd", nullptr}, KM_ERROR_OK},
+      {{nullptr, "abcd", "abce", nullptr}, KM_ERROR_INVALID_TAG},
+      {{nullptr, "abcd", "abcd", ""}, KM_ERROR_INVALID_TAG},
+      {{nullptr, nullptr, "abcd", nullptr}, KM_ERROR_INVALID_TAG},
+      {{"abcd", nullptr, nullptr, "ab"}, KM_ERROR_INVALID_TAG},
+  };
+  ASSERT_EQ(ta.Import(kGcm + P(KM_TAG_CALLER_NONCE, 1), Str(16, 'g')), 0u);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    const Ps begin = kGcmMode + P(KM_TAG_MAC_LENGTH, 128) + P(KM_TAG_NONCE, Str(12, 'n'));
+    ASSERT_EQ(ta.Begin(kEncrypt, begin), 0u);
+    ta.output.clear();
+    uint32_t result = 0;
+    for (int i = 0; result == 0 && i < 4; ++i) {
+      const Ps with = row.with[i] == nullptr ? Ps() : Ps{{KM_TAG_ASSOCIATED_DATA, row.with[i]}};
+      const Str chunk(i == 1 || i == 2 ? 20 : 0, 'm');
+      result = i == 3 ? ta.Finish({}, {}, with) : ta.Update(chunk, with);
+    }
+    EXPECT_EQ(result, Km(row.error));
+    EXPECT_EQ(row.error == KM_ERROR_OK ? ta.output : sealed, sealed);
+    EXPECT_EQ(ta.Finish(), Km(KM_ERROR_INVALID_OPERATION_HANDLE));
+  }
+  // No other operation has any.
+  ASSERT_EQ(ta.Generate(kAes), 0u);
+  ASSERT_EQ(ta.Begin(kEncrypt, kEcb), 0u);
+  EXPECT_EQ(ta.Update("", {{KM_TAG_ASSOCIATED_DATA, "abcd"}}), Km(KM_ERROR_INVALID_TAG));
+}
+
+TEST_F(TaTest, RemembersASessionsLastFailure) {
+  const auto record = [](Ta* session) {
+    EXPECT_EQ(session->Run(kCmdGetErrorRecord, Out(1024)), 0u);
+    return session->slots[0].out;
+  };
+  EXPECT_EQ(record(&ta), Str(12, 0));
+  Str lines;
+  for (const auto& [description, error] :
+       {std::pair{Ps(), KM_ERROR_UNSUPPORTED_ALGORITHM},
+        {With(kAes, {KM_TAG_PURPOSE, kSign}), KM_ERROR_UNSUPPORTED_PURPOSE}}) {
+    EXPECT_EQ(ta.Generate(description), Km(error));
+    const Str kept = record(&ta);
+    lines += kept.substr(4, 4);
+    const Str function = "CheckKeyDescription";
+    EXPECT_EQ(kept, Le(Km(error), 4) + kept.substr(4, 4) + Le(function.size(), 4) + function);
+    ASSERT_EQ(ta.Generate(kAes), 0u);
+    EXPECT_EQ(record(&ta), kept);
+  }
+  EXPECT_LT(UnLe(lines, 0, 4), UnLe(lines, 4, 4));
+  Ta other;
+  EXPECT_EQ(record(&other), Str(12, 0));
+  EXPECT_EQ(other.Run(kCmdGetErrorRecord, Out(11)), TEEC_ERROR_SHORT_BUFFER);
+}
+
+TEST_F(TaTest, IsNoFirstSessionOfItsOwn) {
+  for (const uint32_t type : {TEEC_VALUE_OUTPUT, TEEC_VALUE_INOUT, TEEC_VALUE_INPUT}) {
+    TaParam params[4];
+    params[0].a = 5;
+    void* session = nullptr;
+    EXPECT_EQ(kKeymasterTrustedApp.open_session(kKeymasterLoginMethod, type, params, &session), 0u);
+    EXPECT_EQ(params[0].a, type == TEEC_VALUE_INPUT ? 5u : 0u);
+    kKeymasterTrustedApp.close_session(session);
+  }
+}
+
+TEST_F(TaTest, ReadsWhatEarlierVersionsLeft) {
+  // A blob of AES key 00 to 0f for application "app", of id "iiii..", sealed under a device key
+  // "kkkk.." by Python's cryptography; and what the key makes of a block.
+  ta.blob = Hex(
+      "016e6e6e6e6e6e6e6e6e6e6e6ef1e84d0aae1fb8043a259398e5322478dc41aece6d9e017d33983b4a6216916775"
+      "a3a3b4bb436b38107c30b173e8ad17bd9f41d6a689b9e40585e6f0a814c20b9b932b9a32b701726eb2872bd3fd9b"
+      "8de856765229ba2f68ab7167e83a602e6e524632b879e9f2a19c2edb813506123ead6033b0175004a028be465ec0"
+      "2685d4305a2d8fdef3fc30c91b66c00447a69de1bb1e7bcbc123645d358d1984886356a598d8c3caec3c7c8b29a7"
+      "0af0130a58dbe80fca7a6c65e14934479e9772c27f09de1d7286d2866fb059b7915d47d0abf08b8d9a29324a24d4"
+      "e7ec72");
+  const auto write = [this](const Str& name, const Str& content) {
+    std::ofstream(ta.folder + "/" + name) << content;
+  };
+  write("device_key", Str(32, 'k'));
+  write("hmac_sharing_seed", Str(32, 's'));
+  const Ps app = kEcb + P(KM_TAG_APPLICATION_ID, "app");
+  EXPECT_EQ(ta.Operate(kEncrypt, app, Str(16, 'p'), 16), 0u);
+  EXPECT_EQ(ta.output, Hex("4cd8ba79a9f1e320aa59c44334601a71"));
+  EXPECT_EQ(ta.Run(kCmdGetHmacSharingParameters, Out(32), Out(32)), 0u);
+  EXPECT_EQ(ta.slots[0].out, Str(32, 's'));
+  write("deleted_" + Str("69696969696969696969696969696969"), "");
+  EXPECT_EQ(ta.Begin(kEncrypt, app), Km(KM_ERROR_INVALID_KEY_BLOB));
 }
 
 P Token(uint64_t challenge, uint64_t user) {
@@ -165,9 +352,9 @@ TEST_F(TaTest, WantsTheUsersTokenForEachOperation) {
 }
 
 TEST_F(TaTest, BlobsOpenForTheirOwnersOnly) {
-  const P id = {KM_TAG_APPLICATION_ID, "app"};
+  const P id = {KM_TAG_APPLICATION_ID, "app"}, resists = {KM_TAG_ROLLBACK_RESISTANCE, 0x102};
   const Ps owner = {id, {KM_TAG_APPLICATION_DATA, "data"}};
-  ASSERT_EQ(ta.Generate(kAes + owner + P(KM_TAG_USER_ID, 5)), 0u);
+  ASSERT_EQ(ta.Generate(kAes + owner + P(KM_TAG_USER_ID, 5) + resists), 0u);
   const auto open = [this](const Str& blob, const Ps& who) {
     return ta.Run(kCmdGetKeyCharacteristics, In(blob), In(Wire(who)), Out(4096));
   };
@@ -180,6 +367,7 @@ TEST_F(TaTest, BlobsOpenForTheirOwnersOnly) {
   EXPECT_LT(find(KM_TAG_ORIGIN, KM_ORIGIN_GENERATED), software);
   EXPECT_LT(find(KM_TAG_OS_PATCHLEVEL, kPatchlevel), software);
   EXPECT_LT(find(KM_TAG_KEY_SIZE, 128), software);
+  EXPECT_LT(find(KM_TAG_ROLLBACK_RESISTANCE, 1), software);  // a boolean is 0 or 1
   EXPECT_TRUE(find(KM_TAG_USER_ID, 5) > software && find(KM_TAG_USER_ID, 5) != Str::npos);
   EXPECT_EQ(lists.find("app"), Str::npos);
   const Ps strangers[] = {{},
@@ -264,7 +452,9 @@ TEST_F(TaTest, SurvivesRequestsCutShortAndTypesOfAnyKind) {
         ta.Run(kCmdFinish, {}, In(finish.substr(0, size)), InOut(Le(ta.handle, 8)), Out(4096)),
         size == finish.size() ? 0u : Km(KM_ERROR_INVALID_ARGUMENT));
   }
-  for (const uint32_t command : {2u, 3u, 4u, 5u, 7u, 8u, 9u, 10u, 11u, 31u}) {
+  for (const uint32_t command :
+       {kCmdGenerateKey, kCmdGetKeyCharacteristics, kCmdImportKey, kCmdExportKey, kCmdAttestKey,
+        kCmdUpgrade, kCmdBegin, kCmdUpdate, kCmdFinish, kCmdAbort, kCmdDeleteKey}) {
     for (uint32_t types = 0; types < 0x8000; ++types) {
       TaParam params[4];
       EXPECT_NE(kKeymasterTrustedApp.invoke(ta.session, command, types, params), 0u);
@@ -282,7 +472,7 @@ TEST_F(TaTest, SurvivesRequestsCutShortAndTypesOfAnyKind) {
   };
   EXPECT_EQ(update(), 0u);
   EXPECT_EQ(update(), Km(KM_ERROR_INSUFFICIENT_BUFFER_SPACE));
-  EXPECT_EQ(ta.Run(12), TEEC_ERROR_NOT_SUPPORTED);
+  EXPECT_EQ(ta.Run(kCmdAbort + 1), TEEC_ERROR_NOT_SUPPORTED);
   EXPECT_EQ(ta.Run(kCmdGenerateKey, In(request), {}, Out(20), {}), TEEC_ERROR_SHORT_BUFFER);
 }
 

@@ -273,6 +273,17 @@ TEST(Attestation, DescribesTheKeyInAChainThatVerifies) {
     ASSERT_EQ(instance.Attest(row.key, {kChallenge, kApp, row.id}, 8192), 0u);
     const std::vector<ta::X509Ptr> chain = ParseChain(instance.slots[2].out);
     EXPECT_EQ(VerifyChain(chain), X509_V_OK);
+    const char* const names[] = {"Android Keystore Key", "Keymaster Host Attestation Intermediate",
+                                 "Keymaster Host Attestation Root"};
+    for (size_t i = 0; i < 3; ++i) {
+      char name[64];
+      X509_NAME_oneline(X509_get_subject_name(chain[i].get()), name, sizeof(name));
+      EXPECT_EQ(name, Str("/CN=") + names[i]);
+      EXPECT_EQ(X509_check_ca(chain[i].get()) == 1, i > 0);
+      EXPECT_EQ(ASN1_INTEGER_get(X509_get_serialNumber(chain[i].get())), i == 1 ? 2 : 1);
+      EXPECT_EQ(X509_get_version(chain[i].get()), X509_VERSION_3);
+    }
+    EXPECT_EQ(X509_get_pathlen(chain[1].get()), 0);
     X509* const leaf = chain[0].get();
     EXPECT_EQ(X509_get_key_usage(leaf), row.usage);
     for (const auto& [field, time] : {std::pair{X509_get0_notBefore(leaf), row.not_before},
@@ -314,7 +325,10 @@ TEST(Attestation, CarriesAUniqueIdForAnApplicationAndThirtyDays) {
 
 TEST(Attestation, RefusesWhatItCannotSay) {
   Keymaster instance;
-  const P long_one = {KM_TAG_ATTESTATION_CHALLENGE, Str(129, 'c')},
+  const P longest = {KM_TAG_ATTESTATION_CHALLENGE, Str(128, 'c')},
+          long_one = {KM_TAG_ATTESTATION_CHALLENGE, Str(129, 'c')},
+          longest_app = {KM_TAG_ATTESTATION_APPLICATION_ID, Str(1024, 'a')},
+          long_app = {KM_TAG_ATTESTATION_APPLICATION_ID, Str(1025, 'a')},
           brand = {KM_TAG_ATTESTATION_ID_BRAND, "hosts"}, imei = {KM_TAG_ATTESTATION_ID_IMEI, ""};
   const struct {
     Ps key, request;
@@ -322,7 +336,10 @@ TEST(Attestation, RefusesWhatItCannotSay) {
   } rows[] = {
       {kEc, {kApp}, Km(KM_ERROR_ATTESTATION_CHALLENGE_MISSING)},
       {kEc, {kChallenge}, Km(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING)},
+      {kEc, {kApp, longest}, kShort},
       {kEc, {kApp, long_one}, Km(KM_ERROR_INVALID_INPUT_LENGTH)},
+      {kEc, {longest_app, kChallenge}, kShort},
+      {kEc, {long_app, kChallenge}, Km(KM_ERROR_INVALID_INPUT_LENGTH)},
       {kEc, {kChallenge, kApp, brand}, Km(KM_ERROR_CANNOT_ATTEST_IDS)},
       {kEc, {kChallenge, kApp, imei}, Km(KM_ERROR_CANNOT_ATTEST_IDS)},
       {kEc, {kChallenge, kApp}, kShort},
