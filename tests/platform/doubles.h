@@ -64,7 +64,8 @@ struct SeenParam {
 struct Invocation {
   uint32_t command = 0, param_types = 0;
   SeenParam params[4];
-  size_t session = 0;  // which open it ran on, from 0
+  size_t session = 0;                         // which open it ran on, from 0
+  const TEEC_Operation* operation = nullptr;  // itself, while a handler runs
 };
 
 struct Opened {

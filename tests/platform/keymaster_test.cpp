@@ -76,14 +76,16 @@ Lines Events() {
 
 std::string Describe(const keymaster_key_param_set_t& set) {
   std::string out;
-  for (const keymaster_key_param_t* p = set.params; p != set.params + set.length; ++p) {
-    const uint32_t tag = static_cast<uint32_t>(p->tag);
-    const uint32_t type = tag >> 28;
+  for (size_t i = 0; i < set.length; ++i) {
+    const keymaster_key_param_t& param = set.params[i];
+    const auto tag = static_cast<uint32_t>(param.tag);
     out += (out.empty() ? "" : " ") + Hex(tag) + (IsByteValued(tag) ? ":" : "=");
-    if (IsByteValued(tag)) {
-      for (const uint8_t byte : BlobBytes(p->blob)) out += Hex(byte, 2);
-    } else {
-      out += Hex(type >= 1 && type <= 4 ? p->integer : type == 7 ? p->boolean : p->long_integer);
+    if (!IsByteValued(tag)) {
+      out += Hex(NumberOf(param));
+      continue;
+    }
+    for (const uint8_t byte : BlobBytes(param.blob)) {
+      out += Hex(byte, 2);
     }
   }
   return out;

@@ -39,12 +39,25 @@ inline Pkey NewKey(int type, int rsa_bits = 0) {
 }
 inline Pkey NewRsaKey(int bits) { return NewKey(EVP_PKEY_RSA, bits); }
 
+// ReadPkcs8 decodes a PrivateKeyInfo.
+inline Pkey ReadPkcs8(const Bytes& der) {
+  const uint8_t* at = der.data();
+  const std::unique_ptr<PKCS8_PRIV_KEY_INFO, void (*)(PKCS8_PRIV_KEY_INFO*)> info(
+      d2i_PKCS8_PRIV_KEY_INFO(nullptr, &at, static_cast<long>(der.size())),
+      PKCS8_PRIV_KEY_INFO_free);
+  return Pkey(EVP_PKCS82PKEY(info.get()));
+}
+
 // NewEcKey is null for a curve that libcrypto lacks.
 inline Pkey NewEcKey(int nid) {
   EC_KEY* ec = EC_KEY_new_by_curve_name(nid);
-  if (ec == nullptr) return nullptr;
+  if (ec == nullptr) {
+    return nullptr;
+  }
   Pkey key(EVP_PKEY_new());
-  if (EC_KEY_generate_key(ec) != 1 || EVP_PKEY_set1_EC_KEY(key.get(), ec) != 1) abort();
+  if (EC_KEY_generate_key(ec) != 1 || EVP_PKEY_set1_EC_KEY(key.get(), ec) != 1) {
+    abort();
+  }
   EC_KEY_free(ec);
   return key;
 }

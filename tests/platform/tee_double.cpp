@@ -149,13 +149,14 @@ void TEEC_CloseSession(TEEC_Session* session) {
 
 TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t command, TEEC_Operation* operation,
                                uint32_t* return_origin) {
-  Invocation invocation{command, operation->paramTypes, {}, 0};
+  Invocation invocation{command, operation->paramTypes, {}, 0, operation};
   for (unsigned i = 0; i < 4; ++i) invocation.params[i] = See(*operation, i);
   {
     const auto lock = Note("invoke " + std::to_string(command));
     ExpectClean(*operation);
     invocation.session = SessionIndex(session);
     platform().invocations.push_back(invocation);
+    platform().invocations.back().operation = nullptr;
   }
   const Reply reply = TakeFault(Call::kInvoke) ? Reply::Fail(kInjectedTeeError, TEEC_ORIGIN_COMMS)
                                                : NextReply(invocation);

@@ -6,7 +6,7 @@
 #include <map>
 #include <sstream>
 
-#include "tests/sweep/requests.h"
+#include "tests/sweep/scenario.h"
 
 namespace test {
 namespace {

@@ -43,13 +43,14 @@ constexpr char kInfallible[] =
 // What would escape the count of allocations.
 constexpr char kUnwanted[] =
     "calloc realloc strdup strndup aligned_alloc posix_memalign _Znwm _Znam";
-constexpr size_t kCryptoCount = 19, kGenerateRsa = 0;
+constexpr size_t kCryptoCount = 19, kGenerateRsa = 0, kNoCrypto = SIZE_MAX;
 constexpr size_t kPiece = 16;
 
 Word g_real[kCryptoCount];
 std::atomic<int> g_crypto_calls{0};
 int g_fail_at = 0;
 bool g_fail_later = false;
+size_t g_failed_crypto = kNoCrypto;
 
 std::mutex g_mutex;
 std::map<const void*, size_t> g_live;
@@ -60,7 +61,10 @@ std::atomic<bool> g_watching{false};
 template <size_t kIndex>
 Word CryptoHook(Word a, Word b, Word c, Word d, Word e, Word f) {
   const int now = ++g_crypto_calls;
-  if (now == g_fail_at || (g_fail_later && now > g_fail_at)) return 0;
+  if (now == g_fail_at || (g_fail_later && now > g_fail_at)) {
+    g_failed_crypto = g_failed_crypto == kNoCrypto ? kIndex : g_failed_crypto;
+    return 0;
+  }
   const auto real = reinterpret_cast<Word (*)(Word, Word, Word, Word, Word, Word)>(g_real[kIndex]);
   const Word result = real(a, b, c, d, e, f);
   if (kIndex != kGenerateRsa || !g_watching) return result;
@@ -162,6 +166,16 @@ void FailCrypto(int nth, bool and_later) {
   g_crypto_calls = 0;
   g_fail_at = nth;
   g_fail_later = and_later;
+  g_failed_crypto = kNoCrypto;
+}
+
+std::string FailedCrypto() {
+  std::istringstream names(kCrypto);
+  std::string name;
+  for (size_t i = 0; g_failed_crypto != kNoCrypto && i <= g_failed_crypto; ++i) {
+    names >> name;
+  }
+  return name.compare(0, 2, "_Z") == 0 ? "dup_buffer" : name;
 }
 
 int CryptoCount() { return g_crypto_calls; }

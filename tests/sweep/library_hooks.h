@@ -19,6 +19,8 @@ void HookLibrary();
 // As FailCall and CallCount, for all calls into libcrypto that can fail, as they come.
 void FailCrypto(int nth, bool and_later);
 int CryptoCount();
+// FailedCrypto is the name of the first that failed since the last FailCrypto.
+std::string FailedCrypto();
 
 // LiveBlocks is how many blocks the library allocated that neither it nor ReleaseOutput freed.
 size_t LiveBlocks();

@@ -1,7 +1,7 @@
 // Sweeps over every request: each call that can fail fails in turn, the TA fails, the TA's replies
-// come cut, bent and with lying lengths. Whatever happens, the result is one that the request may
-// have, its outputs are in order, nothing leaks, no secret is left behind, and the next request
-// is served.
+// come truncated, corrupted and with lying lengths. Whatever happens, the result and the messages
+// are among those that the request documents, its outputs are as its contract says, nothing leaks,
+// no secret is left behind, and the next request is served.
 #include <gtest/gtest.h>
 #include <keymaster_tivas_context.h>
 #include <keymaster_ts.h>
@@ -10,12 +10,24 @@
 #include <iostream>
 
 #include "tests/platform/keymaster_test.h"
+#include "tests/requests/commands.h"
+#include "tests/requests/contract.h"
 #include "tests/sweep/failures.h"
 #include "tests/sweep/library_hooks.h"
-#include "tests/sweep/requests.h"
+#include "tests/sweep/scenario.h"
 #include "wire/little_endian.h"
 
 namespace test {
+
+inline void PrintTo(const Request& request, std::ostream* out) { *out << request.name; }
+
+inline void PrintTo(const Outcome& outcome, std::ostream* out) {
+  *out << outcome.result;
+  for (int i = 0; i < kOutputs; ++i) {
+    *out << " " << kOutputNames[i] << "=" << int{outcome.observed.states[i]};
+  }
+}
+
 namespace {
 
 // A call that can be made to fail.
@@ -27,9 +39,9 @@ struct FailingCall {
 
 const std::vector<FailingCall>& FailingCalls() {
   // In the order of Call.
-  static constexpr const char* kKinds[] = {"malloc", "memcpy_s", "memset_s", "init",
-                                           "open",   "invoke",   "event",    "event",
-                                           "event",  "event",    "event"};
+  static constexpr const char* kKinds[] = {"malloc",     "memcpy_s",  "memset_s",     "init",
+                                           "open",       "invoke",    "create_event", "set_integer",
+                                           "set_string", "set_param", "send_event"};
   static_assert(std::size(kKinds) == static_cast<size_t>(Call::kEnd));
   static const std::vector<FailingCall> calls = [] {
     std::vector<FailingCall> all = {{"crypto", FailCrypto, CryptoCount}};
@@ -49,11 +61,13 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
     HookLibrary();
     KeymasterTest::SetUp();
     InstallTa();
-    for (const auto& [label, secret] : fixture().secrets) WatchFor(label, secret);
+    for (const auto& [label, secret] : fixture().secrets) {
+      WatchFor(label, secret);
+    }
     ta() = TaScript();
     baseline_ = RunTidily();
     baseline_log_ = log_;
-    ASSERT_EQ("0", baseline_['r']);
+    ASSERT_EQ(0, baseline_.result);
   }
   void TearDown() override {
     ForgetSecrets();
@@ -61,57 +75,68 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
     EXPECT_EQ(0u, LiveBlocks());
   }
 
-  State RunTidily() {
-    const State state = Perform(GetParam());
+  Outcome RunTidily() {
+    const Outcome outcome = Perform(GetParam());
     EXPECT_EQ(Lines(), platform().problems);
-    for (const Opened& opened : platform().opens) EXPECT_FALSE(opened.open);
-    for (const Bracket& bracket : platform().brackets) EXPECT_TRUE(bracket.ended) << bracket.label;
-    for (const Event& event : platform().events) EXPECT_TRUE(event.destroyed) << event.params;
+    for (const Opened& opened : platform().opens) {
+      EXPECT_FALSE(opened.open);
+    }
+    for (const Bracket& bracket : platform().brackets) {
+      EXPECT_TRUE(bracket.ended) << bracket.label;
+    }
+    for (const Event& event : platform().events) {
+      EXPECT_TRUE(event.destroyed) << event.params;
+    }
     // The library keeps nothing but its TEE context.
     EXPECT_EQ(platform().live_contexts, LiveBlocks()) << "leaked";
     EXPECT_EQ(Lines(), Unwiped()) << "freed with a secret in it";
     log_ = LoggedFormats();
     platform().ClearRecords();
-    return state;
+    return outcome;
   }
 
   void ExpectServesNext() {
     // Only a failed replacement of the context may leave none.
-    if (platform().live_contexts == 0 && GetParam().name == "Initialize") {
+    if (platform().live_contexts == 0 && GetParam().name == std::string("Initialize")) {
       EXPECT_EQ(0u, Ts_Initcontext());
     }
     EXPECT_EQ(baseline_, RunTidily());
   }
 
-  void ExpectOutcome(const State& result, const Kinds& kinds) {
-    const int32_t code = std::stoi(result.at('r'));
-    if (code != 0 || kinds.count("reply") == 0) {
+  // The column of the contract that the last run belongs to.
+  States Contract::*FailureOf(int32_t result) {
+    const size_t needed = GetParam().commands.size();
+    const auto& answers = ta().answers;
+    if (result == 0) {
+      return &Contract::success;
+    }
+    if (result == static_cast<int32_t>(kTaError) ||
+        result == static_cast<int32_t>(kInjectedTeeError)) {
+      return &Contract::tee;
+    }
+    if (answers.size() < needed || (needed > 0 && answers[needed - 1].result != 0)) {
+      return &Contract::preparing;
+    }
+    if (ta().corrupted < 0) {
+      return &Contract::copying;
+    }
+    const bool first = corrupted_param_ == answers[needed - 1].written.begin()->first;
+    return first ? &Contract::first_reply : &Contract::second_reply;
+  }
+
+  void ExpectOutcome(const Outcome& outcome, const Kinds& kinds) {
+    if (outcome.result != 0 || kinds.count("reply") == 0) {
       // What follows where the log leaves that of the request when all is well.
       const auto from =
           std::mismatch(log_.begin(), log_.end(), baseline_log_.begin(), baseline_log_.end()).first;
-      EXPECT_EQ("", Documented(GetParam().name, kinds, code, Lines(from, log_.end())));
+      EXPECT_EQ("", Documented(GetParam().name, kinds, outcome.result, Lines(from, log_.end())));
     }
-    const std::string& left = GetParam().left;
-    for (const auto& [letter, state] : result) {
-      EXPECT_EQ(std::string::npos, state.find('x')) << "output " << letter << ": " << state;
-      if (letter == 'r') continue;
-      // An empty reply to an upgrade means that none is needed.
-      if (code == 0 && GetParam().name != "UpgradeKey") {
-        EXPECT_EQ(baseline_.at(letter) == "u", state == "u")
-            << "output " << letter << ": " << state;
-      }
-      if (code == 0) continue;
-      const size_t at = left.find(std::string{letter, ':'});
-      std::string allowed =
-          at == std::string::npos ? "u" : left.substr(at + 2, left.find(' ', at) - at - 2);
-      // What the TEE refuses comes back before anything was made of a reply; only operations clear
-      // their outputs before they ask.
-      const bool refused =
-          code == static_cast<int32_t>(kTaError) || code == static_cast<int32_t>(kInjectedTeeError);
-      if (refused && letter != 'p' && letter != 'd') allowed = "u";
-      if (refused && letter == 'p' && allowed != "u") allowed = "e";
-      EXPECT_NE(std::string::npos, allowed.find(state[0]))
-          << "output " << letter << " left as " << state << ", may be " << allowed;
+    for (int i = 0; i < kOutputs; ++i) {
+      const States allowed =
+          Allowed(GetParam().method->name, static_cast<Output>(i), FailureOf(outcome.result));
+      const States state = outcome.observed.states[i];
+      EXPECT_NE(0, state & allowed)
+          << kOutputNames[i] << " left as " << int{state} << ", may be one of " << int{allowed};
     }
   }
 
@@ -122,61 +147,73 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
     for (size_t i = 0; i < 2 * FailingCalls().size(); ++i) {
       const FailingCall& call = FailingCalls()[i / 2];
       const bool and_later = i % 2 != 0;
-      Kinds kinds = also;
-      kinds.insert(call.kind);
-      for (int nth = 1;; ++nth, ++hits) {
-        SCOPED_TRACE(call.kind + " " + std::to_string(nth) + (and_later ? " and later" : ""));
-        call.fail(nth, and_later);
-        const State result = RunTidily();
-        const bool hit = call.count() >= nth;
-        call.fail(0, false);
-        if (!hit) break;
-        ++Counts()[call.kind];
-        ExpectOutcome(result, kinds);
-        const int failing = std::exchange(ta().failing, -1);
-        ExpectServesNext();
-        ta().failing = failing;
-        if (HasFailure()) return hits;
+      for (int nth = 1; FailCallOnce(call, nth, and_later, also); ++nth) {
+        ++hits;
+        if (HasFailure()) {
+          return hits;
+        }
       }
     }
     return hits;
   }
 
-  // Runs once with one of the TA's answers bent.
-  void Bend(size_t answer, const Kinds& kinds, const std::string& how,
-            const std::function<void(Reply*)>& bend) {
-    SCOPED_TRACE(how);
-    ++Counts()["bent reply"];
-    ta().bent = static_cast<int>(answer);
-    ta().bend = bend;
-    ExpectOutcome(RunTidily(), kinds);
-    ta().bent = -1;
+  // Returns false when there is no such call any more.
+  bool FailCallOnce(const FailingCall& call, int nth, bool and_later, Kinds kinds) {
+    SCOPED_TRACE(call.kind + " " + std::to_string(nth) + (and_later ? " and later" : ""));
+    call.fail(nth, and_later);
+    const Outcome outcome = RunTidily();
+    const bool hit = call.count() >= nth;
+    kinds.insert(call.kind == "crypto" ? FailedCrypto() : call.kind);
+    call.fail(0, false);
+    if (!hit) {
+      return false;
+    }
+    ++Counts()[call.kind];
+    ExpectOutcome(outcome, kinds);
+    const int failing = std::exchange(ta().failing, -1);
+    ExpectServesNext();
+    ta().failing = failing;
+    return true;
   }
 
-  void BendAnswer(size_t answer, const Answered& answered, const Kinds& kinds) {
-    for (const auto& [index, bytes] : answered.written) {
-      SCOPED_TRACE("command " + std::to_string(answered.command) + ", params[" +
-                   std::to_string(index) + "]");
-      const auto write = [index = index](const Bytes& changed) {
+  // Runs once with one of the TA's answers corrupted.
+  void Corrupt(size_t answer, const Kinds& kinds, const std::string& how,
+               const std::function<void(Reply*)>& corrupt) {
+    SCOPED_TRACE(how);
+    ++Counts()["corrupted reply"];
+    ta().corrupted = static_cast<int>(answer);
+    ta().corrupt = corrupt;
+    ExpectOutcome(RunTidily(), kinds);
+    ta().corrupted = -1;
+  }
+
+  void CorruptAnswer(size_t answer, const Answered& answered, const Kinds& kinds) {
+    for (const auto& [param, bytes] : answered.written) {
+      SCOPED_TRACE(std::string(FindCommand(answered.command)->name) + ", params[" +
+                   std::to_string(param) + "]");
+      corrupted_param_ = param;
+      const int index = static_cast<int>(param);
+      const auto write = [index](const Bytes& changed) {
         return [=](Reply* reply) { reply->Out(index, changed); };
       };
       const auto full = static_cast<uint32_t>(bytes.size());
       for (uint32_t length = 0; length <= full; ++length) {
-        Bend(answer, kinds, "cut at " + std::to_string(length),
-             write(Bytes(bytes.begin(), bytes.begin() + length)));
+        Corrupt(answer, kinds, "truncated to " + std::to_string(length),
+                write(Bytes(bytes.begin(), bytes.begin() + length)));
       }
       for (size_t at = 0; at + 4 <= full; at += 4) {
         const uint32_t old = km41::GetU32(&bytes[at]);
         for (const uint32_t value :
              {0u, 1u, old - 1, old + 1, full - 1, full + 1, 1u << 31, 0xFFFFFFFFu}) {
           Bytes changed = bytes;
-          for (size_t b = 0; b < 4; ++b) changed[at + b] = static_cast<uint8_t>(value >> (8 * b));
-          Bend(answer, kinds, std::to_string(value) + " at " + std::to_string(at), write(changed));
+          km41::PutU32(&changed[at], value);
+          Corrupt(answer, kinds, std::to_string(value) + " at " + std::to_string(at),
+                  write(changed));
         }
       }
-      for (const uint32_t size : {answered.capacity[index] + 1, 1u << 31, 0xFFFFFFFFu}) {
-        Bend(answer, kinds, "reported length " + std::to_string(size),
-             [index = index, size](Reply* reply) { reply->Size(index, size); });
+      for (const uint32_t size : {answered.capacity[param] + 1, 1u << 31, 0xFFFFFFFFu}) {
+        Corrupt(answer, kinds, "reported length " + std::to_string(size),
+                [index, size](Reply* reply) { reply->Size(index, size); });
       }
     }
   }
@@ -187,9 +224,23 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
     return counts[GetParam().name];
   }
 
-  State baseline_;
+  Outcome baseline_;
   Lines baseline_log_, log_;  // of the baseline and of the last run
+  unsigned corrupted_param_ = 0;
 };
+
+// What each command declares of its parameters is the table's, or nothing for one that is left out.
+TEST_P(Sweep, SendsItsCommands) {
+  Perform(GetParam());
+  EXPECT_EQ(GetParam().commands, Commands());
+  for (const Invocation& invocation : platform().invocations) {
+    const Command& command = *FindCommand(invocation.command);
+    for (unsigned i = 0; i < 4; ++i) {
+      const uint32_t type = TEEC_PARAM_TYPE_GET(invocation.param_types, i);
+      EXPECT_TRUE(type == command.types[i] || type == kNone) << command.name << " " << i;
+    }
+  }
+}
 
 TEST_P(Sweep, EveryCallFails) { EXPECT_LT(0, FailEachCall({})) << "nothing ever failed"; }
 
@@ -200,8 +251,8 @@ TEST_P(Sweep, TheTaFailsAndThenEveryCall) {
     ta().failing = static_cast<int>(i);
     ExpectOutcome(RunTidily(), {"ta"});
     const auto answers = ta().answers;
-    for (size_t bent = i + 1; bent < answers.size(); ++bent) {
-      BendAnswer(bent, answers[bent], {"ta", "reply"});  // the TA's error record
+    for (size_t record = i + 1; record < answers.size(); ++record) {
+      CorruptAnswer(record, answers[record], {"ta", "reply"});  // the TA's error record
     }
     FailEachCall({"ta"});
     ta().failing = -1;
@@ -209,9 +260,11 @@ TEST_P(Sweep, TheTaFailsAndThenEveryCall) {
   }
 }
 
-TEST_P(Sweep, RepliesAreCutBentAndMismeasured) {
+TEST_P(Sweep, EveryReplyIsCorrupted) {
   const auto answers = ta().answers;
-  for (size_t i = 0; i < answers.size(); ++i) BendAnswer(i, answers[i], {"reply"});
+  for (size_t i = 0; i < answers.size(); ++i) {
+    CorruptAnswer(i, answers[i], {"reply"});
+  }
   ExpectServesNext();
 }
 
@@ -219,17 +272,18 @@ TEST_P(Sweep, RepliesAreCutBentAndMismeasured) {
 TEST_F(KeymasterTest, UnreportedOutputIsWiped) {
   HookLibrary();
   keymaster::KeymasterTivasContext km;
-  const Bytes secret = fixture().transit, input(0x80001);
+  const Bytes& secret = fixture().secrets.at("transit key");
+  const Bytes input(0x80001);
   WatchFor("unreported", secret);
   const keymaster_blob_t all = Blob(input), some = {input.data(), 4096};
   keymaster_blob_t output{};
   unsigned long consumed = 0;
-  platform().Queue(9, Reply::Ok().Out(3, Cat({Bytes(16), secret})).Size(3, 0));
-  platform().Queue(9, Reply::Fail(kTaError));
+  platform().Queue(km41::kCmdUpdate, Reply::Ok().Out(3, Cat({Bytes(16), secret})).Size(3, 0));
+  platform().Queue(km41::kCmdUpdate, Reply::Fail(kTaError));
   EXPECT_EQ(static_cast<int32_t>(kTaError),
             km.TivasKmUpdate(7, nullptr, &all, &consumed, nullptr, &output));
-  platform().Queue(9, Reply::Ok().Out(3, Cat({Bytes(16), secret})).Size(3, 1));
-  platform().Queue(10, Reply::Ok());
+  platform().Queue(km41::kCmdUpdate, Reply::Ok().Out(3, Cat({Bytes(16), secret})).Size(3, 1));
+  platform().Queue(km41::kCmdFinish, Reply::Ok());
   EXPECT_EQ(0, km.TivasKmFinishNew(7, nullptr, &some, nullptr, nullptr, &output));
   ReleaseOutput(output.data);
   EXPECT_EQ(Lines(), Unwiped());
@@ -245,12 +299,14 @@ TEST_P(Sweep, WhatIsDocumentedWasSeen) {
   EXPECT_EQ(Lines(), NeverSeen(GetParam().name));
   EXPECT_EQ(Lines(), NeverSeen(kDiagnostics));
   std::cout << GetParam().name << ":";
-  for (const auto& [kind, count] : Counts()) std::cout << " " << kind << " " << count;
+  for (const auto& [kind, count] : Counts()) {
+    std::cout << " " << kind << " " << count;
+  }
   std::cout << "\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(Requests, Sweep, ::testing::ValuesIn(Requests()),
-                         [](const auto& row) { return row.param.name; });
+                         [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace
 }  // namespace test

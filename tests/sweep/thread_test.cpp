@@ -7,7 +7,7 @@
 
 #include "tests/platform/keymaster_test.h"
 #include "tests/sweep/library_hooks.h"
-#include "tests/sweep/requests.h"
+#include "tests/sweep/scenario.h"
 
 namespace test {
 namespace {
@@ -18,12 +18,17 @@ TEST_F(KeymasterTest, ThreadsServeMixedRequests) {
   HookLibrary();
   InstallTa();
   std::vector<const Request*> requests, imports;
-  std::map<const Request*, State> expected;
+  std::map<const Request*, Outcome> expected;
   std::map<const Request*, std::atomic<int>> wrong;
   for (const Request& request : Requests()) {
-    if (request.name == "Initialize") continue;  // it replaces the context
+    const std::string name = request.name;
+    if (name == "Initialize") {
+      continue;  // it replaces the context
+    }
     requests.push_back(&request);
-    if (request.name.compare(0, 6, "Import") == 0) imports.push_back(&request);
+    if (name.compare(0, 6, "Import") == 0) {
+      imports.push_back(&request);
+    }
     expected[&request] = Perform(request);
     wrong[&request] = 0;
   }
@@ -34,12 +39,18 @@ TEST_F(KeymasterTest, ThreadsServeMixedRequests) {
       for (size_t i = 0; i < kRequestsPerThread; ++i) {
         const auto& pool = i % 2 == 0 ? imports : requests;
         const Request* request = pool[(i / 2 + thread) % pool.size()];
-        if (Perform(*request) != expected.at(request)) ++wrong.at(request);
+        if (!(Perform(*request) == expected.at(request))) {
+          ++wrong.at(request);
+        }
       }
     });
   }
-  for (std::thread& thread : threads) thread.join();
-  for (const auto& [request, count] : wrong) EXPECT_EQ(0, count) << request->name;
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  for (const auto& [request, count] : wrong) {
+    EXPECT_EQ(0, count) << request->name;
+  }
   EXPECT_EQ(blocks, LiveBlocks());
   EXPECT_LT(kThreads * kRequestsPerThread, platform().opens.size());
 }

@@ -1,0 +1,55 @@
+#include "tests/sweep/scenario.h"
+
+#include "tests/requests/commands.h"
+#include "tests/sweep/library_hooks.h"
+
+namespace test {
+namespace {
+
+Reply Serve(const Invocation& invocation) {
+  TaScript& script = ta();
+  const int index = static_cast<int>(script.answers.size());
+  const Answer answer = AnswerTo(invocation.command, *invocation.operation);
+  const TEEC_Result result = index == script.failing ? kTaError : answer.result;
+  script.answers.push_back({invocation.command, result, answer.outputs, {}});
+  for (int i = 0; i < 4; ++i) {
+    script.answers.back().capacity[i] = invocation.params[i].size;
+  }
+  Reply reply = Reply::Fail(result);
+  for (const auto& [param, bytes] : answer.outputs) {
+    reply.Out(static_cast<int>(param), bytes);
+  }
+  if (answer.value) {
+    reply.Value(3, answer.value->a, answer.value->b);
+  }
+  if (index == script.corrupted) {
+    script.corrupt(&reply);
+  }
+  return reply;
+}
+
+constexpr Blocks kLibraryBlocks = {IsOutput, ReleaseOutput};
+
+}  // namespace
+
+TaScript& ta() {
+  thread_local TaScript script;
+  return script;
+}
+
+void InstallTa() {
+  for (const Command& command : kCommands) {
+    platform().On(command.id, Serve);
+  }
+}
+
+Outcome Perform(const Request& request) {
+  Outputs outputs;
+  Args args(&outputs);
+  request.Prepare(&args);
+  ta().answers.clear();
+  const int32_t result = request.method->call(args);
+  return {result, Observe(&outputs, kLibraryBlocks)};
+}
+
+}  // namespace test
