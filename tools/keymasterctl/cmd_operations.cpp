@@ -74,17 +74,25 @@ class Begun : public Operation {
 // Runs the input through the operation, the last piece with finish.
 void Stream(Operation* operation, Input* input, const Bytes* signature, Output* output) {
   Progress progress(input->size());
-  Bytes piece = input->Read(kPiece);
-  while (true) {
-    Bytes next = input->Read(kPiece);
-    const bool last = next.empty();
-    Bytes result = last ? operation->Finish(piece, signature) : operation->Update(piece);
-    if (output != nullptr) output->Write(result);
-    OPENSSL_cleanse(result.data(), result.size());
+  Bytes piece;
+  Bytes next;
+  input->Read(kPiece, &piece);
+  bool last = false;
+  while (!last) {
+    input->Read(kPiece, &next);
+    last = next.empty();
+    OwnedBlob result;
+    if (last) {
+      operation->Finish(piece, signature, &result);
+    } else {
+      operation->Update(piece, &result);
+    }
+    if (output != nullptr) {
+      output->Write(result.data, result.data_length);
+    }
     OPENSSL_cleanse(piece.data(), piece.size());
     progress.Add(piece.size());
-    if (last) return;
-    piece = std::move(next);
+    piece.swap(next);
   }
 }
 

@@ -61,17 +61,22 @@ Input::~Input() {
   if (fd_ != STDIN_FILENO) close(fd_);
 }
 
-Bytes Input::Read(size_t limit) {
-  Bytes bytes(limit);
+void Input::Read(size_t limit, Bytes* bytes) {
+  bytes->resize(limit);
   size_t length = 0;
   while (length < limit) {
-    const ssize_t count = read(fd_, bytes.data() + length, limit - length);
+    const ssize_t count = read(fd_, bytes->data() + length, limit - length);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) throw SystemFailure("cannot read", path_);
     if (count == 0) break;
     length += static_cast<size_t>(count);
   }
-  bytes.resize(length);
+  bytes->resize(length);
+}
+
+Bytes Input::Read(size_t limit) {
+  Bytes bytes;
+  Read(limit, &bytes);
   return bytes;
 }
 

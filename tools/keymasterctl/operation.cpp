@@ -173,31 +173,27 @@ void Operation::AddAssociatedData(const Bytes& data) {
                session_->TivasKmUpdate(handle_, params.set(), nullptr, nullptr, nullptr, nullptr));
 }
 
-Bytes Operation::Update(const Bytes& piece) {
+void Operation::Update(const Bytes& piece, OwnedBlob* output) {
   const keymaster_blob_t input = View(piece);
   unsigned long consumed = 0;
-  OwnedBlob output;
   CheckRequest("update",
-               session_->TivasKmUpdate(handle_, token_.set(), &input, &consumed, nullptr, &output));
+               session_->TivasKmUpdate(handle_, token_.set(), &input, &consumed, nullptr, output));
   if (consumed != piece.size()) throw Failure("update took only a part of its input");
-  return Copy(output);
 }
 
-Bytes Operation::Finish(const Bytes& rest, const Bytes* signature) {
+void Operation::Finish(const Bytes& rest, const Bytes* signature, OwnedBlob* output) {
   const keymaster_blob_t input = View(rest);
-  OwnedBlob output;
   if (signature == nullptr) {
     CheckRequest("finish", session_->TivasKmFinishNew(handle_, token_.set(), &input, nullptr,
-                                                      nullptr, &output));
+                                                      nullptr, output));
   } else {
     // A verification puts nothing out, and a finish of large input counts that as a failure.
     const bool large = rest.size() > kFinishLimit;
-    if (large) Update(rest);
+    if (large) Update(rest, output);
     const keymaster_blob_t given = View(*signature);
     CheckRequest("verification",
                  session_->TivasKmFinish(handle_, token_.set(), large ? nullptr : &input, &given,
                                          nullptr, nullptr));
   }
   running_ = false;
-  return Copy(output);
 }

@@ -43,10 +43,10 @@ class Operation {
   void SetAuthToken(const Bytes& token);
   // Sends associated data; before any input.
   void AddAssociatedData(const Bytes& data);
-  // Sends input and returns what comes out.
-  Bytes Update(const Bytes& piece);
+  // Sends input; what comes out goes to output, which is empty.
+  void Update(const Bytes& piece, OwnedBlob* output);
   // Sends the last input, of any size, and for a verification the signature.
-  Bytes Finish(const Bytes& rest, const Bytes* signature);
+  void Finish(const Bytes& rest, const Bytes* signature, OwnedBlob* output);
 
  private:
   // Throws for a failed request; the TA has ended the operation then.
