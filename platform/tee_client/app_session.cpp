@@ -1,4 +1,4 @@
-#include "app_session.h"
+#include "platform/tee_client/app_session.h"
 
 namespace {
 
@@ -12,6 +12,21 @@ Reply CallApp(Call call) {
 }
 
 }  // namespace
+
+InlineSession::InlineSession(const TrustedApp& app, std::shared_ptr<MemoryPool> pool)
+    : app_(app), pool_(std::move(pool)), memory_(pool_->Take()) {
+  if (memory_ == nullptr) {
+    memory_ = std::make_unique<CommandMemory>(CommandMemory::Kind::kPrivate);
+  }
+}
+
+Reply InlineSession::Reserve(uint64_t size, uint8_t** memory) {
+  if (!memory_->Reserve(size)) {
+    return {TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_API};
+  }
+  *memory = memory_->data();
+  return {TEEC_SUCCESS, TEEC_ORIGIN_API};
+}
 
 Reply InlineSession::Open(uint32_t login, CommandParameters* parameters) {
   return CallApp([&] {
@@ -30,4 +45,5 @@ void InlineSession::Close() {
     app_.close_session(ta_session_);
     return TEEC_SUCCESS;
   });
+  pool_->Give(std::move(memory_));
 }

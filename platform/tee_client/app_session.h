@@ -4,15 +4,23 @@
 
 #include <trusted_app.h>
 
-#include "command_parameters.h"
+#include <memory>
+
+#include "platform/tee_client/command_memory.h"
+#include "platform/tee_client/command_parameters.h"
+#include "platform/tee_client/idle_pool.h"
 
 // What a call is answered with when the TA ended under it.
 constexpr Reply kTargetDead = {TEEC_ERROR_TARGET_DEAD, TEEC_ORIGIN_TEE};
 
-// AppSession is called by one thread at a time. Invoke and Close follow an Open that succeeded.
+// AppSession is called by one thread at a time. Invoke and Close follow an Open that succeeded, and
+// nothing follows Close.
 class AppSession {
  public:
   virtual ~AppSession() = default;
+  // Reserve lends zeroed memory for the parameters of an open or of a command, until EndCommand.
+  virtual Reply Reserve(uint64_t size, uint8_t** memory) = 0;
+  virtual void EndCommand() = 0;
   virtual Reply Open(uint32_t login, CommandParameters* parameters) = 0;
   virtual Reply Invoke(uint32_t command, CommandParameters* parameters) = 0;
   virtual void Close() = 0;
@@ -20,10 +28,14 @@ class AppSession {
   virtual void Kill() = 0;
 };
 
+using MemoryPool = IdlePool<CommandMemory>;
+
 // InlineSession calls a TA in this process. An exception is a TA that crashed.
 class InlineSession : public AppSession {
  public:
-  explicit InlineSession(const TrustedApp& app) : app_(app) {}
+  InlineSession(const TrustedApp& app, std::shared_ptr<MemoryPool> pool);
+  Reply Reserve(uint64_t size, uint8_t** memory) override;
+  void EndCommand() override { memory_->EndCommand(); }
   Reply Open(uint32_t login, CommandParameters* parameters) override;
   Reply Invoke(uint32_t command, CommandParameters* parameters) override;
   void Close() override;
@@ -31,6 +43,8 @@ class InlineSession : public AppSession {
 
  private:
   const TrustedApp& app_;
+  const std::shared_ptr<MemoryPool> pool_;
+  std::unique_ptr<CommandMemory> memory_;
   void* ta_session_ = nullptr;
 };
 

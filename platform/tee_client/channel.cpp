@@ -1,4 +1,4 @@
-#include "channel.h"
+#include "platform/tee_client/channel.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -19,13 +19,17 @@ union AncillaryData {
 }  // namespace
 
 void FileDescriptor::Reset(int fd) {
-  if (fd_ >= 0) close(fd_);
+  if (fd_ >= 0) {
+    close(fd_);
+  }
   fd_ = fd;
 }
 
 bool Channel::MakePair(FileDescriptor* one, FileDescriptor* other) {
   int ends[2];
-  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return false;
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+    return false;
+  }
   one->Reset(ends[0]);
   other->Reset(ends[1]);
   return true;
@@ -51,7 +55,9 @@ bool Channel::Send(const void* record, size_t size, int fd) const {
 }
 
 bool Channel::Receive(void* record, size_t size, FileDescriptor* fd, int limit_ms) const {
-  if (!WaitReadable(socket_.get(), limit_ms)) return false;
+  if (limit_ms >= 0 && !WaitReadable(socket_.get(), limit_ms)) {
+    return false;
+  }
   iovec part = {record, size};
   AncillaryData ancillary = {};
   msghdr message = {};
@@ -72,11 +78,6 @@ bool Channel::Receive(void* record, size_t size, FileDescriptor* fd, int limit_m
   return got == static_cast<ssize_t>(size) && (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0;
 }
 
-bool Channel::EndAndWait(int limit_ms) const {
-  shutdown(socket_.get(), SHUT_WR);
-  return WaitReadable(socket_.get(), limit_ms);
-}
-
 bool WaitReadable(int fd, int limit_ms) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(limit_ms);
@@ -84,8 +85,10 @@ bool WaitReadable(int fd, int limit_ms) {
   for (;;) {
     pollfd polled = {fd, POLLIN, 0};
     const int ready = poll(&polled, 1, wait);
-    if (ready >= 0 || errno != EINTR) return ready > 0;
+    if (ready >= 0 || errno != EINTR) {
+      return ready > 0;
+    }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    if (limit_ms >= 0) wait = left.count() < 0 ? 0 : static_cast<int>(left.count());
+    wait = left.count() < 0 ? 0 : static_cast<int>(left.count());
   }
 }

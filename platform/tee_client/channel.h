@@ -36,8 +36,6 @@ class Channel {
   // limit_ms milliseconds or, if negative, without limit. False when the time is over, the other
   // side is gone, or what came is something else.
   bool Receive(void* record, size_t size, FileDescriptor* fd, int limit_ms) const;
-  // EndAndWait sends no more and waits until the other side is gone; false when the time is over.
-  bool EndAndWait(int limit_ms) const;
 
  private:
   FileDescriptor socket_;

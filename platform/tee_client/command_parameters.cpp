@@ -1,7 +1,6 @@
-#include "command_parameters.h"
+#include "platform/tee_client/command_parameters.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -19,65 +18,87 @@ bool IsMemoryReference(uint32_t type) { return (type & kReference) != 0; }
 bool IsInput(uint32_t type) { return (type & kIn) != 0; }
 bool IsOutput(uint32_t type) { return (type & kOut) != 0; }
 
-SecretBytes::~SecretBytes() {
-  if (data_ != nullptr) explicit_bzero(data_, size_);
-  free(data_);
+ReferenceLayout::ReferenceLayout(uint32_t types,
+                                 const TEEC_Parameter params[CommandParameters::kCount]) {
+  constexpr uint64_t kAlignment = 16;
+  for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
+    offset[i] = total;
+    if (IsMemoryReference(TEEC_PARAM_TYPE_GET(types, i))) {
+      total += (params[i].tmpref.size + kAlignment - 1) / kAlignment * kAlignment;
+    }
+  }
 }
 
-bool SecretBytes::Allocate(size_t size) {
-  data_ = static_cast<uint8_t*>(calloc(size, 1));
-  size_ = size;
-  return data_ != nullptr;
-}
-
-TEEC_Result CommandParameters::CopyReferenceIn(uint32_t index) {
-  const TEEC_TempMemoryReference& reference = caller_[index].tmpref;
-  if (reference.size == 0) return TEEC_SUCCESS;
-  if (reference.buffer == nullptr) return TEEC_ERROR_BAD_PARAMETERS;
-  if (!copies_[index].Allocate(reference.size)) return TEEC_ERROR_OUT_OF_MEMORY;
-  ta_[index].buffer = copies_[index].data();
-  ta_[index].size = reference.size;
-  if (IsInput(TypeOf(index))) std::memcpy(ta_[index].buffer, reference.buffer, reference.size);
-  return TEEC_SUCCESS;
-}
-
-TEEC_Result CommandParameters::CopyIn(const TEEC_Operation* operation) {
-  if (operation == nullptr) return TEEC_SUCCESS;
+TEEC_Result CommandParameters::Read(const TEEC_Operation* operation) {
+  if (operation == nullptr) {
+    return TEEC_SUCCESS;
+  }
   types_ = operation->paramTypes;
-  if (operation->started == 0 || (types_ >> (4 * kCount)) != 0) return TEEC_ERROR_BAD_PARAMETERS;
+  if (operation->started == 0 || (types_ >> (4 * kCount)) != 0) {
+    return TEEC_ERROR_BAD_PARAMETERS;
+  }
   std::memcpy(caller_, operation->params, sizeof(caller_));
   for (uint32_t index = 0; index < kCount; ++index) {
     const uint32_t type = TypeOf(index);
-    if (!IsKnown(type)) return TEEC_ERROR_BAD_PARAMETERS;
-    if (IsMemoryReference(type)) {
-      const TEEC_Result result = CopyReferenceIn(index);
-      if (result != TEEC_SUCCESS) return result;
-    } else if (IsInput(type)) {
-      ta_[index].a = caller_[index].value.a;
-      ta_[index].b = caller_[index].value.b;
+    const TEEC_TempMemoryReference& reference = caller_[index].tmpref;
+    const bool is_missing =
+        IsMemoryReference(type) && reference.size != 0 && reference.buffer == nullptr;
+    if (!IsKnown(type) || is_missing) {
+      return TEEC_ERROR_BAD_PARAMETERS;
     }
   }
   return TEEC_SUCCESS;
 }
 
+void CommandParameters::CopyIn(uint8_t* memory) {
+  const ReferenceLayout layout(*this);
+  memory_ = memory;
+  for (uint32_t index = 0; index < kCount; ++index) {
+    const bool is_input = IsInput(TypeOf(index));
+    TaParam& ta = ta_[index];
+    if (!IsMemoryReference(TypeOf(index))) {
+      ta.a = is_input ? caller_[index].value.a : 0;
+      ta.b = is_input ? caller_[index].value.b : 0;
+    } else if (CapacityOf(index) != 0) {
+      ta.buffer = memory_ + layout.offset[index];
+      ta.size = CapacityOf(index);
+      if (is_input) {
+        std::memcpy(ta.buffer, caller_[index].tmpref.buffer, ta.size);
+      }
+    }
+  }
+}
+
 Reply CommandParameters::CopyOut(Reply ta, TEEC_Operation* operation) const {
-  if (ta.result != TEEC_SUCCESS && ta.result != TEEC_ERROR_SHORT_BUFFER) return ta;
+  if (ta.result != TEEC_SUCCESS && ta.result != TEEC_ERROR_SHORT_BUFFER) {
+    return ta;
+  }
   bool overflow = false;
   for (uint32_t index = 0; index < kCount; ++index) {
-    if (!IsMemoryReference(TypeOf(index)) || !IsOutput(TypeOf(index))) continue;
+    if (!IsMemoryReference(TypeOf(index)) || !IsOutput(TypeOf(index))) {
+      continue;
+    }
     operation->params[index].tmpref.size = ta_[index].size;
     overflow = overflow || ta_[index].size > CapacityOf(index);
   }
-  if (ta.result != TEEC_SUCCESS) return ta;
-  if (overflow && !believes_sizes_) return {TEEC_ERROR_SHORT_BUFFER, TEEC_ORIGIN_TEE};
+  if (ta.result != TEEC_SUCCESS) {
+    return ta;
+  }
+  if (overflow && !believes_sizes_) {
+    return {TEEC_ERROR_SHORT_BUFFER, TEEC_ORIGIN_TEE};
+  }
+  const ReferenceLayout layout(*this);
   for (uint32_t index = 0; index < kCount; ++index) {
-    const uint32_t type = TypeOf(index);
-    if (!IsOutput(type)) continue;
-    if (!IsMemoryReference(type)) {
+    if (!IsOutput(TypeOf(index))) {
+      continue;
+    }
+    if (!IsMemoryReference(TypeOf(index))) {
       operation->params[index].value = {ta_[index].a, ta_[index].b};
-    } else {
-      const uint32_t fits = std::min(ta_[index].size, CapacityOf(index));
-      if (fits != 0) std::memcpy(caller_[index].tmpref.buffer, copies_[index].data(), fits);
+      continue;
+    }
+    const uint32_t fits = std::min(ta_[index].size, CapacityOf(index));
+    if (fits != 0) {
+      std::memcpy(caller_[index].tmpref.buffer, memory_ + layout.offset[index], fits);
     }
   }
   return ta;

@@ -5,36 +5,25 @@
 
 #include <trusted_app.h>
 
-#include <cstddef>
-
 // A result and who made it, one of TEEC_ORIGIN_*.
 struct Reply {
   TEEC_Result result;
   uint32_t origin;
 };
 
-// SecretBytes owns a zeroed buffer and wipes it before it is released.
-class SecretBytes {
- public:
-  SecretBytes() = default;
-  ~SecretBytes();
-  SecretBytes(const SecretBytes&) = delete;
-  SecretBytes& operator=(const SecretBytes&) = delete;
-  // Allocate is called once; false when there is no memory.
-  bool Allocate(size_t size);
-  uint8_t* data() const { return data_; }
-
- private:
-  uint8_t* data_ = nullptr;
-  size_t size_ = 0;
-};
+bool IsMemoryReference(uint32_t type);
+bool IsInput(uint32_t type);
+bool IsOutput(uint32_t type);
 
 class CommandParameters {
  public:
   static constexpr uint32_t kCount = 4;
 
-  // CopyIn checks an operation (null: no parameters) and copies what travels into the TA.
-  TEEC_Result CopyIn(const TEEC_Operation* operation);
+  // Read checks an operation (null: no parameters) and remembers what it says.
+  TEEC_Result Read(const TEEC_Operation* operation);
+  // CopyIn copies what travels into the TA. memory has as many bytes as the copies take, all zero;
+  // it is lent until the parameters are used no more.
+  void CopyIn(uint8_t* memory);
   // CopyOut takes what the TA answered and hands back what travels out of it: sizes with success
   // and with TEEC_ERROR_SHORT_BUFFER, contents with success only. A TA that claims to have
   // produced more than fits is answered for with TEEC_ERROR_SHORT_BUFFER.
@@ -51,18 +40,22 @@ class CommandParameters {
   const TaParam* ta_params() const { return ta_; }
 
  private:
-  TEEC_Result CopyReferenceIn(uint32_t index);
-
   uint32_t types_ = 0;
   bool believes_sizes_ = false;
   // As the operation stood at the start: the caller's own record may change under the command.
   TEEC_Parameter caller_[kCount] = {};
-  SecretBytes copies_[kCount];
+  uint8_t* memory_ = nullptr;
   TaParam ta_[kCount];
 };
 
-bool IsMemoryReference(uint32_t type);
-bool IsInput(uint32_t type);
-bool IsOutput(uint32_t type);
+// Where the copies of a command's memory references lie in its memory.
+struct ReferenceLayout {
+  uint64_t offset[CommandParameters::kCount] = {};
+  uint64_t total = 0;
+
+  ReferenceLayout(uint32_t types, const TEEC_Parameter params[CommandParameters::kCount]);
+  explicit ReferenceLayout(const CommandParameters& parameters)
+      : ReferenceLayout(parameters.types(), &parameters.Given(0)) {}
+};
 
 #endif  // PLATFORM_TEE_CLIENT_COMMAND_PARAMETERS_H

@@ -1,10 +1,7 @@
-#include "remote_session.h"
+#include "platform/tee_client/remote_session.h"
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
-
-#include "worker_protocol.h"
 
 namespace {
 
@@ -16,75 +13,93 @@ int LimitMs() {
   return static_cast<int>(limit <= 0 ? kDefault : std::min(limit, kMax));
 }
 
-WorkerRequest RequestOf(uint32_t code, const TEEC_UUID& uuid, const CommandParameters& parameters) {
-  WorkerRequest request = {kWorkerMagic, code, uuid, parameters.types(), {}};
+void Describe(const CommandParameters& parameters, WorkerRequest* request) {
+  request->types = parameters.types();
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-    if (parameters.TypeOf(i) != TEEC_NONE) request.params[i] = parameters.Given(i);
-    if (IsMemoryReference(parameters.TypeOf(i))) request.params[i].tmpref.buffer = nullptr;
-  }
-  return request;
-}
-
-void CopyReferences(const CommandParameters& parameters, const ReferenceLayout& layout,
-                    const SharedMemory& memory) {
-  for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-    const TaParam& param = parameters.ta_params()[i];
-    if (IsMemoryReference(parameters.TypeOf(i)) && param.size != 0) {
-      std::memcpy(memory.data() + layout.offset[i], param.buffer, param.size);
+    if (parameters.TypeOf(i) != TEEC_NONE) {
+      request->params[i] = parameters.Given(i);
+    }
+    if (IsMemoryReference(parameters.TypeOf(i))) {
+      request->params[i].tmpref.buffer = nullptr;
     }
   }
 }
 
 // Sizes come as the worker says; the parameters check them before the caller sees them.
-void TakeReply(const WorkerReply& reply, const ReferenceLayout& layout, const SharedMemory& memory,
-               CommandParameters* parameters) {
+void ReadReply(const WorkerReply& reply, CommandParameters* parameters) {
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-    if (!IsOutput(parameters->TypeOf(i))) continue;
     TaParam& param = parameters->ta_params()[i];
-    param.a = reply.params[i].value.a;
-    param.b = reply.params[i].value.b;
-    if (!IsMemoryReference(parameters->TypeOf(i))) continue;
-    param.size = reply.params[i].tmpref.size;
-    const uint32_t fits = std::min(param.size, parameters->CapacityOf(i));
-    if (fits != 0) std::memcpy(param.buffer, memory.data() + layout.offset[i], fits);
+    if (!IsOutput(parameters->TypeOf(i))) {
+      continue;
+    }
+    if (IsMemoryReference(parameters->TypeOf(i))) {
+      param.size = reply.params[i].tmpref.size;
+    } else {
+      param.a = reply.params[i].value.a;
+      param.b = reply.params[i].value.b;
+    }
   }
 }
 
 }  // namespace
 
-Reply RemoteSession::Exchange(uint32_t code, CommandParameters* parameters) {
-  const WorkerRequest request = RequestOf(code, uuid_, *parameters);
-  const ReferenceLayout layout(request);
-  SharedMemory memory;
-  if (layout.total > kMaxSharedSize || (layout.total != 0 && !memory.Create(layout.total))) {
-    return {TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_COMMS};
+Reply RemoteSession::Reserve(uint64_t size, uint8_t** memory) {
+  if (connection_ == nullptr) {
+    connection_ = worker_->Connect();
   }
-  CopyReferences(*parameters, layout, memory);
-  WorkerReply reply = {};
-  FileDescriptor none;
-  if (!channel_.Send(&request, sizeof(request), memory.fd()) ||
-      !channel_.Receive(&reply, sizeof(reply), &none, LimitMs()) || reply.magic != kWorkerMagic) {
+  if (connection_ == nullptr) {
     worker_->Kill();
     return kTargetDead;
   }
-  TakeReply(reply, layout, memory, parameters);
+  if (size > kMaxSharedSize || !connection_->memory.Reserve(size)) {
+    return {TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_COMMS};
+  }
+  *memory = connection_->memory.data();
+  return {TEEC_SUCCESS, TEEC_ORIGIN_COMMS};
+}
+
+void RemoteSession::EndCommand() { connection_->memory.EndCommand(); }
+
+WorkerRequest RemoteSession::Request(WorkerRequestKind kind, uint32_t code) const {
+  return {kWorkerMagic, kind, code, uuid_, TEEC_NONE, {}};
+}
+
+bool RemoteSession::Ask(const WorkerRequest& request, WorkerReply* reply) {
+  const Channel& channel = connection_->channel;
+  FileDescriptor none;
+  const bool is_answered =
+      worker_->IsOurs() && channel.Send(&request, sizeof(request), connection_->memory.fd()) &&
+      channel.Receive(reply, sizeof(*reply), &none, LimitMs()) && reply->magic == kWorkerMagic;
+  if (!is_answered) {
+    worker_->Kill();
+  }
+  connection_->memory.ForgetFile();
+  return is_answered;
+}
+
+Reply RemoteSession::Exchange(WorkerRequest request, CommandParameters* parameters) {
+  Describe(*parameters, &request);
+  WorkerReply reply = {};
+  if (!Ask(request, &reply)) {
+    return kTargetDead;
+  }
+  ReadReply(reply, parameters);
   const bool is_origin = reply.origin >= TEEC_ORIGIN_API && reply.origin <= TEEC_ORIGIN_TRUSTED_APP;
   return {reply.result, is_origin ? reply.origin : TEEC_ORIGIN_COMMS};
 }
 
 Reply RemoteSession::Open(uint32_t login, CommandParameters* parameters) {
-  if (!worker_->Connect(&channel_)) {
-    worker_->Kill();
-    return kTargetDead;
-  }
-  return Exchange(login, parameters);
+  return Exchange(Request(WorkerRequestKind::kOpen, login), parameters);
 }
 
 Reply RemoteSession::Invoke(uint32_t command, CommandParameters* parameters) {
-  return Exchange(command, parameters);
+  return Exchange(Request(WorkerRequestKind::kInvoke, command), parameters);
 }
 
 void RemoteSession::Close() {
-  if (!channel_.EndAndWait(LimitMs())) worker_->Kill();
-  channel_ = Channel();
+  WorkerReply reply = {};
+  if (Ask(Request(WorkerRequestKind::kClose, 0), &reply)) {
+    worker_->Release(std::move(connection_));
+  }
+  connection_ = nullptr;
 }

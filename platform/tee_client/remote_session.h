@@ -4,26 +4,32 @@
 
 #include <memory>
 
-#include "app_session.h"
-#include "worker_process.h"
+#include "platform/tee_client/app_session.h"
+#include "platform/tee_client/worker_process.h"
+#include "platform/tee_client/worker_protocol.h"
 
 // RemoteSession kills a worker that breaks off, answers something else, or does not answer within
-// TEE_TIMEOUT_MS milliseconds (two minutes unless set): the TA is dead then.
+// TEE_TIMEOUT_MS milliseconds (two minutes unless set): the TA is dead then. So it is for a child
+// of the process that made the session.
 class RemoteSession : public AppSession {
  public:
   RemoteSession(std::shared_ptr<WorkerProcess> worker, const TEEC_UUID& uuid)
       : worker_(std::move(worker)), uuid_(uuid) {}
+  Reply Reserve(uint64_t size, uint8_t** memory) override;
+  void EndCommand() override;
   Reply Open(uint32_t login, CommandParameters* parameters) override;
   Reply Invoke(uint32_t command, CommandParameters* parameters) override;
   void Close() override;
   void Kill() override { worker_->Kill(); }
 
  private:
-  Reply Exchange(uint32_t code, CommandParameters* parameters);
+  WorkerRequest Request(WorkerRequestKind kind, uint32_t code) const;
+  Reply Exchange(WorkerRequest request, CommandParameters* parameters);
+  bool Ask(const WorkerRequest& request, WorkerReply* reply);
 
   const std::shared_ptr<WorkerProcess> worker_;
   const TEEC_UUID uuid_;
-  Channel channel_;
+  std::unique_ptr<WorkerConnection> connection_;  // while the session is open
 };
 
 #endif  // PLATFORM_TEE_CLIENT_REMOTE_SESSION_H

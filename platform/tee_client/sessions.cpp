@@ -1,23 +1,67 @@
-#include "sessions.h"
+#include "platform/tee_client/sessions.h"
 
 #include <chrono>
 #include <thread>
 
-#include "fault_plan.h"
+#include "platform/tee_client/command_trace.h"
+#include "platform/tee_client/fault_plan.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// ParameterLoan lends a call's parameters their memory while the call runs.
+class ParameterLoan {
+ public:
+  ParameterLoan(AppSession* app, CommandParameters* parameters) : app_(app) {
+    uint8_t* memory = nullptr;
+    reply_ = app->Reserve(ReferenceLayout(*parameters).total, &memory);
+    if (is_lent()) {
+      parameters->CopyIn(memory);
+    }
+  }
+  ~ParameterLoan() {
+    if (is_lent()) {
+      app_->EndCommand();
+    }
+  }
+  ParameterLoan(const ParameterLoan&) = delete;
+  ParameterLoan& operator=(const ParameterLoan&) = delete;
+
+  bool is_lent() const { return reply_.result == TEEC_SUCCESS; }
+  // Why there is none.
+  Reply reply() const { return reply_; }
+
+ private:
+  AppSession* const app_;
+  Reply reply_;
+};
+
+}  // namespace
 
 Reply Session::Open(uint32_t login, CommandParameters* parameters, TEEC_Operation* operation) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (state_ != State::kNew) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
-  Reply reply = app_->Open(login, parameters);
-  state_ = reply.result == TEEC_SUCCESS ? State::kOpen : State::kClosed;
-  reply = parameters->CopyOut(reply, operation);
-  if (reply.result != TEEC_SUCCESS) CloseLocked();
+  if (state_ != State::kNew) {
+    return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
+  }
+  Reply reply = {};
+  {
+    const ParameterLoan loan(app_.get(), parameters);
+    reply = loan.is_lent() ? app_->Open(login, parameters) : loan.reply();
+    state_ = reply.result == TEEC_SUCCESS ? State::kOpen : State::kClosed;
+    reply = parameters->CopyOut(reply, operation);
+  }
+  if (reply.result != TEEC_SUCCESS) {
+    CloseLocked();
+  }
   return reply;
 }
 
 Reply Session::CallApp(uint32_t command, CommandParameters* parameters) {
   PlannedFault fault;
-  if (!TakePlannedFault(command, &fault)) return app_->Invoke(command, parameters);
+  if (!TakePlannedFault(command, &fault)) {
+    return app_->Invoke(command, parameters);
+  }
   Reply reply = kTargetDead;
   if (fault.crash) {
     app_->Kill();
@@ -29,13 +73,25 @@ Reply Session::CallApp(uint32_t command, CommandParameters* parameters) {
   return reply;
 }
 
-Reply Session::Invoke(uint32_t command, CommandParameters* parameters) {
+Reply Session::Invoke(uint32_t command, CommandParameters* parameters, TEEC_Operation* operation) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (state_ == State::kDead) return kTargetDead;
-  if (state_ != State::kOpen) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
-  const Reply reply = CallApp(command, parameters);
+  if (state_ != State::kOpen && state_ != State::kDead) {
+    return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
+  }
+  const ParameterLoan loan(app_.get(), parameters);
+  if (!loan.is_lent()) {
+    return loan.reply();
+  }
+  TraceInputs(command, *parameters);
+  const Clock::time_point start = Clock::now();
+  Reply reply = state_ == State::kDead ? kTargetDead : CallApp(command, parameters);
   if (reply.result == kTargetDead.result && reply.origin == kTargetDead.origin) {
     state_ = State::kDead;
+  }
+  reply = parameters->CopyOut(reply, operation);
+  if (TraceLevelNow() != TraceLevel::kOff) {
+    TraceCommand(command, *parameters, reply,
+                 std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start));
   }
   return reply;
 }
@@ -46,7 +102,9 @@ void Session::Close() {
 }
 
 void Session::CloseLocked() {
-  if (state_ == State::kOpen || state_ == State::kDead) app_->Close();
+  if (state_ == State::kOpen || state_ == State::kDead) {
+    app_->Close();
+  }
   state_ = State::kClosed;
 }
 
@@ -74,10 +132,14 @@ TakenContext SessionTable::TakeContext(Handle context) {
   TakenContext taken;
   taken.sessions.reserve(sessions_.size());
   const auto entry = contexts_.extract(context);
-  if (entry.empty()) return taken;
+  if (entry.empty()) {
+    return taken;
+  }
   taken.host = entry.mapped();
   for (const auto& [handle, session] : sessions_) {
-    if (session->context() == context) taken.sessions.push_back(session);
+    if (session->context() == context) {
+      taken.sessions.push_back(session);
+    }
   }
   for (auto at = sessions_.begin(); at != sessions_.end();) {
     at = at->second->context() == context ? sessions_.erase(at) : std::next(at);
@@ -92,8 +154,12 @@ std::shared_ptr<AppHost> SessionTable::FindHost(Handle context) {
 
 Reply SessionTable::AddSession(const std::shared_ptr<Session>& session, Handle* handle) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (contexts_.count(session->context()) == 0) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
-  if (sessions_.size() >= kMaxSessions) return {TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE};
+  if (contexts_.count(session->context()) == 0) {
+    return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
+  }
+  if (sessions_.size() >= kMaxSessions) {
+    return {TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE};
+  }
   sessions_.emplace(++last_handle_, session);
   *handle = last_handle_;
   return {TEEC_SUCCESS, TEEC_ORIGIN_TEE};

@@ -8,8 +8,8 @@
 #include <mutex>
 #include <vector>
 
-#include "app_host.h"
-#include "app_session.h"
+#include "platform/tee_client/app_host.h"
+#include "platform/tee_client/app_session.h"
 
 // Callers hold contexts and sessions by number. Numbers are never used twice, so that a handle
 // kept too long meets nothing, and not somebody else's session. 0 is none.
@@ -23,7 +23,7 @@ class Session {
       : app_(std::move(app)), context_(context) {}
 
   Reply Open(uint32_t login, CommandParameters* parameters, TEEC_Operation* operation);
-  Reply Invoke(uint32_t command, CommandParameters* parameters);
+  Reply Invoke(uint32_t command, CommandParameters* parameters, TEEC_Operation* operation);
   // Close waits for a call that runs. A session that is not open yet will not open any more.
   void Close();
   Handle context() const { return context_; }

@@ -1,5 +1,6 @@
-// tee-worker: hosts the TAs in a process of its own, for one client. A thread a session; when the
-// client ends, so do they all, whatever they are doing.
+// tee-worker: hosts the TAs in a process of its own, for one client. A thread a connection; when
+// the client ends, so do they all, whatever they are doing.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,46 +11,51 @@
 #include <system_error>
 #include <thread>
 
-#include "built_in_apps.h"
-#include "sessions.h"
-#include "worker_protocol.h"
+#include "platform/tee_client/built_in_apps.h"
+#include "platform/tee_client/sessions.h"
+#include "platform/tee_client/worker_protocol.h"
 
 namespace {
 
 constexpr int kNoLimit = -1;
-// Above what the client allows itself: a thread may outlast the session it served for a moment.
+// Above what the client allows itself: a thread may outlast its connection for a moment.
 constexpr int kMaxThreads = 2 * static_cast<int>(SessionTable::kMaxSessions);
 std::atomic<int> g_threads{0};
 
-// The request as a caller's operation on the shared memory.
-TEEC_Operation OperationOn(const WorkerRequest& request, const ReferenceLayout& layout,
-                           const SharedMemory& memory) {
-  TEEC_Operation operation = {};
-  operation.started = 1;
-  operation.paramTypes = request.types;
-  for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-    TEEC_TempMemoryReference& reference = operation.params[i].tmpref;
-    operation.params[i] = request.params[i];
-    if (!IsMemoryReference(TEEC_PARAM_TYPE_GET(request.types, i))) continue;
-    reference.buffer = reference.size == 0 ? nullptr : memory.data() + layout.offset[i];
-  }
-  return operation;
+// A TA's large buffers stay with the process for the next command.
+void KeepFreedMemory() {
+  constexpr int kKept = 4 << 20;
+  mallopt(M_MMAP_THRESHOLD, kKept);
+  mallopt(M_TRIM_THRESHOLD, kKept);
 }
 
-class ServedSession {
+std::shared_ptr<MemoryPool> Pool() {
+  static const auto* const pool = new std::shared_ptr<MemoryPool>(std::make_shared<MemoryPool>());
+  return *pool;
+}
+
+// ServedConnection has one session at a time.
+class ServedConnection {
  public:
-  ~ServedSession() {
-    if (session_ != nullptr) session_->Close();
+  ~ServedConnection() {
+    if (session_ != nullptr) {
+      session_->Close();
+    }
   }
 
   // Answer runs a request; false ends the channel of a client that keeps no rules.
   bool Answer(const WorkerRequest& request, FileDescriptor file, WorkerReply* answer) {
-    const ReferenceLayout layout(request);
-    SharedMemory memory;
-    if (request.magic != kWorkerMagic || layout.total > kMaxSharedSize) return false;
-    if (layout.total != 0 && !memory.Attach(std::move(file), layout.total)) return false;
-    TEEC_Operation operation = OperationOn(request, layout, memory);
+    const ReferenceLayout layout(request.types, request.params);
+    const bool is_open = request.kind == WorkerRequestKind::kOpen;
+    if (request.magic != kWorkerMagic || request.kind > WorkerRequestKind::kClose ||
+        is_open != (session_ == nullptr) ||
+        (file.get() >= 0 && !memory_.Attach(std::move(file), kMaxSharedSize)) ||
+        layout.total > memory_.size()) {
+      return false;
+    }
+    TEEC_Operation operation = OperationOn(request, layout);
     const Reply reply = Run(request, &operation);
+    memory_.EndCommand();
     *answer = {kWorkerMagic, reply.result, reply.origin, {}};
     for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
       answer->params[i] = operation.params[i];
@@ -61,31 +67,66 @@ class ServedSession {
   }
 
  private:
+  // The request as a caller's operation on the shared memory.
+  TEEC_Operation OperationOn(const WorkerRequest& request, const ReferenceLayout& layout) const {
+    TEEC_Operation operation = {};
+    operation.started = 1;
+    operation.paramTypes = request.types;
+    for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
+      TEEC_TempMemoryReference& reference = operation.params[i].tmpref;
+      operation.params[i] = request.params[i];
+      if (IsMemoryReference(TEEC_PARAM_TYPE_GET(request.types, i))) {
+        reference.buffer = reference.size == 0 ? nullptr : memory_.data() + layout.offset[i];
+      }
+    }
+    return operation;
+  }
+
   Reply Run(const WorkerRequest& request, TEEC_Operation* operation) try {
     CommandParameters parameters;
-    const TEEC_Result copied = parameters.CopyIn(operation);
-    if (copied != TEEC_SUCCESS) return {copied, TEEC_ORIGIN_TEE};
-    if (session_ != nullptr) {
-      return parameters.CopyOut(session_->Invoke(request.code, &parameters), operation);
+    const TEEC_Result read = parameters.Read(operation);
+    if (read != TEEC_SUCCESS) {
+      return {read, TEEC_ORIGIN_TEE};
     }
-    const TrustedApp* app = FindBuiltInApp(request.uuid);
-    if (app == nullptr) return {TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE};
-    session_ = std::make_unique<Session>(std::make_unique<InlineSession>(*app), 0);
-    return session_->Open(request.code, &parameters, operation);
+    switch (request.kind) {
+      case WorkerRequestKind::kOpen:
+        return Open(request, &parameters, operation);
+      case WorkerRequestKind::kInvoke:
+        return session_->Invoke(request.code, &parameters, operation);
+      default:
+        session_->Close();
+        session_ = nullptr;
+        return {TEEC_SUCCESS, TEEC_ORIGIN_TEE};
+    }
   } catch (const std::bad_alloc&) {
     return {TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE};
   }
 
+  Reply Open(const WorkerRequest& request, CommandParameters* parameters,
+             TEEC_Operation* operation) {
+    const TrustedApp* app = FindBuiltInApp(request.uuid);
+    if (app == nullptr) {
+      return {TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE};
+    }
+    session_ = std::make_unique<Session>(std::make_unique<InlineSession>(*app, Pool()), 0);
+    const Reply reply = session_->Open(request.code, parameters, operation);
+    if (reply.result != TEEC_SUCCESS) {
+      session_ = nullptr;
+    }
+    return reply;
+  }
+
+  CommandMemory memory_{CommandMemory::Kind::kShared};
   std::unique_ptr<Session> session_;
 };
 
 void Serve(const Channel& channel) {
-  ServedSession session;
+  ServedConnection connection;
   WorkerRequest request = {};
   FileDescriptor file;
   while (channel.Receive(&request, sizeof(request), &file, kNoLimit)) {
     WorkerReply reply = {};
-    if (!session.Answer(request, std::move(file), &reply) ||
+    if (!connection.Answer(request, std::move(file), &reply) ||
         !channel.Send(&reply, sizeof(reply), -1)) {
       break;
     }
@@ -109,16 +150,21 @@ int main() {
   // The client plans faults and traces; it does so once.
   unsetenv("TEE_FAULT");
   unsetenv("TEE_TRACE");
+  KeepFreedMemory();
   const Channel control{FileDescriptor(STDIN_FILENO)};
   bool served = false;
   char greeting = 0;
   FileDescriptor socket;
   while (control.Receive(&greeting, sizeof(greeting), &socket, kNoLimit)) {
     served = true;
-    if (socket.get() >= 0 && g_threads < kMaxThreads) StartThread(std::move(socket));
+    if (socket.get() >= 0 && g_threads < kMaxThreads) {
+      StartThread(std::move(socket));
+    }
     socket.Reset();
   }
-  if (!served) (void)fprintf(stderr, "tee-worker: to be started by the TEE client library only\n");
+  if (!served) {
+    (void)fprintf(stderr, "tee-worker: to be started by the TEE client library only\n");
+  }
   // Threads may be inside a TA: nothing of theirs is torn down under them.
   _exit(served ? 0 : 2);
 }

@@ -1,4 +1,4 @@
-#include "worker_process.h"
+#include "platform/tee_client/worker_process.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -13,7 +13,7 @@
 #include <cstring>
 #include <string>
 
-#include "command_trace.h"
+#include "platform/tee_client/command_trace.h"
 
 extern "C" {  // which this header leaves to its user
 #include <sys/pidfd.h>
@@ -24,9 +24,13 @@ namespace {
 constexpr int kExitLimitMs = 2000;
 
 std::string WorkerPath() {
-  if (const char* named = secure_getenv("TEE_WORKER"); named != nullptr) return named;
+  if (const char* named = secure_getenv("TEE_WORKER"); named != nullptr) {
+    return named;
+  }
   Dl_info self = {};
-  if (dladdr(reinterpret_cast<void*>(&WorkerPath), &self) == 0) return "tee-worker";
+  if (dladdr(reinterpret_cast<void*>(&WorkerPath), &self) == 0) {
+    return "tee-worker";
+  }
   const std::string file = self.dli_fname;
   const std::string folder = file.substr(0, file.rfind('/') + 1);
   const std::string beside = folder + "tee-worker";
@@ -79,23 +83,37 @@ std::shared_ptr<WorkerProcess> WorkerProcess::Start() {
 }
 
 WorkerProcess::WorkerProcess(pid_t pid, FileDescriptor process, Channel control)
-    : pid_(pid), process_(std::move(process)), control_(std::move(control)) {}
+    : client_(getpid()), pid_(pid), process_(std::move(process)), control_(std::move(control)) {}
 
 WorkerProcess::~WorkerProcess() {
   control_ = Channel();
-  WaitReadable(process_.get(), kExitLimitMs);
-  Kill();
+  if (IsOurs()) {
+    WaitReadable(process_.get(), kExitLimitMs);
+    Kill();
+  }
 }
 
+bool WorkerProcess::IsOurs() const { return client_ == getpid(); }
+
 bool WorkerProcess::IsAlive() {
-  if (WaitReadable(process_.get(), 0)) Kill();
+  if (!IsOurs()) {
+    return false;
+  }
+  if (WaitReadable(process_.get(), 0)) {
+    Kill();
+  }
   const std::lock_guard<std::mutex> lock(mutex_);
   return !reaped_;
 }
 
 void WorkerProcess::Kill() {
+  if (!IsOurs()) {
+    return;
+  }
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (reaped_) return;
+  if (reaped_) {
+    return;
+  }
   reaped_ = true;
   pidfd_send_signal(process_.get(), SIGKILL, nullptr, 0);
   siginfo_t status = {};
@@ -106,14 +124,22 @@ void WorkerProcess::Kill() {
              (status.si_code == CLD_EXITED ? " ended" : " was killed"));
 }
 
-bool WorkerProcess::Connect(Channel* session) const {
+std::unique_ptr<WorkerConnection> WorkerProcess::Connect() {
+  if (!IsOurs()) {
+    return nullptr;
+  }
+  std::unique_ptr<WorkerConnection> connection = idle_.Take();
+  if (connection != nullptr) {
+    return connection;
+  }
   FileDescriptor ours;
   FileDescriptor theirs;
   const char greeting = 0;
   if (!Channel::MakePair(&ours, &theirs) ||
       !control_.Send(&greeting, sizeof(greeting), theirs.get())) {
-    return false;
+    return nullptr;
   }
-  *session = Channel(std::move(ours));
-  return true;
+  connection = std::make_unique<WorkerConnection>();
+  connection->channel = Channel(std::move(ours));
+  return connection;
 }

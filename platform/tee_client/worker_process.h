@@ -7,9 +7,18 @@
 #include <memory>
 #include <mutex>
 
-#include "channel.h"
+#include "platform/tee_client/channel.h"
+#include "platform/tee_client/command_memory.h"
+#include "platform/tee_client/idle_pool.h"
 
-// WorkerProcess may be used from several threads. Its end, and the end of the client, end the
+// What a session needs to reach the worker. One session uses it at a time.
+struct WorkerConnection {
+  Channel channel;
+  CommandMemory memory{CommandMemory::Kind::kShared};
+};
+
+// WorkerProcess may be used from several threads. A child of the process that started it cannot use
+// it, and leaves it alone. Its end, and the end of the client, end the
 // worker: that lives no longer than its control channel.
 class WorkerProcess {
  public:
@@ -21,16 +30,23 @@ class WorkerProcess {
   WorkerProcess(const WorkerProcess&) = delete;
   WorkerProcess& operator=(const WorkerProcess&) = delete;
 
+  // IsOurs is false in a child of the process that started the worker.
+  bool IsOurs() const;
+  // IsAlive is false for a worker that is not ours, too.
   bool IsAlive();
   // Kill ends the worker at once and leaves no zombie. A worker that is dead already is reaped.
   void Kill();
-  // Connect makes the channel of a new session.
-  bool Connect(Channel* session) const;
+  // Connect returns an idle connection, or a new one; null when the worker is out of reach.
+  std::unique_ptr<WorkerConnection> Connect();
+  // Release keeps the connection of a session that was closed for another.
+  void Release(std::unique_ptr<WorkerConnection> connection) { idle_.Give(std::move(connection)); }
 
  private:
+  const pid_t client_;
   const pid_t pid_;
   const FileDescriptor process_;
   Channel control_;
+  IdlePool<WorkerConnection> idle_;
   std::mutex mutex_;
   bool reaped_ = false;
 };

@@ -1,11 +1,13 @@
-#include "failing_app.h"
+#include "tests/tee_process/failing_app.h"
 
-#include <built_in_apps.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+
+#include "platform/tee_client/built_in_apps.h"
 
 namespace {
 
@@ -15,16 +17,46 @@ void Close(void*) {}
 TEEC_Result Meet(uint32_t expected) {
   static std::atomic<uint32_t> here{0};
   ++here;
-  for (int wait = 0; here < expected && wait < 10000; ++wait) usleep(1000);
+  for (int wait = 0; here < expected && wait < 10000; ++wait) {
+    usleep(1000);
+  }
   return here < expected ? TEEC_ERROR_BUSY : TEEC_SUCCESS;
 }
 
+TEEC_Result Echo(TaParam* from, TaParam* to) {
+  const uint32_t room = to->size;
+  if (std::count(to->buffer, to->buffer + room, 0) != room) {
+    return TEEC_ERROR_SECURITY;
+  }
+  std::memset(to->buffer, 0x33, room);
+  if (room < from->size) {
+    return TEEC_ERROR_GENERIC;
+  }
+  std::memcpy(to->buffer, from->buffer, from->size);
+  std::memset(from->buffer, 0x33, from->size);
+  to->size = from->size;
+  return TEEC_SUCCESS;
+}
+
 TEEC_Result Invoke(void*, uint32_t command, uint32_t, TaParam params[4]) {
-  if (command == kAbort) abort();
-  while (command == kHang) pause();
-  if (command == kMeet) return Meet(params[1].a);
-  if (command != kFill) return TEEC_ERROR_NOT_SUPPORTED;
-  if (params[0].size >= 5) std::memset(params[0].buffer, 0x22, 5);
+  if (command == kAbort) {
+    abort();
+  }
+  while (command == kHang) {
+    pause();
+  }
+  if (command == kMeet) {
+    return Meet(params[1].a);
+  }
+  if (command == kEcho) {
+    return Echo(&params[0], &params[1]);
+  }
+  if (command != kFill) {
+    return TEEC_ERROR_NOT_SUPPORTED;
+  }
+  if (params[0].size >= 5) {
+    std::memset(params[0].buffer, 0x22, 5);
+  }
   params[0].size = 5;
   return TEEC_SUCCESS;
 }

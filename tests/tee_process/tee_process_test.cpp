@@ -1,23 +1,24 @@
 // The TA in a process of its own: what the caller sees when that dies, hangs or lies.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <remote_session.h>
-#include <sessions.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <worker_protocol.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <thread>
 
-#include "failing_app.h"
+#include "platform/tee_client/remote_session.h"
+#include "platform/tee_client/sessions.h"
+#include "platform/tee_client/worker_protocol.h"
 #include "tests/ta/ta_client.h"
+#include "tests/tee_process/failing_app.h"
 
 namespace {
 
@@ -39,7 +40,9 @@ std::vector<pid_t> Children(pid_t parent = getpid()) {
     std::ifstream file("/proc/" + name + "/stat");
     Str pid, comm, state;
     pid_t of = 0;
-    if (file >> pid >> comm >> state >> of && of == parent) found.push_back(atoi(pid.c_str()));
+    if (file >> pid >> comm >> state >> of && of == parent) {
+      found.push_back(atoi(pid.c_str()));
+    }
   }
   return found;
 }
@@ -69,10 +72,12 @@ struct Client {
     for (uint32_t i = 0; i < given.size(); ++i) {
       Slot& slot = slots[i] = given[i];
       slot.out =
-          slot.in + Str(slot.capacity > slot.in.size() ? slot.capacity - slot.in.size() : 0, 0);
+          slot.in + Str(slot.capacity > slot.in.size() ? slot.capacity - slot.in.size() : 0, '?');
       operation.paramTypes |= slot.type << (4 * i);
       operation.params[i].value = {slot.a, slot.b};
-      if (slot.type < 4) continue;
+      if (slot.type < 4) {
+        continue;
+      }
       operation.params[i].tmpref = {slot.out.data(), static_cast<uint32_t>(slot.out.size())};
     }
     const uint32_t result = TEEC_InvokeCommand(on, command, &operation, &origin);
@@ -80,7 +85,9 @@ struct Client {
       slots[i].capacity = operation.params[i].tmpref.size;
       slots[i].a = operation.params[i].value.a;
       slots[i].b = operation.params[i].value.b;
-      if (slots[i].type > 4 && result == 0) slots[i].out.resize(slots[i].capacity);
+      if (slots[i].type > 4 && result == 0) {
+        slots[i].out.resize(slots[i].capacity);
+      }
     }
     return result;
   }
@@ -169,10 +176,14 @@ TEST_F(TeeProcess, EveryDeathIsTargetDeadUntilTheNextSession) {
     TEEC_Session other = {}, fresh = {};
     ASSERT_EQ(client.Open(&other), 0u);
     const pid_t worker = Children().at(0);
-    if (row.signal_before != 0) kill(worker, row.signal_before);
+    if (row.signal_before != 0) {
+      kill(worker, row.signal_before);
+    }
     setenv("TEE_TIMEOUT_MS", row.limit, 1);
     auto call = std::async(std::launch::async, [&] { return client.Run(row.command); });
-    if (row.signal_during != 0) usleep(50000), kill(worker, row.signal_during);
+    if (row.signal_during != 0) {
+      usleep(50000), kill(worker, row.signal_during);
+    }
     EXPECT_EQ(call.get(), kDead);
     unsetenv("TEE_TIMEOUT_MS");
     EXPECT_EQ(client.origin, TEEC_ORIGIN_TEE);
@@ -181,6 +192,37 @@ TEST_F(TeeProcess, EveryDeathIsTargetDeadUntilTheNextSession) {
     ASSERT_EQ(client.Open(&fresh), 0u);
     EXPECT_EQ(client.RunOn(&fresh, kFill, {Out(8)}), 0u);
     EXPECT_EQ(client.Run(kFill), kDead);
+    // Idle connections die with their worker.
+    TEEC_CloseSession(&fresh);
+    kill(Children().at(0), SIGKILL);
+    siginfo_t status = {};
+    ASSERT_EQ(waitid(P_ALL, 0, &status, WEXITED | WNOWAIT), 0);
+    ASSERT_EQ(client.Open(&fresh), 0u);
+    EXPECT_EQ(client.RunOn(&fresh, kFill, {Out(8)}), 0u);
+  }
+}
+
+// Sessions of all sizes on more threads than connections are kept for, failing and not.
+TEST_F(TeeProcess, NoSessionMeetsTheBytesOfAnother) {
+  UseFailingApp();
+  for (const char* host : {"process", "caller"}) {
+    setenv("TEE_HOST", host, 1);
+    Client keeps_the_worker(kFailingApp);
+    std::vector<std::future<void>> threads;
+    for (uint32_t thread = 0; thread < 12; ++thread) {
+      threads.push_back(std::async(std::launch::async, [thread] {
+        for (uint32_t size = 2 + thread; size < (3u << 20); size = 4 * size + thread) {
+          Client client(kFailingApp);
+          const Str text(size, static_cast<char>('a' + thread));
+          EXPECT_EQ(client.Run(kEcho, In(text), Out(size - 1)), TEEC_ERROR_GENERIC);
+          EXPECT_EQ(client.Run(kEcho, In(text), Out(size + thread)), 0u);
+          EXPECT_TRUE(client.slots[1].out == text && client.slots[0].out == text);
+        }
+      }));
+    }
+    for (auto& thread : threads) {
+      thread.get();
+    }
   }
 }
 
@@ -196,10 +238,14 @@ TEST_F(TeeProcess, SessionsMeetInOneWorkerUpToABound) {
       return own.Run(kMeet, {}, expected);
     }));
   }
-  for (auto& call : calls) EXPECT_EQ(call.get(), 0u);
+  for (auto& call : calls) {
+    EXPECT_EQ(call.get(), 0u);
+  }
   EXPECT_EQ(Children().size(), 1u);
   TEEC_Session session = {};
-  for (int open = 1; open < 64; ++open) ASSERT_EQ(client.Open(&session), 0u);
+  for (int open = 1; open < 64; ++open) {
+    ASSERT_EQ(client.Open(&session), 0u);
+  }
   TEEC_Session refused = {};
   EXPECT_EQ(client.Open(&refused), TEEC_ERROR_BUSY);
   TEEC_CloseSession(&session);
@@ -268,7 +314,9 @@ TEST_F(TeeProcess, TraceNamesWhatItMayShow) {
     client.Run(kCmdImportKey, In(Wire(key)), In("secret"), Out(9), value);
     Str shown = testing::internal::GetCapturedStderr();
     const size_t time = shown.find(", ", shown.find(") result"));
-    if (time != Str::npos) shown.erase(time, shown.find(" us", time) + 3 - time);
+    if (time != Str::npos) {
+      shown.erase(time, shown.find(" us", time) + 3 - time);
+    }
     EXPECT_EQ(shown, row.shown);
   }
   // Every way of cutting a list short, or of pointing out of it, is said and not followed.
@@ -282,33 +330,60 @@ TEST_F(TeeProcess, TraceNamesWhatItMayShow) {
   unsetenv("TEE_TRACE");
 }
 
+WorkerRequest RequestOf(WorkerRequestKind kind, uint32_t size, uint32_t magic = kWorkerMagic) {
+  return {magic, kind, kFill, kFailingApp, TEEC_MEMREF_TEMP_INPUT, {{{nullptr, size}}}};
+}
+
 TEST_F(TeeProcess, TheWorkerEndsChannelsThatKeepNoRulesAndServesOn) {
   UseFailingApp();
-  WorkerRequest good = {kWorkerMagic, 7, kFailingApp, TEEC_MEMREF_TEMP_INPUT, {{{nullptr, 4096}}}};
-  WorkerRequest magic = good, huge = good, sparse = good;
-  magic.magic ^= 1;
-  huge.params[0].tmpref.size = UINT32_MAX;
+  const auto kOpen = WorkerRequestKind::kOpen, kInvoke = WorkerRequestKind::kInvoke,
+             kClose = WorkerRequestKind::kClose, kUnknown = static_cast<WorkerRequestKind>(4);
+  const WorkerRequest open = RequestOf(kOpen, 4096);
+  WorkerRequest sparse = open;
   sparse.types = 0x7777;
   struct {
-    const WorkerRequest& request;
-    size_t size;
-    bool has_memory, is_sealed, is_answered;
-  } const kCases[] = {
-      {good, sizeof(good), true, true, true},   {good, sizeof(good), true, false, false},
-      {good, sizeof(good), false, true, false}, {good, sizeof(good) - 1, true, true, false},
-      {magic, sizeof(good), true, true, false}, {huge, sizeof(good), true, true, false},
-      {sparse, sizeof(good), true, true, true}};
+    bool is_opened;  // before, with memory
+    WorkerRequest request;
+    size_t size, memory;  // of the request and its memory, if it comes with any
+    bool is_sealed, is_answered;
+  } const kCases[] = {{false, open, sizeof(open), 4096, true, true},
+                      {false, open, sizeof(open), 4096, false, false},
+                      {false, open, sizeof(open), 4095, true, false},
+                      {false, open, sizeof(open), kMaxSharedSize + 1, true, false},
+                      {false, open, sizeof(open), 0, true, false},
+                      {false, open, sizeof(open) - 1, 4096, true, false},
+                      {false, RequestOf(kOpen, 4096, 1), sizeof(open), 4096, true, false},
+                      {false, RequestOf(kOpen, UINT32_MAX), sizeof(open), 4096, true, false},
+                      {false, sparse, sizeof(open), 4096, true, true},
+                      {false, RequestOf(kInvoke, 0), sizeof(open), 0, true, false},
+                      {false, RequestOf(kClose, 0), sizeof(open), 0, true, false},
+                      {true, open, sizeof(open), 0, true, false},
+                      {true, RequestOf(kInvoke, 4096), sizeof(open), 0, true, true},
+                      {true, RequestOf(kInvoke, 4097), sizeof(open), 0, true, false},
+                      {true, RequestOf(kInvoke, 4097), sizeof(open), 8192, true, true},
+                      {true, RequestOf(kInvoke, 4097), sizeof(open), 8192, false, false},
+                      {true, RequestOf(kClose, 0), sizeof(open), 0, true, true},
+                      {true, RequestOf(kUnknown, 0), sizeof(open), 0, true, false}};
   const auto worker = WorkerProcess::Start();
   for (const auto& row : kCases) {
     SCOPED_TRACE(&row - kCases);
-    Channel session;
-    ASSERT_TRUE(worker->Connect(&session));
-    FileDescriptor memory(memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING)), none;
-    ASSERT_EQ(ftruncate(memory.get(), 4096), 0);
-    if (row.is_sealed) fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK);
-    ASSERT_TRUE(session.Send(&row.request, row.size, row.has_memory ? memory.get() : -1));
-    WorkerReply reply = {};
-    EXPECT_EQ(session.Receive(&reply, sizeof(reply), &none, 10000), row.is_answered);
+    const auto connection = worker->Connect();
+    ASSERT_NE(connection, nullptr);
+    const auto is_answered = [&](const WorkerRequest& request, size_t size, size_t memory_size,
+                                 bool is_sealed) {
+      FileDescriptor memory(memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING)), none;
+      EXPECT_EQ(ftruncate(memory.get(), static_cast<off_t>(memory_size)), 0);
+      if (is_sealed) {
+        fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK);
+      }
+      EXPECT_TRUE(connection->channel.Send(&request, size, memory_size ? memory.get() : -1));
+      WorkerReply reply = {};
+      return connection->channel.Receive(&reply, sizeof(reply), &none, 10000);
+    };
+    if (row.is_opened) {
+      EXPECT_TRUE(is_answered(open, sizeof(open), 4096, true));
+    }
+    EXPECT_EQ(is_answered(row.request, row.size, row.memory, row.is_sealed), row.is_answered);
   }
   EXPECT_TRUE(worker->IsAlive());
 }
@@ -329,6 +404,41 @@ bool SendWithTwo(int socket, const void* record, size_t size) {
   return sendmsg(socket, &message, 0) > 0;
 }
 
+// Plays the worker with a script that gets the channel of the one connection.
+class PlayedWorker {
+ public:
+  explicit PlayedWorker(std::function<void(FileDescriptor)> script) {
+    FileDescriptor ours, theirs;
+    EXPECT_TRUE(Channel::MakePair(&ours, &theirs));
+    // No process: there is nothing to wait for, or to kill.
+    process_ = std::make_shared<WorkerProcess>(
+        0, FileDescriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)), Channel(std::move(ours)));
+    thread_ = std::thread([script, control = Channel(std::move(theirs))] {
+      char greeting = 0;
+      FileDescriptor socket;
+      EXPECT_TRUE(control.Receive(&greeting, 1, &socket, 10000));
+      script(std::move(socket));
+    });
+  }
+  ~PlayedWorker() {
+    process_ = nullptr;
+    thread_.join();
+  }
+  Session NewSession() { return {std::make_unique<RemoteSession>(process_, kFailingApp), 1}; }
+
+ private:
+  std::shared_ptr<WorkerProcess> process_;
+  std::thread thread_;
+};
+
+uint32_t OpenWith(Session* session, uint32_t type, Str* buffer) {
+  TEEC_Operation operation = {1, type, {}, nullptr, 0};
+  operation.params[0].tmpref = {buffer->data(), static_cast<uint32_t>(buffer->size())};
+  CommandParameters parameters;
+  EXPECT_EQ(parameters.Read(&operation), 0u);
+  return session->Open(7, &parameters, &operation).result;
+}
+
 TEST_F(TeeProcess, TheClientBelievesNoReply) {
   const WorkerReply honest = {kWorkerMagic, 0, 4, {{{nullptr, 3}}}};
   WorkerReply magic = honest, big = honest;
@@ -346,31 +456,48 @@ TEST_F(TeeProcess, TheClientBelievesNoReply) {
                       {honest, sizeof(honest), kDead, 2}};
   for (const auto& row : kCases) {
     SCOPED_TRACE(&row - kCases);
-    FileDescriptor ours, theirs;
-    ASSERT_TRUE(Channel::MakePair(&ours, &theirs));
-    std::thread worker([&] {
-      const Channel control(std::move(theirs));
-      char greeting = 0;
-      WorkerRequest request = {};
-      FileDescriptor socket, memory;
-      EXPECT_TRUE(control.Receive(&greeting, 1, &socket, 10000));
+    PlayedWorker worker([&](FileDescriptor socket) {
       const int fd = socket.get();
-      const Channel session(std::move(socket));
-      EXPECT_TRUE(session.Receive(&request, sizeof(request), &memory, 10000));
-      EXPECT_TRUE(row.descriptors == 0 ? session.Send(&row.reply, row.size, -1)
+      const Channel channel(std::move(socket));
+      WorkerRequest request = {};
+      FileDescriptor memory;
+      EXPECT_TRUE(channel.Receive(&request, sizeof(request), &memory, 10000));
+      EXPECT_TRUE(row.descriptors == 0 ? channel.Send(&row.reply, row.size, -1)
                                        : SendWithTwo(fd, &row.reply, row.size));
     });
-    // No process: there is nothing to wait for, or to kill.
-    const auto process = std::make_shared<WorkerProcess>(
-        0, FileDescriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)), Channel(std::move(ours)));
-    RemoteSession session(process, kFailingApp);
-    std::vector<uint8_t> buffer(8);
-    TEEC_Operation operation = {1, TEEC_MEMREF_TEMP_OUTPUT, {}, nullptr, 0};
-    operation.params[0].tmpref = {buffer.data(), 8};
-    CommandParameters parameters;
-    ASSERT_EQ(parameters.CopyIn(&operation), 0u);
-    EXPECT_EQ(parameters.CopyOut(session.Open(7, &parameters), &operation).result, row.result);
-    worker.join();
+    Session session = worker.NewSession();
+    Str buffer(8, 0);
+    EXPECT_EQ(OpenWith(&session, TEEC_MEMREF_TEMP_OUTPUT, &buffer), row.result);
+  }
+}
+
+// One connection and one memory for all: nothing of a session is in it once that is over.
+TEST_F(TeeProcess, ClosedSessionsLeaveTheirConnectionButNoBytes) {
+  Str texts[] = {"first", Str(50000, 'x'), "third"};
+  PlayedWorker worker([&](FileDescriptor socket) {
+    const Channel channel(std::move(socket));
+    const WorkerReply reply = {kWorkerMagic, 0, 4, {}};
+    WorkerRequest request = {};
+    FileDescriptor memory, more;
+    EXPECT_TRUE(channel.Receive(&request, sizeof(request), &memory, 10000));
+    for (const Str& text : texts) {
+      Str bytes(65536, 0);
+      EXPECT_EQ(pread(memory.get(), bytes.data(), bytes.size(), 0), 65536);
+      EXPECT_EQ(bytes, text + Str(65536 - text.size(), 0));
+      EXPECT_TRUE(channel.Send(&reply, sizeof(reply), -1));
+      EXPECT_TRUE(channel.Receive(&request, sizeof(request), &more, 10000));
+      EXPECT_EQ(request.kind, WorkerRequestKind::kClose);
+      EXPECT_EQ(pread(memory.get(), bytes.data(), bytes.size(), 0), 65536);
+      EXPECT_EQ(bytes, Str(65536, 0));
+      EXPECT_TRUE(channel.Send(&reply, sizeof(reply), -1));
+      EXPECT_EQ(channel.Receive(&request, sizeof(request), &more, 10000), &text != &texts[2]);
+      EXPECT_LT(more.get(), 0);
+    }
+  });
+  for (Str& text : texts) {
+    Session session = worker.NewSession();
+    EXPECT_EQ(OpenWith(&session, TEEC_MEMREF_TEMP_INPUT, &text), 0u);
+    session.Close();
   }
 }
 
@@ -378,12 +505,30 @@ TEST_F(TeeProcess, TheClientBelievesNoReply) {
 TEST_F(TeeProcess, ASessionThatWasClosedDoesNotOpen) {
   UseFailingApp();
   Session session(std::make_unique<RemoteSession>(WorkerProcess::Start(), kFailingApp), 1);
-  TEEC_Operation operation = {};
-  operation.started = 1;
-  CommandParameters parameters;
-  ASSERT_EQ(parameters.CopyIn(&operation), 0u);
   session.Close();
-  EXPECT_EQ(session.Open(7, &parameters, &operation).result, TEEC_ERROR_BAD_STATE);
+  Str buffer(8, 0);
+  EXPECT_EQ(OpenWith(&session, TEEC_MEMREF_TEMP_INPUT, &buffer), TEEC_ERROR_BAD_STATE);
+}
+
+TEST_F(TeeProcess, AForkedChildHasAWorkerOfItsOwn) {
+  UseFailingApp();
+  Client client(kFailingApp);
+  TEEC_Session idle = {}, fresh = {};
+  ASSERT_EQ(client.Open(&idle), 0u);
+  TEEC_CloseSession(&idle);
+  EXPECT_EQ(client.Run(kFill, Out(8)), 0u);
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool is_apart = system("grep -q tee-command /proc/$PPID/maps") != 0 &&
+                          client.Run(kEcho, In("x"), Out(8)) == kDead && client.Open(&fresh) == 0 &&
+                          client.RunOn(&fresh, kFill, {Out(8)}) == 0 && Children().size() == 1;
+    TEEC_FinalizeContext(&client.context);
+    _exit(is_apart ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(client.Run(kFill, Out(8)), 0u);
 }
 
 TEST_F(TeeProcess, TheWorkerEndsWithAClientThatIsKilled) {
@@ -394,13 +539,17 @@ TEST_F(TeeProcess, TheWorkerEndsWithAClientThatIsKilled) {
     _exit(1);
   }
   std::vector<pid_t> workers;
-  while ((workers = Children(client)).empty()) usleep(1000);
+  while ((workers = Children(client)).empty()) {
+    usleep(1000);
+  }
   usleep(50000);
   kill(client, SIGKILL);
   waitpid(client, nullptr, 0);
   // What is left of it may wait for whoever adopted it, but runs no program.
   const Str program = "/proc/" + std::to_string(workers.at(0)) + "/exe";
-  for (int wait = 0; wait < 10000 && access(program.c_str(), F_OK) == 0; ++wait) usleep(1000);
+  for (int wait = 0; wait < 10000 && access(program.c_str(), F_OK) == 0; ++wait) {
+    usleep(1000);
+  }
   EXPECT_NE(access(program.c_str(), F_OK), 0);
 }
 
@@ -424,7 +573,9 @@ TEST_F(TeeProcess, WorkersThatDoNotWorkAreToldApart) {
   const rlimit few = {64, files.rlim_max};
   setrlimit(RLIMIT_NOFILE, &few);
   std::vector<FileDescriptor> all;
-  for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) all.emplace_back(fd);
+  for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) {
+    all.emplace_back(fd);
+  }
   all.resize(all.size() - 2);  // for the channel
   EXPECT_EQ(WorkerProcess::Start(), nullptr);
   setrlimit(RLIMIT_NOFILE, &files);
