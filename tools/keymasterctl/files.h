@@ -19,7 +19,8 @@ class Input {
   Input(const Input&) = delete;
   Input& operator=(const Input&) = delete;
 
-  // Reads the next limit bytes; fewer only at the end of the input. The room of bytes is used again.
+  // Reads the next limit bytes; fewer only at the end of the input. The room of bytes is used
+  // again.
   void Read(size_t limit, Bytes* bytes);
   Bytes Read(size_t limit);
   // The size in bytes of a regular file.
