@@ -19,7 +19,7 @@ constexpr size_t kNonceSize = 12;
 constexpr size_t kTagSize = 16;
 constexpr size_t kBindingSize = SHA256_DIGEST_LENGTH;
 constexpr size_t kHeaderSize = 1 + kNonceSize;
-constexpr size_t kMaxBlob = 64 * 1024;
+constexpr size_t kMaxBlob = size_t{64} * 1024;
 
 // What a blob is bound to. An absent id and an empty one are the same.
 Bytes BindingOf(const ParamSet& params) {

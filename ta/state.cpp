@@ -21,26 +21,26 @@ constexpr char kVersionFile[] = "system_version";
   throw std::runtime_error("keymaster TA state: " + what);
 }
 
+std::string Variable(const char* name) {
+  const char* value = getenv(name);
+  return value == nullptr ? "" : value;
+}
+
 std::string FolderName() {
-  const auto variable = [](const char* name) {
-    const char* value = getenv(name);
-    return std::string(value == nullptr ? "" : value);
-  };
-  if (const std::string own = variable("KEYMASTER_TA_STATE"); !own.empty()) {
+  std::string own = Variable("KEYMASTER_TA_STATE");
+  if (!own.empty()) {
     return own;
   }
-  if (const std::string xdg = variable("XDG_STATE_HOME"); !xdg.empty()) {
-    return xdg + "/keymaster-ta";
+  const std::string xdg = Variable("XDG_STATE_HOME"), home = Variable("HOME");
+  if (xdg.empty() && home.empty()) {
+    ThrowStateError("no folder is named");
   }
-  if (const std::string home = variable("HOME"); !home.empty()) {
-    return home + "/.local/state/keymaster-ta";
-  }
-  ThrowStateError("no folder is named");
+  return xdg.empty() ? home + "/.local/state/keymaster-ta" : xdg + "/keymaster-ta";
 }
 
 // Makes the folder and those above it; only the folder itself is closed to others.
 std::string EnsureFolder() {
-  const std::string folder = FolderName();
+  std::string folder = FolderName();
   struct stat status {};
   if (stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
     return folder;
