@@ -87,24 +87,17 @@ Bytes UniqueId(const Key& key, const ParamSet& request) {
 Bytes DescribeKey(const Key& key, const ParamSet& request) {
   const Param* const challenge = request.Find(KM_TAG_ATTESTATION_CHALLENGE);
   const Param* const application = request.Find(KM_TAG_ATTESTATION_APPLICATION_ID);
-  if (challenge == nullptr) {
-    Fail(KM_ERROR_ATTESTATION_CHALLENGE_MISSING);
-  }
-  if (application == nullptr) {
-    Fail(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING);
-  }
-  if (challenge->bytes.size() > kMaxChallengeSize ||
-      application->bytes.size() > kMaxApplicationIdSize) {
-    Fail(KM_ERROR_INVALID_INPUT_LENGTH);
-  }
+  FailIf(challenge == nullptr, KM_ERROR_ATTESTATION_CHALLENGE_MISSING);
+  FailIf(application == nullptr, KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING);
+  FailIf(challenge->bytes.size() > kMaxChallengeSize ||
+             application->bytes.size() > kMaxApplicationIdSize,
+         KM_ERROR_INVALID_INPUT_LENGTH);
 
   ParamSet software_enforced = Attestable(key.sw_enforced);
   software_enforced.Add(*application);
   ParamSet tee_enforced = Attestable(key.hw_enforced);
   tee_enforced.AddBytes(KM_TAG_ROOT_OF_TRUST, EncodeRootOfTrust(HostRootOfTrust()));
-  if (!AddDeviceIds(request, &tee_enforced)) {
-    Fail(KM_ERROR_CANNOT_ATTEST_IDS);
-  }
+  FailIf(!AddDeviceIds(request, &tee_enforced), KM_ERROR_CANNOT_ATTEST_IDS);
   return EncodeKeyDescription(challenge->bytes, UniqueId(key, request), software_enforced,
                               tee_enforced);
 }
@@ -116,9 +109,7 @@ Bytes DescribeKey(const Key& key, const ParamSet& request) {
 void AttestKey(uint32_t types, TaParam params[4]) {
   const ParamSet request = RequestOf(types, params, 1);
   const Key key = OpenCurrentKey(InputOf(params[0]), request);
-  if (!key.pkey) {
-    Fail(KM_ERROR_INCOMPATIBLE_ALGORITHM);
-  }
+  FailIf(!key.pkey, KM_ERROR_INCOMPATIBLE_ALGORITHM);
   const Bytes key_description = DescribeKey(key, request);
 
   const AttestationAuthority authority = LoadOrCreateAuthority();

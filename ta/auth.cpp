@@ -103,11 +103,10 @@ void VerifyAuthorization(uint32_t types, TaParam params[4]) {
   ByteReader input(InputOf(params[1]));
   uint64_t challenge = 0;
   AuthToken token;
-  if (!input.TakeU64(&challenge) || !AuthTokenValid(input.rest(), &token) ||
-      !AuthTokenSatisfies(token, requested) ||
-      (timeout && !AuthTokenFresh(token, static_cast<uint32_t>(*timeout)))) {
-    Fail(KM_ERROR_VERIFICATION_FAILED);
-  }
+  FailIf(!input.TakeU64(&challenge) || !AuthTokenValid(input.rest(), &token) ||
+             !AuthTokenSatisfies(token, requested) ||
+             (timeout && !AuthTokenFresh(token, static_cast<uint32_t>(*timeout))),
+         KM_ERROR_VERIFICATION_FAILED);
   const ParamSet verified = Verifiable(requested);
   Reply(Serialize({&verified}), &params[2]);
   Reply(VerificationToken(challenge, verified), &params[3]);

@@ -15,15 +15,12 @@ class CipherOperation : public Operation {
 
   void Finish(ByteView, SecureBytes* output) override {
     const size_t block = static_cast<size_t>(EVP_CIPHER_CTX_block_size(ctx_.get()));
-    if (unpads_ && (total_ == 0 || total_ % block != 0)) {
-      Fail(KM_ERROR_INVALID_INPUT_LENGTH);
-    }
+    FailIf(unpads_ && (total_ == 0 || total_ % block != 0), KM_ERROR_INVALID_INPUT_LENGTH);
     const size_t before = output->size();
     int size = 0;
     output->resize(before + block);
-    if (EVP_CipherFinal_ex(ctx_.get(), output->data() + before, &size) != 1) {
-      Fail(unpads_ ? KM_ERROR_INVALID_ARGUMENT : KM_ERROR_INVALID_INPUT_LENGTH);
-    }
+    FailIf(EVP_CipherFinal_ex(ctx_.get(), output->data() + before, &size) != 1,
+           unpads_ ? KM_ERROR_INVALID_ARGUMENT : KM_ERROR_INVALID_INPUT_LENGTH);
     output->resize(before + static_cast<size_t>(size));
   }
 
@@ -42,13 +39,9 @@ OperationPtr MakeCipherOperation(const OperationRequest& request) {
   }
   const bool encrypts = request.purpose == KM_PURPOSE_ENCRYPT;
   const bool pads = Choose(request, KM_TAG_PADDING) != KM_PAD_NONE;
-  if (mode == KM_MODE_CTR && pads) {
-    Fail(KM_ERROR_INCOMPATIBLE_PADDING_MODE);
-  }
+  FailIf(mode == KM_MODE_CTR && pads, KM_ERROR_INCOMPATIBLE_PADDING_MODE);
   const EVP_CIPHER* cipher = CipherOf(*request.key, mode);
-  if (cipher == nullptr) {
-    Fail(KM_ERROR_UNSUPPORTED_BLOCK_MODE);
-  }
+  FailIf(cipher == nullptr, KM_ERROR_UNSUPPORTED_BLOCK_MODE);
   const size_t nonce_size = static_cast<size_t>(EVP_CIPHER_iv_length(cipher));
   const Bytes nonce = nonce_size == 0 ? Bytes() : ChooseNonce(request, nonce_size);
   CipherCtxPtr ctx = StartCipher(cipher, request.key->symmetric, nonce.data(), encrypts);

@@ -73,16 +73,11 @@ void Dispatch(uint32_t id, uint32_t types, TaParam params[4]) {
   const Command* const end = std::end(kCommands);
   const Command* command =
       std::find_if(std::begin(kCommands), end, [id](const Command& c) { return c.id == id; });
-  if (command == end) {
-    Fail(TEEC_ERROR_NOT_SUPPORTED);
-  }
-  if (!AcceptsTypes(*command, types)) {
-    Fail(TEEC_ERROR_BAD_PARAMETERS);
-  }
+  FailIf(command == end, TEEC_ERROR_NOT_SUPPORTED);
+  FailIf(!AcceptsTypes(*command, types), TEEC_ERROR_BAD_PARAMETERS);
   SystemVersion version;
-  if (command->needs_configuration && !GetSystemVersion(&version)) {
-    Fail(KM_ERROR_KEYMASTER_NOT_CONFIGURED);
-  }
+  FailIf(command->needs_configuration && !GetSystemVersion(&version),
+         KM_ERROR_KEYMASTER_NOT_CONFIGURED);
   command->handler(types, params);
 }
 
@@ -134,10 +129,9 @@ TEEC_Result Invoke(void* session, uint32_t command, uint32_t types, TaParam para
 
 ParamSet RequestOf(uint32_t types, const TaParam params[4], uint32_t index) {
   ParamSet request;
-  if (TEEC_PARAM_TYPE_GET(types, index) != TEEC_NONE &&
-      !ParseTwoLists(InputOf(params[index]), &request)) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(TEEC_PARAM_TYPE_GET(types, index) != TEEC_NONE &&
+             !ParseTwoLists(InputOf(params[index]), &request),
+         KM_ERROR_INVALID_ARGUMENT);
   return request;
 }
 

@@ -13,15 +13,12 @@ class GcmOperation : public Operation {
 
   void AddAssociatedData(ByteView data) override {
     // Input that travels in pieces has the same parameters with each of them.
-    if (data_began_ && last_associated_ != Bytes(data.begin(), data.end())) {
-      Fail(KM_ERROR_INVALID_TAG);
-    }
+    FailIf(data_began_ && last_associated_ != Bytes(data.begin(), data.end()),
+           KM_ERROR_INVALID_TAG);
     if (data_began_) {
       return;
     }
-    if (data.size > kMaxAssociated) {
-      Fail(KM_ERROR_INVALID_INPUT_LENGTH);
-    }
+    FailIf(data.size > kMaxAssociated, KM_ERROR_INVALID_INPUT_LENGTH);
     int ignored = 0;
     RequireCrypto(data.size == 0 || EVP_CipherUpdate(ctx_.get(), nullptr, &ignored, data.data,
                                                      static_cast<int>(data.size)) == 1);
@@ -48,14 +45,10 @@ class GcmOperation : public Operation {
     uint8_t none[EVP_MAX_BLOCK_LENGTH];
     int size = 0;
     if (!encrypts_) {
-      if (held_.size() < tag_size_) {
-        Fail(KM_ERROR_INVALID_INPUT_LENGTH);
-      }
+      FailIf(held_.size() < tag_size_, KM_ERROR_INVALID_INPUT_LENGTH);
       RequireCrypto(
           EVP_CIPHER_CTX_ctrl(ctx_.get(), EVP_CTRL_AEAD_SET_TAG, tag_size, held_.data()) == 1);
-      if (EVP_CipherFinal_ex(ctx_.get(), none, &size) != 1) {
-        Fail(KM_ERROR_VERIFICATION_FAILED);
-      }
+      FailIf(EVP_CipherFinal_ex(ctx_.get(), none, &size) != 1, KM_ERROR_VERIFICATION_FAILED);
       return;
     }
     const size_t before = output->size();
@@ -80,9 +73,7 @@ class GcmOperation : public Operation {
 
 OperationPtr MakeGcmOperation(const OperationRequest& request) {
   const bool encrypts = request.purpose == KM_PURPOSE_ENCRYPT;
-  if (Choose(request, KM_TAG_PADDING) != KM_PAD_NONE) {
-    Fail(KM_ERROR_INCOMPATIBLE_PADDING_MODE);
-  }
+  FailIf(Choose(request, KM_TAG_PADDING) != KM_PAD_NONE, KM_ERROR_INCOMPATIBLE_PADDING_MODE);
   const size_t tag_size = ChooseMacSize(request, 96, 128);
   const Bytes nonce = ChooseNonce(request, kNonceSize);
   return std::make_unique<GcmOperation>(StartCipher(CipherOf(*request.key, KM_MODE_GCM),

@@ -28,12 +28,9 @@ class HmacOperation : public Operation {
     if (signs_) {
       return AppendBytes(output, ByteView(mac.data(), mac_size_));
     }
-    if (signature.size < mac_size_) {
-      Fail(KM_ERROR_INVALID_MAC_LENGTH);
-    }
-    if (signature.size > size || CRYPTO_memcmp(signature.data, mac.data(), signature.size) != 0) {
-      Fail(KM_ERROR_VERIFICATION_FAILED);
-    }
+    FailIf(signature.size < mac_size_, KM_ERROR_INVALID_MAC_LENGTH);
+    FailIf(signature.size > size || CRYPTO_memcmp(signature.data, mac.data(), signature.size) != 0,
+           KM_ERROR_VERIFICATION_FAILED);
   }
 
  private:
@@ -52,9 +49,7 @@ OperationPtr MakeHmacOperation(const OperationRequest& request) {
       request.params.Contains(KM_TAG_DIGEST)
           ? Choose(request, KM_TAG_DIGEST)
           : static_cast<uint32_t>(allowed.Value(KM_TAG_DIGEST).value_or(KM_DIGEST_NONE)));
-  if (md == nullptr) {
-    Fail(KM_ERROR_UNSUPPORTED_DIGEST);
-  }
+  FailIf(md == nullptr, KM_ERROR_UNSUPPORTED_DIGEST);
   const uint64_t bits = static_cast<uint64_t>(EVP_MD_size(md)) * 8;
   const size_t size = signs ? ChooseMacSize(request, 0, bits)
                             : allowed.Value(KM_TAG_MIN_MAC_LENGTH).value_or(bits) / 8;

@@ -77,19 +77,16 @@ void GetHmacSharingParameters(uint32_t, TaParam params[4]) {
   const bool fits = params[0].size >= kSharingSeedSize && params[1].size >= kSharingNonceSize;
   params[0].size = kSharingSeedSize;
   params[1].size = kSharingNonceSize;
-  if (!fits) {
-    Fail(TEEC_ERROR_SHORT_BUFFER);
-  }
+  FailIf(!fits, TEEC_ERROR_SHORT_BUFFER);
   std::copy_n(own.begin(), kSharingSeedSize, params[0].buffer);
   std::copy_n(own.begin() + kSharingSeedSize, kSharingNonceSize, params[1].buffer);
 }
 
 void ComputeSharedHmac(uint32_t, TaParam params[4]) {
   const ByteView all = InputOf(params[0]);
-  if (all.size % kSharingParametersSize != 0 ||
-      !ContainsOwn(all, OwnParameters(UpdateBootState()))) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(
+      all.size % kSharingParametersSize != 0 || !ContainsOwn(all, OwnParameters(UpdateBootState())),
+      KM_ERROR_INVALID_ARGUMENT);
   const SecureBytes key = DeriveSharedKey(all);
   const ByteView message(reinterpret_cast<const uint8_t*>(kCheckMessage),
                          sizeof(kCheckMessage) - 1);

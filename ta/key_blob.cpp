@@ -75,10 +75,9 @@ bool DecodeKey(ByteView encoded, Key* key) {
 
 // Opens the seal, whoever the blob is bound to. What comes out is long enough for id and binding.
 SecureBytes Unseal(ByteView blob) {
-  if (blob.size < kHeaderSize + kKeyIdSize + kBindingSize + kTagSize || blob.size > kMaxBlob ||
-      blob.data[0] != kVersion) {
-    Fail(KM_ERROR_INVALID_KEY_BLOB);
-  }
+  FailIf(blob.size < kHeaderSize + kKeyIdSize + kBindingSize + kTagSize || blob.size > kMaxBlob ||
+             blob.data[0] != kVersion,
+         KM_ERROR_INVALID_KEY_BLOB);
   const size_t size = blob.size - kHeaderSize - kTagSize;
   const uint8_t* const sealed = blob.data + kHeaderSize;
   Bytes tag(sealed + size, sealed + size + kTagSize);
@@ -86,10 +85,9 @@ SecureBytes Unseal(ByteView blob) {
   const CipherCtxPtr ctx = StartGcm(blob.data + 1, false);
   FeedCipher(ctx.get(), {sealed, size}, &content);
   int last = 0;
-  if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_AEAD_SET_TAG, kTagSize, tag.data()) != 1 ||
-      EVP_DecryptFinal_ex(ctx.get(), content.data() + size, &last) != 1) {
-    Fail(KM_ERROR_INVALID_KEY_BLOB);
-  }
+  FailIf(EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_AEAD_SET_TAG, kTagSize, tag.data()) != 1 ||
+             EVP_DecryptFinal_ex(ctx.get(), content.data() + size, &last) != 1,
+         KM_ERROR_INVALID_KEY_BLOB);
   return content;
 }
 
@@ -122,10 +120,10 @@ Key OpenKeyBlob(ByteView blob, const ParamSet& params) {
   const size_t bound = kKeyIdSize + kBindingSize;
   Key key;
   key.id.assign(content.data(), binding);
-  if (CRYPTO_memcmp(binding, BindingOf(params).data(), kBindingSize) != 0 ||
-      !DecodeKey({content.data() + bound, content.size() - bound}, &key) || IsKeyDeleted(key.id)) {
-    Fail(KM_ERROR_INVALID_KEY_BLOB);
-  }
+  FailIf(CRYPTO_memcmp(binding, BindingOf(params).data(), kBindingSize) != 0 ||
+             !DecodeKey({content.data() + bound, content.size() - bound}, &key) ||
+             IsKeyDeleted(key.id),
+         KM_ERROR_INVALID_KEY_BLOB);
   return key;
 }
 
@@ -148,12 +146,8 @@ int VersionOrder(const Key& key) {
 Key OpenCurrentKey(ByteView blob, const ParamSet& params) {
   Key key = OpenKeyBlob(blob, params);
   const int order = VersionOrder(key);
-  if (order > 0) {
-    Fail(KM_ERROR_INVALID_KEY_BLOB);
-  }
-  if (order < 0) {
-    Fail(KM_ERROR_KEY_REQUIRES_UPGRADE);
-  }
+  FailIf(order > 0, KM_ERROR_INVALID_KEY_BLOB);
+  FailIf(order < 0, KM_ERROR_KEY_REQUIRES_UPGRADE);
   return key;
 }
 

@@ -14,17 +14,14 @@ uint32_t OriginOfImport(const TaParam& param) {
   constexpr uint32_t kOrigins[] = {KM_ORIGIN_GENERATED, KM_ORIGIN_IMPORTED,
                                    KM_ORIGIN_SECURELY_IMPORTED};
   const size_t type = param.size == 0 ? 1 : param.buffer[0];
-  if (type >= std::size(kOrigins)) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(type >= std::size(kOrigins), KM_ERROR_INVALID_ARGUMENT);
   return kOrigins[type];
 }
 
 void CheckNewKey(const ParamSet& description) {
   CheckKeyDescription(description);
-  if (description.IsTrue(KM_TAG_EARLY_BOOT_ONLY) && EarlyBootHasEnded()) {
-    Fail(KM_ERROR_EARLY_BOOT_ENDED);
-  }
+  FailIf(description.IsTrue(KM_TAG_EARLY_BOOT_ONLY) && EarlyBootHasEnded(),
+         KM_ERROR_EARLY_BOOT_ENDED);
 }
 
 void ReplyCharacteristics(const Key& key, TaParam* output) {
@@ -61,9 +58,8 @@ void ImportKey(uint32_t types, TaParam params[4]) {
   CheckNewKey(description);
   Key key = ImportMaterial(InputOf(params[1]), &description);
   // Only RSA keys are generated outside; of others nobody may claim that the TA made them.
-  if (origin == KM_ORIGIN_GENERATED && key.algorithm != KM_ALGORITHM_RSA) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(origin == KM_ORIGIN_GENERATED && key.algorithm != KM_ALGORITHM_RSA,
+         KM_ERROR_INVALID_ARGUMENT);
   key.origin = origin;
   ReplyNewKey(description, &key, &params[2], &params[3]);
 }
@@ -82,9 +78,7 @@ void UpgradeKey(uint32_t types, TaParam params[4]) {
   const ParamSet request = RequestOf(types, params, 1);
   Key key = OpenKeyBlob(InputOf(params[0]), request);
   const int order = VersionOrder(key);
-  if (order > 0) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(order > 0, KM_ERROR_INVALID_ARGUMENT);
   if (order == 0) {
     return Reply(ByteView(), &params[2]);
   }

@@ -79,19 +79,14 @@ constexpr Curve kCurves[] = {
 
 void CheckMinMacLength(const ParamSet& description, uint32_t least, uint32_t most) {
   const std::optional<uint64_t> length = description.Value(KM_TAG_MIN_MAC_LENGTH);
-  if (!length) {
-    Fail(KM_ERROR_MISSING_MIN_MAC_LENGTH);
-  }
-  if (*length < least || *length > most || *length % 8 != 0) {
-    Fail(KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH);
-  }
+  FailIf(!length, KM_ERROR_MISSING_MIN_MAC_LENGTH);
+  FailIf(*length < least || *length > most || *length % 8 != 0,
+         KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH);
 }
 
 void CheckHmac(const ParamSet& description) {
   constexpr uint32_t kDigestBits[] = {0, 0, 160, 224, 256, 384, 512};
-  if (description.Count(KM_TAG_DIGEST) != 1) {
-    Fail(KM_ERROR_UNSUPPORTED_DIGEST);
-  }
+  FailIf(description.Count(KM_TAG_DIGEST) != 1, KM_ERROR_UNSUPPORTED_DIGEST);
   CheckMinMacLength(description, 64, kDigestBits[*description.Value(KM_TAG_DIGEST)]);
 }
 
@@ -154,9 +149,7 @@ uint64_t WallClockMillis() {
 
 void CheckKeyDescription(const ParamSet& description) {
   const uint64_t algorithm = description.Value(KM_TAG_ALGORITHM).value_or(0);
-  if (!IsAlgorithm(algorithm)) {
-    Fail(KM_ERROR_UNSUPPORTED_ALGORITHM);
-  }
+  FailIf(!IsAlgorithm(algorithm), KM_ERROR_UNSUPPORTED_ALGORITHM);
   constexpr std::pair<keymaster_tag_t, keymaster_error_t> kChecks[] = {
       {KM_TAG_PURPOSE, KM_ERROR_UNSUPPORTED_PURPOSE},
       {KM_TAG_DIGEST, KM_ERROR_UNSUPPORTED_DIGEST},
@@ -165,15 +158,12 @@ void CheckKeyDescription(const ParamSet& description) {
   };
   for (const auto& [tag, error] : kChecks) {
     for (const Param& param : description) {
-      if (param.tag == static_cast<uint32_t>(tag) && !Knows(algorithm, tag, param.value)) {
-        Fail(error);
-      }
+      FailIf(param.tag == static_cast<uint32_t>(tag) && !Knows(algorithm, tag, param.value), error);
     }
   }
-  if (description.Contains(static_cast<uint32_t>(KM_TAG_USER_SECURE_ID)) &&
-      description.IsTrue(KM_TAG_NO_AUTH_REQUIRED)) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(description.Contains(static_cast<uint32_t>(KM_TAG_USER_SECURE_ID)) &&
+             description.IsTrue(KM_TAG_NO_AUTH_REQUIRED),
+         KM_ERROR_INVALID_ARGUMENT);
   if (algorithm == KM_ALGORITHM_HMAC) {
     CheckHmac(description);
   }
@@ -183,17 +173,14 @@ void CheckKeyDescription(const ParamSet& description) {
 }
 
 void CheckKeySize(uint32_t algorithm, uint32_t key_size) {
-  if (!IsAlgorithm(algorithm)) {
-    Fail(KM_ERROR_UNSUPPORTED_ALGORITHM);
-  }
+  FailIf(!IsAlgorithm(algorithm), KM_ERROR_UNSUPPORTED_ALGORITHM);
   for (const auto& row : kSizes) {
     if (row.algorithm != algorithm) {
       continue;
     }
-    if (key_size < row.min || key_size > row.max || key_size % row.step != 0 ||
-        (algorithm == KM_ALGORITHM_EC && CurveBySize(key_size) == nullptr)) {
-      Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
-    }
+    FailIf(key_size < row.min || key_size > row.max || key_size % row.step != 0 ||
+               (algorithm == KM_ALGORITHM_EC && CurveBySize(key_size) == nullptr),
+           KM_ERROR_UNSUPPORTED_KEY_SIZE);
   }
 }
 

@@ -27,16 +27,10 @@ void SetCurve(const Curve& curve, Key* key) {
 const Curve& ChooseCurve(const ParamSet& description) {
   const std::optional<uint64_t> id = description.Value(KM_TAG_EC_CURVE);
   const std::optional<uint64_t> size = description.Value(KM_TAG_KEY_SIZE);
-  if (!id && !size) {
-    Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
-  }
+  FailIf(!id && !size, KM_ERROR_UNSUPPORTED_KEY_SIZE);
   const Curve* curve = id ? CurveById(*id) : CurveBySize(*size);
-  if (curve == nullptr) {
-    Fail(id ? KM_ERROR_UNSUPPORTED_EC_CURVE : KM_ERROR_UNSUPPORTED_KEY_SIZE);
-  }
-  if (size && *size != curve->key_size) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(curve == nullptr, id ? KM_ERROR_UNSUPPORTED_EC_CURVE : KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  FailIf(size && *size != curve->key_size, KM_ERROR_INVALID_ARGUMENT);
   return *curve;
 }
 
@@ -50,9 +44,7 @@ void GenerateEc(const ParamSet& description, Key* key) {
 
 void GenerateRsa(const ParamSet& description, Key* key) {
   const uint64_t exponent = description.Value(KM_TAG_RSA_PUBLIC_EXPONENT).value_or(0);
-  if (exponent < 3 || exponent % 2 == 0) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(exponent < 3 || exponent % 2 == 0, KM_ERROR_INVALID_ARGUMENT);
   const BnPtr e(BN_new());
   const RsaPtr rsa(RSA_new());
   RequireCrypto(e != nullptr && rsa != nullptr && BN_set_word(e.get(), exponent) == 1 &&
@@ -97,34 +89,26 @@ void ImportEc(ByteView material, Key* key) {
   ByteReader reader(material);
   uint32_t header[5];  // size, form of the point, lengths of X, Y and the scalar
   for (uint32_t& field : header) {
-    if (!reader.TakeU32(&field)) {
-      Fail(KM_ERROR_INVALID_ARGUMENT);
-    }
+    FailIf(!reader.TakeU32(&field), KM_ERROR_INVALID_ARGUMENT);
   }
   const Curve* curve = CurveBySize(header[0]);
-  if (curve == nullptr) {
-    Fail(KM_ERROR_UNSUPPORTED_EC_CURVE);
-  }
+  FailIf(curve == nullptr, KM_ERROR_UNSUPPORTED_EC_CURVE);
   const size_t width = (curve->key_size + 7) / 8;
   SecureBytes point = {POINT_CONVERSION_UNCOMPRESSED};
   SecureBytes scalar;
-  if (!TakePadded(&reader, header[2], width, &point) ||
-      !TakePadded(&reader, header[3], width, &point) ||
-      !TakePadded(&reader, header[4], width, &scalar) || reader.remaining() != 0) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(!TakePadded(&reader, header[2], width, &point) ||
+             !TakePadded(&reader, header[3], width, &point) ||
+             !TakePadded(&reader, header[4], width, &scalar) || reader.remaining() != 0,
+         KM_ERROR_INVALID_ARGUMENT);
   key->pkey = MakeEcPkey(*curve, point, scalar);
-  if (key->pkey == nullptr) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(key->pkey == nullptr, KM_ERROR_INVALID_ARGUMENT);
   SetCurve(*curve, key);
 }
 
 void ImportSymmetric(ByteView material, Key* key) {
   const bool triple_des = key->algorithm == KM_ALGORITHM_TRIPLE_DES;
-  if (material.size == 0 || material.size > 64 || (triple_des && material.size != 24)) {
-    Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
-  }
+  FailIf(material.size == 0 || material.size > 64 || (triple_des && material.size != 24),
+         KM_ERROR_UNSUPPORTED_KEY_SIZE);
   key->key_size = triple_des ? 168 : static_cast<uint32_t>(material.size * 8);
   key->symmetric.assign(material.begin(), material.end());
 }
@@ -135,9 +119,7 @@ void Reconcile(uint32_t tag, uint64_t actual, ParamSet* description) {
   if (!described) {
     description->Add(tag, actual);
   }
-  if (described && *described != actual) {
-    Fail(KM_ERROR_IMPORT_PARAMETER_MISMATCH);
-  }
+  FailIf(described && *described != actual, KM_ERROR_IMPORT_PARAMETER_MISMATCH);
 }
 
 }  // namespace
@@ -190,9 +172,7 @@ Key ImportMaterial(ByteView material, ParamSet* description) {
 }
 
 Bytes ExportPublicKey(const Key& key) {
-  if (!IsAsymmetric(key.algorithm)) {
-    Fail(KM_ERROR_UNSUPPORTED_KEY_FORMAT);
-  }
+  FailIf(!IsAsymmetric(key.algorithm), KM_ERROR_UNSUPPORTED_KEY_FORMAT);
   Bytes out;
   Bytes first, second;
   if (key.algorithm == KM_ALGORITHM_RSA) {

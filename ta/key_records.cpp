@@ -72,13 +72,10 @@ void CountUse(const Key& key) {
   const std::string name = RecordName("usage_", key.id);
   const uint64_t now = MillisSinceBoot();
   Usage usage = ReadUsage(name, boot);
-  if (min_seconds != nullptr && usage.count != 0 &&
-      now - usage.last_use < min_seconds->value * 1000) {
-    Fail(KM_ERROR_KEY_RATE_LIMIT_EXCEEDED);
-  }
-  if (max_uses != nullptr && usage.count >= max_uses->value) {
-    Fail(KM_ERROR_KEY_MAX_OPS_EXCEEDED);
-  }
+  FailIf(min_seconds != nullptr && usage.count != 0 &&
+             now - usage.last_use < min_seconds->value * 1000,
+         KM_ERROR_KEY_RATE_LIMIT_EXCEEDED);
+  FailIf(max_uses != nullptr && usage.count >= max_uses->value, KM_ERROR_KEY_MAX_OPS_EXCEEDED);
   ++usage.count;
   usage.last_use = now;
   WriteUsage(name, boot, usage);

@@ -39,9 +39,7 @@ void SplitFinishInput(ByteView packed, ByteView* input, ByteView* signature) {
            reader.TakeBytes(size, out);
   };
   const bool split = take_item(kInputMarker, input) && take_item(kSignatureMarker, signature);
-  if (packed.size != 0 && (!split || reader.remaining() != 0)) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(packed.size != 0 && (!split || reader.remaining() != 0), KM_ERROR_INVALID_ARGUMENT);
 }
 
 // Ends an operation when it goes out of scope, unless it is to go on.
@@ -69,17 +67,11 @@ class OperationEnder {
 // with them unless it is to go on.
 struct HeldOperation {
   explicit HeldOperation(ByteView handle_bytes) {
-    if (!ByteReader(handle_bytes).TakeU64(&handle)) {
-      Fail(TEEC_ERROR_BAD_PARAMETERS);
-    }
+    FailIf(!ByteReader(handle_bytes).TakeU64(&handle), TEEC_ERROR_BAD_PARAMETERS);
     running = OperationTable::Instance().Find(handle);
-    if (running == nullptr) {
-      Fail(KM_ERROR_INVALID_OPERATION_HANDLE);
-    }
+    FailIf(running == nullptr, KM_ERROR_INVALID_OPERATION_HANDLE);
     guard = std::unique_lock<std::mutex>(running->mutex);
-    if (running->operation == nullptr) {
-      Fail(KM_ERROR_INVALID_OPERATION_HANDLE);
-    }
+    FailIf(running->operation == nullptr, KM_ERROR_INVALID_OPERATION_HANDLE);
     ender.emplace(handle, running.get());
   }
 
@@ -102,9 +94,7 @@ void Feed(const HeldOperation& held, const ParamSet& params, ByteView input) {
   if (input.size == 0) {
     return;
   }
-  if (running->pending.size() > kMaxPending) {
-    Fail(KM_ERROR_INSUFFICIENT_BUFFER_SPACE);
-  }
+  FailIf(running->pending.size() > kMaxPending, KM_ERROR_INSUFFICIENT_BUFFER_SPACE);
   running->operation->Update(input, &running->pending);
 }
 
@@ -132,9 +122,7 @@ void BeginOperation(uint32_t types, TaParam params[4]) {
   running->operation = MakerOf(key.algorithm, purpose)({purpose, request, &key, &out_params});
   Reply(out_params.empty() ? Bytes() : Serialize({&out_params}), &params[2]);
   uint64_t handle = 0;
-  if (!OperationTable::Instance().Add(running, &handle)) {
-    Fail(KM_ERROR_TOO_MANY_OPERATIONS);
-  }
+  FailIf(!OperationTable::Instance().Add(running, &handle), KM_ERROR_TOO_MANY_OPERATIONS);
   OperationEnder ender(handle, running.get());
   if (!UsesPublicKey(purpose, key)) {
     CountUse(key);
@@ -167,9 +155,7 @@ void FinishOperation(uint32_t types, TaParam params[4]) {
 }
 
 void AbortOperation(uint32_t, TaParam params[4]) {
-  if (params[0].size != sizeof(uint64_t)) {
-    Fail(TEEC_ERROR_BAD_PARAMETERS);
-  }
+  FailIf(params[0].size != sizeof(uint64_t), TEEC_ERROR_BAD_PARAMETERS);
   const HeldOperation held(InputOf(params[0]));
 }
 

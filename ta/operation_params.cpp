@@ -18,30 +18,21 @@ uint32_t Choose(const OperationRequest& request, keymaster_tag_t tag) {
   };
   const auto* const choice = std::find_if(std::begin(kChoices), std::end(kChoices),
                                           [tag](const auto& row) { return row.tag == tag; });
-  if (request.params.Count(tag) != 1) {
-    Fail(choice->unsupported);
-  }
+  FailIf(request.params.Count(tag) != 1, choice->unsupported);
   const uint64_t value = *request.params.Value(tag);
-  if (!request.key->Authorizes(tag, value)) {
-    Fail(choice->incompatible);
-  }
+  FailIf(!request.key->Authorizes(tag, value), choice->incompatible);
   return static_cast<uint32_t>(value);
 }
 
 Bytes ChooseNonce(const OperationRequest& request, size_t size) {
   const bool encrypts = request.purpose == KM_PURPOSE_ENCRYPT;
   if (const Param* given = request.params.Find(KM_TAG_NONCE); given != nullptr) {
-    if (encrypts && !request.key->hw_enforced.IsTrue(KM_TAG_CALLER_NONCE)) {
-      Fail(KM_ERROR_CALLER_NONCE_PROHIBITED);
-    }
-    if (given->bytes.size() != size) {
-      Fail(KM_ERROR_INVALID_NONCE);
-    }
+    FailIf(encrypts && !request.key->hw_enforced.IsTrue(KM_TAG_CALLER_NONCE),
+           KM_ERROR_CALLER_NONCE_PROHIBITED);
+    FailIf(given->bytes.size() != size, KM_ERROR_INVALID_NONCE);
     return given->bytes;
   }
-  if (!encrypts) {
-    Fail(KM_ERROR_MISSING_NONCE);
-  }
+  FailIf(!encrypts, KM_ERROR_MISSING_NONCE);
   Bytes nonce(size);
   FillRandom(nonce.data(), size);
   request.out_params->AddBytes(KM_TAG_NONCE, nonce);
@@ -50,15 +41,10 @@ Bytes ChooseNonce(const OperationRequest& request, size_t size) {
 
 size_t ChooseMacSize(const OperationRequest& request, uint64_t least, uint64_t most) {
   const std::optional<uint64_t> bits = request.params.Value(KM_TAG_MAC_LENGTH);
-  if (!bits) {
-    Fail(KM_ERROR_MISSING_MAC_LENGTH);
-  }
-  if (*bits < least || *bits > most || *bits % 8 != 0) {
-    Fail(KM_ERROR_UNSUPPORTED_MAC_LENGTH);
-  }
-  if (*bits < request.key->hw_enforced.Value(KM_TAG_MIN_MAC_LENGTH).value_or(most)) {
-    Fail(KM_ERROR_INVALID_MAC_LENGTH);
-  }
+  FailIf(!bits, KM_ERROR_MISSING_MAC_LENGTH);
+  FailIf(*bits < least || *bits > most || *bits % 8 != 0, KM_ERROR_UNSUPPORTED_MAC_LENGTH);
+  FailIf(*bits < request.key->hw_enforced.Value(KM_TAG_MIN_MAC_LENGTH).value_or(most),
+         KM_ERROR_INVALID_MAC_LENGTH);
   return *bits / 8;
 }
 

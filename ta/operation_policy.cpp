@@ -14,12 +14,10 @@ bool UnwrapsTransitKey(uint32_t purpose, const Key& key, const ParamSet& params)
 }
 
 void CheckPurpose(uint32_t purpose, const Key& key, const ParamSet& params) {
-  if (purpose > KM_PURPOSE_VERIFY || !HasPurpose(key.algorithm, purpose)) {
-    Fail(KM_ERROR_UNSUPPORTED_PURPOSE);
-  }
-  if (!key.Authorizes(KM_TAG_PURPOSE, purpose) && !UnwrapsTransitKey(purpose, key, params)) {
-    Fail(KM_ERROR_INCOMPATIBLE_PURPOSE);
-  }
+  FailIf(purpose > KM_PURPOSE_VERIFY || !HasPurpose(key.algorithm, purpose),
+         KM_ERROR_UNSUPPORTED_PURPOSE);
+  FailIf(!key.Authorizes(KM_TAG_PURPOSE, purpose) && !UnwrapsTransitKey(purpose, key, params),
+         KM_ERROR_INCOMPATIBLE_PURPOSE);
 }
 
 void CheckDates(uint32_t purpose, const Key& key) {
@@ -28,12 +26,8 @@ void CheckDates(uint32_t purpose, const Key& key) {
   const Param* active = key.Find(KM_TAG_ACTIVE_DATETIME);
   const Param* expires =
       key.Find(originates ? KM_TAG_ORIGINATION_EXPIRE_DATETIME : KM_TAG_USAGE_EXPIRE_DATETIME);
-  if (active != nullptr && now < active->value) {
-    Fail(KM_ERROR_KEY_NOT_YET_VALID);
-  }
-  if (expires != nullptr && now > expires->value) {
-    Fail(KM_ERROR_KEY_EXPIRED);
-  }
+  FailIf(active != nullptr && now < active->value, KM_ERROR_KEY_NOT_YET_VALID);
+  FailIf(expires != nullptr && now > expires->value, KM_ERROR_KEY_EXPIRED);
 }
 
 // Demands that this TA cannot meet: nothing here sees the boot loader, a button or a dialogue.
@@ -48,9 +42,7 @@ void CheckUnmeetableDemands(const Key& key) {
       {KM_TAG_TRUSTED_CONFIRMATION_REQUIRED, KM_ERROR_NO_USER_CONFIRMATION},
   };
   for (const auto& demand : kDemands) {
-    if (key.hw_enforced.IsTrue(static_cast<uint32_t>(demand.tag))) {
-      Fail(demand.error);
-    }
+    FailIf(key.hw_enforced.IsTrue(static_cast<uint32_t>(demand.tag)), demand.error);
   }
 }
 
@@ -65,12 +57,10 @@ bool TokenOf(const ParamSet& params, AuthToken* token) {
 }
 
 void CheckDeviceState(const Key& key, const AuthToken* token) {
-  if (key.hw_enforced.IsTrue(KM_TAG_EARLY_BOOT_ONLY) && EarlyBootHasEnded()) {
-    Fail(KM_ERROR_EARLY_BOOT_ENDED);
-  }
-  if (key.hw_enforced.IsTrue(KM_TAG_UNLOCKED_DEVICE_REQUIRED) && !DeviceUnlockedFor(token)) {
-    Fail(KM_ERROR_DEVICE_LOCKED);
-  }
+  FailIf(key.hw_enforced.IsTrue(KM_TAG_EARLY_BOOT_ONLY) && EarlyBootHasEnded(),
+         KM_ERROR_EARLY_BOOT_ENDED);
+  FailIf(key.hw_enforced.IsTrue(KM_TAG_UNLOCKED_DEVICE_REQUIRED) && !DeviceUnlockedFor(token),
+         KM_ERROR_DEVICE_LOCKED);
 }
 
 void CheckTimedUser(const Key& key, const AuthToken* token) {
@@ -78,10 +68,9 @@ void CheckTimedUser(const Key& key, const AuthToken* token) {
   if (!NeedsUser(key.hw_enforced) || !timeout) {
     return;
   }
-  if (token == nullptr || !AuthTokenSatisfies(*token, key.hw_enforced) ||
-      !AuthTokenFresh(*token, static_cast<uint32_t>(*timeout))) {
-    Fail(KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
-  }
+  FailIf(token == nullptr || !AuthTokenSatisfies(*token, key.hw_enforced) ||
+             !AuthTokenFresh(*token, static_cast<uint32_t>(*timeout)),
+         KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
 }
 
 }  // namespace
@@ -111,10 +100,9 @@ bool NeedsTokenPerOperation(uint32_t purpose, const Key& key) {
 
 void AuthorizeContinuation(uint64_t handle, const ParamSet& demands, const ParamSet& params) {
   AuthToken token;
-  if (!TokenOf(params, &token) || token.challenge != handle ||
-      !AuthTokenSatisfies(token, demands)) {
-    Fail(KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
-  }
+  FailIf(
+      !TokenOf(params, &token) || token.challenge != handle || !AuthTokenSatisfies(token, demands),
+      KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
 }
 
 }  // namespace ta

@@ -41,6 +41,14 @@ TEEC_Result NoteFailure(TEEC_Result code, const char* function = __builtin_FUNCT
                        uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
 [[noreturn]] void Fail(keymaster_error_t code, const char* function = __builtin_FUNCTION(),
                        uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
+// FailIf fails if the condition holds.
+template <typename Code>
+void FailIf(bool condition, Code code, const char* function = __builtin_FUNCTION(),
+            uint32_t line = static_cast<uint32_t>(__builtin_LINE())) {
+  if (condition) {
+    Fail(code, function, line);
+  }
+}
 
 // InputOf views an input reference's bytes.
 inline ByteView InputOf(const TaParam& param) { return ByteView(param.buffer, param.size); }

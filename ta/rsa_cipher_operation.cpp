@@ -16,9 +16,7 @@ class RsaCipherOperation : public Operation {
         pkey_(std::move(request.key->pkey)) {}
 
   void Update(ByteView input, SecureBytes*) override {
-    if (input.size > key_bytes_ - data_.size()) {
-      Fail(KM_ERROR_INVALID_INPUT_LENGTH);
-    }
+    FailIf(input.size > key_bytes_ - data_.size(), KM_ERROR_INVALID_INPUT_LENGTH);
     AppendBytes(&data_, input);
   }
 
@@ -32,9 +30,8 @@ class RsaCipherOperation : public Operation {
     size_t size = 0;
     RequireCrypto(run(ctx.get(), nullptr, &size, data_.data(), data_.size()) == 1);
     output->resize(before + size);
-    if (run(ctx.get(), output->data() + before, &size, data_.data(), data_.size()) != 1) {
-      Fail(FailureOfData());
-    }
+    FailIf(run(ctx.get(), output->data() + before, &size, data_.data(), data_.size()) != 1,
+           FailureOfData());
     output->resize(before + size);
   }
 
@@ -78,10 +75,9 @@ OperationPtr MakeRsaCipherOperation(const OperationRequest& request) {
   const EVP_MD* label_md = nullptr;
   if (padding == KM_PAD_RSA_OAEP) {
     label_md = DigestAlgorithm(Choose(request, KM_TAG_DIGEST));
-    if (label_md == nullptr ||
-        request.key->key_size / 8 < 2 * static_cast<size_t>(EVP_MD_size(label_md)) + 2) {
-      Fail(KM_ERROR_INCOMPATIBLE_DIGEST);
-    }
+    FailIf(label_md == nullptr ||
+               request.key->key_size / 8 < 2 * static_cast<size_t>(EVP_MD_size(label_md)) + 2,
+           KM_ERROR_INCOMPATIBLE_DIGEST);
   } else if (padding != KM_PAD_NONE && padding != KM_PAD_RSA_PKCS1_1_5_ENCRYPT) {
     Fail(KM_ERROR_UNSUPPORTED_PADDING_MODE);
   }

@@ -171,24 +171,18 @@ void ImportRsaMaterial(ByteView material, Key* key) {
   constexpr size_t kMaxMaterial = 4096;
   RsaNumbers rsa;
   RsaForm form = kCrtForm;
-  if (material.size > kMaxMaterial || !ReadNumbers(material, &rsa, &form)) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
-  if (BN_num_bits(rsa.n.get()) > 4096) {
-    Fail(KM_ERROR_UNSUPPORTED_KEY_SIZE);
-  }
-  if (!BN_is_odd(rsa.n.get()) || !BN_is_odd(rsa.e.get()) || BN_is_one(rsa.e.get()) ||
-      BN_num_bits(rsa.e.get()) > 64) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(material.size > kMaxMaterial || !ReadNumbers(material, &rsa, &form),
+         KM_ERROR_INVALID_ARGUMENT);
+  FailIf(BN_num_bits(rsa.n.get()) > 4096, KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  FailIf(!BN_is_odd(rsa.n.get()) || !BN_is_odd(rsa.e.get()) || BN_is_one(rsa.e.get()) ||
+             BN_num_bits(rsa.e.get()) > 64,
+         KM_ERROR_INVALID_ARGUMENT);
   const BnCtxPtr ctx(BN_CTX_new());
   RequireCrypto(ctx != nullptr);
   const bool complete = form == kCrtForm
                             ? CompleteCrt(&rsa, ctx.get())
                             : FindPrimes(&rsa, ctx.get()) && DeriveFromPrimes(&rsa, ctx.get());
-  if (!complete || !NumbersBelongTogether(rsa, ctx.get())) {
-    Fail(KM_ERROR_INVALID_ARGUMENT);
-  }
+  FailIf(!complete || !NumbersBelongTogether(rsa, ctx.get()), KM_ERROR_INVALID_ARGUMENT);
   key->pkey = PkeyOf(&rsa);
 }
 

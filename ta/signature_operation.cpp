@@ -37,9 +37,7 @@ class SignatureOperation : public Operation {
       return RequireCrypto(EVP_DigestUpdate(hash_.get(), input.data, input.size) == 1);
     }
     const size_t room = MaxBareData() - data_.size();
-    if (rsa_ && input.size > room) {
-      Fail(KM_ERROR_INVALID_INPUT_LENGTH);
-    }
+    FailIf(rsa_ && input.size > room, KM_ERROR_INVALID_INPUT_LENGTH);
     // ECDSA uses the leftmost bits of what is longer than its numbers.
     AppendBytes(&data_, ByteView(input.data, std::min(input.size, room)));
   }
@@ -86,18 +84,17 @@ class SignatureOperation : public Operation {
     const size_t before = output->size();
     output->resize(before + size);
     // Bare data that is a larger number than the modulus is the caller's fault.
-    if (EVP_PKEY_sign(ctx.get(), output->data() + before, &size, data_.data(), data_.size()) != 1) {
-      Fail(KM_ERROR_INVALID_ARGUMENT);
-    }
+    FailIf(
+        EVP_PKEY_sign(ctx.get(), output->data() + before, &size, data_.data(), data_.size()) != 1,
+        KM_ERROR_INVALID_ARGUMENT);
     output->resize(before + size);
   }
 
   void Verify(ByteView signature) const {
     const PkeyCtxPtr ctx = Start(EVP_PKEY_verify_init);
-    if (EVP_PKEY_verify(ctx.get(), signature.data, signature.size, data_.data(), data_.size()) !=
-        1) {
-      Fail(KM_ERROR_VERIFICATION_FAILED);
-    }
+    FailIf(
+        EVP_PKEY_verify(ctx.get(), signature.data, signature.size, data_.data(), data_.size()) != 1,
+        KM_ERROR_VERIFICATION_FAILED);
   }
 
   const bool rsa_;
@@ -125,9 +122,7 @@ void CheckRsaScheme(const Scheme& scheme, size_t key_bytes) {
     default:
       Fail(KM_ERROR_UNSUPPORTED_PADDING_MODE);
   }
-  if (!fits) {
-    Fail(KM_ERROR_INCOMPATIBLE_DIGEST);
-  }
+  FailIf(!fits, KM_ERROR_INCOMPATIBLE_DIGEST);
 }
 
 }  // namespace
