@@ -27,7 +27,9 @@ struct OwnedBlob : keymaster_blob_t {
 void Release(const keymaster_key_param_set_t& set) {
   for (size_t i = 0; i < set.length; ++i) {
     const keymaster_tag_type_t type = keymaster_tag_get_type(set.params[i].tag);
-    if (type == KM_BYTES || type == KM_BIGNUM) free(const_cast<uint8_t*>(set.params[i].blob.data));
+    if (type == KM_BYTES || type == KM_BIGNUM) {
+      free(const_cast<uint8_t*>(set.params[i].blob.data));
+    }
   }
   free(set.params);
 }
@@ -46,11 +48,15 @@ struct OwnedCharacteristics : keymaster_key_characteristics_t {
 // error here. The TEE's codes are told in the log, where they help.
 
 keymaster_error_t ToKeystore(const char* what, int32_t result) {
-  if (result == 0) return KM_ERROR_OK;
+  if (result == 0) {
+    return KM_ERROR_OK;
+  }
   const uint32_t code = static_cast<uint32_t>(result);
   const bool from_tee = code >= 0xFFFF0000u && code < 0xFFFFF000u;
   printf("%s refused: %s 0x%08x\n", what, from_tee ? "TEE result" : "keymaster error", code);
-  if (!from_tee) return static_cast<keymaster_error_t>(result);
+  if (!from_tee) {
+    return static_cast<keymaster_error_t>(result);
+  }
   return code == 0xFFFF000Cu ? KM_ERROR_MEMORY_ALLOCATION_FAILED
                              : KM_ERROR_SECURE_HW_COMMUNICATION_FAILED;
 }
@@ -74,7 +80,9 @@ keymaster_error_t MakeKey(keymaster::KeymasterTivasContext* context, keymaster_k
   const keymaster_key_param_set_t description = {params.data(), params.size()};
   OwnedCharacteristics characteristics;
   const int32_t result = context->TivasKmGenerateKey(&description, key, &characteristics);
-  if (result != 0) return ToKeystore("generate", result);
+  if (result != 0) {
+    return ToKeystore("generate", result);
+  }
   printf("key of %zu bytes, %zu characteristics\n", key->key_material_size,
          characteristics.hw_enforced.length + characteristics.sw_enforced.length);
   return KM_ERROR_OK;
@@ -88,22 +96,27 @@ keymaster_error_t Operate(keymaster::KeymasterTivasContext* context, keymaster_p
   const keymaster_key_param_set_t params = {&digest, 1};
   unsigned long operation = 0;
   int32_t result = context->TivasKmBegin(purpose, &key, &params, nullptr, &operation);
-  if (result != 0) return ToKeystore("begin", result);
+  if (result != 0) {
+    return ToKeystore("begin", result);
+  }
   unsigned long consumed = 0;
   result = context->TivasKmUpdate(operation, nullptr, &message, &consumed, nullptr, nullptr);
+  if (result == 0) {
+    result =
+        context->TivasKmFinish(operation, nullptr, nullptr, signature_in, nullptr, signature_out);
+  }
   if (result != 0) {
     // The TA may have ended the operation itself, so what abort says does not matter.
     context->TivasKmAbort(operation);
-    return ToKeystore("update", result);
   }
-  // An operation ends with its finish, whatever that answers.
-  return ToKeystore("finish", context->TivasKmFinish(operation, nullptr, nullptr, signature_in,
-                                                     nullptr, signature_out));
+  return ToKeystore("update or finish", result);
 }
 
 bool Serve(keymaster::KeymasterTivasContext* context) {
   OwnedKeyBlob key;
-  if (MakeKey(context, &key) != KM_ERROR_OK) return false;
+  if (MakeKey(context, &key) != KM_ERROR_OK) {
+    return false;
+  }
 
   const uint8_t text[] = {'o', 'f', ' ', 'a', ' ', 'c', 'l', 'i', 'e', 'n', 't'};
   const keymaster_blob_t message = {text, sizeof(text)};
@@ -112,7 +125,9 @@ bool Serve(keymaster::KeymasterTivasContext* context) {
     return false;
   }
   printf("signature ");
-  for (size_t i = 0; i < signature.data_length; ++i) printf("%02x", signature.data[i]);
+  for (size_t i = 0; i < signature.data_length; ++i) {
+    printf("%02x", signature.data[i]);
+  }
   printf("\n");
 
   const keymaster_blob_t other = {text, sizeof(text) - 1};
