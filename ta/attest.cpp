@@ -29,16 +29,6 @@ constexpr DeviceId kDeviceIds[] = {
     {KM_TAG_ATTESTATION_ID_MODEL, "Keymaster Host"},
 };
 
-// A host has no verified boot, and says so.
-RootOfTrust HostRootOfTrust() {
-  RootOfTrust root;
-  root.verified_boot_key.resize(32);
-  root.device_locked = false;
-  root.verified_boot_state = 2;
-  root.verified_boot_hash.resize(32);
-  return root;
-}
-
 // A key's own list without what only an attestation may add, and without the secure ids, which say
 // nothing to a relying party.
 ParamSet Attestable(ParamSet params) {
@@ -96,7 +86,7 @@ Bytes DescribeKey(const Key& key, const ParamSet& request) {
   ParamSet software_enforced = Attestable(key.sw_enforced);
   software_enforced.Add(*application);
   ParamSet tee_enforced = Attestable(key.hw_enforced);
-  tee_enforced.AddBytes(KM_TAG_ROOT_OF_TRUST, EncodeRootOfTrust(HostRootOfTrust()));
+  tee_enforced.AddBytes(KM_TAG_ROOT_OF_TRUST, HostRootOfTrust());
   FailIf(!AddDeviceIds(request, &tee_enforced), KM_ERROR_CANNOT_ATTEST_IDS);
   return EncodeKeyDescription(challenge->bytes, UniqueId(key, request), software_enforced,
                               tee_enforced);

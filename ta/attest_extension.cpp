@@ -6,6 +6,7 @@
 #include <set>
 
 #include "ta/evp.h"
+#include "ta/tags.h"
 
 namespace ta {
 namespace {
@@ -16,48 +17,6 @@ constexpr uint64_t kKeymasterVersion = 41;
 using IntegerPtr = std::unique_ptr<ASN1_INTEGER, CallFree<ASN1_INTEGER, ASN1_INTEGER_free>>;
 using EnumeratedPtr =
     std::unique_ptr<ASN1_ENUMERATED, CallFree<ASN1_ENUMERATED, ASN1_ENUMERATED_free>>;
-
-// The fields of an AuthorizationList, by rising tag number as DER wants them.
-constexpr keymaster_tag_t kListFields[] = {
-    KM_TAG_PURPOSE,
-    KM_TAG_ALGORITHM,
-    KM_TAG_KEY_SIZE,
-    KM_TAG_DIGEST,
-    KM_TAG_PADDING,
-    KM_TAG_EC_CURVE,
-    KM_TAG_RSA_PUBLIC_EXPONENT,
-    KM_TAG_ROLLBACK_RESISTANCE,
-    KM_TAG_EARLY_BOOT_ONLY,
-    KM_TAG_ACTIVE_DATETIME,
-    KM_TAG_ORIGINATION_EXPIRE_DATETIME,
-    KM_TAG_USAGE_EXPIRE_DATETIME,
-    KM_TAG_USER_SECURE_ID,
-    KM_TAG_NO_AUTH_REQUIRED,
-    KM_TAG_USER_AUTH_TYPE,
-    KM_TAG_AUTH_TIMEOUT,
-    KM_TAG_ALLOW_WHILE_ON_BODY,
-    KM_TAG_TRUSTED_USER_PRESENCE_REQUIRED,
-    KM_TAG_TRUSTED_CONFIRMATION_REQUIRED,
-    KM_TAG_UNLOCKED_DEVICE_REQUIRED,
-    KM_TAG_ALL_APPLICATIONS,
-    KM_TAG_CREATION_DATETIME,
-    KM_TAG_ORIGIN,
-    KM_TAG_ROOT_OF_TRUST,
-    KM_TAG_OS_VERSION,
-    KM_TAG_OS_PATCHLEVEL,
-    KM_TAG_ATTESTATION_APPLICATION_ID,
-    KM_TAG_ATTESTATION_ID_BRAND,
-    KM_TAG_ATTESTATION_ID_DEVICE,
-    KM_TAG_ATTESTATION_ID_PRODUCT,
-    KM_TAG_ATTESTATION_ID_SERIAL,
-    KM_TAG_ATTESTATION_ID_IMEI,
-    KM_TAG_ATTESTATION_ID_MEID,
-    KM_TAG_ATTESTATION_ID_MANUFACTURER,
-    KM_TAG_ATTESTATION_ID_MODEL,
-    KM_TAG_VENDOR_PATCHLEVEL,
-    KM_TAG_BOOT_PATCHLEVEL,
-    KM_TAG_IDENTITY_CREDENTIAL_KEY,
-};
 
 Bytes Element(int tag, int tag_class, bool constructed, ByteView content) {
   const int length = static_cast<int>(content.size);
@@ -149,20 +108,20 @@ Bytes FieldValue(const ParamSet& params, keymaster_tag_t tag) {
 
 }  // namespace
 
-Bytes EncodeRootOfTrust(const RootOfTrust& root) {
-  return Sequence({OctetString(root.verified_boot_key), Boolean(root.device_locked),
-                   Enumerated(root.verified_boot_state), OctetString(root.verified_boot_hash)});
+Bytes HostRootOfTrust() {
+  constexpr uint64_t kUnverified = 2;
+  const Bytes none(32);
+  return Sequence({OctetString(none), Boolean(false), Enumerated(kUnverified), OctetString(none)});
 }
 
 Bytes EncodeAuthorizationList(const ParamSet& params) {
   Bytes content;
-  for (const keymaster_tag_t tag : kListFields) {
-    const Bytes value = FieldValue(params, tag);
-    if (value.empty()) {
-      continue;
+  for (const KnownTag& row : kKnownTags) {
+    const Bytes value = row.is_attested ? FieldValue(params, row.tag) : Bytes();
+    if (!value.empty()) {
+      const auto number = static_cast<int>(keymaster_tag_mask_type(row.tag));
+      AppendBytes(&content, Element(number, V_ASN1_CONTEXT_SPECIFIC, true, value));
     }
-    const uint32_t number = keymaster_tag_mask_type(tag);
-    AppendBytes(&content, Element(static_cast<int>(number), V_ASN1_CONTEXT_SPECIFIC, true, value));
   }
   return Element(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, true, content);
 }

@@ -9,19 +9,12 @@ namespace ta {
 // The extension's object identifier.
 constexpr char kKeyDescriptionOid[] = "1.3.6.1.4.1.11129.2.1.17";
 
-// What a relying party learns about how the device booted.
-struct RootOfTrust {
-  Bytes verified_boot_key;  // 32 bytes
-  bool device_locked = false;
-  uint32_t verified_boot_state = 0;  // 0 verified, 1 self-signed, 2 unverified, 3 failed
-  Bytes verified_boot_hash;          // 32 bytes
-};
-
-// EncodeRootOfTrust writes a RootOfTrust, as KM_TAG_ROOT_OF_TRUST carries it.
-Bytes EncodeRootOfTrust(const RootOfTrust& root);
+// HostRootOfTrust is what KM_TAG_ROOT_OF_TRUST carries here: no key, unlocked, and, as a host has
+// no verified boot, unverified.
+Bytes HostRootOfTrust();
 
 // EncodeAuthorizationList writes the parameters that an AuthorizationList has a field for, and
-// leaves out the others. The bytes of KM_TAG_ROOT_OF_TRUST are those of EncodeRootOfTrust.
+// leaves out the others. The bytes of KM_TAG_ROOT_OF_TRUST are those of HostRootOfTrust.
 Bytes EncodeAuthorizationList(const ParamSet& params);
 
 // EncodeKeyDescription writes the extension's value; unique_id may be empty.

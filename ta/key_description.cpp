@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "ta/state.h"
+#include "ta/tags.h"
 
 namespace ta {
 namespace {
@@ -90,54 +91,6 @@ void CheckHmac(const ParamSet& description) {
   CheckMinMacLength(description, 64, kDigestBits[*description.Value(KM_TAG_DIGEST)]);
 }
 
-// Tags that the hardware-enforced list takes from a description; the TA adds origin and version.
-constexpr keymaster_tag_t kHardwareTags[] = {
-    KM_TAG_PURPOSE,
-    KM_TAG_ALGORITHM,
-    KM_TAG_KEY_SIZE,
-    KM_TAG_BLOCK_MODE,
-    KM_TAG_DIGEST,
-    KM_TAG_PADDING,
-    KM_TAG_CALLER_NONCE,
-    KM_TAG_MIN_MAC_LENGTH,
-    KM_TAG_EC_CURVE,
-    KM_TAG_RSA_PUBLIC_EXPONENT,
-    KM_TAG_INCLUDE_UNIQUE_ID,
-    KM_TAG_BLOB_USAGE_REQUIREMENTS,
-    KM_TAG_BOOTLOADER_ONLY,
-    KM_TAG_ROLLBACK_RESISTANCE,
-    KM_TAG_EARLY_BOOT_ONLY,
-    KM_TAG_MIN_SECONDS_BETWEEN_OPS,
-    KM_TAG_MAX_USES_PER_BOOT,
-    KM_TAG_USER_SECURE_ID,
-    KM_TAG_NO_AUTH_REQUIRED,
-    KM_TAG_USER_AUTH_TYPE,
-    KM_TAG_AUTH_TIMEOUT,
-    KM_TAG_TRUSTED_USER_PRESENCE_REQUIRED,
-    KM_TAG_TRUSTED_CONFIRMATION_REQUIRED,
-    KM_TAG_UNLOCKED_DEVICE_REQUIRED,
-    KM_TAG_IDENTITY_CREDENTIAL_KEY,
-    KM_TAG_STORAGE_KEY,
-};
-
-// What a TEE without a clock of its own, and without users, leaves to the system.
-constexpr keymaster_tag_t kSoftwareTags[] = {
-    KM_TAG_ACTIVE_DATETIME,
-    KM_TAG_ORIGINATION_EXPIRE_DATETIME,
-    KM_TAG_USAGE_EXPIRE_DATETIME,
-    KM_TAG_ALL_USERS,
-    KM_TAG_USER_ID,
-    KM_TAG_ALLOW_WHILE_ON_BODY,
-    KM_TAG_ALL_APPLICATIONS,
-    KM_TAG_EXPORTABLE,
-    KM_TAG_CREATION_DATETIME,
-};
-
-template <size_t N>
-bool Lists(const keymaster_tag_t (&tags)[N], uint32_t tag) {
-  return std::count(std::begin(tags), std::end(tags), static_cast<keymaster_tag_t>(tag)) != 0;
-}
-
 }  // namespace
 
 uint64_t WallClockMillis() {
@@ -208,11 +161,12 @@ const Curve* CurveBySize(uint64_t key_size) {
 
 void DescribeKey(const ParamSet& description, Key* key) {
   for (const Param& param : description) {
-    if (Lists(kHardwareTags, param.tag)) {
-      key->hw_enforced.Add(param);
-    }
-    if (Lists(kSoftwareTags, param.tag)) {
-      key->sw_enforced.Add(param);
+    const auto* const known = std::find_if(
+        std::begin(kKnownTags), std::end(kKnownTags),
+        [&param](const KnownTag& row) { return static_cast<uint32_t>(row.tag) == param.tag; });
+    const Home home = known == std::end(kKnownTags) ? Home::kNone : known->home;
+    if (home != Home::kNone) {
+      (home == Home::kHardware ? key->hw_enforced : key->sw_enforced).Add(param);
     }
   }
   if (!key->sw_enforced.Contains(KM_TAG_CREATION_DATETIME)) {

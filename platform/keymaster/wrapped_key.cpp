@@ -288,21 +288,14 @@ keymaster_error_t parse_wrapped_key(const TKeymasterBlob<keymaster_key_blob_t>& 
   keymaster_error_t error = KM_ERROR_INVALID_ARGUMENT;
   if (const Elements wrapper = ReadWrapper(wrapped_key); wrapper != nullptr) {
     error = ReadDescription(StringAt(wrapper, 3), auth_list, key_format);
-    if (error == KM_ERROR_OK) {
-      error = CopyBytes(StringAt(wrapper, 2), iv);
-    }
-    if (error == KM_ERROR_OK) {
-      error = CopyBytes(StringAt(wrapper, 1), transit_key);
-    }
-    if (error == KM_ERROR_OK) {
-      error = CopyBytes(StringAt(wrapper, 4), secure_key);
-    }
-    if (error == KM_ERROR_OK) {
-      error = CopyBytes(StringAt(wrapper, 5), tag);
-    }
-    if (error == KM_ERROR_OK) {
-      error = CopyBytes(StringAt(wrapper, 3), wrapped_key_description);
-    }
+    const auto copy = [&](int at, auto* to) {
+      error = error == KM_ERROR_OK ? CopyBytes(StringAt(wrapper, at), to) : error;
+    };
+    copy(2, iv);
+    copy(1, transit_key);
+    copy(4, secure_key);
+    copy(5, tag);
+    copy(3, wrapped_key_description);
   }
   ERR_pop_to_mark();
   if (error != KM_ERROR_OK) {
