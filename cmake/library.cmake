@@ -2,7 +2,6 @@
 add_library(keymaster41_ts SHARED
   context/attest.cpp
   context/authorization.cpp
-  context/caller_blob.cpp
   context/characteristics.cpp
   context/export.cpp
   context/finish.cpp
@@ -11,6 +10,7 @@ add_library(keymaster41_ts SHARED
   context/key_material.cpp
   context/lifecycle.cpp
   context/operation.cpp
+  context/reply.cpp
   context/serialized_params.cpp
   context/wrapped_import.cpp
   diag/fault_event.cpp

@@ -2,7 +2,8 @@
 
 #include <securec.h>
 
-#include "context/caller_blob.h"
+#include "context/reply.h"
+#include "context/serialized_params.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
 #include "wire/little_endian.h"
@@ -19,20 +20,24 @@ constexpr uint32_t kTokenTimestampAt = 8;
 constexpr uint32_t kTokenSecurityLevelAt = 24;
 constexpr uint32_t kTokenMacAt = 32;
 
-int32_t RefuseTokenCopy() {
+int32_t RejectTokenCopy() {
   KM_LOGE("%s : memcpy_s keyblob payload failed", kLogFailure);
   return KM_ERROR_UNKNOWN_ERROR;
 }
 
-// Stores the fields of a reply of kTokenSize bytes; parameters_verified stays as the caller set it.
-int32_t StoreToken(const uint8_t* reply, TsVerificationToken* token) {
+// Stores the fields of a token reply; parameters_verified stays as the caller set it.
+int32_t StoreToken(const Reply& reply, TsVerificationToken* token) {
+  ReplyReader reader;
+  if (!reply.Read(&reader) || reader.remaining() != kTokenSize) {
+    return KM_ERROR_VERIFICATION_FAILED;
+  }
   uint8_t work[kTokenSize] = {};
-  if (memcpy_s(work, sizeof(work), reply, kTokenSize) != 0) {
-    return RefuseTokenCopy();
+  if (memcpy_s(work, sizeof(work), reader.rest(), kTokenSize) != 0) {
+    return RejectTokenCopy();
   }
   uint8_t mac[sizeof(token->mac)];
   if (memcpy_s(mac, sizeof(mac), work + kTokenMacAt, sizeof(mac)) != 0) {
-    return RefuseTokenCopy();
+    return RejectTokenCopy();
   }
   token->security_level = GetU32(work + kTokenSecurityLevelAt);
   token->challenge = GetU64(work + kTokenChallengeAt);
@@ -57,32 +62,29 @@ int32_t KeymasterTivasContext::TivasVerifyAuthorization(
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   SecretBlob input;
-  if (BuildVerifyAuthInput(&challenge, auth_token, &input.blob) != KM_ERROR_OK) {
+  if (BuildVerifyAuthInput(&challenge, auth_token, input.blob()) != KM_ERROR_OK) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  ReplyBuffer params_reply(kReplyCapacity);
-  ReplyBuffer token_reply(kReplyCapacity);
+  Reply params_reply(kReplyCapacity);
+  Reply token_reply(kReplyCapacity);
   if (!params_reply.allocated() || !token_reply.allocated()) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  const auto input_length = static_cast<uint32_t>(input.blob.data_length);
+  const auto input_length = static_cast<uint32_t>(input.size());
   uint64_t token_length = token_reply.capacity();
   const uint32_t tee_result = TeeVerifyAuthorization(
-      params.data(), params.length(), input.blob.data, &input_length, params_reply.data(),
-      params_reply.length_in_out(), token_reply.data(), &token_length);
+      params.data(), params.length(), input.bytes(), &input_length, params_reply.buffer(),
+      params_reply.length_in_out(), token_reply.buffer(), &token_length);
   if (tee_result != 0) {
     KM_LOGE("%s : TeeVerifyAuthorization failed, ret=0x%x", kLogFailure, tee_result);
     return static_cast<int32_t>(tee_result);
   }
-  keymaster_key_param_set_t* verified = verification_token->parameters_verified;
-  if (verified != nullptr && params_reply.length() != 0 &&
-      BuildKeyParamSet(verified, params_reply.data(), params_reply.length()) != 0) {
+  // The transport stores a 32-bit size.
+  *token_reply.length_in_out() = static_cast<uint32_t>(token_length);
+  if (!DecodeOutParams(params_reply, verification_token->parameters_verified)) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  if (token_length != kTokenSize) {
-    return KM_ERROR_VERIFICATION_FAILED;
-  }
-  const int32_t result = StoreToken(token_reply.data(), verification_token);
+  const int32_t result = StoreToken(token_reply, verification_token);
   if (result != KM_ERROR_OK) {
     return result;
   }
@@ -135,18 +137,18 @@ int32_t KeymasterTivasContext::TivascomputeSharedHmac(unsigned char* sharing_par
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
   *sharing_check = keymaster_blob_t{};
-  ReplyBuffer reply(kReplyCapacity);
+  Reply reply(kReplyCapacity);
   if (!reply.allocated()) {
     KM_LOGE("%s : alloc keyblob payload failed", kLogFailure);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  const uint32_t tee_result =
-      TeecomputeSharedHmac(sharing_params, sharing_params_len, reply.data(), reply.length_in_out());
+  const uint32_t tee_result = TeecomputeSharedHmac(sharing_params, sharing_params_len,
+                                                   reply.buffer(), reply.length_in_out());
   if (tee_result != 0) {
     KM_LOGE("%s : TeecomputeSharedHmac failed, res=0x%x", kLogFailure, tee_result);
     return static_cast<int32_t>(tee_result);
   }
-  return CopyOutputData(sharing_check, reply.length(), reply.data());
+  return CopyOutputData(reply, sharing_check);
 }
 
 }  // namespace keymaster

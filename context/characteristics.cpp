@@ -2,7 +2,8 @@
 
 #include <utility>
 
-#include "context/caller_blob.h"
+#include "context/reply.h"
+#include "context/serialized_params.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
 #include "wire/log.h"
@@ -12,9 +13,9 @@ using namespace km41;
 namespace {
 
 // Copies the reply of an upgrade to the caller.
-int32_t GiveUpgradedKey(const uint8_t* reply, uint32_t length, keymaster_key_blob_t* upgraded_key) {
+int32_t CopyUpgradedKey(const ReplyReader& reader, keymaster_key_blob_t* upgraded_key) {
   MallocBuffer copy;
-  switch (CopyBytes(reply, length, &copy)) {
+  switch (CopyRest(reader, &copy)) {
     case CopyResult::kNoMemory:
       return KM_ERROR_MEMORY_ALLOCATION_FAILED;
     case CopyResult::kCopyFailed:
@@ -23,7 +24,7 @@ int32_t GiveUpgradedKey(const uint8_t* reply, uint32_t length, keymaster_key_blo
     case CopyResult::kCopied:
       break;
   }
-  GiveKeyBlob(std::move(copy), length, upgraded_key);
+  HandOverKeyBlob(std::move(copy), reader.remaining(), upgraded_key);
   KM_LOGI("KmUpgradeKey success");
   return KM_ERROR_OK;
 }
@@ -46,18 +47,19 @@ int32_t KeymasterTivasContext::TivasKmGetKeyCharacteristics(
   if (!params.BuildClient(client_id, app_data)) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  ReplyBuffer reply(kReplyCapacity);
+  Reply reply(kReplyCapacity);
   if (!reply.allocated()) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   const uint32_t tee_result = TeeGetKeyCharacteristics(
       params.data(), params.length(), key->key_material,
-      static_cast<uint32_t>(key->key_material_size), reply.data(), reply.length_in_out());
+      static_cast<uint32_t>(key->key_material_size), reply.buffer(), reply.length_in_out());
   if (tee_result != 0) {
     KM_LOGE("%s : TeeGetKeyCharacteristics failed, ret=0x%x", kLogFailure, tee_result);
     return static_cast<int32_t>(tee_result);
   }
-  if (!DecodeCharacteristics(&reply, characteristics)) {
+  if (DecodeCharacteristics(reply, characteristics) != Decoded::kFilled) {
+    // Emptied here too, where a reply of 3 bytes or fewer left them untouched.
     *characteristics = keymaster_key_characteristics_t{};
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
@@ -79,25 +81,26 @@ int32_t KeymasterTivasContext::TivasKmUpgradeKey(const keymaster_key_blob_t* key
   if (!params.Build(upgrade_params)) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  ReplyBuffer reply(kReplyCapacity);
+  Reply reply(kReplyCapacity);
   if (!reply.allocated()) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   const uint32_t tee_result = TeeUpgrade(
       key_to_upgrade->key_material, static_cast<uint32_t>(key_to_upgrade->key_material_size),
-      params.data(), params.length(), reply.data(), reply.length_in_out());
+      params.data(), params.length(), reply.buffer(), reply.length_in_out());
   if (tee_result != 0) {
     KM_LOGE("%s : TeeUpgrade failed, ret=0x%x", kLogFailure, tee_result);
     return static_cast<int32_t>(tee_result);
   }
-  if (reply.length() == 0) {
+  if (reply.reported_length() == 0) {
     KM_LOGI("KmUpgradeKey don't need upgradekey");
     return KM_ERROR_OK;
   }
-  if (!ReplyFitsKeyBlob(reply)) {
+  ReplyReader reader;
+  if (!ReadKeyBlob(reply, 0, &reader)) {
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  return GiveUpgradedKey(reply.data(), reply.length(), upgraded_key);
+  return CopyUpgradedKey(reader, upgraded_key);
 }
 
 int32_t KeymasterTivasContext::TivasKmDeletekey(const keymaster_key_blob_t* key) {

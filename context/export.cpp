@@ -2,11 +2,11 @@
 
 #include <utility>
 
-#include "context/crypto_ptr.h"
-#include "context/owned_buffer.h"
+#include "context/libcrypto.h"
+#include "context/reply.h"
+#include "context/serialized_params.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
-#include "marshal/reply_reader.h"
 #include "wire/log.h"
 
 using namespace km41;
@@ -158,18 +158,19 @@ int32_t EncodeEcPublicKey(const RawPublicKey& raw, keymaster_blob_t* output) {
   return KM_ERROR_INVALID_ARGUMENT;
 }
 
-// Takes the header and the two integers, which must fill the reply to its last byte.
-bool ReadRawPublicKey(ReplyReader reader, RawPublicKey* raw) {
-  return reader.TakeU32(&raw->algorithm) && reader.TakeU32(&raw->key_size) &&
-         reader.TakeU32(&raw->first_length) && reader.TakeU32(&raw->second_length) &&
-         reader.TakeBytes(raw->first_length, &raw->first) &&
-         reader.TakeBytes(raw->second_length, &raw->second) && reader.remaining() == 0;
+// Reads the header and the two integers, which must fill the reply to its last byte.
+bool ReadRawPublicKey(const Reply& reply, RawPublicKey* raw) {
+  ReplyReader reader;
+  return reply.Read(&reader) && reader.ReadU32(&raw->algorithm) && reader.ReadU32(&raw->key_size) &&
+         reader.ReadU32(&raw->first_length) && reader.ReadU32(&raw->second_length) &&
+         reader.ReadBytes(raw->first_length, &raw->first) &&
+         reader.ReadBytes(raw->second_length, &raw->second) && reader.remaining() == 0;
 }
 
-int32_t BuildPubKeySpki(ReplyBuffer* reply, keymaster_blob_t* output) {
+int32_t BuildPubKeySpki(const Reply& reply, keymaster_blob_t* output) {
   RawPublicKey raw = {};
-  if (!reply->fits() || !ReadRawPublicKey(ReplyReader(reply->data(), reply->length()), &raw)) {
-    KM_LOGE("%s : out_len is invalid size(%u)", kLogFailure, reply->length());
+  if (!ReadRawPublicKey(reply, &raw)) {
+    KM_LOGE("%s : out_len is invalid size(%u)", kLogFailure, reply.reported_length());
     return KM_ERROR_UNKNOWN_ERROR;
   }
   switch (raw.algorithm) {
@@ -207,22 +208,22 @@ int32_t KeymasterTivasContext::TivasKmExportKey(keymaster_key_format_t format,
   if (format != KM_KEY_FORMAT_X509) {
     return KM_ERROR_UNSUPPORTED_KEY_FORMAT;
   }
-  ReplyBuffer reply(kReplyCapacity);
+  Reply reply(kReplyCapacity);
   if (!reply.allocated()) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   const uint32_t tee_result = TeeExportKey(params.data(), params.length(), key->key_material,
                                            static_cast<uint32_t>(key->key_material_size),
-                                           reply.data(), reply.length_in_out());
+                                           reply.buffer(), reply.length_in_out());
   if (tee_result != 0) {
     KM_LOGE("%s : TeeExport failed, ret=0x%x", kLogFailure, tee_result);
     return static_cast<int32_t>(tee_result);
   }
-  if (reply.length() < kPublicKeyHeader) {
-    KM_LOGE("%s : out_len is too samll(%u)", kLogFailure, reply.length());
+  if (reply.reported_length() < kPublicKeyHeader) {
+    KM_LOGE("%s : out_len is too samll(%u)", kLogFailure, reply.reported_length());
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  const int32_t result = BuildPubKeySpki(&reply, output);
+  const int32_t result = BuildPubKeySpki(reply, output);
   if (result != KM_ERROR_OK) {
     return result;
   }

@@ -4,8 +4,8 @@
 
 #include <initializer_list>
 
-#include "context/caller_blob.h"
-#include "context/operation_outputs.h"
+#include "context/reply.h"
+#include "context/serialized_params.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
 #include "marshal/param_set.h"
@@ -31,13 +31,11 @@ int32_t JoinOutputs(const keymaster_blob_t& update, const keymaster_blob_t& fini
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   SecretBlob joined;
-  joined.blob.data = AllocateBytes(size).release();
-  if (joined.blob.data == nullptr) {
+  if (!joined.Allocate(size)) {
     KM_LOGE("out_data malloc failed, size %zu\n", size);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  joined.blob.data_length = size;
-  auto* at = const_cast<uint8_t*>(joined.blob.data);
+  uint8_t* at = joined.bytes();
   size_t room = size;
   for (const keymaster_blob_t* part : {&update, &finish}) {
     if (part->data_length != 0 && memcpy_s(at, room, part->data, part->data_length) != 0) {
@@ -46,18 +44,17 @@ int32_t JoinOutputs(const keymaster_blob_t& update, const keymaster_blob_t& fini
     at += part->data_length;
     room -= part->data_length;
   }
-  *output = joined.blob;
-  joined.blob = keymaster_blob_t{};
+  joined.HandOverTo(output);
   return KM_ERROR_OK;
 }
 
 // Hands out what a finish replied. A failure leaves both of the caller's outputs empty.
-int32_t GiveOutputs(ReplyBuffer* params_reply, ReplyBuffer* data_reply,
+int32_t CopyOutputs(const Reply& params_reply, const Reply& data_reply,
                     keymaster_key_param_set_t* out_params, keymaster_blob_t* output) {
   if (!DecodeOutParams(params_reply, out_params)) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  const int32_t result = CopyOutputData(output, data_reply->length(), data_reply->data());
+  const int32_t result = CopyOutputData(data_reply, output);
   if (result != KM_ERROR_OK && out_params != nullptr) {
     ReleaseParamSet(out_params);
   }
@@ -84,27 +81,27 @@ int32_t KeymasterTivasContext::TivasKmFinish(unsigned long op_handle,
   SecretBlob final_input;
   const bool has_input = (input != nullptr && input->data != nullptr) ||
                          (signature != nullptr && signature->data != nullptr);
-  if (has_input && BuildFinalInput(input, signature, &final_input.blob) != 0) {
+  if (has_input && BuildFinalInput(input, signature, final_input.blob()) != 0) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   SerializedParams params;
-  if (in_params != nullptr && !params.Build(in_params)) {
+  if (!params.BuildIfGiven(in_params)) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  ReplyBuffer params_reply(kReplyCapacity);
-  SecretBuffer data_reply(kReplyCapacity);
+  Reply params_reply(kReplyCapacity);
+  Reply data_reply(kReplyCapacity, Reply::Content::kSecret);
   if (!params_reply.allocated() || !data_reply.allocated()) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   const uint32_t tee_result =
-      TeeFinish(op_handle, params.data(), params.length(), final_input.blob.data,
-                static_cast<uint32_t>(final_input.blob.data_length), params_reply.data(),
-                params_reply.length_in_out(), data_reply.data(), data_reply.length_in_out());
+      TeeFinish(op_handle, params.data(), params.length(), final_input.bytes(),
+                static_cast<uint32_t>(final_input.size()), params_reply.buffer(),
+                params_reply.length_in_out(), data_reply.buffer(), data_reply.length_in_out());
   if (tee_result != 0) {
     KM_LOGE("%s : TeeFinish failed, ret=0x%x", kLogFailure, tee_result);
     return static_cast<int32_t>(tee_result);
   }
-  const int32_t result = GiveOutputs(&params_reply, &data_reply, out_params, output);
+  const int32_t result = CopyOutputs(params_reply, data_reply, out_params, output);
   if (result != KM_ERROR_OK) {
     return result;
   }
@@ -144,19 +141,19 @@ int32_t KeymasterTivasContext::TivasKmFinishLarge(unsigned long op_handle,
   SecretBlob update_output;
   unsigned long consumed = 0;
   int32_t result =
-      TivasKmUpdate(op_handle, in_params, &update_part, &consumed, nullptr, &update_output.blob);
+      TivasKmUpdate(op_handle, in_params, &update_part, &consumed, nullptr, update_output.blob());
   if (result != KM_ERROR_OK) {
     KM_LOGE("KmUpdate failed, %x\n", static_cast<uint32_t>(result));
     return result;
   }
   SecretBlob finish_output;
-  result =
-      TivasKmFinish(op_handle, in_params, &finish_part, signature, out_params, &finish_output.blob);
+  result = TivasKmFinish(op_handle, in_params, &finish_part, signature, out_params,
+                         finish_output.blob());
   if (result != KM_ERROR_OK) {
     KM_LOGE("KmFinish failed, %x\n", static_cast<uint32_t>(result));
     return result;
   }
-  result = JoinOutputs(update_output.blob, finish_output.blob, output);
+  result = JoinOutputs(update_output.get(), finish_output.get(), output);
   if (result != KM_ERROR_OK && out_params != nullptr) {
     ReleaseParamSet(out_params);
   }

@@ -2,10 +2,9 @@
 
 #include <utility>
 
-#include "context/caller_blob.h"
-#include "context/crypto_ptr.h"
 #include "context/import.h"
 #include "context/key_material.h"
+#include "context/libcrypto.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
 #include "marshal/param_set.h"
@@ -33,7 +32,7 @@ struct RsaRequest {
   uint32_t key_size = 0;  // bits
 };
 
-int32_t RefuseKeySize(uint32_t key_size) {
+int32_t RejectKeySize(uint32_t key_size) {
   KM_LOGE("%s : Invalid key size of %u bits specified for RSA key generation", kLogFailure,
           key_size);
   return KM_ERROR_UNSUPPORTED_KEY_SIZE;
@@ -51,11 +50,11 @@ int32_t ReadRsaRequest(const keymaster_key_param_set_t& params, RsaRequest* requ
   }
   const keymaster_key_param_t* key_size = FindParam(params, KM_TAG_KEY_SIZE);
   if (key_size == nullptr) {
-    return RefuseKeySize(0);
+    return RejectKeySize(0);
   }
   if (key_size->integer < kMinRsaKeySize || key_size->integer > kMaxRsaKeySize ||
       key_size->integer % 8 != 0) {
-    return RefuseKeySize(key_size->integer);
+    return RejectKeySize(key_size->integer);
   }
   request->exponent = static_cast<uint32_t>(exponent->long_integer);
   request->key_size = key_size->integer;
@@ -74,7 +73,7 @@ int32_t GenerateRsa(const RsaRequest& request, BIGNUM* exponent, RSA* key) {
 }
 
 // Imports generated key material and hands out the TA's blob.
-int32_t ImportGenerated(const keymaster_key_param_set_t& params, SecretBuffer* material,
+int32_t ImportGenerated(const keymaster_key_param_set_t& params, const KeyMaterial& material,
                         keymaster_key_blob_t* key_blob,
                         keymaster_key_characteristics_t* characteristics) {
   SerializedParams serialized;
@@ -83,16 +82,20 @@ int32_t ImportGenerated(const keymaster_key_param_set_t& params, SecretBuffer* m
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   ImportReplies replies;
-  int32_t result = SendImport(serialized, material->data(), material->length(),
-                              ImportSource::kGenerated, &replies);
+  int32_t result =
+      SendImport(serialized, material.bytes(), material.length, ImportSource::kGenerated, &replies);
   if (result != KM_ERROR_OK) {
     return result;
   }
-  result = CopyKeyBlob(key_blob, replies.key_blob.length(), replies.key_blob.data());
+  ReplyReader blob;
+  if (!ReadKeyBlob(replies.key_blob, 1, &blob)) {
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  result = CopyKeyBlob(blob, key_blob);
   if (result != KM_ERROR_OK) {
     return result;
   }
-  result = FillKeyCharacteristics(key_blob, characteristics, &replies.characteristics);
+  result = FillKeyCharacteristics(replies.characteristics, key_blob, characteristics);
   if (result != KM_ERROR_OK) {
     return result;
   }
@@ -117,16 +120,36 @@ int32_t GenerateInSoftware(const keymaster_key_param_set_t& params, keymaster_ke
   if (result != KM_ERROR_OK) {
     return result;
   }
-  SecretBuffer material(kKeyMaterialCapacity);
-  if (!material.allocated()) {
+  KeyMaterial material;
+  if (!material.Allocate()) {
     KM_LOGE("%s : alloc rsa key failed", kLogFailure);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  result = BuildRsaKeyMaterial(material.data(), key.get(), material.length_in_out());
+  result = BuildRsaKeyMaterial(material.bytes(), key.get(), &material.length);
   if (result != KM_ERROR_OK) {
     return result;
   }
-  return ImportGenerated(params, &material, key_blob, characteristics);
+  return ImportGenerated(params, material, key_blob, characteristics);
+}
+
+// Copies the blob of a key that the TA made; unlike an import, without a word when memory runs out.
+int32_t CopyGeneratedKey(const Reply& reply, keymaster_key_blob_t* key_blob) {
+  ReplyReader reader;
+  if (!ReadKeyBlob(reply, 0, &reader)) {
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  MallocBuffer copy;
+  switch (CopyRest(reader, &copy)) {
+    case CopyResult::kNoMemory:
+      return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+    case CopyResult::kCopyFailed:
+      KM_LOGE("%s : memcpy_s keyblob payload failed", kLogFailure);
+      return KM_ERROR_UNKNOWN_ERROR;
+    case CopyResult::kCopied:
+      break;
+  }
+  HandOverKeyBlob(std::move(copy), reader.remaining(), key_blob);
+  return KM_ERROR_OK;
 }
 
 int32_t GenerateInTa(const keymaster_key_param_set_t& params, keymaster_key_blob_t* key_blob,
@@ -135,33 +158,25 @@ int32_t GenerateInTa(const keymaster_key_param_set_t& params, keymaster_key_blob
   if (!serialized.Build(&params)) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  ReplyBuffer blob_reply(kReplyCapacity);
-  ReplyBuffer character_reply(kReplyCapacity);
+  Reply blob_reply(kReplyCapacity);
+  Reply character_reply(kReplyCapacity);
   if (!blob_reply.allocated() || !character_reply.allocated()) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   const uint32_t tee_result = TeeGenerateKey(
-      serialized.data(), serialized.length(), blob_reply.data(), blob_reply.length_in_out(),
-      character_reply.data(), character_reply.length_in_out());
+      serialized.data(), serialized.length(), blob_reply.buffer(), blob_reply.length_in_out(),
+      character_reply.buffer(), character_reply.length_in_out());
   if (tee_result != 0) {
     KM_LOGE("%s : TeeGenerateKey failed, ret=0x%x", kLogFailure, tee_result);
     return static_cast<int32_t>(tee_result);
   }
-  if (!ReplyFitsKeyBlob(blob_reply)) {
-    return KM_ERROR_UNKNOWN_ERROR;
+  const int32_t result = CopyGeneratedKey(blob_reply, key_blob);
+  if (result != KM_ERROR_OK) {
+    return result;
   }
-  MallocBuffer copy;
-  const CopyResult copied = CopyBytes(blob_reply.data(), blob_reply.length(), &copy);
-  if (copied == CopyResult::kNoMemory) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
-  if (copied == CopyResult::kCopyFailed) {
-    KM_LOGE("%s : memcpy_s keyblob payload failed", kLogFailure);
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
-  GiveKeyBlob(std::move(copy), blob_reply.length(), key_blob);
-  if (characteristics != nullptr && !DecodeCharacteristics(&character_reply, characteristics)) {
-    DropKeyBlob(key_blob);
+  if (characteristics != nullptr &&
+      DecodeCharacteristics(character_reply, characteristics) != Decoded::kFilled) {
+    WithdrawKeyBlob(key_blob);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   KM_LOGI("KmGenerateKey success");

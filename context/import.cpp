@@ -4,9 +4,8 @@
 
 #include <openssl/obj_mac.h>
 
-#include "context/caller_blob.h"
-#include "context/crypto_ptr.h"
 #include "context/key_material.h"
+#include "context/libcrypto.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
 #include "wire/log.h"
@@ -15,28 +14,30 @@ using namespace km41;
 
 namespace {
 
+// True while a wrapped import on this thread runs its final step; WrappedImportScope alone writes
+// it, TivasKmImportKey alone reads it. Beside the TEE context it is all the state there is.
 thread_local bool g_wrappedKeyImport = false;
 
-bool EncodeRsa(const EVP_PKEY* key, SecretBuffer* material) {
+bool EncodeRsa(const EVP_PKEY* key, KeyMaterial* material) {
   const CryptoPtr<RSA> rsa(EVP_PKEY_get1_RSA(const_cast<EVP_PKEY*>(key)));
   if (rsa == nullptr) {
     KM_LOGE("%s : rsa is NULL", kLogFailure);
     return false;
   }
-  return BuildRsaKeyMaterial(material->data(), rsa.get(), material->length_in_out()) == 0;
+  return BuildRsaKeyMaterial(material->bytes(), rsa.get(), &material->length) == KM_ERROR_OK;
 }
 
-bool EncodeEc(const EVP_PKEY* key, SecretBuffer* material) {
+bool EncodeEc(const EVP_PKEY* key, KeyMaterial* material) {
   const CryptoPtr<EC_KEY> ec(EVP_PKEY_get1_EC_KEY(const_cast<EVP_PKEY*>(key)));
   if (ec == nullptr) {
     KM_LOGE("%s : get ec key format\n", kLogFailure);
     return false;
   }
-  return BuildEcKeyMaterial(material->data(), ec.get(), material->length_in_out()) == 0;
+  return BuildEcKeyMaterial(material->bytes(), ec.get(), &material->length) == KM_ERROR_OK;
 }
 
 // Decodes a PKCS#8 private key and encodes it as key material.
-bool ParsePkcs8(const keymaster_blob_t& key_data, SecretBuffer* material) {
+bool ParsePkcs8(const keymaster_blob_t& key_data, KeyMaterial* material) {
   if (key_data.data == nullptr) {
     return false;
   }
@@ -72,7 +73,7 @@ struct ImportedKey {
 };
 
 int32_t PrepareKey(keymaster_key_format_t format, const keymaster_blob_t& key_data,
-                   SecretBuffer* material, ImportedKey* key) {
+                   KeyMaterial* material, ImportedKey* key) {
   switch (format) {
     case KM_KEY_FORMAT_RAW:
       *key = {key_data.data, static_cast<uint32_t>(key_data.data_length)};
@@ -82,7 +83,7 @@ int32_t PrepareKey(keymaster_key_format_t format, const keymaster_blob_t& key_da
         KM_LOGE("%s : parse pkcs8 key failed", kLogFailure);
         return KM_ERROR_UNSUPPORTED_KEY_FORMAT;
       }
-      *key = {material->data(), material->length()};
+      *key = {material->bytes(), material->length};
       return KM_ERROR_OK;
     default:
       KM_LOGE("wrong key format\n");
@@ -91,14 +92,15 @@ int32_t PrepareKey(keymaster_key_format_t format, const keymaster_blob_t& key_da
 }
 
 // Copies what the TA replied to the caller.
-int32_t GiveReplies(ImportReplies* replies, keymaster_key_blob_t* key_blob,
+int32_t CopyReplies(const ImportReplies& replies, keymaster_key_blob_t* key_blob,
                     keymaster_key_characteristics_t* characteristics) {
-  if (!ReplyFitsKeyBlob(replies->key_blob)) {
+  ReplyReader blob;
+  if (!ReadKeyBlob(replies.key_blob, 0, &blob)) {
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  const int32_t result = CopyReply(key_blob, replies->key_blob.length(), replies->key_blob.data());
+  const int32_t result = CopyKeyBlob(blob, key_blob);
   return result == KM_ERROR_OK
-             ? FillKeyCharacteristics(key_blob, characteristics, &replies->characteristics)
+             ? FillKeyCharacteristics(replies.characteristics, key_blob, characteristics)
              : result;
 }
 
@@ -121,8 +123,8 @@ int32_t SendImport(const SerializedParams& params, const uint8_t* key_material, 
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   const uint32_t tee_result =
-      TeeImportKey(params.data(), params.length(), key_material, length, replies->key_blob.data(),
-                   replies->key_blob.length_in_out(), replies->characteristics.data(),
+      TeeImportKey(params.data(), params.length(), key_material, length, replies->key_blob.buffer(),
+                   replies->key_blob.length_in_out(), replies->characteristics.buffer(),
                    replies->characteristics.length_in_out(), static_cast<uint8_t>(source));
   if (tee_result != 0) {
     KM_LOGE("%s : TeeImportKey failed, ret=0x%x", kLogFailure, tee_result);
@@ -152,8 +154,8 @@ int32_t KeymasterTivasContext::TivasKmImportKey(const keymaster_key_param_set_t*
     KM_LOGE("%s : build km params failed", kLogFailure);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  SecretBuffer material(kKeyMaterialCapacity);
-  if (!material.allocated()) {
+  KeyMaterial material;
+  if (!material.Allocate()) {
     KM_LOGE("%s : alloc rsa/ec key failed", kLogFailure);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
@@ -168,7 +170,7 @@ int32_t KeymasterTivasContext::TivasKmImportKey(const keymaster_key_param_set_t*
   if (result != KM_ERROR_OK) {
     return result;
   }
-  result = GiveReplies(&replies, key_blob, characteristics);
+  result = CopyReplies(replies, key_blob, characteristics);
   if (result != KM_ERROR_OK) {
     return result;
   }

@@ -2,7 +2,8 @@
 #ifndef CONTEXT_IMPORT_H
 #define CONTEXT_IMPORT_H
 
-#include "context/owned_buffer.h"
+#include "context/reply.h"
+#include "context/serialized_params.h"
 
 namespace km41 {
 
@@ -11,14 +12,14 @@ enum class ImportSource : uint8_t { kGenerated = 0, kCaller = 1, kUnwrapped = 2 
 
 // The two replies of the import command.
 struct ImportReplies {
-  ReplyBuffer key_blob{kReplyCapacity};
-  ReplyBuffer characteristics{kReplyCapacity};
+  Reply key_blob{kReplyCapacity};
+  Reply characteristics{kReplyCapacity};
 };
 
 // SendImport sends length bytes of key material with its description to the TA. 0; -41, or the
 // TEE result, after a message.
-int32_t SendImport(const SerializedParams& params, const uint8_t* key_material, uint32_t length,
-                   ImportSource source, ImportReplies* replies);
+[[nodiscard]] int32_t SendImport(const SerializedParams& params, const uint8_t* key_material,
+                                 uint32_t length, ImportSource source, ImportReplies* replies);
 
 // WrappedImportScope marks the imports made on this thread while it lives as the final step of a
 // wrapped import. Per thread, so that a plain import on another thread is never taken for one.

@@ -3,7 +3,7 @@
 #include <openssl/obj_mac.h>
 #include <securec.h>
 
-#include "context/crypto_ptr.h"
+#include "context/libcrypto.h"
 #include "keymaster_ts.h"
 #include "wire/little_endian.h"
 #include "wire/log.h"
@@ -16,24 +16,35 @@ namespace {
 constexpr uint32_t kRsaPrivateExponentForm = 1;
 constexpr uint32_t kRsaCrtForm = 2;
 
-// Where the RSA header's fields stand.
+// Where the fields of an RSA header stand. The modulus length is there twice; the length of the
+// private exponent, in its form, stands where the CRT form has that of the first prime.
 constexpr uint32_t kRsaFormAt = 0;
 constexpr uint32_t kRsaModulusLengthAt = 4;
+constexpr uint32_t kRsaNLengthAt = 8;
+constexpr uint32_t kRsaELengthAt = 12;
+constexpr uint32_t kRsaDLengthAt = 16;
+constexpr uint32_t kRsaPLengthAt = 16;
+constexpr uint32_t kRsaQLengthAt = 20;
+constexpr uint32_t kRsaDmp1LengthAt = 24;
+constexpr uint32_t kRsaDmq1LengthAt = 28;
+constexpr uint32_t kRsaIqmpLengthAt = 32;
 
-struct CurveSize {
+// Where the fields of an EC header stand. The point form has one byte, three are zero.
+constexpr uint32_t kEcKeySizeAt = 0;
+constexpr uint32_t kEcPointFormAt = 4;
+constexpr uint32_t kEcXLengthAt = 8;
+constexpr uint32_t kEcYLengthAt = 12;
+constexpr uint32_t kEcScalarLengthAt = 16;
+
+struct Curve {
   int nid;
-  int key_size;
+  int key_size;  // bits
 };
 
-// Sizes to curves and curves to sizes are not inverses: secp256k1 has a size, but 256 bits are
-// prime256v1.
-constexpr CurveSize kCurveOfSize[] = {
-    {NID_secp160r1, 160},        {NID_secp192k1, 192}, {NID_secp224r1, 224},
-    {NID_X9_62_prime256v1, 256}, {NID_secp384r1, 384}, {NID_secp521r1, 521},
-};
-constexpr CurveSize kSizeOfCurve[] = {
-    {NID_secp160r1, 160},        {NID_secp192k1, 192}, {NID_secp224r1, 224}, {NID_secp256k1, 256},
-    {NID_X9_62_prime256v1, 256}, {NID_secp384r1, 384}, {NID_secp521r1, 521},
+// A size stands for the first curve that has it: 256 bits are prime256v1.
+constexpr Curve kCurves[] = {
+    {NID_secp160r1, 160}, {NID_secp192k1, 192}, {NID_secp224r1, 224}, {NID_X9_62_prime256v1, 256},
+    {NID_secp256k1, 256}, {NID_secp384r1, 384}, {NID_secp521r1, 521},
 };
 
 // One integer of an RSA key, and where its length stands in the header.
@@ -91,12 +102,13 @@ bool AppendRsaPrivate(const RSA* key, const BIGNUM* d, MaterialWriter* writer) {
   RSA_get0_crt_params(key, &dmp1, &dmq1, &iqmp);
   if (p == nullptr || q == nullptr || dmp1 == nullptr || dmq1 == nullptr || iqmp == nullptr) {
     PutU32(writer->header() + kRsaFormAt, kRsaPrivateExponentForm);
-    return writer->Append(d, "rsa->d", 16);
+    return writer->Append(d, "rsa->d", kRsaDLengthAt);
   }
   PutU32(writer->header() + kRsaFormAt, kRsaCrtForm);
   const Component crt[] = {
-      {p, "rsa->p", 16},       {q, "rsa->q", 20},       {dmp1, "rsa->dmp1", 24},
-      {dmq1, "rsa->dmq1", 28}, {iqmp, "rsa->iqmp", 32},
+      {p, "rsa->p", kRsaPLengthAt},          {q, "rsa->q", kRsaQLengthAt},
+      {dmp1, "rsa->dmp1", kRsaDmp1LengthAt}, {dmq1, "rsa->dmq1", kRsaDmq1LengthAt},
+      {iqmp, "rsa->iqmp", kRsaIqmpLengthAt},
   };
   return writer->Append(crt);
 }
@@ -104,18 +116,18 @@ bool AppendRsaPrivate(const RSA* key, const BIGNUM* d, MaterialWriter* writer) {
 // Appends the integers of an EC key and logs the size of each.
 bool AppendEcComponents(const BIGNUM* x, const BIGNUM* y, const BIGNUM* scalar,
                         MaterialWriter* writer) {
-  if (!writer->Append(x, "X", 8)) {
+  if (!writer->Append(x, "X", kEcXLengthAt)) {
     return false;
   }
-  KM_LOGI("X size = %u", GetU32(writer->header() + 8));
-  if (!writer->Append(y, "Y", 12)) {
+  KM_LOGI("X size = %u", GetU32(writer->header() + kEcXLengthAt));
+  if (!writer->Append(y, "Y", kEcYLengthAt)) {
     return false;
   }
-  KM_LOGI("Y size = %u", GetU32(writer->header() + 12));
-  if (!writer->Append(scalar, "priv_key", 16)) {
+  KM_LOGI("Y size = %u", GetU32(writer->header() + kEcYLengthAt));
+  if (!writer->Append(scalar, "priv_key", kEcScalarLengthAt)) {
     return false;
   }
-  KM_LOGI("priv key size = %u", GetU32(writer->header() + 16));
+  KM_LOGI("priv key size = %u", GetU32(writer->header() + kEcScalarLengthAt));
   return true;
 }
 
@@ -135,18 +147,18 @@ int CheckBnSize(uint32_t offset, uint32_t limit, const BIGNUM* number, const cha
 }
 
 int GetNidFromKeySize(int key_size) {
-  for (const CurveSize& row : kCurveOfSize) {
-    if (row.key_size == key_size) {
-      return row.nid;
+  for (const Curve& curve : kCurves) {
+    if (curve.key_size == key_size) {
+      return curve.nid;
     }
   }
   return 0;
 }
 
 int GetKeySizeFromNid(int nid) {
-  for (const CurveSize& row : kSizeOfCurve) {
-    if (row.nid == nid) {
-      return row.key_size;
+  for (const Curve& curve : kCurves) {
+    if (curve.nid == nid) {
+      return curve.key_size;
     }
   }
   return 0;
@@ -166,12 +178,11 @@ int32_t BuildRsaKeyMaterial(uint8_t* buffer, const RSA* key, uint32_t* length) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
   MaterialWriter writer(buffer, kRsaMaterialHeader, length);
-  const Component public_part[] = {{n, "rsa->n", 8}, {e, "rsa->e", 12}};
+  const Component public_part[] = {{n, "rsa->n", kRsaNLengthAt}, {e, "rsa->e", kRsaELengthAt}};
   if (!writer.Append(public_part) || !AppendRsaPrivate(key, d, &writer)) {
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  // The modulus length is written twice.
-  PutU32(writer.header() + kRsaModulusLengthAt, GetU32(writer.header() + 8));
+  PutU32(writer.header() + kRsaModulusLengthAt, GetU32(writer.header() + kRsaNLengthAt));
   if (!writer.CopyHeader()) {
     KM_LOGE("%s : copy key header failed", kLogFailure);
     return KM_ERROR_UNKNOWN_ERROR;
@@ -204,8 +215,8 @@ int32_t BuildEcKeyMaterial(uint8_t* buffer, const EC_KEY* key, uint32_t* length)
   }
   MaterialWriter writer(buffer, kEcMaterialHeader, length);
   const auto key_size = static_cast<uint32_t>(GetKeySizeFromNid(nid));
-  PutU32(writer.header(), key_size);
-  writer.header()[4] = static_cast<uint8_t>(form);
+  PutU32(writer.header() + kEcKeySizeAt, key_size);
+  writer.header()[kEcPointFormAt] = static_cast<uint8_t>(form);
   KM_LOGI("keysize = %u\n", key_size);
   if (!AppendEcComponents(x.get(), y.get(), EC_KEY_get0_private_key(key), &writer) ||
       !writer.CopyHeader()) {

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 
-#include "context/operation_outputs.h"
+#include "context/reply.h"
+#include "context/serialized_params.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
 #include "marshal/param_set.h"
@@ -12,7 +13,7 @@ using namespace km41;
 
 namespace {
 
-constexpr uint32_t kMaxPiece = 0x80000;
+constexpr uint32_t kMaxChunk = 0x80000;
 constexpr uint32_t kBlock = 16;
 
 // Input of 2^32 - 17 bytes at most, so this does not wrap.
@@ -20,7 +21,7 @@ uint32_t RoundedUp(uint32_t length) {
   return length == 0 ? kBlock : (length + kBlock - 1) / kBlock * kBlock;
 }
 
-int32_t RefuseNoAssociatedData() {
+int32_t RejectNoAssociatedData() {
   KM_LOGE("%s : not contain gcm tag but input is null, km_error=0x%x", kLogFailure,
           static_cast<uint32_t>(KM_ERROR_UNEXPECTED_NULL_POINTER));
   return KM_ERROR_UNEXPECTED_NULL_POINTER;
@@ -34,36 +35,38 @@ int32_t UpdateAssociatedData(uint64_t op_handle, const keymaster_key_param_set_t
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
   if (in_params->length == 0) {
-    return RefuseNoAssociatedData();
+    return RejectNoAssociatedData();
   }
   if (in_params->params == nullptr) {
     KM_LOGE("%s : invalid inParams->params", kLogFailure);
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
   if (FindParam(*in_params, KM_TAG_ASSOCIATED_DATA) == nullptr) {
-    return RefuseNoAssociatedData();
+    return RejectNoAssociatedData();
   }
   ClearOutputs(out_params, output);
   SerializedParams params;
   if (!params.Build(in_params)) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  ReplyBuffer params_reply(kReplyCapacity);
-  SecretBuffer data_reply(kBlock);
+  Reply params_reply(kReplyCapacity);
+  Reply data_reply(kBlock, Reply::Content::kSecret);
   if (!params_reply.allocated() || !data_reply.allocated()) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   const uint32_t tee_result =
-      TeeUpdate(op_handle, params.data(), params.length(), nullptr, nullptr, params_reply.data(),
-                params_reply.length_in_out(), data_reply.data(), data_reply.length_in_out());
+      TeeUpdate(op_handle, params.data(), params.length(), nullptr, nullptr, params_reply.buffer(),
+                params_reply.length_in_out(), data_reply.buffer(), data_reply.length_in_out());
   if (tee_result != 0) {
     KM_LOGE("%s : TeeUpdate failed, ret=0x%x", kLogFailure, tee_result);
   }
   return static_cast<int32_t>(tee_result);
 }
 
-// UpdateOutput is the one buffer that all pieces of an update write into. What the TA may have
-// written to it is wiped unless it is given away.
+// UpdateOutput is the one buffer that all chunks of an update write into, back to back. Every chunk
+// but the last is a whole number of blocks, and none produces more than it was offered, so that
+// the input's length rounded up holds them all. What the TA may have written is wiped unless it is
+// handed over.
 class UpdateOutput {
  public:
   explicit UpdateOutput(uint32_t capacity) : bytes_(AllocateBytes(capacity)) {}
@@ -72,21 +75,21 @@ class UpdateOutput {
       OPENSSL_cleanse(bytes_.get(), touched_end_);
     }
   }
+  UpdateOutput(const UpdateOutput&) = delete;
+  UpdateOutput& operator=(const UpdateOutput&) = delete;
 
   bool allocated() const { return bytes_ != nullptr; }
-  // Where a piece may write up to size bytes.
-  uint8_t* Offer(uint32_t size) {
-    touched_end_ = std::max(touched_end_, produced_ + size);
-    return bytes_.get() + produced_;
-  }
-  // Counts what a piece produced, of what it was offered.
-  void Produce(uint32_t size) { produced_ += size; }
+  // Where the next chunk writes.
+  uint8_t* end() const { return bytes_.get() + produced_; }
+  // Says that the next chunk may write up to size bytes.
+  void Offer(uint32_t size) { touched_end_ = std::max(touched_end_, produced_ + size); }
+  // Counts what a chunk produced, of what it was offered.
+  void Append(uint32_t size) { produced_ += size; }
   uint32_t produced() const { return produced_; }
-  // Gives away what was produced, and wipes what was written without being reported.
-  void GiveTo(keymaster_blob_t* output) {
-    OPENSSL_cleanse(bytes_.get() + produced_, touched_end_ - produced_);
-    output->data = bytes_.release();
-    output->data_length = produced_;
+  // Hands over what was produced, and wipes what was written without being reported.
+  void HandOverTo(keymaster_blob_t* output) {
+    OPENSSL_cleanse(end(), touched_end_ - produced_);
+    *output = {bytes_.release(), produced_};
   }
 
  private:
@@ -95,22 +98,21 @@ class UpdateOutput {
   uint32_t touched_end_ = 0;  // of all offers: what may hold output
 };
 
-// Sends input in pieces. params_reply holds the last piece's output parameters.
-int32_t SendPieces(uint64_t op_handle, const SerializedParams& params,
-                   const keymaster_blob_t& input, ReplyBuffer* params_reply,
-                   UpdateOutput* data_reply) {
+// Sends the input in chunks. params_reply holds the last chunk's output parameters.
+int32_t SendChunks(uint64_t op_handle, const SerializedParams& params,
+                   const keymaster_blob_t& input, Reply* params_reply, UpdateOutput* output) {
   const auto length = static_cast<uint32_t>(input.data_length);
   uint32_t consumed = 0;
   do {
-    const uint32_t left = length - consumed;
-    const uint32_t piece = left < kMaxPiece ? left : kMaxPiece;
-    const uint32_t offered = RoundedUp(piece);
+    const uint32_t chunk = std::min(length - consumed, kMaxChunk);
+    const uint32_t offered = RoundedUp(chunk);
     uint32_t reported = offered;
-    *params_reply->length_in_out() = params_reply->capacity();
+    params_reply->Restart();
+    output->Offer(offered);
     const uint8_t* bytes = input.data != nullptr ? input.data + consumed : nullptr;
     const uint32_t tee_result =
-        TeeUpdate(op_handle, params.data(), params.length(), bytes, &piece, params_reply->data(),
-                  params_reply->length_in_out(), data_reply->Offer(offered), &reported);
+        TeeUpdate(op_handle, params.data(), params.length(), bytes, &chunk, params_reply->buffer(),
+                  params_reply->length_in_out(), output->end(), &reported);
     if (tee_result != 0) {
       KM_LOGE("%s : TeeUpdate failed, ret=0x%x", kLogFailure, tee_result);
       return static_cast<int32_t>(tee_result);
@@ -119,8 +121,8 @@ int32_t SendPieces(uint64_t op_handle, const SerializedParams& params,
       KM_LOGE("%s : too large outDataLen:%u\n", kLogFailure, reported);
       return KM_ERROR_UNKNOWN_ERROR;
     }
-    data_reply->Produce(reported);
-    consumed += piece;
+    output->Append(reported);
+    consumed += chunk;
   } while (consumed < length);
   return KM_ERROR_OK;
 }
@@ -146,28 +148,28 @@ int32_t UpdateInput(uint64_t op_handle, const keymaster_key_param_set_t* in_para
   }
   ClearOutputs(out_params, output);
   SerializedParams params;
-  if (in_params != nullptr && !params.Build(in_params)) {
+  if (!params.BuildIfGiven(in_params)) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  ReplyBuffer params_reply(kReplyCapacity);
+  Reply params_reply(kReplyCapacity);
   if (!params_reply.allocated()) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  UpdateOutput data_reply(RoundedUp(static_cast<uint32_t>(input.data_length)));
-  if (!data_reply.allocated()) {
+  UpdateOutput data(RoundedUp(static_cast<uint32_t>(input.data_length)));
+  if (!data.allocated()) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  result = SendPieces(op_handle, params, input, &params_reply, &data_reply);
+  result = SendChunks(op_handle, params, input, &params_reply, &data);
   if (result != KM_ERROR_OK) {
     return result;
   }
-  if (!DecodeOutParams(&params_reply, out_params)) {
+  if (!DecodeOutParams(params_reply, out_params)) {
     KM_LOGE("update build key parame fail");
-    TeeAbort(op_handle);
+    (void)TeeAbort(op_handle);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  if (output != nullptr && data_reply.produced() != 0) {
-    data_reply.GiveTo(output);
+  if (output != nullptr && data.produced() != 0) {
+    data.HandOverTo(output);
   }
   *input_consumed = input.data_length;
   KM_LOGI("KmUpdate success");
@@ -192,17 +194,17 @@ int32_t KeymasterTivasContext::TivasKmBegin(keymaster_purpose_t purpose,
   }
   ClearOutputs(out_params, nullptr);
   SerializedParams params;
-  if (in_params != nullptr && !params.Build(in_params)) {
+  if (!params.BuildIfGiven(in_params)) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  ReplyBuffer reply(kReplyCapacity);
+  Reply reply(kReplyCapacity);
   if (!reply.allocated()) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   uint64_t handle = 0;
   const uint32_t tee_result = TeeBegin(purpose, params.data(), params.length(), key->key_material,
-                                       static_cast<uint32_t>(key->key_material_size), reply.data(),
-                                       reply.length_in_out(), &handle);
+                                       static_cast<uint32_t>(key->key_material_size),
+                                       reply.buffer(), reply.length_in_out(), &handle);
   if (tee_result != 0) {
     KM_LOGE("%s : TeeBegin failed, ret=0x%x", kLogFailure, tee_result);
     return static_cast<int32_t>(tee_result);
@@ -210,10 +212,10 @@ int32_t KeymasterTivasContext::TivasKmBegin(keymaster_purpose_t purpose,
   if (out_params == nullptr) {
     KM_LOGI("out_params is NULL");
   }
-  KM_LOGI("out_params_buffer_len = %u", reply.length());
-  if (!DecodeOutParams(&reply, out_params)) {
+  KM_LOGI("out_params_buffer_len = %u", reply.reported_length());
+  if (!DecodeOutParams(reply, out_params)) {
     KM_LOGE("build key parame fail");
-    TeeAbort(handle);
+    (void)TeeAbort(handle);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   *op_handle = handle;

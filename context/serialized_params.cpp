@@ -1,4 +1,6 @@
-#include "context/owned_buffer.h"
+#include "context/serialized_params.h"
+
+#include "keymaster_ts.h"
 #include "marshal/km_params_owner.h"
 
 namespace km41 {
@@ -30,8 +32,9 @@ bool SerializedParams::BuildClient(const keymaster_blob_t* client_id,
     return true;
   }
   uint8_t* bytes = nullptr;
-  const bool built = SerializeKmParams(nullptr, &owner.record, &bytes, &length_) == 0;
-  bytes_.reset(bytes);
+  uint32_t length = 0;
+  const bool built = SerializeKmParams(nullptr, &owner.record, &bytes, &length) == 0;
+  *bytes_.blob() = {bytes, length};
   return built;
 }
 

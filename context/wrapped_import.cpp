@@ -7,10 +7,10 @@
 #include <securec.h>
 
 #include "context/import.h"
-#include "context/owned_buffer.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
 #include "marshal/param_set.h"
+#include "marshal/secret_blob.h"
 #include "wire/log.h"
 
 using namespace km41;
@@ -75,15 +75,16 @@ bool MayWrapKeys(const keymaster_key_param_set_t& list) {
   return false;
 }
 
-// Copies a key into an empty holder. A copy that fails leaves it empty, which does not parse.
-void CopyKey(const keymaster_key_blob_t& key, KeyHolder* copy) {
-  copy->key_material = dup_buffer(key.key_material, key.key_material_size);
-  if (copy->key_material != nullptr) {
-    copy->key_material_size = key.key_material_size;
+// Copies length bytes into an empty holder. Its release is the platform's, so that its bytes come
+// from the platform's allocator too. A copy that fails leaves it empty.
+void CopyInto(const uint8_t* bytes, size_t length, KeyHolder* holder) {
+  holder->key_material = dup_buffer(bytes, length);
+  if (holder->key_material != nullptr) {
+    holder->key_material_size = length;
   }
 }
 
-// Refuses a wrapping key that is not one, before anything is decrypted with it.
+// Rejects a wrapping key that is not one, before anything is decrypted with it.
 int32_t CheckWrappingKey(KeymasterTivasContext* context, const keymaster_key_blob_t* key) {
   keymaster_key_characteristics_t characteristics = {};
   const int32_t result =
@@ -104,20 +105,19 @@ int32_t CheckWrappingKey(KeymasterTivasContext* context, const keymaster_key_blo
 }
 
 // Removes the mask from the transit key, in place.
-int32_t Unmask(const keymaster_key_blob_t* masking_key, keymaster_blob_t* transit_key) {
+int32_t Unmask(const keymaster_key_blob_t* masking_key, SecretBlob* transit_key) {
   if (masking_key == nullptr) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
-  if (transit_key->data_length != masking_key->key_material_size) {
+  if (transit_key->size() != masking_key->key_material_size) {
     KM_LOGE("XOR size is not equal\n");
     return KM_ERROR_INVALID_ARGUMENT;
   }
-  if (transit_key->data_length != 0 && masking_key->key_material == nullptr) {
+  if (transit_key->size() != 0 && masking_key->key_material == nullptr) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
-  auto* bytes = const_cast<uint8_t*>(transit_key->data);
-  for (size_t i = 0; i < transit_key->data_length; ++i) {
-    bytes[i] ^= masking_key->key_material[i];
+  for (size_t i = 0; i < transit_key->size(); ++i) {
+    transit_key->bytes()[i] ^= masking_key->key_material[i];
   }
   return KM_ERROR_OK;
 }
@@ -133,37 +133,31 @@ bool JoinParts(uint8_t* to, size_t size, const KeyHolder& material, const BytesH
                   tag.data_length) == 0;
 }
 
-// Joins the encrypted key material and its tag into payload. The plain transit key, of no more
-// use once this fails, is then released at once.
-int32_t BuildEncryptedPayload(keymaster_blob_t* plain_transit_key, const KeyHolder* material,
-                              const BytesHolder* tag, KeyHolder* payload) {
-  if (plain_transit_key == nullptr || material == nullptr || tag == nullptr || payload == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
-  if (tag->data_length > UINT32_MAX ||
-      material->key_material_size > UINT32_MAX - tag->data_length) {
+// Joins the encrypted key material and its tag into an empty payload.
+int32_t BuildEncryptedPayload(const KeyHolder& material, const BytesHolder& tag,
+                              KeyHolder* payload) {
+  if (tag.data_length > UINT32_MAX || material.key_material_size > UINT32_MAX - tag.data_length) {
     KM_LOGE("invalid length");
-    WipeAndFree(plain_transit_key);
     return KM_ERROR_INVALID_ARGUMENT;
   }
-  const size_t size = material->key_material_size + tag->data_length;
+  const size_t size = material.key_material_size + tag.data_length;
   if (size == 0) {
     return KM_ERROR_INVALID_INPUT_LENGTH;
   }
-  MallocBuffer joined = AllocateBytes(size);
-  if (joined == nullptr) {
+  SecretBlob joined;
+  if (!joined.Allocate(size)) {
     KM_LOGE("alloc key material failed");
-    WipeAndFree(plain_transit_key);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  if (!JoinParts(joined.get(), size, *material, *tag)) {
+  if (!JoinParts(joined.bytes(), size, material, tag)) {
     KM_LOGE("memcpy_s keyblob payload failed");
-    WipeAndFree(plain_transit_key);
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  payload->Clear();
-  payload->key_material = joined.release();
-  payload->key_material_size = size;
+  CopyInto(joined.bytes(), size, payload);
+  if (payload->key_material == nullptr) {
+    KM_LOGE("alloc key material failed");
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  }
   return KM_ERROR_OK;
 }
 
@@ -199,21 +193,20 @@ int32_t DecryptContent(KeymasterTivasContext* context, keymaster_key_blob_t* wra
                        keymaster_blob_t* key_material) {
   SecretBlob transit_key;
   int32_t result = context->DecryptTransitKeyMaterial(
-      wrapping_key, unwrapping_params, &content->encrypted_transit_key, &transit_key.blob);
+      wrapping_key, unwrapping_params, &content->encrypted_transit_key, transit_key.blob());
   if (result != KM_ERROR_OK) {
     return result;
   }
-  result = Unmask(masking_key, &transit_key.blob);
+  result = Unmask(masking_key, &transit_key);
   if (result != KM_ERROR_OK) {
     return result;
   }
   KeyHolder payload;
-  result = BuildEncryptedPayload(&transit_key.blob, &content->encrypted_material, &content->tag,
-                                 &payload);
+  result = BuildEncryptedPayload(content->encrypted_material, content->tag, &payload);
   if (result != KM_ERROR_OK) {
     return result;
   }
-  result = context->WrappedKeyAesGcmDecrypt(&transit_key.blob, &content->iv,
+  result = context->WrappedKeyAesGcmDecrypt(transit_key.blob(), &content->iv,
                                             &content->key_description, &payload, key_material);
   if (result != KM_ERROR_OK) {
     KM_LOGE("%s : WrappedKeyAesGcmDecrypt is invalid", kLogFailure);
@@ -245,7 +238,8 @@ int32_t KeymasterTivasContext::TivasKmImportWrappedKeyNew(
     return KM_ERROR_OUTPUT_PARAMETER_NULL;
   }
   KeyHolder wrapped_key;
-  CopyKey(*wrapped_key_data, &wrapped_key);
+  // An empty copy does not parse.
+  CopyInto(wrapped_key_data->key_material, wrapped_key_data->key_material_size, &wrapped_key);
   AuthorizationSet auth_list;
   keymaster_key_format_t key_format = KM_KEY_FORMAT_X509;
   SecretBlob key_material;
@@ -253,7 +247,7 @@ int32_t KeymasterTivasContext::TivasKmImportWrappedKeyNew(
   int32_t result = TivasKmUnwrappedKey(
       &wrapped_key, const_cast<keymaster_key_blob_t*>(wrapping_key),
       const_cast<keymaster_key_param_set_t*>(unwrapping_params),
-      const_cast<keymaster_key_blob_t*>(masking_key), &auth_list, &key_format, &key_material.blob);
+      const_cast<keymaster_key_blob_t*>(masking_key), &auth_list, &key_format, key_material.blob());
   if (result != KM_ERROR_OK) {
     KM_LOGE("KmUnwrappedKey failed, ret %x", static_cast<uint32_t>(result));
     return result;
@@ -263,7 +257,7 @@ int32_t KeymasterTivasContext::TivasKmImportWrappedKeyNew(
   UpdateParamsForSecureid(&params, password_sid, biometric_sid);
   {
     const WrappedImportScope scope;
-    result = TivasKmImportKey(&params, key_format, &key_material.blob, key_blob, characteristics);
+    result = TivasKmImportKey(&params, key_format, &key_material.get(), key_blob, characteristics);
   }
   if (result != KM_ERROR_OK) {
     KM_LOGE("KmImportKey failed, ret %x", static_cast<uint32_t>(result));
@@ -306,6 +300,7 @@ int32_t KeymasterTivasContext::DecryptTransitKeyMaterial(
       plain_transit_key == nullptr) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
+  // The TA takes these as they are: an exponent of 4096 is no key's, and part of the contract.
   keymaster_key_param_t default_params[] = {
       EnumParam(KM_TAG_DIGEST, KM_DIGEST_SHA1),     EnumParam(KM_TAG_ALGORITHM, KM_ALGORITHM_RSA),
       EnumParam(KM_TAG_PADDING, KM_PAD_RSA_OAEP),   UintParam(KM_TAG_KEY_SIZE, 2048),
@@ -318,7 +313,6 @@ int32_t KeymasterTivasContext::DecryptTransitKeyMaterial(
                            encrypted_transit_key, plain_transit_key);
   if (result != KM_ERROR_OK) {
     KM_LOGE("TransitKeyRsaDecrypt is invalid");
-    WipeAndFree(plain_transit_key);
   }
   return result;
 }

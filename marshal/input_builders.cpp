@@ -1,14 +1,13 @@
 // The smaller inputs of operation and authorization requests.
 
 #include <errno.h>
-#include <openssl/crypto.h>
 #include <securec.h>
 
 #include <initializer_list>
 
 #include "keymaster_ts.h"
-#include "marshal/malloc_buffer.h"
 #include "marshal/param_set.h"
+#include "marshal/secret_blob.h"
 #include "wire/little_endian.h"
 #include "wire/log.h"
 
@@ -65,19 +64,17 @@ int32_t BuildFinalInput(const keymaster_blob_t* input, const keymaster_blob_t* s
     }
     size += ItemLength(item);
   }
-  MallocBuffer buffer = AllocateBytes(size);
-  if (buffer == nullptr) {
+  SecretBlob buffer;
+  if (!buffer.Allocate(size)) {
     KM_LOGE("build final input buffer mem alloc failed.\n");
     return -ENOMEM;
   }
   size_t position = 0;
-  if (!WriteItem(kInputMarker, input, buffer.get(), size, &position) ||
-      !WriteItem(kSignatureMarker, signature, buffer.get(), size, &position)) {
-    OPENSSL_cleanse(buffer.get(), position);  // the data may be secret
+  if (!WriteItem(kInputMarker, input, buffer.bytes(), size, &position) ||
+      !WriteItem(kSignatureMarker, signature, buffer.bytes(), size, &position)) {
     return -ENOMEM;
   }
-  final_input->data = buffer.release();
-  final_input->data_length = size;
+  buffer.HandOverTo(final_input);
   return 0;
 }
 
@@ -89,24 +86,23 @@ keymaster_error_t BuildVerifyAuthInput(const uint64_t* challenge,
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
   const uint32_t size = static_cast<uint32_t>(auth_token->data_length) + sizeof(*challenge);
-  MallocBuffer buffer = AllocateBytes(size);
-  if (buffer == nullptr) {
+  SecretBlob buffer;
+  if (!buffer.Allocate(size)) {
     KM_LOGE("build final input malloc failed.\n");
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   uint8_t challenge_bytes[sizeof(*challenge)];
   PutU64(challenge_bytes, *challenge);
-  if (memcpy_s(buffer.get(), size, challenge_bytes, sizeof(challenge_bytes)) != 0) {
+  if (memcpy_s(buffer.bytes(), size, challenge_bytes, sizeof(challenge_bytes)) != 0) {
     KM_LOGE("memcpy_s challenge failed.\n");
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  if (memcpy_s(buffer.get() + sizeof(*challenge), size - sizeof(*challenge), auth_token->data,
+  if (memcpy_s(buffer.bytes() + sizeof(*challenge), size - sizeof(*challenge), auth_token->data,
                auth_token->data_length) != 0) {
     KM_LOGE("memcpy_s hwAuthToken failed.\n");
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  verify_input->data = buffer.release();
-  verify_input->data_length = size;
+  buffer.HandOverTo(verify_input);
   return KM_ERROR_OK;
 }
 

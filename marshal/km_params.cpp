@@ -5,8 +5,8 @@
 #include <string.h>
 
 #include "keymaster_ts.h"
-#include "marshal/malloc_buffer.h"
 #include "marshal/param_entry.h"
+#include "marshal/secret_blob.h"
 #include "wire/little_endian.h"
 #include "wire/log.h"
 
@@ -56,6 +56,17 @@ constexpr bool AllTagsHaveAPlace() {
 }
 static_assert(AllTagsHaveAPlace(), "two key-definition tags share their low four bits");
 
+constexpr bool NoTagHasBytes() {
+  for (keymaster_tag_t tag : kKeyDefinitionTags) {
+    if (IsByteValued(tag)) {
+      return false;
+    }
+  }
+  return true;
+}
+// So that all byte values of a set stand behind the second list.
+static_assert(NoTagHasBytes(), "a key-definition tag has a byte value");
+
 KmParamEntry* AllocateSlots(uint32_t count) {
   return static_cast<KmParamEntry*>(malloc(static_cast<size_t>(count) * sizeof(KmParamEntry)));
 }
@@ -81,24 +92,32 @@ int32_t GrowSlots(KmParams* record) {
   return 0;
 }
 
+// Byte values may be auth tokens or application data.
+void FreeBytes(KmParams* record) {
+  if (record->data != nullptr) {
+    OPENSSL_cleanse(record->data, record->data_len);
+  }
+  free(record->data);
+}
+
 // Appends a byte value to the record's store, which grows to its exact new size.
 int32_t AppendBytes(KmParams* record, const keymaster_blob_t& value) {
   const uint32_t size = record->data_len + static_cast<uint32_t>(value.data_length);
   if (size == 0 || size < record->data_len) {
     return -EINVAL;
   }
-  MallocBuffer grown = AllocateBytes(size);
-  if (grown == nullptr ||
-      (record->data_len != 0 && memcpy_s(grown.get(), size, record->data, record->data_len) != 0)) {
+  SecretBlob grown;
+  if (!grown.Allocate(size) || (record->data_len != 0 && memcpy_s(grown.bytes(), size, record->data,
+                                                                  record->data_len) != 0)) {
     return -ENOMEM;
   }
   // A length of 2^32 or more fails here: it is above the room left.
-  if (memcpy_s(grown.get() + record->data_len, size - record->data_len, value.data,
+  if (memcpy_s(grown.bytes() + record->data_len, size - record->data_len, value.data,
                value.data_length) != 0) {
     return -ENOMEM;
   }
-  free(record->data);
-  record->data = grown.release();
+  FreeBytes(record);
+  record->data = grown.HandOver();
   record->data_len = size;
   return 0;
 }
@@ -153,16 +172,19 @@ class BufferWriter {
     return true;
   }
 
+  uint8_t* at() const { return at_; }
+
  private:
   uint8_t* at_;
   size_t room_;
 };
 
-void RebaseOffsets(KmParams* record, uint32_t base) {
-  for (uint32_t i = 0; i < record->len; ++i) {
-    KmParamEntry* entry = &record->params[i];
-    if (IsByteValued(EntryTag(entry->bytes))) {
-      SetEntryOffset(entry, EntryOffset(entry->bytes) + base);
+// Moves the byte values of entries behind base bytes of another list.
+void RebaseOffsets(uint8_t* entries, uint32_t count, uint32_t base) {
+  for (uint32_t i = 0; base != 0 && i < count; ++i) {
+    uint8_t* entry = entries + size_t{i} * kParamEntrySize;
+    if (IsByteValued(EntryTag(entry))) {
+      SetEntryOffset(entry, EntryOffset(entry) + base);
     }
   }
 }
@@ -171,21 +193,18 @@ size_t EntryBytes(const KmParams& record) {
   return static_cast<size_t>(record.len) * sizeof(KmParamEntry);
 }
 
-bool WriteLists(const KmParams& first, KmParams* second, BufferWriter* writer) {
-  if (!writer->WriteU32(first.len) || !writer->Write(first.params, EntryBytes(first)) ||
-      !writer->WriteU32(second->len)) {
+bool WriteLists(const KmParams& first, const KmParams& second, uint8_t* buffer, uint32_t size) {
+  BufferWriter writer(buffer, size);
+  if (!writer.WriteU32(first.len) || !writer.Write(first.params, EntryBytes(first)) ||
+      !writer.WriteU32(second.len)) {
     return false;
   }
-  if (first.data_len != 0) {
-    RebaseOffsets(second, first.data_len);
+  uint8_t* const second_entries = writer.at();
+  if (!writer.Write(second.params, EntryBytes(second))) {
+    return false;
   }
-  const bool written = writer->Write(second->params, EntryBytes(*second)) &&
-                       writer->Write(first.data, first.data_len) &&
-                       writer->Write(second->data, second->data_len);
-  if (!written) {
-    RebaseOffsets(second, 0 - first.data_len);  // back, since nothing was serialised
-  }
-  return written;
+  RebaseOffsets(second_entries, second.len, first.data_len);
+  return writer.Write(first.data, first.data_len) && writer.Write(second.data, second.data_len);
 }
 
 bool ClearRecord(KmParams* record) {
@@ -222,7 +241,6 @@ bool Measure(const keymaster_key_param_set_t& set, KmParams* first, KmParams* se
   }
   first->len = static_cast<uint32_t>(definitions);
   second->len = static_cast<uint32_t>(others);
-  // No key-definition tag has a byte value.
   second->data_len = static_cast<uint32_t>(bytes);
   return true;
 }
@@ -289,15 +307,13 @@ int32_t SerializeKmParams(const KmParams* first, KmParams* second, uint8_t** out
   if (total == 0) {
     return -ENOMEM;
   }
-  MallocBuffer buffer = AllocateBytes(total);
-  if (buffer == nullptr) {
+  SecretBlob buffer;
+  if (!buffer.Allocate(total) || !WriteLists(leading, *second, buffer.bytes(), total)) {
     return -ENOMEM;
   }
-  BufferWriter writer(buffer.get(), total);
-  if (!WriteLists(leading, second, &writer)) {
-    return -ENOMEM;
-  }
-  *out = buffer.release();
+  // The caller's record is rebased too: such is the contract, and why a pair is serialised once.
+  RebaseOffsets(reinterpret_cast<uint8_t*>(second->params), second->len, leading.data_len);
+  *out = buffer.HandOver();
   *out_len = total;
   return 0;
 }
@@ -307,7 +323,7 @@ void FreeKmParams(KmParams* km_params) {
     return;
   }
   free(km_params->params);
-  free(km_params->data);
+  FreeBytes(km_params);
   km_params->params = nullptr;
   km_params->data = nullptr;
 }
@@ -323,11 +339,11 @@ int32_t BuildKmParams(const keymaster_key_param_set_t* params, uint8_t** out, ui
     return -ENOMEM;
   }
   const uint32_t total = BufferSize(first, second);
-  MallocBuffer buffer = total != 0 ? AllocateBytes(total) : nullptr;
-  if (buffer == nullptr || !WriteSet(*params, first, second, buffer.get())) {
+  SecretBlob buffer;
+  if (total == 0 || !buffer.Allocate(total) || !WriteSet(*params, first, second, buffer.bytes())) {
     return -ENOMEM;
   }
-  *out = buffer.release();
+  *out = buffer.HandOver();
   *out_len = total;
   return 0;
 }

@@ -19,12 +19,12 @@ inline constexpr ValueKind kValueKinds[16] = {
     ValueKind::kU32,   ValueKind::kU64,   ValueKind::kU64, ValueKind::kBool,
     ValueKind::kBytes, ValueKind::kBytes, ValueKind::kU64,
 };
-inline ValueKind KindOf(keymaster_tag_t tag) {
+constexpr ValueKind KindOf(keymaster_tag_t tag) {
   return kValueKinds[static_cast<uint32_t>(tag) >> 28];
 }
 
 // IsByteValued tells whether the tag's value is bytes, which stand in the blob area.
-inline bool IsByteValued(keymaster_tag_t tag) { return KindOf(tag) == ValueKind::kBytes; }
+constexpr bool IsByteValued(keymaster_tag_t tag) { return KindOf(tag) == ValueKind::kBytes; }
 
 // What an entry carries in its last 8 bytes: a value, or for bytes their range in the blob area.
 constexpr uint32_t kEntryValueAt = 8;
@@ -62,8 +62,8 @@ inline keymaster_tag_t EntryTag(const uint8_t* entry) {
 }
 inline uint32_t EntryOffset(const uint8_t* entry) { return GetU32(entry + kEntryValueAt); }
 inline uint32_t EntryLength(const uint8_t* entry) { return GetU32(entry + kEntryLengthAt); }
-inline void SetEntryOffset(KmParamEntry* entry, uint32_t offset) {
-  PutU32(entry->bytes + kEntryValueAt, offset);
+inline void SetEntryOffset(uint8_t* entry, uint32_t offset) {
+  PutU32(entry + kEntryValueAt, offset);
 }
 
 // DecodeEntry reads the 16 bytes at entry into *param, in place: a result built elsewhere would be

@@ -5,11 +5,11 @@
 #include <stdlib.h>
 
 #include "keymaster_ts.h"
-#include "marshal/malloc_buffer.h"
 #include "marshal/param_entry.h"
 #include "marshal/param_set.h"
 #include "marshal/reply_reader.h"
 #include "wire/log.h"
+#include "wire/malloc_buffer.h"
 
 using namespace km41;
 
@@ -42,7 +42,7 @@ int32_t ResolveBlob(const uint8_t* entry, const ReplyReader& area, keymaster_blo
   }
   ReplyReader range = area;
   const uint8_t* bytes = nullptr;
-  if (!range.TakeBytes(EntryOffset(entry), &bytes) || !range.TakeBytes(length, &bytes)) {
+  if (!range.ReadBytes(EntryOffset(entry), &bytes) || !range.ReadBytes(length, &bytes)) {
     return -EINVAL;
   }
   MallocBuffer copy = AllocateBytes(length);
@@ -82,16 +82,16 @@ struct WireList {
   const uint8_t* entries = nullptr;
 };
 
-// Takes the count and the entries of a list and decodes them into set, byte values still empty.
-int32_t TakeList(ReplyReader* reader, WireList* list, keymaster_key_param_set_t* set) {
-  list->has_count = reader->TakeU32(&list->count);
+// Reads the count and the entries of a list and decodes them into set, byte values still empty.
+int32_t ReadList(ReplyReader* reader, WireList* list, keymaster_key_param_set_t* set) {
+  list->has_count = reader->ReadU32(&list->count);
   if (!list->has_count || list->count > kMaxListCount) {
     return -EINVAL;
   }
   if (list->count == 0) {
     return 0;
   }
-  list->overruns = !reader->TakeBytes(EntriesSize(list->count), &list->entries);
+  list->overruns = !reader->ReadBytes(EntriesSize(list->count), &list->entries);
   if (list->overruns) {
     return -EINVAL;
   }
@@ -103,9 +103,9 @@ int32_t TakeList(ReplyReader* reader, WireList* list, keymaster_key_param_set_t*
   return 0;
 }
 
-int32_t TakeHwEnforced(ReplyReader* reader, uint32_t reply_len, WireList* list,
+int32_t ReadHwEnforced(ReplyReader* reader, uint32_t reply_len, WireList* list,
                        keymaster_key_param_set_t* set) {
-  const int32_t result = TakeList(reader, list, set);
+  const int32_t result = ReadList(reader, list, set);
   if (list->overruns) {
     KM_LOGE("1 invalid key character size, %u-%u-%u", reader->position(), list->count, reply_len);
   }
@@ -115,9 +115,9 @@ int32_t TakeHwEnforced(ReplyReader* reader, uint32_t reply_len, WireList* list,
   return result;
 }
 
-int32_t TakeSwEnforced(ReplyReader* reader, uint32_t reply_len, WireList* list,
+int32_t ReadSwEnforced(ReplyReader* reader, uint32_t reply_len, WireList* list,
                        keymaster_key_param_set_t* set) {
-  const int32_t result = TakeList(reader, list, set);
+  const int32_t result = ReadList(reader, list, set);
   if (!list->has_count) {
     KM_LOGE("2 invalid key character size, %u-%u", reader->position(), reply_len);
   } else if (list->overruns) {
@@ -126,16 +126,16 @@ int32_t TakeSwEnforced(ReplyReader* reader, uint32_t reply_len, WireList* list,
   return result;
 }
 
-int32_t DecodeCharacteristics(const uint8_t* reply, uint32_t reply_len,
-                              keymaster_key_characteristics_t* characteristics) {
+int32_t DecodeLists(const uint8_t* reply, uint32_t reply_len,
+                    keymaster_key_characteristics_t* characteristics) {
   ReplyReader reader(reply, reply_len);
   WireList hw;
   WireList sw;
-  int32_t result = TakeHwEnforced(&reader, reply_len, &hw, &characteristics->hw_enforced);
+  int32_t result = ReadHwEnforced(&reader, reply_len, &hw, &characteristics->hw_enforced);
   if (result != 0) {
     return result;
   }
-  result = TakeSwEnforced(&reader, reply_len, &sw, &characteristics->sw_enforced);
+  result = ReadSwEnforced(&reader, reply_len, &sw, &characteristics->sw_enforced);
   if (result != 0) {
     return result;
   }
@@ -151,7 +151,7 @@ int32_t DecodeParamSet(keymaster_key_param_set_t* set, uint32_t count, uint32_t 
                        ReplyReader* reader) {
   // The reply is measured before the array is allocated, so that a lying count costs nothing.
   const uint8_t* entries = nullptr;
-  if (!reader->TakeBytes(EntriesSize(count), &entries)) {
+  if (!reader->ReadBytes(EntriesSize(count), &entries)) {
     KM_LOGE("invalid copy size, %u-%u", count, reply_len);
     return -ENOMEM;
   }
@@ -176,7 +176,7 @@ int32_t BuildKeyCharacter(const uint8_t* reply, uint32_t reply_len,
     return -EINVAL;
   }
   *characteristics = keymaster_key_characteristics_t{};
-  const int32_t result = DecodeCharacteristics(reply, reply_len, characteristics);
+  const int32_t result = DecodeLists(reply, reply_len, characteristics);
   if (result != 0) {
     ReleaseCharacteristics(characteristics);
   }
@@ -190,7 +190,7 @@ int32_t BuildKeyParamSet(keymaster_key_param_set_t* param_set, const uint8_t* re
   }
   ReplyReader reader(reply, reply_len);
   uint32_t count = 0;
-  if (!reader.TakeU32(&count)) {
+  if (!reader.ReadU32(&count)) {
     KM_LOGE("param_len too samll(%u)", reply_len);
     return -EINVAL;
   }

@@ -8,35 +8,39 @@
 
 namespace km41 {
 
-// ReplyReader walks a reply it does not own. A failed read consumes nothing.
+// ReplyReader walks bytes that it does not own. A failed read consumes nothing.
 class ReplyReader {
  public:
+  ReplyReader() = default;
   ReplyReader(const uint8_t* data, uint32_t length) : data_(data), length_(length) {}
 
-  // Takes count bytes, which stay the reply's. This is the only bounds check.
-  bool TakeBytes(uint64_t count, const uint8_t** out) {
+  // ReadBytes reads count bytes, which stay the reply's. This is the only bounds check.
+  [[nodiscard]] bool ReadBytes(uint64_t count, const uint8_t** out) {
     if (count > remaining()) {
       return false;
     }
-    *out = data_ + position_;
+    *out = rest();
     position_ += static_cast<uint32_t>(count);
     return true;
   }
-  bool TakeU32(uint32_t* out) {
+  [[nodiscard]] bool ReadU32(uint32_t* out) {
     const uint8_t* bytes = nullptr;
-    if (!TakeBytes(sizeof(*out), &bytes)) {
+    if (!ReadBytes(sizeof(*out), &bytes)) {
       return false;
     }
     *out = GetU32(bytes);
     return true;
   }
+
+  uint32_t length() const { return length_; }
   uint32_t position() const { return position_; }
   uint32_t remaining() const { return length_ - position_; }
+  // The bytes that were not read yet.
   const uint8_t* rest() const { return data_ + position_; }
 
  private:
-  const uint8_t* const data_;
-  const uint32_t length_;
+  const uint8_t* data_ = nullptr;
+  uint32_t length_ = 0;
   uint32_t position_ = 0;
 };
 

@@ -29,26 +29,6 @@ uint32_t TeeBegin(uint32_t purpose, const uint8_t* params, uint32_t params_len,
   return TEEC_SUCCESS;
 }
 
-namespace {
-
-// What update and finish share once the parameters and the input are told apart: the handle
-// travels in front of the buffer that comes back with the output parameters.
-uint32_t SendData(CommandFrame* command, const CommandParam& params, const CommandParam& input,
-                  uint64_t op_handle, uint8_t* out_params, uint32_t* out_params_len,
-                  uint8_t* output, uint32_t* output_len) {
-  const uint32_t result = command->Send(
-      {params, input, InOut(out_params, *out_params_len), Output(output, *output_len)},
-      {Front::Kind::kOperationHandle, 2, op_handle});
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
-  *out_params_len = command->CappedSize(2);
-  *output_len = command->ReportedSize(3);
-  return TEEC_SUCCESS;
-}
-
-}  // namespace
-
 uint32_t TeeUpdate(uint64_t op_handle, const uint8_t* params, uint32_t params_len,
                    const uint8_t* input, const uint32_t* input_len, uint8_t* out_params,
                    uint32_t* out_params_len, uint8_t* output, uint32_t* output_len) {
@@ -57,8 +37,16 @@ uint32_t TeeUpdate(uint64_t op_handle, const uint8_t* params, uint32_t params_le
     return RejectParams();
   }
   CommandFrame command(kCmdUpdate, "TeeUpdate", AfterFailure::kNothing);
-  return SendData(&command, InputIfGiven(params, params_len), InputOfGivenSize(input, input_len),
-                  op_handle, out_params, out_params_len, output, output_len);
+  const uint32_t result =
+      command.Send({InputIfGiven(params, params_len), InputOfGivenSize(input, input_len),
+                    InOut(out_params, *out_params_len), Output(output, *output_len)},
+                   {Front::Kind::kOperationHandle, 2, op_handle});
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  *out_params_len = command.CappedSize(2);
+  *output_len = command.ReportedSize(3);
+  return TEEC_SUCCESS;
 }
 
 uint32_t TeeFinish(uint64_t op_handle, const uint8_t* params, uint32_t params_len,
@@ -69,17 +57,25 @@ uint32_t TeeFinish(uint64_t op_handle, const uint8_t* params, uint32_t params_le
     return RejectParams();
   }
   CommandFrame command(kCmdFinish, "TeeFinish", AfterFailure::kNothing);
-  return SendData(&command, InputIfGiven(params, params_len),
-                  InputIfGiven(input_len != 0 ? input : nullptr, input_len), op_handle, out_params,
-                  out_params_len, output, output_len);
+  const uint32_t result = command.Send(
+      {InputIfGiven(params, params_len), InputIfGiven(input_len != 0 ? input : nullptr, input_len),
+       InOut(out_params, *out_params_len), Output(output, *output_len)},
+      {Front::Kind::kOperationHandle, 2, op_handle});
+  if (result != TEEC_SUCCESS) {
+    return result;
+  }
+  *out_params_len = command.CappedSize(2);
+  *output_len = command.ReportedSize(3);
+  return TEEC_SUCCESS;
 }
 
 uint32_t TeeAbort(uint64_t op_handle) {
   if (GlobalTeeContext() == nullptr) {
     return RejectArguments();
   }
-  uint8_t handle[sizeof(op_handle)];
+  uint64_t wire = 0;
+  auto* const handle = reinterpret_cast<uint8_t*>(&wire);
   PutU64(handle, op_handle);
   CommandFrame command(kCmdAbort, "TeeAbort", AfterFailure::kNothing);
-  return command.Send({Input(handle, sizeof(handle))});
+  return command.Send({Input(handle, sizeof(wire))});
 }

@@ -1,6 +1,6 @@
-// Ownership of libcrypto objects: each with its own release, the same in both of its flavours.
-#ifndef CONTEXT_CRYPTO_PTR_H
-#define CONTEXT_CRYPTO_PTR_H
+// Ownership of libcrypto objects, each with its own release, the same in both of its flavours.
+#ifndef CONTEXT_LIBCRYPTO_H
+#define CONTEXT_LIBCRYPTO_H
 
 #include <openssl/bn.h>
 #include <openssl/ec.h>
@@ -25,4 +25,4 @@ using CryptoPtr = std::unique_ptr<T, CryptoDeleter>;
 
 }  // namespace km41
 
-#endif  // CONTEXT_CRYPTO_PTR_H
+#endif  // CONTEXT_LIBCRYPTO_H

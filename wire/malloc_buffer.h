@@ -1,6 +1,6 @@
 // Ownership of malloc memory.
-#ifndef MARSHAL_MALLOC_BUFFER_H
-#define MARSHAL_MALLOC_BUFFER_H
+#ifndef WIRE_MALLOC_BUFFER_H
+#define WIRE_MALLOC_BUFFER_H
 
 #include <stdint.h>
 #include <stdlib.h>
@@ -17,10 +17,10 @@ struct FreeDeleter {
 using MallocBuffer = std::unique_ptr<uint8_t, FreeDeleter>;
 
 // AllocateBytes returns a buffer of that size, empty when memory runs out.
-inline MallocBuffer AllocateBytes(size_t size) {
+[[nodiscard]] inline MallocBuffer AllocateBytes(size_t size) {
   return MallocBuffer(static_cast<uint8_t*>(malloc(size)));
 }
 
 }  // namespace km41
 
-#endif  // MARSHAL_MALLOC_BUFFER_H
+#endif  // WIRE_MALLOC_BUFFER_H

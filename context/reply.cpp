@@ -1,0 +1,134 @@
+#include "context/reply.h"
+
+#include <securec.h>
+
+#include <utility>
+
+#include "wire/log.h"
+
+namespace km41 {
+
+bool Reply::Read(ReplyReader* reader) const {
+  if (length_ > capacity_) {
+    return false;
+  }
+  *reader = ReplyReader(bytes_.get(), length_);
+  return true;
+}
+
+CopyResult CopyRest(const ReplyReader& reader, MallocBuffer* copy) {
+  const uint32_t length = reader.remaining();
+  MallocBuffer bytes = AllocateBytes(length);
+  if (bytes == nullptr) {
+    return CopyResult::kNoMemory;
+  }
+  if (memcpy_s(bytes.get(), length, reader.rest(), length) != 0) {
+    return CopyResult::kCopyFailed;
+  }
+  *copy = std::move(bytes);
+  return CopyResult::kCopied;
+}
+
+int32_t CopyOutputData(const Reply& reply, keymaster_blob_t* output) {
+  ReplyReader reader;
+  if (!reply.Read(&reader)) {
+    KM_LOGE("%s : too large outDataLen:%u\n", kLogFailure, reply.reported_length());
+    return KM_ERROR_UNKNOWN_ERROR;
+  }
+  if (output == nullptr) {
+    return KM_ERROR_OK;
+  }
+  *output = keymaster_blob_t{};
+  if (reader.remaining() != 0) {
+    MallocBuffer copy;
+    switch (CopyRest(reader, &copy)) {
+      case CopyResult::kNoMemory:
+        return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+      case CopyResult::kCopyFailed:
+        KM_LOGE("memcpy_s out data failed");
+        return KM_ERROR_UNKNOWN_ERROR;
+      case CopyResult::kCopied:
+        *output = {copy.release(), reader.remaining()};
+        break;
+    }
+  }
+  KM_LOGI("output data size=%zu", output->data_length);
+  return KM_ERROR_OK;
+}
+
+bool ReadKeyBlob(const Reply& reply, uint32_t min_length, ReplyReader* reader) {
+  if (reply.Read(reader) && reader->remaining() >= min_length) {
+    return true;
+  }
+  KM_LOGE("%s : invalid keyBlobLen:%u\n", kLogFailure, reply.reported_length());
+  return false;
+}
+
+void HandOverKeyBlob(MallocBuffer bytes, uint32_t length, keymaster_key_blob_t* key_blob) {
+  *key_blob = {bytes.release(), length};
+}
+
+int32_t CopyKeyBlob(const ReplyReader& reader, keymaster_key_blob_t* key_blob) {
+  MallocBuffer copy;
+  switch (CopyRest(reader, &copy)) {
+    case CopyResult::kNoMemory:
+      KM_LOGE("%s : alloc key material failed", kLogFailure);
+      return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+    case CopyResult::kCopyFailed:
+      KM_LOGE("%s : memcpy_s keyblob payload failed", kLogFailure);
+      return KM_ERROR_UNKNOWN_ERROR;
+    case CopyResult::kCopied:
+      break;
+  }
+  HandOverKeyBlob(std::move(copy), reader.remaining(), key_blob);
+  return KM_ERROR_OK;
+}
+
+void WithdrawKeyBlob(keymaster_key_blob_t* key_blob) {
+  free(const_cast<uint8_t*>(key_blob->key_material));
+  *key_blob = keymaster_key_blob_t{};
+}
+
+Decoded DecodeCharacteristics(const Reply& reply,
+                              keymaster_key_characteristics_t* characteristics) {
+  ReplyReader reader;
+  if (!reply.Read(&reader)) {
+    *characteristics = keymaster_key_characteristics_t{};
+    return Decoded::kEmptied;
+  }
+  if (BuildKeyCharacter(reader.rest(), reader.remaining(), characteristics) == 0) {
+    return Decoded::kFilled;
+  }
+  return reader.remaining() < sizeof(uint32_t) ? Decoded::kUntouched : Decoded::kEmptied;
+}
+
+int32_t FillKeyCharacteristics(const Reply& reply, keymaster_key_blob_t* key_blob,
+                               keymaster_key_characteristics_t* characteristics) {
+  if (characteristics == nullptr ||
+      DecodeCharacteristics(reply, characteristics) == Decoded::kFilled) {
+    return KM_ERROR_OK;
+  }
+  WithdrawKeyBlob(key_blob);
+  KM_LOGE("build key character failed");
+  return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+}
+
+void ClearOutputs(keymaster_key_param_set_t* out_params, keymaster_blob_t* output) {
+  if (out_params != nullptr) {
+    *out_params = keymaster_key_param_set_t{};
+  }
+  if (output != nullptr) {
+    *output = keymaster_blob_t{};
+  }
+}
+
+bool DecodeOutParams(const Reply& reply, keymaster_key_param_set_t* out_params) {
+  if (out_params == nullptr || reply.reported_length() == 0) {
+    return true;
+  }
+  ReplyReader reader;
+  return reply.Read(&reader) &&
+         BuildKeyParamSet(out_params, reader.rest(), reader.remaining()) == 0;
+}
+
+}  // namespace km41
