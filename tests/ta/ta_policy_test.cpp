@@ -211,6 +211,56 @@ TEST_F(TaTest, AllowsTheUsesThatTheKeyAllows) {
   }
 }
 
+TEST_F(TaTest, RefusesDataThatDoNotFit) {
+  const P pkcs1 = {KM_TAG_PADDING, KM_PAD_RSA_PKCS1_1_5_ENCRYPT},
+          decrypts = {KM_TAG_PURPOSE, kDecrypt}, pkcs7 = {KM_TAG_PADDING, KM_PAD_PKCS7},
+          verifies = {KM_TAG_PURPOSE, kVerify}, bare = {KM_TAG_DIGEST, KM_DIGEST_NONE};
+  const Ps rsa = Key(KM_ALGORITHM_RSA, kEncrypt, kRsa + decrypts + pkcs1),
+           padded = Key(KM_ALGORITHM_AES, kDecrypt, With(kEcb, pkcs7) + k128),
+           gcm = kGcmMode + P(KM_TAG_MAC_LENGTH, 128) + P(KM_TAG_NONCE, Str(12, 'n'));
+  const struct {
+    Ps key;
+    uint32_t purpose;
+    Ps params;
+    size_t size;  // of data that are no ciphertext
+    size_t signature;
+    keymaster_error_t error;
+  } rows[] = {
+      {rsa, kEncrypt, {pkcs1}, 53, 0, KM_ERROR_OK},
+      {rsa, kEncrypt, {pkcs1}, 54, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {rsa, kEncrypt, kOaep, 23, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {rsa, kEncrypt, {kNoPadding}, 64, 0, KM_ERROR_INVALID_ARGUMENT},
+      {rsa, kEncrypt, {kNoPadding}, 65, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {rsa, kDecrypt, kOaep, 64, 0, KM_ERROR_UNKNOWN_ERROR},
+      {kRsaSign, kSign, {bare, kPkcs1}, 53, 0, KM_ERROR_OK},
+      {kRsaSign, kSign, {bare, kPkcs1}, 54, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {kRsaSign, kSign, {bare, kNoPadding}, 64, 0, KM_ERROR_INVALID_ARGUMENT},
+      {kAes, kEncrypt, kEcb, 17, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {padded, kDecrypt, With(kEcb, pkcs7), 0, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {padded, kDecrypt, With(kEcb, pkcs7), 31, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {kGcm + decrypts, kDecrypt, gcm, 15, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {kGcm + decrypts, kDecrypt, gcm, 16, 0, KM_ERROR_VERIFICATION_FAILED},
+      {kHmac + verifies, kVerify, {}, 1, 15, KM_ERROR_INVALID_MAC_LENGTH},
+      {kHmac + verifies, kVerify, {}, 1, 16, KM_ERROR_VERIFICATION_FAILED},
+      {kHmac + verifies, kVerify, {}, 1, 65, KM_ERROR_VERIFICATION_FAILED},
+  };
+  for (const auto& row : rows) {
+    ASSERT_EQ(ta.Generate(row.key), 0u);
+    EXPECT_EQ(
+        ta.Operate(row.purpose, row.params, Str(row.size, '\xFF'), 100, Str(row.signature, 's')),
+        Km(row.error))
+        << &row - rows;
+  }
+}
+
+TEST_F(TaTest, NeedsToBeConfiguredForKeys) {
+  Instance fresh(false);
+  EXPECT_EQ(fresh.Generate(kAes), Km(KM_ERROR_KEYMASTER_NOT_CONFIGURED));
+  EXPECT_EQ(fresh.Run(kCmdEarlyBootEnded), 0u);
+  EXPECT_EQ(fresh.Configure(kOsVersion, kPatchlevel), 0u);
+  EXPECT_EQ(fresh.Generate(kAes), 0u);
+}
+
 TEST_F(TaTest, LimitsTheRateOfUsesAcrossSessions) {
   ASSERT_EQ(ta.Generate(kAes + P(KM_TAG_MIN_SECONDS_BETWEEN_OPS, 3600)), 0u);
   EXPECT_EQ(ta.TryBegin(kEncrypt, kEcb), 0u);
@@ -303,15 +353,15 @@ TEST_F(TaTest, IsNoFirstSessionOfItsOwn) {
 }
 
 TEST_F(TaTest, ReadsWhatEarlierVersionsLeft) {
-  // A blob of AES key 00 to 0f for application "app", of id "iiii..", sealed under a device key
-  // "kkkk.." by Python's cryptography; and what the key makes of a block.
+  // A blob of AES key 00 to 0f for application "app", of id 0123456789abcdef twice,
+  // sealed under a device key "kkkk.." by Python's cryptography; and what the key makes of a block.
   ta.blob = Hex(
-      "016e6e6e6e6e6e6e6e6e6e6e6ef1e84d0aae1fb8043a259398e5322478dc41aece6d9e017d33983b4a6216916775"
+      "016e6e6e6e6e6e6e6e6e6e6e6e99a261044edd1c82526fbf9605f080fedc41aece6d9e017d33983b4a6216916775"
       "a3a3b4bb436b38107c30b173e8ad17bd9f41d6a689b9e40585e6f0a814c20b9b932b9a32b701726eb2872bd3fd9b"
       "8de856765229ba2f68ab7167e83a602e6e524632b879e9f2a19c2edb813506123ead6033b0175004a028be465ec0"
       "2685d4305a2d8fdef3fc30c91b66c00447a69de1bb1e7bcbc123645d358d1984886356a598d8c3caec3c7c8b29a7"
-      "0af0130a58dbe80fca7a6c65e14934479e9772c27f09de1d7286d2866fb059b7915d47d0abf08b8d9a29324a24d4"
-      "e7ec72");
+      "0af0130a58dbe80fca7a6c65e14934479e9772c27f09de1d7286d2866fb059b7918560403c6331d80c91d571e8de"
+      "7d6cb3");
   const auto write = [this](const Str& name, const Str& content) {
     std::ofstream(ta.folder + "/" + name) << content;
   };
@@ -322,7 +372,7 @@ TEST_F(TaTest, ReadsWhatEarlierVersionsLeft) {
   EXPECT_EQ(ta.output, Hex("4cd8ba79a9f1e320aa59c44334601a71"));
   EXPECT_EQ(ta.Run(kCmdGetHmacSharingParameters, Out(32), Out(32)), 0u);
   EXPECT_EQ(ta.slots[0].out, Str(32, 's'));
-  write("deleted_" + Str("69696969696969696969696969696969"), "");
+  write("deleted_0123456789abcdef0123456789abcdef", "");
   EXPECT_EQ(ta.Begin(kEncrypt, app), Km(KM_ERROR_INVALID_KEY_BLOB));
 }
 
