@@ -96,6 +96,7 @@ class Fenced {
 struct Param {
   Param(int64_t t, uint64_t number) : tag(static_cast<uint32_t>(t)), value(number) {}
   Param(int64_t t, Bytes bytes) : tag(static_cast<uint32_t>(t)), value(std::move(bytes)) {}
+  Param(int64_t t, const std::string& text) : Param(t, Text(text)) {}
   uint32_t tag;
   std::variant<uint64_t, Bytes> value;
 };

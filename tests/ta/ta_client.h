@@ -11,21 +11,15 @@
 #include <string>
 #include <vector>
 
+#include "tests/requests/wire.h"
 #include "wire/ta_protocol.h"
 
 using namespace km41;  // the protocol's constants
 
 using Str = std::string;
 
-// One parameter: the bytes count for byte-valued tags only.
-struct P {
-  uint32_t tag;
-  uint64_t value;
-  Str bytes;
-  P(int64_t t, uint64_t v) : tag(static_cast<uint32_t>(t)), value(v) {}
-  P(int64_t t, Str b) : tag(static_cast<uint32_t>(t)), value(0), bytes(std::move(b)) {}
-};
-using Ps = std::vector<P>;
+using P = test::Param;
+using Ps = test::Params;
 
 inline Ps operator+(Ps a, const Ps& b) {
   a.insert(a.end(), b.begin(), b.end());
@@ -49,13 +43,9 @@ inline Ps Key(uint32_t algorithm, uint32_t purpose, const Ps& rest) {
   return Ps{{KM_TAG_ALGORITHM, algorithm}, {KM_TAG_PURPOSE, purpose}} + rest;
 }
 
-inline Str Le(uint64_t value, size_t size) {
-  Str out;
-  for (size_t i = 0; i < size; ++i) {
-    out += static_cast<char>(value >> (8 * i));
-  }
-  return out;
-}
+inline Str ToStr(const test::Bytes& bytes) { return Str(bytes.begin(), bytes.end()); }
+
+inline Str Le(uint64_t value, int size) { return ToStr(test::LittleEndian(value, size)); }
 
 inline uint64_t UnLe(const Str& bytes, size_t at, size_t size) {
   uint64_t value = 0;
@@ -73,7 +63,7 @@ inline Str Hex(const Str& digits) {
   return out;
 }
 
-inline Str Be(uint64_t value, size_t size) {
+inline Str Be(uint64_t value, int size) {
   const Str little = Le(value, size);
   return Str(little.rbegin(), little.rend());
 }
@@ -89,17 +79,7 @@ inline Str TokenHead(uint64_t challenge, uint64_t user, uint32_t type, uint64_t 
 }
 
 // The two-list form, everything in the second list.
-inline Str Wire(const Ps& params) {
-  Str entries = Le(0, 4) + Le(params.size(), 4);
-  Str blobs;
-  for (const P& p : params) {
-    const bool bytes = p.tag >> 28 == 9;
-    entries += Le(p.tag, 4) + Le(0, 4) +
-               (bytes ? Le(blobs.size(), 4) + Le(p.bytes.size(), 4) : Le(p.value, 8));
-    blobs += p.bytes;
-  }
-  return entries + blobs;
-}
+inline Str Wire(const Ps& params) { return ToStr(test::TwoLists({}, params)); }
 
 constexpr uint32_t Km(keymaster_error_t error) { return static_cast<uint32_t>(error); }
 
@@ -193,8 +173,7 @@ struct Ta {
     return Add(Run(kCmdUpdate, In(Wire(params)), In(input), InOut(Le(handle, 8)), Out(room)));
   }
   uint32_t Finish(const Str& input = {}, const Str& signature = {}, const Ps& params = {}) {
-    const Str packed =
-        Str(1, 0) + Le(input.size(), 4) + input + Str(1, 1) + Le(signature.size(), 4) + signature;
+    const Str packed = ToStr(test::FinishInput(test::Text(input), test::Text(signature)));
     return Add(Run(kCmdFinish, In(Wire(params)), In(packed), InOut(Le(handle, 8)), Out(4096)));
   }
   // A whole operation, fed in pieces; begin_params go to the begin, params to the first update.

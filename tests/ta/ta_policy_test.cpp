@@ -445,6 +445,36 @@ TEST_F(TaTest, BlobsOpenForTheirOwnersOnly) {
   }
 }
 
+TEST_F(TaTest, BlobsFollowTheSystemAndDoNotGoBack) {
+  const struct {
+    int os_version, patchlevel;  // of the system, beside those of the key
+    keymaster_error_t use, upgrade;
+    bool is_new;
+  } rows[] = {
+      {0, 0, KM_ERROR_OK, KM_ERROR_OK, false},
+      {1, 0, KM_ERROR_KEY_REQUIRES_UPGRADE, KM_ERROR_OK, true},
+      {0, 1, KM_ERROR_KEY_REQUIRES_UPGRADE, KM_ERROR_OK, true},
+      {-1, 0, KM_ERROR_INVALID_KEY_BLOB, KM_ERROR_INVALID_ARGUMENT, false},
+      {0, -1, KM_ERROR_INVALID_KEY_BLOB, KM_ERROR_INVALID_ARGUMENT, false},
+      {1, -1, KM_ERROR_INVALID_KEY_BLOB, KM_ERROR_INVALID_ARGUMENT, false},
+  };
+  ASSERT_EQ(ta.Generate(kAes), 0u);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    ASSERT_EQ(ta.Configure(kOsVersion + static_cast<uint32_t>(row.os_version),
+                           kPatchlevel + static_cast<uint32_t>(row.patchlevel)),
+              0u);
+    EXPECT_EQ(ta.TryBegin(kEncrypt, kEcb), Km(row.use));
+    ASSERT_EQ(ta.Run(kCmdUpgrade, In(ta.blob), In(Wire({})), Out(4096)), Km(row.upgrade));
+    EXPECT_EQ(!ta.slots[2].out.empty(), row.is_new);
+    if (row.is_new) {
+      Ta other;
+      other.blob = ta.slots[2].out;
+      EXPECT_EQ(other.TryBegin(kEncrypt, kEcb), 0u);
+    }
+  }
+}
+
 TEST_F(TaTest, HoldsABoundedNumberOfOperations) {
   ASSERT_EQ(ta.Generate(kAes), 0u);
   std::vector<uint64_t> handles;
