@@ -1,6 +1,6 @@
 # What `cmake --install` puts where. The components:
 #   library, development                    the library; its headers, CMake package, pkg-config file
-#   platform, platform-development          the same of what a device supplies itself
+#   platform, platform-development          what a device supplies itself; its headers
 #   tools                                   keymasterctl
 # Nothing in them holds the prefix: the tree may be moved after it was installed.
 if(EXISTS /etc/debian_version AND CMAKE_LIBRARY_ARCHITECTURE)
@@ -37,46 +37,34 @@ endforeach()
 set_target_properties(keymaster41_ts PROPERTIES INSTALL_RPATH "$ORIGIN/keymaster41_ts")
 install(TARGETS keymaster41_ts EXPORT keymaster41_ts
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
-install(TARGETS ${KM_PLATFORM} EXPORT keymaster41_ts-platform
-  LIBRARY DESTINATION ${KM_PLATFORM_LIBDIR} COMPONENT platform)
 # libteec.so starts the worker that lies beside it.
+install(TARGETS ${KM_PLATFORM} EXPORT keymaster41_ts
+  LIBRARY DESTINATION ${KM_PLATFORM_LIBDIR} COMPONENT platform)
 install(TARGETS tee-worker RUNTIME DESTINATION ${KM_PLATFORM_LIBDIR} COMPONENT platform)
 
 file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 set_target_properties(keymasterctl PROPERTIES
   INSTALL_RPATH "$ORIGIN/${bin_to_lib};$ORIGIN/${bin_to_lib}/keymaster41_ts")
 install(TARGETS keymasterctl RUNTIME COMPONENT tools)
-foreach(page man/man1/keymasterctl.1 bash-completion/completions/keymasterctl
-             zsh/site-functions/_keymasterctl)
-  cmake_path(GET page PARENT_PATH folder)
-  install(FILES ${PROJECT_BINARY_DIR}/share/${page} DESTINATION ${CMAKE_INSTALL_DATADIR}/${folder}
-    COMPONENT tools OPTIONAL)
-endforeach()
+# Its manual page and completion, which it prints itself while it is built.
+install(DIRECTORY ${PROJECT_BINARY_DIR}/share/ DESTINATION ${CMAKE_INSTALL_DATADIR} COMPONENT tools
+  OPTIONAL)
 
-# The CMake package.
-install(EXPORT keymaster41_ts NAMESPACE keymaster41_ts:: FILE keymaster41_ts-library.cmake
+# The CMake package, and the pkg-config file, whose prefix is where it is found.
+install(EXPORT keymaster41_ts NAMESPACE keymaster41_ts:: FILE keymaster41_ts-config.cmake
   DESTINATION ${KM_CMAKEDIR} COMPONENT development)
-install(EXPORT keymaster41_ts-platform NAMESPACE keymaster41_ts::
-  DESTINATION ${KM_CMAKEDIR} COMPONENT platform-development)
-configure_package_config_file(cmake/keymaster41_ts-config.cmake.in keymaster41_ts-config.cmake
-  INSTALL_DESTINATION ${KM_CMAKEDIR}
-  NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/keymaster41_ts-config-version.cmake
   COMPATIBILITY SameMajorVersion)
-install(FILES
-  ${PROJECT_BINARY_DIR}/keymaster41_ts-config.cmake
-  ${PROJECT_BINARY_DIR}/keymaster41_ts-config-version.cmake
+install(FILES ${PROJECT_BINARY_DIR}/keymaster41_ts-config-version.cmake
   DESTINATION ${KM_CMAKEDIR} COMPONENT development)
-
-# The pkg-config files, whose prefix is where they are found.
 file(RELATIVE_PATH KM_PC_TO_PREFIX
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/keymaster41_ts.pc.in keymaster41_ts.pc @ONLY)
-configure_file(cmake/keymaster41_ts-platform.pc.in keymaster41_ts-platform.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/keymaster41_ts.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
-install(FILES ${PROJECT_BINARY_DIR}/keymaster41_ts-platform.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT platform-development)
 
 # All that is installed, without the tests.
 add_custom_target(packaged DEPENDS keymaster41_ts ${KM_PLATFORM} tee-worker keymasterctl)
+if(TARGET keymasterctl_share)
+  add_dependencies(packaged keymasterctl_share)
+endif()
