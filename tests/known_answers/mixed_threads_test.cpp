@@ -43,30 +43,20 @@ uint64_t Setting(const char* name, uint64_t otherwise) {
   return text == nullptr ? otherwise : strtoull(text, nullptr, 10);
 }
 
-void Free(keymaster_key_param_set_t* set) {
-  for (size_t i = 0; i < set->length; ++i) {
-    const bool bytes = keymaster_tag_get_type(set->params[i].tag) == KM_BYTES;
-    if (bytes) {
-      free(const_cast<uint8_t*>(set->params[i].blob.data));
-    }
-  }
-  free(set->params);
-}
-
-const Params kSha256 = {{KM_TAG_DIGEST, KM_DIGEST_SHA_2_256}};
-
 // A key's life, from its making to its end.
 void Live(Client* client, keymaster_algorithm_t algorithm, uint64_t size) {
   const bool secret = algorithm == KM_ALGORITHM_HMAC;
-  Params description = kSha256, use = kSha256;
-  description.Add(KM_TAG_ALGORITHM, algorithm).Add(KM_TAG_KEY_SIZE, size);
-  description.Add(KM_TAG_PURPOSE, KM_PURPOSE_SIGN).Add(KM_TAG_PURPOSE, KM_PURPOSE_VERIFY);
-  description.Add(KM_TAG_NO_AUTH_REQUIRED, 1).Add(KM_TAG_PADDING, KM_PAD_RSA_PSS);
+  const Params use = {{KM_TAG_DIGEST, KM_DIGEST_SHA_2_256},
+                      {KM_TAG_PADDING, KM_PAD_RSA_PSS},
+                      {KM_TAG_MAC_LENGTH, 256}};
+  Params described =
+      use + Params{{KM_TAG_ALGORITHM, algorithm},     {KM_TAG_KEY_SIZE, size},
+                   {KM_TAG_PURPOSE, KM_PURPOSE_SIGN}, {KM_TAG_PURPOSE, KM_PURPOSE_VERIFY},
+                   {KM_TAG_NO_AUTH_REQUIRED, 1},      {KM_TAG_RSA_PUBLIC_EXPONENT, 65537}};
   if (secret) {
-    description.Add(KM_TAG_MIN_MAC_LENGTH, 256);
+    described.emplace_back(KM_TAG_MIN_MAC_LENGTH, 256);
   }
-  description.Add(KM_TAG_RSA_PUBLIC_EXPONENT, 65537);
-  use.Add(KM_TAG_PADDING, KM_PAD_RSA_PSS).Add(KM_TAG_MAC_LENGTH, 256);
+  const ParamSet description(described), nothing({});
   const Str text = "text";
   auto& km = client->km;
   Key key, upgraded;
@@ -75,7 +65,8 @@ void Live(Client* client, keymaster_algorithm_t algorithm, uint64_t size) {
   EXPECT_EQ(km.TivasKmGetKeyCharacteristics(&key, nullptr, nullptr, &asked), 0);
   EXPECT_EQ(made.hw_enforced.length, asked.hw_enforced.length);
   for (auto* traits : {&made, &asked}) {
-    Free(&traits->hw_enforced), Free(&traits->sw_enforced);
+    test::FreeSet(&traits->hw_enforced);
+    test::FreeSet(&traits->sw_enforced);
   }
   const auto signature = client->Operate(KM_PURPOSE_SIGN, key, use, text, 3);
   EXPECT_EQ(signature.first, 0);
@@ -83,15 +74,15 @@ void Live(Client* client, keymaster_algorithm_t algorithm, uint64_t size) {
   keymaster::TKeymasterBlob<keymaster_blob_t> exported;
   EXPECT_EQ(km.TivasKmExportKey(KM_KEY_FORMAT_X509, &key, nullptr, nullptr, &exported) == 0,
             !secret);
-  Params attested;
-  attested.Add(KM_TAG_ATTESTATION_CHALLENGE, text).Add(KM_TAG_ATTESTATION_APPLICATION_ID, text);
+  const ParamSet attested(
+      {{KM_TAG_ATTESTATION_CHALLENGE, text}, {KM_TAG_ATTESTATION_APPLICATION_ID, text}});
   keymaster_cert_chain_t chain = {};
   EXPECT_EQ(km.TivasKmAttestKey(&key, attested.get(), &chain) == 0, !secret);
   for (size_t i = 0; i < chain.entry_count; ++i) {
     free(const_cast<uint8_t*>(chain.entries[i].data));
   }
   free(chain.entries);
-  EXPECT_EQ(km.TivasKmUpgradeKey(&key, Params().get(), &upgraded), 0);
+  EXPECT_EQ(km.TivasKmUpgradeKey(&key, nothing.get(), &upgraded), 0);
   EXPECT_EQ(km.TivasKmDeletekey(&key), 0);
   EXPECT_EQ(client->Operate(KM_PURPOSE_SIGN, key, use, text, 3).first, KM_ERROR_INVALID_KEY_BLOB);
   client->requests += 6;

@@ -15,7 +15,7 @@ Params ParamsOf(const Vector& vector) {
       {"mode", KM_TAG_BLOCK_MODE}, {"padding", KM_TAG_PADDING}, {"digest", KM_TAG_DIGEST}};
   for (const auto& [name, tag] : fields) {
     if (vector.Has(name)) {
-      params.Add(tag, static_cast<uint64_t>(vector.Number(name)));
+      params.emplace_back(tag, static_cast<uint64_t>(vector.Number(name)));
     }
   }
   return params;
@@ -72,41 +72,17 @@ Str Vector::Bytes(const Str& name) const {
   return bytes;
 }
 
-Params::Params(std::initializer_list<std::pair<int64_t, uint64_t>> params) {
-  for (const auto& [tag, value] : params) {
-    Add(tag, value);
-  }
-}
-
-Params& Params::Add(int64_t tag, uint64_t value) {
-  list_.push_back({static_cast<keymaster_tag_t>(tag), {}});
-  list_.back().long_integer = value;
-  return *this;
-}
-
-Params& Params::Add(int64_t tag, const Str& bytes) {
-  Add(tag, 0);
-  list_.back().blob = View(bytes);
-  return *this;
-}
-
-const keymaster_key_param_set_t* Params::get() {
-  set_ = {list_.data(), list_.size()};
-  return &set_;
-}
-
-Client::Outcome Client::Operate(keymaster_purpose_t purpose, const Key& key, Params params,
+Client::Outcome Client::Operate(keymaster_purpose_t purpose, const Key& key, const Params& params,
                                 const Str& text, size_t piece, const Str& aad,
                                 const Str& signature) {
   unsigned long handle = 0;
   size_t consumed = 0, at = 0;
   Str output;
-  int32_t result = km.TivasKmBegin(purpose, &key, params.get(), nullptr, &handle);
+  int32_t result = km.TivasKmBegin(purpose, &key, ParamSet(params).get(), nullptr, &handle);
   ++requests;
   for (size_t i = 0; result == 0 && i < aad.size(); i += 13, ++requests) {
-    const Str part = aad.substr(i, 13);
-    result = km.TivasKmUpdate(handle, Params().Add(KM_TAG_ASSOCIATED_DATA, part).get(), nullptr,
-                              nullptr, nullptr, nullptr);
+    const ParamSet part({{KM_TAG_ASSOCIATED_DATA, aad.substr(i, 13)}});
+    result = km.TivasKmUpdate(handle, part.get(), nullptr, nullptr, nullptr, nullptr);
   }
   while (result == 0 && at <= text.size()) {
     keymaster::TKeymasterBlob<keymaster_blob_t> yield;
@@ -128,18 +104,20 @@ void Client::Import(const Vector& vector, Key* key) {
   const auto algorithm = static_cast<uint64_t>(vector.Number("algorithm"));
   const Str bytes = vector.Bytes(wraps ? "wrapping" : "key");
   const keymaster_blob_t material = View(bytes);
-  Params params = ParamsOf(vector);
-  params.Add(KM_TAG_ALGORITHM, algorithm).Add(KM_TAG_NO_AUTH_REQUIRED, 1);
-  params.Add(KM_TAG_PURPOSE, ciphers ? KM_PURPOSE_ENCRYPT : KM_PURPOSE_SIGN);
-  params.Add(KM_TAG_PURPOSE, ciphers ? KM_PURPOSE_DECRYPT : KM_PURPOSE_VERIFY);
-  params.Add(KM_TAG_CALLER_NONCE, 1).Add(KM_TAG_MIN_MAC_LENGTH, ciphers ? 96 : 64);
-  Params wrapping = {{KM_TAG_ALGORITHM, KM_ALGORITHM_RSA},
-                     {KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY},
-                     {KM_TAG_PADDING, KM_PAD_RSA_OAEP},
-                     {KM_TAG_DIGEST, KM_DIGEST_SHA1}};
+  const ParamSet plain(ParamsOf(vector) +
+                       Params{{KM_TAG_ALGORITHM, algorithm},
+                              {KM_TAG_NO_AUTH_REQUIRED, 1},
+                              {KM_TAG_PURPOSE, ciphers ? KM_PURPOSE_ENCRYPT : KM_PURPOSE_SIGN},
+                              {KM_TAG_PURPOSE, ciphers ? KM_PURPOSE_DECRYPT : KM_PURPOSE_VERIFY},
+                              {KM_TAG_CALLER_NONCE, 1},
+                              {KM_TAG_MIN_MAC_LENGTH, ciphers ? 96u : 64u}});
+  const ParamSet wrapping({{KM_TAG_ALGORITHM, KM_ALGORITHM_RSA},
+                           {KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY},
+                           {KM_TAG_PADDING, KM_PAD_RSA_OAEP},
+                           {KM_TAG_DIGEST, KM_DIGEST_SHA1}});
   Key wrapping_key;
   const bool pkcs8 = wraps || algorithm == KM_ALGORITHM_RSA || algorithm == KM_ALGORITHM_EC;
-  ASSERT_EQ(km.TivasKmImportKey(wraps ? wrapping.get() : params.get(),
+  ASSERT_EQ(km.TivasKmImportKey((wraps ? wrapping : plain).get(),
                                 pkcs8 ? KM_KEY_FORMAT_PKCS8 : KM_KEY_FORMAT_RAW, &material,
                                 wraps ? &wrapping_key : key, nullptr),
             0);
@@ -150,8 +128,8 @@ void Client::Import(const Vector& vector, Key* key) {
   const Str wrapped = vector.Bytes("wrapped"), mask = vector.Bytes("mask");
   const keymaster_key_blob_t wrapper = {Raw(wrapped), wrapped.size()};
   const keymaster_key_blob_t masking_key = {Raw(mask), mask.size()};
-  ASSERT_EQ(km.TivasKmImportWrappedKeyNew(&wrapper, &wrapping_key, &masking_key, Params().get(), 0,
-                                          0, key, nullptr),
+  ASSERT_EQ(km.TivasKmImportWrappedKeyNew(&wrapper, &wrapping_key, &masking_key, ParamSet({}).get(),
+                                          0, 0, key, nullptr),
             0);
   ++requests;
 }
@@ -171,13 +149,16 @@ void Client::Check(const Vector& vector, const std::vector<size_t>& pieces) {
   for (const size_t piece : pieces) {
     Params params = ParamsOf(vector);
     if (!nonce.empty()) {
-      params.Add(KM_TAG_NONCE, nonce);
+      params.emplace_back(KM_TAG_NONCE, nonce);
     }
     const size_t lost = error != 0 ? 0 : gcm ? piece % 5 : hmac ? piece % (whole.size() - 7) : 0;
     const Str made = whole.substr(0, whole.size() - lost);
-    const Params checking = gcm ? params.Add(KM_TAG_MAC_LENGTH, 8 * (16 - lost)) : params;
+    if (gcm) {
+      params.emplace_back(KM_TAG_MAC_LENGTH, 8 * (16 - lost));
+    }
+    const Params checking = params;
     if (hmac) {
-      params.Add(KM_TAG_MAC_LENGTH, 8 * made.size());
+      params.emplace_back(KM_TAG_MAC_LENGTH, 8 * made.size());
     }
     // What is made at random is not what stands in the vector, but it must be as good.
     const auto back = [&](const Str& from, size_t size) {

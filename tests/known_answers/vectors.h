@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/requests/wire.h"
+
 using Str = std::string;
 using Key = keymaster::TKeymasterBlob<keymaster_key_blob_t>;
 
@@ -23,19 +25,8 @@ struct Vector : std::map<Str, Str> {
 };
 const std::vector<Vector>& Vectors();
 
-// Params is a parameter set that borrows its byte values.
-class Params {
- public:
-  Params(std::initializer_list<std::pair<int64_t, uint64_t>> params = {});
-  Params& Add(int64_t tag, uint64_t value);
-  Params& Add(int64_t tag, const Str& bytes);
-  Params& Add(int64_t tag, Str&& bytes) = delete;
-  const keymaster_key_param_set_t* get();
-
- private:
-  std::vector<keymaster_key_param_t> list_;
-  keymaster_key_param_set_t set_ = {};
-};
+using test::Params;
+using test::ParamSet;
 
 // Client makes requests and counts them.
 struct Client {
@@ -44,8 +35,8 @@ struct Client {
 
   // The text goes in pieces, what is left at its end with the finish.
   using Outcome = std::pair<int32_t, Str>;
-  Outcome Operate(keymaster_purpose_t purpose, const Key& key, Params params, const Str& text,
-                  size_t piece, const Str& aad = {}, const Str& signature = {});
+  Outcome Operate(keymaster_purpose_t purpose, const Key& key, const Params& params,
+                  const Str& text, size_t piece, const Str& aad = {}, const Str& signature = {});
   void Import(const Vector& vector, Key* key);
   // Check imports a vector's key and does with it all that the vector is for, once with each size
   // of pieces. MACs are cut to lengths that go with it.

@@ -117,6 +117,11 @@ class ParamSet {
       Add(param);
     }
   }
+  explicit ParamSet(const std::vector<Param>& params) {
+    for (const Param& param : params) {
+      Add(param);
+    }
+  }
   ParamSet(const ParamSet&) = delete;
   ParamSet& operator=(const ParamSet&) = delete;
 

@@ -21,16 +21,6 @@ using Str = std::string;
 using P = test::Param;
 using Ps = test::Params;
 
-inline Ps operator+(Ps a, const Ps& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
-inline Ps operator+(Ps a, P b) {
-  a.push_back(std::move(b));
-  return a;
-}
-
 constexpr uint32_t kEncrypt = KM_PURPOSE_ENCRYPT, kDecrypt = KM_PURPOSE_DECRYPT,
                    kSign = KM_PURPOSE_SIGN, kVerify = KM_PURPOSE_VERIFY;
 const P kNoPadding = {KM_TAG_PADDING, KM_PAD_NONE}, kSha1 = {KM_TAG_DIGEST, KM_DIGEST_SHA1},
