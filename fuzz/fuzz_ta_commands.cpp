@@ -4,10 +4,10 @@
 // The input: command after command. A command is its number, a byte (1: its parameter types follow,
 // else they are its usual ones) and its parameters: a value is two numbers, a reference is a source
 // and what that takes. An output is its capacity, and what is in it at first where it is in/out.
-#include <hmac_sharing.h>
 #include <openssl/err.h>
 
 #include "fuzz/ta_world.h"
+#include "ta/hmac_sharing.h"
 
 namespace {
 
