@@ -75,6 +75,7 @@ TEST(HmacSharing, StrangersAreRefusedAndTheKeyChanges) {
   EXPECT_EQ(a.Verify(alone), 0u);
   EXPECT_EQ(a.Verify(shared), Km(KM_ERROR_VERIFICATION_FAILED));
   EXPECT_EQ(a.Run(kCmdComputeSharedHmac, In(all), Out(32)), 0u);
+  EXPECT_EQ(a.slots[1].out, Mac(SharedKey(all), "Keymaster HMAC Verification"));
   EXPECT_EQ(a.Verify(shared), 0u);
   EXPECT_EQ(a.Verify(alone), Km(KM_ERROR_VERIFICATION_FAILED));
 }
