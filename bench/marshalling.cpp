@@ -1,57 +1,94 @@
-// Is any serialiser that people would pick quicker with the same parameters? Each side encodes a
-// platform parameter set into bytes, and decodes bytes into a platform set that owns its values,
-// as callers receive it.
-// The bytes land in a new buffer, which the caller owns; the others may keep their message objects
-// between rounds.
+// Is a serialiser that people would pick quicker with the same parameters, and does the time of an
+// entry grow with the number of entries? Each side encodes a platform parameter set into bytes that
+// the caller owns, and decodes bytes into a platform set that owns its values. The others may keep
+// their message objects between rounds.
 #include <benchmark/benchmark.h>
+#include <keymaster_ts.h>
 #include <string.h>
 
-#include <memory>
-
-#include "content.h"
+#include "tests/platform/bytes.h"
 // The serialisers' headers do not keep our warnings.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wconversion"
 #pragma GCC diagnostic ignored "-Wshadow"
 #pragma GCC diagnostic ignored "-Wundef"
-#define MSGPACK_NO_BOOST
-#include <msgpack.hpp>
-
 #include "params.pb.h"
 #include "params_generated.h"
 #pragma GCC diagnostic pop
 
 namespace bench {
-
 namespace {
 
 using Set = keymaster_key_param_set_t;
+using Params = std::vector<keymaster_key_param_t>;
+using test::Bytes;
 
-void SetBlob(keymaster_key_param_t* param, const void* data, size_t size) {
-  auto* copy = static_cast<uint8_t*>(malloc(size));
-  memcpy(copy, data, size);
-  param->blob = {copy, size};
+bool IsBlob(const keymaster_key_param_t& param) {
+  return test::IsByteValued(static_cast<uint32_t>(param.tag));
+}
+
+Set SetOf(const Params& params) {
+  return {const_cast<keymaster_key_param_t*>(params.data()), params.size()};
+}
+
+// Parameters of a TA's reply: integers of each width and flags; every blob_every-th (0: none) is a
+// value of blob's bytes instead.
+Params MakeParams(int64_t count, int64_t blob_every, const Bytes& blob) {
+  constexpr keymaster_tag_t kTags[] = {KM_TAG_USER_ID, KM_TAG_USER_SECURE_ID,
+                                       KM_TAG_ACTIVE_DATETIME, KM_TAG_NO_AUTH_REQUIRED,
+                                       KM_TAG_USER_AUTH_TYPE};
+  Params params;
+  for (int64_t i = 0; i < count; ++i) {
+    keymaster_key_param_t param = {};
+    if (blob_every != 0 && i % blob_every == 0) {
+      param.tag = KM_TAG_APPLICATION_ID;
+      param.blob = test::Blob(blob);
+    } else {
+      param.tag = kTags[i % 5];
+      param.long_integer =
+          param.tag == KM_TAG_NO_AUTH_REQUIRED ? 1 : 1000 + static_cast<uint64_t>(i);
+    }
+    params.push_back(param);
+  }
+  return params;
+}
+
+// Fills a parameter with a copy of bytes, or with a number where there are none.
+void Fill(uint32_t tag, const void* data, size_t size, uint64_t number,
+          keymaster_key_param_t* param) {
+  param->tag = static_cast<keymaster_tag_t>(tag);
+  param->long_integer = number;
+  if (data != nullptr) {
+    auto* copy = static_cast<uint8_t*>(malloc(size));
+    memcpy(copy, data, size);
+    param->blob = {copy, size};
+  }
 }
 
 Set NewSet(size_t count) {
   return {static_cast<keymaster_key_param_t*>(calloc(count, sizeof(keymaster_key_param_t))), count};
 }
 
+// Each side keeps what it encoded last, to decode it.
 struct Library {
   static constexpr const char* kName = "library";
-  Bytes reply;  // one list, as the TA sends it
+  uint8_t* bytes = nullptr;
+  uint32_t length = 0;
 
-  void Prepare(const Params& params) { reply = OneList(params); }
+  ~Library() { free(bytes); }
   void Encode(const Set& set) {
-    uint8_t* out = nullptr;
-    uint32_t length = 0;
-    if (BuildKmParams(&set, &out, &length) != 0) abort();
-    benchmark::DoNotOptimize(out);
-    free(out);
+    free(bytes);
+    if (BuildKmParams(&set, &bytes, &length) != 0) {
+      abort();
+    }
+    benchmark::DoNotOptimize(bytes);
   }
+  // A reply is the second list alone, in which all of these parameters are.
   Set Decode() {
     Set set = {};
-    if (BuildKeyParamSet(&set, reply.data(), static_cast<uint32_t>(reply.size())) != 0) abort();
+    if (BuildKeyParamSet(&set, bytes + 4, length - 4) != 0) {
+      abort();
+    }
     return set;
   }
 };
@@ -59,17 +96,11 @@ struct Library {
 struct Protobuf {
   static constexpr const char* kName = "protobuf";
   bench_proto::Params out, in;
-  Bytes bytes;
+  uint8_t* bytes = nullptr;
+  int length = 0;
 
-  void Prepare(const Params& params) {
-    EncodeInto(SetOf(params),
-               [this](const uint8_t* data, size_t size) { bytes.assign(data, data + size); });
-  }
+  ~Protobuf() { free(bytes); }
   void Encode(const Set& set) {
-    EncodeInto(set, [](const uint8_t*, size_t) {});
-  }
-  template <typename Use>
-  void EncodeInto(const Set& set, Use use) {
     out.Clear();
     for (size_t i = 0; i < set.length; ++i) {
       const keymaster_key_param_t& param = set.params[i];
@@ -81,25 +112,23 @@ struct Protobuf {
         added->set_number(param.long_integer);
       }
     }
-    const size_t size = out.ByteSizeLong();
-    auto* buffer = static_cast<uint8_t*>(malloc(size));
-    if (!out.SerializeToArray(buffer, static_cast<int>(size))) abort();
-    use(buffer, size);
-    benchmark::DoNotOptimize(buffer);
-    free(buffer);
+    free(bytes);
+    length = static_cast<int>(out.ByteSizeLong());
+    bytes = static_cast<uint8_t*>(malloc(static_cast<size_t>(length)));
+    if (!out.SerializeToArray(bytes, length)) {
+      abort();
+    }
+    benchmark::DoNotOptimize(bytes);
   }
   Set Decode() {
-    if (!in.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) abort();
+    if (!in.ParseFromArray(bytes, length)) {
+      abort();
+    }
     Set set = NewSet(static_cast<size_t>(in.params_size()));
     for (size_t i = 0; i < set.length; ++i) {
       const bench_proto::Param& read = in.params(static_cast<int>(i));
-      keymaster_key_param_t* param = &set.params[i];
-      param->tag = static_cast<keymaster_tag_t>(read.tag());
-      if (read.has_blob()) {
-        SetBlob(param, read.blob().data(), read.blob().size());
-      } else {
-        param->long_integer = read.number();
-      }
+      const void* data = read.has_blob() ? read.blob().data() : nullptr;
+      Fill(read.tag(), data, read.blob().size(), read.number(), &set.params[i]);
     }
     return set;
   }
@@ -110,18 +139,18 @@ struct Flatbuffers {
   flatbuffers::DetachedBuffer bytes;
   std::vector<flatbuffers::Offset<bench_flat::Param>> offsets;
 
-  void Prepare(const Params& params) { Encode(SetOf(params)); }
   void Encode(const Set& set) {
     flatbuffers::FlatBufferBuilder builder;
     offsets.clear();
     for (size_t i = 0; i < set.length; ++i) {
       const keymaster_key_param_t& param = set.params[i];
       const auto tag = static_cast<uint32_t>(param.tag);
-      offsets.push_back(
-          IsBlob(param)
-              ? bench_flat::CreateParam(
-                    builder, tag, 0, builder.CreateVector(param.blob.data, param.blob.data_length))
-              : bench_flat::CreateParam(builder, tag, param.long_integer));
+      if (IsBlob(param)) {
+        const auto blob = builder.CreateVector(param.blob.data, param.blob.data_length);
+        offsets.push_back(bench_flat::CreateParam(builder, tag, 0, blob));
+      } else {
+        offsets.push_back(bench_flat::CreateParam(builder, tag, param.long_integer));
+      }
     }
     builder.Finish(bench_flat::CreateParams(builder, builder.CreateVector(offsets)));
     bytes = builder.Release();
@@ -129,59 +158,16 @@ struct Flatbuffers {
   }
   Set Decode() {
     flatbuffers::Verifier verifier(bytes.data(), bytes.size(), 64, 10000000);
-    if (!bench_flat::VerifyParamsBuffer(verifier)) abort();
+    if (!bench_flat::VerifyParamsBuffer(verifier)) {
+      abort();
+    }
     const auto& list = *bench_flat::GetParams(bytes.data())->params();
     Set set = NewSet(list.size());
     for (size_t i = 0; i < set.length; ++i) {
       const bench_flat::Param* read = list.Get(static_cast<flatbuffers::uoffset_t>(i));
-      keymaster_key_param_t* param = &set.params[i];
-      param->tag = static_cast<keymaster_tag_t>(read->tag());
-      if (read->blob() != nullptr) {
-        SetBlob(param, read->blob()->data(), read->blob()->size());
-      } else {
-        param->long_integer = read->number();
-      }
-    }
-    return set;
-  }
-};
-
-struct Msgpack {
-  static constexpr const char* kName = "MessagePack";
-  std::unique_ptr<msgpack::sbuffer> buffer;
-  msgpack::object_handle read;
-
-  void Prepare(const Params& params) { Encode(SetOf(params)); }
-  void Encode(const Set& set) {
-    buffer = std::make_unique<msgpack::sbuffer>(1024);
-    msgpack::packer<msgpack::sbuffer> packer(*buffer);
-    packer.pack_array(static_cast<uint32_t>(2 * set.length));
-    for (size_t i = 0; i < set.length; ++i) {
-      const keymaster_key_param_t& param = set.params[i];
-      packer.pack_uint32(static_cast<uint32_t>(param.tag));
-      if (IsBlob(param)) {
-        const auto size = static_cast<uint32_t>(param.blob.data_length);
-        packer.pack_bin(size);
-        packer.pack_bin_body(reinterpret_cast<const char*>(param.blob.data), size);
-      } else {
-        packer.pack_uint64(param.long_integer);
-      }
-    }
-    benchmark::DoNotOptimize(buffer->data());
-  }
-  Set Decode() {
-    msgpack::unpack(read, buffer->data(), buffer->size());
-    const msgpack::object_array& list = read.get().via.array;
-    Set set = NewSet(list.size / 2);
-    for (size_t i = 0; i < set.length; ++i) {
-      const msgpack::object& value = list.ptr[2 * i + 1];
-      keymaster_key_param_t* param = &set.params[i];
-      param->tag = static_cast<keymaster_tag_t>(list.ptr[2 * i].as<uint32_t>());
-      if (value.type == msgpack::type::BIN) {
-        SetBlob(param, value.via.bin.ptr, value.via.bin.size);
-      } else {
-        param->long_integer = value.as<uint64_t>();
-      }
+      const auto* blob = read->blob();
+      Fill(read->tag(), blob == nullptr ? nullptr : blob->data(),
+           blob == nullptr ? 0 : blob->size(), read->number(), &set.params[i]);
     }
     return set;
   }
@@ -189,47 +175,45 @@ struct Msgpack {
 
 // A side that loses content would be quick for nothing.
 bool Same(const Set& a, const Set& b) {
-  if (a.length != b.length) return false;
-  for (size_t i = 0; i < a.length; ++i) {
+  bool is_same = a.length == b.length;
+  for (size_t i = 0; is_same && i < a.length; ++i) {
     const keymaster_key_param_t& x = a.params[i];
     const keymaster_key_param_t& y = b.params[i];
-    if (x.tag != y.tag) return false;
-    if (!IsBlob(x) && x.long_integer != y.long_integer) return false;
-    if (IsBlob(x) && (x.blob.data_length != y.blob.data_length ||
-                      memcmp(x.blob.data, y.blob.data, x.blob.data_length) != 0)) {
-      return false;
-    }
+    is_same = x.tag == y.tag && (IsBlob(x) ? test::BlobBytes(x.blob) == test::BlobBytes(y.blob)
+                                           : x.long_integer == y.long_integer);
   }
-  return true;
+  return is_same;
 }
 
 template <typename Side>
-void Run(benchmark::State& state, bool encode, size_t blob_every) {
+void Marshal(benchmark::State& state, bool encodes, int64_t blob_every) {
   const Bytes blob(32, 0x42);
-  const Params params = MakeParams(static_cast<size_t>(state.range(0)), blob_every, blob);
+  const Params params = MakeParams(state.range(0), blob_every, blob);
   const Set set = SetOf(params);
   Side side;
-  side.Prepare(params);
+  side.Encode(set);
   Set decoded = side.Decode();
-  if (!Same(set, decoded)) state.SkipWithError("content lost");
-  Release(&decoded);
+  if (!Same(set, decoded)) {
+    state.SkipWithError("content lost");
+  }
+  test::FreeSet(&decoded);
   for (auto _ : state) {
-    if (encode) {
+    if (encodes) {
       side.Encode(set);
     } else {
       decoded = side.Decode();
-      Release(&decoded);
+      test::FreeSet(&decoded);
     }
   }
 }
 
 template <typename Side>
-void Register() {
-  for (const bool encode : {true, false}) {
-    for (const auto& [content, blob_every] : {std::pair("integers", 0u), {"mixed", 4u}}) {
+void RegisterSide() {
+  for (const bool encodes : {true, false}) {
+    for (const auto& [content, blob_every] : {std::pair("integers", 0), {"mixed", 4}}) {
       const std::string name =
-          std::string("marshal/") + (encode ? "encode/" : "decode/") + content + "/" + Side::kName;
-      benchmark::RegisterBenchmark(name.c_str(), Run<Side>, encode, blob_every)
+          std::string(encodes ? "encode/" : "decode/") + content + "/" + Side::kName;
+      benchmark::RegisterBenchmark(name.c_str(), Marshal<Side>, encodes, blob_every)
           ->Arg(4)
           ->Arg(12)
           ->Arg(64);
@@ -237,13 +221,23 @@ void Register() {
   }
 }
 
+// range(0) entries with values of range(1) bytes; 0: integers.
+void Grow(benchmark::State& state) {
+  const Bytes value(static_cast<size_t>(state.range(1)), 0x42);
+  const Params params = MakeParams(state.range(0), value.empty() ? 0 : 1, value);
+  Library library;
+  for (auto _ : state) {
+    library.Encode(SetOf(params));
+  }
+}
+
 }  // namespace
 
 void RegisterMarshalling() {
-  Register<Library>();
-  Register<Protobuf>();
-  Register<Flatbuffers>();
-  Register<Msgpack>();
+  RegisterSide<Library>();
+  RegisterSide<Protobuf>();
+  RegisterSide<Flatbuffers>();
+  benchmark::RegisterBenchmark("growth", Grow)->ArgsProduct({{10, 1000, 100000}, {0, 16, 1024}});
 }
 
 }  // namespace bench

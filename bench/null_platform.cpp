@@ -1,41 +1,158 @@
-#include "null_platform.h"
+#include "bench/null_platform.h"
 
 #include <android/log.h>
+#include <keymaster_ts.h>
 #include <securec.h>
 #include <string.h>
-#include <tee_client_api.h>
 #include <zubrel.h>
 
 #include <algorithm>
 
 namespace bench {
-
-Update g_update = Update::kReport;
-
 namespace {
 
-constexpr uint32_t kUpdate = 9;
-constexpr uint32_t kCommands = 80;
-Bytes g_replies[kCommands][4];
+const Script* g_script = nullptr;
+size_t g_next = 0;
+Script* g_recorded = nullptr;
 
-bool IsOutput(uint32_t types, unsigned index) {
+bool IsReference(uint32_t types, unsigned index) {
+  return TEEC_PARAM_TYPE_GET(types, index) >= TEEC_MEMREF_TEMP_INPUT;
+}
+bool IsReply(uint32_t types, unsigned index) {
   return TEEC_PARAM_TYPE_GET(types, index) >= TEEC_MEMREF_TEMP_OUTPUT;
 }
 
-void Reply(const Bytes& bytes, TEEC_TempMemoryReference* ref) {
-  ref->size = std::min(ref->size, static_cast<uint32_t>(bytes.size()));
-  if (ref->size != 0) memcpy(ref->buffer, bytes.data(), ref->size);
+Exchange Answered(uint32_t command, const TEEC_Operation& operation) {
+  test::Answer answer = test::AnswerTo(command, operation);
+  if (answer.result != TEEC_SUCCESS) {
+    abort();
+  }
+  Exchange exchange = {command, operation.paramTypes, {}, {}, answer.value.value_or(TEEC_Value())};
+  for (unsigned i = 0; i < 4; ++i) {
+    if (IsReference(exchange.types, i)) {
+      exchange.sizes[i] = operation.params[i].tmpref.size;
+      exchange.replies[i] = answer.outputs[i];
+    }
+  }
+  return exchange;
+}
+
+void Reply(const Exchange& exchange, TEEC_Operation* operation) {
+  for (unsigned i = 0; i < 4; ++i) {
+    TEEC_TempMemoryReference& reference = operation->params[i].tmpref;
+    const test::Bytes& reply = exchange.replies[i];
+    if (IsReply(exchange.types, i)) {
+      reference.size = static_cast<uint32_t>(reply.size());
+      if (!reply.empty()) {
+        memcpy(reference.buffer, reply.data(), reply.size());
+      }
+    } else if (TEEC_PARAM_TYPE_GET(exchange.types, i) == TEEC_VALUE_INOUT) {
+      operation->params[i].value = exchange.value;
+    }
+  }
+}
+
+void FreeAndClear(test::Outputs* outputs) {
+  free(const_cast<uint8_t*>(outputs->key_blob.key_material));
+  free(const_cast<uint8_t*>(outputs->data.data));
+  test::FreeSet(&outputs->params);
+  test::FreeSet(&outputs->characteristics.hw_enforced);
+  test::FreeSet(&outputs->characteristics.sw_enforced);
+  for (size_t i = 0; i < outputs->chain.entry_count; ++i) {
+    free(const_cast<uint8_t*>(outputs->chain.entries[i].data));
+  }
+  free(outputs->chain.entries);
+  outputs->key_blob = {};
+  outputs->data = {};
+  outputs->chain = {};
 }
 
 }  // namespace
 
-void SetReply(uint32_t command, unsigned index, Bytes bytes) {
-  g_replies[command][index] = std::move(bytes);
+Script Record(const test::Request& request) {
+  Script script;
+  g_recorded = &script;
+  if (Ts_Initcontext() != 0 || RepeatedRequest(request).Run() != 0) {
+    abort();
+  }
+  g_recorded = nullptr;
+  return script;
 }
 
-uint64_t& BytesMoved() {
-  static thread_local uint64_t moved = 0;
-  return moved;
+void Play(const Script* script) {
+  g_script = script;
+  g_next = 0;
+}
+
+int32_t RawCommand(uint32_t command, TEEC_Operation* operation) {
+  TEEC_Context context = {};
+  TEEC_Session session = {};
+  const TEEC_UUID uuid = {};
+  TEEC_Operation open = {};
+  uint32_t origin = 0;
+  zubrel_init();
+  int id = __zubrel_start_ex("open", 32, nullptr, nullptr, 3);
+  TEEC_Result result = TEEC_OpenSession(&context, &session, &uuid, 7, nullptr, &open, &origin);
+  zubrel_end(id);
+  id = __zubrel_start_ex("invoke", 32, nullptr, nullptr, 3);
+  result |= TEEC_InvokeCommand(&session, command, operation, &origin);
+  zubrel_end(id);
+  id = __zubrel_start_ex("close", 32, nullptr, nullptr, 3);
+  TEEC_CloseSession(&session);
+  zubrel_end(id);
+  return static_cast<int32_t>(result);
+}
+
+int32_t RawRequest(const Script& script) {
+  static uint8_t input[1];  // which this TEE does not read
+  int32_t result = 0;
+  for (const Exchange& exchange : script) {
+    TEEC_Operation operation = {};
+    void* replies[4] = {};
+    operation.started = 1;
+    operation.paramTypes = exchange.types;
+    for (unsigned i = 0; i < 4; ++i) {
+      if (IsReply(exchange.types, i)) {
+        replies[i] = malloc(exchange.sizes[i]);
+      }
+      if (IsReference(exchange.types, i)) {
+        void* buffer = replies[i] != nullptr ? replies[i] : input;
+        operation.params[i].tmpref = {buffer, exchange.sizes[i]};
+      }
+    }
+    result |= RawCommand(exchange.command, &operation);
+    for (void* reply : replies) {
+      free(reply);
+    }
+  }
+  return result;
+}
+
+RepeatedRequest::RepeatedRequest(const test::Request& request) : method_(*request.method) {
+  outputs_.params = {};
+  outputs_.characteristics = {};
+  outputs_.key_blob = {};
+  outputs_.data = {};
+  outputs_.chain = {};
+  request.Prepare(&args_);
+}
+
+int32_t RepeatedRequest::Run() {
+  const int32_t result = method_.call(args_);
+  FreeAndClear(&outputs_);
+  return result;
+}
+
+std::vector<test::Request> MeasuredRequests() {
+  std::vector<test::Request> measured;
+  for (const test::Request& request : test::Requests()) {
+    const std::string name = request.name;
+    if (strncmp(request.method->name, "Tivas", 5) == 0 && name != "GenerateRsa") {
+      measured.push_back(request);
+      measured.back().set = name == "Update" ? nullptr : request.set;
+    }
+  }
+  return measured;
 }
 
 }  // namespace bench
@@ -49,22 +166,25 @@ TEEC_Result TEEC_OpenSession(TEEC_Context*, TEEC_Session*, const TEEC_UUID*, uin
   return TEEC_SUCCESS;
 }
 void TEEC_CloseSession(TEEC_Session*) {}
-
 TEEC_Result TEEC_InvokeCommand(TEEC_Session*, uint32_t command, TEEC_Operation* operation,
                                uint32_t*) {
-  for (unsigned i = 0; i < 4; ++i) {
-    if (bench::IsOutput(operation->paramTypes, i)) {
-      bench::Reply(bench::g_replies[command][i], &operation->params[i].tmpref);
-    }
+  using namespace bench;
+  if (g_recorded != nullptr) {
+    g_recorded->push_back(Answered(command, *operation));
+    Reply(g_recorded->back(), operation);
+    return TEEC_SUCCESS;
   }
-  if (command == bench::kUpdate) {
+  if (g_script == nullptr) {
     const TEEC_TempMemoryReference& input = operation->params[1].tmpref;
+    operation->params[2].tmpref.size = 0;
     operation->params[3].tmpref.size = input.size;
-    if (bench::g_update == bench::Update::kCopy) {
-      memcpy(operation->params[3].tmpref.buffer, input.buffer, input.size);
-    }
+    memcpy(operation->params[3].tmpref.buffer, input.buffer, input.size);
+    return TEEC_SUCCESS;
   }
-  return TEEC_SUCCESS;
+  const Exchange& exchange = (*g_script)[g_next];
+  g_next = g_next + 1 < g_script->size() ? g_next + 1 : 0;
+  Reply(exchange, operation);
+  return exchange.command == command ? TEEC_SUCCESS : TEEC_ERROR_GENERIC;
 }
 
 int __android_log_print(int, const char*, const char*, ...) { return 0; }
@@ -72,12 +192,5 @@ int __android_log_print(int, const char*, const char*, ...) { return 0; }
 int zubrel_init(void) { return 0; }
 int __zubrel_start_ex(const char*, unsigned, void (*)(void*), void*, unsigned) { return 1; }
 int zubrel_end(int) { return 0; }
-
-int memcpy_s(void* dest, size_t dest_max, const void* src, size_t count) {
-  if (dest == nullptr || src == nullptr || count > dest_max) return 1;
-  bench::BytesMoved() += count;
-  memcpy(dest, src, count);
-  return 0;
-}
 
 }  // extern "C"

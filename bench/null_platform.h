@@ -1,24 +1,54 @@
-// A platform whose calls return at once: the TEE answers each command with a fixed reply, the log
-// drops all messages, the watchdog guards nothing. Defined in the program, it stands in front of
-// the shared libraries. Apart from the settings below it keeps no state, so it has no locks.
+// A platform whose calls return at once: the TEE answers from a script, the log drops all messages,
+// the watchdog guards nothing. Defined in the program, it stands in front of the shared libraries.
+// For one thread.
 #ifndef BENCH_NULL_PLATFORM_H
 #define BENCH_NULL_PLATFORM_H
 
-#include <stdint.h>
+#include <tee_client_api.h>
 
-#include "content.h"
+#include <array>
+#include <vector>
+
+#include "tests/requests/requests.h"
 
 namespace bench {
 
-// What an update does beside reporting as much output as it had input.
-enum class Update { kReport, kCopy };
-extern Update g_update;
+// A command as it was sent, and its answer.
+struct Exchange {
+  uint32_t command;
+  uint32_t types;
+  std::array<uint32_t, 4> sizes;  // of the memory references
+  std::array<test::Bytes, 4> replies;
+  TEEC_Value value;
+};
+using Script = std::vector<Exchange>;
 
-// SetReply has a command come back with these bytes in one parameter. Not while requests run.
-void SetReply(uint32_t command, unsigned index, Bytes bytes);
+// Record makes a request, answered by the well-behaved TA of the tests, and returns what it sent.
+Script Record(const test::Request& request);
+// Play has the TEE answer by a script, from its beginning and again and again. Null has it copy an
+// update's input to its output, which any real TEE at least reads and writes.
+void Play(const Script* script);
 
-// The bytes that the library moved with memcpy_s on this thread.
-uint64_t& BytesMoved();
+// RawCommand makes the platform calls of one command, and nothing else.
+int32_t RawCommand(uint32_t command, TEEC_Operation* operation);
+// RawRequest makes those of a script, with a buffer for each reply.
+int32_t RawRequest(const Script& script);
+
+// A request that is made over and over, and releases what it got.
+class RepeatedRequest {
+ public:
+  explicit RepeatedRequest(const test::Request& request);
+  int32_t Run();
+
+ private:
+  const test::Method& method_;
+  test::Outputs outputs_;
+  test::Args args_{&outputs_};
+};
+
+// The requests that are measured: those that are a caller's, without the search for an RSA key, and
+// with an update of one command.
+std::vector<test::Request> MeasuredRequests();
 
 }  // namespace bench
 
