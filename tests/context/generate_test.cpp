@@ -28,7 +28,7 @@ TEST_F(Generate, AlgorithmChoosesTheRoute) {
   EXPECT_EQ(kTa, Run({}));
   EXPECT_EQ(kSoftware, Run({kEc, k512, kRsa, Exponent(3)}));
   // The whole set, sorted into its two lists.
-  EXPECT_EQ(kTa, Run({{KM_TAG_NO_AUTH_REQUIRED, 1}, kEc, {KM_TAG_APPLICATION_ID, {9, 8}}}));
+  EXPECT_EQ(kTa, Run({{KM_TAG_NO_AUTH_REQUIRED, 1}, kEc, {KM_TAG_APPLICATION_ID, Bytes{9, 8}}}));
   const Bytes id = BytesEntry(KM_TAG_APPLICATION_ID, 0, 2);
   EXPECT_EQ(Parts{Cat({WireList({Entry(KM_TAG_ALGORITHM, 3)}),
                        WireList({Entry(KM_TAG_NO_AUTH_REQUIRED, 1), id}), Bytes{9, 8}})},

@@ -90,7 +90,7 @@ struct Attest : RequestTest {
     return Outcome(km.TivasKmAttestKey(&kKeyBlob, set.get(), &chain));
   }
   std::string Run(const Bytes& reply) { return Run(Reply::Ok().Out(2, reply)); }
-  ParamSet set{{KM_TAG_ATTESTATION_CHALLENGE, {9, 9}}};
+  ParamSet set{{KM_TAG_ATTESTATION_CHALLENGE, Bytes{9, 9}}};
 };
 
 TEST_F(Attest, ReturnsTheChainInOrder) {
