@@ -112,7 +112,7 @@ inline uint64_t NumberOf(const keymaster_key_param_t& param) {
 // its byte values are fenced.
 class ParamSet {
  public:
-  ParamSet(std::initializer_list<Param> params) {
+  ParamSet(std::initializer_list<Param> params = {}) {
     for (const Param& param : params) {
       Add(param);
     }

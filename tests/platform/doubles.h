@@ -130,6 +130,15 @@ struct Platform : Script, Records {
   // Reset forgets script, records and faults.
   void Reset();
 
+  // Tells whether a bound lies within the memory that it is given for. Null judges nothing.
+  bool (*judge_bound)(const void* memory, size_t bound) = nullptr;
+  void CheckBound(const void* memory, size_t bound) {
+    if (judge_bound != nullptr && !judge_bound(memory, bound)) {
+      const std::lock_guard<std::mutex> lock(mutex);
+      problems.push_back("a bound of " + std::to_string(bound) + " bytes beyond its block");
+    }
+  }
+
   size_t live_contexts = 0;
   std::mutex mutex;  // for the doubles
 };

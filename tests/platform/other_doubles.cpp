@@ -117,6 +117,7 @@ int qavix_set_param(void* event, unsigned short index, const void* value) {
 // ---- Bounded memory
 
 int memcpy_s(void* dest, size_t dest_max, const void* src, size_t count) {
+  platform().CheckBound(dest, dest_max);
   const bool failing = TakeFault(Call::kMemcpyS);
   if (failing || dest == nullptr || src == nullptr || count > dest_max) return 1;
   memcpy(dest, src, count);
@@ -124,6 +125,7 @@ int memcpy_s(void* dest, size_t dest_max, const void* src, size_t count) {
 }
 
 int memset_s(void* dest, size_t dest_max, int value, size_t count) {
+  platform().CheckBound(dest, dest_max);
   if (TakeFault(Call::kMemsetS) || dest == nullptr || count > dest_max) return 1;
   memset(dest, value, count);
   return 0;

@@ -73,6 +73,7 @@ SeenParam See(const TEEC_Operation& operation, unsigned index) {
   if (type < TEEC_MEMREF_TEMP_INPUT) return seen;
   seen.buffer = param.tmpref.buffer;
   seen.size = param.tmpref.size;
+  platform().CheckBound(seen.buffer, seen.size);
   const uint8_t* bytes = static_cast<const uint8_t*>(seen.buffer);
   if (type != TEEC_MEMREF_TEMP_OUTPUT && bytes != nullptr) seen.in.assign(bytes, bytes + seen.size);
   return seen;

@@ -17,6 +17,7 @@
 #include <sstream>
 #include <utility>
 
+#include "tests/platform/doubles.h"
 #include "tests/platform/faults.h"
 #include "tests/platform/keys.h"
 
@@ -46,6 +47,14 @@ constexpr char kUnwanted[] =
 constexpr size_t kCryptoCount = 19, kGenerateRsa = 0, kNoCrypto = SIZE_MAX;
 constexpr size_t kPiece = 16;
 
+// Behind each block stands what must be neither read nor written: to who reads one entry beyond an
+// array of parameters it is the purpose that he looks for. ASan has guards of its own.
+#ifdef __SANITIZE_ADDRESS__
+constexpr uint64_t kGuard[0] = {};
+#else
+constexpr uint64_t kGuard[] = {KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY, 0x5AFE5AFE5AFE5AFE};
+#endif
+
 Word g_real[kCryptoCount];
 std::atomic<int> g_crypto_calls{0};
 int g_fail_at = 0;
@@ -71,7 +80,9 @@ Word CryptoHook(Word a, Word b, Word c, Word d, Word e, Word f) {
   const RSA* key = reinterpret_cast<const RSA*>(a);
   for (const BIGNUM* number : {RSA_get0_d(key), RSA_get0_p(key), RSA_get0_q(key),
                                RSA_get0_dmp1(key), RSA_get0_dmq1(key), RSA_get0_iqmp(key)}) {
-    if (number != nullptr) WatchFor("generated key", BigEndian(number));
+    if (number != nullptr) {
+      WatchFor("generated key", BigEndian(number));
+    }
   }
   return result;
 }
@@ -83,10 +94,15 @@ std::array<Word, kCryptoCount> CryptoHooks(std::index_sequence<kIndex...>) {
 
 void* MallocHook(size_t size) {
   const bool refused = TakeFault(Call::kMalloc) || size > kLargestAllocation;
-  void* block = refused ? nullptr : malloc(size);
-  if (refused) errno = ENOMEM;
-  if (block == nullptr) return nullptr;
+  void* block = refused ? nullptr : malloc(size + sizeof(kGuard));
+  if (refused) {
+    errno = ENOMEM;
+  }
+  if (block == nullptr) {
+    return nullptr;
+  }
   memset(block, 0xA5, size);  // fresh memory looks neither cleared nor like an old secret
+  memcpy(static_cast<uint8_t*>(block) + size, kGuard, sizeof(kGuard));
   const std::lock_guard<std::mutex> lock(g_mutex);
   g_live[block] = size;
   return block;
@@ -98,32 +114,56 @@ void FreeHook(void* block) {
     // Only of its own blocks is it known that nobody else left something in them.
     const auto found = g_live.find(block);
     for (const auto& [label, piece] : g_secrets) {
-      if (found == g_live.end()) break;
-      if (memmem(block, found->second, piece.data(), piece.size())) g_unwiped.push_back(label);
+      if (found != g_live.end() &&
+          memmem(block, found->second, piece.data(), piece.size()) != nullptr) {
+        g_unwiped.push_back(label);
+      }
     }
   }
   ReleaseOutput(block);
 }
 
+// Memory that is no block of the library's is not judged.
+bool FitsBlock(const void* memory, size_t bound) {
+  const std::lock_guard<std::mutex> lock(g_mutex);
+  auto block = g_live.upper_bound(memory);
+  if (block == g_live.begin()) {
+    return true;
+  }
+  --block;
+  const auto offset = static_cast<size_t>(static_cast<const uint8_t*>(memory) -
+                                          static_cast<const uint8_t*>(block->first));
+  return offset > block->second || bound <= block->second - offset;
+}
+
 void Redirect(Word* slot, Word hook) {
   const Word page_size = static_cast<Word>(sysconf(_SC_PAGESIZE));
   void* page = reinterpret_cast<void*>(reinterpret_cast<Word>(slot) / page_size * page_size);
-  if (mprotect(page, page_size, PROT_READ | PROT_WRITE) != 0) abort();
+  if (mprotect(page, page_size, PROT_READ | PROT_WRITE) != 0) {
+    abort();
+  }
   *slot = hook;
 }
 
 void RedirectNamed(const std::string& name, Word* slot) {
   static const auto hooks = CryptoHooks(std::make_index_sequence<kCryptoCount>());
-  if (name == "malloc") Redirect(slot, reinterpret_cast<Word>(&MallocHook));
-  if (name == "free") Redirect(slot, reinterpret_cast<Word>(&FreeHook));
+  if (name == "malloc") {
+    Redirect(slot, reinterpret_cast<Word>(&MallocHook));
+  }
+  if (name == "free") {
+    Redirect(slot, reinterpret_cast<Word>(&FreeHook));
+  }
   std::istringstream names(kCrypto);
   size_t i = 0;
   for (std::string each; names >> each; ++i) {
-    if (name != each) continue;
-    g_real[i] = *slot;
-    Redirect(slot, hooks[i]);
+    if (name == each) {
+      g_real[i] = *slot;
+      Redirect(slot, hooks[i]);
+    }
   }
-  if (i != kCryptoCount) abort();
+  if (i != kCryptoCount) {
+    abort();
+  }
   const auto is_in = [&name](const char* list) {
     std::istringstream all(list);
     return std::find(std::istream_iterator<std::string>(all), {}, name) !=
@@ -139,7 +179,9 @@ void RedirectNamed(const std::string& name, Word* slot) {
 
 bool RedirectLibrary() {
   const link_map* library = _r_debug.r_map;
-  while (strstr(library->l_name, "libkeymaster41_ts.so") == nullptr) library = library->l_next;
+  while (strstr(library->l_name, "libkeymaster41_ts.so") == nullptr) {
+    library = library->l_next;
+  }
   std::map<ElfW(Sxword), Word> dynamic;
   for (auto* entry = library->l_ld; entry->d_tag != DT_NULL; ++entry) {
     dynamic[entry->d_tag] = entry->d_un.d_ptr;
@@ -150,9 +192,10 @@ bool RedirectLibrary() {
     const auto* relocation = reinterpret_cast<const ElfW(Rela)*>(dynamic[table]);
     for (size_t left = dynamic[size] / sizeof(*relocation); left > 0; --left, ++relocation) {
       const size_t symbol = ELF64_R_SYM(relocation->r_info);
-      if (symbol == 0) continue;
-      RedirectNamed(names + symbols[symbol].st_name,
-                    reinterpret_cast<Word*>(library->l_addr + relocation->r_offset));
+      if (symbol != 0) {
+        RedirectNamed(names + symbols[symbol].st_name,
+                      reinterpret_cast<Word*>(library->l_addr + relocation->r_offset));
+      }
     }
   }
   return true;
@@ -160,7 +203,10 @@ bool RedirectLibrary() {
 
 }  // namespace
 
-void HookLibrary() { [[maybe_unused]] static const bool hooked = RedirectLibrary(); }
+void HookLibrary() {
+  [[maybe_unused]] static const bool hooked = RedirectLibrary();
+  platform().judge_bound = FitsBlock;
+}
 
 void FailCrypto(int nth, bool and_later) {
   g_crypto_calls = 0;
@@ -194,7 +240,14 @@ bool IsOutput(const void* block, size_t length) {
 void ReleaseOutput(const void* block) {
   {
     const std::lock_guard<std::mutex> lock(g_mutex);
-    g_live.erase(block);
+    const auto found = g_live.find(block);
+    if (found != g_live.end()) {
+      const auto* end = static_cast<const uint8_t*>(block) + found->second;
+      if (memcmp(end, kGuard, sizeof(kGuard)) != 0) {
+        ADD_FAILURE() << "written beyond a block of " << found->second << " bytes";
+      }
+      g_live.erase(found);
+    }
   }
   free(const_cast<void*>(block));
 }
