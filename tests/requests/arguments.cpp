@@ -230,7 +230,8 @@ class Observer {
     look(&o.token.timestamp, &garbage.token.timestamp, sizeof(uint64_t));
     look(&o.token.security_level, &garbage.token.security_level, sizeof(uint32_t));
     look(o.token.mac, garbage.token.mac, sizeof(o.token.mac));
-    look(o.hmac, garbage.hmac, sizeof(o.hmac));
+    // The TEE itself writes to these, whatever the result.
+    Append(o.hmac, sizeof(o.hmac), &content);
     return state;
   }
 

@@ -6,7 +6,7 @@ namespace {
 constexpr States U = kUntouched, E = kEmpty, W = kWhole;
 
 // clang-format off
-constexpr Contract kContracts[] = {
+const std::vector<Contract> kContracts = {
     //                                                    success prepare tee  reply 1  2    copying
     {"TivasKmGenerateKey",           kKeyBlob,            W,      U,      U,    U,     E,    U|E},
     {"TivasKmGenerateKey",           kCharacteristics,    W|E,    U,      U,    U,     U|E,  U|E},
@@ -32,20 +32,20 @@ constexpr Contract kContracts[] = {
     {"TivasKmFinishLarge",           kParams,             W|E,    E,      E,    E,     E,    E},
     {"TivasKmFinishLarge",           kData,               W,      E,      E,    E,     E,    E},
     // The three steps that end in a finish leave their output alone until that clears it.
-    {"TivasKmUnwrappedKey",          kData,               W|E,    U|E,    U|E,  E,     E,    E},
-    {"TransitKeyRsaDecrypt",         kData,               W|E,    U|E,    U|E,  E,     E,    E},
-    {"WrappedKeyAesGcmDecrypt",      kData,               W|E,    U|E,    U|E,  E,     E,    E},
-    {"DecryptTransitKeyMaterial",    kData,               W|E,    E,      E,    E,     E,    E},
+    {"TivasKmUnwrappedKey",          kData,               W|E,    U|E,    U|E,  0,     E,    E},
+    {"TransitKeyRsaDecrypt",         kData,               W|E,    U|E,    U|E,  0,     E,    E},
+    {"WrappedKeyAesGcmDecrypt",      kData,               W|E,    U|E,    U|E,  0,     E,    E},
+    {"DecryptTransitKeyMaterial",    kData,               W|E,    E,      E,    0,     E,    E},
     // The set that the token points at, which begins empty; what was verified stays.
-    {"TivasVerifyAuthorization",     kParams,             W|E,    E,      E,    E,     W|E,  W|E},
+    {"TivasVerifyAuthorization",     kParams,             W|E,    E,      E,    E,     W,    W|E},
     {"TivasVerifyAuthorization",     kNumbers,            W,      U,      U,    U,     U,    U},
-    // The TEE writes into the caller's buffers itself.
-    {"TivasgetHmacSharingParameters", kNumbers,           W|U,    U,      W|U,  W|U,   W|U,  U},
     {"TivascomputeSharedHmac",       kData,               W|E,    E,      E,    E,     0,    E},
 };
 // clang-format on
 
 }  // namespace
+
+const std::vector<Contract>& Contracts() { return kContracts; }
 
 States Allowed(const std::string& method, Output output, States Contract::*failure) {
   for (const Contract& contract : kContracts) {

@@ -12,13 +12,15 @@ namespace test {
 struct Contract {
   const char* method;
   Output output;
-  States success;
+  States success;  // of each kind, 0 where it cannot be
   States preparing;     // serialising or allocating, before the last command was answered
   States tee;           // the TEE's error or the TA's
   States first_reply;   // a reply that does not decode, or is longer than its buffer
   States second_reply;  // the same of the second one: characteristics, data, verification token
   States copying;       // allocating or copying what was answered
 };
+
+const std::vector<Contract>& Contracts();
 
 // Allowed is what an output may hold: Allowed("TivasKmBegin", kParams, &Contract::tee). An output
 // that the contract does not name stays untouched.

@@ -7,6 +7,8 @@
 namespace test {
 namespace {
 
+using namespace km41;
+
 keymaster::KeymasterTivasContext& Km() {
   static keymaster::KeymasterTivasContext km;
   return km;
@@ -158,8 +160,9 @@ void NoInput(Args* a) {
   a->number = nullptr;
 }
 void WrappedPkcs8(Args* a) { a->wrapped = &fixture().pkcs8_wrapper.key; }
-void TransitKey(Args* a) {
-  a->wrapped = &fixture().encrypted_transit_key.key;
+void TransitKey(Args* a) { a->wrapped = &fixture().encrypted_transit_key.key; }
+void TransitKeyIntoNothing(Args* a) {
+  TransitKey(a);
   *a->data = {};
 }
 void Payload(Args* a) {
@@ -172,19 +175,19 @@ void Authorization(Args* a) {
   *a->out_params = {};  // what the token points at begins empty
 }
 
-const std::vector<uint32_t> kUnwrap = {km41::kCmdGetKeyCharacteristics,
-                                       km41::kCmdBegin,
-                                       km41::kCmdFinish,
-                                       km41::kCmdImportKey,
-                                       km41::kCmdBegin,
-                                       km41::kCmdFinish};
-const std::vector<uint32_t> kImportWrapped = {km41::kCmdGetKeyCharacteristics,
-                                              km41::kCmdBegin,
-                                              km41::kCmdFinish,
-                                              km41::kCmdImportKey,
-                                              km41::kCmdBegin,
-                                              km41::kCmdFinish,
-                                              km41::kCmdImportKey};
+const std::vector<uint32_t> kUnwrap = {kCmdGetKeyCharacteristics,
+                                       kCmdBegin,
+                                       kCmdFinish,
+                                       kCmdImportKey,
+                                       kCmdBegin,
+                                       kCmdFinish},
+                            kImportWrapped = {kCmdGetKeyCharacteristics,
+                                              kCmdBegin,
+                                              kCmdFinish,
+                                              kCmdImportKey,
+                                              kCmdBegin,
+                                              kCmdFinish,
+                                              kCmdImportKey};
 
 struct Row {
   const char* name;
@@ -193,56 +196,45 @@ struct Row {
   std::vector<uint32_t> commands;
 };
 
-const std::vector<Row>& Rows() {
-  using namespace km41;
-  static const std::vector<Row> rows = {
-      {"Initialize", "Initialize", nullptr, {kCmdConfigure}},
-      {"Configure", "TivasKmConfigure", Configure, {kCmdConfigure}},
-      {"GenerateEc", "TivasKmGenerateKey", Ec, {kCmdGenerateKey}},
-      {"GenerateRsa", "TivasKmGenerateKey", Rsa, {kCmdImportKey}},
-      {"ImportRaw", "TivasKmImportKey", ImportRaw, {kCmdImportKey}},
-      {"ImportRsa", "TivasKmImportKey", ImportRsa, {kCmdImportKey}},
-      {"ImportEc", "TivasKmImportKey", ImportEc, {kCmdImportKey}},
-      {"ExportRsa", "TivasKmExportKey", nullptr, {kCmdExportKey}},
-      {"ExportEc", "TivasKmExportKey", EcKey, {kCmdExportKey}},
-      {"GetKeyCharacteristics",
-       "TivasKmGetKeyCharacteristics",
-       nullptr,
-       {kCmdGetKeyCharacteristics}},
-      {"UpgradeKey", "TivasKmUpgradeKey", nullptr, {kCmdUpgrade}},
-      {"Deletekey", "TivasKmDeletekey", nullptr, {kCmdDeleteKey}},
-      {"AttestKey", "TivasKmAttestKey", nullptr, {kCmdAttestKey}},
-      {"Begin", "TivasKmBegin", nullptr, {kCmdBegin}},
-      {"Update", "TivasKmUpdate", LongInput, {kCmdUpdate, kCmdUpdate}},
-      {"UpdateAssociatedData", "TivasKmUpdate", NoInput, {kCmdUpdate}},
-      {"Finish", "TivasKmFinish", nullptr, {kCmdFinish}},
-      {"FinishNew", "TivasKmFinishNew", nullptr, {kCmdFinish}},
-      {"FinishLarge", "TivasKmFinishLarge", LargeFinish, {kCmdUpdate, kCmdFinish}},
-      {"Abort", "TivasKmAbort", nullptr, {kCmdAbort}},
-      {"ImportWrappedKey", "TivasKmImportWrappedKeyNew", nullptr, kImportWrapped},
-      {"ImportWrappedPkcs8", "TivasKmImportWrappedKeyNew", WrappedPkcs8, kImportWrapped},
-      {"UnwrappedKey", "TivasKmUnwrappedKey", nullptr, kUnwrap},
-      {"DecryptTransitKeyMaterial",
-       "DecryptTransitKeyMaterial",
-       TransitKey,
-       {kCmdBegin, kCmdFinish}},
-      {"TransitKeyRsaDecrypt", "TransitKeyRsaDecrypt", TransitKey, {kCmdBegin, kCmdFinish}},
-      {"WrappedKeyAesGcmDecrypt",
-       "WrappedKeyAesGcmDecrypt",
-       Payload,
-       {kCmdImportKey, kCmdBegin, kCmdFinish}},
-      {"VerifyAuthorization", "TivasVerifyAuthorization", Authorization, {kCmdVerifyAuthorization}},
-      {"EarlyBootEnded", "TivasKmEarlyBootEnded", nullptr, {kCmdEarlyBootEnded}},
-      {"DeviceLocked", "TivasKmDeviceLocked", nullptr, {kCmdDeviceLocked}},
-      {"GetHmacSharingParameters",
-       "TivasgetHmacSharingParameters",
-       nullptr,
-       {kCmdGetHmacSharingParameters}},
-      {"ComputeSharedHmac", "TivascomputeSharedHmac", nullptr, {kCmdComputeSharedHmac}},
-      {"DestroyAttestationIds", "TeeDestroyAttestationIds", nullptr, {}},
-  };
-  return rows;
-}
+// clang-format off
+const Row kRows[] = {
+    {"Initialize", "Initialize", nullptr, {kCmdConfigure}},
+    {"Configure", "TivasKmConfigure", Configure, {kCmdConfigure}},
+    {"GenerateEc", "TivasKmGenerateKey", Ec, {kCmdGenerateKey}},
+    {"GenerateRsa", "TivasKmGenerateKey", Rsa, {kCmdImportKey}},
+    {"ImportRaw", "TivasKmImportKey", ImportRaw, {kCmdImportKey}},
+    {"ImportRsa", "TivasKmImportKey", ImportRsa, {kCmdImportKey}},
+    {"ImportEc", "TivasKmImportKey", ImportEc, {kCmdImportKey}},
+    {"ExportRsa", "TivasKmExportKey", nullptr, {kCmdExportKey}},
+    {"ExportEc", "TivasKmExportKey", EcKey, {kCmdExportKey}},
+    {"GetKeyCharacteristics", "TivasKmGetKeyCharacteristics", nullptr, {kCmdGetKeyCharacteristics}},
+    {"UpgradeKey", "TivasKmUpgradeKey", nullptr, {kCmdUpgrade}},
+    {"Deletekey", "TivasKmDeletekey", nullptr, {kCmdDeleteKey}},
+    {"AttestKey", "TivasKmAttestKey", nullptr, {kCmdAttestKey}},
+    {"Begin", "TivasKmBegin", nullptr, {kCmdBegin}},
+    {"Update", "TivasKmUpdate", LongInput, {kCmdUpdate, kCmdUpdate}},
+    {"UpdateAssociatedData", "TivasKmUpdate", NoInput, {kCmdUpdate}},
+    {"Finish", "TivasKmFinish", nullptr, {kCmdFinish}},
+    {"FinishNew", "TivasKmFinishNew", nullptr, {kCmdFinish}},
+    {"FinishLarge", "TivasKmFinishLarge", LargeFinish, {kCmdUpdate, kCmdFinish}},
+    {"Abort", "TivasKmAbort", nullptr, {kCmdAbort}},
+    {"ImportWrappedKey", "TivasKmImportWrappedKeyNew", nullptr, kImportWrapped},
+    {"ImportWrappedPkcs8", "TivasKmImportWrappedKeyNew", WrappedPkcs8, kImportWrapped},
+    {"UnwrappedKey", "TivasKmUnwrappedKey", nullptr, kUnwrap},
+    {"DecryptTransitKeyMaterial", "DecryptTransitKeyMaterial", TransitKeyIntoNothing,
+     {kCmdBegin, kCmdFinish}},
+    {"TransitKeyRsaDecrypt", "TransitKeyRsaDecrypt", TransitKey, {kCmdBegin, kCmdFinish}},
+    {"WrappedKeyAesGcmDecrypt", "WrappedKeyAesGcmDecrypt", Payload,
+     {kCmdImportKey, kCmdBegin, kCmdFinish}},
+    {"VerifyAuthorization", "TivasVerifyAuthorization", Authorization, {kCmdVerifyAuthorization}},
+    {"EarlyBootEnded", "TivasKmEarlyBootEnded", nullptr, {kCmdEarlyBootEnded}},
+    {"DeviceLocked", "TivasKmDeviceLocked", nullptr, {kCmdDeviceLocked}},
+    {"GetHmacSharingParameters", "TivasgetHmacSharingParameters", nullptr,
+     {kCmdGetHmacSharingParameters}},
+    {"ComputeSharedHmac", "TivascomputeSharedHmac", nullptr, {kCmdComputeSharedHmac}},
+    {"DestroyAttestationIds", "TeeDestroyAttestationIds", nullptr, {}},
+};
+// clang-format on
 
 template <typename T>
 const T& Find(const T* begin, const T* end, const std::string& name) {
@@ -263,7 +255,7 @@ const Method& FindMethod(const std::string& name) {
 const std::vector<Request>& Requests() {
   static const std::vector<Request> requests = [] {
     std::vector<Request> all;
-    for (const Row& row : Rows()) {
+    for (const Row& row : kRows) {
       all.push_back({row.name, &FindMethod(row.method), row.set, row.commands});
     }
     return all;

@@ -5,6 +5,7 @@
 //   Method    a method of the class, called with what it needs of Args
 //   Request   a method, what it changes in Args, and the commands that it sends when all is well
 //   Answer    what a well-behaved TA answers to the commands of these requests (scripted_ta.cpp)
+//   ArgumentCase  a request with arguments that are not accepted, or only just (argument_cases.cpp)
 //   Contract  what each output holds after a failure (contract.h)
 //
 // To make a request, with a change of one's own:
@@ -135,6 +136,18 @@ struct Request {
 };
 const std::vector<Request>& Requests();
 const Request& FindRequest(const std::string& name);
+
+// Arguments that a method does not accept, or only just does.
+struct ArgumentCase {
+  const char* request;
+  const char* what;
+  int32_t result;
+  void (*set)(Args* args);           // what differs from the request's arguments, and
+  std::vector<Param> params = {};    // its parameters, when there are any here
+  std::vector<Output> emptied = {};  // the other outputs of a failure stay untouched
+  size_t commands = 0;               // sent before it shows
+};
+const std::vector<ArgumentCase>& ArgumentCases();
 
 // ---- The TA
 

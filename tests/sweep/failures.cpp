@@ -13,8 +13,7 @@ namespace {
 
 // The kinds of a row by its result and messages, joined as in the file.
 struct Row {
-  Kinds kinds;
-  bool seen = false;
+  Kinds kinds, seen;
 };
 using Rows = std::map<std::pair<int32_t, std::string>, Row>;
 
@@ -41,8 +40,11 @@ std::map<std::string, Rows> ReadFile() {
       rows = &all[line.substr(1, line.size() - 2)];
     } else if (head.compare(0, 4, "use ") == 0) {
       for (const auto& [key, row] : all.at(head.substr(4))) {
-        (*rows)[{key.first, Join(key.second, messages)}].kinds.insert(row.kinds.begin(),
-                                                                      row.kinds.end());
+        for (const std::string& kind : row.kinds) {
+          if (kind != kArgument) {
+            (*rows)[{key.first, Join(key.second, messages)}].kinds.insert(kind);
+          }
+        }
       }
     } else {
       const size_t blank = head.find(' ');
@@ -63,13 +65,17 @@ bool Find(const std::string& request, const Kinds& kinds, int32_t result,
           const std::string& messages) {
   Rows& rows = All().at(request);
   const auto found = rows.find({result, messages});
-  if (found == rows.end()) return false;
-  for (const std::string& kind : kinds) {
-    if (found->second.kinds.count(kind) == 0) continue;
-    found->second.seen = true;
-    return true;
+  if (found == rows.end()) {
+    return false;
   }
-  return false;
+  bool documented = false;
+  for (const std::string& kind : kinds) {
+    if (found->second.kinds.count(kind) != 0) {
+      found->second.seen.insert(kind);
+      documented = true;
+    }
+  }
+  return documented;
 }
 
 bool IsDiagnostic(const std::string& message) {
@@ -109,7 +115,11 @@ std::string Documented(const std::string& request, const Kinds& kinds, int32_t r
 Lines NeverSeen(const std::string& request) {
   Lines out;
   for (const auto& [key, row] : All().at(request)) {
-    if (!row.seen) out.push_back(std::to_string(key.first) + " : " + key.second);
+    for (const std::string& kind : row.kinds) {
+      if (row.seen.count(kind) == 0) {
+        out.push_back(kind + " " + std::to_string(key.first) + " : " + key.second);
+      }
+    }
   }
   return out;
 }

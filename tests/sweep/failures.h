@@ -11,6 +11,7 @@ namespace test {
 
 using Kinds = std::set<std::string>;
 constexpr char kDiagnostics[] = "diagnostics";  // the rows that many requests share
+constexpr char kArgument[] = "argument";        // the kind that is never shared
 
 // The lines of the log by level, tag and format, as failures.txt has them.
 Lines LoggedFormats();
@@ -19,7 +20,7 @@ Lines LoggedFormats();
 // say the messages, and takes down that it did. It names what is wrong, or is empty.
 std::string Documented(const std::string& request, const Kinds& kinds, int32_t result,
                        const Lines& messages);
-// NeverSeen is the request's rows that Documented was never asked for.
+// NeverSeen is the request's rows, by kind, that Documented was never asked for.
 Lines NeverSeen(const std::string& request);
 
 }  // namespace test

@@ -43,10 +43,20 @@ void InstallTa() {
   }
 }
 
-Outcome Perform(const Request& request) {
+Outcome Perform(const Request& request, const ArgumentCase* argument_case) {
   Outputs outputs;
   Args args(&outputs);
   request.Prepare(&args);
+  ParamSet params;
+  if (argument_case != nullptr) {
+    if (argument_case->set != nullptr) {
+      argument_case->set(&args);
+    }
+    for (const Param& param : argument_case->params) {
+      params.Add(param);
+      args.params = params.get();
+    }
+  }
   ta().answers.clear();
   const int32_t result = request.method->call(args);
   return {result, Observe(&outputs, kLibraryBlocks)};

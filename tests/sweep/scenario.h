@@ -39,8 +39,8 @@ struct Outcome {
     return result == other.result && observed == other.observed;
   }
 };
-// Perform makes a request and releases its outputs.
-Outcome Perform(const Request& request);
+// Perform makes a request, with the arguments of a case if there is one, and releases its outputs.
+Outcome Perform(const Request& request, const ArgumentCase* argument_case = nullptr);
 
 }  // namespace test
 

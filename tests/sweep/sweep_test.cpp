@@ -12,6 +12,7 @@
 #include "tests/platform/keymaster_test.h"
 #include "tests/requests/commands.h"
 #include "tests/requests/contract.h"
+#include "tests/requests/wire.h"
 #include "tests/sweep/failures.h"
 #include "tests/sweep/library_hooks.h"
 #include "tests/sweep/scenario.h"
@@ -36,6 +37,10 @@ struct FailingCall {
   std::function<void(int nth, bool and_later)> fail;
   std::function<int()> count;
 };
+
+using Column = States Contract::*;
+constexpr Column kColumns[] = {&Contract::success,     &Contract::preparing,    &Contract::tee,
+                               &Contract::first_reply, &Contract::second_reply, &Contract::copying};
 
 const std::vector<FailingCall>& FailingCalls() {
   // In the order of Call.
@@ -77,6 +82,12 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
 
   Outcome RunTidily() {
     const Outcome outcome = Perform(GetParam());
+    CheckRun();
+    return outcome;
+  }
+
+  // Looks for what no run may leave, and keeps its log.
+  void CheckRun() {
     EXPECT_EQ(Lines(), platform().problems);
     for (const Opened& opened : platform().opens) {
       EXPECT_FALSE(opened.open);
@@ -92,7 +103,6 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
     EXPECT_EQ(Lines(), Unwiped()) << "freed with a secret in it";
     log_ = LoggedFormats();
     platform().ClearRecords();
-    return outcome;
   }
 
   void ExpectServesNext() {
@@ -104,7 +114,7 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
   }
 
   // The column of the contract that the last run belongs to.
-  States Contract::*FailureOf(int32_t result) {
+  Column ColumnOf(int32_t result) {
     const size_t needed = GetParam().commands.size();
     const auto& answers = ta().answers;
     if (result == 0) {
@@ -124,20 +134,32 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
     return first ? &Contract::first_reply : &Contract::second_reply;
   }
 
+  // Compares what follows where the log leaves that of the request when all is well.
+  void ExpectDocumented(int32_t result, const Kinds& kinds) {
+    const auto from =
+        std::mismatch(log_.begin(), log_.end(), baseline_log_.begin(), baseline_log_.end()).first;
+    EXPECT_EQ("", Documented(GetParam().name, kinds, result, Lines(from, log_.end())));
+  }
+
   void ExpectOutcome(const Outcome& outcome, const Kinds& kinds) {
     if (outcome.result != 0 || kinds.count("reply") == 0) {
-      // What follows where the log leaves that of the request when all is well.
-      const auto from =
-          std::mismatch(log_.begin(), log_.end(), baseline_log_.begin(), baseline_log_.end()).first;
-      EXPECT_EQ("", Documented(GetParam().name, kinds, outcome.result, Lines(from, log_.end())));
+      ExpectDocumented(outcome.result, kinds);
     }
+    const Column column = ColumnOf(outcome.result);
+    const std::string method = GetParam().method->name;
     for (int i = 0; i < kOutputs; ++i) {
-      const States allowed =
-          Allowed(GetParam().method->name, static_cast<Output>(i), FailureOf(outcome.result));
-      const States state = outcome.observed.states[i];
+      const auto output = static_cast<Output>(i);
+      const States state = outcome.observed.states[i], allowed = Allowed(method, output, column);
       EXPECT_NE(0, state & allowed)
           << kOutputNames[i] << " left as " << int{state} << ", may be one of " << int{allowed};
+      SeenOf(method, output).*column |= state;
     }
+  }
+
+  // What was seen of an output, as a row of the contract.
+  static Contract& SeenOf(const std::string& method, Output output) {
+    static std::map<std::pair<std::string, Output>, Contract> seen;
+    return seen[{method, output}];
   }
 
   // Fails each kind of call, first its first, then its second and so on, while the rest of the
@@ -201,6 +223,7 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
         Corrupt(answer, kinds, "truncated to " + std::to_string(length),
                 write(Bytes(bytes.begin(), bytes.begin() + length)));
       }
+      Corrupt(answer, kinds, "all zero", write(Bytes(full)));
       for (size_t at = 0; at + 4 <= full; at += 4) {
         const uint32_t old = km41::GetU32(&bytes[at]);
         for (const uint32_t value :
@@ -228,6 +251,27 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
   Lines baseline_log_, log_;  // of the baseline and of the last run
   unsigned corrupted_param_ = 0;
 };
+
+TEST_P(Sweep, JudgesItsArguments) {
+  for (const ArgumentCase& each : ArgumentCases()) {
+    if (GetParam().name != std::string(each.request)) {
+      continue;
+    }
+    SCOPED_TRACE(each.what);
+    const Outcome outcome = Perform(GetParam(), &each);
+    EXPECT_EQ(each.result, outcome.result);
+    EXPECT_EQ(each.commands, platform().invocations.size());
+    CheckRun();
+    if (each.result == 0) {
+      continue;
+    }
+    ExpectDocumented(outcome.result, {kArgument});
+    for (int i = 0; i < kOutputs; ++i) {
+      const bool emptied = std::count(each.emptied.begin(), each.emptied.end(), i) != 0;
+      EXPECT_EQ(emptied ? kEmpty : kUntouched, outcome.observed.states[i]) << kOutputNames[i];
+    }
+  }
+}
 
 // What each command declares of its parameters is the table's, or nothing for one that is left out.
 TEST_P(Sweep, SendsItsCommands) {
@@ -290,6 +334,19 @@ TEST_F(KeymasterTest, UnreportedOutputIsWiped) {
   ForgetSecrets();
 }
 
+// What stands behind a decoded list must not count: the hooks put the purpose there.
+TEST_F(KeymasterTest, AKeyWithoutThePurposeDoesNotWrap) {
+  HookLibrary();
+  InstallTa();
+  ta() = TaScript();
+  ta().corrupted = 0;
+  ta().corrupt = [](Reply* reply) {
+    reply->Out(2, TwoLists({{KM_TAG_PURPOSE, KM_PURPOSE_SIGN}}, {{KM_TAG_PURPOSE, 1}}));
+  };
+  EXPECT_EQ(KM_ERROR_INCOMPATIBLE_PURPOSE, Perform(FindRequest("UnwrappedKey")).result);
+  ta() = TaScript();
+}
+
 // Comes last of a request's tests, so that nothing is documented that was not seen.
 TEST_P(Sweep, WhatIsDocumentedWasSeen) {
   if (::testing::UnitTest::GetInstance()->test_to_run_count() !=
@@ -297,6 +354,15 @@ TEST_P(Sweep, WhatIsDocumentedWasSeen) {
     GTEST_SKIP() << "needs all tests";
   }
   EXPECT_EQ(Lines(), NeverSeen(GetParam().name));
+  const bool last = GetParam().name == std::string(Requests().back().name);
+  for (const Contract& row : Contracts()) {
+    for (const Column column : kColumns) {
+      const int unseen = row.*column & ~(SeenOf(row.method, row.output).*column);
+      EXPECT_TRUE(!last || unseen == 0)
+          << row.method << " " << kOutputNames[row.output] << " "
+          << std::find(kColumns, std::end(kColumns), column) - kColumns << " never " << unseen;
+    }
+  }
   EXPECT_EQ(Lines(), NeverSeen(kDiagnostics));
   std::cout << GetParam().name << ":";
   for (const auto& [kind, count] : Counts()) {
