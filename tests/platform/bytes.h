@@ -96,7 +96,9 @@ class Fenced {
 struct Param {
   Param(int64_t t, uint64_t number) : tag(static_cast<uint32_t>(t)), value(number) {}
   Param(int64_t t, Bytes bytes) : tag(static_cast<uint32_t>(t)), value(std::move(bytes)) {}
-  Param(int64_t t, const std::string& text) : Param(t, Text(text)) {}
+  // A template, so that bytes in braces are no text.
+  template <typename Char>
+  Param(int64_t t, const std::basic_string<Char>& text) : Param(t, Text(text)) {}
   uint32_t tag;
   std::variant<uint64_t, Bytes> value;
 };
