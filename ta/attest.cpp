@@ -108,7 +108,7 @@ void AttestKey(uint32_t types, TaParam params[4]) {
   Bytes chain;
   AppendU32(&chain, static_cast<uint32_t>(std::size(certificates)));
   for (X509* certificate : certificates) {
-    const Bytes der = CertificateDer(certificate);
+    const Bytes der = ToDer(certificate, i2d_X509);
     AppendU32(&chain, static_cast<uint32_t>(der.size()));
     AppendBytes(&chain, der);
   }

@@ -185,13 +185,4 @@ X509Ptr BuildLeaf(const AttestationAuthority& authority, const Key& key, ByteVie
   return leaf;
 }
 
-Bytes CertificateDer(X509* certificate) {
-  const int length = i2d_X509(certificate, nullptr);
-  RequireCrypto(length > 0);
-  Bytes der(static_cast<size_t>(length));
-  unsigned char* end = der.data();
-  i2d_X509(certificate, &end);
-  return der;
-}
-
 }  // namespace ta

@@ -26,9 +26,6 @@ AttestationAuthority LoadOrCreateAuthority();
 // validity, with key_description (DER) as the attestation extension.
 X509Ptr BuildLeaf(const AttestationAuthority& authority, const Key& key, ByteView key_description);
 
-// CertificateDer encodes a certificate.
-Bytes CertificateDer(X509* certificate);
-
 }  // namespace ta
 
 #endif  // TA_ATTEST_CHAIN_H

@@ -29,26 +29,16 @@ Bytes Element(int tag, int tag_class, bool constructed, ByteView content) {
   return der;
 }
 
-template <typename T>
-Bytes ToDer(const T* object, int (*encode)(const T*, unsigned char**)) {
-  const int length = encode(object, nullptr);
-  RequireCrypto(length > 0);
-  Bytes der(static_cast<size_t>(length));
-  unsigned char* end = der.data();
-  encode(object, &end);
-  return der;
-}
-
 Bytes Integer(uint64_t value) {
   IntegerPtr integer(ASN1_INTEGER_new());
   RequireCrypto(integer && ASN1_INTEGER_set_uint64(integer.get(), value) == 1);
-  return ToDer<ASN1_INTEGER>(integer.get(), i2d_ASN1_INTEGER);
+  return ToDer(integer.get(), i2d_ASN1_INTEGER);
 }
 
 Bytes Enumerated(uint64_t value) {
   EnumeratedPtr enumerated(ASN1_ENUMERATED_new());
   RequireCrypto(enumerated && ASN1_ENUMERATED_set(enumerated.get(), static_cast<long>(value)) == 1);
-  return ToDer<ASN1_ENUMERATED>(enumerated.get(), i2d_ASN1_ENUMERATED);
+  return ToDer(enumerated.get(), i2d_ASN1_ENUMERATED);
 }
 
 Bytes OctetString(ByteView content) {

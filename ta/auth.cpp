@@ -9,7 +9,7 @@ namespace ta {
 namespace {
 
 constexpr size_t kSignedSize = 37;
-constexpr char kVerificationLabel[] = "Auth Verification";
+constexpr std::string_view kVerificationLabel = "Auth Verification";
 
 constexpr keymaster_tag_t kVerifiableTags[] = {KM_TAG_USER_SECURE_ID, KM_TAG_USER_AUTH_TYPE,
                                                KM_TAG_AUTH_TIMEOUT};
@@ -20,12 +20,6 @@ uint64_t BigEndian(ByteView bytes) {
     value = value << 8 | byte;
   }
   return value;
-}
-
-void AppendBigEndian(Bytes* out, uint64_t value, size_t size) {
-  for (size_t i = size; i > 0; --i) {
-    out->push_back(static_cast<uint8_t>(value >> (8 * (i - 1))));
-  }
 }
 
 ParamSet Verifiable(const ParamSet& params) {
@@ -43,7 +37,7 @@ ParamSet Verifiable(const ParamSet& params) {
 Bytes VerificationToken(uint64_t challenge, const ParamSet& verified) {
   const uint64_t timestamp = MillisSinceBoot();
   constexpr uint32_t kLevel = KM_SECURITY_LEVEL_TRUSTED_ENVIRONMENT;
-  Bytes message(kVerificationLabel, kVerificationLabel + sizeof(kVerificationLabel) - 1);
+  Bytes message(kVerificationLabel.begin(), kVerificationLabel.end());
   AppendBigEndian(&message, challenge, sizeof(challenge));
   AppendBigEndian(&message, timestamp, sizeof(timestamp));
   AppendBigEndian(&message, kLevel, sizeof(kLevel));

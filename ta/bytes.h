@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #include <memory>
+#include <string_view>
 #include <vector>
 
 namespace ta {
@@ -44,6 +45,8 @@ struct ByteView {
   template <typename Allocator>
   ByteView(const std::vector<uint8_t, Allocator>& bytes)  // NOLINT: a view of it is implicit
       : data(bytes.data()), size(bytes.size()) {}
+  ByteView(std::string_view text)  // NOLINT: as above
+      : data(reinterpret_cast<const uint8_t*>(text.data())), size(text.size()) {}
 
   const uint8_t* begin() const { return data; }
   const uint8_t* end() const { return data + size; }
@@ -105,6 +108,14 @@ void AppendU64(Container* out, uint64_t value) {
 template <typename Container>
 void AppendBytes(Container* out, ByteView bytes) {
   out->insert(out->end(), bytes.begin(), bytes.end());
+}
+
+// AppendBigEndian adds the lowest size bytes of a number, as it is hashed and signed.
+template <typename Container>
+void AppendBigEndian(Container* out, uint64_t value, size_t size) {
+  for (size_t i = size; i > 0; --i) {
+    out->push_back(static_cast<uint8_t>(value >> (8 * (i - 1))));
+  }
 }
 
 }  // namespace ta

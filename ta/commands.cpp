@@ -137,7 +137,7 @@ ParamSet RequestOf(uint32_t types, const TaParam params[4], uint32_t index) {
 
 void GetErrorRecord(uint32_t, TaParam params[4]) {
   const ErrorRecord& record = CurrentSession()->last_error;
-  const ByteView name(reinterpret_cast<const uint8_t*>(record.function), strlen(record.function));
+  const ByteView name(std::string_view(record.function));
   Bytes reply;
   AppendU32(&reply, record.code);
   AppendU32(&reply, record.line);

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <stdexcept>
 #include <string>
 
 #include "ta/commands.h"
@@ -26,7 +25,7 @@ SecureBytes Serialize(const std::string& boot_id, const BootState& state) {
       (state.early_boot_ended ? kEarlyBootEnded : 0) | (state.locked ? kLocked : 0) |
       (state.lock_needs_password ? kLockNeedsPassword : 0) | (shared ? kKeyShared : 0)));
   AppendU64(&record, state.locked_at);
-  AppendBytes(&record, ByteView(state.sharing_nonce.data(), state.sharing_nonce.size()));
+  AppendBytes(&record, state.sharing_nonce);
   AppendBytes(&record, shared ? state.shared_hmac_key : SecureBytes(kKeySize));
   return record;
 }
@@ -36,16 +35,15 @@ bool Parse(ByteView record, const std::string& boot_id, BootState* state) {
   ByteReader reader(record);
   ByteView id, nonce, key;
   uint8_t flags = 0;
-  if (!reader.TakeBytes(boot_id.size(), &id) || !reader.TakeU8(&flags) ||
-      !reader.TakeU64(&state->locked_at) ||
-      !reader.TakeBytes(state->sharing_nonce.size(), &nonce) || !reader.TakeBytes(kKeySize, &key) ||
-      reader.remaining() != 0) {
-    throw std::runtime_error("the boot state is damaged");
-  }
+  RequireState(reader.TakeBytes(boot_id.size(), &id) && reader.TakeU8(&flags) &&
+                   reader.TakeU64(&state->locked_at) &&
+                   reader.TakeBytes(state->sharing_nonce.size(), &nonce) &&
+                   reader.TakeBytes(kKeySize, &key) && reader.remaining() == 0,
+               "the boot state is damaged");
   if (!std::equal(id.begin(), id.end(), boot_id.begin())) {
     return false;
   }
-  std::copy(nonce.begin(), nonce.end(), state->sharing_nonce.begin());
+  state->sharing_nonce.assign(nonce.begin(), nonce.end());
   if ((flags & kKeyShared) != 0) {
     state->shared_hmac_key.assign(key.begin(), key.end());
   }
@@ -64,9 +62,7 @@ bool Load(const std::string& boot_id, BootState* state) {
 std::string BootId() {
   std::ifstream file("/proc/sys/kernel/random/boot_id");
   std::string id;
-  if (!std::getline(file, id) || id.empty()) {
-    throw std::runtime_error("no boot id");
-  }
+  RequireState(std::getline(file, id) && !id.empty(), "no boot id");
   return id;
 }
 
@@ -74,9 +70,7 @@ std::string BootId() {
 
 uint64_t MillisSinceBoot() {
   timespec now{};
-  if (clock_gettime(CLOCK_BOOTTIME, &now) != 0) {
-    throw std::runtime_error("no clock");
-  }
+  RequireState(clock_gettime(CLOCK_BOOTTIME, &now) == 0, "no clock");
   return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
 }
 
@@ -109,11 +103,8 @@ bool DeviceUnlockedFor(const AuthToken* token) {
             (state.lock_needs_password && (token->authenticator_type & HW_AUTH_PASSWORD) == 0));
   };
   const BootState now = UpdateBootState();
-  if (!now.locked) {
-    return true;
-  }
-  if (still_locked(now)) {
-    return false;
+  if (!now.locked || still_locked(now)) {
+    return !now.locked;
   }
   // Another process may have locked the device again since.
   return !UpdateBootState([&](BootState* state) { state->locked = still_locked(*state); }).locked;

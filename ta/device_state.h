@@ -5,7 +5,6 @@
 #ifndef TA_DEVICE_STATE_H
 #define TA_DEVICE_STATE_H
 
-#include <array>
 #include <functional>
 
 #include "ta/auth.h"
@@ -14,8 +13,8 @@ namespace ta {
 
 // The state of one boot.
 struct BootState {
-  std::array<uint8_t, 32> sharing_nonce{};  // no other boot's
-  SecureBytes shared_hmac_key;              // 32 bytes, empty while no sharing was computed
+  Bytes sharing_nonce = Bytes(32);  // no other boot's
+  SecureBytes shared_hmac_key;      // 32 bytes, empty while no sharing was computed
   bool early_boot_ended = false;
   bool locked = false;
   bool lock_needs_password = false;

@@ -29,6 +29,10 @@ using EcKeyPtr = std::unique_ptr<EC_KEY, CallFree<EC_KEY, EC_KEY_free>>;
 using RsaPtr = std::unique_ptr<RSA, CallFree<RSA, RSA_free>>;
 using PointPtr = std::unique_ptr<EC_POINT, CallFree<EC_POINT, EC_POINT_free>>;
 
+// ToDer encodes an object with libcrypto's function for it.
+template <typename Container = Bytes, typename T, typename Encode>
+Container ToDer(T* object, Encode encode);
+
 // RequireCrypto throws, which ends the command, when libcrypto failed at what it must be able to.
 void RequireCrypto(bool success);
 // FillRandom makes random bytes.
@@ -43,6 +47,16 @@ CipherCtxPtr StartCipher(const EVP_CIPHER* cipher, const SecureBytes& key, const
                          bool encrypts);
 // FeedCipher runs input of any size through ctx and appends what comes out to output.
 void FeedCipher(EVP_CIPHER_CTX* ctx, ByteView input, SecureBytes* output);
+
+template <typename Container, typename T, typename Encode>
+Container ToDer(T* object, Encode encode) {
+  const int size = encode(object, nullptr);
+  RequireCrypto(size > 0);
+  Container der(static_cast<size_t>(size));
+  uint8_t* end = der.data();
+  RequireCrypto(encode(object, &end) == size);
+  return der;
+}
 
 }  // namespace ta
 

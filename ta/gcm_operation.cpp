@@ -37,7 +37,7 @@ class GcmOperation : public Operation {
     }
     const size_t ciphertext = held_.size() - tag_size_;
     FeedCipher(ctx_.get(), ByteView(held_.data(), ciphertext), output);
-    held_ = SecureBytes(held_.end() - static_cast<ptrdiff_t>(tag_size_), held_.end());
+    held_.erase(held_.begin(), held_.begin() + static_cast<ptrdiff_t>(ciphertext));
   }
 
   void Finish(ByteView, SecureBytes* output) override {

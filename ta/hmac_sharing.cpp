@@ -13,28 +13,22 @@ namespace ta {
 namespace {
 
 constexpr char kSeedFile[] = "hmac_sharing_seed";
-constexpr char kLabel[] = "KeymasterSharedMac";
-constexpr char kCheckMessage[] = "Keymaster HMAC Verification";
+using std::string_view_literals::operator""sv;
+constexpr std::string_view kLabel = "KeymasterSharedMac\0"sv;
+constexpr std::string_view kCheckMessage = "Keymaster HMAC Verification";
 constexpr size_t kSharingParametersSize = kSharingSeedSize + kSharingNonceSize;
 
 using CmacPtr = std::unique_ptr<CMAC_CTX, CallFree<CMAC_CTX, CMAC_CTX_free>>;
-
-void AppendBigEndian32(SecureBytes* out, uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) {
-    out->push_back(static_cast<uint8_t>(value >> shift));
-  }
-}
 
 SecureBytes DeriveSharedKey(ByteView sharing_parameters) {
   constexpr size_t kBlock = 16;
   SecureBytes key(kSharedHmacSize);
   for (uint32_t i = 0; i < kSharedHmacSize / kBlock; ++i) {
     SecureBytes input;
-    AppendBigEndian32(&input, i + 1);
-    // The zero byte behind the label goes along.
-    AppendBytes(&input, ByteView(reinterpret_cast<const uint8_t*>(kLabel), sizeof(kLabel)));
+    AppendBigEndian(&input, i + 1, 4);
+    AppendBytes(&input, kLabel);
     AppendBytes(&input, sharing_parameters);
-    AppendBigEndian32(&input, kSharedHmacSize * 8);
+    AppendBigEndian(&input, kSharedHmacSize * 8, 4);
     const CmacPtr cmac(CMAC_CTX_new());
     size_t size = 0;
     RequireCrypto(cmac != nullptr &&
@@ -48,7 +42,7 @@ SecureBytes DeriveSharedKey(ByteView sharing_parameters) {
 
 SecureBytes OwnParameters(const BootState& state) {
   SecureBytes own = LoadOrCreateSecret(kSeedFile, kSharingSeedSize);
-  AppendBytes(&own, ByteView(state.sharing_nonce.data(), state.sharing_nonce.size()));
+  AppendBytes(&own, state.sharing_nonce);
   return own;
 }
 
@@ -88,9 +82,7 @@ void ComputeSharedHmac(uint32_t, TaParam params[4]) {
       all.size % kSharingParametersSize != 0 || !ContainsOwn(all, OwnParameters(UpdateBootState())),
       KM_ERROR_INVALID_ARGUMENT);
   const SecureBytes key = DeriveSharedKey(all);
-  const ByteView message(reinterpret_cast<const uint8_t*>(kCheckMessage),
-                         sizeof(kCheckMessage) - 1);
-  Reply(HmacSha256(key, message), &params[1]);
+  Reply(HmacSha256(key, kCheckMessage), &params[1]);
   UpdateBootState([&key](BootState* state) { state->shared_hmac_key = key; });
 }
 

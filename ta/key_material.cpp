@@ -201,15 +201,8 @@ Bytes ExportPublicKey(const Key& key) {
 }
 
 SecureBytes EncodeSecret(const Key& key) {
-  if (!IsAsymmetric(key.algorithm)) {
-    return key.symmetric;
-  }
-  const int size = i2d_PrivateKey(key.pkey.get(), nullptr);
-  RequireCrypto(size > 0);
-  SecureBytes secret(static_cast<size_t>(size));
-  uint8_t* end = secret.data();
-  RequireCrypto(i2d_PrivateKey(key.pkey.get(), &end) == size);
-  return secret;
+  return IsAsymmetric(key.algorithm) ? ToDer<SecureBytes>(key.pkey.get(), i2d_PrivateKey)
+                                     : key.symmetric;
 }
 
 bool DecodeSecret(ByteView secret, Key* key) {

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <stdexcept>
 
 #include "ta/device_state.h"
 #include "ta/state.h"
@@ -36,10 +35,9 @@ Usage ReadUsage(const std::string& name, ByteView boot) {
   }
   ByteReader reader(content);
   ByteView counted;
-  if (!reader.TakeU64(&usage.count) || !reader.TakeU64(&usage.last_use) ||
-      !reader.TakeBytes(boot.size, &counted) || reader.remaining() != 0) {
-    throw std::runtime_error("a usage record is damaged");
-  }
+  RequireState(reader.TakeU64(&usage.count) && reader.TakeU64(&usage.last_use) &&
+                   reader.TakeBytes(boot.size, &counted) && reader.remaining() == 0,
+               "a usage record is damaged");
   return std::equal(boot.begin(), boot.end(), counted.begin()) ? usage : Usage();
 }
 
@@ -66,8 +64,7 @@ void CountUse(const Key& key) {
   if (max_uses == nullptr && min_seconds == nullptr) {
     return;
   }
-  const BootState state = UpdateBootState();
-  const ByteView boot(state.sharing_nonce.data(), state.sharing_nonce.size());
+  const Bytes boot = UpdateBootState().sharing_nonce;
   const StateLock lock;
   const std::string name = RecordName("usage_", key.id);
   const uint64_t now = MillisSinceBoot();

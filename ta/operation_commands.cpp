@@ -103,7 +103,8 @@ void DeliverPending(RunningOperation* running, TaParam* output) {
   SecureBytes& pending = running->pending;
   const size_t size = std::min<size_t>(pending.size(), output->size);
   Reply(ByteView(pending.data(), size), output);
-  pending = SecureBytes(pending.begin() + static_cast<ptrdiff_t>(size), pending.end());
+  // Its memory serves the next piece.
+  pending.erase(pending.begin(), pending.begin() + static_cast<ptrdiff_t>(size));
 }
 
 }  // namespace

@@ -17,10 +17,6 @@ namespace {
 
 constexpr char kVersionFile[] = "system_version";
 
-[[noreturn]] void ThrowStateError(const std::string& what) {
-  throw std::runtime_error("keymaster TA state: " + what);
-}
-
 std::string Variable(const char* name) {
   const char* value = getenv(name);
   return value == nullptr ? "" : value;
@@ -32,9 +28,7 @@ std::string FolderName() {
     return own;
   }
   const std::string xdg = Variable("XDG_STATE_HOME"), home = Variable("HOME");
-  if (xdg.empty() && home.empty()) {
-    ThrowStateError("no folder is named");
-  }
+  RequireState(!xdg.empty() || !home.empty(), "no folder is named");
   return xdg.empty() ? home + "/.local/state/keymaster-ta" : xdg + "/keymaster-ta";
 }
 
@@ -49,9 +43,7 @@ std::string EnsureFolder() {
        end = folder.find('/', end + 1)) {
     mkdir(folder.substr(0, end).c_str(), 0755);
   }
-  if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-    ThrowStateError("cannot make folder");
-  }
+  RequireState(mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST, "cannot make folder");
   return folder;
 }
 
@@ -78,32 +70,24 @@ void WriteAll(int fd, ByteView content) {
     if (written < 0 && errno == EINTR) {
       continue;
     }
-    if (written <= 0) {
-      ThrowStateError("cannot write");
-    }
+    RequireState(written > 0, "cannot write");
     done += static_cast<size_t>(written);
   }
-  if (fsync(fd) != 0) {
-    ThrowStateError("cannot write");
-  }
+  RequireState(fsync(fd) == 0, "cannot write");
 }
 
 // Makes a new name in the folder last, whatever happens to the system.
 void SyncFolder() {
   const File folder(EnsureFolder(), O_RDONLY | O_DIRECTORY);
   // A file system that cannot do this says EINVAL.
-  if (!folder.is_open() || (fsync(folder.fd()) != 0 && errno != EINVAL)) {
-    ThrowStateError("cannot write");
-  }
+  RequireState(folder.is_open() && (fsync(folder.fd()) == 0 || errno == EINVAL), "cannot write");
 }
 
 // Writes a file of a name nobody else uses and returns the name.
 std::string WriteTemporary(const std::string& path, ByteView content) {
   std::string name = path + ".XXXXXX";
   const int fd = mkostemp(name.data(), O_CLOEXEC);
-  if (fd < 0) {
-    ThrowStateError("cannot make file");
-  }
+  RequireState(fd >= 0, "cannot make file");
   try {
     WriteAll(fd, content);
   } catch (...) {
@@ -117,30 +101,30 @@ std::string WriteTemporary(const std::string& path, ByteView content) {
 
 }  // namespace
 
+void RequireState(bool success, const char* failure) {
+  if (!success) {
+    throw std::runtime_error(std::string("keymaster TA state: ") + failure);
+  }
+}
+
 std::string StateFile(const std::string& name) { return EnsureFolder() + "/" + name; }
 
 bool ReadStateFile(const std::string& name, SecureBytes* out) {
   const File file(StateFile(name), O_RDONLY);
   if (!file.is_open()) {
     // What is there and cannot be read must not pass for a fresh start.
-    if (errno != ENOENT) {
-      ThrowStateError("cannot read");
-    }
+    RequireState(errno == ENOENT, "cannot read");
     return false;
   }
   struct stat status {};
-  if (fstat(file.fd(), &status) != 0) {
-    ThrowStateError("cannot read");
-  }
+  RequireState(fstat(file.fd(), &status) == 0, "cannot read");
   out->resize(static_cast<size_t>(status.st_size));
   for (size_t done = 0; done < out->size();) {
     const ssize_t got = read(file.fd(), out->data() + done, out->size() - done);
     if (got < 0 && errno == EINTR) {
       continue;
     }
-    if (got <= 0) {
-      ThrowStateError("cannot read");
-    }
+    RequireState(got > 0, "cannot read");
     done += static_cast<size_t>(got);
   }
   return true;
@@ -151,7 +135,7 @@ void ReplaceStateFile(const std::string& name, ByteView content) {
   const std::string temporary = WriteTemporary(path, content);
   if (rename(temporary.c_str(), path.c_str()) != 0) {
     unlink(temporary.c_str());
-    ThrowStateError("cannot replace file");
+    RequireState(false, "cannot replace file");
   }
   SyncFolder();
 }
@@ -160,9 +144,7 @@ bool HasStateFile(const std::string& name) {
   if (access(StateFile(name).c_str(), F_OK) == 0) {
     return true;
   }
-  if (errno != ENOENT) {
-    ThrowStateError("cannot read");
-  }
+  RequireState(errno == ENOENT, "cannot read");
   return false;
 }
 
@@ -173,9 +155,7 @@ bool CreateStateFile(const std::string& name, ByteView content) {
   const int linked = link(temporary.c_str(), path.c_str());
   const int reason = errno;
   unlink(temporary.c_str());
-  if (linked != 0 && reason != EEXIST) {
-    ThrowStateError("cannot create file");
-  }
+  RequireState(linked == 0 || reason == EEXIST, "cannot create file");
   SyncFolder();
   return linked == 0;
 }
@@ -186,24 +166,18 @@ SecureBytes LoadOrCreateSecret(const std::string& name, size_t size) {
     SecureBytes fresh(size);
     FillRandom(fresh.data(), size);
     CreateStateFile(name, fresh);
-    if (!ReadStateFile(name, &secret)) {
-      ThrowStateError("a secret vanished");
-    }
+    RequireState(ReadStateFile(name, &secret), "a secret vanished");
   }
-  if (secret.size() != size) {
-    ThrowStateError("a secret is damaged");
-  }
+  RequireState(secret.size() == size, "a secret is damaged");
   return secret;
 }
 
 StateLock::StateLock() : fd_(open(StateFile("lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-  if (fd_ < 0) {
-    ThrowStateError("cannot lock");
-  }
+  RequireState(fd_ >= 0, "cannot lock");
   while (flock(fd_, LOCK_EX) != 0) {
     if (errno != EINTR) {
       close(fd_);
-      ThrowStateError("cannot lock");
+      RequireState(false, "cannot lock");
     }
   }
 }
@@ -211,8 +185,7 @@ StateLock::StateLock() : fd_(open(StateFile("lock").c_str(), O_RDWR | O_CREAT | 
 StateLock::~StateLock() { close(fd_); }
 
 SecureBytes DeviceKey(const std::string& label) {
-  return HmacSha256(LoadOrCreateSecret("device_key", 32),
-                    {reinterpret_cast<const uint8_t*>(label.data()), label.size()});
+  return HmacSha256(LoadOrCreateSecret("device_key", 32), std::string_view{label});
 }
 
 namespace {
@@ -252,10 +225,9 @@ bool GetSystemVersion(SystemVersion* version) {
       return false;
     }
     ByteReader reader(content);
-    if (!reader.TakeU32(&configured.version.os_version) ||
-        !reader.TakeU32(&configured.version.os_patchlevel)) {
-      ThrowStateError("the system version is damaged");
-    }
+    RequireState(reader.TakeU32(&configured.version.os_version) &&
+                     reader.TakeU32(&configured.version.os_patchlevel),
+                 "the system version is damaged");
     configured.folder = folder;
   }
   *version = configured.version;

@@ -12,6 +12,8 @@ namespace ta {
 // done for want of a usable folder, or with a file that is damaged or cannot be read, throws
 // std::runtime_error, which ends the command.
 
+// RequireState throws, which ends the command, when what the state needs did not succeed.
+void RequireState(bool success, const char* failure);
 // StateFile returns the path of a file of that name in the state folder: $KEYMASTER_TA_STATE, else
 // $XDG_STATE_HOME/keymaster-ta, else $HOME/.local/state/keymaster-ta. The folder is made, for its
 // owner alone, when it is missing.
