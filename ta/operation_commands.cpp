@@ -42,44 +42,40 @@ void SplitFinishInput(ByteView packed, ByteView* input, ByteView* signature) {
   FailIf(packed.size != 0 && (!split || reader.remaining() != 0), KM_ERROR_INVALID_ARGUMENT);
 }
 
-// Ends an operation when it goes out of scope, unless it is to go on.
-class OperationEnder {
- public:
-  OperationEnder(uint64_t handle, RunningOperation* running) : handle_(handle), running_(running) {}
-  ~OperationEnder() {
-    if (goes_on_) {
-      return;
-    }
-    running_->operation.reset();
-    OperationTable::Instance().Remove(handle_);
-  }
-  OperationEnder(const OperationEnder&) = delete;
-  OperationEnder& operator=(const OperationEnder&) = delete;
-  void GoOn() { goes_on_ = true; }
-
- private:
-  const uint64_t handle_;
-  RunningOperation* const running_;
-  bool goes_on_ = false;
-};
+RunningOperationPtr FindOperation(uint64_t handle) {
+  RunningOperationPtr running = OperationTable::Instance().Find(handle);
+  FailIf(running == nullptr, KM_ERROR_INVALID_OPERATION_HANDLE);
+  return running;
+}
 
 // An operation as its commands get hold of it: nobody else works with it meanwhile, and it ends
-// with them unless it is to go on.
+// with them unless it goes on.
 struct HeldOperation {
-  explicit HeldOperation(ByteView handle_bytes) {
-    FailIf(!ByteReader(handle_bytes).TakeU64(&handle), TEEC_ERROR_BAD_PARAMETERS);
-    running = OperationTable::Instance().Find(handle);
-    FailIf(running == nullptr, KM_ERROR_INVALID_OPERATION_HANDLE);
-    guard = std::unique_lock<std::mutex>(running->mutex);
+  HeldOperation(uint64_t number, RunningOperationPtr found)
+      : handle(number), running(std::move(found)), guard(running->mutex) {
     FailIf(running->operation == nullptr, KM_ERROR_INVALID_OPERATION_HANDLE);
-    ender.emplace(handle, running.get());
   }
+  explicit HeldOperation(uint64_t number) : HeldOperation(number, FindOperation(number)) {}
+  ~HeldOperation() {
+    if (!goes_on) {
+      running->operation.reset();
+      OperationTable::Instance().Remove(handle);
+    }
+  }
+  HeldOperation(const HeldOperation&) = delete;
+  HeldOperation& operator=(const HeldOperation&) = delete;
 
-  uint64_t handle = 0;
-  RunningOperationPtr running;
-  std::unique_lock<std::mutex> guard;
-  std::optional<OperationEnder> ender;
+  const uint64_t handle;
+  const RunningOperationPtr running;
+  const std::unique_lock<std::mutex> guard;
+  bool goes_on = false;
 };
+
+uint64_t HandleIn(const TaParam& param) {
+  uint64_t handle = 0;
+  FailIf(!ByteReader(InputOf(param)).TakeU64(&handle), TEEC_ERROR_BAD_PARAMETERS);
+  return handle;
+}
 
 // What update and finish have in common: the user, associated data, input.
 void Feed(const HeldOperation& held, const ParamSet& params, ByteView input) {
@@ -124,11 +120,11 @@ void BeginOperation(uint32_t types, TaParam params[4]) {
   Reply(out_params.empty() ? Bytes() : Serialize({&out_params}), &params[2]);
   uint64_t handle = 0;
   FailIf(!OperationTable::Instance().Add(running, &handle), KM_ERROR_TOO_MANY_OPERATIONS);
-  OperationEnder ender(handle, running.get());
+  HeldOperation held(handle, running);
   if (!UsesPublicKey(purpose, key)) {
     CountUse(key);
   }
-  ender.GoOn();
+  held.goes_on = true;
   params[3].a = static_cast<uint32_t>(handle);
   params[3].b = static_cast<uint32_t>(handle >> 32);
 }
@@ -136,16 +132,16 @@ void BeginOperation(uint32_t types, TaParam params[4]) {
 // The handle of an update and a finish stands where the output parameters will.
 void UpdateOperation(uint32_t types, TaParam params[4]) {
   const ParamSet request = RequestOf(types, params, 0);
-  HeldOperation held(InputOf(params[2]));
+  HeldOperation held(HandleIn(params[2]));
   Feed(held, request, InputOf(params[1]));
   params[2].size = 0;
   DeliverPending(held.running.get(), &params[3]);
-  held.ender->GoOn();
+  held.goes_on = true;
 }
 
 void FinishOperation(uint32_t types, TaParam params[4]) {
   const ParamSet request = RequestOf(types, params, 0);
-  const HeldOperation held(InputOf(params[2]));
+  const HeldOperation held(HandleIn(params[2]));
   ByteView input;
   ByteView signature;
   SplitFinishInput(InputOf(params[1]), &input, &signature);
@@ -157,7 +153,7 @@ void FinishOperation(uint32_t types, TaParam params[4]) {
 
 void AbortOperation(uint32_t, TaParam params[4]) {
   FailIf(params[0].size != sizeof(uint64_t), TEEC_ERROR_BAD_PARAMETERS);
-  const HeldOperation held(InputOf(params[0]));
+  const HeldOperation held(HandleIn(params[0]));
 }
 
 }  // namespace ta
