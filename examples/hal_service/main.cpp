@@ -45,7 +45,7 @@ struct OwnedCharacteristics : keymaster_key_characteristics_t {
 
 // ---- Errors. A result is 0, a keymaster error (of the library or of the TA), or the TEE's own
 // code, 0xFFFF0000 to 0xFFFFEFFF, which a keystore does not know: that one becomes a keymaster
-// error here. The TEE's codes are told in the log, where they help.
+// error here. The TEE's codes are in the log, where they help.
 
 keymaster_error_t ToKeystore(const char* what, int32_t result) {
   if (result == 0) {
@@ -53,7 +53,7 @@ keymaster_error_t ToKeystore(const char* what, int32_t result) {
   }
   const uint32_t code = static_cast<uint32_t>(result);
   const bool from_tee = code >= 0xFFFF0000u && code < 0xFFFFF000u;
-  printf("%s refused: %s 0x%08x\n", what, from_tee ? "TEE result" : "keymaster error", code);
+  printf("%s failed: %s 0x%08x\n", what, from_tee ? "TEE result" : "keymaster error", code);
   if (!from_tee) {
     return static_cast<keymaster_error_t>(result);
   }
