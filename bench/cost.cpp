@@ -101,7 +101,7 @@ int main(int argc, char** argv) {
     bench::Play(&script);
     bench::RepeatedRequest repeated(request);
     Measure(request.name, "library", [&] { return repeated.Run(); });
-    Measure(request.name, "floor", [&] { return bench::RawRequest(script); });
+    Measure(request.name, "floor", [&] { return repeated.RunRaw(script); });
   }
   return 0;
 }

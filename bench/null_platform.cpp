@@ -67,6 +67,32 @@ void FreeAndClear(test::Outputs* outputs) {
   outputs->chain = {};
 }
 
+// The platform calls of a script, with a buffer for each reply.
+int32_t RawCommands(const Script& script) {
+  static uint8_t input[1];  // which this TEE does not read
+  int32_t result = 0;
+  for (const Exchange& exchange : script) {
+    TEEC_Operation operation = {};
+    void* replies[4] = {};
+    operation.started = 1;
+    operation.paramTypes = exchange.types;
+    for (unsigned i = 0; i < 4; ++i) {
+      if (IsReply(exchange.types, i)) {
+        replies[i] = malloc(exchange.sizes[i]);
+      }
+      if (IsReference(exchange.types, i)) {
+        void* buffer = replies[i] != nullptr ? replies[i] : input;
+        operation.params[i].tmpref = {buffer, exchange.sizes[i]};
+      }
+    }
+    result |= RawCommand(exchange.command, &operation);
+    for (void* reply : replies) {
+      free(reply);
+    }
+  }
+  return result;
+}
+
 }  // namespace
 
 Script Record(const test::Request& request) {
@@ -103,31 +129,6 @@ int32_t RawCommand(uint32_t command, TEEC_Operation* operation) {
   return static_cast<int32_t>(result);
 }
 
-int32_t RawRequest(const Script& script) {
-  static uint8_t input[1];  // which this TEE does not read
-  int32_t result = 0;
-  for (const Exchange& exchange : script) {
-    TEEC_Operation operation = {};
-    void* replies[4] = {};
-    operation.started = 1;
-    operation.paramTypes = exchange.types;
-    for (unsigned i = 0; i < 4; ++i) {
-      if (IsReply(exchange.types, i)) {
-        replies[i] = malloc(exchange.sizes[i]);
-      }
-      if (IsReference(exchange.types, i)) {
-        void* buffer = replies[i] != nullptr ? replies[i] : input;
-        operation.params[i].tmpref = {buffer, exchange.sizes[i]};
-      }
-    }
-    result |= RawCommand(exchange.command, &operation);
-    for (void* reply : replies) {
-      free(reply);
-    }
-  }
-  return result;
-}
-
 RepeatedRequest::RepeatedRequest(const test::Request& request) : method_(*request.method) {
   outputs_.params = {};
   outputs_.characteristics = {};
@@ -139,6 +140,12 @@ RepeatedRequest::RepeatedRequest(const test::Request& request) : method_(*reques
 
 int32_t RepeatedRequest::Run() {
   const int32_t result = method_.call(args_);
+  FreeAndClear(&outputs_);
+  return result;
+}
+
+int32_t RepeatedRequest::RunRaw(const Script& script) {
+  const int32_t result = RawCommands(script);
   FreeAndClear(&outputs_);
   return result;
 }

@@ -31,14 +31,13 @@ void Play(const Script* script);
 
 // RawCommand makes the platform calls of one command, and nothing else.
 int32_t RawCommand(uint32_t command, TEEC_Operation* operation);
-// RawRequest makes those of a script, with a buffer for each reply.
-int32_t RawRequest(const Script& script);
-
-// A request that is made over and over, and releases what it got.
+// A request that is made over and over, by the library or by its script. Both look through the
+// outputs afterwards for what is to be released.
 class RepeatedRequest {
  public:
   explicit RepeatedRequest(const test::Request& request);
   int32_t Run();
+  int32_t RunRaw(const Script& script);
 
  private:
   const test::Method& method_;
