@@ -65,16 +65,22 @@ WorkerRequest RemoteSession::Request(WorkerRequestKind kind, uint32_t code) cons
 }
 
 bool RemoteSession::Ask(const WorkerRequest& request, WorkerReply* reply) {
-  const Channel& channel = connection_->channel;
   FileDescriptor none;
-  const bool is_answered =
-      worker_->IsOurs() && channel.Send(&request, sizeof(request), connection_->memory.fd()) &&
-      channel.Receive(reply, sizeof(*reply), &none, LimitMs()) && reply->magic == kWorkerMagic;
+  const bool is_answered = Send(request) && connection_->AwaitClose(LimitMs()) &&
+                           connection_->channel.Receive(reply, sizeof(*reply), &none, LimitMs()) &&
+                           reply->magic == kWorkerMagic;
   if (!is_answered) {
     worker_->Kill();
   }
-  connection_->memory.ForgetFile();
   return is_answered;
+}
+
+bool RemoteSession::Send(const WorkerRequest& request) {
+  CommandMemory& memory = connection_->memory;
+  const bool is_sent =
+      worker_->IsOurs() && connection_->channel.Send(&request, sizeof(request), memory.fd());
+  memory.ForgetFile();
+  return is_sent;
 }
 
 Reply RemoteSession::Exchange(WorkerRequest request, CommandParameters* parameters) {
@@ -97,8 +103,8 @@ Reply RemoteSession::Invoke(uint32_t command, CommandParameters* parameters) {
 }
 
 void RemoteSession::Close() {
-  WorkerReply reply = {};
-  if (Ask(Request(WorkerRequestKind::kClose, 0), &reply)) {
+  connection_->is_closing = Send(Request(WorkerRequestKind::kClose, 0));
+  if (connection_->is_closing) {
     worker_->Release(std::move(connection_));
   }
   connection_ = nullptr;

@@ -26,6 +26,7 @@ class RemoteSession : public AppSession {
   WorkerRequest Request(WorkerRequestKind kind, uint32_t code) const;
   Reply Exchange(WorkerRequest request, CommandParameters* parameters);
   bool Ask(const WorkerRequest& request, WorkerReply* reply);
+  bool Send(const WorkerRequest& request);
 
   const std::shared_ptr<WorkerProcess> worker_;
   const TEEC_UUID uuid_;

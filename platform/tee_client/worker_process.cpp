@@ -14,6 +14,7 @@
 #include <string>
 
 #include "platform/tee_client/command_trace.h"
+#include "platform/tee_client/worker_protocol.h"
 
 extern "C" {  // which this header leaves to its user
 #include <sys/pidfd.h>
@@ -85,7 +86,22 @@ std::shared_ptr<WorkerProcess> WorkerProcess::Start() {
 WorkerProcess::WorkerProcess(pid_t pid, FileDescriptor process, Channel control)
     : client_(getpid()), pid_(pid), process_(std::move(process)), control_(std::move(control)) {}
 
+bool WorkerConnection::AwaitClose(int limit_ms) {
+  WorkerReply reply = {};
+  FileDescriptor none;
+  const bool has_come = !is_closing || (channel.Receive(&reply, sizeof(reply), &none, limit_ms) &&
+                                        reply.magic == kWorkerMagic);
+  is_closing = false;
+  return has_come;
+}
+
 WorkerProcess::~WorkerProcess() {
+  // A TA may have much to do when a session is closed.
+  for (auto idle = idle_.Take(); idle != nullptr && IsOurs(); idle = idle_.Take()) {
+    if (!idle->AwaitClose(kExitLimitMs)) {
+      break;
+    }
+  }
   control_ = Channel();
   if (IsOurs()) {
     WaitReadable(process_.get(), kExitLimitMs);

@@ -11,10 +11,15 @@
 #include "platform/tee_client/command_memory.h"
 #include "platform/tee_client/idle_pool.h"
 
-// What a session needs to reach the worker. One session uses it at a time.
+// What a session needs to reach the worker. One session uses it at a time. The answer to its
+// closing is left to whoever uses the connection next, so that nobody waits for it.
 struct WorkerConnection {
+  // AwaitClose receives that answer, if there is one; false when it does not come.
+  bool AwaitClose(int limit_ms);
+
   Channel channel;
   CommandMemory memory{CommandMemory::Kind::kShared};
+  bool is_closing = false;
 };
 
 // WorkerProcess may be used from several threads. A child of the process that started it cannot use

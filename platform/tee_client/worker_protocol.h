@@ -2,7 +2,8 @@
 //
 // The client sends one end of a new channel over the control channel for each session that finds no
 // idle connection. On the channel of a connection one session follows the other: a request opens
-// the session, more of them invoke commands, the last one closes it, and each is answered. The
+// the session, more of them invoke commands, the last one closes it, and each is answered; the next
+// session's first request need not wait for the answer to the closing of the one before. The
 // memory references of a request lie in shared memory, in order; the file of that comes with the
 // first request that uses it. Neither side believes a size that it has not checked.
 #ifndef PLATFORM_TEE_CLIENT_WORKER_PROTOCOL_H

@@ -1,18 +1,27 @@
 #include "tests/tee_process/failing_app.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "platform/tee_client/built_in_apps.h"
 
 namespace {
 
 TEEC_Result Open(uint32_t, uint32_t, TaParam*, void**) { return TEEC_SUCCESS; }
-void Close(void*) {}
+std::atomic<bool> g_notes_close{false};
+
+void Close(void*) {
+  if (g_notes_close) {
+    usleep(50000);
+    close(creat((std::string(getenv("KEYMASTER_TA_STATE")) + "/closed").c_str(), 0600));
+  }
+}
 
 TEEC_Result Meet(uint32_t expected) {
   static std::atomic<uint32_t> here{0};
@@ -50,6 +59,10 @@ TEEC_Result Invoke(void*, uint32_t command, uint32_t, TaParam params[4]) {
   }
   if (command == kEcho) {
     return Echo(&params[0], &params[1]);
+  }
+  if (command == kNoteClose) {
+    g_notes_close = true;
+    return TEEC_SUCCESS;
   }
   if (command != kFill) {
     return TEEC_ERROR_NOT_SUPPORTED;

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -474,6 +475,7 @@ TEST_F(TeeProcess, TheClientBelievesNoReply) {
 // One connection and one memory for all: nothing of a session is in it once that is over.
 TEST_F(TeeProcess, ClosedSessionsLeaveTheirConnectionButNoBytes) {
   Str texts[] = {"first", Str(50000, 'x'), "third"};
+  std::atomic<const Str*> checked{nullptr};
   PlayedWorker worker([&](FileDescriptor socket) {
     const Channel channel(std::move(socket));
     const WorkerReply reply = {kWorkerMagic, 0, 4, {}};
@@ -489,6 +491,7 @@ TEST_F(TeeProcess, ClosedSessionsLeaveTheirConnectionButNoBytes) {
       EXPECT_EQ(request.kind, WorkerRequestKind::kClose);
       EXPECT_EQ(pread(memory.get(), bytes.data(), bytes.size(), 0), 65536);
       EXPECT_EQ(bytes, Str(65536, 0));
+      checked = &text;
       EXPECT_TRUE(channel.Send(&reply, sizeof(reply), -1));
       EXPECT_EQ(channel.Receive(&request, sizeof(request), &more, 10000), &text != &texts[2]);
       EXPECT_LT(more.get(), 0);
@@ -498,6 +501,9 @@ TEST_F(TeeProcess, ClosedSessionsLeaveTheirConnectionButNoBytes) {
     Session session = worker.NewSession();
     EXPECT_EQ(OpenWith(&session, TEEC_MEMREF_TEMP_INPUT, &text), 0u);
     session.Close();
+    while (checked != &text) {
+      usleep(100);
+    }
   }
 }
 
@@ -508,6 +514,16 @@ TEST_F(TeeProcess, ASessionThatWasClosedDoesNotOpen) {
   session.Close();
   Str buffer(8, 0);
   EXPECT_EQ(OpenWith(&session, TEEC_MEMREF_TEMP_INPUT, &buffer), TEEC_ERROR_BAD_STATE);
+}
+
+TEST_F(TeeProcess, SessionsAreClosedWithTheirContext) {
+  UseFailingApp();
+  {
+    Client client(kFailingApp);
+    EXPECT_EQ(client.Run(kNoteClose), 0u);
+    TEEC_CloseSession(&client.session);
+  }
+  EXPECT_EQ(Entries(getenv("KEYMASTER_TA_STATE")), std::vector<Str>{"closed"});
 }
 
 TEST_F(TeeProcess, AForkedChildHasAWorkerOfItsOwn) {
