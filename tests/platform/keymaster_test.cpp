@@ -16,7 +16,9 @@ std::string Hex(uint64_t value, int width = 0) {
 }
 
 std::string Level(int level) {
-  if (level == ANDROID_LOG_INFO) return "I ";
+  if (level == ANDROID_LOG_INFO) {
+    return "I ";
+  }
   return level == ANDROID_LOG_ERROR ? "E " : std::to_string(level) + " ";
 }
 
@@ -30,19 +32,25 @@ void KeymasterTest::SetUp() {
 
 void KeymasterTest::TearDown() {
   ClearFaults();
-  if (platform().live_contexts > 0) Ts_Finishcontext();
+  if (platform().live_contexts > 0) {
+    Ts_Finishcontext();
+  }
   EXPECT_EQ(0u, platform().live_contexts);
   EXPECT_EQ(std::vector<std::string>(), platform().problems);
   for (const Opened& opened : platform().opens) {
     EXPECT_EQ(opened.first, opened.open) << "a session was left open";
-    if (opened.first && opened.open) free(opened.block);
+    if (opened.first && opened.open) {
+      free(opened.block);
+    }
   }
   for (const Bracket& bracket : platform().brackets) {
     EXPECT_TRUE(bracket.ended && bracket.timeout == 32 && bracket.flags == 3 &&
                 bracket.arg == nullptr && bracket.callback == TeeosLogExceptionArchive)
         << bracket.label;
   }
-  for (const Event& event : platform().events) EXPECT_TRUE(event.destroyed) << event.params;
+  for (const Event& event : platform().events) {
+    EXPECT_TRUE(event.destroyed) << event.params;
+  }
   platform().ClearRecords();
 }
 
@@ -56,13 +64,17 @@ Lines Log() {
 
 std::string Journal() {
   std::string out;
-  for (const std::string& entry : platform().journal) out += (out.empty() ? "" : ", ") + entry;
+  for (const std::string& entry : platform().journal) {
+    out += (out.empty() ? "" : ", ") + entry;
+  }
   return out;
 }
 
 std::vector<uint32_t> Commands() {
   std::vector<uint32_t> out;
-  for (const Invocation& invocation : platform().invocations) out.push_back(invocation.command);
+  for (const Invocation& invocation : platform().invocations) {
+    out.push_back(invocation.command);
+  }
   return out;
 }
 

@@ -12,7 +12,7 @@ namespace test {
 struct Contract {
   const char* method;
   Output output;
-  States success;  // of each kind, 0 where it cannot be
+  States success;       // of each kind, 0 where it cannot be
   States preparing;     // serialising or allocating, before the last command was answered
   States tee;           // the TEE's error or the TA's
   States first_reply;   // a reply that does not decode, or is longer than its buffer

@@ -18,8 +18,12 @@ struct Row {
 using Rows = std::map<std::pair<int32_t, std::string>, Row>;
 
 int32_t ResultOf(const std::string& word) {
-  if (word == "TEE") return static_cast<int32_t>(kInjectedTeeError);
-  if (word == "TA") return static_cast<int32_t>(kTaError);
+  if (word == "TEE") {
+    return static_cast<int32_t>(kInjectedTeeError);
+  }
+  if (word == "TA") {
+    return static_cast<int32_t>(kTaError);
+  }
   return static_cast<int32_t>(std::stoll(word, nullptr, 0));
 }
 
@@ -32,7 +36,9 @@ std::map<std::string, Rows> ReadFile() {
   Rows* rows = nullptr;
   std::ifstream file(FAILURES);
   for (std::string line; std::getline(file, line);) {
-    if (line.empty() || line[0] == '#') continue;
+    if (line.empty() || line[0] == '#') {
+      continue;
+    }
     const size_t colon = line.find(" : ");
     const std::string head = line.substr(0, colon);
     const std::string messages = colon == std::string::npos ? "" : line.substr(colon + 3);
@@ -50,7 +56,9 @@ std::map<std::string, Rows> ReadFile() {
       const size_t blank = head.find(' ');
       std::istringstream kinds(head.substr(0, blank));
       Row& row = (*rows)[{ResultOf(head.substr(blank + 1)), messages}];
-      for (std::string kind; std::getline(kinds, kind, ',');) row.kinds.insert(kind);
+      for (std::string kind; std::getline(kinds, kind, ',');) {
+        row.kinds.insert(kind);
+      }
     }
   }
   return all;
@@ -79,9 +87,13 @@ bool Find(const std::string& request, const Kinds& kinds, int32_t result,
 }
 
 bool IsDiagnostic(const std::string& message) {
-  if (message[0] == '-') return true;
+  if (message[0] == '-') {
+    return true;
+  }
   for (const auto& [key, row] : All().at(kDiagnostics)) {
-    if (key.second.find(message) != std::string::npos) return true;
+    if (key.second.find(message) != std::string::npos) {
+      return true;
+    }
   }
   return false;
 }
@@ -92,10 +104,16 @@ Lines LoggedFormats() {
   Lines out;
   for (const LogLine& line : platform().log) {
     std::string prefix = !line.tag ? "-" : *line.tag == "KeyMaster" ? "K" : "";
-    if (line.tag && *line.tag != "KeyMaster" && *line.tag != "KeyMaster_Ts") prefix = *line.tag;
-    if (line.level != ANDROID_LOG_ERROR) prefix += line.level == ANDROID_LOG_INFO ? "i" : "?";
+    if (line.tag && *line.tag != "KeyMaster" && *line.tag != "KeyMaster_Ts") {
+      prefix = *line.tag;
+    }
+    if (line.level != ANDROID_LOG_ERROR) {
+      prefix += line.level == ANDROID_LOG_INFO ? "i" : "?";
+    }
     out.push_back(prefix.empty() ? "" : prefix + "/");
-    for (const char c : line.format) out.back() += c == '\n' ? "\\n" : std::string(1, c);
+    for (const char c : line.format) {
+      out.back() += c == '\n' ? "\\n" : std::string(1, c);
+    }
   }
   return out;
 }
@@ -105,10 +123,16 @@ std::string Documented(const std::string& request, const Kinds& kinds, int32_t r
   std::string said, diagnostics;
   for (const std::string& message : messages) {
     const bool diagnostic = IsDiagnostic(message);
-    if (!diagnostic || diagnostics.empty()) said = Join(said, diagnostic ? "*" : message);
-    if (diagnostic) diagnostics = Join(diagnostics, message);
+    if (!diagnostic || diagnostics.empty()) {
+      said = Join(said, diagnostic ? "*" : message);
+    }
+    if (diagnostic) {
+      diagnostics = Join(diagnostics, message);
+    }
   }
-  if (!diagnostics.empty() && !Find(kDiagnostics, kinds, 0, diagnostics)) return diagnostics;
+  if (!diagnostics.empty() && !Find(kDiagnostics, kinds, 0, diagnostics)) {
+    return diagnostics;
+  }
   return Find(request, kinds, result, said) ? "" : std::to_string(result) + " : " + said;
 }
 

@@ -76,7 +76,9 @@ Word CryptoHook(Word a, Word b, Word c, Word d, Word e, Word f) {
   }
   const auto real = reinterpret_cast<Word (*)(Word, Word, Word, Word, Word, Word)>(g_real[kIndex]);
   const Word result = real(a, b, c, d, e, f);
-  if (kIndex != kGenerateRsa || !g_watching) return result;
+  if (kIndex != kGenerateRsa || !g_watching) {
+    return result;
+  }
   const RSA* key = reinterpret_cast<const RSA*>(a);
   for (const BIGNUM* number : {RSA_get0_d(key), RSA_get0_p(key), RSA_get0_q(key),
                                RSA_get0_dmp1(key), RSA_get0_dmq1(key), RSA_get0_iqmp(key)}) {
