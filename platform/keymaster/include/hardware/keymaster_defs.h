@@ -193,9 +193,9 @@ typedef enum {
 } hw_authenticator_type_t;
 
 // A hardware auth token as it travels in KM_TAG_AUTH_TOKEN: 69 packed bytes. timestamp is
-// big-endian, the rest in the device's order, which is little-endian. Authenticators elsewhere write
-// authenticator_type big-endian too; a wrapped import reads it in the device's order, and finds no
-// type in such a token.
+// big-endian, the rest in the device's order, which is little-endian. Authenticators elsewhere
+// write authenticator_type big-endian too; a wrapped import reads it in the device's order, and
+// finds no type in such a token.
 typedef struct __attribute__((packed)) {
   uint8_t version;
   uint64_t challenge;
