@@ -38,12 +38,13 @@ ok() {
   "$@" >out 2>>log || fail "$* (status $?): $(grep -hv '^tee:' err log | tail -n 3)"
 }
 
-# refuse TEXT COMMAND... runs a command of the tool that must fail with status 1 and say TEXT.
+# refuse TEXT COMMAND... runs a command of the tool that must fail with status 1, or $refused, and
+# say TEXT.
 refuse() {
   local text=$1 status=0
   shift
   "$@" >out || status=$?
-  [ $status -eq 1 ] || fail "status $status, not 1: $*"
+  [ $status -eq "${refused:-1}" ] || fail "status $status, not ${refused:-1}: $*"
   grep -qF -- "$text" err || fail "'$text' is not said by: $* but: $(cat err)"
 }
 

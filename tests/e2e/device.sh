@@ -10,7 +10,7 @@ sign() { ok km sign --in text --out sig --key "$@"; }
 unauthenticated='KM_ERROR_KEY_USER_NOT_AUTHENTICATED (-26)'
 
 # A key for a while after its user authenticated: only that user, that way, on a token that is whole.
-ok km generate --algorithm ec --auth-sid 42 --auth-type password --auth-timeout 600 --key timed.blob
+ok km generate --force --algorithm ec --auth-sid 42 --auth-type password --auth-timeout 600 --key timed.blob
 refuse "$unauthenticated" km sign --key timed.blob --in text
 token --sid 42 --out user.token
 [ "$(stat -c %s user.token)" -eq 69 ] || fail 'the size of a token'
@@ -32,11 +32,12 @@ for file in $wrong; do
 done
 
 # A key whose every operation has to be authenticated takes no token for anything else.
-ok km generate --algorithm ec --auth-sid 42 --key each.blob
+ok km generate --force --algorithm ec --auth-sid 42 --key each.blob
 sign each.blob --auth-sid 42
 ok km verify --key each.blob --in text --signature sig
 refuse "$unauthenticated" km sign --key each.blob --auth-token user.token --in text
 refuse "$unauthenticated" km sign --key each.blob --auth-sid 43 --in text
+grep -q 'for the user with secure id 42, not 43' err || fail "the wrong user is not told: $(cat err)"
 
 # Another keymaster's word for a token.
 ok km verify-authorization --challenge 72623859790382856 --token user.token --param user-secure-id=42
@@ -63,7 +64,7 @@ state=other ok km verify-authorization --token shared.token
 refuse 'KM_ERROR_VERIFICATION_FAILED (-30)' km verify-authorization --token user.token
 
 # A locked device opens for a token that is newer than the lock, and of a password if it must be.
-ok km generate --algorithm ec --unlocked-device --key open.blob
+ok km generate --force --algorithm ec --unlocked-device --key open.blob
 sign open.blob
 ok km device-locked
 locked='KM_ERROR_DEVICE_LOCKED (-72)'
@@ -78,17 +79,17 @@ refuse "$locked" km sign --key open.blob --auth-token finger.token --in text
 token --sid 42 --with "$theirs" --out user.token
 sign open.blob --auth-token user.token
 
-ok km generate --algorithm ec --early-boot --key early.blob
+ok km generate --force --algorithm ec --early-boot --key early.blob
 sign early.blob
 ok km early-boot-ended
 refuse 'KM_ERROR_EARLY_BOOT_ENDED (-73)' km sign --key early.blob --in text
 
 # Validity, and a limited number of uses.
-ok km generate --algorithm ec --valid-from 2100-01-01 --key k.blob
+ok km generate --force --algorithm ec --valid-from 2100-01-01 --key k.blob
 refuse 'KM_ERROR_KEY_NOT_YET_VALID (-24)' km sign --key k.blob --in text
-ok km generate --algorithm ec --valid-until 2001-01-01 --key k.blob
+ok km generate --force --algorithm ec --valid-until 2001-01-01 --key k.blob
 refuse 'KM_ERROR_KEY_EXPIRED (-25)' km sign --key k.blob --in text
-ok km generate --algorithm ec --max-uses 1 --key k.blob
+ok km generate --force --algorithm ec --max-uses 1 --key k.blob
 sign k.blob
 refuse 'KM_ERROR_KEY_MAX_OPS_EXCEEDED (-56)' km sign --key k.blob --in text
 

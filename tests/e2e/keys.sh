@@ -26,7 +26,7 @@ for kind in rsa:1024 rsa:2048 rsa:4096 ec:secp224r1 ec:prime256v1 ec:secp384r1 e
   openssl pkey -in key.pem -pubout -out public.pem
   openssl pkey -in key.pem -pubout -outform DER -out public.der
   for file in key.pem key.p8 key.der; do
-    ok km import --in $file --key k.blob
+    ok km import --force --in $file --key k.blob
     ok km export --key k.blob --out exported
     same exported public.pem "$kind from $file"
   done
@@ -34,13 +34,13 @@ for kind in rsa:1024 rsa:2048 rsa:4096 ec:secp224r1 ec:prime256v1 ec:secp384r1 e
   same exported public.der "$kind"
   says 'hw["origin"] == "imported" and hw["algorithm"] == "'${kind%:*}'"' k.blob
 done
-ok km generate --algorithm rsa --size 3072 --key k.blob
+ok km generate --force --algorithm rsa --size 3072 --key k.blob
 ok km export --key k.blob --out public.pem
 judge '(3072 bit)' openssl pkey -pubin -in public.pem -noout -text
 says 'hw["origin"] == "generated" and hw["key_size"] == 3072' k.blob
 
 # The owner of a key has to be told, and is not told on.
-ok km generate --algorithm ec --curve p384 --app-id me --app-data 0x00ff --purpose sign,verify \
+ok km generate --force --algorithm ec --curve p384 --app-id me --app-data 0x00ff --purpose sign,verify \
   --digest sha256,sha384 --key own.blob
 says 'hw["purpose"] == ["sign", "verify"] and hw["ec_curve"] == "p384" and hw["key_size"] == 384 and
   hw["os_version"] == 110000 and hw["os_patchlevel"] == 202101 and "application_id" not in hw' \
@@ -49,16 +49,21 @@ judge 'sha384' km characteristics --key own.blob --app-id me --app-data 0x00ff
 for owner in '' '--app-id me' '--app-id you --app-data 0x00ff' '--app-id me --app-data 0x00fe'; do
   refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km export --key own.blob $owner
 done
+said() { grep -qF -- "$1" err || fail "the hint is not '$1' but: $(cat err)"; }
+said 'needs the --app-id and --app-data'
 ok km sign --key own.blob --app-id me --app-data 0x00ff --in text --out sig
 for at in 0 1 100 -1; do
   flip k.blob "$at"
   refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km characteristics --key flipped
+  [ "$at" != 0 ] || said 'no key file of this keymaster, or its beginning is damaged'
 done
-state=other refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km export --key k.blob
+said 'damaged, or was made under another state folder than state'
+refuse 'this is a PEM file' km export --key key.pem
+state=other refuse 'damaged, or was made under another state folder than other' km export --key k.blob
 
 # An attestation leads to its root, is for this key and tells of it.
 for options in '--algorithm ec' '--algorithm rsa --size 4096'; do
-  ok km generate $options --key k.blob
+  ok km generate --force $options --key k.blob
   ok km export --key k.blob --out public.pem
   ok km attest --key k.blob --challenge 'are you there' --out chain.pem
   rm -f cert.*
@@ -74,7 +79,7 @@ for options in '--algorithm ec' '--algorithm rsa --size 4096'; do
   same <(sed -n 2,6p fields | tr -d ' \n') <(printf '%s%s' INTEGER:04ENUMERATED:01 \
     INTEGER:29ENUMERATED:01OCTETSTRING:areyouthere) "attestation: $(head -n 6 fields)"
 done
-ok km generate --algorithm aes --key aes.blob
+ok km generate --force --algorithm aes --key aes.blob
 refuse 'KM_ERROR_INCOMPATIBLE_ALGORITHM (-5)' km attest --key aes.blob --challenge x
 refuse 'KM_ERROR_CANNOT_ATTEST_IDS (-66)' \
   km attest --key k.blob --challenge x --param attestation-id-serial=not-mine
@@ -82,12 +87,18 @@ refuse 'KM_ERROR_CANNOT_ATTEST_IDS (-66)' \
 # A key wrapped outside comes in, under the mask it was wrapped with and unchanged only.
 wrap() { "$scripts/make-wrapped-key" --wrapping-key wrap.pub "$@"; }
 secret=000102030405060708090a0b0c0d0e0f
-mask=$(printf 'a5%.0s' $(seq 32))
-ok km generate --algorithm rsa --purpose wrap-key --padding oaep --digest sha1,sha256 --key wrap.blob
+printf '\0\1\2\3\4\5\6\7\10\11\12\13\14\15\16\17' >secret
+head -c 32 /dev/zero | tr '\0' '\245' >mask
+head -c 32 /dev/zero >no-mask
+hex mask >hex-mask
+flip mask 0 bad-mask
+head -c 31 mask >short-mask
+ok km generate --force --algorithm rsa --purpose wrap-key --padding oaep --digest sha1,sha256 --key wrap.blob
 ok km export --key wrap.blob --out wrap.pub
-take() { ok km import-wrapped --wrapping-key wrap.blob --wrapped "$@" --key in.blob; }
-wrap --key-hex $secret --masking-key "$mask" --out wrapped
-take wrapped --mask "$mask"
+take() { ok km import-wrapped --force --wrapping-key wrap.blob --wrapped "$@" --key in.blob; }
+wrap --key secret --masking-key hex-mask --out wrapped
+take wrapped --mask hex-mask
+take wrapped --mask mask
 says 'hw["origin"] == "securely-imported" and hw["key_size"] == 128' in.blob
 openssl enc -aes-128-ctr -K $secret -iv $secret -in text -out sealed
 ok km decrypt --key in.blob --mode ctr --nonce 0x$secret --in sealed --out back
@@ -107,25 +118,26 @@ for row in "$(hex finger.token) 6" "$(hex password.token) 5" "$big_endian 1"; do
 done
 ok km export --key in.blob --out exported
 same exported public.pem 'a private key that came in wrapped'
-ok km generate --algorithm rsa --purpose decrypt --padding oaep --digest sha1 --key plain.blob
-wrap --key-hex $secret --flip-tag --out spoilt
+ok km generate --force --algorithm rsa --purpose decrypt --padding oaep --digest sha1 --key plain.blob
+wrap --key secret --out spoilt
+flip spoilt -1 spoilt
 flip wrapped 290 altered
 printf 'no wrapper' >junk
 while read -r said wrapping wrapped with; do
-  refuse "$said" km import-wrapped --wrapping-key "$wrapping" --wrapped "$wrapped" --mask "$with" \
+  refuse "$said" km import-wrapped --force --wrapping-key "$wrapping" --wrapped "$wrapped" --mask "$with" \
     --key none.blob
-done <<ROWS
-KM_ERROR_VERIFICATION_FAILED wrap.blob wrapped ${mask/a5/a4}
-KM_ERROR_VERIFICATION_FAILED wrap.blob spoilt $(printf '00%.0s' $(seq 32))
-KM_ERROR wrap.blob altered $mask
-KM_ERROR_INVALID_ARGUMENT wrap.blob wrapped ${mask:2}
-KM_ERROR_INVALID_ARGUMENT wrap.blob junk $mask
-KM_ERROR_INCOMPATIBLE_PURPOSE plain.blob wrapped $mask
+done <<'ROWS'
+KM_ERROR_VERIFICATION_FAILED wrap.blob wrapped bad-mask
+KM_ERROR_VERIFICATION_FAILED wrap.blob spoilt no-mask
+KM_ERROR wrap.blob altered mask
+KM_ERROR_INVALID_ARGUMENT wrap.blob wrapped short-mask
+KM_ERROR_INVALID_ARGUMENT wrap.blob junk mask
+KM_ERROR_INCOMPATIBLE_PURPOSE plain.blob wrapped mask
 ROWS
 [ ! -e none.blob ] || fail 'a refused wrapped key left a key file'
 
 # The system moves on, keys follow, and none goes back.
-ok km generate --algorithm ec --key old.blob
+ok km generate --force --algorithm ec --key old.blob
 cp old.blob new.blob
 judge 'needs no upgrade' km upgrade --key new.blob
 export KEYMASTER_OS_PATCHLEVEL=202203
@@ -136,21 +148,24 @@ ok km sign --key new.blob --in text --out sig
 ok km verify --key new.blob --in text --signature sig
 unset KEYMASTER_OS_PATCHLEVEL
 refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km sign --key new.blob --in text
+said 'of a later system version'
+(TEE_FAULT=cmd=8,code=0xFFFFFFDF refuse 'opens on a copy of the state' km sign --key old.blob --in text)
 refuse 'KM_ERROR_INVALID_ARGUMENT (-38)' km upgrade --key new.blob
 ok km sign --key old.blob --in text --out sig
 
-ok km generate --algorithm ec --rollback-resistant --key gone.blob
+ok km generate --force --algorithm ec --rollback-resistant --key gone.blob
 cp gone.blob copy.blob
 ok km delete --key gone.blob
 [ ! -e gone.blob ] || fail 'delete left the key file'
 refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km sign --key copy.blob --in text
+said 'was deleted in the TA'
 
 # A failed command leaves one event: what the TA found, where, and in which command.
 export QAVIX_EVENTS=events
-ok km generate --algorithm ec --purpose verify --key verify.blob
+ok km generate --force --algorithm ec --purpose verify --key verify.blob
 refuse 'KM_ERROR_INCOMPATIBLE_PURPOSE (-3)' km sign --key verify.blob --in text
 TEE_FAULT='cmd=2,code=0xFFFF000C' refuse 'TEEC_ERROR_OUT_OF_MEMORY (0xFFFF000C)' \
-  km generate --algorithm ec --key none.blob
+  km generate --force --algorithm ec --key none.blob
 python3 - <<'PY' || fail "the events are not those expected: $(cat events)"
 import json
 begin, generate = [json.loads(line) for line in open("events")]
@@ -162,7 +177,8 @@ assert begin["params"]["CAINFO"] == "KEYMASTER_TS"
 PY
 
 refuse 'No such file or directory' km sign --key missing.blob --in text
-refuse 'KM_ERROR_UNSUPPORTED_KEY_SIZE (-6)' km generate --algorithm aes --size 129 --key none.blob
+refuse 'KM_ERROR_UNSUPPORTED_KEY_SIZE (-6)' \
+  km generate --algorithm aes --param key-size=129 --key none.blob
 for usage in '' 'dance' 'sign --in text' 'generate --algorithm dance --key k'; do
   status=0
   km $usage >out || status=$?

@@ -26,8 +26,8 @@ digests=sha1,sha224,sha256,sha384,sha512
 for curve in secp224r1:p224 prime256v1:p256 secp384r1:p384 secp521r1:p521; do
   openssl ecparam -name "${curve%:*}" -genkey -noout -out ec.pem
   openssl pkey -in ec.pem -pubout -out ec.pub
-  ok km import --in ec.pem --key ec.blob --digest "none,$digests"
-  ok km generate --algorithm ec --curve "${curve#*:}" --digest "$digests" --key made.blob
+  ok km import --force --in ec.pem --key ec.blob --digest "none,$digests"
+  ok km generate --force --algorithm ec --curve "${curve#*:}" --digest "$digests" --key made.blob
   ok km export --key made.blob --out made.pub
   for digest in ${digests//,/ }; do
     check ec.blob ec.pub ec.pem "$digest"
@@ -40,8 +40,8 @@ done
 
 openssl genrsa -out rsa.pem 2048 2>/dev/null
 openssl pkey -in rsa.pem -pubout -out rsa.pub
-ok km import --in rsa.pem --key rsa.blob --digest "none,md5,$digests" --padding none,pkcs1,pss
-ok km generate --algorithm rsa --size 3072 --exponent 3 --digest "$digests" --key made.blob
+ok km import --force --in rsa.pem --key rsa.blob --digest "none,md5,$digests" --padding none,pkcs1,pss
+ok km generate --force --algorithm rsa --size 3072 --exponent 3 --digest "$digests" --key made.blob
 ok km export --key made.blob --out made.pub
 pss='-sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:digest'
 check rsa.blob rsa.pub rsa.pem md5 --padding pkcs1
@@ -58,7 +58,7 @@ same block back 'raw RSA'
 
 # A text and a signature changed in one bit, for each kind of key; a key's limits.
 head -c 64 /dev/urandom >mac.key
-ok km import --raw --algorithm hmac --in mac.key --digest sha256 --key mac.blob
+ok km import --force --raw --algorithm hmac --in mac.key --digest sha256 --key mac.blob
 for key in ec rsa mac; do
   ok km sign --key $key.blob --digest sha256 --in text --out sig
   ok km verify --key $key.blob --digest sha256 --in text --signature sig
@@ -72,7 +72,7 @@ refuse 'KM_ERROR_INCOMPATIBLE_DIGEST (-13)' km sign --key made.blob --digest md5
 refuse 'KM_ERROR_INVALID_MAC_LENGTH (-57)' km sign --key mac.blob --mac-length 120 --in text
 
 for digest in ${digests//,/ }; do
-  ok km import --raw --algorithm hmac --in mac.key --digest "$digest" --min-mac 80 --key mac.blob
+  ok km import --force --raw --algorithm hmac --in mac.key --digest "$digest" --min-mac 80 --key mac.blob
   ok km sign --key mac.blob --in text --out mac
   openssl dgst "-$digest" -mac HMAC -macopt "hexkey:$(hex mac.key)" -binary -out judged text
   same mac judged "HMAC $digest"

@@ -50,9 +50,10 @@ std::string Half(bool arguments) {
 const std::string& FullWrapper() {
   static const std::string kWrapper = [] {
     const std::string command =
-        "key=$(mktemp) && openssl genrsa 2048 2>/dev/null | openssl pkey -pubout > $key && " +
-        std::string(MAKE_WRAPPED_KEY) + " --wrapping-key $key --key-hex 00112233 --no-defaults" +
-        Half(true) + " --iv 0102030405060708090a0b0c; rm -f $key";
+        "key=$(mktemp) && openssl genrsa 2048 2>/dev/null | openssl pkey -pubout > $key && "
+        "printf '\\0\\021\"3' | " +
+        std::string(MAKE_WRAPPED_KEY) + " --wrapping-key $key --key - --no-defaults" + Half(true) +
+        " --iv 0102030405060708090a0b0c; rm -f $key";
     std::string out(4096, '\0');
     const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
     out.resize(fread(out.data(), 1, out.size(), pipe.get()));

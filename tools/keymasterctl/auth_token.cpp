@@ -1,4 +1,4 @@
-#include "auth_token.h"
+#include "tools/keymasterctl/auth_token.h"
 
 #include <endian.h>
 #include <openssl/cmac.h>
@@ -12,8 +12,8 @@
 #include <array>
 #include <memory>
 
-#include "errors.h"
-#include "params.h"
+#include "tools/keymasterctl/errors.h"
+#include "tools/keymasterctl/params.h"
 
 namespace {
 
@@ -50,19 +50,22 @@ SharedKey DeriveSharedKey(const Bytes& sharing) {
   return key;
 }
 
-uint64_t MillisecondsSinceBoot() {
-  timespec now = {};
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+// Between this machine's byte order and a token's, either way.
+void SwapFields(hw_auth_token_t* token) {
+  token->challenge = htole64(token->challenge);
+  token->user_id = htole64(token->user_id);
+  token->authenticator_id = htole64(token->authenticator_id);
+  token->authenticator_type = htole32(token->authenticator_type);  // a wrapped import reads it
+  token->timestamp = htobe64(token->timestamp);
 }
 
 }  // namespace
 
-Bytes SharingParameters(Session& session) {
+Bytes SharingParameters(Session* session) {
   Bytes parameters(2 * kHalf);
   Check("reading the sharing parameters",
-        session->TivasgetHmacSharingParameters(parameters.data(), kHalf, parameters.data() + kHalf,
-                                               kHalf));
+        (*session)->TivasgetHmacSharingParameters(parameters.data(), kHalf,
+                                                  parameters.data() + kHalf, kHalf));
   return parameters;
 }
 
@@ -70,25 +73,22 @@ Bytes JoinSharing(const Bytes& own, const std::vector<std::string>& others) {
   std::vector<Bytes> all = {own};
   for (const std::string& text : others) {
     const std::optional<Bytes> bytes = ParseHex(text);
-    if (!bytes || bytes->size() != 2 * kHalf) {
-      throw UsageFailure(
-          "sharing parameters are 128 hexadecimal digits, as hmac-sharing prints them");
+    RequireUsage(bytes && bytes->size() == 2 * kHalf,
+                 "sharing parameters are 128 hexadecimal digits, as hmac-sharing prints them");
+    if (std::find(all.begin(), all.end(), *bytes) == all.end()) {
+      all.push_back(*bytes);
     }
-    if (std::find(all.begin(), all.end(), *bytes) == all.end()) all.push_back(*bytes);
   }
   std::sort(all.begin(), all.end());
   Bytes joined;
-  for (const Bytes& one : all) joined.insert(joined.end(), one.begin(), one.end());
+  for (const Bytes& one : all) {
+    joined.insert(joined.end(), one.begin(), one.end());
+  }
   return joined;
 }
 
-Bytes MakeAuthToken(const AuthTokenArgs& args, const Bytes& sharing) {
-  hw_auth_token_t token = {};
-  token.challenge = htole64(args.challenge);
-  token.user_id = htole64(args.sid);
-  token.authenticator_id = htole64(args.authenticator_id);
-  token.authenticator_type = htole32(args.type);  // so that a wrapped import finds it
-  token.timestamp = htobe64(args.timestamp.value_or(MillisecondsSinceBoot()));
+Bytes MakeAuthToken(hw_auth_token_t token, const Bytes& sharing) {
+  SwapFields(&token);
   Bytes bytes(sizeof(token));
   memcpy(bytes.data(), &token, sizeof(token));
   const size_t signed_length = sizeof(token) - sizeof(token.hmac);
@@ -96,6 +96,22 @@ Bytes MakeAuthToken(const AuthTokenArgs& args, const Bytes& sharing) {
   const uint8_t* mac = HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), bytes.data(),
                             signed_length, bytes.data() + signed_length, nullptr);
   OPENSSL_cleanse(key.data(), key.size());
-  if (mac == nullptr) throw Failure("cannot authenticate the token");
+  Require(mac != nullptr, "cannot authenticate the token");
   return bytes;
+}
+
+uint64_t MillisecondsSinceBoot() {
+  timespec now = {};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}
+
+std::optional<hw_auth_token_t> ReadAuthToken(const Bytes& bytes) {
+  hw_auth_token_t token = {};
+  if (bytes.size() != sizeof(token) || bytes[0] != 0) {
+    return std::nullopt;
+  }
+  memcpy(&token, bytes.data(), sizeof(token));
+  SwapFields(&token);
+  return token;
 }

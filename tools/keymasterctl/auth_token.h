@@ -8,25 +8,23 @@
 #include <string>
 #include <vector>
 
-#include "session.h"
-
-struct AuthTokenArgs {
-  uint64_t sid = 0;
-  uint64_t authenticator_id = 0;
-  uint32_t type = HW_AUTH_PASSWORD;
-  uint64_t challenge = 0;
-  std::optional<uint64_t> timestamp;  // milliseconds since boot; now by default
-};
+#include "tools/keymasterctl/session.h"
 
 // SharingParameters returns the TA's part in HMAC sharing: seed and nonce, 32 bytes each.
-Bytes SharingParameters(Session& session);
+Bytes SharingParameters(Session* session);
 
 // JoinSharing sorts the TA's own parameters and those of the others, hexadecimal, into the one
 // order that every participant uses. Throws a Failure for text that is not 64 bytes.
 Bytes JoinSharing(const Bytes& own, const std::vector<std::string>& others);
 
-// MakeAuthToken returns a token of 69 bytes, authenticated under the key that the holders of these
-// sharing parameters share.
-Bytes MakeAuthToken(const AuthTokenArgs& args, const Bytes& sharing);
+// MakeAuthToken returns a token with these fields, in this machine's byte order, authenticated
+// under the key that the holders of these sharing parameters share: 69 bytes.
+Bytes MakeAuthToken(hw_auth_token_t token, const Bytes& sharing);
+
+// ReadAuthToken returns the fields of such bytes; nothing where they are no token.
+std::optional<hw_auth_token_t> ReadAuthToken(const Bytes& bytes);
+
+// MillisecondsSinceBoot is the clock of tokens.
+uint64_t MillisecondsSinceBoot();
 
 #endif  // KEYMASTERCTL_AUTH_TOKEN_H

@@ -1,39 +1,63 @@
-// What help and manual say of each command, in the order of the help.
+// The commands and their options, in the order of the help.
 #ifndef KEYMASTERCTL_COMMAND_TABLE_H
 #define KEYMASTERCTL_COMMAND_TABLE_H
 
+#include <hardware/keymaster_defs.h>
+
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "tools/keymasterctl/args.h"
 
 constexpr const char* kProgram = "keymasterctl";
 constexpr const char* kProgramSummary =
     "Use the keymaster: make, import and use keys that stay in its trusted application.";
-
-struct CommandText {
-  const char* name;
-  const char* summary;
-  const char* examples;  // lines without the program's name
-  const char* note;      // what there is to know beside the options; may be empty
-};
-
-// TextOf returns a command's row. Throws for a name that has none.
-const CommandText& TextOf(const std::string& name);
-// TypedExamples returns a command's examples, a line each, as they are typed.
-std::string TypedExamples(const CommandText& text, const std::string& before = "");
-// FooterOf returns what stands below the options in a command's help.
-std::string FooterOf(const CommandText& text);
-// ProgramFooter returns the same for the program's own help.
-std::string ProgramFooter();
-
 constexpr const char* kKeyFiles =
     "A key file holds a key sealed by the TA: only the TA that made it, with its state folder, can "
     "use it.";
 
-struct NamedText {
+// The group of the options that the help shows first.
+constexpr const char* kFirstGroup = "Options";
+
+struct CommandRow {
+  const char* group;
   const char* name;
-  const char* text;
+  void (*run)(const Args& args);
+  const char* summary;
+  const char* examples;  // lines without the program's name
+  const char* note;      // what there is to know beside the options; may be null
 };
-const std::vector<NamedText>& ExitStatuses();
-const std::vector<NamedText>& Environment();
+
+struct OptionRow {
+  const char* commands;  // names with spaces between; "*" for what every command takes
+  const char* group;
+  const char* names;  // with commas between; an argument's name has no dash
+  const char* value;  // see ValueOf; "!" before it for an option that is required
+  const char* help;
+  keymaster_tag_t tag = KM_TAG_INVALID;  // the parameter that the value is of
+};
+
+const std::vector<CommandRow>& Commands();
+// OptionsOf returns the rows of a command, or of "*".
+std::vector<OptionRow> OptionsOf(const std::string& command);
+
+std::vector<std::string> NamesOf(const OptionRow& option);
+// NameOf returns the last name without its dashes.
+std::string NameOf(const OptionRow& option);
+bool IsRequired(const OptionRow& option);
+bool IsPositional(const OptionRow& option);
+// ValueOf returns the kind of value, such as FILE or a|b|c, with ",..." behind it where there may
+// be several; empty for a flag.
+std::string ValueOf(const OptionRow& option);
+// WordsOf returns the words that an option takes; none where it takes anything else.
+std::vector<std::string> WordsOf(const OptionRow& option);
+
+// TypedExamples returns a command's examples, a line each, as they are typed.
+std::string TypedExamples(const CommandRow& command, const std::string& before = "");
+
+using NamedTexts = std::vector<std::pair<const char*, const char*>>;
+const NamedTexts& ExitStatuses();
+const NamedTexts& Environment();
 
 #endif  // KEYMASTERCTL_COMMAND_TABLE_H

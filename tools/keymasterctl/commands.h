@@ -1,18 +1,40 @@
-// The commands, by family.
+// What each command does with what the command line says.
 #ifndef KEYMASTERCTL_COMMANDS_H
 #define KEYMASTERCTL_COMMANDS_H
 
-#include "command_line.h"
+#include "tools/keymasterctl/args.h"
 
-struct NoArgs {};
+// key_commands.cpp
+void RunGenerate(const Args& args);
+void RunImport(const Args& args);
+void RunImportWrapped(const Args& args);
+void RunShow(const Args& args);
+void RunExport(const Args& args);
+void RunUpgrade(const Args& args);
+void RunDelete(const Args& args);
+void RunAttest(const Args& args);
 
-void AddKeyCommands(CommandLine* line);            // generate ... delete
-void AddImportCommands(CommandLine* line);         // import, import-wrapped
-void AddOperationCommands(CommandLine* line);      // sign, verify, encrypt, decrypt
-void AddAttestCommands(CommandLine* line);         // attest
-void AddAuthorizationCommands(CommandLine* line);  // auth-token ... hmac-sharing
-void AddDeviceCommands(CommandLine* line);         // device state, configuration, info
-void AddDoctorCommand(CommandLine* line);          // doctor
-void AddShellCommands(CommandLine* line);          // completion, manual
+// operation_commands.cpp
+void RunSign(const Args& args);
+void RunVerify(const Args& args);
+void RunEncrypt(const Args& args);
+void RunDecrypt(const Args& args);
+
+// device_commands.cpp
+void RunHmacSharing(const Args& args);
+void RunAuthToken(const Args& args);
+void RunVerifyAuthorization(const Args& args);
+void RunDeviceLocked(const Args& args);
+void RunEarlyBootEnded(const Args& args);
+void RunConfigure(const Args& args);
+void RunInfo(const Args& args);
+void RunAddEntropy(const Args& args);
+void RunDeleteAll(const Args& args);
+void RunDestroyIds(const Args& args);
+
+void RunDoctor(const Args& args);      // doctor.cpp
+void RunHelp(const Args& args);        // command_line.cpp
+void RunCompletion(const Args& args);  // completion.cpp
+void RunManual(const Args& args);      // manual.cpp
 
 #endif  // KEYMASTERCTL_COMMANDS_H

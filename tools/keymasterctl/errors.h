@@ -1,9 +1,11 @@
-// What a failed request says to the user.
+// What a failure says to the user.
 #ifndef KEYMASTERCTL_ERRORS_H
 #define KEYMASTERCTL_ERRORS_H
 
 #include <stdint.h>
 
+#include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -13,56 +15,40 @@ constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitNoTa = 3;  // the TEE or its TA cannot be reached, or died
 
-// Failure carries the text that the user sees, and the program's status.
+// Failure ends the command. An empty text means that the user has been told already.
 class Failure : public std::runtime_error {
  public:
-  explicit Failure(const std::string& text, int status = kExitFailed)
-      : std::runtime_error(text), status_(status) {}
-  int status() const { return status_; }
+  explicit Failure(const std::string& text, const std::string& next = "", int exit = kExitFailed)
+      : std::runtime_error(text), hint(next), status(exit) {}
 
- private:
-  int status_;
+  std::string hint;  // what the user can do next; empty where that is not known
+  int status;
+  std::optional<int32_t> result;  // of the keymaster or the TEE
+  // Finds a better hint once no session is open any more; may be empty.
+  std::function<std::string()> diagnose;
 };
 
-// UsageFailure is about what the user wrote.
-class UsageFailure : public Failure {
- public:
-  explicit UsageFailure(const std::string& text) : Failure(text, kExitUsage) {}
-};
-
-// ToldFailure has been told to the user already.
-class ToldFailure : public Failure {
- public:
-  ToldFailure() : Failure("") {}
-};
-
-// ResultFailure is a request that the keymaster or the TEE refused.
-class ResultFailure : public Failure {
- public:
-  ResultFailure(const std::string& text, int32_t result, const std::string& hint, int status)
-      : Failure(text, status), result_(result), hint_(hint) {}
-  int32_t result() const { return result_; }
-  // What the user can do next; empty where that is not known.
-  const std::string& hint() const { return hint_; }
-
- private:
-  int32_t result_;
-  std::string hint_;
-};
-
-// ResultText names a keymaster or TEE result, with its number: "KM_ERROR_INVALID_KEY_BLOB (-33)".
-std::string ResultText(int32_t result);
-
-// Check throws a ResultFailure that says what failed, with which result and, where that is known,
-// what to do next; key is the key's file, for commands that the hint proposes. A result of 0
-// passes.
-void Check(const char* what, int32_t result, const std::string& key = "FILE");
-
-// CheckConnected is Check for the making of a session: what the TEE says is kExitNoTa.
-void CheckConnected(const char* what, int32_t result);
-
+// UsageFailure is a Failure about what the user wrote.
+Failure UsageFailure(const std::string& text, const std::string& hint = "");
 // SystemFailure is a Failure about a file, with the text of errno.
 Failure SystemFailure(const std::string& what, const std::string& path);
+
+// Require throws a Failure with that text, RequireUsage a UsageFailure, when it does not hold.
+void Require(bool holds, const std::string& text);
+void RequireUsage(bool holds, const std::string& text);
+
+// ResultFailure is a request that the keymaster or the TEE rejected: what failed, with which
+// result and, where that is known, what to do next; key is the key's file, for commands that the
+// hint proposes.
+Failure ResultFailure(const char* what, int32_t result, const std::string& key = "FILE");
+// Check throws a ResultFailure unless the result is 0.
+void Check(const char* what, int32_t result, const std::string& key = "FILE");
+
+// Typed returns the tool's name with the --state that it was called with, as the user types it
+// again; and the text with every "keymasterctl" replaced by that.
+std::string Typed(std::string text = "keymasterctl");
+// Quoted returns text as one word of a shell.
+std::string Quoted(const std::string& text);
 
 // Tell prints a failure: to standard error or, with --json, as a JSON object to standard output.
 void Tell(const Failure& failure);

@@ -3,13 +3,22 @@
 #define KEYMASTERCTL_FILES_H
 
 #include <stdint.h>
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include <optional>
 #include <string>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
+
+// Wiped wipes secret bytes when it goes.
+struct Wiped {
+  Bytes bytes;
+  explicit Wiped(Bytes content) : bytes(std::move(content)) {}
+  ~Wiped();
+  Wiped(const Wiped&) = delete;
+  Wiped& operator=(const Wiped&) = delete;
+};
 
 // Input reads a file or standard input in pieces. Failures throw. Standard input is read once.
 class Input {
@@ -22,50 +31,58 @@ class Input {
   // Reads the next limit bytes; fewer only at the end of the input. The room of bytes is used
   // again.
   void Read(size_t limit, Bytes* bytes);
-  Bytes Read(size_t limit);
   // The size in bytes of a regular file.
-  std::optional<uint64_t> size() const;
+  std::optional<uint64_t> size() const { return size_; }
 
  private:
   std::string path_;
   int fd_;
+  std::optional<uint64_t> size_;
+  bool ended_ = false;  // a terminal could be read on behind its end
 };
 
 // ReadFile returns a whole input, of at most 64 MiB.
 Bytes ReadFile(const std::string& path);
 
 // Output writes a file that appears under its name, complete, with Commit; without it nothing is
-// left behind. Standard output and other streams are written as the data come.
+// left behind. Standard output and other streams are written as the data come. A file that this
+// program has read is never written, whatever its name.
 class Output {
  public:
-  enum class Access {
-    kByUmask,    // or as the file that it replaces
-    kOwnerOnly,  // mode 0600, and on disk before it is named
+  enum class Content {
+    kText,    // for a terminal too
+    kBinary,  // not for a terminal
+    kSecret,  // binary, for the owner alone: mode 0600, and on disk before it is named
   };
-  enum class Release {
-    kAsItComes,
-    kAtCommit,  // streams too receive nothing before Commit; at most 64 MiB are held for that
+  enum class Existing {
+    kReplace,  // an existing file is replaced, and keeps its mode unless the content is secret
+    kKeep,     // an existing file is not touched: the output fails
+    kInPlace,  // an existing file is replaced, though it was read
   };
-  Output(const std::string& path, Access access, Release release);
+  Output(const std::string& path, Content content, Existing existing = Existing::kReplace);
   ~Output();
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
 
+  // Has streams too receive nothing before Commit; at most 64 MiB are held for that.
+  void Hold() { hold_ = !is_file_; }
   void Write(const uint8_t* data, size_t length);
   void Write(const Bytes& bytes) { Write(bytes.data(), bytes.size()); }
   void Commit();
   uint64_t bytes() const { return bytes_; }
 
  private:
-  Output(Access access, Release release) : access_(access), hold_(release == Release::kAtCommit) {}
+  explicit Output(Content content) : secret_(content == Content::kSecret) {}
+  void OpenStream(const std::string& path, Content content);
   void OpenTemporary(const std::string& path);
-  bool KeepMode(mode_t mode) const;
-  void NameTemporary();
+  void KeepMode(mode_t mode) const;
+  void Name();
 
   std::string path_;
   std::string temporary_;  // the name of the unfinished file; empty while it has none
-  Access access_;
-  bool hold_;
+  bool secret_;
+  bool replaces_ = true;
+  bool hold_ = false;
   bool is_file_ = false;
   int fd_ = -1;
   Bytes held_;
@@ -73,7 +90,7 @@ class Output {
 };
 
 // WriteFile writes a whole output at once.
-void WriteFile(const std::string& path, const Bytes& bytes,
-               Output::Access access = Output::Access::kByUmask);
+void WriteFile(const std::string& path, const Bytes& bytes, Output::Content content,
+               Output::Existing existing = Output::Existing::kReplace);
 
 #endif  // KEYMASTERCTL_FILES_H

@@ -1,100 +1,86 @@
-#include <stdlib.h>
-#include <time.h>
+#include <stdio.h>
 
 #include <algorithm>
 
-#include "command_info.h"
-#include "command_table.h"
+#include "tools/keymasterctl/command_table.h"
+#include "tools/keymasterctl/commands.h"
+#include "tools/keymasterctl/names.h"
 
 namespace {
 
 constexpr size_t kLineLimit = 66;  // before escapes make lines longer; 80 is what tools expect
 
-// Breaks long lines, which are filled anew when the page is shown.
-std::string Folded(std::string text) {
+// Text in lines, which are filled anew when the page is shown, with no character as a request.
+std::string Escaped(std::string text) {
   size_t start = 0;
+  std::replace(text.begin(), text.end(), '\n', ' ');
   while (text.size() - start > kLineLimit) {
     const size_t space = text.rfind(' ', start + kLineLimit);
-    if (space == std::string::npos || space <= start) break;
+    if (space == std::string::npos || space <= start) {
+      break;
+    }
     text[space] = '\n';
     start = space + 1;
   }
-  return text;
-}
-
-std::string OneLine(std::string text) {
-  std::replace(text.begin(), text.end(), '\n', ' ');
-  return text;
-}
-
-// Text of which no character is a request.
-std::string Escaped(const std::string& text) {
   std::string out;
-  bool starts = true;
   for (char c : text) {
-    if (starts && (c == '.' || c == '\'')) out += "\\&";
-    if (c == '\\') {
-      out += "\\e";
-    } else {
-      out += c == '-' ? "\\-" : std::string(1, c);
-    }
-    starts = c == '\n';
+    const bool starts = out.empty() || out.back() == '\n';
+    out += starts && (c == '.' || c == '\'') ? "\\&" : "";
+    out += c == '\\' ? "\\e" : c == '-' ? "\\-" : std::string(1, c);
   }
   return out;
 }
 
-std::string Date() {
-  const char* given = getenv("SOURCE_DATE_EPOCH");
-  const time_t now = given != nullptr ? static_cast<time_t>(atoll(given)) : time(nullptr);
-  tm fields = {};
-  char text[16] = "";
-  if (gmtime_r(&now, &fields) != nullptr) strftime(text, sizeof(text), "%Y-%m-%d", &fields);
-  return text;
+std::string Item(const std::string& tag, const std::string& text) {
+  return ".TP\n.B " + tag + "\n" + Escaped(text) + "\n";
 }
 
-std::string Tagged(const std::string& tag, const std::string& text) {
-  return ".TP\n.B " + tag + "\n" + Escaped(Folded(text)) + "\n";
+std::string OptionItems(const std::string& command) {
+  std::string out;
+  for (const OptionRow& option : OptionsOf(command)) {
+    const std::string names = IsPositional(option) ? "" : Escaped(Joined(NamesOf(option), ", "));
+    const std::string value = ValueOf(option);
+    std::string tag = names;
+    if (!value.empty()) {
+      tag += (names.empty() ? "\\fI" : " \\fI") + Escaped(value) + "\\fR";
+    }
+    out += Item(tag, std::string(option.help) + (IsRequired(option) ? " (required)" : ""));
+  }
+  return out;
 }
 
-std::string OptionItem(const OptionInfo& option) {
-  std::string tag;
-  for (const std::string& name : option.names) tag += (tag.empty() ? "" : ", ") + Escaped(name);
-  if (!option.value.empty()) tag += " \\fI" + Escaped(option.value) + "\\fR";
-  return Tagged(tag, option.help + (option.required ? " (required)" : ""));
+std::string CommandSection(const CommandRow& command) {
+  std::string out = ".SS " + Escaped(command.name) + "\n" + Escaped(command.summary) + ".\n";
+  if (command.note != nullptr) {
+    out += Escaped(command.note) + "\n";
+  }
+  out += OptionItems(command.name) + ".PP\n.EX\n";
+  for (const std::string& line : Split(command.examples, '\n')) {
+    out += Escaped("keymasterctl " + line) + "\n";
+  }
+  return out + ".EE\n";
 }
 
-std::string CommandSection(const CommandInfo& command) {
-  const CommandText& text = TextOf(command.name);
-  std::string out =
-      ".SS " + Escaped(command.name) + "\n" + Escaped(Folded(command.summary)) + ".\n";
-  if (*text.note != '\0') out += Escaped(Folded(OneLine(text.note))) + "\n";
-  for (const OptionInfo& option : command.options) out += OptionItem(option);
-  return out + ".PP\n.EX\n" + Escaped(TypedExamples(text)) + ".EE\n";
-}
-
-std::string Items(const char* title, const std::vector<NamedText>& rows) {
+std::string Items(const char* title, const NamedTexts& rows) {
   std::string out = std::string(".SH ") + title + "\n";
-  for (const NamedText& row : rows) out += Tagged(Escaped(row.name), row.text);
+  for (const auto& [name, text] : rows) {
+    out += Item(Escaped(name), text);
+  }
   return out;
 }
 
 }  // namespace
 
-std::string Manual(const std::vector<CommandInfo>& commands) {
-  std::string out = ".TH KEYMASTERCTL 1 " + Date() +
-                    " \"keymasterctl " KEYMASTERCTL_VERSION
+void RunManual(const Args&) {
+  std::string out = ".TH KEYMASTERCTL 1 " KEYMASTERCTL_DATE " \"keymasterctl " KEYMASTERCTL_VERSION
                     "\"\n.SH NAME\nkeymasterctl \\- use the keymaster from the command line\n"
                     ".SH SYNOPSIS\n.B keymasterctl\n.RI [ OPTION ...]\n.I COMMAND\n"
                     ".RI [ OPTION ...]\n.SH DESCRIPTION\n";
-  out += Escaped(Folded(kProgramSummary)) + "\n" + Escaped(Folded(kKeyFiles)) + "\n";
-  for (const CommandInfo& command : commands) {
-    if (!command.name.empty()) {
-      out += CommandSection(command);
-      continue;
-    }
-    out += ".SH OPTIONS\nEvery command takes these.\n";
-    for (const OptionInfo& option : command.options) out += OptionItem(option);
-    out += ".SH COMMANDS\n";
+  out += Escaped(kProgramSummary) + "\n" + Escaped(kKeyFiles) + "\n";
+  out += ".SH OPTIONS\nEvery command takes these.\n" + OptionItems("*") + ".SH COMMANDS\n";
+  for (const CommandRow& command : Commands()) {
+    out += CommandSection(command);
   }
-  return out + Items("EXIT STATUS", ExitStatuses()) + Items("ENVIRONMENT", Environment());
+  out += Items("EXIT STATUS", ExitStatuses()) + Items("ENVIRONMENT", Environment());
+  fputs(out.c_str(), stdout);
 }

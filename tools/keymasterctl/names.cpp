@@ -1,198 +1,296 @@
-#include "names.h"
+#include "tools/keymasterctl/names.h"
 
 #include <ctype.h>
 
-#include "errors.h"
+#include <algorithm>
+#include <map>
+#include <numeric>
+
+#include "tools/keymasterctl/errors.h"
 
 namespace {
 
-// Several names of one value may stand here; the first one is printed.
-struct NamedValue {
-  const char* name;
+struct Named {
+  std::string name;
   uint32_t value;
 };
 
-constexpr NamedValue kPurposes[] = {{"encrypt", KM_PURPOSE_ENCRYPT},
-                                    {"decrypt", KM_PURPOSE_DECRYPT},
-                                    {"sign", KM_PURPOSE_SIGN},
-                                    {"verify", KM_PURPOSE_VERIFY},
-                                    {"derive-key", KM_PURPOSE_DERIVE_KEY},
-                                    {"wrap-key", KM_PURPOSE_WRAP_KEY},
-                                    {"wrap", KM_PURPOSE_WRAP_KEY}};
-constexpr NamedValue kAlgorithms[] = {{"rsa", KM_ALGORITHM_RSA},
-                                      {"ec", KM_ALGORITHM_EC},
-                                      {"aes", KM_ALGORITHM_AES},
-                                      {"3des", KM_ALGORITHM_TRIPLE_DES},
-                                      {"hmac", KM_ALGORITHM_HMAC}};
-constexpr NamedValue kModes[] = {
-    {"ecb", KM_MODE_ECB}, {"cbc", KM_MODE_CBC}, {"ctr", KM_MODE_CTR}, {"gcm", KM_MODE_GCM}};
-constexpr NamedValue kDigests[] = {{"none", KM_DIGEST_NONE},        {"md5", KM_DIGEST_MD5},
-                                   {"sha1", KM_DIGEST_SHA1},        {"sha224", KM_DIGEST_SHA_2_224},
-                                   {"sha256", KM_DIGEST_SHA_2_256}, {"sha384", KM_DIGEST_SHA_2_384},
-                                   {"sha512", KM_DIGEST_SHA_2_512}};
-constexpr NamedValue kPaddings[] = {{"none", KM_PAD_NONE},
-                                    {"oaep", KM_PAD_RSA_OAEP},
-                                    {"pss", KM_PAD_RSA_PSS},
-                                    {"pkcs1-encrypt", KM_PAD_RSA_PKCS1_1_5_ENCRYPT},
-                                    {"pkcs1-sign", KM_PAD_RSA_PKCS1_1_5_SIGN},
-                                    {"pkcs7", KM_PAD_PKCS7},
-                                    {"pkcs1", kPadPkcs1ByUse}};
-constexpr NamedValue kCurves[] = {
-    {"p224", KM_EC_CURVE_P_224},       {"p256", KM_EC_CURVE_P_256},
-    {"p384", KM_EC_CURVE_P_384},       {"p521", KM_EC_CURVE_P_521},
-    {"secp224r1", KM_EC_CURVE_P_224},  {"secp256r1", KM_EC_CURVE_P_256},
-    {"prime256v1", KM_EC_CURVE_P_256}, {"secp384r1", KM_EC_CURVE_P_384},
-    {"secp521r1", KM_EC_CURVE_P_521}};
-constexpr NamedValue kOrigins[] = {{"generated", KM_ORIGIN_GENERATED},
-                                   {"derived", KM_ORIGIN_DERIVED},
-                                   {"imported", KM_ORIGIN_IMPORTED},
-                                   {"unknown", KM_ORIGIN_UNKNOWN},
-                                   {"securely-imported", KM_ORIGIN_SECURELY_IMPORTED}};
-constexpr NamedValue kAuthTypes[] = {
-    {"none", HW_AUTH_NONE},
-    {"password", HW_AUTH_PASSWORD},
-    {"fingerprint", HW_AUTH_FINGERPRINT},
-    {"biometric", HW_AUTH_FINGERPRINT},
-    {"password-or-fingerprint", HW_AUTH_PASSWORD | HW_AUTH_FINGERPRINT},
-    {"any", static_cast<uint32_t>(HW_AUTH_ANY)}};
-constexpr NamedValue kBlobUsages[] = {{"standalone", KM_BLOB_STANDALONE},
-                                      {"requires-file-system", KM_BLOB_REQUIRES_FILE_SYSTEM}};
-
-struct TagRow {
-  keymaster_tag_t tag;
-  const char* name;
-  const NamedValue* values;
-  size_t value_count;
-};
-
-#define KM_PLAIN(tag, name) \
-  { tag, name, nullptr, 0 }
-#define KM_ENUMERATED(tag, name, values) \
-  { tag, name, values, sizeof(values) / sizeof(values[0]) }
-
-constexpr TagRow kTags[] = {
-    KM_PLAIN(KM_TAG_INVALID, "invalid"),
-    KM_ENUMERATED(KM_TAG_PURPOSE, "purpose", kPurposes),
-    KM_ENUMERATED(KM_TAG_ALGORITHM, "algorithm", kAlgorithms),
-    KM_PLAIN(KM_TAG_KEY_SIZE, "key-size"),
-    KM_ENUMERATED(KM_TAG_BLOCK_MODE, "block-mode", kModes),
-    KM_ENUMERATED(KM_TAG_DIGEST, "digest", kDigests),
-    KM_ENUMERATED(KM_TAG_PADDING, "padding", kPaddings),
-    KM_PLAIN(KM_TAG_CALLER_NONCE, "caller-nonce"),
-    KM_PLAIN(KM_TAG_MIN_MAC_LENGTH, "min-mac-length"),
-    KM_PLAIN(KM_TAG_KDF, "kdf"),
-    KM_ENUMERATED(KM_TAG_EC_CURVE, "ec-curve", kCurves),
-    KM_PLAIN(KM_TAG_RSA_PUBLIC_EXPONENT, "rsa-public-exponent"),
-    KM_PLAIN(KM_TAG_ECIES_SINGLE_HASH_MODE, "ecies-single-hash-mode"),
-    KM_PLAIN(KM_TAG_INCLUDE_UNIQUE_ID, "include-unique-id"),
-    KM_ENUMERATED(KM_TAG_BLOB_USAGE_REQUIREMENTS, "blob-usage-requirements", kBlobUsages),
-    KM_PLAIN(KM_TAG_BOOTLOADER_ONLY, "bootloader-only"),
-    KM_PLAIN(KM_TAG_ROLLBACK_RESISTANCE, "rollback-resistance"),
-    KM_PLAIN(KM_TAG_EARLY_BOOT_ONLY, "early-boot-only"),
-    KM_PLAIN(KM_TAG_ACTIVE_DATETIME, "active-datetime"),
-    KM_PLAIN(KM_TAG_ORIGINATION_EXPIRE_DATETIME, "origination-expire-datetime"),
-    KM_PLAIN(KM_TAG_USAGE_EXPIRE_DATETIME, "usage-expire-datetime"),
-    KM_PLAIN(KM_TAG_MIN_SECONDS_BETWEEN_OPS, "min-seconds-between-ops"),
-    KM_PLAIN(KM_TAG_MAX_USES_PER_BOOT, "max-uses-per-boot"),
-    KM_PLAIN(KM_TAG_ALL_USERS, "all-users"),
-    KM_PLAIN(KM_TAG_USER_ID, "user-id"),
-    KM_PLAIN(KM_TAG_USER_SECURE_ID, "user-secure-id"),
-    KM_PLAIN(KM_TAG_NO_AUTH_REQUIRED, "no-auth-required"),
-    KM_ENUMERATED(KM_TAG_USER_AUTH_TYPE, "user-auth-type", kAuthTypes),
-    KM_PLAIN(KM_TAG_AUTH_TIMEOUT, "auth-timeout"),
-    KM_PLAIN(KM_TAG_ALLOW_WHILE_ON_BODY, "allow-while-on-body"),
-    KM_PLAIN(KM_TAG_TRUSTED_USER_PRESENCE_REQUIRED, "trusted-user-presence-required"),
-    KM_PLAIN(KM_TAG_TRUSTED_CONFIRMATION_REQUIRED, "trusted-confirmation-required"),
-    KM_PLAIN(KM_TAG_UNLOCKED_DEVICE_REQUIRED, "unlocked-device-required"),
-    KM_PLAIN(KM_TAG_ALL_APPLICATIONS, "all-applications"),
-    KM_PLAIN(KM_TAG_APPLICATION_ID, "application-id"),
-    KM_PLAIN(KM_TAG_EXPORTABLE, "exportable"),
-    KM_PLAIN(KM_TAG_APPLICATION_DATA, "application-data"),
-    KM_PLAIN(KM_TAG_CREATION_DATETIME, "creation-datetime"),
-    KM_ENUMERATED(KM_TAG_ORIGIN, "origin", kOrigins),
-    KM_PLAIN(KM_TAG_ROLLBACK_RESISTANT, "rollback-resistant"),
-    KM_PLAIN(KM_TAG_ROOT_OF_TRUST, "root-of-trust"),
-    KM_PLAIN(KM_TAG_OS_VERSION, "os-version"),
-    KM_PLAIN(KM_TAG_OS_PATCHLEVEL, "os-patchlevel"),
-    KM_PLAIN(KM_TAG_UNIQUE_ID, "unique-id"),
-    KM_PLAIN(KM_TAG_ATTESTATION_CHALLENGE, "attestation-challenge"),
-    KM_PLAIN(KM_TAG_ATTESTATION_APPLICATION_ID, "attestation-application-id"),
-    KM_PLAIN(KM_TAG_ATTESTATION_ID_BRAND, "attestation-id-brand"),
-    KM_PLAIN(KM_TAG_ATTESTATION_ID_DEVICE, "attestation-id-device"),
-    KM_PLAIN(KM_TAG_ATTESTATION_ID_PRODUCT, "attestation-id-product"),
-    KM_PLAIN(KM_TAG_ATTESTATION_ID_SERIAL, "attestation-id-serial"),
-    KM_PLAIN(KM_TAG_ATTESTATION_ID_IMEI, "attestation-id-imei"),
-    KM_PLAIN(KM_TAG_ATTESTATION_ID_MEID, "attestation-id-meid"),
-    KM_PLAIN(KM_TAG_ATTESTATION_ID_MANUFACTURER, "attestation-id-manufacturer"),
-    KM_PLAIN(KM_TAG_ATTESTATION_ID_MODEL, "attestation-id-model"),
-    KM_PLAIN(KM_TAG_VENDOR_PATCHLEVEL, "vendor-patchlevel"),
-    KM_PLAIN(KM_TAG_BOOT_PATCHLEVEL, "boot-patchlevel"),
-    KM_PLAIN(KM_TAG_DEVICE_UNIQUE_ATTESTATION, "device-unique-attestation"),
-    KM_PLAIN(KM_TAG_IDENTITY_CREDENTIAL_KEY, "identity-credential-key"),
-    KM_PLAIN(KM_TAG_STORAGE_KEY, "storage-key"),
-    KM_PLAIN(KM_TAG_ASSOCIATED_DATA, "associated-data"),
-    KM_PLAIN(KM_TAG_NONCE, "nonce"),
-    KM_PLAIN(KM_TAG_AUTH_TOKEN, "auth-token"),
-    KM_PLAIN(KM_TAG_MAC_LENGTH, "mac-length"),
-    KM_PLAIN(KM_TAG_RESET_SINCE_ID_ROTATION, "reset-since-id-rotation"),
-    KM_PLAIN(KM_TAG_CONFIRMATION_TOKEN, "confirmation-token"),
-};
-
-const TagRow* FindRow(keymaster_tag_t tag) {
-  for (const TagRow& row : kTags) {
-    if (row.tag == tag) return &row;
+// Constants with their own names, which come as one text with commas between.
+std::vector<Named> Name(const std::vector<int64_t>& values, const std::string& names) {
+  std::vector<Named> out;
+  size_t start = 0;
+  for (int64_t value : values) {
+    const size_t end = std::min(names.find(',', start), names.size());
+    out.push_back({names.substr(start, end - start), static_cast<uint32_t>(value)});
+    start = names.find_first_not_of(", ", end);
   }
-  return nullptr;
+  return out;
+}
+#define KM_NAMED(...) Name({__VA_ARGS__}, #__VA_ARGS__)
+
+const std::vector<Named>& Tags() {
+  static const std::vector<Named> tags = KM_NAMED(
+      KM_TAG_INVALID, KM_TAG_PURPOSE, KM_TAG_ALGORITHM, KM_TAG_KEY_SIZE, KM_TAG_BLOCK_MODE,
+      KM_TAG_DIGEST, KM_TAG_PADDING, KM_TAG_CALLER_NONCE, KM_TAG_MIN_MAC_LENGTH, KM_TAG_KDF,
+      KM_TAG_EC_CURVE, KM_TAG_RSA_PUBLIC_EXPONENT, KM_TAG_ECIES_SINGLE_HASH_MODE,
+      KM_TAG_INCLUDE_UNIQUE_ID, KM_TAG_BLOB_USAGE_REQUIREMENTS, KM_TAG_BOOTLOADER_ONLY,
+      KM_TAG_ROLLBACK_RESISTANCE, KM_TAG_EARLY_BOOT_ONLY, KM_TAG_ACTIVE_DATETIME,
+      KM_TAG_ORIGINATION_EXPIRE_DATETIME, KM_TAG_USAGE_EXPIRE_DATETIME,
+      KM_TAG_MIN_SECONDS_BETWEEN_OPS, KM_TAG_MAX_USES_PER_BOOT, KM_TAG_ALL_USERS, KM_TAG_USER_ID,
+      KM_TAG_USER_SECURE_ID, KM_TAG_NO_AUTH_REQUIRED, KM_TAG_USER_AUTH_TYPE, KM_TAG_AUTH_TIMEOUT,
+      KM_TAG_ALLOW_WHILE_ON_BODY, KM_TAG_TRUSTED_USER_PRESENCE_REQUIRED,
+      KM_TAG_TRUSTED_CONFIRMATION_REQUIRED, KM_TAG_UNLOCKED_DEVICE_REQUIRED,
+      KM_TAG_ALL_APPLICATIONS, KM_TAG_APPLICATION_ID, KM_TAG_EXPORTABLE, KM_TAG_APPLICATION_DATA,
+      KM_TAG_CREATION_DATETIME, KM_TAG_ORIGIN, KM_TAG_ROLLBACK_RESISTANT, KM_TAG_ROOT_OF_TRUST,
+      KM_TAG_OS_VERSION, KM_TAG_OS_PATCHLEVEL, KM_TAG_UNIQUE_ID, KM_TAG_ATTESTATION_CHALLENGE,
+      KM_TAG_ATTESTATION_APPLICATION_ID, KM_TAG_ATTESTATION_ID_BRAND, KM_TAG_ATTESTATION_ID_DEVICE,
+      KM_TAG_ATTESTATION_ID_PRODUCT, KM_TAG_ATTESTATION_ID_SERIAL, KM_TAG_ATTESTATION_ID_IMEI,
+      KM_TAG_ATTESTATION_ID_MEID, KM_TAG_ATTESTATION_ID_MANUFACTURER, KM_TAG_ATTESTATION_ID_MODEL,
+      KM_TAG_VENDOR_PATCHLEVEL, KM_TAG_BOOT_PATCHLEVEL, KM_TAG_DEVICE_UNIQUE_ATTESTATION,
+      KM_TAG_IDENTITY_CREDENTIAL_KEY, KM_TAG_STORAGE_KEY, KM_TAG_ASSOCIATED_DATA, KM_TAG_NONCE,
+      KM_TAG_AUTH_TOKEN, KM_TAG_MAC_LENGTH, KM_TAG_RESET_SINCE_ID_ROTATION,
+      KM_TAG_CONFIRMATION_TOKEN);
+  return tags;
+}
+
+const std::vector<Named>& Results() {
+  static const std::vector<Named> results = KM_NAMED(
+      KM_ERROR_ROOT_OF_TRUST_ALREADY_SET, KM_ERROR_UNSUPPORTED_PURPOSE,
+      KM_ERROR_INCOMPATIBLE_PURPOSE, KM_ERROR_UNSUPPORTED_ALGORITHM,
+      KM_ERROR_INCOMPATIBLE_ALGORITHM, KM_ERROR_UNSUPPORTED_KEY_SIZE,
+      KM_ERROR_UNSUPPORTED_BLOCK_MODE, KM_ERROR_INCOMPATIBLE_BLOCK_MODE,
+      KM_ERROR_UNSUPPORTED_MAC_LENGTH, KM_ERROR_UNSUPPORTED_PADDING_MODE,
+      KM_ERROR_INCOMPATIBLE_PADDING_MODE, KM_ERROR_UNSUPPORTED_DIGEST, KM_ERROR_INCOMPATIBLE_DIGEST,
+      KM_ERROR_INVALID_EXPIRATION_TIME, KM_ERROR_INVALID_USER_ID,
+      KM_ERROR_INVALID_AUTHORIZATION_TIMEOUT, KM_ERROR_UNSUPPORTED_KEY_FORMAT,
+      KM_ERROR_INCOMPATIBLE_KEY_FORMAT, KM_ERROR_UNSUPPORTED_KEY_ENCRYPTION_ALGORITHM,
+      KM_ERROR_UNSUPPORTED_KEY_VERIFICATION_ALGORITHM, KM_ERROR_INVALID_INPUT_LENGTH,
+      KM_ERROR_KEY_EXPORT_OPTIONS_INVALID, KM_ERROR_DELEGATION_NOT_ALLOWED,
+      KM_ERROR_KEY_NOT_YET_VALID, KM_ERROR_KEY_EXPIRED, KM_ERROR_KEY_USER_NOT_AUTHENTICATED,
+      KM_ERROR_OUTPUT_PARAMETER_NULL, KM_ERROR_INVALID_OPERATION_HANDLE,
+      KM_ERROR_INSUFFICIENT_BUFFER_SPACE, KM_ERROR_VERIFICATION_FAILED,
+      KM_ERROR_TOO_MANY_OPERATIONS, KM_ERROR_UNEXPECTED_NULL_POINTER, KM_ERROR_INVALID_KEY_BLOB,
+      KM_ERROR_IMPORTED_KEY_NOT_ENCRYPTED, KM_ERROR_IMPORTED_KEY_DECRYPTION_FAILED,
+      KM_ERROR_IMPORTED_KEY_NOT_SIGNED, KM_ERROR_IMPORTED_KEY_VERIFICATION_FAILED,
+      KM_ERROR_INVALID_ARGUMENT, KM_ERROR_UNSUPPORTED_TAG, KM_ERROR_INVALID_TAG,
+      KM_ERROR_MEMORY_ALLOCATION_FAILED, KM_ERROR_INVALID_RESCOPING,
+      KM_ERROR_IMPORT_PARAMETER_MISMATCH, KM_ERROR_SECURE_HW_ACCESS_DENIED,
+      KM_ERROR_OPERATION_CANCELLED, KM_ERROR_CONCURRENT_ACCESS_CONFLICT, KM_ERROR_SECURE_HW_BUSY,
+      KM_ERROR_SECURE_HW_COMMUNICATION_FAILED, KM_ERROR_UNSUPPORTED_EC_FIELD,
+      KM_ERROR_MISSING_NONCE, KM_ERROR_INVALID_NONCE, KM_ERROR_MISSING_MAC_LENGTH,
+      KM_ERROR_KEY_RATE_LIMIT_EXCEEDED, KM_ERROR_CALLER_NONCE_PROHIBITED,
+      KM_ERROR_KEY_MAX_OPS_EXCEEDED, KM_ERROR_INVALID_MAC_LENGTH, KM_ERROR_MISSING_MIN_MAC_LENGTH,
+      KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH, KM_ERROR_UNSUPPORTED_KDF, KM_ERROR_UNSUPPORTED_EC_CURVE,
+      KM_ERROR_KEY_REQUIRES_UPGRADE, KM_ERROR_ATTESTATION_CHALLENGE_MISSING,
+      KM_ERROR_KEYMASTER_NOT_CONFIGURED, KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING,
+      KM_ERROR_CANNOT_ATTEST_IDS, KM_ERROR_ROLLBACK_RESISTANCE_UNAVAILABLE,
+      KM_ERROR_HARDWARE_TYPE_UNAVAILABLE, KM_ERROR_PROOF_OF_PRESENCE_REQUIRED,
+      KM_ERROR_CONCURRENT_PROOF_OF_PRESENCE_REQUESTED, KM_ERROR_NO_USER_CONFIRMATION,
+      KM_ERROR_DEVICE_LOCKED, KM_ERROR_EARLY_BOOT_ENDED, KM_ERROR_ATTESTATION_KEYS_NOT_PROVISIONED,
+      KM_ERROR_ATTESTATION_IDS_NOT_PROVISIONED, KM_ERROR_INVALID_OPERATION,
+      KM_ERROR_STORAGE_KEY_UNSUPPORTED, KM_ERROR_UNIMPLEMENTED, KM_ERROR_VERSION_MISMATCH,
+      KM_ERROR_UNKNOWN_ERROR);
+  return results;
+}
+
+// From 0xFFFF0000 on, as the TEE client numbers them.
+constexpr const char* kTeeResults[] = {"GENERIC",         "ACCESS_DENIED", "CANCEL",
+                                       "ACCESS_CONFLICT", "EXCESS_DATA",   "BAD_FORMAT",
+                                       "BAD_PARAMETERS",  "BAD_STATE",     "ITEM_NOT_FOUND",
+                                       "NOT_IMPLEMENTED", "NOT_SUPPORTED", "NO_DATA",
+                                       "OUT_OF_MEMORY",   "BUSY",          "COMMUNICATION",
+                                       "SECURITY",        "SHORT_BUFFER",  "EXTERNAL_CANCEL"};
+
+// The values of enumerated tags. Several names of one value may stand here; the first is printed.
+const std::map<keymaster_tag_t, std::vector<Named>>& ValueTable() {
+  static const std::map<keymaster_tag_t, std::vector<Named>> table = {
+      {KM_TAG_PURPOSE,
+       Name({KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT, KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY,
+             KM_PURPOSE_DERIVE_KEY, KM_PURPOSE_WRAP_KEY, KM_PURPOSE_WRAP_KEY},
+            "encrypt, decrypt, sign, verify, derive-key, wrap-key, wrap")},
+      {KM_TAG_ALGORITHM, Name({KM_ALGORITHM_RSA, KM_ALGORITHM_EC, KM_ALGORITHM_AES,
+                               KM_ALGORITHM_TRIPLE_DES, KM_ALGORITHM_HMAC},
+                              "rsa, ec, aes, 3des, hmac")},
+      {KM_TAG_BLOCK_MODE,
+       Name({KM_MODE_ECB, KM_MODE_CBC, KM_MODE_CTR, KM_MODE_GCM}, "ecb, cbc, ctr, gcm")},
+      {KM_TAG_DIGEST, Name({KM_DIGEST_NONE, KM_DIGEST_MD5, KM_DIGEST_SHA1, KM_DIGEST_SHA_2_224,
+                            KM_DIGEST_SHA_2_256, KM_DIGEST_SHA_2_384, KM_DIGEST_SHA_2_512},
+                           "none, md5, sha1, sha224, sha256, sha384, sha512")},
+      {KM_TAG_PADDING,
+       Name({KM_PAD_NONE, KM_PAD_RSA_OAEP, KM_PAD_RSA_PSS, KM_PAD_RSA_PKCS1_1_5_ENCRYPT,
+             KM_PAD_RSA_PKCS1_1_5_SIGN, KM_PAD_PKCS7, kPadPkcs1ByUse},
+            "none, oaep, pss, pkcs1-encrypt, pkcs1-sign, pkcs7, pkcs1")},
+      {KM_TAG_EC_CURVE,
+       Name({KM_EC_CURVE_P_224, KM_EC_CURVE_P_256, KM_EC_CURVE_P_384, KM_EC_CURVE_P_521,
+             KM_EC_CURVE_P_224, KM_EC_CURVE_P_256, KM_EC_CURVE_P_256, KM_EC_CURVE_P_384,
+             KM_EC_CURVE_P_521},
+            "p224, p256, p384, p521, secp224r1, secp256r1, prime256v1, secp384r1, secp521r1")},
+      {KM_TAG_ORIGIN, Name({KM_ORIGIN_GENERATED, KM_ORIGIN_DERIVED, KM_ORIGIN_IMPORTED,
+                            KM_ORIGIN_UNKNOWN, KM_ORIGIN_SECURELY_IMPORTED},
+                           "generated, derived, imported, unknown, securely-imported")},
+      {KM_TAG_USER_AUTH_TYPE,
+       Name({HW_AUTH_NONE, HW_AUTH_PASSWORD, HW_AUTH_FINGERPRINT, HW_AUTH_FINGERPRINT,
+             HW_AUTH_PASSWORD | HW_AUTH_FINGERPRINT, HW_AUTH_ANY},
+            "none, password, fingerprint, biometric, password-or-fingerprint, any")},
+      {KM_TAG_BLOB_USAGE_REQUIREMENTS, Name({KM_BLOB_STANDALONE, KM_BLOB_REQUIRES_FILE_SYSTEM},
+                                            "standalone, requires-file-system")},
+  };
+  return table;
 }
 
 // The spelling that names are compared in: "SHA-256", "sha_256" and "sha256" are one.
 std::string Plain(const std::string& text) {
   std::string out;
   for (char c : text) {
-    if (isalnum(static_cast<unsigned char>(c))) {
+    if (isalnum(static_cast<unsigned char>(c)) != 0) {
       out += static_cast<char>(tolower(static_cast<unsigned char>(c)));
     }
   }
   return out;
 }
 
+// KM_TAG_KEY_SIZE is "key-size".
+std::string NameOf(const Named& tag) {
+  std::string name = tag.name.substr(sizeof("KM_TAG_") - 1);
+  for (char& c : name) {
+    c = c == '_' ? '-' : static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  }
+  return name;
+}
+
+const std::vector<Named>& ValuesOfTag(keymaster_tag_t tag) {
+  static const std::vector<Named> none;
+  const auto row = ValueTable().find(tag);
+  return row != ValueTable().end() ? row->second : none;
+}
+
+// How many letters are added, dropped or changed between two words.
+size_t Distance(const std::string& from, const std::string& to) {
+  std::vector<size_t> row(to.size() + 1);
+  std::iota(row.begin(), row.end(), 0);
+  for (size_t i = 1; i <= from.size(); ++i) {
+    size_t diagonal = row[0]++;
+    for (size_t j = 1; j <= to.size(); ++j) {
+      const size_t changed = diagonal + (from[i - 1] != to[j - 1] ? 1 : 0);
+      diagonal = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, changed});
+    }
+  }
+  return row.back();
+}
+
 }  // namespace
 
 std::string TagName(keymaster_tag_t tag) {
-  const TagRow* row = FindRow(tag);
-  return row != nullptr ? row->name : "tag-" + std::to_string(static_cast<uint32_t>(tag));
+  for (const Named& row : Tags()) {
+    if (row.value == static_cast<uint32_t>(tag)) {
+      return NameOf(row);
+    }
+  }
+  return "tag-" + std::to_string(static_cast<uint32_t>(tag));
 }
 
 keymaster_tag_t TagByName(const std::string& name) {
-  for (const TagRow& row : kTags) {
-    if (Plain(row.name) == Plain(name)) return row.tag;
+  std::vector<std::string> names;
+  for (const Named& row : Tags()) {
+    names.push_back(NameOf(row));
+    if (Plain(names.back()) == Plain(name)) {
+      return static_cast<keymaster_tag_t>(row.value);
+    }
   }
-  throw UsageFailure("no parameter is named '" + name + "'");
+  const std::string near = Nearest(name, names);
+  throw UsageFailure("no parameter is named '" + name + "'",
+                     near.empty() ? "" : "did you mean " + near + "?");
+}
+
+bool IsRepeatable(keymaster_tag_t tag) {
+  const keymaster_tag_type_t type = keymaster_tag_get_type(tag);
+  return type == KM_ENUM_REP || type == KM_UINT_REP || type == KM_ULONG_REP;
+}
+
+bool IsEnumerated(keymaster_tag_t tag) {
+  const keymaster_tag_type_t type = keymaster_tag_get_type(tag);
+  return type == KM_ENUM || type == KM_ENUM_REP;
+}
+
+bool IsBytes(keymaster_tag_t tag) {
+  const keymaster_tag_type_t type = keymaster_tag_get_type(tag);
+  return type == KM_BYTES || type == KM_BIGNUM;
 }
 
 std::string ValueName(keymaster_tag_t tag, uint32_t value) {
-  const TagRow* row = FindRow(tag);
-  for (size_t i = 0; row != nullptr && i < row->value_count; ++i) {
-    if (row->values[i].value == value) return row->values[i].name;
+  for (const Named& row : ValuesOfTag(tag)) {
+    if (row.value == value) {
+      return row.name;
+    }
   }
   return std::to_string(value);
 }
 
 std::optional<uint32_t> ValueByName(keymaster_tag_t tag, const std::string& name) {
-  const TagRow* row = FindRow(tag);
-  for (size_t i = 0; row != nullptr && i < row->value_count; ++i) {
-    if (Plain(row->values[i].name) == Plain(name)) return row->values[i].value;
+  for (const Named& row : ValuesOfTag(tag)) {
+    if (Plain(row.name) == Plain(name)) {
+      return row.value;
+    }
   }
   return std::nullopt;
 }
 
 std::string ValueNames(keymaster_tag_t tag) {
-  const TagRow* row = FindRow(tag);
+  std::vector<std::string> names;
+  for (const Named& row : ValuesOfTag(tag)) {
+    if (ValueName(tag, row.value) == row.name) {
+      names.emplace_back(row.name);
+    }
+  }
+  return Joined(names, "|");
+}
+
+std::string ResultName(int32_t result) {
+  const uint32_t code = static_cast<uint32_t>(result);
+  if (IsTeeResult(result) && (code & 0xFFFF) < std::size(kTeeResults)) {
+    return std::string("TEEC_ERROR_") + kTeeResults[code & 0xFFFF];
+  }
+  for (const Named& row : Results()) {
+    if (row.value == code) {
+      return row.name;
+    }
+  }
+  return code == 0xFFFF3024u ? "TEEC_ERROR_TARGET_DEAD" : "";
+}
+
+bool IsTeeResult(int32_t result) {
+  const uint32_t code = static_cast<uint32_t>(result);
+  return code >= 0xFFFF0000u && code < 0xFFFFF000u;
+}
+
+std::string Nearest(const std::string& word, const std::vector<std::string>& candidates) {
+  std::string nearest;
+  size_t least = word.size() / 3;
+  for (const std::string& candidate : candidates) {
+    const size_t distance = Distance(word, candidate);
+    if (distance < least || (distance == least && nearest.empty())) {
+      nearest = candidate;
+      least = distance;
+    }
+  }
+  return nearest;
+}
+
+std::string Joined(const std::vector<std::string>& words, const char* between) {
   std::string out;
-  for (size_t i = 0; row != nullptr && i < row->value_count; ++i) {
-    const NamedValue& value = row->values[i];
-    if (ValueName(tag, value.value) != value.name) continue;
-    out += std::string(out.empty() ? "" : "|") + value.name;
+  for (const std::string& word : words) {
+    out += (out.empty() ? "" : between) + word;
   }
   return out;
+}
+
+std::vector<std::string> Split(const std::string& text, char between) {
+  std::vector<std::string> parts;
+  for (size_t start = 0; start <= text.size() && !text.empty();) {
+    const size_t end = std::min(text.find(between, start), text.size());
+    parts.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return parts;
 }

@@ -1,4 +1,4 @@
-// The names that a user writes and reads for keymaster tags and their values.
+// The names that a user writes and reads for keymaster tags, their values, and results.
 #ifndef KEYMASTERCTL_NAMES_H
 #define KEYMASTERCTL_NAMES_H
 
@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 // "pkcs1" as a padding: the signing or the encryption one, as the use says.
 constexpr uint32_t kPadPkcs1ByUse = 0x10000;
@@ -14,6 +15,9 @@ constexpr uint32_t kPadPkcs1ByUse = 0x10000;
 std::string TagName(keymaster_tag_t tag);
 // TagByName finds a tag by its name; throws a Failure for an unknown one.
 keymaster_tag_t TagByName(const std::string& name);
+bool IsRepeatable(keymaster_tag_t tag);
+bool IsEnumerated(keymaster_tag_t tag);
+bool IsBytes(keymaster_tag_t tag);
 
 // ValueName returns the name of an enumerated value, or its number when it has none.
 std::string ValueName(keymaster_tag_t tag, uint32_t value);
@@ -21,5 +25,14 @@ std::string ValueName(keymaster_tag_t tag, uint32_t value);
 std::optional<uint32_t> ValueByName(keymaster_tag_t tag, const std::string& name);
 // ValueNames returns the first names of a tag's values as "a|b|c".
 std::string ValueNames(keymaster_tag_t tag);
+
+// ResultName returns the name of a keymaster or TEE result; empty for an unknown one.
+std::string ResultName(int32_t result);
+bool IsTeeResult(int32_t result);
+
+// Nearest returns the candidate that is most like a word; empty where none is.
+std::string Nearest(const std::string& word, const std::vector<std::string>& candidates);
+std::vector<std::string> Split(const std::string& text, char between);
+std::string Joined(const std::vector<std::string>& words, const char* between);
 
 #endif  // KEYMASTERCTL_NAMES_H

@@ -1,4 +1,4 @@
-#include "params.h"
+#include "tools/keymasterctl/params.h"
 
 #include <errno.h>
 #include <openssl/crypto.h>
@@ -8,37 +8,48 @@
 
 #include <algorithm>
 
-#include "errors.h"
-#include "names.h"
+#include "tools/keymasterctl/errors.h"
+#include "tools/keymasterctl/names.h"
 
 namespace {
 
-[[noreturn]] void RefuseValue(const std::string& name, const std::string& text) {
-  throw UsageFailure("'" + text + "' is no value for " + name);
+bool IsOneOf(const std::string& text, std::initializer_list<const char*> words) {
+  return std::find(words.begin(), words.end(), text) != words.end();
 }
 
-// Whether the text that follows a flag's name sets it.
-bool IsSet(const std::string& name, const std::string& text) {
-  for (const char* yes : {"yes", "true", "1"}) {
-    if (text == yes) return true;
+// Milliseconds since 1970 of YYYY-MM-DD[Thh:mm:ss] (UTC) or plain seconds.
+uint64_t ParseDate(const std::string& text) {
+  for (const char* format : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%d", "%s"}) {
+    tm fields = {};
+    const char* const end = strptime(text.c_str(), format, &fields);
+    if (end == nullptr || (*end != '\0' && strcmp(end, "Z") != 0)) {
+      continue;
+    }
+    const time_t seconds = strcmp(format, "%s") == 0 ? mktime(&fields) : timegm(&fields);
+    if (seconds >= 0) {
+      return static_cast<uint64_t>(seconds) * 1000;
+    }
   }
-  for (const char* no : {"no", "false", "0"}) {
-    if (text == no) return false;
-  }
-  RefuseValue(name, text);
+  throw UsageFailure("'" + text + "' is no date; write YYYY-MM-DD or YYYY-MM-DDThh:mm:ss (UTC)");
 }
 
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
+// The value of a number or of an enumerated value's name; what does not parse is rejected.
+uint64_t ParseValue(keymaster_tag_t tag, const std::string& text) {
+  const std::optional<uint32_t> named = ValueByName(tag, text);
+  const std::optional<uint64_t> number = ParseNumber(text);
+  const std::string names = ValueNames(tag);
+  RequireUsage(named || number,
+               "'" + text + "' is no value for " + TagName(tag) +
+                   (names.empty() ? ": it takes a number" : ", which are " + names));
+  return named ? *named : *number;
 }
 
 }  // namespace
 
 ParamList::~ParamList() {
-  for (Bytes& bytes : bytes_) OPENSSL_cleanse(bytes.data(), bytes.size());
+  for (Bytes& bytes : bytes_) {
+    OPENSSL_cleanse(bytes.data(), bytes.size());
+  }
 }
 
 void ParamList::Add(keymaster_tag_t tag, uint64_t value) {
@@ -56,7 +67,7 @@ void ParamList::Add(keymaster_tag_t tag, uint64_t value) {
       param.boolean = value != 0;
       break;
     default:
-      if (value > UINT32_MAX) throw UsageFailure("the value of " + TagName(tag) + " is too large");
+      RequireUsage(value <= UINT32_MAX, "the value of " + TagName(tag) + " is too large");
       param.integer = static_cast<uint32_t>(value);
   }
   params_.push_back(param);
@@ -72,28 +83,78 @@ void ParamList::Add(keymaster_tag_t tag, const Bytes& bytes) {
   params_.push_back(param);
 }
 
-void ParamList::AddText(const std::string& text) {
+void ParamList::AddText(keymaster_tag_t tag, const std::string& text) {
+  const keymaster_tag_type_t type = keymaster_tag_get_type(tag);
+  if (IsBytes(tag)) {
+    Add(tag, ParseBytes(text));
+  } else if (type == KM_DATE) {
+    Add(tag, ParseDate(text));
+  } else if (type != KM_BOOL) {
+    Add(tag, ParseValue(tag, text));
+  } else if (!IsOneOf(text, {"no", "false", "0"})) {
+    RequireUsage(IsOneOf(text, {"yes", "true", "1"}),
+                 "'" + text + "' is no value for " + TagName(tag) + ": it takes yes or no");
+    Add(tag, 1);
+  }
+}
+
+void ParamList::AddNamed(const std::string& text) {
   const size_t equals = text.find('=');
   const std::string name = text.substr(0, equals);
   const keymaster_tag_t tag = TagByName(name);
-  if (keymaster_tag_get_type(tag) == KM_BOOL) {
-    if (equals == std::string::npos || IsSet(name, text.substr(equals + 1))) AddFlag(tag);
-    return;
-  }
-  if (equals == std::string::npos) throw UsageFailure("write " + name + "=VALUE");
-  const std::string value = text.substr(equals + 1);
-  const keymaster_tag_type_t type = keymaster_tag_get_type(tag);
-  if (type == KM_BYTES || type == KM_BIGNUM) return Add(tag, ParseBytes(value));
-  if (type == KM_DATE) return Add(tag, ParseDate(value));
-  const std::optional<uint32_t> named = ValueByName(tag, value);
-  const std::optional<uint64_t> number = ParseNumber(value);
-  if (!named && !number) RefuseValue(name, value);
-  Add(tag, named ? *named : *number);
+  const bool flag = keymaster_tag_get_type(tag) == KM_BOOL;
+  RequireUsage(flag || equals != std::string::npos, "write " + name + "=VALUE");
+  AddText(tag, equals == std::string::npos ? "yes" : text.substr(equals + 1));
 }
 
-bool ParamList::Contains(keymaster_tag_t tag) const {
-  return std::any_of(params_.begin(), params_.end(),
-                     [tag](const keymaster_key_param_t& param) { return param.tag == tag; });
+void ParamList::Default(keymaster_tag_t tag, const std::vector<std::string>& texts) {
+  if (!Contains(tag)) {
+    for (const std::string& text : texts) {
+      AddText(tag, text);
+    }
+  }
+}
+
+std::vector<uint32_t> ParamList::Take(keymaster_tag_t tag) {
+  const std::vector<uint32_t> values = Values(tag);
+  const auto is_taken = [tag](const keymaster_key_param_t& param) { return param.tag == tag; };
+  params_.erase(std::remove_if(params_.begin(), params_.end(), is_taken), params_.end());
+  return values;
+}
+
+void ParamList::Sort(const std::vector<keymaster_tag_t>& order) {
+  const auto place = [&order](const keymaster_key_param_t& param) {
+    return std::find(order.begin(), order.end(), param.tag);
+  };
+  std::stable_sort(params_.begin(), params_.end(), [&place](const auto& one, const auto& other) {
+    return place(one) < place(other);
+  });
+}
+
+bool ParamList::Contains(keymaster_tag_t tag) const { return !Values(tag).empty(); }
+
+bool ParamList::Contains(keymaster_tag_t tag, uint32_t value) const {
+  const std::vector<uint32_t> values = Values(tag);
+  return std::find(values.begin(), values.end(), value) != values.end();
+}
+
+std::vector<uint32_t> ParamList::Values(keymaster_tag_t tag) const {
+  std::vector<uint32_t> values;
+  for (const keymaster_key_param_t& param : params_) {
+    if (param.tag == tag) {
+      values.push_back(param.integer);
+    }
+  }
+  return values;
+}
+
+const keymaster_blob_t* ParamList::BytesOf(keymaster_tag_t tag) const {
+  for (const keymaster_key_param_t& param : params_) {
+    if (param.tag == tag) {
+      return &param.blob;
+    }
+  }
+  return nullptr;
 }
 
 const keymaster_key_param_set_t* ParamList::set() {
@@ -115,32 +176,26 @@ uint64_t NumberOf(const keymaster_key_param_t& param) {
   }
 }
 
-std::vector<uint32_t> ValuesOf(const keymaster_key_param_set_t& set, keymaster_tag_t tag) {
-  std::vector<uint32_t> values;
-  for (size_t i = 0; i < set.length; ++i) {
-    if (set.params[i].tag == tag) values.push_back(set.params[i].integer);
-  }
-  return values;
-}
-
 std::optional<uint64_t> ParseNumber(const std::string& text) {
   const bool hex = text.compare(0, 2, "0x") == 0;
   const std::string digits = hex ? text.substr(2) : text;
   const char* const allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
-  if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos) return std::nullopt;
+  if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos) {
+    return std::nullopt;
+  }
   errno = 0;
   const uint64_t value = strtoull(digits.c_str(), nullptr, hex ? 16 : 10);
   return errno == 0 ? std::optional<uint64_t>(value) : std::nullopt;
 }
 
 std::optional<Bytes> ParseHex(const std::string& text) {
-  if (text.size() % 2 != 0) return std::nullopt;
+  if (text.size() % 2 != 0 ||
+      text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+    return std::nullopt;
+  }
   Bytes bytes;
   for (size_t i = 0; i < text.size(); i += 2) {
-    const int high = HexDigit(text[i]);
-    const int low = HexDigit(text[i + 1]);
-    if (high < 0 || low < 0) return std::nullopt;
-    bytes.push_back(static_cast<uint8_t>(high * 16 + low));
+    bytes.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
   }
   return bytes;
 }
@@ -148,12 +203,11 @@ std::optional<Bytes> ParseHex(const std::string& text) {
 Bytes ParseBytes(const std::string& text) {
   if (text.compare(0, 2, "0x") == 0) {
     const std::optional<Bytes> bytes = ParseHex(text.substr(2));
-    if (!bytes)
-      throw UsageFailure("'" + text + "' is not hexadecimal (two digits a byte behind 0x)");
+    RequireUsage(bytes.has_value(),
+                 "'" + text + "' is not hexadecimal (two digits a byte behind 0x)");
     return *bytes;
   }
-  if (text.compare(0, 1, "@") == 0) return ReadFile(text.substr(1));
-  return Bytes(text.begin(), text.end());
+  return text.compare(0, 1, "@") == 0 ? ReadFile(text.substr(1)) : Bytes(text.begin(), text.end());
 }
 
 std::string ToHex(const Bytes& bytes) {
@@ -166,24 +220,11 @@ std::string ToHex(const Bytes& bytes) {
   return out;
 }
 
-uint64_t ParseDate(const std::string& text) {
-  for (const char* format : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%d", "%s"}) {
-    tm fields = {};
-    const char* end = strptime(text.c_str(), format, &fields);
-    if (end == nullptr || (*end != '\0' && strcmp(end, "Z") != 0)) continue;
-    const time_t seconds = strcmp(format, "%s") == 0 ? mktime(&fields) : timegm(&fields);
-    if (seconds >= 0) return static_cast<uint64_t>(seconds) * 1000;
-  }
-  throw UsageFailure("'" + text + "' is no date; write YYYY-MM-DD or YYYY-MM-DDThh:mm:ss (UTC)");
-}
-
 std::string DateText(uint64_t milliseconds) {
   const time_t seconds = static_cast<time_t>(milliseconds / 1000);
   tm fields = {};
   char text[40];
-  if (gmtime_r(&seconds, &fields) == nullptr ||
-      strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &fields) == 0) {
-    return std::to_string(milliseconds) + " ms";
-  }
-  return text;
+  const bool fits = gmtime_r(&seconds, &fields) != nullptr &&
+                    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &fields) != 0;
+  return fits ? text : std::to_string(milliseconds) + " ms";
 }

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "files.h"
+#include "tools/keymasterctl/files.h"
 
 // ParamList owns key parameters and the bytes of the byte-valued ones.
 class ParamList {
@@ -21,13 +21,25 @@ class ParamList {
 
   // Adds a parameter of any number-valued type; the tag says which width counts.
   void Add(keymaster_tag_t tag, uint64_t value);
-  void AddFlag(keymaster_tag_t tag) { Add(tag, 1); }
   void Add(keymaster_tag_t tag, const Bytes& bytes);
-  // Adds what "name=value" says. A flag may stand without "=yes", and with "=no" adds nothing.
+  // Adds what a text says: a value's name, a number, a date, bytes, "yes"; "no" adds nothing.
   // Throws a Failure for text that says nothing.
-  void AddText(const std::string& text);
+  void AddText(keymaster_tag_t tag, const std::string& text);
+  // Adds what "name=value" says. A flag may stand without "=yes".
+  void AddNamed(const std::string& text);
+  // Adds these values unless the list has one of that tag.
+  void Default(keymaster_tag_t tag, const std::vector<std::string>& texts);
+  // Removes every parameter of that tag and returns their values.
+  std::vector<uint32_t> Take(keymaster_tag_t tag);
+
+  // Brings the parameters into the order of these tags, others behind them.
+  void Sort(const std::vector<keymaster_tag_t>& order);
 
   bool Contains(keymaster_tag_t tag) const;
+  bool Contains(keymaster_tag_t tag, uint32_t value) const;
+  std::vector<uint32_t> Values(keymaster_tag_t tag) const;
+  // The bytes of a parameter; null where there is none.
+  const keymaster_blob_t* BytesOf(keymaster_tag_t tag) const;
   // The set as the library takes it; valid until the list changes.
   const keymaster_key_param_set_t* set();
 
@@ -39,8 +51,6 @@ class ParamList {
 
 // NumberOf returns the value of a parameter that is not byte-valued.
 uint64_t NumberOf(const keymaster_key_param_t& param);
-// ValuesOf returns the values of every entry with that tag.
-std::vector<uint32_t> ValuesOf(const keymaster_key_param_set_t& set, keymaster_tag_t tag);
 
 // ParseNumber reads digits, or hexadecimal behind "0x"; nothing for any other text, and for a
 // number that does not fit. Leading zeros mean nothing.
@@ -52,10 +62,7 @@ Bytes ParseBytes(const std::string& text);
 std::optional<Bytes> ParseHex(const std::string& text);
 std::string ToHex(const Bytes& bytes);
 
-// ParseDate reads YYYY-MM-DD[Thh:mm:ss] (UTC) or plain seconds since 1970; returns milliseconds
-// since 1970. Throws a Failure.
-uint64_t ParseDate(const std::string& text);
-// DateText is the inverse, with seconds.
+// DateText writes milliseconds since 1970 as YYYY-MM-DDThh:mm:ssZ.
 std::string DateText(uint64_t milliseconds);
 
 #endif  // KEYMASTERCTL_PARAMS_H

@@ -4,9 +4,8 @@
 
 #include <hardware/keymaster_defs.h>
 
-#include <optional>
-
-#include "files.h"
+#include "tools/keymasterctl/files.h"
+#include "tools/keymasterctl/key.h"
 
 // ToPem returns DER bytes as PEM under that label.
 Bytes ToPem(const char* label, const keymaster_blob_t& der);
@@ -14,9 +13,7 @@ Bytes ToPem(const char* label, const keymaster_blob_t& der);
 // A private key to import and what it says about itself.
 struct PrivateKey {
   Bytes pkcs8;
-  uint32_t algorithm = 0;  // KM_ALGORITHM_RSA or KM_ALGORITHM_EC
-  uint32_t size = 0;       // bits
-  std::optional<uint64_t> exponent;
+  KeyFacts facts;
 };
 
 // ReadPrivateKey decodes an unencrypted RSA or EC key in PEM or DER, PKCS#8 or the older forms.

@@ -1,50 +1,56 @@
-#include "report.h"
+#include "tools/keymasterctl/report.h"
 
 #include <ctype.h>
-#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 
-#include "errors.h"
-#include "terminal.h"
+#include "tools/keymasterctl/errors.h"
 
-std::string JsonText(const std::string& text) {
-  std::string out = "\"";
-  for (char c : text) {
-    if (c == '"' || c == '\\') {
-      out += std::string("\\") + c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      char escape[8];
-      snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned>(c));
-      out += escape;
-    } else {
-      out += c;
-    }
+namespace {
+
+bool UsesColor(FILE* stream) {
+  if (Style().color != "auto") {
+    return Style().color == "always";
   }
-  return out + "\"";
+  const char* const unwanted = getenv("NO_COLOR");
+  const char* const terminal = getenv("TERM");
+  return (unwanted == nullptr || *unwanted == '\0') &&
+         (terminal == nullptr || strcmp(terminal, "dumb") != 0) && isatty(fileno(stream)) == 1;
 }
 
-std::string JsonObject(const std::vector<std::pair<std::string, std::string>>& members,
-                       size_t indent) {
-  std::string out;
-  for (const auto& [label, value] : members) {
-    std::string name;
-    for (char c : label) {
-      const bool between = c == ' ' || c == '-';
-      name += between ? '_' : static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    }
-    out +=
-        (out.empty() ? "\n" : ",\n") + std::string(indent + 2, ' ') + JsonText(name) + ": " + value;
-  }
-  return out.empty() ? "{}" : "{" + out + "\n" + std::string(indent, ' ') + "}";
+std::string Dump(const Json& value, int indent) {
+  return value.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
-std::string JsonList(const std::vector<std::string>& values, size_t indent) {
-  std::string out;
-  for (const std::string& value : values) {
-    out += (out.empty() ? "\n" : ",\n") + std::string(indent + 2, ' ') + value;
+std::string TextOf(const Json& value) {
+  if (value.is_boolean()) {
+    return value.get<bool>() ? "yes" : "no";
   }
-  return out.empty() ? "[]" : "[" + out + "\n" + std::string(indent, ' ') + "]";
+  return value.is_string() ? value.get<std::string>() : Dump(value, -1);
+}
+
+}  // namespace
+
+OutputStyle& Style() {
+  static OutputStyle style;
+  return style;
+}
+
+std::string Paint(FILE* stream, Color color, const std::string& text) {
+  constexpr const char* kCodes[] = {"\x1b[1m", "\x1b[1;31m", "\x1b[32m", "\x1b[33m"};
+  return UsesColor(stream) ? kCodes[static_cast<int>(color)] + text + "\x1b[0m" : text;
+}
+
+std::string JsonName(const std::string& label) {
+  std::string name;
+  for (char c : label) {
+    const bool between = c == ' ' || c == '-';
+    name += between ? '_' : static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  }
+  return name;
 }
 
 Report& Report::Say(const std::string& line) {
@@ -52,46 +58,47 @@ Report& Report::Say(const std::string& line) {
   return *this;
 }
 
-Report& Report::Row(const std::string& label, const std::string& value) {
-  return AddRow(label, value, JsonText(value));
-}
-
-Report& Report::Member(const std::string& label, const std::string& json) {
-  entries_.push_back({label, "", json});
+Report& Report::Member(const std::string& label, Json value) {
+  members_[JsonName(label)] = std::move(value);
   return *this;
 }
 
-Report& Report::AddRow(const std::string& label, const std::string& text, const std::string& json) {
-  entries_.push_back({label, text, json});
-  return *this;
+Report& Report::Row(const std::string& label, const Json& value, const std::string& unit) {
+  rows_.emplace_back(label, TextOf(value) + unit);
+  return Member(label, value);
 }
 
 void Report::Print() const {
   if (Style().json) {
-    std::vector<std::pair<std::string, std::string>> members;
-    for (const Entry& entry : entries_) members.emplace_back(entry.label, entry.json);
-    printf("%s\n", JsonObject(members, 0).c_str());
+    printf("%s\n", Dump(members_, 2).c_str());
     return;
   }
   size_t width = 0;
-  for (const Entry& entry : entries_) {
-    if (!entry.text.empty()) width = std::max(width, entry.label.size());
+  for (const auto& [label, text] : rows_) {
+    width = std::max(width, label.size() + 2);
   }
-  for (const Entry& entry : entries_) {
-    if (entry.text.empty()) continue;
-    const std::string gap(width + 2 - entry.label.size(), ' ');
-    printf("%s%s%s\n", Paint(stdout, Color::kBold, entry.label).c_str(), gap.c_str(),
-           entry.text.c_str());
+  for (const auto& [label, text] : rows_) {
+    printf("%s%*s%s\n", Paint(stdout, Color::kBold, label).c_str(),
+           static_cast<int>(width - label.size()), "", text.c_str());
   }
-  for (const std::string& line : lines_) printf("%s\n", line.c_str());
+  for (const std::string& line : lines_) {
+    printf("%s\n", line.c_str());
+  }
 }
 
-void TellWritten(const std::string& label, const std::string& path, uint64_t bytes) {
-  if (Style().json) Report().Text(label, path).Member("bytes", std::to_string(bytes)).Print();
+ResultFile::ResultFile(const Args& args, Content content)
+    : Output(args.Text("out", "-"), content), name_(args.Text("out", "-")) {
+  NeedFileForJson(name_);
+}
+
+void ResultFile::CommitAs(const std::string& label) {
+  Commit();
+  if (Style().json) {
+    Report().Member(label, name_).Member("bytes", bytes()).Print();
+  }
 }
 
 void NeedFileForJson(const std::string& out) {
-  if (Style().json && out == "-") {
-    throw UsageFailure("with --json name a file, not -: standard output takes the JSON");
-  }
+  RequireUsage(!Style().json || out != "-",
+               "with --json name a file, not -: standard output takes the JSON");
 }

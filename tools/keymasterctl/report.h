@@ -1,62 +1,79 @@
-// What a command has to tell: aligned lines for people, one JSON object for programs.
+// What a command has to tell, and how it looks: aligned lines and colours for people, one JSON
+// object for programs.
 #ifndef KEYMASTERCTL_REPORT_H
 #define KEYMASTERCTL_REPORT_H
 
+#include <hardware/keymaster_defs.h>
 #include <stdint.h>
+#include <stdio.h>
 
+#include <nlohmann/json.hpp>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
-// JsonText returns text as a JSON string.
-std::string JsonText(const std::string& text);
-// JsonObject returns the pairs of a name and a JSON value as an object that is indented so deep.
-std::string JsonObject(const std::vector<std::pair<std::string, std::string>>& members,
-                       size_t indent);
-// JsonList returns JSON values as an array.
-std::string JsonList(const std::vector<std::string>& values, size_t indent);
+#include "tools/keymasterctl/args.h"
+#include "tools/keymasterctl/files.h"
+
+// Objects keep the order in which they are told.
+using Json = nlohmann::ordered_json;
+
+// What the command line said of the output, and of what it is called with.
+struct OutputStyle {
+  std::string color = "auto";  // or always, never
+  bool json = false;
+  std::string state;  // --state; empty when it was not given
+};
+
+// Style returns the program's one OutputStyle.
+OutputStyle& Style();
+
+enum class Color { kBold, kRed, kGreen, kYellow };
+
+// Paint returns the text in that colour for the stream, or as it is: --color decides, else whether
+// the stream is a terminal and NO_COLOR is not set.
+std::string Paint(FILE* stream, Color color, const std::string& text);
 
 // Report collects what is told; Print puts it out. In JSON a label is in small letters,
-// with underscores for spaces and hyphens.
+// with underscores for spaces and hyphens, and text that is not UTF-8 has replacement characters.
 class Report {
  public:
   // A line for people alone.
   Report& Say(const std::string& line);
+  // A member for programs alone.
+  Report& Member(const std::string& label, Json value);
   // A row of both; unit follows the value where people read it.
-  Report& Row(const std::string& label, const std::string& value);
-  Report& Row(const std::string& label, const char* value) {
-    return Row(label, std::string(value));
-  }
-  template <typename Number, typename = std::enable_if_t<std::is_integral_v<Number>>>
-  Report& Row(const std::string& label, Number value, const char* unit = "") {
-    if constexpr (std::is_same_v<Number, bool>) {
-      return AddRow(label, value ? "yes" : "no", value ? "true" : "false");
-    } else {
-      return AddRow(label, std::to_string(value) + unit, std::to_string(value));
-    }
-  }
-  // A member for programs alone, as JSON or as the text that becomes a JSON string.
-  Report& Member(const std::string& label, const std::string& json);
-  Report& Text(const std::string& label, const std::string& text) {
-    return Member(label, JsonText(text));
-  }
+  Report& Row(const std::string& label, const Json& value, const std::string& unit = "");
   void Print() const;
 
  private:
-  Report& AddRow(const std::string& label, const std::string& text, const std::string& json);
-
-  struct Entry {
-    std::string label;
-    std::string text;
-    std::string json;
-  };
+  std::vector<std::pair<std::string, std::string>> rows_;
   std::vector<std::string> lines_;
-  std::vector<Entry> entries_;
+  Json members_ = Json::object();
 };
 
-// TellWritten reports a file that holds what its label says; for programs alone.
-void TellWritten(const std::string& label, const std::string& path, uint64_t bytes);
+// JsonName returns a label as a JSON member's name.
+std::string JsonName(const std::string& label);
+
+// ResultFile is what --out names: standard output unless it is given.
+class ResultFile : public Output {
+ public:
+  // With --json it must not be standard output, which takes the JSON.
+  ResultFile(const Args& args, Content content);
+  // Commits, and tells of a file that holds what its label says.
+  void CommitAs(const std::string& label);
+
+ private:
+  std::string name_;
+};
+
+// CharacteristicsJson returns {"hardware_enforced": {...}, "software_enforced": {...}}; repeatable
+// parameters are arrays, byte values hexadecimal, dates milliseconds since 1970. SetJson returns
+// one such list, SetText the same as indented lines.
+Json CharacteristicsJson(const keymaster_key_characteristics_t& characteristics);
+std::string CharacteristicsText(const keymaster_key_characteristics_t& characteristics);
+Json SetJson(const keymaster_key_param_set_t& set);
+std::string SetText(const keymaster_key_param_set_t& set);
 
 // NeedFileForJson throws a UsageFailure when JSON and another output would share standard output.
 void NeedFileForJson(const std::string& out);

@@ -1,55 +1,67 @@
-#include "session.h"
+#include "tools/keymasterctl/session.h"
 
 #include <stdlib.h>
-#include <string.h>
 
-#include "errors.h"
+#include "tools/keymasterctl/errors.h"
+#include "tools/keymasterctl/names.h"
+#include "tools/keymasterctl/params.h"
+#include "tools/keymasterctl/state.h"
 
 namespace {
 
-void Release(keymaster_key_param_set_t* set) {
-  for (size_t i = 0; i < set->length; ++i) {
-    const keymaster_tag_type_t type = keymaster_tag_get_type(set->params[i].tag);
-    if (type == KM_BYTES || type == KM_BIGNUM) free(const_cast<uint8_t*>(set->params[i].blob.data));
-  }
-  free(set->params);
-  *set = {};
-}
-
-// The user's own filter stays.
-void ShowErrorsFromHere() {
-  const char* tags = getenv("ANDROID_LOG_TAGS");
-  if (tags != nullptr && strcmp(tags, kConnectingLogTags) == 0) {
-    setenv("ANDROID_LOG_TAGS", kConnectedLogTags, 1);
+// Check for the making of a session: what the TEE says is kExitNoTa.
+void CheckConnected(const char* what, int32_t result) {
+  if (result != 0) {
+    Failure failure = ResultFailure(what, result);
+    failure.status = IsTeeResult(result) ? kExitNoTa : kExitFailed;
+    throw failure;
   }
 }
 
 }  // namespace
 
 Session::Session(Start start) {
-  if (start == Start::kConfigured) {
-    const int32_t result = context_.Initialize(keymaster::KmVersion::KEYMASTER_4_1);
-    // The TEE context is up after a failed configuration, and no destructor will run.
-    if (result != 0) context_.FinishTeeContext();
-    CheckConnected("connecting to the keymaster TA", result);
-  } else {
+  RequireUsableState();
+  if (start == Start::kBare) {
     CheckConnected("connecting to the TEE", context_.InitTeeContext());
+    return;
   }
-  ShowErrorsFromHere();
+  const int32_t result = context_.Initialize(keymaster::KmVersion::KEYMASTER_4_1);
+  // The TEE context is up after a failed configuration, and no destructor will run.
+  if (result != 0) {
+    context_.FinishTeeContext();
+  }
+  CheckConnected("connecting to the keymaster TA", result);
 }
 
 Session::~Session() { context_.FinishTeeContext(); }
 
-OwnedParamSet::~OwnedParamSet() { Release(this); }
-
-OwnedCharacteristics::~OwnedCharacteristics() {
-  Release(&hw_enforced);
-  Release(&sw_enforced);
+void Session::Configure(uint32_t os_version, uint32_t patch_level) {
+  ParamList params;
+  params.Add(KM_TAG_OS_VERSION, os_version);
+  params.Add(KM_TAG_OS_PATCHLEVEL, patch_level);
+  Check("configure", context_.TivasKmConfigure(params.set()));
 }
 
-OwnedChain::~OwnedChain() {
-  for (size_t i = 0; i < entry_count; ++i) free(const_cast<uint8_t*>(entries[i].data));
-  free(entries);
+void Release(keymaster_key_param_set_t* set) {
+  for (size_t i = 0; i < set->length; ++i) {
+    if (IsBytes(set->params[i].tag)) {
+      free(const_cast<uint8_t*>(set->params[i].blob.data));
+    }
+  }
+  free(set->params);
+}
+
+void Release(keymaster_key_characteristics_t* characteristics) {
+  Release(&characteristics->hw_enforced);
+  Release(&characteristics->sw_enforced);
+}
+
+void Release(keymaster_cert_chain_t* chain) {
+  for (size_t i = 0; i < chain->entry_count; ++i) {
+    free(const_cast<uint8_t*>(chain->entries[i].data));
+  }
+  free(chain->entries);
 }
 
 keymaster_blob_t View(const Bytes& bytes) { return {bytes.data(), bytes.size()}; }

@@ -5,16 +5,10 @@
 #include <keymaster/android_keymaster_utils.h>
 #include <keymaster_tivas_context.h>
 
-#include <string>
+#include "tools/keymasterctl/files.h"
 
-#include "files.h"
-
-// The log filter while the tool connects: the library tells of its start-up at error level under
-// a tag of its own. Once connected, the tool shows all errors.
-constexpr const char* kConnectingLogTags = "KeyMaster:E *:S";
-constexpr const char* kConnectedLogTags = "*:E";
-
-// Session connects to the keymaster TA for one command and disconnects at its end.
+// Session connects to the keymaster TA for one command and disconnects at its end. It fails before
+// the TEE is reached when the TA's state folder cannot be used.
 class Session {
  public:
   enum class Start {
@@ -26,6 +20,9 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
+  // Configures the TA. Throws a Failure.
+  void Configure(uint32_t os_version, uint32_t patch_level);
+
   keymaster::KeymasterTivasContext* operator->() { return &context_; }
 
  private:
@@ -35,26 +32,21 @@ class Session {
 using OwnedBlob = keymaster::TKeymasterBlob<keymaster_blob_t>;
 using OwnedKeyBlob = keymaster::TKeymasterBlob<keymaster_key_blob_t>;
 
-struct OwnedParamSet : keymaster_key_param_set_t {
-  OwnedParamSet() : keymaster_key_param_set_t{} {}
-  ~OwnedParamSet();
-  OwnedParamSet(const OwnedParamSet&) = delete;
-  OwnedParamSet& operator=(const OwnedParamSet&) = delete;
-};
+// Frees what a structure holds.
+void Release(keymaster_key_param_set_t* set);
+void Release(keymaster_key_characteristics_t* characteristics);
+void Release(keymaster_cert_chain_t* chain);
 
-struct OwnedCharacteristics : keymaster_key_characteristics_t {
-  OwnedCharacteristics() : keymaster_key_characteristics_t{} {}
-  ~OwnedCharacteristics();
-  OwnedCharacteristics(const OwnedCharacteristics&) = delete;
-  OwnedCharacteristics& operator=(const OwnedCharacteristics&) = delete;
+template <typename T>
+struct Owned : T {
+  Owned() : T{} {}
+  ~Owned() { Release(this); }
+  Owned(const Owned&) = delete;
+  Owned& operator=(const Owned&) = delete;
 };
-
-struct OwnedChain : keymaster_cert_chain_t {
-  OwnedChain() : keymaster_cert_chain_t{} {}
-  ~OwnedChain();
-  OwnedChain(const OwnedChain&) = delete;
-  OwnedChain& operator=(const OwnedChain&) = delete;
-};
+using OwnedParamSet = Owned<keymaster_key_param_set_t>;
+using OwnedCharacteristics = Owned<keymaster_key_characteristics_t>;
+using OwnedChain = Owned<keymaster_cert_chain_t>;
 
 // Views and copies between the library's structures and byte vectors. A view lives as long as the
 // vector.
