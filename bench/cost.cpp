@@ -8,6 +8,8 @@
 #include <stdio.h>
 #include <valgrind/callgrind.h>
 
+#include <fstream>
+
 #include "bench/null_platform.h"
 
 namespace {
@@ -58,17 +60,11 @@ void Measure(const char* name, const char* side, Call call) {
 
 // The process's peak resident set in bytes, as the kernel counts it.
 double PeakBytes() {
-  double kib = 0;
-  FILE* status = fopen("/proc/self/status", "r");
-  for (char line[256]; status != nullptr && fgets(line, sizeof(line), status) != nullptr;) {
-    if (sscanf(line, "VmHWM: %lf", &kib) == 1) {
-      break;
-    }
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (line.rfind("VmHWM:", 0) != 0 && std::getline(status, line)) {
   }
-  if (status != nullptr) {
-    fclose(status);
-  }
-  return kib * 1024;
+  return 1024 * std::stod(line.substr(6));
 }
 
 // The peak of one update, in bytes, beyond what was resident before it: output still held.
@@ -90,7 +86,10 @@ double PeakOfUpdate(size_t size) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 3 && Ts_Initcontext() == 0) {
+  if (Ts_Initcontext() != 0) {
+    return 1;
+  }
+  if (argc == 3) {
     const size_t size = strtoul(argv[2], nullptr, 10) << 20;
     PeakOfUpdate(4096);  // warms what is loaded once
     printf("%.0f\n", PeakOfUpdate(size) - static_cast<double>(size));

@@ -1,7 +1,6 @@
 #include "bench/null_platform.h"
 
 #include <android/log.h>
-#include <keymaster_ts.h>
 #include <securec.h>
 #include <string.h>
 #include <zubrel.h>
@@ -98,7 +97,7 @@ int32_t RawCommands(const Script& script) {
 Script Record(const test::Request& request) {
   Script script;
   g_recorded = &script;
-  if (Ts_Initcontext() != 0 || RepeatedRequest(request).Run() != 0) {
+  if (RepeatedRequest(request).Run() != 0) {
     abort();
   }
   g_recorded = nullptr;
