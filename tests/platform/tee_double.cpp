@@ -62,11 +62,11 @@ void Expect(bool good, const char* problem) {
 // ExpectClean looks for what no operation may carry: fields that its types do not name, the
 // client library's own part, or a missing start.
 void ExpectClean(const TEEC_Operation& operation) {
-  static const TEEC_Parameter kZero{};
   bool clean = operation.started == 1 && operation.session == nullptr && !operation.cancel_flag;
   for (unsigned i = 0; i < 4; ++i) {
+    const TEEC_TempMemoryReference& ref = operation.params[i].tmpref;  // covers a value, too
     clean = clean && (TEEC_PARAM_TYPE_GET(operation.paramTypes, i) != TEEC_NONE ||
-                      memcmp(&operation.params[i], &kZero, sizeof(kZero)) == 0);
+                      (ref.buffer == nullptr && ref.size == 0));
   }
   Expect(clean, "operation not cleared or not started");
 }

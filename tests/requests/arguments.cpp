@@ -67,6 +67,7 @@ std::map<std::string, Bytes> MakeSecrets() {
   secrets["finish output, unwrapped key"] = Noise(3, 32);
   secrets["update output"] = Noise(4, 16);
   secrets["finish input"] = Noise(5, 32);
+  secrets["parameter"] = Noise(6, 32);
   return secrets;
 }
 
@@ -82,7 +83,7 @@ Fixture::Fixture()
     : secrets(MakeSecrets()),
       blob(Ramp(5, 48)),
       ec_blob(Text("an EC key")),
-      client(Text("client")),
+      client(secrets["parameter"]),
       input(secrets["finish input"]),
       // What a large finish keeps for its end begins with the input.
       long_input(Cat({Ramp(0, 68), secrets["finish input"], Ramp(0, 0x80000 - 99)})),
@@ -99,11 +100,12 @@ Fixture::Fixture()
       auth_token(AuthToken(5, 7, 2)),
       ec_params({{KM_TAG_ALGORITHM, KM_ALGORITHM_EC},
                  {KM_TAG_KEY_SIZE, 256},
-                 {KM_TAG_APPLICATION_ID, Text("client")}}),
+                 {KM_TAG_APPLICATION_ID, secrets["parameter"]}}),
       rsa_params({{KM_TAG_ALGORITHM, KM_ALGORITHM_RSA},
                   {KM_TAG_KEY_SIZE, 512},
                   {KM_TAG_RSA_PUBLIC_EXPONENT, 65537}}),
-      operation_params({{KM_TAG_NONCE, Ramp(9, 12)}, {KM_TAG_ASSOCIATED_DATA, Ramp(1, 20)}}),
+      operation_params(
+          {{KM_TAG_NONCE, Ramp(9, 12)}, {KM_TAG_ASSOCIATED_DATA, secrets["parameter"]}}),
       system_version({{KM_TAG_OS_VERSION, 130000}, {KM_TAG_OS_PATCHLEVEL, 202211}}),
       none({}) {}
 
