@@ -23,10 +23,10 @@ using Ps = test::Params;
 
 constexpr uint32_t kEncrypt = KM_PURPOSE_ENCRYPT, kDecrypt = KM_PURPOSE_DECRYPT,
                    kSign = KM_PURPOSE_SIGN, kVerify = KM_PURPOSE_VERIFY;
-const P kNoPadding = {KM_TAG_PADDING, KM_PAD_NONE}, kSha1 = {KM_TAG_DIGEST, KM_DIGEST_SHA1},
-        kSha256 = {KM_TAG_DIGEST, KM_DIGEST_SHA_2_256},
-        kPkcs1 = {KM_TAG_PADDING, KM_PAD_RSA_PKCS1_1_5_SIGN};
-const Ps kOaep = {{KM_TAG_PADDING, KM_PAD_RSA_OAEP}, kSha1};
+inline const P kNoPadding = {KM_TAG_PADDING, KM_PAD_NONE}, kSha1 = {KM_TAG_DIGEST, KM_DIGEST_SHA1},
+               kSha256 = {KM_TAG_DIGEST, KM_DIGEST_SHA_2_256},
+               kPkcs1 = {KM_TAG_PADDING, KM_PAD_RSA_PKCS1_1_5_SIGN};
+inline const Ps kOaep = {{KM_TAG_PADDING, KM_PAD_RSA_OAEP}, kSha1};
 
 // The description of a key for anybody's use.
 inline Ps Key(uint32_t algorithm, uint32_t purpose, const Ps& rest) {
