@@ -27,11 +27,19 @@ std::unique_ptr<RSA, Free> RsaOf(const int (&length)[8]) {
   BIGNUM* n[8] = {};
   for (size_t i = 0; i < 8; ++i) {
     const Bytes bytes(4096, static_cast<uint8_t>(i + 1));
-    if (length[i] != 0) n[i] = BN_bin2bn(bytes.data(), length[i], nullptr);
+    if (length[i] != 0) {
+      n[i] = BN_bin2bn(bytes.data(), length[i], nullptr);
+    }
   }
-  if (n[0] != nullptr) RSA_set0_key(key.get(), n[0], n[1], n[2]);
-  if (n[3] != nullptr) RSA_set0_factors(key.get(), n[3], n[4]);
-  if (n[5] != nullptr) RSA_set0_crt_params(key.get(), n[5], n[6], n[7]);
+  if (n[0] != nullptr) {
+    RSA_set0_key(key.get(), n[0], n[1], n[2]);
+  }
+  if (n[3] != nullptr) {
+    RSA_set0_factors(key.get(), n[3], n[4]);
+  }
+  if (n[5] != nullptr) {
+    RSA_set0_crt_params(key.get(), n[5], n[6], n[7]);
+  }
   return key;
 }
 
@@ -65,29 +73,25 @@ TEST_F(KeyMaterial, RsaFormFollowsTheNumbersAtHand) {
   EXPECT_EQ(Lines(), Log());
 }
 
-TEST_F(KeyMaterial, RsaRefusals) {
-  uint32_t length = 0;
-  Bytes buffer(4096);
-  const auto refusal = [&](const int(&lengths)[8]) {
-    EXPECT_EQ(-1000, km41::BuildRsaKeyMaterial(buffer.data(), RsaOf(lengths).get(), &length));
-    return Log().back().substr(16);
-  };
-  EXPECT_EQ("rsa->n is too big, size=4061", refusal({4061, 1, 8}));
-  EXPECT_EQ("rsa->e is too big, size=1", refusal({4060, 1, 8}));
-  EXPECT_EQ("rsa->d is too big, size=8", refusal({4050, 3, 8}));
-  EXPECT_EQ("rsa->p is too big, size=5", refusal({4055, 1, 0, 5, 1, 1, 1, 1}));
-  EXPECT_EQ("rsa->q is too big, size=5", refusal({4055, 1, 0, 1, 5, 1, 1, 1}));
-  EXPECT_EQ("rsa->dmp1 is too big, size=5", refusal({4055, 1, 0, 1, 1, 5, 1, 1}));
-  EXPECT_EQ("rsa->dmq1 is too big, size=5", refusal({4055, 1, 0, 1, 1, 1, 5, 1}));
-  EXPECT_EQ("rsa->iqmp is too big, size=5", refusal({4055, 1, 0, 1, 1, 1, 1, 5}));
-  EXPECT_EQ("bn or name is NULL", refusal({5, 1}));
-  const auto key = RsaOf({5, 1, 4}), empty = RsaOf({});
-  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), empty.get(), &length));
-  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(nullptr, key.get(), &length));
-  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), nullptr, &length));
-  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), key.get(), nullptr));
-  FailCall(Call::kMemcpyS, 1);
-  EXPECT_EQ("[error] : copy key header failed", refusal({5, 1, 4}));
+TEST_F(KeyMaterial, RsaNumbersMustFitTheBuffer) {
+  const struct {
+    int length[8];
+    const char* message;
+  } kRows[] = {{{4061, 1, 8}, "rsa->n is too big, size=4061"},
+               {{4060, 1, 8}, "rsa->e is too big, size=1"},
+               {{4050, 3, 8}, "rsa->d is too big, size=8"},
+               {{4055, 1, 0, 5, 1, 1, 1, 1}, "rsa->p is too big, size=5"},
+               {{4055, 1, 0, 1, 5, 1, 1, 1}, "rsa->q is too big, size=5"},
+               {{4055, 1, 0, 1, 1, 5, 1, 1}, "rsa->dmp1 is too big, size=5"},
+               {{4055, 1, 0, 1, 1, 1, 5, 1}, "rsa->dmq1 is too big, size=5"},
+               {{4055, 1, 0, 1, 1, 1, 1, 5}, "rsa->iqmp is too big, size=5"},
+               {{5, 1}, "bn or name is NULL"}};
+  for (const auto& row : kRows) {
+    uint32_t length = 0;
+    Bytes buffer(4096);
+    EXPECT_EQ(-1000, km41::BuildRsaKeyMaterial(buffer.data(), RsaOf(row.length).get(), &length));
+    EXPECT_EQ(std::string("E KeyMaster_Ts: ") + row.message, Log().back());
+  }
 }
 
 // The three numbers at their places: an import's test.
@@ -98,17 +102,17 @@ TEST_F(KeyMaterial, EcHeaderTellsCurveAndForm) {
       {NID_secp256k1, POINT_CONVERSION_UNCOMPRESSED, 256},
       {NID_secp160r2, POINT_CONVERSION_UNCOMPRESSED, 0}};
   for (const auto& [nid, form, bits] : kRows) {
-    const std::unique_ptr<EC_KEY, Free> key(EC_KEY_new_by_curve_name(nid));
+    const Pkey pkey = NewEcKey(nid);
     // BoringSSL has NIST's curves only.
-    const bool known = !kBoringSsl || nid == NID_X9_62_prime256v1 || nid == NID_secp521r1;
-    ASSERT_EQ(known, key != nullptr) << nid;
-    if (!known) continue;
-    ASSERT_EQ(1, EC_KEY_generate_key(key.get()));
-    EC_KEY_set_conv_form(key.get(), form);
-    Bytes buffer(4096, 0xEE);
-    uint32_t length = 0;
-    EXPECT_EQ(0, km41::BuildEcKeyMaterial(buffer.data(), key.get(), &length));
-    EXPECT_EQ(Cat({Le32(bits), Le32(form)}), Bytes(buffer.begin(), buffer.begin() + 8));
+    ASSERT_EQ(!kBoringSsl || nid == NID_X9_62_prime256v1 || nid == NID_secp521r1, pkey != nullptr);
+    if (pkey != nullptr) {
+      EC_KEY* key = const_cast<EC_KEY*>(EVP_PKEY_get0_EC_KEY(pkey.get()));
+      EC_KEY_set_conv_form(key, form);
+      Bytes buffer(4096, 0xEE);
+      uint32_t length = 0;
+      EXPECT_EQ(0, km41::BuildEcKeyMaterial(buffer.data(), key, &length));
+      EXPECT_EQ(Cat({Le32(bits), Le32(form)}), Bytes(buffer.begin(), buffer.begin() + 8));
+    }
   }
 }
 
@@ -116,38 +120,73 @@ TEST_F(KeyMaterial, EcKeyMustBeWhole) {
   Bytes buffer(4096);
   uint32_t length = 0;
   const std::unique_ptr<EC_KEY, Free> key(EC_KEY_new_by_curve_name(NID_X9_62_prime256v1));
-  const auto refusal = [&] {
+  const auto expect = [&](const std::string& message) {
     EXPECT_EQ(-1000, km41::BuildEcKeyMaterial(buffer.data(), key.get(), &length));
-    return Log().back();
+    EXPECT_EQ("E KeyMaster_Ts: " + message, Log().back());
   };
-  EXPECT_EQ("E KeyMaster_Ts: [error] : EC_KEY_get0_public_key error\n", refusal());
+  expect("[error] : EC_KEY_get0_public_key error\n");
   const EC_GROUP* group = EC_KEY_get0_group(key.get());
   EC_KEY_set_public_key(key.get(), EC_GROUP_get0_generator(group));
-  EXPECT_EQ("E KeyMaster_Ts: bn or name is NULL", refusal()) << "no private number";
+  expect("bn or name is NULL");  // the private number
   EC_POINT* infinity = EC_POINT_new(group);
   EC_KEY_set_public_key(key.get(), infinity);
   EC_POINT_free(infinity);
-  EXPECT_EQ("E KeyMaster_Ts: [error] : failed to get affine_coordinates\n", refusal());
+  expect("[error] : failed to get affine_coordinates\n");
 }
 
-TEST_F(KeyMaterial, GuardAndCurveTables) {
+TEST_F(KeyMaterial, NeedsABufferAKeyAndALength) {
+  const auto rsa = RsaOf({5, 1, 4}), empty = RsaOf({});
+  const Pkey pkey = NewEcKey(NID_X9_62_prime256v1);
+  const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(pkey.get());
+  Bytes buffer(4096);
+  uint32_t length = 0;
+  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), empty.get(), &length));
+  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(nullptr, rsa.get(), &length));
+  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), nullptr, &length));
+  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), rsa.get(), nullptr));
+  EXPECT_NE(0, km41::BuildEcKeyMaterial(nullptr, ec, &length));
+  EXPECT_NE(0, km41::BuildEcKeyMaterial(buffer.data(), nullptr, &length));
+  EXPECT_NE(0, km41::BuildEcKeyMaterial(buffer.data(), ec, nullptr));
+}
+
+TEST_F(KeyMaterial, NumbersFitBehindTheirOffset) {
   const auto key = RsaOf({2, 1});
   const std::unique_ptr<BIGNUM, Free> zero(BN_new());
   const BIGNUM* two = RSA_get0_n(key.get());
-  EXPECT_EQ(0, CheckBnSize(4096, 4096, zero.get(), "x") + CheckBnSize(4094, 4096, two, "x") +
-                   CheckBnSize(0, 0xFFFFFFFF, two, "x"));
-  EXPECT_EQ(Lines(), Log());
-  EXPECT_EQ(-1, CheckBnSize(4097, 4096, zero.get(), "x"));
-  EXPECT_EQ(-1, CheckBnSize(4095, 4096, two, "x"));
-  EXPECT_EQ(-1, CheckBnSize(0, 4096, nullptr, "x"));
-  EXPECT_EQ(-1, CheckBnSize(0, 4096, two, nullptr));
-  const std::string tag = "E KeyMaster_Ts: ", null = tag + "bn or name is NULL";
-  EXPECT_EQ((Lines{tag + "x is too big, size=0", tag + "x is too big, size=2", null, null}), Log());
+  const struct {
+    uint32_t offset, limit;
+    const BIGNUM* number;
+    const char *label, *message;  // no message: it fits
+  } kRows[] = {{4096, 4096, zero.get(), "x", nullptr},
+               {4094, 4096, two, "x", nullptr},
+               {0, 0xFFFFFFFF, two, "x", nullptr},
+               {0xFFFFFFFD, 0xFFFFFFFF, two, "x", nullptr},
+               {4097, 4096, zero.get(), "x", "x is too big, size=0"},
+               {4095, 4096, two, "x", "x is too big, size=2"},
+               {0xFFFFFFFE, 0xFFFFFFFF, two, "x", "x is too big, size=2"},
+               {0xFFFFFFFE, 4096, two, "x", "x is too big, size=2"},
+               {0, 4096, nullptr, "x", "bn or name is NULL"},
+               {0, 4096, two, nullptr, "bn or name is NULL"}};
+  for (const auto& row : kRows) {
+    platform().ClearRecords();
+    EXPECT_EQ(row.message == nullptr ? 0 : -1,
+              CheckBnSize(row.offset, row.limit, row.number, row.label));
+    EXPECT_EQ(
+        row.message == nullptr ? Lines() : Lines{std::string("E KeyMaster_Ts: ") + row.message},
+        Log());
+  }
+}
+
+TEST_F(KeyMaterial, SixCurvesHaveAKeySizeAndSevenAreKnown) {
   using Table = std::map<int, int>;
   Table nids, sizes;
   for (int i = -1; i < 2000; ++i) {
-    if (GetNidFromKeySize(i) != 0) nids[GetNidFromKeySize(i)] = i;
-    if (GetKeySizeFromNid(i) != 0) sizes[i] = GetKeySizeFromNid(i);
+    if (GetNidFromKeySize(i) != 0) {
+      nids[GetNidFromKeySize(i)] = i;
+    }
+    if (GetKeySizeFromNid(i) != 0) {
+      sizes[i] = GetKeySizeFromNid(i);
+    }
   }
   Table both = {{709, 160}, {711, 192}, {713, 224}, {415, 256}, {715, 384}, {716, 521}};
   EXPECT_EQ(both, nids);
