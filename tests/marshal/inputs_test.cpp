@@ -1,10 +1,9 @@
-// The small input buffers, the secure id's choice, and the bound on a number.
+// The small input buffers and the choice of a secure id.
+#include <errno.h>
 #include <keymaster_ts.h>
-#include <openssl/bn.h>
-
-#include <memory>
 
 #include "tests/platform/keymaster_test.h"
+#include "tests/requests/wire.h"
 
 namespace test {
 namespace {
@@ -14,86 +13,86 @@ using Inputs = KeymasterTest;
 constexpr uint64_t kFourGiB = uint64_t{1} << 32;
 const uint8_t kByte = 0;
 
-// Takes what build(blob) made: its bytes on success; a failure must hand out nothing.
+// What build(blob) made, released; a failure must leave its output untouched.
 template <typename Build>
-Bytes Take(int32_t expected, Build build) {
+Bytes Built(int32_t result, Build build) {
   platform().ClearRecords();
   keymaster_blob_t built{&kByte, 77};
-  EXPECT_EQ(expected, build(&built));
-  const bool untouched = built.data == &kByte && built.data_length == 77;
-  EXPECT_EQ(expected != 0, untouched);
-  if (untouched) return {};
+  EXPECT_EQ(result, build(&built));
+  if (result != 0) {
+    EXPECT_TRUE(built.data == &kByte && built.data_length == 77);
+    return {};
+  }
   const Bytes bytes = BlobBytes(built);
   free(const_cast<uint8_t*>(built.data));
   return bytes;
 }
 
+Bytes FinalInput(const keymaster_blob_t* input, const keymaster_blob_t* signature,
+                 int32_t result = 0) {
+  return Built(result, [&](auto* built) { return BuildFinalInput(input, signature, built); });
+}
+
 TEST_F(Inputs, FinishPacksInputAndSignature) {
-  const auto build = [](const keymaster_blob_t* input, const keymaster_blob_t* signature,
-                        int32_t result) {
-    return Take(result, [&](auto* built) { return BuildFinalInput(input, signature, built); });
-  };
   const Bytes abc = {0xAA, 0xBB, 0xCC}, ramp = Ramp(9, 256);
   const keymaster_blob_t input = Blob(abc), signature = Blob(ramp), no_data{nullptr, 5};
   const Bytes none = {0, 0, 0, 0, 0}, unsigned_end = {1, 0, 0, 0, 0};
   const Bytes item = {0, 3, 0, 0, 0, 0xAA, 0xBB, 0xCC}, end = Cat({{1, 0, 1, 0, 0}, ramp});
-  EXPECT_EQ(Cat({none, unsigned_end}), build(nullptr, nullptr, 0));
-  EXPECT_EQ(Cat({none, unsigned_end}), build(&no_data, &no_data, 0));
-  EXPECT_EQ(Cat({item, unsigned_end}), build(&input, nullptr, 0));
-  EXPECT_EQ(Cat({none, end}), build(nullptr, &signature, 0));
-  EXPECT_EQ(Cat({item, end}), build(&input, &signature, 0));
-  EXPECT_EQ(-22, BuildFinalInput(&input, &signature, nullptr));
-  constexpr uint64_t kTooLong[][2] = {{kFourGiB, 0},   {0, kFourGiB},   {0xFFFFFFF6, 0},
-                                      {0, 0xFFFFFFF6}, {0xFFFFFFF5, 1}, {1, 0xFFFFFFF5}},
-                     kLongest[][2] = {{0xFFFFFFF5, 0}, {0, 0xFFFFFFF5}};
-  const auto refuse = [&](uint64_t length, uint64_t signature_length, int32_t result) {
-    const keymaster_blob_t first{&kByte, length}, second{&kByte, signature_length};
-    build(&first, &second, result);
-    const char no_memory[] = "E KeyMaster_Ts: build final input buffer mem alloc failed.\n";
-    EXPECT_EQ(Lines(result == -12, no_memory), Log()) << length << " " << signature_length;
-  };
-  for (const auto& [length, signature_length] : kTooLong) refuse(length, signature_length, -22);
-  for (const auto& [length, signature_length] : kLongest) refuse(length, signature_length, -12);
+  EXPECT_EQ(Cat({none, unsigned_end}), FinalInput(nullptr, nullptr));
+  EXPECT_EQ(Cat({none, unsigned_end}), FinalInput(&no_data, &no_data));
+  EXPECT_EQ(Cat({item, unsigned_end}), FinalInput(&input, nullptr));
+  EXPECT_EQ(Cat({none, end}), FinalInput(nullptr, &signature));
+  EXPECT_EQ(Cat({item, end}), FinalInput(&input, &signature));
+  EXPECT_EQ(-EINVAL, BuildFinalInput(&input, &signature, nullptr));
+}
+
+TEST_F(Inputs, FinishRejectsLengthsThatWrapAndAllocatesAllOthers) {
+  const struct {
+    uint64_t input, signature;
+    int32_t result;
+  } kRows[] = {{kFourGiB, 0, -EINVAL},   {0, kFourGiB, -EINVAL},   {0xFFFFFFF6, 0, -EINVAL},
+               {0, 0xFFFFFFF6, -EINVAL}, {0xFFFFFFF5, 1, -EINVAL}, {1, 0xFFFFFFF5, -EINVAL},
+               {0xFFFFFFF5, 0, -ENOMEM}, {0, 0xFFFFFFF5, -ENOMEM}};
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(&row - kRows);
+    const keymaster_blob_t input{&kByte, row.input}, signature{&kByte, row.signature};
+    FinalInput(&input, &signature, row.result);
+    EXPECT_EQ(row.result == -ENOMEM ? 1u : 0u, Log().size());
+  }
 }
 
 TEST_F(Inputs, VerifyAuthorizationPacksChallengeAndToken) {
+  constexpr int32_t kNoMemory = KM_ERROR_MEMORY_ALLOCATION_FAILED,
+                    kCopyFailed = KM_ERROR_UNKNOWN_ERROR;
   const Bytes ramp = Ramp(1, 69), eight = {8, 7, 6, 5, 4, 3, 2, 1};
   const uint64_t challenge = 0x0102030405060708;
-  const char no_memory[] = "build final input malloc failed.\n",
-             challenge_failed[] = "memcpy_s challenge failed.\n",
-             token_failed[] = "memcpy_s hwAuthToken failed.\n";
   const struct {
-    const uint8_t* token;
-    uint64_t length;
+    keymaster_blob_t token;
     int32_t result;
-    Bytes bytes;
-    std::string log;
-    Call failing = Call::kMalloc;
-    int nth = 0;
-  } cases[] = {
-      {ramp.data(), 69, 0, Cat({eight, ramp}), ""},
-      {&kByte, 0, 0, eight, ""},
-      {ramp.data(), 69, -41, {}, no_memory, Call::kMalloc, 1},
-      {ramp.data(), 69, -1000, {}, challenge_failed, Call::kMemcpyS, 1},
-      {ramp.data(), 69, -1000, {}, token_failed, Call::kMemcpyS, 2},
-      {nullptr, 5, -1000, {}, token_failed},
-      {&kByte, kFourGiB, -1000, {}, token_failed},
-      {&kByte, kFourGiB + 3, -1000, {}, token_failed},
-      {&kByte, 0xFFFFFFF7, -41, {}, no_memory},
-      {&kByte, 0xFFFFFFFC, -1000, {}, challenge_failed},
+    Bytes bytes = {};
+    const char* log = "";
+  } kRows[] = {
+      {{ramp.data(), 69}, 0, Cat({eight, ramp})},
+      {{&kByte, 0}, 0, eight},
+      {{nullptr, 5}, kCopyFailed, {}, "memcpy_s hwAuthToken failed.\n"},
+      {{&kByte, kFourGiB}, kCopyFailed, {}, "memcpy_s hwAuthToken failed.\n"},
+      {{&kByte, kFourGiB + 3}, kCopyFailed, {}, "memcpy_s hwAuthToken failed.\n"},
+      {{&kByte, 0xFFFFFFF7}, kNoMemory, {}, "build final input malloc failed.\n"},
+      {{&kByte, 0xFFFFFFFC}, kCopyFailed, {}, "memcpy_s challenge failed.\n"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(&c - cases);
-    FailCall(c.failing, c.nth);
-    const keymaster_blob_t token{c.token, c.length};
-    const auto build = [&](auto* built) { return BuildVerifyAuthInput(&challenge, &token, built); };
-    EXPECT_EQ(c.bytes, Take(c.result, build));
-    EXPECT_EQ(c.log.empty() ? Lines() : Lines{"E KeyMaster_Ts: " + c.log}, Log());
-    ClearFaults();
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(&row - kRows);
+    EXPECT_EQ(row.bytes, Built(row.result, [&](auto* built) {
+                return BuildVerifyAuthInput(&challenge, &row.token, built);
+              }));
+    EXPECT_EQ(row.result == 0 ? Lines() : Lines{std::string("E KeyMaster_Ts: ") + row.log}, Log());
   }
-  const keymaster_blob_t token = Blob(ramp);
+}
+
+TEST_F(Inputs, VerifyAuthorizationNeedsAllItsArguments) {
+  const uint64_t challenge = 5;
+  const keymaster_blob_t token{&kByte, 1};
   keymaster_blob_t built;
-  platform().ClearRecords();
   EXPECT_EQ(-32, BuildVerifyAuthInput(nullptr, &token, &built));
   EXPECT_EQ(-32, BuildVerifyAuthInput(&challenge, nullptr, &built));
   EXPECT_EQ(-32, BuildVerifyAuthInput(&challenge, &token, nullptr));
@@ -102,16 +101,15 @@ TEST_F(Inputs, VerifyAuthorizationPacksChallengeAndToken) {
 
 TEST_F(Inputs, SecureIdFollowsTheFirstTokensAuthenticator) {
   const auto token = [](uint32_t type, size_t length = 69) {
-    Bytes bytes = Cat({Bytes(25, 2), Le32(type), Bytes(40, 2)});
+    Bytes bytes = AuthToken(0, 0, type);
     bytes.resize(length);
-    bytes.shrink_to_fit();
     return Param(KM_TAG_AUTH_TOKEN, bytes);
   };
   const Param id(KM_TAG_USER_SECURE_ID, 7), second(KM_TAG_USER_SECURE_ID, 8);
   const struct {
-    std::initializer_list<Param> params;
+    Params params;
     uint64_t first_id;
-  } cases[] = {
+  } kRows[] = {
       {{id, token(1)}, 1000},
       {{id, token(2)}, 2000},
       {{token(2), id, second}, 2000},
@@ -126,22 +124,29 @@ TEST_F(Inputs, SecureIdFollowsTheFirstTokensAuthenticator) {
       {{id, token(1, 0)}, 7},
       {{{KM_TAG_USER_ID, 7}, token(1)}, 7},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(&c - cases);
-    ParamSet set(c.params), expected(c.params);
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(&row - kRows);
+    ParamSet set({}), expected({});
+    for (const Param& param : row.params) {
+      set.Add(param);
+      expected.Add(param);
+    }
     UpdateParamsForSecureid(set.get(), 1000, 2000);
-    expected[expected[0].tag == KM_TAG_AUTH_TOKEN].long_integer = c.first_id;
+    expected[expected[0].tag == KM_TAG_AUTH_TOKEN].long_integer = row.first_id;
     EXPECT_EQ(Describe(*expected.get()), Describe(*set.get()));
   }
-  ParamSet gap({id, token(1)});
-  gap[1].blob.data = nullptr;
-  UpdateParamsForSecureid(gap.get(), 1000, 2000);
-  gap.get()->length = 0;
-  UpdateParamsForSecureid(gap.get(), 1000, 2000);
-  EXPECT_EQ(7u, gap[0].long_integer);
-  keymaster_key_param_set_t no_array{nullptr, 2};
+}
+
+TEST_F(Inputs, SecureIdStaysWithoutATokenToRead) {
+  ParamSet set({{KM_TAG_USER_SECURE_ID, 7}, {KM_TAG_AUTH_TOKEN, AuthToken(0, 0, 1)}});
+  keymaster_key_param_set_t first = {&set[0], 1}, none = {&set[0], 0}, no_array = {nullptr, 2};
+  UpdateParamsForSecureid(&first, 1000, 2000);
+  UpdateParamsForSecureid(&none, 1000, 2000);
   UpdateParamsForSecureid(&no_array, 1000, 2000);
   UpdateParamsForSecureid(nullptr, 1000, 2000);
+  set[1].blob.data = nullptr;
+  UpdateParamsForSecureid(set.get(), 1000, 2000);
+  EXPECT_EQ(7u, set[0].long_integer);
 }
 
 TEST_F(Inputs, UpdateArgumentsAreChecked) {
@@ -153,14 +158,6 @@ TEST_F(Inputs, UpdateArgumentsAreChecked) {
     EXPECT_EQ(refused ? -32 : -27, ParamsCheck(&input, nullptr)) << length;
   }
   EXPECT_EQ(-32, ParamsCheck(nullptr, nullptr));
-}
-
-TEST_F(Inputs, ANumberBehindALargeOffsetDoesNotWrap) {
-  const std::unique_ptr<BIGNUM, decltype(&BN_free)> one(BN_new(), BN_free);
-  BN_set_word(one.get(), 1);
-  EXPECT_EQ(-1, CheckBnSize(0xFFFFFFFF, 4096, one.get(), "X"));
-  EXPECT_EQ(-1, CheckBnSize(0xFFFFFFFF, 0xFFFFFFFF, one.get(), "X"));
-  EXPECT_EQ(0, CheckBnSize(0xFFFFFFFE, 0xFFFFFFFF, one.get(), "X"));
 }
 
 }  // namespace
