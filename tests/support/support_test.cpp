@@ -1,11 +1,10 @@
-// The keymaster support library, on wrappers that scripts/make-wrapped-key built and on DER that
-// is wrong in one place.
+// The keymaster support library, on a wrapper of every field and on DER that is wrong in one place.
 #include <gtest/gtest.h>
 #include <keymaster/keymaster_configuration.h>
 #include <keymaster/wrapped_key.h>
 #include <openssl/err.h>
 
-#include <memory>
+#include <iomanip>
 #include <sstream>
 #include <string>
 
@@ -14,8 +13,10 @@
 namespace keymaster {
 namespace {
 
-// Every parameter as the script is told it > the tag and value that must come out of the wrapper.
+// Every field of an authorization list: its tag, its content in DER, its value. A field's number is
+// its tag's without the type.
 constexpr char kFields[] =
+<<<<<<< HEAD
     "purpose=wrap-key>20000001:5 algorithm=hmac>10000002:128 "
     "keySize=0xffffffff>30000003:4294967295 blockMode=gcm>20000004:32 digest=sha512>20000005:6 "
     "padding=pkcs7>20000006:64 callerNonce>70000007:1 minMacLength=128>30000008:128 "
@@ -61,6 +62,22 @@ const std::string& FullWrapper() {
   }();
   return kWrapper;
 }
+=======
+    "20000001 3103020105 5  10000002 02020080 128  30000003 020500ffffffff 4294967295  "
+    "20000004 3103020120 32  20000005 3103020106 6  20000006 3103020140 64  70000007 0500 1  "
+    "30000008 02020080 128  1000000a 020103 3  500000c8 0203010001 65537  7000012f 0500 1  "
+    "60000190 020100 0  60000191 020603bb2cc3d800 4102444800000  "
+    "60000192 020900ffffffffffffffff 18446744073709551615  "
+    "a00001f6 0209008000000000000000 9223372036854775808  700001f7 0500 1  "
+    "100001f8 020500ffffffff 4294967295  300001f9 02011e 30  700001fa 0500 1  700001fb 0500 1  "
+    "700001fc 0500 1  700001fd 0500 1  70000258 0500 1  90000259 0403617070 'app'  "
+    "900002bc 0400 ''  600002bd 020101 1  100002be 020104 4  900002c0 040172 'r'  "
+    "300002c1 020301adb0 110000  300002c2 0203031575 202101  900002c3 040175 'u'  "
+    "900002c4 040163 'c'  900002c5 040161 'a'  900002c6 040162 'b'  900002c7 040164 'd'  "
+    "900002c8 040170 'p'  900002c9 040173 's'  900002ca 040169 'i'  900002cb 04016d 'm'  "
+    "900002cc 040166 'f'  900002cd 04016f 'o'  300002ce 0204013461b9 20210105  "
+    "300002cf 0204013461ba 20210106  900003ea 0403746f6b 'tok'  ";
+>>>>>>> a17dac1 (wip)
 
 std::string Unhex(const std::string& hex) {
   std::string out;
@@ -68,6 +85,38 @@ std::string Unhex(const std::string& hex) {
     out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
   }
   return out;
+}
+
+std::string Tlv(const std::string& tag, const std::string& hex) {
+  char length[8];
+  snprintf(length, sizeof(length), hex.size() < 256 ? "%02zx" : "82%04zx", hex.size() / 2);
+  return tag + length + hex;
+}
+
+// The fields as a list in hexadecimal, or as Describe says them.
+std::string Fields(bool encoded) {
+  std::istringstream in(kFields);
+  std::ostringstream list, described;
+  for (std::string tag, content, value; in >> tag >> content >> value;) {
+    const unsigned long number = std::stoul(tag, nullptr, 16) & 0x0FFFFFFF;
+    std::ostringstream context;
+    context << std::hex;
+    if (number < 31) {
+      context << 0xA0 + number;
+    } else {
+      context << "bf" << 0x80 + number / 128 << std::setw(2) << std::setfill('0') << number % 128;
+    }
+    list << Tlv(context.str(), content);
+    described << tag << ':' << value << ' ';
+  }
+  return encoded ? list.str() : described.str();
+}
+
+// A wrapper of short parts in hexadecimal.
+std::string Wrapper(const std::string& params, const std::string& format = "020103",
+                    const std::string& version = "020100", const std::string& rest = "0401dd") {
+  const std::string description = Tlv("30", format + Tlv("30", params));
+  return Tlv("30", version + "0401aa0401bb" + description + "0401cc" + rest);
 }
 
 std::string Text(const keymaster_blob_t& blob) {
@@ -108,40 +157,30 @@ struct Parsed {
 
 TEST(ParseWrappedKey, ReadsEveryFieldOfTheWrapper) {
   Parsed parsed;
-  ASSERT_EQ(KM_ERROR_OK, parsed.Parse(FullWrapper()));
+  ASSERT_EQ(KM_ERROR_OK, parsed.Parse(Unhex(Wrapper(Fields(true)))));
   EXPECT_EQ(KM_KEY_FORMAT_RAW, parsed.format);
-  EXPECT_EQ(Unhex("0102030405060708090a0b0c"), Text(parsed.iv));
-  EXPECT_EQ(16u, parsed.tag.data_length);
-  EXPECT_EQ(4u, parsed.secure_key.key_material_size);
-  EXPECT_EQ(256u, parsed.transit_key.key_material_size);
-  EXPECT_EQ(Half(false), Describe(parsed.set));
+  EXPECT_EQ("\xbb", Text(parsed.iv));
+  EXPECT_EQ("\xdd", Text(parsed.tag));
+  EXPECT_EQ(0xCC, parsed.secure_key.key_material[0]);
+  EXPECT_EQ(0xAA, parsed.transit_key.key_material[0]);
+  EXPECT_EQ(Fields(false), Describe(parsed.set));
 }
 
-TEST(ParseWrappedKey, SurvivesCutsAndChanges) {
-  const std::string& good = FullWrapper();
+TEST(ParseWrappedKey, SurvivesTruncationAndChangesOfEachByte) {
+  const std::string good = Unhex(Wrapper(Fields(true)));
   for (size_t i = 0; i < good.size() * 10; ++i) {
-    std::string bad = good.substr(0, i % 10 == 9 ? i / 10 : good.size());
-    if (i % 10 < 9)
+    const bool truncated = i % 10 == 9;
+    std::string bad = good.substr(0, truncated ? i / 10 : good.size());
+    if (!truncated) {
       bad[i / 10] = static_cast<char>(bad[i / 10] ^ (i % 10 == 8 ? 0xFF : 1 << i % 10));
+    }
     Parsed parsed;
     const keymaster_error_t error = parsed.Parse(bad);
-    EXPECT_TRUE((error == KM_ERROR_OK && i % 10 < 9) ||
+    EXPECT_TRUE((error == KM_ERROR_OK && !truncated) ||
                 (error == KM_ERROR_INVALID_ARGUMENT && parsed.Empty()))
         << i << ": " << error;
   }
   EXPECT_EQ(0u, ERR_peek_error()) << "libcrypto's queue is left as it was";
-}
-
-// A wrapper of short parts in hexadecimal.
-std::string Tlv(const std::string& tag, const std::string& hex) {
-  char length[3];
-  snprintf(length, sizeof(length), "%02zx", hex.size() / 2 % 256);
-  return tag + length + hex;
-}
-std::string Wrapper(const std::string& params, const std::string& format = "020103",
-                    const std::string& version = "020100", const std::string& rest = "0401dd") {
-  const std::string description = Tlv("30", format + Tlv("30", params));
-  return Tlv("30", version + "0401aa0401bb" + description + "0401cc" + rest);
 }
 
 TEST(ParseWrappedKey, AcceptsOtherEncodingsAndKeepsThem) {
@@ -165,7 +204,6 @@ TEST(ParseWrappedKey, AcceptsOtherEncodingsAndKeepsThem) {
     const bool accepted = row.definite || !test::kBoringSsl;
     EXPECT_EQ(accepted ? KM_ERROR_OK : KM_ERROR_INVALID_ARGUMENT, parsed.Parse(der));
     EXPECT_EQ(accepted ? "\xdd" : "", Text(parsed.tag));
-    // The description starts behind the header, the version, the transit key and the iv.
     EXPECT_EQ(accepted ? der.substr(11, static_cast<size_t>(der[12]) + 2) : "",
               Text(parsed.description));
   }
@@ -199,7 +237,9 @@ TEST(AuthorizationSet, OwnsItsBytes) {
   param.blob = {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()};
   ASSERT_TRUE(set.push_back(param));
   bytes.assign(6, 'x');
-  for (int i = 0; i < 40; ++i) ASSERT_TRUE(set.push_back(set[0]));
+  for (int i = 0; i < 40; ++i) {
+    ASSERT_TRUE(set.push_back(set[0]));
+  }
   EXPECT_EQ("secret", Text(set[40].blob));
   EXPECT_NE(set[0].blob.data, set[40].blob.data);
   param.blob = {nullptr, 1};
