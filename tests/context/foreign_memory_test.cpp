@@ -112,7 +112,7 @@ TEST_F(ForeignMemory, MayFailAtEachCopy) {
   }
 }
 
-TEST_F(ForeignMemory, SurvivesWhatTheTaRefuses) {
+TEST_F(ForeignMemory, SurvivesFailuresOfTheTa) {
   for (const uint32_t command : {kCmdBegin, kCmdFinish, kCmdImportKey}) {
     for (int nth = 1; nth <= 2; ++nth) {
       platform().queued.clear();

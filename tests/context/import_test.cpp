@@ -49,7 +49,7 @@ TEST_F(Import, SendsRawBytesFromTheCallersMemory) {
   }
 }
 
-TEST_F(Import, TakesTheCurvesThatLibcryptoHas) {
+TEST_F(Import, AcceptsTheCurvesThatLibcryptoHas) {
   EXPECT_EQ(kBoringSsl ? KM_ERROR_UNSUPPORTED_KEY_FORMAT : 0,
             Run(KM_KEY_FORMAT_PKCS8, kOtherCurvePkcs8));
 }

@@ -87,15 +87,6 @@ TEST_F(Attest, RejectsAChainThatDoesNotHoldItsCertificates) {
   }
 }
 
-TEST_F(Attest, LeavesDeviceUniqueAttestationToStrongBoxes) {
-  for (const uint64_t value : {0u, 1u}) {
-    SetParams({{KM_TAG_ALGORITHM, 3}, {KM_TAG_DEVICE_UNIQUE_ATTESTATION, value}});
-    EXPECT_EQ(KM_ERROR_UNIMPLEMENTED, Call("TivasKmAttestKey"));
-    EXPECT_EQ("I NonStrongBox must return KM_ERROR_UNIMPLEMENTED", Logged().back());
-    EXPECT_EQ(CommandIds(), Commands());
-  }
-}
-
 // ---- Export: numbers of the TA become a DER encoding
 
 struct Export : KeyBlobRequest {
@@ -150,14 +141,6 @@ TEST_F(Export, RejectsRepliesThatAreNoKey) {
       {PublicKey(KM_ALGORITHM_EC, 256, {}, {}), kKeyError}};
   for (const auto& [reply, result] : kRows) {
     EXPECT_EQ(result, Run(reply));
-    EXPECT_EQ(kEmpty, StateOf(kData));
-  }
-}
-
-TEST_F(Export, OffersX509Only) {
-  for (const int format : {1, 2, 3, -1}) {
-    args.format = static_cast<keymaster_key_format_t>(format);
-    EXPECT_EQ(KM_ERROR_UNSUPPORTED_KEY_FORMAT, Call("TivasKmExportKey"));
     EXPECT_EQ(kEmpty, StateOf(kData));
   }
 }

@@ -51,18 +51,6 @@ TEST_F(Lifecycle, ConfigurationEndsItsWalkWhereBothVersionsAreFound) {
   }
 }
 
-TEST_F(Lifecycle, ConfigurationNeedsBothVersions) {
-  const Params kSets[] = {
-      {{KM_TAG_OS_VERSION, 1}}, {{KM_TAG_OS_PATCHLEVEL, 1}, {KM_TAG_BOOT_PATCHLEVEL, 1}}, {}};
-  for (const Params& set : kSets) {
-    SetParams(set);
-    EXPECT_EQ(KM_ERROR_INVALID_ARGUMENT, Call("TivasKmConfigure"));
-    EXPECT_EQ("E [error] : Configuration parameters must contain OS version and patch level",
-              Logged().back());
-    EXPECT_EQ(CommandIds(), Commands());
-  }
-}
-
 TEST_F(Lifecycle, SystemVersionIsKept) {
   unsigned version = 7, patch = 8;
   EXPECT_EQ(0, km.SetSystemVersion(110000, 202101));

@@ -51,12 +51,6 @@ TEST_F(Begin, ReadsNoReplyThatIsNotAskedFor) {
             Logged());
 }
 
-TEST_F(Begin, ClearsItsParametersAsSoonAsItHasAKey) {
-  args.params = &kHollowSet;
-  EXPECT_EQ(kNoMemory, Call("TivasKmBegin"));
-  EXPECT_EQ(kEmpty, StateOf(kParams));
-}
-
 // ---- Update and abort
 
 struct Update : Operation {
@@ -174,16 +168,6 @@ TEST_F(Finish, NeedsNeitherArgumentsNorOutputs) {
   EXPECT_EQ(Parts{Le64(kHandle)}, Sent());
 }
 
-TEST_F(Finish, TakesFourKibibytes) {
-  for (const size_t length : {size_t{4097}, size_t{1} << 32}) {
-    const keymaster_blob_t longer = {kInput.data(), length};
-    EXPECT_EQ(KM_ERROR_INVALID_INPUT_LENGTH, Run("TivasKmFinish", &longer));
-    EXPECT_EQ("E [error] : finish input data length invalid,bigger than 4K\n", Logged().back());
-    EXPECT_EQ(CommandIds(), Commands());
-    EXPECT_EQ(kEmpty, StateOf(kParams));
-  }
-}
-
 TEST_F(Finish, LeavesNoParametersWithoutTheirData) {
   const keymaster_blob_t input = {kInput.data(), 1};
   ReplyTo(kCmdFinish, Reply::Ok().Out(2, nonce).Size(3, 4097));
@@ -223,7 +207,7 @@ TEST_F(Finish, NewSendsAnUpdateBeforeItsLast4032Bytes) {
   EXPECT_EQ(kMark, BlobBytes(outputs.data));
 }
 
-TEST_F(Finish, LargeNeedsOutputOfEitherPartAndAPlaceForIt) {
+TEST_F(Finish, LargeNeedsOutputOfEitherPart) {
   const keymaster_blob_t input = {kInput.data(), 6000};
   const Reply nothing = Reply::Ok(), some = Reply::Ok().Out(3, {1});
   const struct {
@@ -240,8 +224,6 @@ TEST_F(Finish, LargeNeedsOutputOfEitherPartAndAPlaceForIt) {
               Logged().back());
     EXPECT_EQ(kEmpty, StateOf(kParams));
   }
-  args.data = nullptr;
-  EXPECT_EQ(kNullPointer, Run("TivasKmFinishLarge", &input));
 }
 
 }  // namespace

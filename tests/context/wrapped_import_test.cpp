@@ -107,7 +107,7 @@ TEST_F(WrappedImport, NeedsAKeyThatMayWrap) {
   }
 }
 
-TEST_F(WrappedImport, TakesUnwrappingParametersInPlaceOfItsOwn) {
+TEST_F(WrappedImport, PrefersTheCallersUnwrappingParameters) {
   ParamSet own({{KM_TAG_DIGEST, KM_DIGEST_SHA_2_256}});
   args.unwrapping_params = own.get();
   EXPECT_EQ(0, Run(wrapper.Encode()));
@@ -131,7 +131,7 @@ TEST_F(WrappedImport, NeedsAMaskAsLongAsTheTransitKey) {
 }
 
 TEST_F(WrappedImport, ReplacesTheSecureIdByTheAuthTokensAuthenticator) {
-  // In the sweep's words: 1 is the password's secure id, 2 the fingerprint's.
+  // The request table's secure ids are 1 of the password and 2 of the fingerprint.
   for (const auto& [type, id] : {std::pair{1u, 1u}, {2u, 2u}, {3u, 7u}}) {
     Wrapper other;
     other.auth_token = AuthToken(0, 0, type);
@@ -157,18 +157,6 @@ TEST_F(WrappedImport, JoinsEncryptedMaterialAndTagOfAnyLength) {
   empty.material = empty.tag = {};
   EXPECT_EQ(KM_ERROR_INVALID_INPUT_LENGTH, Run(empty.Encode()));
   EXPECT_EQ(kUntilTransitKey, Commands());
-}
-
-TEST_F(WrappedImport, NoticesAMissingMaskOnceItHasTheTransitKey) {
-  const Bytes der = wrapper.Encode();
-  const keymaster_key_blob_t wrapped = KeyBlob(der), *masks[] = {nullptr, &kHollowKey};
-  args.wrapped = &wrapped;
-  for (const keymaster_key_blob_t* mask : masks) {
-    served = 0;
-    args.mask = mask;
-    EXPECT_EQ(kNullPointer, Call("TivasKmUnwrappedKey"));
-    EXPECT_EQ(kUntilTransitKey, Commands());
-  }
 }
 
 TEST_F(WrappedImport, UnwrappingNeedsPlacesForListAndFormat) {

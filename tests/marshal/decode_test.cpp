@@ -16,7 +16,7 @@ struct Decoded {
   std::string hardware, software;
 };
 
-std::string Take(keymaster_key_param_set_t* set) {
+std::string Released(keymaster_key_param_set_t* set) {
   EXPECT_EQ(set->length == 0, set->params == nullptr);
   const std::string text = Describe(*set);
   FreeSet(set);
@@ -30,8 +30,8 @@ Decoded TwoListReply(const Bytes& reply) {
   keymaster_key_characteristics_t out{};
   const int32_t result =
       BuildKeyCharacter(fenced.data(), static_cast<uint32_t>(reply.size()), &out);
-  const std::string hardware = Take(&out.hw_enforced);
-  return {result, hardware, Take(&out.sw_enforced)};
+  const std::string hardware = Released(&out.hw_enforced);
+  return {result, hardware, Released(&out.sw_enforced)};
 }
 Decoded OneListReply(const Bytes& reply) {
   platform().ClearRecords();
@@ -40,7 +40,7 @@ Decoded OneListReply(const Bytes& reply) {
   keymaster_key_param_t stale{};
   keymaster_key_param_set_t out{&stale, 1};
   const int32_t result = BuildKeyParamSet(&out, fenced.data(), static_cast<uint32_t>(reply.size()));
-  return {result, Take(&out), ""};
+  return {result, Released(&out), ""};
 }
 
 void ExpectFailure(int32_t result, const Decoded& decoded) {

@@ -15,7 +15,7 @@ constexpr uint32_t kFirstListTags[] = {0x10000002, 0x1000000A, 0x1000012D, 0x200
                                        0x500000C8, 0x70000007, 0x7000012E, 0x7000012F};
 
 // Frees out once its bytes are taken.
-Bytes Take(int32_t result, uint8_t* out, uint32_t length) {
+Bytes Released(int32_t result, uint8_t* out, uint32_t length) {
   EXPECT_EQ(0, result);
   const Bytes bytes(out, out + length);
   free(out);
@@ -26,14 +26,14 @@ Bytes Build(ParamSet& set) {
   uint8_t* out = nullptr;
   uint32_t length = 0;
   const int32_t result = BuildKmParams(set.get(), &out, &length);
-  return Take(result, out, length);
+  return Released(result, out, length);
 }
 
 Bytes Join(const KmParams* first, KmParams* second) {
   uint8_t* out = nullptr;
   uint32_t length = 0;
   const int32_t result = SerializeKmParams(first, second, &out, &length);
-  return Take(result, out, length);
+  return Released(result, out, length);
 }
 
 // A KmParams that ends with its test. Add returns what AddKmParams does.
@@ -117,7 +117,7 @@ TEST_F(Serialise, GrowsBySixteen) {
   }
 }
 
-TEST_F(Serialise, RefusesBadArguments) {
+TEST_F(Serialise, RejectsBadArguments) {
   uint8_t byte = 0;
   uint8_t* out = nullptr;
   uint32_t length = 77;
@@ -148,7 +148,7 @@ TEST_F(Serialise, RefusesBadArguments) {
     EXPECT_EQ(Lines(len > 0x0FFFFFEF, "E KeyMaster_Ts: km_params->len is invalid, please check!\n"),
               Log());
   }
-  // Totals that wrap 32 bits are refused before any allocation, the largest one by it.
+  // Totals that wrap 32 bits are rejected before any allocation, the largest one by it.
   constexpr uint32_t kTotals[][4] = {
       {0, 0, 0x10000000, 0},          {0x10000000, 0, 0, 0},         {0x08000000, 0, 0x08000000, 0},
       {0, 0xFFFFFFF8, 0, 0},          {0, 0, 0, 0xFFFFFFF8},         {1, 0x80000000, 1, 0x7FFFFFD8},
@@ -162,7 +162,7 @@ TEST_F(Serialise, RefusesBadArguments) {
   EXPECT_TRUE(out == nullptr && length == 77);
 }
 
-TEST_F(Serialise, RefusesByteValuesThatDoNotFit) {
+TEST_F(Serialise, RejectsByteValuesThatDoNotFit) {
   uint8_t byte = 0;
   // Bytes already in the store, and length of the value.
   constexpr uint64_t kBad[][2] = {{0xFFFFFFFF, 1},

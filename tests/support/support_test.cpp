@@ -16,53 +16,6 @@ namespace {
 // Every field of an authorization list: its tag, its content in DER, its value. A field's number is
 // its tag's without the type.
 constexpr char kFields[] =
-<<<<<<< HEAD
-    "purpose=wrap-key>20000001:5 algorithm=hmac>10000002:128 "
-    "keySize=0xffffffff>30000003:4294967295 blockMode=gcm>20000004:32 digest=sha512>20000005:6 "
-    "padding=pkcs7>20000006:64 callerNonce>70000007:1 minMacLength=128>30000008:128 "
-    "ecCurve=p521>1000000a:3 rsaPublicExponent=65537>500000c8:65537 rollbackResistance>7000012f:1 "
-    "activeDateTime=0>60000190:0 originationExpireDateTime=4102444800000>60000191:4102444800000 "
-    "usageExpireDateTime=0xffffffffffffffff>60000192:18446744073709551615 "
-    "userSecureId=0x8000000000000000>a00001f6:9223372036854775808 noAuthRequired>700001f7:1 "
-    "userAuthType=any>100001f8:4294967295 authTimeout=30>300001f9:30 allowWhileOnBody>700001fa:1 "
-    "trustedUserPresenceRequired>700001fb:1 trustedConfirmationRequired>700001fc:1 "
-    "unlockedDeviceRequired>700001fd:1 allApplications>70000258:1 "
-    "applicationId=app>90000259:'app' applicationData=hex:>900002bc:'' "
-    "creationDateTime=1>600002bd:1 origin=4>100002be:4 rootOfTrust=r>900002c0:'r' "
-    "osVersion=110000>300002c1:110000 osPatchLevel=202101>300002c2:202101 uniqueId=u>900002c3:'u' "
-    "attestationChallenge=c>900002c4:'c' attestationApplicationId=a>900002c5:'a' "
-    "attestationIdBrand=b>900002c6:'b' attestationIdDevice=d>900002c7:'d' "
-    "attestationIdProduct=p>900002c8:'p' attestationIdSerial=s>900002c9:'s' "
-    "attestationIdImei=i>900002ca:'i' attestationIdMeid=m>900002cb:'m' "
-    "attestationIdManufacturer=f>900002cc:'f' attestationIdModel=o>900002cd:'o' "
-    "vendorPatchLevel=20210105>300002ce:20210105 bootPatchLevel=20210106>300002cf:20210106 "
-    "authToken=hex:746f6b>900003ea:'tok' ";
-
-// One half of kFields: arguments for the script, or the tags and values.
-std::string Half(bool arguments) {
-  std::istringstream in(kFields);
-  std::string out;
-  for (std::string left, right; std::getline(in, left, '>') && in >> right >> std::ws;) {
-    out += arguments ? " --param " + left : right + " ";
-  }
-  return out;
-}
-
-const std::string& FullWrapper() {
-  static const std::string kWrapper = [] {
-    const std::string command =
-        "key=$(mktemp) && openssl genrsa 2048 2>/dev/null | openssl pkey -pubout > $key && "
-        "printf '\\0\\021\"3' | " +
-        std::string(MAKE_WRAPPED_KEY) + " --wrapping-key $key --key - --no-defaults" + Half(true) +
-        " --iv 0102030405060708090a0b0c; rm -f $key";
-    std::string out(4096, '\0');
-    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    out.resize(fread(out.data(), 1, out.size(), pipe.get()));
-    return out;
-  }();
-  return kWrapper;
-}
-=======
     "20000001 3103020105 5  10000002 02020080 128  30000003 020500ffffffff 4294967295  "
     "20000004 3103020120 32  20000005 3103020106 6  20000006 3103020140 64  70000007 0500 1  "
     "30000008 02020080 128  1000000a 020103 3  500000c8 0203010001 65537  7000012f 0500 1  "
@@ -77,7 +30,6 @@ const std::string& FullWrapper() {
     "900002c8 040170 'p'  900002c9 040173 's'  900002ca 040169 'i'  900002cb 04016d 'm'  "
     "900002cc 040166 'f'  900002cd 04016f 'o'  300002ce 0204013461b9 20210105  "
     "300002cf 0204013461ba 20210106  900003ea 0403746f6b 'tok'  ";
->>>>>>> a17dac1 (wip)
 
 std::string Unhex(const std::string& hex) {
   std::string out;

@@ -29,7 +29,7 @@ struct Args {
   explicit Args(Arg missing) : left_out(missing) {}
   Args(const Args&) = delete;
   template <typename T>
-  T* Give(Arg arg, T* pointer) const {
+  T* Unless(Arg arg, T* pointer) const {
     return (left_out & arg) != 0 ? nullptr : pointer;
   }
   const Arg left_out;
@@ -37,14 +37,14 @@ struct Args {
   Bytes output_bytes = Bytes(64, 0xCC), output2_bytes = Bytes(48, 0xDD);
   uint32_t input_size = 10, size = 64, size2 = 48;
   uint64_t handle_value = kCallersHandle;
-  const uint8_t* params = Give(kParams, params_bytes.data());
-  const uint8_t* key = Give(kKey, key_bytes.data());
-  const uint8_t* input = Give(kInput, input_bytes.data());
-  const uint32_t* input_length = Give(kInputLength, &input_size);
-  uint8_t* output = Give(kOutput, output_bytes.data());
-  uint8_t* output2 = Give(kOutput2, output2_bytes.data());
-  uint32_t *length = Give(kLength, &size), *length2 = Give(kLength2, &size2);
-  uint64_t* handle = Give(kHandle, &handle_value);
+  const uint8_t* params = Unless(kParams, params_bytes.data());
+  const uint8_t* key = Unless(kKey, key_bytes.data());
+  const uint8_t* input = Unless(kInput, input_bytes.data());
+  const uint32_t* input_length = Unless(kInputLength, &input_size);
+  uint8_t* output = Unless(kOutput, output_bytes.data());
+  uint8_t* output2 = Unless(kOutput2, output2_bytes.data());
+  uint32_t *length = Unless(kLength, &size), *length2 = Unless(kLength2, &size2);
+  uint64_t* handle = Unless(kHandle, &handle_value);
 
   // The reference that an argument becomes.
   Reference ReferenceTo(Arg arg) const {
