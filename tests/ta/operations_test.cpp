@@ -10,99 +10,101 @@
 
 namespace {
 
+const P kMac128 = {KM_TAG_MAC_LENGTH, 128}, kUser = {KM_TAG_USER_SECURE_ID, 7},
+        kPkcs7 = {KM_TAG_PADDING, KM_PAD_PKCS7}, kSha384 = {KM_TAG_DIGEST, KM_DIGEST_SHA_2_384},
+        kNoDigest = {KM_TAG_DIGEST, KM_DIGEST_NONE}, kOaepAlone = {KM_TAG_PADDING, KM_PAD_RSA_OAEP},
+        kPss = {KM_TAG_PADDING, KM_PAD_RSA_PSS}, kDecrypts = {KM_TAG_PURPOSE, kDecrypt},
+        kCtr = {KM_TAG_BLOCK_MODE, KM_MODE_CTR};
+const P kPastOrigination = {KM_TAG_ORIGINATION_EXPIRE_DATETIME, 1},
+        kPastUsage = {KM_TAG_USAGE_EXPIRE_DATETIME, 1};
+const Ps kGcm128 = kGcmMode + kMac128;
+
+Ps RsaKey(uint32_t purpose, uint64_t size) {
+  return Key(KM_ALGORITHM_RSA, purpose, With(kRsa, {KM_TAG_KEY_SIZE, size}) + kPss + kSha256);
+}
+
+const struct {
+  Ps key;
+  uint32_t purpose;
+  Ps params;
+  keymaster_error_t error;
+} kUses[] = {
+    {kAes, kEncrypt, kEcb, KM_ERROR_OK},
+    {kAes, kSign, kEcb, KM_ERROR_UNSUPPORTED_PURPOSE},
+    {kAes, 99, kEcb, KM_ERROR_UNSUPPORTED_PURPOSE},
+    {kAes, kDecrypt, kEcb, KM_ERROR_INCOMPATIBLE_PURPOSE},
+    {kAes, kEncrypt, {}, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
+    {kAes, kEncrypt, kEcb + kCtr, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
+    {kAes, kEncrypt, With(kEcb, kCtr), KM_ERROR_INCOMPATIBLE_BLOCK_MODE},
+    {kAes, kEncrypt, With(kEcb, kPkcs7), KM_ERROR_INCOMPATIBLE_PADDING_MODE},
+    {kAes + kCtr + kPkcs7, kEncrypt, {kCtr, kPkcs7}, KM_ERROR_INCOMPATIBLE_PADDING_MODE},
+    {kGcm, kEncrypt, kGcmMode + kMac104, KM_ERROR_OK},
+    {kGcm, kEncrypt, kGcmMode, KM_ERROR_MISSING_MAC_LENGTH},
+    {kGcm, kEncrypt, kGcmMode + P(KM_TAG_MAC_LENGTH, 96), KM_ERROR_INVALID_MAC_LENGTH},
+    {kGcm, kEncrypt, kGcmMode + P(KM_TAG_MAC_LENGTH, 136), KM_ERROR_UNSUPPORTED_MAC_LENGTH},
+    {kGcm, kEncrypt, kGcm128 + P(KM_TAG_NONCE, Str(12, 'n')), KM_ERROR_CALLER_NONCE_PROHIBITED},
+    {kGcm + P(KM_TAG_CALLER_NONCE, 1), kEncrypt, kGcm128 + P(KM_TAG_NONCE, Str(13, 'n')),
+     KM_ERROR_INVALID_NONCE},
+    {kGcm + kDecrypts, kDecrypt, kGcm128, KM_ERROR_MISSING_NONCE},
+    {kGcm + kPkcs7, kEncrypt, With(kGcm128, kPkcs7), KM_ERROR_INCOMPATIBLE_PADDING_MODE},
+    {kHmac, kSign, {}, KM_ERROR_MISSING_MAC_LENGTH},
+    {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 120}}, KM_ERROR_INVALID_MAC_LENGTH},
+    {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 129}}, KM_ERROR_UNSUPPORTED_MAC_LENGTH},
+    {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 256}}, KM_ERROR_OK},
+    {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 264}}, KM_ERROR_UNSUPPORTED_MAC_LENGTH},
+    {kEc, kEncrypt, {}, KM_ERROR_UNSUPPORTED_PURPOSE},
+    {kEc, kSign, {}, KM_ERROR_UNSUPPORTED_DIGEST},
+    {kEc, kSign, {kNoDigest}, KM_ERROR_INCOMPATIBLE_DIGEST},
+    {kRsaSign, kSign, {kSha1, kNoPadding}, KM_ERROR_INCOMPATIBLE_DIGEST},
+    {kRsaSign, kSign, {kSha1, kOaepAlone}, KM_ERROR_UNSUPPORTED_PADDING_MODE},
+    {RsaKey(kSign, 616), kSign, {kSha384, kPkcs1}, KM_ERROR_INCOMPATIBLE_DIGEST},
+    {RsaKey(kSign, 624), kSign, {kSha384, kPkcs1}, KM_ERROR_OK},
+    {RsaKey(kSign, 520), kSign, {kSha256, kPss}, KM_ERROR_INCOMPATIBLE_DIGEST},
+    {RsaKey(kSign, 528), kSign, {kSha256, kPss}, KM_ERROR_OK},
+    {RsaKey(kSign, 528), kSign, {kNoDigest, kPss}, KM_ERROR_INCOMPATIBLE_DIGEST},
+    {RsaKey(kDecrypt, 520), kDecrypt, {kSha256, kOaepAlone}, KM_ERROR_INCOMPATIBLE_DIGEST},
+    {RsaKey(kDecrypt, 528), kDecrypt, {kSha256, kOaepAlone}, KM_ERROR_OK},
+    {RsaKey(kDecrypt, 528), kDecrypt, {kNoDigest, kOaepAlone}, KM_ERROR_INCOMPATIBLE_DIGEST},
+    {RsaKey(kDecrypt, 528), kDecrypt, {kPkcs1}, KM_ERROR_UNSUPPORTED_PADDING_MODE},
+    {kRsaWrap, kDecrypt, kOaep, KM_ERROR_OK},
+    {kRsaWrap, kDecrypt, {kNoPadding}, KM_ERROR_INCOMPATIBLE_PURPOSE},
+    {kRsaWrap, kEncrypt, kOaep, KM_ERROR_INCOMPATIBLE_PURPOSE},
+    {kAes + kPastOrigination, kEncrypt, kEcb, KM_ERROR_KEY_EXPIRED},
+    {kAes + kPastUsage, kEncrypt, kEcb, KM_ERROR_OK},
+    {kAes + kDecrypts + kPastOrigination, kDecrypt, kEcb, KM_ERROR_OK},
+    {kAes + kDecrypts + kPastUsage, kDecrypt, kEcb, KM_ERROR_KEY_EXPIRED},
+    {kHmac + kPastOrigination, kSign, {kMac128}, KM_ERROR_KEY_EXPIRED},
+    {kAes + P(KM_TAG_ORIGINATION_EXPIRE_DATETIME, kFuture), kEncrypt, kEcb, KM_ERROR_OK},
+    {kAes + P(KM_TAG_ACTIVE_DATETIME, kFuture), kEncrypt, kEcb, KM_ERROR_KEY_NOT_YET_VALID},
+    {kAes + P(KM_TAG_ACTIVE_DATETIME, 1), kEncrypt, kEcb, KM_ERROR_OK},
+    {kAes + P(KM_TAG_BOOTLOADER_ONLY, 1), kEncrypt, kEcb, KM_ERROR_INVALID_KEY_BLOB},
+    {kAes + P(KM_TAG_STORAGE_KEY, 1), kEncrypt, kEcb, KM_ERROR_STORAGE_KEY_UNSUPPORTED},
+    {kAes + P(KM_TAG_TRUSTED_USER_PRESENCE_REQUIRED, 1), kEncrypt, kEcb,
+     KM_ERROR_PROOF_OF_PRESENCE_REQUIRED},
+    {kAes + P(KM_TAG_TRUSTED_CONFIRMATION_REQUIRED, 1), kEncrypt, kEcb,
+     KM_ERROR_NO_USER_CONFIRMATION},
+    {kAes + P(KM_TAG_MAX_USES_PER_BOOT, 0), kEncrypt, kEcb, KM_ERROR_KEY_MAX_OPS_EXCEEDED},
+    // Anybody may check a signature.
+    {kEc + kUser + P(KM_TAG_PURPOSE, kVerify) + P(KM_TAG_AUTH_TIMEOUT, 60) +
+         P(KM_TAG_ACTIVE_DATETIME, kFuture),
+     kVerify,
+     {kSha256},
+     KM_ERROR_OK},
+};
+
 TEST_F(TaTest, AllowsTheUsesThatTheKeyAllows) {
-  const P mac128 = {KM_TAG_MAC_LENGTH, 128}, user = {KM_TAG_USER_SECURE_ID, 7},
-          pkcs7 = {KM_TAG_PADDING, KM_PAD_PKCS7}, sha384 = {KM_TAG_DIGEST, KM_DIGEST_SHA_2_384},
-          no_digest = {KM_TAG_DIGEST, KM_DIGEST_NONE}, oaep = {KM_TAG_PADDING, KM_PAD_RSA_OAEP},
-          pss = {KM_TAG_PADDING, KM_PAD_RSA_PSS}, decrypts = {KM_TAG_PURPOSE, kDecrypt},
-          ctr = {KM_TAG_BLOCK_MODE, KM_MODE_CTR};
-  const P past_origination = {KM_TAG_ORIGINATION_EXPIRE_DATETIME, 1},
-          past_usage = {KM_TAG_USAGE_EXPIRE_DATETIME, 1};
-  const Ps gcm = kGcmMode + mac128;
-  const auto rsa = [&](uint32_t purpose, uint64_t size) {
-    return Key(KM_ALGORITHM_RSA, purpose, With(kRsa, {KM_TAG_KEY_SIZE, size}) + pss + kSha256);
-  };
-  const struct {
-    Ps key;
-    uint32_t purpose;
-    Ps params;
-    keymaster_error_t error;
-  } rows[] = {
-      {kAes, kEncrypt, kEcb, KM_ERROR_OK},
-      {kAes, kSign, kEcb, KM_ERROR_UNSUPPORTED_PURPOSE},
-      {kAes, 99, kEcb, KM_ERROR_UNSUPPORTED_PURPOSE},
-      {kAes, kDecrypt, kEcb, KM_ERROR_INCOMPATIBLE_PURPOSE},
-      {kAes, kEncrypt, {}, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
-      {kAes, kEncrypt, kEcb + ctr, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
-      {kAes, kEncrypt, With(kEcb, ctr), KM_ERROR_INCOMPATIBLE_BLOCK_MODE},
-      {kAes, kEncrypt, With(kEcb, pkcs7), KM_ERROR_INCOMPATIBLE_PADDING_MODE},
-      {kAes + ctr + pkcs7, kEncrypt, {ctr, pkcs7}, KM_ERROR_INCOMPATIBLE_PADDING_MODE},
-      {kGcm, kEncrypt, kGcmMode + kMac104, KM_ERROR_OK},
-      {kGcm, kEncrypt, kGcmMode, KM_ERROR_MISSING_MAC_LENGTH},
-      {kGcm, kEncrypt, kGcmMode + P(KM_TAG_MAC_LENGTH, 96), KM_ERROR_INVALID_MAC_LENGTH},
-      {kGcm, kEncrypt, kGcmMode + P(KM_TAG_MAC_LENGTH, 136), KM_ERROR_UNSUPPORTED_MAC_LENGTH},
-      {kGcm, kEncrypt, gcm + P(KM_TAG_NONCE, Str(12, 'n')), KM_ERROR_CALLER_NONCE_PROHIBITED},
-      {kGcm + P(KM_TAG_CALLER_NONCE, 1), kEncrypt, gcm + P(KM_TAG_NONCE, Str(13, 'n')),
-       KM_ERROR_INVALID_NONCE},
-      {kGcm + decrypts, kDecrypt, gcm, KM_ERROR_MISSING_NONCE},
-      {kGcm + pkcs7, kEncrypt, With(gcm, pkcs7), KM_ERROR_INCOMPATIBLE_PADDING_MODE},
-      {kHmac, kSign, {}, KM_ERROR_MISSING_MAC_LENGTH},
-      {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 120}}, KM_ERROR_INVALID_MAC_LENGTH},
-      {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 129}}, KM_ERROR_UNSUPPORTED_MAC_LENGTH},
-      {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 256}}, KM_ERROR_OK},
-      {kHmac, kSign, {{KM_TAG_MAC_LENGTH, 264}}, KM_ERROR_UNSUPPORTED_MAC_LENGTH},
-      {kEc, kEncrypt, {}, KM_ERROR_UNSUPPORTED_PURPOSE},
-      {kEc, kSign, {}, KM_ERROR_UNSUPPORTED_DIGEST},
-      {kEc, kSign, {no_digest}, KM_ERROR_INCOMPATIBLE_DIGEST},
-      {kRsaSign, kSign, {kSha1, kNoPadding}, KM_ERROR_INCOMPATIBLE_DIGEST},
-      {kRsaSign, kSign, {kSha1, oaep}, KM_ERROR_UNSUPPORTED_PADDING_MODE},
-      {rsa(kSign, 616), kSign, {sha384, kPkcs1}, KM_ERROR_INCOMPATIBLE_DIGEST},
-      {rsa(kSign, 624), kSign, {sha384, kPkcs1}, KM_ERROR_OK},
-      {rsa(kSign, 520), kSign, {kSha256, pss}, KM_ERROR_INCOMPATIBLE_DIGEST},
-      {rsa(kSign, 528), kSign, {kSha256, pss}, KM_ERROR_OK},
-      {rsa(kSign, 528), kSign, {no_digest, pss}, KM_ERROR_INCOMPATIBLE_DIGEST},
-      {rsa(kDecrypt, 520), kDecrypt, {kSha256, oaep}, KM_ERROR_INCOMPATIBLE_DIGEST},
-      {rsa(kDecrypt, 528), kDecrypt, {kSha256, oaep}, KM_ERROR_OK},
-      {rsa(kDecrypt, 528), kDecrypt, {no_digest, oaep}, KM_ERROR_INCOMPATIBLE_DIGEST},
-      {rsa(kDecrypt, 528), kDecrypt, {kPkcs1}, KM_ERROR_UNSUPPORTED_PADDING_MODE},
-      {kRsaWrap, kDecrypt, kOaep, KM_ERROR_OK},
-      {kRsaWrap, kDecrypt, {kNoPadding}, KM_ERROR_INCOMPATIBLE_PURPOSE},
-      {kRsaWrap, kEncrypt, kOaep, KM_ERROR_INCOMPATIBLE_PURPOSE},
-      {kAes + past_origination, kEncrypt, kEcb, KM_ERROR_KEY_EXPIRED},
-      {kAes + past_usage, kEncrypt, kEcb, KM_ERROR_OK},
-      {kAes + decrypts + past_origination, kDecrypt, kEcb, KM_ERROR_OK},
-      {kAes + decrypts + past_usage, kDecrypt, kEcb, KM_ERROR_KEY_EXPIRED},
-      {kHmac + past_origination, kSign, {mac128}, KM_ERROR_KEY_EXPIRED},
-      {kAes + P(KM_TAG_ORIGINATION_EXPIRE_DATETIME, kFuture), kEncrypt, kEcb, KM_ERROR_OK},
-      {kAes + P(KM_TAG_ACTIVE_DATETIME, kFuture), kEncrypt, kEcb, KM_ERROR_KEY_NOT_YET_VALID},
-      {kAes + P(KM_TAG_ACTIVE_DATETIME, 1), kEncrypt, kEcb, KM_ERROR_OK},
-      {kAes + P(KM_TAG_BOOTLOADER_ONLY, 1), kEncrypt, kEcb, KM_ERROR_INVALID_KEY_BLOB},
-      {kAes + P(KM_TAG_STORAGE_KEY, 1), kEncrypt, kEcb, KM_ERROR_STORAGE_KEY_UNSUPPORTED},
-      {kAes + P(KM_TAG_TRUSTED_USER_PRESENCE_REQUIRED, 1), kEncrypt, kEcb,
-       KM_ERROR_PROOF_OF_PRESENCE_REQUIRED},
-      {kAes + P(KM_TAG_TRUSTED_CONFIRMATION_REQUIRED, 1), kEncrypt, kEcb,
-       KM_ERROR_NO_USER_CONFIRMATION},
-      {kAes + P(KM_TAG_MAX_USES_PER_BOOT, 0), kEncrypt, kEcb, KM_ERROR_KEY_MAX_OPS_EXCEEDED},
-      // Anybody may check a signature.
-      {kEc + user + P(KM_TAG_PURPOSE, kVerify) + P(KM_TAG_AUTH_TIMEOUT, 60) +
-           P(KM_TAG_ACTIVE_DATETIME, kFuture),
-       kVerify,
-       {kSha256},
-       KM_ERROR_OK},
-  };
-  for (const auto& row : rows) {
-    ASSERT_EQ(ta.Generate(row.key), 0u) << &row - rows;
-    EXPECT_EQ(ta.TryBegin(row.purpose, row.params), Km(row.error)) << &row - rows;
+  for (const auto& row : kUses) {
+    ASSERT_EQ(ta.Generate(row.key), 0u) << &row - kUses;
+    EXPECT_EQ(ta.TryBegin(row.purpose, row.params), Km(row.error)) << &row - kUses;
   }
 }
 
 TEST_F(TaTest, RefusesDataThatDoNotFit) {
   const P pkcs1 = {KM_TAG_PADDING, KM_PAD_RSA_PKCS1_1_5_ENCRYPT},
-          decrypts = {KM_TAG_PURPOSE, kDecrypt}, pkcs7 = {KM_TAG_PADDING, KM_PAD_PKCS7},
-          verifies = {KM_TAG_PURPOSE, kVerify}, bare = {KM_TAG_DIGEST, KM_DIGEST_NONE};
-  const Ps rsa = Key(KM_ALGORITHM_RSA, kEncrypt, kRsa + decrypts + pkcs1),
-           padded = Key(KM_ALGORITHM_AES, kDecrypt, With(kEcb, pkcs7) + k128),
-           gcm = kGcmMode + P(KM_TAG_MAC_LENGTH, 128) + P(KM_TAG_NONCE, Str(12, 'n'));
+          verifies = {KM_TAG_PURPOSE, kVerify};
+  const Ps rsa = Key(KM_ALGORITHM_RSA, kEncrypt, kRsa + kDecrypts + pkcs1),
+           padded = Key(KM_ALGORITHM_AES, kDecrypt, With(kEcb, kPkcs7) + k128),
+           gcm = kGcm128 + P(KM_TAG_NONCE, Str(12, 'n'));
   const struct {
     Ps key;
     uint32_t purpose;
@@ -117,14 +119,14 @@ TEST_F(TaTest, RefusesDataThatDoNotFit) {
       {rsa, kEncrypt, {kNoPadding}, 64, 0, KM_ERROR_INVALID_ARGUMENT},
       {rsa, kEncrypt, {kNoPadding}, 65, 0, KM_ERROR_INVALID_INPUT_LENGTH},
       {rsa, kDecrypt, kOaep, 64, 0, KM_ERROR_UNKNOWN_ERROR},
-      {kRsaSign, kSign, {bare, kPkcs1}, 53, 0, KM_ERROR_OK},
-      {kRsaSign, kSign, {bare, kPkcs1}, 54, 0, KM_ERROR_INVALID_INPUT_LENGTH},
-      {kRsaSign, kSign, {bare, kNoPadding}, 64, 0, KM_ERROR_INVALID_ARGUMENT},
+      {kRsaSign, kSign, {kNoDigest, kPkcs1}, 53, 0, KM_ERROR_OK},
+      {kRsaSign, kSign, {kNoDigest, kPkcs1}, 54, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {kRsaSign, kSign, {kNoDigest, kNoPadding}, 64, 0, KM_ERROR_INVALID_ARGUMENT},
       {kAes, kEncrypt, kEcb, 17, 0, KM_ERROR_INVALID_INPUT_LENGTH},
-      {padded, kDecrypt, With(kEcb, pkcs7), 0, 0, KM_ERROR_INVALID_INPUT_LENGTH},
-      {padded, kDecrypt, With(kEcb, pkcs7), 31, 0, KM_ERROR_INVALID_INPUT_LENGTH},
-      {kGcm + decrypts, kDecrypt, gcm, 15, 0, KM_ERROR_INVALID_INPUT_LENGTH},
-      {kGcm + decrypts, kDecrypt, gcm, 16, 0, KM_ERROR_VERIFICATION_FAILED},
+      {padded, kDecrypt, With(kEcb, kPkcs7), 0, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {padded, kDecrypt, With(kEcb, kPkcs7), 31, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {kGcm + kDecrypts, kDecrypt, gcm, 15, 0, KM_ERROR_INVALID_INPUT_LENGTH},
+      {kGcm + kDecrypts, kDecrypt, gcm, 16, 0, KM_ERROR_VERIFICATION_FAILED},
       {kHmac + verifies, kVerify, {}, 1, 15, KM_ERROR_INVALID_MAC_LENGTH},
       {kHmac + verifies, kVerify, {}, 1, 16, KM_ERROR_VERIFICATION_FAILED},
       {kHmac + verifies, kVerify, {}, 1, 65, KM_ERROR_VERIFICATION_FAILED},
