@@ -13,11 +13,10 @@ using Clock = std::chrono::steady_clock;
 // ParameterLoan lends a call's parameters their memory while the call runs.
 class ParameterLoan {
  public:
-  ParameterLoan(AppSession* app, CommandParameters* parameters) : app_(app) {
-    uint8_t* memory = nullptr;
-    reply_ = app->Reserve(ReferenceLayout(*parameters).total, &memory);
+  ParameterLoan(AppSession* app, CommandParameters* parameters)
+      : app_(app), reply_(app->Reserve(ReferenceLayout(*parameters).total, &memory_)) {
     if (is_lent()) {
-      parameters->CopyIn(memory);
+      parameters->CopyIn(memory_);
     }
   }
   ~ParameterLoan() {
@@ -34,7 +33,8 @@ class ParameterLoan {
 
  private:
   AppSession* const app_;
-  Reply reply_;
+  uint8_t* memory_ = nullptr;
+  const Reply reply_;
 };
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <memory>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "platform/tee_client/built_in_apps.h"
 #include "platform/tee_client/sessions.h"
@@ -158,7 +159,7 @@ int main() {
   while (control.Receive(&greeting, sizeof(greeting), &socket, kNoLimit)) {
     served = true;
     if (socket.get() >= 0 && g_threads < kMaxThreads) {
-      StartThread(std::move(socket));
+      StartThread(std::exchange(socket, FileDescriptor()));
     }
     socket.Reset();
   }

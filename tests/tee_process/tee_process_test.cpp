@@ -212,7 +212,7 @@ TEST_F(TeeProcess, NoSessionMeetsTheBytesOfAnother) {
     std::vector<std::future<void>> threads;
     for (uint32_t thread = 0; thread < 12; ++thread) {
       threads.push_back(std::async(std::launch::async, [thread] {
-        for (uint32_t size = 2 + thread; size < (3u << 20); size = 4 * size + thread) {
+        for (uint32_t size = 2 + thread; size < (3u << 20); size = 16 * size + thread) {
           Client client(kFailingApp);
           const Str text(size, static_cast<char>('a' + thread));
           EXPECT_EQ(client.Run(kEcho, In(text), Out(size - 1)), TEEC_ERROR_GENERIC);
