@@ -173,6 +173,7 @@ int32_t BuildPubKeySpki(const Reply& reply, keymaster_blob_t* output) {
     KM_LOGE("%s : out_len is invalid size(%u)", kLogFailure, reply.reported_length());
     return KM_ERROR_UNKNOWN_ERROR;
   }
+  const ErrorQueueScope error_queue;
   switch (raw.algorithm) {
     case KM_ALGORITHM_RSA:
       return EncodeRsaPublicKey(raw, output);

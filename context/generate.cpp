@@ -110,6 +110,7 @@ int32_t GenerateInSoftware(const keymaster_key_param_set_t& params, keymaster_ke
   if (result != KM_ERROR_OK) {
     return result;
   }
+  const ErrorQueueScope error_queue;
   const CryptoPtr<BIGNUM> exponent(BN_new());
   const CryptoPtr<RSA> key(exponent != nullptr ? RSA_new() : nullptr);
   if (key == nullptr) {

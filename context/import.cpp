@@ -41,6 +41,7 @@ bool ParsePkcs8(const keymaster_blob_t& key_data, KeyMaterial* material) {
   if (key_data.data == nullptr) {
     return false;
   }
+  const ErrorQueueScope error_queue;
   const unsigned char* der = key_data.data;
   const CryptoPtr<PKCS8_PRIV_KEY_INFO> pkcs8(d2i_PKCS8_PRIV_KEY_INFO(
       nullptr, &der, static_cast<long>(static_cast<uint32_t>(key_data.data_length))));
