@@ -7,6 +7,7 @@
 #include <securec.h>
 
 #include "context/import.h"
+#include "context/reply.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
 #include "marshal/param_set.h"
@@ -296,6 +297,7 @@ int32_t KeymasterTivasContext::TivasKmUnwrappedKey(const KeyHolder* wrapped_key,
 int32_t KeymasterTivasContext::DecryptTransitKeyMaterial(
     keymaster_key_blob_t* wrapping_key, keymaster_key_param_set_t* unwrapping_params,
     KeyHolder* encrypted_transit_key, keymaster_blob_t* plain_transit_key) {
+  ClearOutputs(nullptr, plain_transit_key);
   if (unwrapping_params == nullptr || encrypted_transit_key == nullptr ||
       plain_transit_key == nullptr) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;

@@ -197,7 +197,7 @@ const std::vector<ArgumentCase> kCases = {
 
     {"DecryptTransitKeyMaterial", "no set", kNullPointer, NoUnwrappingParams, {}, {kData}},
     {"DecryptTransitKeyMaterial", "no encrypted key", kNullPointer, NoWrapped, {}, {kData}},
-    {"DecryptTransitKeyMaterial", "no output", kNullPointer, NoData, {}, {kData}},
+    {"DecryptTransitKeyMaterial", "no output", kNullPointer, NoData},
     {"TransitKeyRsaDecrypt", "no wrapping key", kNullPointer, NoKey},
     {"TransitKeyRsaDecrypt", "no encrypted key", kNullPointer, NoWrapped},
     {"TransitKeyRsaDecrypt", "no output", kNullPointer, NoData},

@@ -161,10 +161,6 @@ void NoInput(Args* a) {
 }
 void WrappedPkcs8(Args* a) { a->wrapped = &fixture().pkcs8_wrapper.key; }
 void TransitKey(Args* a) { a->wrapped = &fixture().encrypted_transit_key.key; }
-void TransitKeyIntoNothing(Args* a) {
-  TransitKey(a);
-  *a->data = {};
-}
 void Payload(Args* a) {
   a->input = &fixture().transit_key.blob;
   a->wrapped = &fixture().payload.key;
@@ -221,7 +217,7 @@ const Row kRows[] = {
     {"ImportWrappedKey", "TivasKmImportWrappedKeyNew", nullptr, kImportWrapped},
     {"ImportWrappedPkcs8", "TivasKmImportWrappedKeyNew", WrappedPkcs8, kImportWrapped},
     {"UnwrappedKey", "TivasKmUnwrappedKey", nullptr, kUnwrap},
-    {"DecryptTransitKeyMaterial", "DecryptTransitKeyMaterial", TransitKeyIntoNothing,
+    {"DecryptTransitKeyMaterial", "DecryptTransitKeyMaterial", TransitKey,
      {kCmdBegin, kCmdFinish}},
     {"TransitKeyRsaDecrypt", "TransitKeyRsaDecrypt", TransitKey, {kCmdBegin, kCmdFinish}},
     {"WrappedKeyAesGcmDecrypt", "WrappedKeyAesGcmDecrypt", Payload,
