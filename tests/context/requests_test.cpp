@@ -36,12 +36,13 @@ struct Requests : RequestTest {
 
 TEST_F(Requests, SendTheirInputs) {
   const Bytes key = BlobBytes(fixture().blob.key), input = BlobBytes(fixture().input.blob),
+              secret = fixture().secrets.at("parameter"),
               ec = TwoLists({{KM_TAG_ALGORITHM, 3}, {KM_TAG_KEY_SIZE, 256}},
-                            {{KM_TAG_APPLICATION_ID, Text("client")}}),
-              client = TwoLists({}, {{KM_TAG_APPLICATION_ID, Text("client")},
-                                     {KM_TAG_APPLICATION_DATA, Text("client")}}),
-              operation = TwoLists(
-                  {}, {{KM_TAG_NONCE, Ramp(9, 12)}, {KM_TAG_ASSOCIATED_DATA, Ramp(1, 20)}}),
+                            {{KM_TAG_APPLICATION_ID, secret}}),
+              client = TwoLists(
+                  {}, {{KM_TAG_APPLICATION_ID, secret}, {KM_TAG_APPLICATION_DATA, secret}}),
+              operation =
+                  TwoLists({}, {{KM_TAG_NONCE, Ramp(9, 12)}, {KM_TAG_ASSOCIATED_DATA, secret}}),
               first_chunk(fixture().long_input.data(), fixture().long_input.data() + 0x80000);
   const struct {
     const char* request;
