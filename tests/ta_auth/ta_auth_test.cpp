@@ -40,7 +40,8 @@ Str Token(const Str& key, uint64_t timestamp) {
   return head + Mac(key, head);
 }
 
-constexpr uint32_t kShort = TEEC_ERROR_SHORT_BUFFER;
+constexpr uint32_t kShort = TEEC_ERROR_SHORT_BUFFER, kPassword = HW_AUTH_PASSWORD,
+                   kFingerprint = HW_AUTH_FINGERPRINT;
 const Ps kEcb = {{KM_TAG_BLOCK_MODE, KM_MODE_ECB}, kNoPadding};
 const Ps kAes = Key(KM_ALGORITHM_AES, kEncrypt, kEcb + P(KM_TAG_KEY_SIZE, 128));
 
@@ -124,10 +125,10 @@ TEST(Authorization, ChecksEveryByteAndParameterAndSignsTheReply) {
 TEST(Authorization, ReadsATokensTypeInEitherOrder) {
   Keymaster instance;
   const Str key = SharedKey(instance.SharingParameters());
-  for (const uint32_t type : {HW_AUTH_PASSWORD, HW_AUTH_FINGERPRINT}) {
+  for (const uint32_t type : {kPassword, kFingerprint}) {
     for (const Str& bytes : {Le(type, 4), Be(type, 4)}) {
       const Str head = TokenHead(77, 5, 0, 0).replace(25, 4, bytes);
-      for (const uint32_t wanted : {HW_AUTH_PASSWORD, HW_AUTH_FINGERPRINT}) {
+      for (const uint32_t wanted : {kPassword, kFingerprint}) {
         EXPECT_EQ(instance.Verify(head + Mac(key, head), {{KM_TAG_USER_AUTH_TYPE, wanted}}),
                   wanted == type ? 0u : Km(KM_ERROR_VERIFICATION_FAILED));
       }
