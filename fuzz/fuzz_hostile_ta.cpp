@@ -1,26 +1,22 @@
-// A hostile TA behind every method of the class: each result code, length and reply byte is the
-// fuzzer's. Whatever it does, outputs can be released and are in the state that is documented,
-// sessions are closed, and the library serves the next request.
+// A hostile TA behind every request: each result code, length and reply byte is the fuzzer's.
+// Whatever it does, outputs are as their contract says, sessions are closed, and the library serves
+// the next request.
 //
-// The input: a request's number, a byte of its variant, then what the TEE answers to its calls, and
-// the next request. An open is one byte, 1 for the TA's first session; an answer is a byte and for
-// each output a byte and its bytes. A first byte from kFailure on stands for a failure, and its
-// code follows.
-#include <keymaster/android_keymaster_utils.h>
-#include <keymaster/authorization_set.h>
-#include <keymaster_tivas_context.h>
-#include <openssl/err.h>
+// The input: a request's number in the table, a byte of its variant, then what the TEE answers to
+// its calls, and the next request. An open is one byte, 1 for the TA's first session; an answer is
+// a byte and for each output a byte and its bytes. A first byte from kFailure on stands for a
+// failure, and its code follows.
 #include <openssl/rsa.h>
 
-#include <set>
-
-#include "fuzz/scripted_tee.h"
+#include "fuzz/serve.h"
 
 // Makes an RSA key of that size at once: the numbers are no key's.
 int RSA_generate_key_ex(RSA* key, int bits, BIGNUM* e, BN_GENCB*) {
   const auto number = [](int size) {
     BIGNUM* out = BN_new();
-    if (BN_set_word(out, 1) != 1 || BN_lshift(out, out, size - 1) != 1) abort();
+    if (BN_set_word(out, 1) != 1 || BN_lshift(out, out, size - 1) != 1) {
+      abort();
+    }
     return out;
   };
   return RSA_set0_key(key, number(bits), BN_dup(e), number(bits)) == 1 &&
@@ -33,383 +29,233 @@ namespace {
 using fuzz::Bytes;
 using fuzz::Check;
 using fuzz::Input;
+using test::Args;
+using test::Request;
 
-constexpr uint8_t kFailure = 0xE0;
 constexpr int kMostRequests = 6;
-
-keymaster::KeymasterTivasContext g_km;
 
 // ---- The TEE
 
-// The codes of the failures that the present request met.
-std::set<uint32_t> g_failures;
+constexpr uint8_t kFailure = 0xE0;
+constexpr uint8_t kUsual = 1;    // of a reference: what a well-behaved TA answers
+constexpr uint8_t kChanged = 2;  // the same with bytes of the fuzzer's somewhere
+
 // The last value that the TA returned.
 uint64_t g_value = 0;
 
-TEEC_Result TakeResult(Input* input, uint8_t kind) {
-  if (kind < kFailure) return TEEC_SUCCESS;
-  const uint32_t code = input->U32();
-  return *g_failures.insert(code != 0 ? code : 1).first;
+TEEC_Result ReadResult(Input* input, uint8_t kind) {
+  return kind < kFailure ? TEEC_SUCCESS : std::max(1u, input->U32());
 }
 
 TEEC_Result Open(Input* input, TEEC_Operation* operation) {
   const uint8_t kind = input->U8();
   operation->params[0].value.a = kind;
-  return TakeResult(input, kind);
+  return ReadResult(input, kind);
+}
+
+// No byte is that of unwritten outputs, so that what was written shows.
+Bytes Written(Bytes bytes) {
+  static const uint8_t unwritten = test::Outputs().hmac[0][0];
+  std::replace(bytes.begin(), bytes.end(), unwritten, static_cast<uint8_t>(unwritten + 1));
+  return bytes;
 }
 
 // Answers into one reference: the bytes and their number, or a number of the fuzzer's.
-void AnswerReference(Input* input, TEEC_TempMemoryReference* output) {
+void AnswerReference(Input* input, const Bytes& usual, TEEC_TempMemoryReference* output) {
   const uint8_t kind = input->U8();
-  fuzz::Write(input->TakeSized(), output);
-  if (kind >= kFailure) output->size = input->U32();
+  Bytes bytes = usual;
+  if (kind == kChanged) {
+    const size_t at = std::min<size_t>(input->U16(), usual.size());
+    const Bytes change = input->ReadSized();
+    std::copy_n(change.begin(), std::min(change.size(), usual.size() - at),
+                bytes.begin() + static_cast<ptrdiff_t>(at));
+  } else if (kind != kUsual) {
+    bytes = input->ReadSized();
+  }
+  fuzz::Write(Written(bytes), output);
+  if (kind >= kFailure) {
+    output->size = input->U32();
+  }
 }
 
-TEEC_Result Invoke(Input* input, TEEC_Operation* operation) {
-  const TEEC_Result result = TakeResult(input, input->U8());
+TEEC_Result Invoke(Input* input, uint32_t command, TEEC_Operation* operation) {
+  const test::Answer usual = test::AnswerTo(command, *operation);
+  const TEEC_Result result = ReadResult(input, input->U8());
   for (unsigned i = 0; i < 4; ++i) {
     TEEC_Parameter* param = &operation->params[i];
-    switch (TEEC_PARAM_TYPE_GET(operation->paramTypes, i)) {
-      case TEEC_VALUE_OUTPUT:
-      case TEEC_VALUE_INOUT:
-        param->value.a = input->U32();
-        param->value.b = input->U32();
-        g_value = param->value.a | uint64_t{param->value.b} << 32;
-        break;
-      case TEEC_MEMREF_TEMP_OUTPUT:
-      case TEEC_MEMREF_TEMP_INOUT:
-        AnswerReference(input, &param->tmpref);
-        break;
-      default:
-        break;
+    const uint32_t type = TEEC_PARAM_TYPE_GET(operation->paramTypes, i);
+    if (type == TEEC_VALUE_OUTPUT || type == TEEC_VALUE_INOUT) {
+      const Bytes bytes = Written(test::Le64(input->U64()));
+      Input value(bytes.data(), bytes.size());
+      param->value.a = value.U32();
+      param->value.b = value.U32();
+      g_value = param->value.a | uint64_t{param->value.b} << 32;
+    } else if (fuzz::IsOutput(operation->paramTypes, i)) {
+      const auto bytes = usual.outputs.find(i);
+      AnswerReference(input, bytes == usual.outputs.end() ? Bytes() : bytes->second,
+                      &param->tmpref);
     }
   }
   return result;
 }
 
-// ---- Outputs
-
-uint8_t g_garbage[8];
-constexpr size_t kGarbageLength = 77;
-
-// What a request may write; all of it begins as garbage.
-struct Outputs {
-  keymaster_key_blob_t key = {g_garbage, kGarbageLength};
-  keymaster_key_param_set_t set = {reinterpret_cast<keymaster_key_param_t*>(g_garbage),
-                                   kGarbageLength};
-  keymaster_key_characteristics_t traits = {set, set};
-  keymaster_blob_t data = {g_garbage, kGarbageLength};
-  keymaster_cert_chain_t chain = {reinterpret_cast<keymaster_blob_t*>(g_garbage), kGarbageLength};
-  unsigned long number = kGarbageLength;
-};
-
-// What a request promises of its outputs, each by its letter.
-struct Promise {
-  const char* writes;  // on success
-  const char* may;     // a failure of the library's own may leave it empty
-  const char* must;    // every failure leaves it empty; a V among them: what was verified stays
-};
-
-bool Has(const char* letters, char letter) { return strchr(letters, letter) != nullptr; }
-
-// Checks an output that may be as it was, empty or whole, and releases it.
-template <typename T>
-void Settle(T* output, const void* bytes, size_t length, int32_t result, char letter,
-            const Promise& promise) {
-  const bool failed = result != 0;
-  if (bytes == g_garbage) {
-    Check(length == kGarbageLength, "an output is written as a whole");
-    Check(failed || !Has(promise.writes, letter), "a success writes this output");
-    Check(!failed || !Has(promise.must, letter), "a failure leaves this output empty");
-    return;
+// The TA of the table, which is well-behaved.
+TEEC_Result AnswerWell(uint32_t command, TEEC_Operation* operation) {
+  const test::Answer answer = test::AnswerTo(command, *operation);
+  for (unsigned i = 0; i < 4; ++i) {
+    if (fuzz::IsOutput(operation->paramTypes, i)) {
+      const auto bytes = answer.outputs.find(i);
+      fuzz::Write(bytes == answer.outputs.end() ? Bytes() : bytes->second,
+                  &operation->params[i].tmpref);
+    }
   }
-  // What the TEE refuses comes back with its code, before anything was made of a reply; only
-  // operations clear their data before they ask.
-  const bool refused = letter != 'd' && g_failures.count(static_cast<uint32_t>(result)) != 0;
-  const bool may_be_whole = Has(promise.must, 'V') && !refused;
-  Check(!failed || may_be_whole || (bytes == nullptr && length == 0), "a failure leaves no output");
-  Check(!failed || (Has(promise.may, letter) && !refused) || Has(promise.must, letter),
-        "a failure leaves this output untouched");
-  fuzz::Release(output);
+  operation->params[3].value = answer.value.value_or(operation->params[3].value);
+  return answer.result;
 }
-
-void SettleAll(Outputs* out, int32_t result, const Promise& promise) {
-  const auto settle_set = [&](keymaster_key_param_set_t* set, char letter) {
-    Settle(set, set->params, set->length, result, letter, promise);
-  };
-  Settle(&out->key, out->key.key_material, out->key.key_material_size, result, 'k', promise);
-  settle_set(&out->traits.hw_enforced, 't');
-  settle_set(&out->traits.sw_enforced, 't');
-  settle_set(&out->set, 'p');
-  Settle(&out->data, out->data.data, out->data.data_length, result, 'd', promise);
-  Settle(&out->chain, out->chain.entries, out->chain.entry_count, result, 'c', promise);
-  Check(result == 0 || out->number == kGarbageLength, "a failure leaves the number untouched");
-}
-
-// ---- What requests are made of
-
-const uint8_t kText[] = "some bytes of the caller's, 32 .";
-const keymaster_key_blob_t kKey = {kText, 32};
-const keymaster_blob_t kBlob = {kText, 32};
-
-keymaster_key_param_t Number(keymaster_tag_t tag, uint64_t value) {
-  keymaster_key_param_t param = {};
-  param.tag = tag;
-  param.long_integer = value;
-  return param;
-}
-
-keymaster_key_param_t Text(keymaster_tag_t tag) {
-  keymaster_key_param_t param = {};
-  param.tag = tag;
-  param.blob = kBlob;
-  return param;
-}
-
-keymaster_key_param_set_t RsaParams(uint8_t variant) {
-  static keymaster_key_param_t params[3];
-  params[0] = Number(KM_TAG_ALGORITHM, KM_ALGORITHM_RSA);
-  params[1] = Number(KM_TAG_KEY_SIZE, 8u * variant);
-  params[2] = Number(KM_TAG_RSA_PUBLIC_EXPONENT, 65537);
-  return {params, 3};
-}
-
-const keymaster_key_param_set_t* Params() {
-  static keymaster_key_param_t params[] = {
-      Number(KM_TAG_ALGORITHM, KM_ALGORITHM_EC), Text(KM_TAG_ASSOCIATED_DATA),
-      Number(KM_TAG_OS_VERSION, 110000), Number(KM_TAG_OS_PATCHLEVEL, 202011)};
-  static const keymaster_key_param_set_t set = {params, 4};
-  return &set;
-}
-
-keymaster_blob_t InputOf(uint8_t variant) {
-  static const Bytes bytes(0x80000 + 1);
-  constexpr size_t kLengths[] = {32, 0, 1, 16, 4032, 4033, 4096, 8000, 0x80000 + 1};
-  return {bytes.data(), kLengths[variant % std::size(kLengths)]};
-}
-
-// A wrapper of a raw AES key with a user secure id and an auth token.
-Bytes Wrapper() {
-  Bytes out = {0x30, 0x82, 1, 0xAD, 2, 1, 0, 4, 0x82, 1, 0};
-  const auto append = [&out](const Bytes& bytes) {
-    out.insert(out.end(), bytes.begin(), bytes.end());
-  };
-  append(Bytes(256, 0x11));
-  append({4, 12});
-  append(Bytes(12, 0x22));
-  append({0x30, 98, 2,    1,    3,    0x30, 93, 0xA2, 3, 2,    1,    32,   0xA3, 4, 2, 2,
-          1,    0,  0xBF, 0x83, 0x76, 3,    2,  1,    7, 0xBF, 0x87, 0x6A, 71,   4, 69});
-  Bytes token(69);
-  token[25] = HW_AUTH_FINGERPRINT;
-  append(token);
-  append({4, 32});
-  append(Bytes(32, 0x33));
-  append({4, 16});
-  append(Bytes(16, 0x44));
-  return out;
-}
-
-// A blob of the kinds that own their bytes.
-template <typename Blob>
-struct Held : keymaster::TKeymasterBlob<Blob> {
-  explicit Held(const Bytes& bytes) {
-    keymaster::BlobData(*this) = keymaster::dup_buffer(bytes.data(), bytes.size());
-    keymaster::BlobSize(*this) = bytes.size();
-  }
-};
 
 // ---- Requests
 
-using Run = int32_t (*)(uint8_t variant, Outputs* out);
+// The table's, and the two that no TA sees.
+const std::vector<Request>& AllRequests() {
+  static const test::Method init = {"InitTeeContext", [](const Args&) {
+                                      return keymaster::KeymasterTivasContext().InitTeeContext();
+                                    }};
+  static const test::Method finish = {
+      "FinishTeeContext",
+      [](const Args&) { return keymaster::KeymasterTivasContext().FinishTeeContext(); }};
+  static const std::vector<Request> all = [] {
+    std::vector<Request> requests = test::Requests();
+    requests.push_back({"InitTeeContext", &init, nullptr, {}});
+    requests.push_back({"FinishTeeContext", &finish, nullptr, {}});
+    return requests;
+  }();
+  return all;
+}
 
-struct Request {
-  uint8_t number;  // the command's, where it is but one
-  Promise promise;
-  Run run;
+// A change of a request's arguments, in which a number may make a difference.
+struct Variant {
+  const char* methods;
+  void (*set)(Args* args, uint8_t number);
 };
 
-int32_t Verify(uint8_t, Outputs* out) {
-  out->set = {};
-  TsVerificationToken token = {};
-  token.parameters_verified = &out->set;
-  return g_km.TivasVerifyAuthorization(5, Params(), &kBlob, &token);
+void SetInputLength(Args* args, uint8_t number) {
+  static const Bytes bytes(0x80000 + 1);
+  constexpr size_t kLengths[] = {0, 1, 16, 32, 4032, 4033, 4096, 8000, 0x80000 + 1};
+  static keymaster_blob_t input;
+  input = {bytes.data(), kLengths[number % std::size(kLengths)]};
+  args->input = args->input != nullptr ? &input : nullptr;
 }
 
-int32_t Unwrap(uint8_t variant, Outputs* out) {
-  const Held<keymaster_key_blob_t> wrapper(Wrapper());
-  keymaster_key_blob_t key = kKey;
-  keymaster_key_blob_t mask = {kText, variant % 33u};
-  keymaster_key_param_set_t none = {};
-  keymaster::AuthorizationSet list;
-  keymaster_key_format_t format = KM_KEY_FORMAT_RAW;
-  out->data = {};
-  return g_km.TivasKmUnwrappedKey(&wrapper, &key, &none, &mask, &list, &format, &out->data);
+void SetMaskLength(Args* args, uint8_t number) {
+  static keymaster_key_blob_t mask;
+  mask = {args->mask->key_material, number % (args->mask->key_material_size + 1)};
+  args->mask = &mask;
 }
 
-int32_t ImportWrapped(uint8_t variant, Outputs* out) {
-  static const Bytes bytes = Wrapper();
-  const keymaster_key_blob_t wrapper = {bytes.data(), bytes.size()};
-  const keymaster_key_blob_t mask = {kText, 32u - variant % 33u};
-  const keymaster_key_param_set_t none = {};
-  return g_km.TivasKmImportWrappedKeyNew(&wrapper, &kKey, &mask, &none, 1, 2, &out->key,
-                                         &out->traits);
+void SetRsaSize(Args* args, uint8_t number) {
+  static test::ParamSet params({{KM_TAG_ALGORITHM, KM_ALGORITHM_RSA},
+                                {KM_TAG_KEY_SIZE, 0},
+                                {KM_TAG_RSA_PUBLIC_EXPONENT, 65537}});
+  params[1].integer = 128u * number;
+  args->params = params.get();
 }
 
-int32_t DecryptTransitKey(uint8_t, Outputs* out) {
-  Held<keymaster_key_blob_t> transit(Bytes(256));
-  keymaster_key_blob_t key = kKey;
-  keymaster_key_param_set_t none = {};
-  out->data = {};
-  return g_km.DecryptTransitKeyMaterial(&key, &none, &transit, &out->data);
-}
-
-int32_t DecryptMaterial(uint8_t, Outputs* out) {
-  keymaster_blob_t transit = kBlob;
-  Held<keymaster_blob_t> iv(Bytes(12)), description(Bytes(20));
-  Held<keymaster_key_blob_t> payload(Bytes(48));
-  return g_km.WrappedKeyAesGcmDecrypt(&transit, &iv, &description, &payload, &out->data);
-}
-
-const Request kRequests[] = {
-    {1,
-     {"", "", ""},
-     [](uint8_t, Outputs*) { return g_km.Initialize(keymaster::KmVersion::KEYMASTER_4_1); }},
-    {101, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.TivasKmConfigure(Params()); }},
-    {102, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.InitTeeContext(); }},
-    {103, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.FinishTeeContext(); }},
-    {2,
-     {"k", "kt", ""},
-     [](uint8_t v, Outputs* o) {
-       return g_km.TivasKmGenerateKey(Params(), &o->key, v == 1 ? nullptr : &o->traits);
-     }},
-    {104,
-     {"kt", "kt", ""},
-     [](uint8_t v, Outputs* o) {
-       const keymaster_key_param_set_t params = RsaParams(v);
-       return g_km.TivasKmGenerateKey(&params, &o->key, &o->traits);
-     }},
-    {3,
-     {"t", "t", ""},
-     [](uint8_t v, Outputs* o) {
-       return g_km.TivasKmGetKeyCharacteristics(&kKey, v == 1 ? &kBlob : nullptr, nullptr,
-                                                &o->traits);
-     }},
-    {4,
-     {"k", "kt", ""},
-     [](uint8_t v, Outputs* o) {
-       return g_km.TivasKmImportKey(Params(), KM_KEY_FORMAT_RAW, &kBlob, &o->key,
-                                    v == 1 ? nullptr : &o->traits);
-     }},
-    {5,
-     {"d", "", "d"},
-     [](uint8_t v, Outputs* o) {
-       return g_km.TivasKmExportKey(KM_KEY_FORMAT_X509, &kKey, &kBlob, v == 1 ? &kBlob : nullptr,
-                                    &o->data);
-     }},
-    {6,
-     {"c", "c", ""},
-     [](uint8_t, Outputs* o) { return g_km.TivasKmAttestKey(&kKey, Params(), &o->chain); }},
-    {7,
-     {"", "", ""},
-     [](uint8_t, Outputs* o) { return g_km.TivasKmUpgradeKey(&kKey, Params(), &o->key); }},
-    {8,
-     {"p", "", "p"},
-     [](uint8_t v, Outputs* o) {
-       const int32_t result = g_km.TivasKmBegin(KM_PURPOSE_SIGN, &kKey, v == 1 ? nullptr : Params(),
-                                                &o->set, &o->number);
-       Check(result != 0 || o->number == g_value, "the handle is the TA's");
-       return result;
-     }},
-    {9,
-     {"pd", "", "pd"},
-     [](uint8_t v, Outputs* o) {
-       const keymaster_blob_t input = InputOf(v);
-       const int32_t result =
-           g_km.TivasKmUpdate(7, Params(), &input, &o->number, &o->set, &o->data);
-       Check(result != 0 || o->number == input.data_length, "all input is consumed");
-       return result;
-     }},
-    {109,
-     {"pd", "", "pd"},
-     [](uint8_t, Outputs* o) {
-       return g_km.TivasKmUpdate(7, Params(), nullptr, nullptr, &o->set, &o->data);
-     }},
-    {10,
-     {"pd", "", "pd"},
-     [](uint8_t v, Outputs* o) {
-       const keymaster_blob_t input = InputOf(v);
-       return g_km.TivasKmFinishNew(7, Params(), &input, &kBlob, &o->set, &o->data);
-     }},
-    {11, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.TivasKmAbort(7); }},
-    {31, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.TivasKmDeletekey(&kKey); }},
-    {39, {"", "", "pV"}, Verify},
-    {40, {"", "", ""}, [](uint8_t, Outputs*) { return g_km.TivasKmEarlyBootEnded(); }},
-    {41, {"", "", ""}, [](uint8_t v, Outputs*) { return g_km.TivasKmDeviceLocked(v == 1); }},
-    {64,
-     {"", "", ""},
-     [](uint8_t, Outputs*) {
-       uint8_t first[32], second[32];
-       return g_km.TivasgetHmacSharingParameters(first, 32, second, 32);
-     }},
-    {65,
-     {"d", "", "d"},
-     [](uint8_t, Outputs* o) {
-       uint8_t params[64] = {};
-       return g_km.TivascomputeSharedHmac(params, 64, &o->data);
-     }},
-    {120, {"kt", "kt", ""}, ImportWrapped},
-    {121, {"d", "", "d"}, Unwrap},
-    {122, {"d", "", "d"}, DecryptTransitKey},
-    {123, {"d", "d", ""}, DecryptMaterial},
+const Variant kVariants[] = {
+    {"TivasKmGenerateKey", SetRsaSize},
+    {"TivasKmGenerateKey TivasKmImportKey TivasKmImportWrappedKeyNew",
+     [](Args* args, uint8_t) { args->characteristics = nullptr; }},
+    {"TivasKmImportWrappedKeyNew TivasKmUnwrappedKey", SetMaskLength},
+    {"TivasKmExportKey TivasKmGetKeyCharacteristics",
+     [](Args* args, uint8_t) { args->client_id = nullptr; }},
+    {"TivasKmExportKey TivasKmGetKeyCharacteristics",
+     [](Args* args, uint8_t) { args->app_data = nullptr; }},
+    {"TivasKmUpdate TivasKmFinishNew TivasKmFinishLarge", SetInputLength},
+    {"TivasKmBegin TivasKmFinish TivasKmFinishNew",
+     [](Args* args, uint8_t) { args->params = nullptr; }},
+    {"TivasKmBegin TivasKmUpdate TivasKmFinish TivasKmFinishNew TivasKmFinishLarge",
+     [](Args* args, uint8_t) { args->out_params = nullptr; }},
+    {"TivasKmUpdate TivasKmFinish TivasKmFinishNew",
+     [](Args* args, uint8_t) { args->data = nullptr; }},
+    {"TivasKmFinish TivasKmFinishNew", [](Args* args, uint8_t) { args->input = nullptr; }},
+    {"TivasKmFinish TivasKmFinishNew TivasKmFinishLarge",
+     [](Args* args, uint8_t) { args->signature = nullptr; }},
+    {"TivasKmDeviceLocked", [](Args* args, uint8_t) { args->password_only = false; }},
 };
 
-const Request& Find(uint8_t number) {
-  for (const Request& request : kRequests) {
-    if (request.number == number) return request;
+// Has one variant of the request, or none.
+void Vary(const std::string& method, uint8_t number, Args* args) {
+  std::vector<const Variant*> fitting = {nullptr};
+  for (const Variant& variant : kVariants) {
+    if ((std::string(variant.methods) + " ").find(method + " ") != std::string::npos) {
+      fitting.push_back(&variant);
+    }
   }
-  return kRequests[number % std::size(kRequests)];
+  const auto count = static_cast<uint8_t>(fitting.size());
+  if (const Variant* variant = fitting[number % count]) {
+    variant->set(args, number / count);
+  }
 }
 
-void ServeOneMore(bool context_changed) {
+// What the contract does not say: whose numbers they are, and that the TA hears of an operation
+// that nobody will use.
+void CheckOperation(const std::string& method, int32_t result, const Args& args) {
+  const bool begin = method == "TivasKmBegin";
+  if (!begin && (method != "TivasKmUpdate" || args.input == nullptr)) {
+    return;
+  }
+  if (result == 0) {
+    Check(*args.number == (begin ? g_value : args.input->data_length),
+          begin ? "the handle is the TA's" : "all input is consumed");
+  } else if (result == KM_ERROR_MEMORY_ALLOCATION_FAILED && fuzz::tee_record().failures.empty()) {
+    Check(fuzz::tee_record().aborts == 1, "what cannot be decoded ends its operation");
+  }
+}
+
+fuzz::Served ServeWell(const Request& request) {
   fuzz::tee() = {};
-  if (context_changed) Check(g_km.InitTeeContext() == 0, "the library can begin anew");
-  Bytes reply(24);
-  reply[0] = 1;
-  reply[4] = 3;
-  reply[7] = 0x30;
-  reply[9] = 1;
-  fuzz::AnswerWith(3, 2, reply);
-  keymaster_key_characteristics_t traits = {};
-  Check(g_km.TivasKmGetKeyCharacteristics(&kKey, nullptr, nullptr, &traits) == 0,
-        "the next request is served");
-  Check(traits.hw_enforced.length == 1 && traits.hw_enforced.params[0].tag == KM_TAG_KEY_SIZE,
+  fuzz::tee().invoke = AnswerWell;
+  fuzz::EnsureTeeContext();
+  return fuzz::Serve(request);
+}
+
+// The request of that number is served as it was before any other.
+void CheckServed(size_t number) {
+  static const std::vector<fuzz::Served> expected = [] {
+    std::vector<fuzz::Served> all;
+    for (const Request& request : test::Requests()) {
+      all.push_back(ServeWell(request));
+      Check(all.back().result == 0, "every request is served");
+    }
+    return all;
+  }();
+  number %= expected.size();
+  const fuzz::Served served = ServeWell(test::Requests()[number]);
+  Check(served.result == 0 && served.observed == expected[number].observed,
         "the next request has its answer");
-  fuzz::Release(&traits);
 }
 
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::EnsureTeeContext();
+  static const bool served_all = (CheckServed(0), true);
+  Check(served_all, "all requests are served at first");
   Input input(data, size);
-  fuzz::tee().initialize = [&input] { return TakeResult(&input, input.U8()); };
+  fuzz::tee().initialize = [&input] { return ReadResult(&input, input.U8()); };
   fuzz::tee().open = [&input](TEEC_Operation* operation) { return Open(&input, operation); };
-  fuzz::tee().invoke = [&input](uint32_t, TEEC_Operation* operation) {
-    return Invoke(&input, operation);
+  fuzz::tee().invoke = [&input](uint32_t command, TEEC_Operation* operation) {
+    return Invoke(&input, command, operation);
   };
-  bool context_changed = false;
+  size_t number = 0;
   for (int i = 0; i < kMostRequests && !input.empty(); ++i) {
-    const Request& request = Find(input.U8());
+    number = input.U8() % AllRequests().size();
+    const Request& request = AllRequests()[number];
+    const std::string method = request.method->name;
     const uint8_t variant = input.U8();
-    Outputs out;
-    g_failures.clear();
-    const int32_t result = request.run(variant, &out);
-    SettleAll(&out, result, request.promise);
-    context_changed |= request.number == 1 || request.number == 102 || request.number == 103;
-    Check(fuzz::OpenSessions() == 0, "every session but the TA's first is closed");
+    fuzz::Serve(
+        request, [&](Args* args) { Vary(method, variant, args); },
+        [&](int32_t result, const Args& args) { CheckOperation(method, result, args); });
   }
   fuzz::DropFirstSessions();
-  ServeOneMore(context_changed);
-  ERR_clear_error();
+  CheckServed(number);
   return 0;
 }

@@ -1,12 +1,12 @@
 // The parameter-set reply of operations: one list, and byte values in an area behind it.
 #include <keymaster_ts.h>
 
-#include "fuzz/input.h"
+#include "fuzz/serve.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  keymaster_key_param_set_t set = {};
-  const int32_t result = BuildKeyParamSet(&set, data, static_cast<uint32_t>(size));
-  if (result != 0) fuzz::Check(fuzz::IsEmpty(set), "a failure leaves the set empty");
-  fuzz::Release(&set);
+  test::Outputs outputs;
+  outputs.params = {};
+  const int32_t result = BuildKeyParamSet(&outputs.params, data, static_cast<uint32_t>(size));
+  fuzz::Judge(&outputs, test::kParams, result);
   return 0;
 }

@@ -4,18 +4,19 @@
 
 #include <set>
 
-#include "fuzz/input.h"
+#include "fuzz/serve.h"
+#include "wire/ta_protocol.h"
 
 namespace {
 
 using fuzz::Bytes;
 using fuzz::Check;
-using List = std::vector<keymaster_key_param_t>;
+using fuzz::Params;
 
 constexpr size_t kMostParams = 300;
 
-bool DefinesKey(keymaster_tag_t tag) {
-  static const std::set<keymaster_tag_t> tags = {
+bool DefinesKey(uint32_t tag) {
+  static const std::set<uint32_t> tags = {
       KM_TAG_ALGORITHM,       KM_TAG_KEY_SIZE,
       KM_TAG_PURPOSE,         KM_TAG_RSA_PUBLIC_EXPONENT,
       KM_TAG_BLOCK_MODE,      KM_TAG_DIGEST,
@@ -26,103 +27,129 @@ bool DefinesKey(keymaster_tag_t tag) {
   return tags.count(tag) != 0;
 }
 
-bool SameValue(const keymaster_key_param_t& given, const keymaster_key_param_t& decoded) {
-  if (fuzz::HasBytes(given.tag)) {
-    const size_t length = given.blob.data_length;
-    return decoded.blob.data_length == length && (decoded.blob.data == nullptr) == (length == 0) &&
-           (length == 0 || memcmp(decoded.blob.data, given.blob.data, length) == 0);
+keymaster_key_param_t PlatformParam(const test::Param& param) {
+  keymaster_key_param_t out = {};
+  out.tag = static_cast<keymaster_tag_t>(param.tag);
+  if (!test::IsByteValued(param.tag)) {
+    out.long_integer = std::get<uint64_t>(param.value);
+  } else if (const Bytes& bytes = std::get<Bytes>(param.value); !bytes.empty()) {
+    out.blob = test::Blob(bytes);
   }
-  if (fuzz::HasU64(given.tag)) return decoded.long_integer == given.long_integer;
-  switch (fuzz::TypeOf(given.tag)) {
-    case 1:
-    case 2:
-    case 3:
-    case 4:
-      return decoded.integer == given.integer;
-    case 7:
-      return decoded.boolean == ((given.integer & 0xFF) != 0);
+  return out;
+}
+
+// Tags of no kind carry no value.
+bool SameValue(const test::Param& sent, const keymaster_key_param_t& decoded) {
+  if (test::IsByteValued(sent.tag)) {
+    return test::BlobBytes(decoded.blob) == std::get<Bytes>(sent.value) &&
+           (decoded.blob.data == nullptr) == (decoded.blob.data_length == 0);
+  }
+  const auto value = std::get<uint64_t>(sent.value);
+  switch (static_cast<keymaster_tag_type_t>(sent.tag & 0xF0000000)) {
+    case KM_ENUM:
+    case KM_ENUM_REP:
+    case KM_UINT:
+    case KM_UINT_REP:
+      return decoded.integer == static_cast<uint32_t>(value);
+    case KM_ULONG:
+    case KM_DATE:
+    case KM_ULONG_REP:
+      return decoded.long_integer == value;
+    case KM_BOOL:
+      return decoded.boolean == (static_cast<uint8_t>(value) != 0);
     default:
       return true;
   }
 }
 
-void CheckSame(const List& given, const keymaster_key_param_set_t& decoded) {
-  Check(decoded.length == given.size(), "as many parameters as were serialised");
-  for (size_t i = 0; i < given.size(); ++i) {
-    Check(decoded.params[i].tag == given[i].tag, "the tags, in order");
-    Check(SameValue(given[i], decoded.params[i]), "the values");
+void CheckSame(const Params& sent, const keymaster_key_param_set_t& decoded) {
+  Check(decoded.length == sent.size(), "as many parameters as were serialised");
+  for (size_t i = 0; i < sent.size(); ++i) {
+    Check(static_cast<uint32_t>(decoded.params[i].tag) == sent[i].tag, "the tags, in order");
+    Check(SameValue(sent[i], decoded.params[i]), "the values");
   }
 }
 
-// Decodes one list of the buffer on its own, as operations' replies come.
-void CheckOneList(const List& given, const Bytes& entries, const Bytes& area) {
-  Bytes reply = entries;
-  reply.insert(reply.end(), area.begin(), area.end());
-  keymaster_key_param_set_t set = {};
-  Check(BuildKeyParamSet(&set, reply.data(), static_cast<uint32_t>(reply.size())) == 0,
+// Decodes one list on its own, as operations' replies come.
+void CheckOneList(const Params& sent, const Bytes& reply) {
+  test::Outputs outputs;
+  outputs.params = {};
+  Check(BuildKeyParamSet(&outputs.params, reply.data(), static_cast<uint32_t>(reply.size())) == 0,
         "one list decodes");
-  CheckSame(given, set);
-  fuzz::Release(&set);
+  CheckSame(sent, outputs.params);
+  fuzz::Judge(&outputs, test::kParams, 0);
+}
+
+void CheckTwoLists(const Params (&sent)[2], const Bytes& wire) {
+  test::Outputs outputs;
+  keymaster_key_characteristics_t& decoded = outputs.characteristics = {};
+  Check(BuildKeyCharacter(wire.data(), static_cast<uint32_t>(wire.size()), &decoded) == 0,
+        "what is serialised decodes");
+  CheckSame(sent[0], decoded.hw_enforced);
+  CheckSame(sent[1], decoded.sw_enforced);
+  fuzz::Judge(&outputs, test::kCharacteristics, 0);
+}
+
+Bytes Released(uint8_t* buffer, uint32_t size) {
+  const Bytes out(buffer, buffer + size);
+  free(buffer);
+  return out;
 }
 
 // Serialises two lists, made by adding one parameter at a time.
-Bytes AddOneByOne(const List (&given)[2]) {
+Bytes AddOneByOne(const Params (&given)[2]) {
   KmParams lists[2];
   for (int i = 0; i < 2; ++i) {
     Check(InitKmParams(&lists[i]) == 0, "a new list");
-    for (const keymaster_key_param_t& param : given[i]) {
-      Check(AddKmParams(&lists[i], &param) == 0, "a parameter is added");
+    for (const test::Param& param : given[i]) {
+      const keymaster_key_param_t added = PlatformParam(param);
+      Check(AddKmParams(&lists[i], &added) == 0, "a parameter is added");
     }
   }
   uint8_t* buffer = nullptr;
   uint32_t size = 0;
   Check(SerializeKmParams(&lists[0], &lists[1], &buffer, &size) == 0, "both are serialised");
-  const Bytes out(buffer, buffer + size);
-  free(buffer);
-  for (KmParams& list : lists) FreeKmParams(&list);
-  return out;
+  for (KmParams& list : lists) {
+    FreeKmParams(&list);
+  }
+  return Released(buffer, size);
 }
 
-void CheckTwoLists(const List (&given)[2], const uint8_t* buffer, uint32_t length) {
-  keymaster_key_characteristics_t decoded = {};
-  Check(BuildKeyCharacter(buffer, length, &decoded) == 0, "what is serialised decodes");
-  CheckSame(given[0], decoded.hw_enforced);
-  CheckSame(given[1], decoded.sw_enforced);
-  fuzz::Release(&decoded);
-}
-
-// No tag of the first list carries bytes, but a list that a caller makes may.
-void CheckAnySplit(const List& params) {
-  List halves[2];
-  for (size_t i = 0; i < params.size(); ++i) halves[i % 2].push_back(params[i]);
-  const Bytes buffer = AddOneByOne(halves);
-  CheckTwoLists(halves, buffer.data(), static_cast<uint32_t>(buffer.size()));
+Bytes AddAtOnce(const Params& params) {
+  std::vector<keymaster_key_param_t> array;
+  for (const test::Param& param : params) {
+    array.push_back(PlatformParam(param));
+  }
+  const keymaster_key_param_set_t set = {array.data(), array.size()};
+  uint8_t* buffer = nullptr;
+  uint32_t size = 0;
+  Check(BuildKmParams(&set, &buffer, &size) == 0, "any set is serialised");
+  return Released(buffer, size);
 }
 
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::Input input(data, size);
-  fuzz::ParamList list = fuzz::TakeParams(&input, kMostParams);
-  List given[2];
-  for (const keymaster_key_param_t& param : list.params) {
-    given[DefinesKey(param.tag) ? 0 : 1].push_back(param);
+  const Params params = fuzz::ReadParams(&input, kMostParams);
+  // No tag of the first list carries bytes, but a list that a caller makes may.
+  Params by_tag[2], alternating[2];
+  for (size_t i = 0; i < params.size(); ++i) {
+    by_tag[DefinesKey(params[i].tag) ? 0 : 1].push_back(params[i]);
+    alternating[i % 2].push_back(params[i]);
   }
-  uint8_t* buffer = nullptr;
-  uint32_t length = 0;
-  const keymaster_key_param_set_t set = list.set();
-  Check(BuildKmParams(&set, &buffer, &length) == 0, "any set is serialised");
+  const Bytes wire = AddAtOnce(params);
+  CheckTwoLists(by_tag, wire);
+  Check(AddOneByOne(by_tag) == wire, "one by one gives the same bytes");
+  CheckTwoLists(alternating, AddOneByOne(alternating));
 
-  CheckTwoLists(given, buffer, length);
-  const uint8_t* second = buffer + 4 + 16 * given[0].size();
-  const uint8_t* area = second + 4 + 16 * given[1].size();
-  const Bytes values(area, static_cast<const uint8_t*>(buffer) + length);
-  CheckOneList(given[0], Bytes(static_cast<const uint8_t*>(buffer), second), values);
-  CheckOneList(given[1], Bytes(second, area), values);
-  const Bytes added = AddOneByOne(given);
-  Check(added.size() == length && memcmp(added.data(), buffer, length) == 0,
-        "one by one gives the same bytes");
-  CheckAnySplit(list.params);
-  free(buffer);
+  const size_t first = 4 + km41::kParamEntrySize * by_tag[0].size();
+  const size_t lists = first + 4 + km41::kParamEntrySize * by_tag[1].size();
+  const auto part = [&wire](size_t from, size_t to) {
+    return Bytes(&wire[0] + from, &wire[0] + to);
+  };
+  const Bytes area = part(lists, wire.size());
+  CheckOneList(by_tag[0], test::Cat({part(0, first), area}));
+  CheckOneList(by_tag[1], test::Cat({part(first, lists), area}));
   return 0;
 }

@@ -8,13 +8,14 @@
 
 #include "fuzz/ta_world.h"
 #include "ta/hmac_sharing.h"
+#include "wire/ta_protocol.h"
 
 namespace {
 
 using fuzz::Bytes;
 using fuzz::Check;
 using fuzz::Input;
-using fuzz::Param;
+using fuzz::Slot;
 using fuzz::World;
 
 constexpr int kMostCommands = 12;
@@ -24,9 +25,11 @@ constexpr size_t kMostParams = 40;
 // operation's handle.
 Bytes CompleteToken(const World& world, Bytes token) {
   constexpr size_t kSigned = 37;
-  if (token.size() != kSigned) return token;
+  if (token.size() != kSigned) {
+    return token;
+  }
   if (std::all_of(&token[1], &token[9], [](uint8_t byte) { return byte == 0xFF; })) {
-    const Bytes handle = fuzz::HandleBytes(world, static_cast<uint8_t>(world.handles.size() - 1));
+    const Bytes handle = fuzz::HandleBytes(world, world.handles.size() - 1);
     std::copy(handle.begin(), handle.end(), &token[1]);
   }
   const auto mac = ta::SharedHmac(token);
@@ -34,22 +37,25 @@ Bytes CompleteToken(const World& world, Bytes token) {
   return token;
 }
 
-Bytes TakeParameterList(const World& world, Input* input) {
-  const fuzz::ParamList list = fuzz::TakeParams(input, kMostParams);
-  std::vector<fuzz::WireParam> wire;
-  for (const keymaster_key_param_t& param : list.params) {
-    if (!fuzz::HasBytes(param.tag)) {
-      wire.push_back({param.tag, param.long_integer, {}});
-      continue;
+Bytes ReadParameterList(const World& world, Input* input) {
+  fuzz::Params params = fuzz::ReadParams(input, kMostParams);
+  for (test::Param& param : params) {
+    if (param.tag == static_cast<uint32_t>(KM_TAG_AUTH_TOKEN)) {
+      param.value = CompleteToken(world, std::get<Bytes>(param.value));
     }
-    const Bytes value(param.blob.data, param.blob.data + param.blob.data_length);
-    wire.push_back(
-        {param.tag, 0, param.tag == KM_TAG_AUTH_TOKEN ? CompleteToken(world, value) : value});
   }
-  return fuzz::Serialize(wire);
+  return test::TwoLists({}, params);
 }
 
-Bytes TakeBytes(const World& world, Input* input) {
+// The last two replies, as what a keymaster shares of itself.
+Bytes LastReplies(const World& world) {
+  const size_t count = world.replies.size();
+  return count == 0   ? Bytes()
+         : count == 1 ? world.replies[0]
+                      : test::Cat({world.replies[count - 2], world.replies[count - 1]});
+}
+
+Bytes ReadBytes(const World& world, Input* input) {
   switch (input->U8()) {
     case 1:
       return world.pool[input->U8() % world.pool.size()];
@@ -60,49 +66,44 @@ Bytes TakeBytes(const World& world, Input* input) {
     case 3:
       return fuzz::HandleBytes(world, input->U8());
     case 4:
-      return TakeParameterList(world, input);
+      return ReadParameterList(world, input);
     case 5: {
-      Bytes out = input->Take(8);
-      const Bytes token = CompleteToken(world, input->TakeSized());
-      out.insert(out.end(), token.begin(), token.end());
-      return out;
+      const Bytes challenge = input->Read(8);
+      return test::Cat({challenge, CompleteToken(world, input->ReadSized())});
     }
-    case 6: {  // the last two replies, as what a keymaster shares of itself
-      Bytes out;
-      for (size_t i = world.replies.size() < 2 ? 0 : world.replies.size() - 2;
-           i < world.replies.size(); ++i) {
-        out.insert(out.end(), world.replies[i].begin(), world.replies[i].end());
-      }
-      return out;
-    }
+    case 6:
+      return LastReplies(world);
     default:
-      return input->TakeSized();
+      return input->ReadSized();
   }
 }
 
-void TakeParam(const World& world, Input* input, uint32_t type, Param* param) {
-  if (type >= TEEC_MEMREF_TEMP_OUTPUT) param->bytes.resize(input->U16() % 8193u);
+void ReadSlot(const World& world, Input* input, uint32_t type, Slot* slot) {
+  const size_t capacity =
+      type >= TEEC_MEMREF_TEMP_OUTPUT ? input->U16() % (km41::kChainCapacity + 1) : 0;
   if (type == TEEC_MEMREF_TEMP_INPUT || type == TEEC_MEMREF_TEMP_INOUT) {
-    const size_t capacity = param->bytes.size();
-    param->bytes = TakeBytes(world, input);
-    if (type == TEEC_MEMREF_TEMP_INOUT) param->bytes.resize(capacity);
+    slot->bytes = ReadBytes(world, input);
+  }
+  if (type >= TEEC_MEMREF_TEMP_OUTPUT) {
+    slot->bytes.resize(capacity);
   }
   if (type >= TEEC_VALUE_INPUT && type <= TEEC_VALUE_INOUT) {
-    param->ta.a = input->U32();
-    param->ta.b = input->U32();
+    slot->a = input->U32();
+    slot->b = input->U32();
   }
-  param->Bind();
 }
 
 void RunCommand(World* world, Input* input) {
   const uint32_t command = input->U8();
-  const uint32_t types = input->U8() == 1 ? input->U32() : fuzz::TypesOf(command);
-  Param params[4];
+  const uint32_t types = input->U8() == 1 ? input->U32() : fuzz::UsualTypes(command);
+  Slot slots[4];
   for (unsigned i = 0; i < 4; ++i) {
-    TakeParam(*world, input, TEEC_PARAM_TYPE_GET(types, i), &params[i]);
+    ReadSlot(*world, input, TEEC_PARAM_TYPE_GET(types, i), &slots[i]);
   }
-  world->changed_device |= command == 1 || command == 40 || command == 41 || command == 65;
-  fuzz::Invoke(world, command, types, params);
+  world->changed_device |= command == km41::kCmdConfigure || command == km41::kCmdEarlyBootEnded ||
+                           command == km41::kCmdDeviceLocked ||
+                           command == km41::kCmdComputeSharedHmac;
+  fuzz::Invoke(world, command, types, slots);
 }
 
 }  // namespace
@@ -110,7 +111,9 @@ void RunCommand(World* world, Input* input) {
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static World& world = *new World(fuzz::MakeWorld());
   Input input(data, size);
-  for (int i = 0; i < kMostCommands && !input.empty(); ++i) RunCommand(&world, &input);
+  for (int i = 0; i < kMostCommands && !input.empty(); ++i) {
+    RunCommand(&world, &input);
+  }
   Check(ERR_peek_error() == 0, "no libcrypto error is left behind");
   fuzz::Restore(&world);
   return 0;

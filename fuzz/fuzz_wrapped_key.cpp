@@ -20,7 +20,9 @@ void CheckOutput(Blob& blob, bool parsed) {
   const uint8_t* bytes = keymaster::BlobData(blob);
   const size_t length = keymaster::BlobSize(blob);
   fuzz::Check((bytes != nullptr) == parsed, "the outputs are there after a success alone");
-  if (length != 0) fuzz::CheckReadable(bytes, length);
+  if (length != 0) {
+    fuzz::CheckReadable(bytes, length);
+  }
 }
 
 }  // namespace
@@ -33,11 +35,15 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   keymaster_key_format_t format = KM_KEY_FORMAT_X509;
   const bool parsed = parse_wrapped_key(wrapped, &iv, &transit_key, &secure_key, &tag, &list,
                                         &format, &description) == KM_ERROR_OK;
-  for (auto* blob : {&iv, &tag, &description}) CheckOutput(*blob, parsed);
-  for (auto* blob : {&transit_key, &secure_key}) CheckOutput(*blob, parsed);
+  for (auto* blob : {&iv, &tag, &description}) {
+    CheckOutput(*blob, parsed);
+  }
+  for (auto* blob : {&transit_key, &secure_key}) {
+    CheckOutput(*blob, parsed);
+  }
   fuzz::Check(parsed || list.empty(), "a failure leaves no parameters");
   for (const keymaster_key_param_t& param : list) {
-    if (fuzz::HasBytes(param.tag) && param.blob.data_length != 0) {
+    if (test::IsByteValued(param.tag) && param.blob.data_length != 0) {
       fuzz::CheckReadable(param.blob.data, param.blob.data_length);
     }
   }

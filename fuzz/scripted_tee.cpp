@@ -1,14 +1,14 @@
 #include "fuzz/scripted_tee.h"
 
 #include <keymaster_ts.h>
+#include <string.h>
 
-#include <set>
 #include <utility>
+
+#include "wire/ta_protocol.h"
 
 namespace fuzz {
 namespace {
-
-constexpr uint32_t kFirstSession = 1;
 
 std::set<TEEC_Session*> g_open;
 std::set<TEEC_Session*> g_first;
@@ -18,9 +18,18 @@ bool g_context = false;
 void CheckReferences(const TEEC_Operation& operation) {
   for (unsigned i = 0; i < 4; ++i) {
     const TEEC_TempMemoryReference& ref = operation.params[i].tmpref;
-    if (TEEC_PARAM_TYPE_GET(operation.paramTypes, i) < TEEC_MEMREF_TEMP_INPUT) continue;
-    if (ref.buffer != nullptr && ref.size != 0) CheckReadable(ref.buffer, ref.size);
+    if (TEEC_PARAM_TYPE_GET(operation.paramTypes, i) >= TEEC_MEMREF_TEMP_INPUT &&
+        ref.buffer != nullptr && ref.size != 0) {
+      CheckReadable(ref.buffer, ref.size);
+    }
   }
+}
+
+TEEC_Result Recorded(TEEC_Result result) {
+  if (result != TEEC_SUCCESS) {
+    tee_record().failures.insert(result);
+  }
+  return result;
 }
 
 }  // namespace
@@ -30,16 +39,25 @@ TeeScript& tee() {
   return script;
 }
 
+TeeRecord& tee_record() {
+  static TeeRecord record;
+  return record;
+}
+
 size_t OpenSessions() { return g_open.size(); }
 
 void DropFirstSessions() {
-  for (TEEC_Session* session : g_first) free(session);
+  for (TEEC_Session* session : g_first) {
+    free(session);
+  }
   g_first.clear();
 }
 
 void Write(const Bytes& bytes, TEEC_TempMemoryReference* output) {
   const size_t count = std::min<size_t>(bytes.size(), output->size);
-  if (count != 0 && output->buffer != nullptr) memcpy(output->buffer, bytes.data(), count);
+  if (count != 0 && output->buffer != nullptr) {
+    memcpy(output->buffer, bytes.data(), count);
+  }
   output->size = static_cast<uint32_t>(count);
 }
 
@@ -47,15 +65,18 @@ void AnswerWith(uint32_t command, unsigned index, Bytes bytes) {
   tee().invoke = [command, index, bytes = std::move(bytes)](uint32_t id,
                                                             TEEC_Operation* operation) {
     for (unsigned i = 0; i < 4; ++i) {
-      if (!IsOutput(operation->paramTypes, i)) continue;
-      Write(id == command && i == index ? bytes : Bytes(), &operation->params[i].tmpref);
+      if (IsOutput(operation->paramTypes, i)) {
+        Write(id == command && i == index ? bytes : Bytes(), &operation->params[i].tmpref);
+      }
     }
     return TEEC_SUCCESS;
   };
 }
 
 void EnsureTeeContext() {
-  if (!g_context) Check(Ts_Initcontext() == TEEC_SUCCESS, "a TEE context");
+  if (!g_context) {
+    Check(Ts_Initcontext() == TEEC_SUCCESS, "a TEE context");
+  }
 }
 
 }  // namespace fuzz
@@ -66,8 +87,8 @@ extern "C" {
 
 TEEC_Result TEEC_InitializeContext(const char*, TEEC_Context*) {
   const TEEC_Result result = fuzz::tee().initialize ? fuzz::tee().initialize() : TEEC_SUCCESS;
-  if (result == TEEC_SUCCESS) fuzz::g_context = true;
-  return result;
+  fuzz::g_context |= result == TEEC_SUCCESS;
+  return fuzz::Recorded(result);
 }
 
 void TEEC_FinalizeContext(TEEC_Context*) {
@@ -80,11 +101,12 @@ TEEC_Result TEEC_OpenSession(TEEC_Context*, TEEC_Session* session, const TEEC_UU
   Check(fuzz::g_context, "sessions need a context");
   *origin = TEEC_ORIGIN_TRUSTED_APP;
   const TEEC_Result result = fuzz::tee().open ? fuzz::tee().open(operation) : TEEC_SUCCESS;
-  if (result != TEEC_SUCCESS) return result;
-  auto& sessions =
-      operation->params[0].value.a == fuzz::kFirstSession ? fuzz::g_first : fuzz::g_open;
-  Check(sessions.insert(session).second, "a session block is used once");
-  return TEEC_SUCCESS;
+  if (result == TEEC_SUCCESS) {
+    const bool first = operation->params[0].value.a == km41::kFirstSession;
+    auto& sessions = first ? fuzz::g_first : fuzz::g_open;
+    Check(sessions.insert(session).second, "a session block is used once");
+  }
+  return fuzz::Recorded(result);
 }
 
 void TEEC_CloseSession(TEEC_Session* session) {
@@ -96,7 +118,12 @@ TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t command, TEEC_Ope
   Check(fuzz::g_open.count(session) + fuzz::g_first.count(session) == 1, "the session is open");
   fuzz::CheckReferences(*operation);
   *origin = TEEC_ORIGIN_TRUSTED_APP;
-  return fuzz::tee().invoke ? fuzz::tee().invoke(command, operation) : TEEC_SUCCESS;
+  const TEEC_Result result =
+      fuzz::tee().invoke ? fuzz::tee().invoke(command, operation) : TEEC_SUCCESS;
+  const bool nobody_asks = command == km41::kCmdGetErrorRecord || command == km41::kCmdAbort;
+  fuzz::tee_record().aborts += command == km41::kCmdAbort;
+  fuzz::tee_record().answers += result == TEEC_SUCCESS && command != km41::kCmdGetErrorRecord;
+  return nobody_asks ? result : fuzz::Recorded(result);
 }
 
 }  // extern "C"

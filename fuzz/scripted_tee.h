@@ -5,6 +5,7 @@
 #include <tee_client_api.h>
 
 #include <functional>
+#include <set>
 
 #include "fuzz/input.h"
 
@@ -18,16 +19,24 @@ struct TeeScript {
 };
 TeeScript& tee();
 
+// TeeRecord is what a request has met since it was last cleared.
+struct TeeRecord {
+  std::set<uint32_t> failures;  // codes, without those of commands whose results nobody gets
+  int answers = 0;              // commands that succeeded
+  int aborts = 0;               // operations that the TA was told to end
+};
+TeeRecord& tee_record();
+
 // Sessions that were opened and are not closed.
 size_t OpenSessions();
 // Frees what the library keeps of the sessions that the TA marked as its first, and forgets them.
 void DropFirstSessions();
 
-// Writes as many of the bytes as there is room for and reports their number.
+// Write writes as many of the bytes as there is room for and reports their number.
 void Write(const Bytes& bytes, TEEC_TempMemoryReference* output);
-// Answers one command with these bytes in params[index], and has all others succeed.
+// AnswerWith answers one command with these bytes in params[index], and has all others succeed.
 void AnswerWith(uint32_t command, unsigned index, Bytes bytes);
-// Makes the TEE context once.
+// EnsureTeeContext makes the TEE context once.
 void EnsureTeeContext();
 
 inline bool IsOutput(uint32_t types, unsigned index) {

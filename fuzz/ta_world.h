@@ -5,37 +5,17 @@
 
 #include <trusted_app.h>
 
-#include <string>
 #include <vector>
 
 #include "fuzz/input.h"
 
 namespace fuzz {
 
-// What the clock shows.
-constexpr long kSecondsSinceBoot = 1000;
-
-// One parameter, with memory of exactly its size.
-struct Param {
+// Slot is one parameter of a command, with memory of exactly its size.
+struct Slot {
   Bytes bytes;
-  TaParam ta;
-
-  // Points ta to the bytes.
-  void Bind() {
-    bytes.shrink_to_fit();
-    ta.buffer = bytes.empty() ? nullptr : bytes.data();
-    ta.size = static_cast<uint32_t>(bytes.size());
-  }
+  uint32_t a = 0, b = 0;
 };
-
-// One parameter on the wire: a number, or bytes.
-struct WireParam {
-  keymaster_tag_t tag;
-  uint64_t number;
-  Bytes bytes;
-};
-// Serialize returns parameters as the TA takes them, all in the second list.
-Bytes Serialize(const std::vector<WireParam>& params);
 
 // World is what an input works with: the pool of keys, and what its commands left.
 struct World {
@@ -51,12 +31,13 @@ World MakeWorld();
 // Restore ends the operations that run and takes back what was stored.
 void Restore(World* world);
 
-// TypesOf returns the usual parameter types of a command; 0 for a number that is none.
-uint32_t TypesOf(uint32_t command);
+// UsualTypes returns the parameter types that the library gives a command; 0 for no command's
+// number.
+uint32_t UsualTypes(uint32_t command);
 // Invoke sends a command, and keeps its replies and its handle.
-TEEC_Result Invoke(World* world, uint32_t command, uint32_t types, Param (&params)[4]);
+TEEC_Result Invoke(World* world, uint32_t command, uint32_t types, Slot (&slots)[4]);
 // HandleBytes returns the handle of an operation of this input; zeros before there is any.
-Bytes HandleBytes(const World& world, uint8_t index);
+Bytes HandleBytes(const World& world, size_t index);
 
 }  // namespace fuzz
 

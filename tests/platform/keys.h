@@ -62,9 +62,12 @@ inline Pkey NewEcKey(int nid) {
   return key;
 }
 
+// BigEndian is empty for a number that a key lacks, such as a public one's private part.
 inline Bytes BigEndian(const BIGNUM* number) {
-  Bytes out(static_cast<size_t>(BN_num_bytes(number)));
-  BN_bn2bin(number, out.data());
+  Bytes out(number == nullptr ? 0 : static_cast<size_t>(BN_num_bytes(number)));
+  if (!out.empty()) {
+    BN_bn2bin(number, out.data());
+  }
   return out;
 }
 

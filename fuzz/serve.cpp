@@ -1,0 +1,90 @@
+#include "fuzz/serve.h"
+
+#include <openssl/err.h>
+#include <sanitizer/allocator_interface.h>
+
+#include "tests/requests/contract.h"
+
+namespace fuzz {
+namespace {
+
+using test::Contract;
+using test::States;
+
+// A TA may well answer with a key blob of no bytes, which is a buffer all the same.
+const void* g_key_blob = nullptr;
+
+// A block that is the caller's to free, and holds that many bytes.
+bool IsWholeBlock(const void* block, size_t length) {
+  return __sanitizer_get_ownership(block) != 0 && __sanitizer_get_allocated_size(block) >= length &&
+         (length != 0 || block == g_key_blob);
+}
+
+test::Observed ObserveBlocks(test::Outputs* outputs) {
+  g_key_blob = outputs->key_blob.key_material;
+  return test::Observe(outputs, {IsWholeBlock, test::kPlainBlocks.release});
+}
+
+States AllowedAfter(int32_t result, const test::Request& request, test::Output output) {
+  const auto column = [&](States Contract::*failure) {
+    return test::Allowed(request.method->name, output, failure);
+  };
+  if (result == 0) {
+    return column(&Contract::success);
+  }
+  if (tee_record().failures.count(static_cast<uint32_t>(result)) != 0) {
+    return column(&Contract::tee);
+  }
+  if (tee_record().answers == 0) {
+    return column(&Contract::preparing);
+  }
+  const States replied =
+      column(&Contract::first_reply) | column(&Contract::second_reply) | column(&Contract::copying);
+  return request.commands.size() == 1 ? replied : replied | column(&Contract::preparing);
+}
+
+}  // namespace
+
+Served Serve(const test::Request& request, const Change& change, const Look& look) {
+  test::Outputs outputs;
+  test::Args args(&outputs);
+  request.Prepare(&args);
+  if (change) {
+    change(&args);
+  }
+  const void* const given[test::kOutputs] = {args.key_blob,   args.characteristics, args.data,
+                                             args.out_params, args.chain,           outputs.hmac};
+  tee_record() = {};
+  const int32_t result = request.method->call(args);
+  if (look) {
+    look(result, args);
+  }
+  const Served served = {result, ObserveBlocks(&outputs)};
+  for (int i = 0; i < test::kOutputs; ++i) {
+    const States allowed = AllowedAfter(result, request, static_cast<test::Output>(i));
+    const States state = served.observed.states[static_cast<size_t>(i)];
+    if ((state & (given[i] != nullptr ? allowed : test::kUntouched)) == 0) {
+      fprintf(stderr, "%s returns %d and leaves %s as %d\n", request.name, result,
+              test::kOutputNames[i], state);
+      abort();
+    }
+  }
+  Check(OpenSessions() == 0, "every session but the TA's first is closed");
+  ERR_clear_error();
+  return served;
+}
+
+Served ServeReply(const char* request, unsigned index, const Bytes& reply, const Look& look) {
+  EnsureTeeContext();
+  const test::Request& row = test::FindRequest(request);
+  AnswerWith(row.commands[0], index, reply);
+  return Serve(row, {}, look);
+}
+
+void Judge(test::Outputs* outputs, test::Output output, int32_t result) {
+  const States state = ObserveBlocks(outputs).states[output];
+  Check(state == test::kEmpty || (result == 0 && state == test::kWhole),
+        "an output is whole, or empty, and empty after a failure");
+}
+
+}  // namespace fuzz
