@@ -3,7 +3,7 @@
 #ifndef TRUSTED_APP_H
 #define TRUSTED_APP_H
 
-#include "tee_client_api.h"
+#include <tee_client_api.h>
 
 // One parameter as the TA sees it. For a memory reference, size is the capacity (output, in/out)
 // or the length (input) on entry; the TA stores the length it produced, or the length it needs
