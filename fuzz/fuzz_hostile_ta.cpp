@@ -9,6 +9,7 @@
 #include <openssl/rsa.h>
 
 #include "fuzz/serve.h"
+#include "wire/little_endian.h"
 
 // Makes an RSA key of that size at once: the numbers are no key's.
 int RSA_generate_key_ex(RSA* key, int bits, BIGNUM* e, BN_GENCB*) {
@@ -78,22 +79,21 @@ void AnswerReference(Input* input, const Bytes& usual, TEEC_TempMemoryReference*
   }
 }
 
+void AnswerValue(Input* input, TEEC_Value* output) {
+  const Bytes bytes = Written(test::Le64(input->U64()));
+  *output = {km41::GetU32(&bytes[0]), km41::GetU32(&bytes[4])};
+  g_value = km41::GetU64(&bytes[0]);
+}
+
 TEEC_Result Invoke(Input* input, uint32_t command, TEEC_Operation* operation) {
-  const test::Answer usual = test::AnswerTo(command, *operation);
+  test::Answer usual = test::AnswerTo(command, *operation);
   const TEEC_Result result = ReadResult(input, input->U8());
   for (unsigned i = 0; i < 4; ++i) {
-    TEEC_Parameter* param = &operation->params[i];
     const uint32_t type = TEEC_PARAM_TYPE_GET(operation->paramTypes, i);
     if (type == TEEC_VALUE_OUTPUT || type == TEEC_VALUE_INOUT) {
-      const Bytes bytes = Written(test::Le64(input->U64()));
-      Input value(bytes.data(), bytes.size());
-      param->value.a = value.U32();
-      param->value.b = value.U32();
-      g_value = param->value.a | uint64_t{param->value.b} << 32;
+      AnswerValue(input, &operation->params[i].value);
     } else if (fuzz::IsOutput(operation->paramTypes, i)) {
-      const auto bytes = usual.outputs.find(i);
-      AnswerReference(input, bytes == usual.outputs.end() ? Bytes() : bytes->second,
-                      &param->tmpref);
+      AnswerReference(input, usual.outputs[i], &operation->params[i].tmpref);
     }
   }
   return result;
@@ -101,12 +101,10 @@ TEEC_Result Invoke(Input* input, uint32_t command, TEEC_Operation* operation) {
 
 // The TA of the table, which is well-behaved.
 TEEC_Result AnswerWell(uint32_t command, TEEC_Operation* operation) {
-  const test::Answer answer = test::AnswerTo(command, *operation);
+  test::Answer answer = test::AnswerTo(command, *operation);
   for (unsigned i = 0; i < 4; ++i) {
     if (fuzz::IsOutput(operation->paramTypes, i)) {
-      const auto bytes = answer.outputs.find(i);
-      fuzz::Write(bytes == answer.outputs.end() ? Bytes() : bytes->second,
-                  &operation->params[i].tmpref);
+      fuzz::Write(answer.outputs[i], &operation->params[i].tmpref);
     }
   }
   operation->params[3].value = answer.value.value_or(operation->params[3].value);
@@ -117,16 +115,15 @@ TEEC_Result AnswerWell(uint32_t command, TEEC_Operation* operation) {
 
 // The table's, and the two that no TA sees.
 const std::vector<Request>& AllRequests() {
-  static const test::Method init = {"InitTeeContext", [](const Args&) {
-                                      return keymaster::KeymasterTivasContext().InitTeeContext();
-                                    }};
-  static const test::Method finish = {
-      "FinishTeeContext",
-      [](const Args&) { return keymaster::KeymasterTivasContext().FinishTeeContext(); }};
+  static keymaster::KeymasterTivasContext km;
+  static const test::Method init = {"InitTeeContext",
+                                    [](const Args&) { return km.InitTeeContext(); }};
+  static const test::Method finish = {"FinishTeeContext",
+                                      [](const Args&) { return km.FinishTeeContext(); }};
   static const std::vector<Request> all = [] {
     std::vector<Request> requests = test::Requests();
-    requests.push_back({"InitTeeContext", &init, nullptr, {}});
-    requests.push_back({"FinishTeeContext", &finish, nullptr, {}});
+    requests.push_back({init.name, &init, nullptr, {}});
+    requests.push_back({finish.name, &finish, nullptr, {}});
     return requests;
   }();
   return all;
