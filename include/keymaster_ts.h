@@ -1,14 +1,18 @@
 // The exported free functions of libkeymaster41_ts, under unmangled names.
 //
 // Conventions, beside those of keymaster_tivas_context.h:
-//  1. The marshalling functions return 0, -12 (memory, copy or size) or -22 (argument), but
-//     BuildVerifyAuthInput and ParamsCheck, which return keymaster errors.
+//  1. The marshalling functions return 0, -ENOMEM (-12: memory, copy or size) or -EINVAL (-22:
+//     argument), but BuildVerifyAuthInput and ParamsCheck, which return keymaster errors. An output
+//     is untouched by a failure, unless said otherwise.
 //  2. The Tee* functions return a GlobalPlatform TEE result, 0 for success. They make
-//     0xFFFF0000 (an operation could not be cleared or filled), 0xFFFF0006 (a required argument
-//     is null or empty, or there is no TEE context) and 0xFFFF000C (no memory for a session)
-//     themselves; all other codes come from the TEE or the TA.
+//     TEEC_ERROR_GENERIC (0xFFFF0000: an operation could not be cleared or filled),
+//     TEEC_ERROR_BAD_PARAMETERS (0xFFFF0006: a required argument is null or empty, or there is no
+//     TEE context) and TEEC_ERROR_OUT_OF_MEMORY (0xFFFF000C: no memory for a session) themselves;
+//     all other codes come from the TEE or the TA.
 //  3. A length behind a pointer goes in as the capacity of the buffer before it and comes back as
-//     the length produced, as the TEE reports it; it is untouched on failure.
+//     the length produced, as the TEE reports it: it may be beyond the capacity, and whoever reads
+//     the buffer checks. It is untouched by a failure. The buffer may hold anything after one.
+//  4. ObtainTaErrorCode needs the TEE client's header and is declared in keymaster_ts_session.h.
 #ifndef KEYMASTER_TS_H
 #define KEYMASTER_TS_H
 
@@ -22,13 +26,14 @@ struct bignum_st;
 #pragma GCC visibility push(default)
 #endif
 
-// One key parameter in wire form: tag (4 bytes), zero (4 bytes), value (8 bytes), little-endian.
+// KmParamEntry is one key parameter in wire form: tag (4 bytes), zero (4 bytes), value (8 bytes),
+// little-endian.
 typedef struct KmParamEntry {
   uint8_t bytes[16];  // as they travel
 } KmParamEntry;
 
-// A growable list of key parameters in wire form. The caller owns the record, the record its two
-// arrays. Offsets of byte values count from the start of data.
+// KmParams is a growable list of key parameters in wire form. The caller owns the record, the
+// record its two arrays. Offsets of byte values count from the start of data.
 typedef struct KmParams {
   uint32_t capacity;     // slots in params
   uint32_t len;          // entries in use
@@ -37,7 +42,7 @@ typedef struct KmParams {
   uint8_t* data;         // malloc, null while empty
 } KmParams;
 
-// One fault event. The texts need not be terminated when they fill their field.
+// CaDfxInfo is one fault event. A text that fills its field need not be terminated.
 typedef struct CaDfxInfo {
   uint32_t eventId;  // the event's number
   int32_t cmdId;     // the TA command that failed
@@ -54,9 +59,9 @@ extern "C" {
 
 // ---- Features
 
-// IsGlobalVersion: always false.
+// IsGlobalVersion returns false.
 bool IsGlobalVersion(void);
-// SupportEnhanceKeymaster: always false.
+// SupportEnhanceKeymaster returns false.
 bool SupportEnhanceKeymaster(void);
 
 // ---- Key material
@@ -71,17 +76,21 @@ int GetKeySizeFromNid(int nid);
 
 // ---- Key parameters to bytes
 
-// InitKmParams readies a record with 16 free slots.
+// InitKmParams readies a record, whose content it overwrites, with 16 free slots. -ENOMEM (-12) for
+// a null record too.
 int32_t InitKmParams(KmParams* km_params);
 // AddKmParams appends a copy of one parameter. A failure leaves the record's entries as they were.
 int32_t AddKmParams(KmParams* km_params, const keymaster_key_param_t* param);
-// SerializeKmParams joins two lists (first may be null) into a new malloc buffer. It rebases the
-// offsets of second in place: a pair is serialised once.
+// SerializeKmParams joins two lists (first may be null) into a new malloc buffer, which may hold
+// secrets that the caller wipes. On success it rebases the offsets of second in place: a pair is
+// serialised once. A failure leaves both records as they were.
 int32_t SerializeKmParams(const KmParams* first, KmParams* second, uint8_t** out,
                           uint32_t* out_len);
-// FreeKmParams releases the arrays of a record; null is ignored.
+// FreeKmParams wipes and frees the byte values of a record and frees its entries; its counters
+// stay. A null record is ignored.
 void FreeKmParams(KmParams* km_params);
-// BuildKmParams serialises a whole set, key-definition tags first, into a new malloc buffer.
+// BuildKmParams serialises a whole set, key-definition tags first, into a new malloc buffer, which
+// may hold secrets that the caller wipes.
 int32_t BuildKmParams(const keymaster_key_param_set_t* params, uint8_t** out, uint32_t* out_len);
 
 // ---- Bytes to key parameters
@@ -97,18 +106,24 @@ int32_t BuildKeyParamSet(keymaster_key_param_set_t* param_set, const uint8_t* re
 
 // ---- Operation inputs
 
-// BuildFinalInput packs input and signature (each may be null) into a new malloc buffer.
+// BuildFinalInput packs input and signature (each may be null) into a new malloc buffer, which may
+// hold secrets that the caller wipes. -EINVAL (-22) for lengths that pass 32 bits.
 int32_t BuildFinalInput(const keymaster_blob_t* input, const keymaster_blob_t* signature,
                         keymaster_blob_t* final_input);
 // BuildVerifyAuthInput packs challenge and auth token into a new malloc buffer.
+// KM_ERROR_UNEXPECTED_NULL_POINTER (-32), KM_ERROR_MEMORY_ALLOCATION_FAILED (-41), or
+// KM_ERROR_UNKNOWN_ERROR (-1000) for a token that cannot be copied.
 keymaster_error_t BuildVerifyAuthInput(const uint64_t* challenge,
                                        const keymaster_blob_t* auth_token,
                                        keymaster_blob_t* verify_input);
 // UpdateParamsForSecureid sets the first user secure id of params as the authenticator type of
-// its first auth token says. A set without either, or with a token too short to tell, stays.
+// its first auth token says: password_sid for 1, biometric_sid for 2. The type is read in the
+// device's byte order. A set without either parameter, or with a token too short to tell, stays.
 void UpdateParamsForSecureid(keymaster_key_param_set_t* params, uint64_t password_sid,
                              uint64_t biometric_sid);
-// ParamsCheck checks the arguments of an update.
+// ParamsCheck checks the arguments of an update: KM_ERROR_UNEXPECTED_NULL_POINTER (-32) for a null
+// input and for one of 2^32 - 16 to 2^32 - 1 bytes, KM_ERROR_OUTPUT_PARAMETER_NULL (-27) for a null
+// input_consumed, else 0.
 keymaster_error_t ParamsCheck(const keymaster_blob_t* input, const size_t* input_consumed);
 
 // ---- TEE context
@@ -116,46 +131,48 @@ keymaster_error_t ParamsCheck(const keymaster_blob_t* input, const size_t* input
 // Ts_Initcontext makes the process-wide TEE context, replacing one that exists; on failure there
 // is none.
 uint32_t Ts_Initcontext(void);
-// Ts_Finishcontext finalises it, and says 0xFFFF0006 when there is none.
+// Ts_Finishcontext finalises it; TEEC_ERROR_BAD_PARAMETERS (0xFFFF0006) when there is none.
 uint32_t Ts_Finishcontext(void);
 
 // ---- TA commands: one command each, on a session of its own
 
 // TeeKmConfigure sends the system version to the TA.
 uint32_t TeeKmConfigure(uint32_t os_version, uint32_t os_patchlevel);
-// characteristics may be null; its length is required all the same and then comes back as 0.
+// TeeGenerateKey has the TA make a key. characteristics may be null; its length is required all the
+// same and then comes back as 0.
 uint32_t TeeGenerateKey(const uint8_t* params, uint32_t params_len, uint8_t* key_blob,
                         uint32_t* key_blob_len, uint8_t* characteristics,
                         uint32_t* characteristics_len);
-// params may be null.
+// TeeGetKeyCharacteristics asks for what is enforced for a key. params may be null.
 uint32_t TeeGetKeyCharacteristics(const uint8_t* params, uint32_t params_len,
                                   const uint8_t* key_material, uint32_t key_material_size,
                                   uint8_t* out, uint32_t* out_len);
-// import_type: 0 generated in software, 1 the caller's import, 2 the import of an unwrapped key;
-// it travels in the first byte of characteristics, which may be null. characteristics_len comes
-// back as at most 4096.
+// TeeImportKey has the TA take a key in. import_type: 0 generated in software, 1 the caller's
+// import, 2 the import of an unwrapped key; it travels in the first byte of characteristics, and
+// not at all when that is null or has no room. characteristics_len comes back as at most 4096.
 uint32_t TeeImportKey(const uint8_t* params, uint32_t params_len, const uint8_t* key_data,
                       uint32_t key_data_len, uint8_t* key_blob, uint32_t* key_blob_len,
                       uint8_t* characteristics, uint32_t* characteristics_len, uint8_t import_type);
-// params may be null.
+// TeeExportKey asks for a key's public half, as raw numbers. params may be null.
 uint32_t TeeExportKey(const uint8_t* params, uint32_t params_len, const uint8_t* key_material,
                       uint32_t key_material_size, uint8_t* out, uint32_t* out_len);
-// TeeAttestKey: out receives the certificate chain.
+// TeeAttestKey asks for a key's certificate chain in out.
 uint32_t TeeAttestKey(const uint8_t* key_material, uint32_t key_material_size,
                       const uint8_t* params, uint32_t params_len, uint8_t* out, uint32_t* out_len);
-// TeeUpgrade: out receives the new key blob.
+// TeeUpgrade asks for a key's new blob in out; a length of 0 says that it needs none.
 uint32_t TeeUpgrade(const uint8_t* key_material, uint32_t key_material_size, const uint8_t* params,
                     uint32_t params_len, uint8_t* out, uint32_t* out_len);
-// params may be null. purpose is a keymaster_purpose_t.
+// TeeBegin starts an operation. params may be null. purpose is a keymaster_purpose_t.
 uint32_t TeeBegin(uint32_t purpose, const uint8_t* params, uint32_t params_len,
                   const uint8_t* key_material, uint32_t key_material_size, uint8_t* out_params,
                   uint32_t* out_params_len, uint64_t* op_handle);
-// params, input and input_len may be null. out_params takes at least the 8 bytes of the handle;
-// its length comes back as at most 4096. All input counts as consumed.
+// TeeUpdate feeds an operation. params, input and input_len may be null. out_params takes at least
+// the 8 bytes of the handle; its length comes back as at most 4096. All input counts as consumed.
 uint32_t TeeUpdate(uint64_t op_handle, const uint8_t* params, uint32_t params_len,
                    const uint8_t* input, const uint32_t* input_len, uint8_t* out_params,
                    uint32_t* out_params_len, uint8_t* output, uint32_t* output_len);
-// As TeeUpdate; input travels only when it is not null and not empty.
+// TeeFinish is as TeeUpdate, and ends the operation; input travels only when it is not null and not
+// empty.
 uint32_t TeeFinish(uint64_t op_handle, const uint8_t* params, uint32_t params_len,
                    const uint8_t* input, uint32_t input_len, uint8_t* out_params,
                    uint32_t* out_params_len, uint8_t* output, uint32_t* output_len);
@@ -163,36 +180,30 @@ uint32_t TeeFinish(uint64_t op_handle, const uint8_t* params, uint32_t params_le
 uint32_t TeeAbort(uint64_t op_handle);
 // TeeDeleteKey has the TA delete a key.
 uint32_t TeeDeleteKey(const uint8_t* key_material, uint32_t key_material_size);
-// params, input and input_len may be null. out_params_len comes back as at most 4096.
+// TeeVerifyAuthorization has the TA check an auth token. params, input and input_len may be null.
+// out_params travels both ways. out_params_len comes back as at most 4096.
 uint32_t TeeVerifyAuthorization(const uint8_t* params, uint32_t params_len, const uint8_t* input,
                                 const uint32_t* input_len, uint8_t* out_params,
                                 uint32_t* out_params_len, uint8_t* token, uint64_t* token_len);
 // TeeEarlyBootEnded tells the TA that early boot is over.
 uint32_t TeeEarlyBootEnded(void);
-// password_only: 0 or 1.
+// TeeDeviceLocked tells the TA that the device is locked. password_only: 0 or 1.
 uint32_t TeeDeviceLocked(uint32_t password_only);
-// Both buffers receive output; the lengths produced are not returned.
+// TeegetHmacSharingParameters fills both buffers; the lengths produced are not returned.
 uint32_t TeegetHmacSharingParameters(uint8_t* hmac_out1, uint32_t hmac_out1_len, uint8_t* hmac_out2,
                                      uint32_t hmac_out2_len);
-// TeecomputeSharedHmac: sharing_check receives the check value.
+// TeecomputeSharedHmac asks for the check value of the shared key in sharing_check.
 uint32_t TeecomputeSharedHmac(const uint8_t* sharing_params, uint32_t sharing_params_len,
                               uint8_t* sharing_check, uint32_t* sharing_check_len);
-// Opens and closes a session and sends no command.
+// TeeDestroyAttestationIds opens and closes a session and sends no command.
 uint32_t TeeDestroyAttestationIds(void);
-
-// ObtainTaErrorCode asks the TA, on the session of a failed command, for its error record and
-// reports it as a fault event. Declared only where the TEE client header came first, so that this
-// header does not need it.
-#ifdef TEEC_PARAM_TYPES
-void ObtainTaErrorCode(TEEC_Session* session, uint32_t cmd, uint32_t ret);
-#endif
 
 // ---- Fault events
 
 // QavixKeyMaster reports a failed command: call is its id and its TEE result, info the TA's error
-// record of info_len bytes (null and 0 when there is none).
+// record of info_len bytes (null and 0 when there is none), of which 1024 at most are accepted.
 void QavixKeyMaster(const uint32_t* call, const uint8_t* info, uint32_t info_len);
-// ReportDfxServer sends one event; the result of the send, or -1.
+// ReportDfxServer sends one event; it returns the result of the send, or -1.
 int ReportDfxServer(const CaDfxInfo* info);
 // CheckReportedErrCode returns 1 for the codes that have an event id of their own, else 0.
 int CheckReportedErrCode(uint32_t code);

@@ -2,7 +2,7 @@
 
 #include <securec.h>
 
-#include "keymaster_ts.h"
+#include "keymaster_ts_session.h"
 #include "tee/watchdog.h"
 #include "wire/little_endian.h"
 #include "wire/log.h"

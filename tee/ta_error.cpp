@@ -5,6 +5,7 @@
 #include <tee_client_api.h>
 
 #include "keymaster_ts.h"
+#include "keymaster_ts_session.h"
 #include "tee/session.h"
 #include "wire/log.h"
 #include "wire/ta_protocol.h"

@@ -1,9 +1,6 @@
 // The TEE context, the open of a session, and the TA's error record.
-// The TEE client's header first: only behind it is ObtainTaErrorCode declared.
-// clang-format off
-#include <tee_client_api.h>
 #include <keymaster_ts.h>
-// clang-format on
+#include <keymaster_ts_session.h>
 #include <string.h>
 
 #include "tests/platform/keymaster_test.h"
