@@ -7,7 +7,7 @@
 
 namespace km41 {
 
-// Where a key comes from, as the TA is told with every import.
+// Where a key comes from, as every import says to the TA.
 enum class ImportSource : uint8_t { kGenerated = 0, kCaller = 1, kUnwrapped = 2 };
 
 // The two replies of the import command.

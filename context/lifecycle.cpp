@@ -33,7 +33,7 @@ bool FindSystemVersion(const keymaster_key_param_set_t& params, SystemVersion* v
   return has_version && has_patchlevel;
 }
 
-int32_t RefuseConfiguration() {
+int32_t RejectConfiguration() {
   KM_LOGE("%s : Configuration parameters must contain OS version and patch level", kLogFailure);
   return KM_ERROR_INVALID_ARGUMENT;
 }
@@ -87,14 +87,14 @@ int32_t KeymasterTivasContext::TivasKmConfigure(const keymaster_key_param_set_t*
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
   if (params->length == 0) {
-    return RefuseConfiguration();
+    return RejectConfiguration();
   }
   if (params->params == nullptr) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
   SystemVersion version;
   if (!FindSystemVersion(*params, &version)) {
-    return RefuseConfiguration();
+    return RejectConfiguration();
   }
   const uint32_t result = TeeKmConfigure(version.os_version, version.os_patchlevel);
   if (result != 0) {

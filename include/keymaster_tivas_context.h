@@ -65,16 +65,16 @@ class KEYMASTER41_TS_API KeymasterTivasContext {
 
   // Initialize connects to the keymaster TA and configures it with the platform's OS version and
   // patch level. On a failed configuration the TEE context stays up.
-  int32_t Initialize(KmVersion version);
+  [[nodiscard]] int32_t Initialize(KmVersion version);
   // InitTeeContext makes the process-wide TEE context, replacing one that exists.
-  int32_t InitTeeContext();
+  [[nodiscard]] int32_t InitTeeContext();
   // FinishTeeContext finalises the TEE context; TEEC_ERROR_BAD_PARAMETERS (0xFFFF0006) when there
   // is none.
-  int32_t FinishTeeContext();
+  [[nodiscard]] int32_t FinishTeeContext();
   // TivasKmConfigure sends KM_TAG_OS_VERSION and KM_TAG_OS_PATCHLEVEL of params to the TA;
   // KM_ERROR_INVALID_ARGUMENT (-38) when either is missing, KM_ERROR_UNEXPECTED_NULL_POINTER (-32)
   // for a null set or array.
-  int32_t TivasKmConfigure(const keymaster_key_param_set_t* params);
+  [[nodiscard]] int32_t TivasKmConfigure(const keymaster_key_param_set_t* params);
   // SetSystemVersion stores both values in the object; always 0.
   int32_t SetSystemVersion(unsigned int os_version, unsigned int os_patchlevel);
   // GetSystemVersion reads them back (0 before any SetSystemVersion). Writes nothing if either
@@ -98,53 +98,57 @@ class KEYMASTER41_TS_API KeymasterTivasContext {
   // buffer is KM_ERROR_UNKNOWN_ERROR (-1000), and so is one without bytes for an RSA key. After
   // characteristics that do not decode key_blob is emptied, and so are both lists, but by a reply
   // of 3 bytes or fewer, which leaves them untouched.
-  int32_t TivasKmGenerateKey(const keymaster_key_param_set_t* params,
-                             keymaster_key_blob_t* key_blob,
-                             keymaster_key_characteristics_t* characteristics);
+  [[nodiscard]] int32_t TivasKmGenerateKey(const keymaster_key_param_set_t* params,
+                                           keymaster_key_blob_t* key_blob,
+                                           keymaster_key_characteristics_t* characteristics);
   // TivasKmImportKey imports PKCS#8 (RSA, EC) or raw key bytes; KM_ERROR_UNSUPPORTED_KEY_FORMAT
   // (-17) for any other format and for PKCS#8 that does not decode. characteristics may be null.
   // Its replies are treated as those of TivasKmGenerateKey.
-  int32_t TivasKmImportKey(const keymaster_key_param_set_t* params, keymaster_key_format_t format,
-                           const keymaster_blob_t* key_data, keymaster_key_blob_t* key_blob,
-                           keymaster_key_characteristics_t* characteristics);
+  [[nodiscard]] int32_t TivasKmImportKey(const keymaster_key_param_set_t* params,
+                                         keymaster_key_format_t format,
+                                         const keymaster_blob_t* key_data,
+                                         keymaster_key_blob_t* key_blob,
+                                         keymaster_key_characteristics_t* characteristics);
   // TivasKmExportKey returns the public key as a DER SubjectPublicKeyInfo; for any format but
   // KM_KEY_FORMAT_X509 KM_ERROR_UNSUPPORTED_KEY_FORMAT (-17). client_id and app_data may be null.
   // output is cleared once key and output are not null. A reply whose lengths do not fit is
   // KM_ERROR_UNKNOWN_ERROR (-1000), one that makes no key KM_ERROR_INVALID_ARGUMENT (-38).
-  int32_t TivasKmExportKey(keymaster_key_format_t format, const keymaster_key_blob_t* key,
-                           const keymaster_blob_t* client_id, const keymaster_blob_t* app_data,
-                           keymaster_blob_t* output);
+  [[nodiscard]] int32_t TivasKmExportKey(keymaster_key_format_t format,
+                                         const keymaster_key_blob_t* key,
+                                         const keymaster_blob_t* client_id,
+                                         const keymaster_blob_t* app_data,
+                                         keymaster_blob_t* output);
   // TivasKmGetKeyCharacteristics returns what the TA and the system enforce for a key. client_id
   // and app_data may be null. A reply that does not decode empties both lists.
-  int32_t TivasKmGetKeyCharacteristics(const keymaster_key_blob_t* key,
-                                       const keymaster_blob_t* client_id,
-                                       const keymaster_blob_t* app_data,
-                                       keymaster_key_characteristics_t* characteristics);
+  [[nodiscard]] int32_t TivasKmGetKeyCharacteristics(
+      const keymaster_key_blob_t* key, const keymaster_blob_t* client_id,
+      const keymaster_blob_t* app_data, keymaster_key_characteristics_t* characteristics);
   // TivasKmUpgradeKey has the TA wrap a key anew under the current system version. A key that
   // needs no upgrade gives 0 and leaves upgraded_key untouched. A key blob longer than its reply
   // buffer is KM_ERROR_UNKNOWN_ERROR (-1000).
-  int32_t TivasKmUpgradeKey(const keymaster_key_blob_t* key_to_upgrade,
-                            const keymaster_key_param_set_t* upgrade_params,
-                            keymaster_key_blob_t* upgraded_key);
+  [[nodiscard]] int32_t TivasKmUpgradeKey(const keymaster_key_blob_t* key_to_upgrade,
+                                          const keymaster_key_param_set_t* upgrade_params,
+                                          keymaster_key_blob_t* upgraded_key);
   // TivasKmDeletekey deletes a key; KM_ERROR_UNIMPLEMENTED (-100) for a null key.
-  int32_t TivasKmDeletekey(const keymaster_key_blob_t* key);
+  [[nodiscard]] int32_t TivasKmDeletekey(const keymaster_key_blob_t* key);
   // TivasKmAttestKey returns the certificate chain of a key, in the TA's order;
   // KM_ERROR_UNIMPLEMENTED (-100) when device-unique attestation is asked for,
   // KM_ERROR_UNEXPECTED_NULL_POINTER (-32) for a null chain, or array in a set with a length. A
   // chain of fewer than two certificates, or that does not decode, is KM_ERROR_UNKNOWN_ERROR
   // (-1000). Once the TA has succeeded chain is cleared, and stays empty after a failure.
-  int32_t TivasKmAttestKey(const keymaster_key_blob_t* key,
-                           const keymaster_key_param_set_t* attest_params,
-                           keymaster_cert_chain_t* chain);
+  [[nodiscard]] int32_t TivasKmAttestKey(const keymaster_key_blob_t* key,
+                                         const keymaster_key_param_set_t* attest_params,
+                                         keymaster_cert_chain_t* chain);
 
   // ---- Operations
 
   // TivasKmBegin starts an operation and returns its handle. in_params and out_params may be null.
   // A null op_handle is KM_ERROR_MEMORY_ALLOCATION_FAILED (-41). out_params is cleared once key and
   // op_handle are not null. Output parameters that do not decode abort the operation.
-  int32_t TivasKmBegin(keymaster_purpose_t purpose, const keymaster_key_blob_t* key,
-                       const keymaster_key_param_set_t* in_params,
-                       keymaster_key_param_set_t* out_params, unsigned long* op_handle);
+  [[nodiscard]] int32_t TivasKmBegin(keymaster_purpose_t purpose, const keymaster_key_blob_t* key,
+                                     const keymaster_key_param_set_t* in_params,
+                                     keymaster_key_param_set_t* out_params,
+                                     unsigned long* op_handle);
   // TivasKmUpdate feeds input; all of it counts as consumed. in_params, out_params and output may
   // be null. A null input sends the associated data of in_params alone, without which the result is
   // KM_ERROR_UNEXPECTED_NULL_POINTER (-32); what the TA returns is then dropped, and input_consumed
@@ -156,31 +160,42 @@ class KEYMASTER41_TS_API KeymasterTivasContext {
   // operation; no other failure does.
   // Warning: input with a length and a null data pointer sends no bytes and reports all of them as
   // consumed.
-  int32_t TivasKmUpdate(unsigned long op_handle, const keymaster_key_param_set_t* in_params,
-                        const keymaster_blob_t* input, unsigned long* input_consumed,
-                        keymaster_key_param_set_t* out_params, keymaster_blob_t* output);
+  [[nodiscard]] int32_t TivasKmUpdate(unsigned long op_handle,
+                                      const keymaster_key_param_set_t* in_params,
+                                      const keymaster_blob_t* input, unsigned long* input_consumed,
+                                      keymaster_key_param_set_t* out_params,
+                                      keymaster_blob_t* output);
   // TivasKmFinish ends an operation with up to 4096 bytes of input; KM_ERROR_INVALID_INPUT_LENGTH
   // (-21) above. Every pointer may be null. out_params is cleared at once, output once the length
   // was judged: -21 leaves it untouched. Output longer than 4096 bytes is KM_ERROR_UNKNOWN_ERROR
   // (-1000). No failure aborts the operation.
-  int32_t TivasKmFinish(unsigned long op_handle, const keymaster_key_param_set_t* in_params,
-                        const keymaster_blob_t* input, const keymaster_blob_t* signature,
-                        keymaster_key_param_set_t* out_params, keymaster_blob_t* output);
+  [[nodiscard]] int32_t TivasKmFinish(unsigned long op_handle,
+                                      const keymaster_key_param_set_t* in_params,
+                                      const keymaster_blob_t* input,
+                                      const keymaster_blob_t* signature,
+                                      keymaster_key_param_set_t* out_params,
+                                      keymaster_blob_t* output);
   // TivasKmFinishNew ends an operation with input of any size: TivasKmFinishLarge above 4032
   // bytes, else TivasKmFinish.
-  int32_t TivasKmFinishNew(unsigned long op_handle, const keymaster_key_param_set_t* in_params,
-                           const keymaster_blob_t* input, const keymaster_blob_t* signature,
-                           keymaster_key_param_set_t* out_params, keymaster_blob_t* output);
+  [[nodiscard]] int32_t TivasKmFinishNew(unsigned long op_handle,
+                                         const keymaster_key_param_set_t* in_params,
+                                         const keymaster_blob_t* input,
+                                         const keymaster_blob_t* signature,
+                                         keymaster_key_param_set_t* out_params,
+                                         keymaster_blob_t* output);
   // TivasKmFinishLarge sends all but the last 4032 bytes as an update and the rest as the finish,
   // and joins their outputs. out_params (may be null) and output are cleared at once, and stay
   // empty after a failure. KM_ERROR_UNEXPECTED_NULL_POINTER (-32) for missing input and, once both
   // commands were sent, for a null output; KM_ERROR_INVALID_INPUT_LENGTH (-21) for input of 4032
   // bytes or fewer; KM_ERROR_MEMORY_ALLOCATION_FAILED (-41) when neither command produced output.
-  int32_t TivasKmFinishLarge(unsigned long op_handle, const keymaster_key_param_set_t* in_params,
-                             const keymaster_blob_t* input, const keymaster_blob_t* signature,
-                             keymaster_key_param_set_t* out_params, keymaster_blob_t* output);
+  [[nodiscard]] int32_t TivasKmFinishLarge(unsigned long op_handle,
+                                           const keymaster_key_param_set_t* in_params,
+                                           const keymaster_blob_t* input,
+                                           const keymaster_blob_t* signature,
+                                           keymaster_key_param_set_t* out_params,
+                                           keymaster_blob_t* output);
   // TivasKmAbort cancels an operation.
-  int32_t TivasKmAbort(unsigned long op_handle);
+  [[nodiscard]] int32_t TivasKmAbort(unsigned long op_handle);
 
   // ---- Wrapped key import
 
@@ -190,43 +205,43 @@ class KEYMASTER41_TS_API KeymasterTivasContext {
   // without the purpose is KM_ERROR_INCOMPATIBLE_PURPOSE (-3), a mask of another length than the
   // transit key KM_ERROR_INVALID_ARGUMENT (-38); a wrapper that does not parse has the parser's
   // code. key_blob and characteristics are treated as by TivasKmImportKey.
-  int32_t TivasKmImportWrappedKeyNew(const keymaster_key_blob_t* wrapped_key_data,
-                                     const keymaster_key_blob_t* wrapping_key,
-                                     const keymaster_key_blob_t* masking_key,
-                                     const keymaster_key_param_set_t* unwrapping_params,
-                                     unsigned long password_sid, unsigned long biometric_sid,
-                                     keymaster_key_blob_t* key_blob,
-                                     keymaster_key_characteristics_t* characteristics);
+  [[nodiscard]] int32_t TivasKmImportWrappedKeyNew(
+      const keymaster_key_blob_t* wrapped_key_data, const keymaster_key_blob_t* wrapping_key,
+      const keymaster_key_blob_t* masking_key, const keymaster_key_param_set_t* unwrapping_params,
+      unsigned long password_sid, unsigned long biometric_sid, keymaster_key_blob_t* key_blob,
+      keymaster_key_characteristics_t* characteristics);
   // TivasKmUnwrappedKey parses a wrapper and decrypts what it holds. auth_list and key_format are
   // written once it is parsed, whatever follows. key_material receives a malloc buffer of secret
   // bytes that the caller wipes and frees; it is cleared before the last decryption ends, untouched
   // by a failure before that and empty after one from then on.
-  int32_t TivasKmUnwrappedKey(const TKeymasterBlob<keymaster_key_blob_t>* wrapped_key,
-                              keymaster_key_blob_t* wrapping_key,
-                              keymaster_key_param_set_t* unwrapping_params,
-                              keymaster_key_blob_t* masking_key, AuthorizationSet* auth_list,
-                              keymaster_key_format_t* key_format, keymaster_blob_t* key_material);
+  [[nodiscard]] int32_t TivasKmUnwrappedKey(const TKeymasterBlob<keymaster_key_blob_t>* wrapped_key,
+                                            keymaster_key_blob_t* wrapping_key,
+                                            keymaster_key_param_set_t* unwrapping_params,
+                                            keymaster_key_blob_t* masking_key,
+                                            AuthorizationSet* auth_list,
+                                            keymaster_key_format_t* key_format,
+                                            keymaster_blob_t* key_material);
   // DecryptTransitKeyMaterial decrypts the transit key with the given unwrapping parameters, or
   // with the default ones when that set is empty. plain_transit_key receives a buffer as
   // key_material above; it is cleared at once, and stays empty after a failure.
-  int32_t DecryptTransitKeyMaterial(keymaster_key_blob_t* wrapping_key,
-                                    keymaster_key_param_set_t* unwrapping_params,
-                                    TKeymasterBlob<keymaster_key_blob_t>* encrypted_transit_key,
-                                    keymaster_blob_t* plain_transit_key);
+  [[nodiscard]] int32_t DecryptTransitKeyMaterial(
+      keymaster_key_blob_t* wrapping_key, keymaster_key_param_set_t* unwrapping_params,
+      TKeymasterBlob<keymaster_key_blob_t>* encrypted_transit_key,
+      keymaster_blob_t* plain_transit_key);
   // TransitKeyRsaDecrypt is its begin and finish under the wrapping key; plain_transit_key is
   // cleared between the two.
-  int32_t TransitKeyRsaDecrypt(keymaster_key_blob_t* wrapping_key,
-                               keymaster_key_param_set_t* unwrapping_params,
-                               TKeymasterBlob<keymaster_key_blob_t>* encrypted_transit_key,
-                               keymaster_blob_t* plain_transit_key);
+  [[nodiscard]] int32_t TransitKeyRsaDecrypt(
+      keymaster_key_blob_t* wrapping_key, keymaster_key_param_set_t* unwrapping_params,
+      TKeymasterBlob<keymaster_key_blob_t>* encrypted_transit_key,
+      keymaster_blob_t* plain_transit_key);
   // WrappedKeyAesGcmDecrypt imports the transit key and decrypts payload (the encrypted key
   // material followed by the tag) under it. key_material receives a buffer as above; it is cleared
   // once the decryption has begun.
-  int32_t WrappedKeyAesGcmDecrypt(keymaster_blob_t* plain_transit_key,
-                                  TKeymasterBlob<keymaster_blob_t>* iv,
-                                  TKeymasterBlob<keymaster_blob_t>* key_description,
-                                  TKeymasterBlob<keymaster_key_blob_t>* payload,
-                                  keymaster_blob_t* key_material);
+  [[nodiscard]] int32_t WrappedKeyAesGcmDecrypt(keymaster_blob_t* plain_transit_key,
+                                                TKeymasterBlob<keymaster_blob_t>* iv,
+                                                TKeymasterBlob<keymaster_blob_t>* key_description,
+                                                TKeymasterBlob<keymaster_key_blob_t>* payload,
+                                                keymaster_blob_t* key_material);
 
   // ---- Authorization, device state and HMAC sharing
 
@@ -236,24 +251,27 @@ class KEYMASTER41_TS_API KeymasterTivasContext {
   // all the same, to be released. Parameters that do not decode leave their set empty, but by a
   // reply of 3 bytes or fewer, which leaves it untouched. The token's other fields are written on
   // success only.
-  int32_t TivasVerifyAuthorization(unsigned long challenge,
-                                   const keymaster_key_param_set_t* params_to_verify,
-                                   const keymaster_blob_t* auth_token,
-                                   TsVerificationToken* verification_token);
+  [[nodiscard]] int32_t TivasVerifyAuthorization(unsigned long challenge,
+                                                 const keymaster_key_param_set_t* params_to_verify,
+                                                 const keymaster_blob_t* auth_token,
+                                                 TsVerificationToken* verification_token);
   // TivasKmEarlyBootEnded tells the TA that early boot is over.
-  int32_t TivasKmEarlyBootEnded();
+  [[nodiscard]] int32_t TivasKmEarlyBootEnded();
   // TivasKmDeviceLocked tells the TA that the device is locked, and whether to all but a password.
-  int32_t TivasKmDeviceLocked(bool password_only);
+  [[nodiscard]] int32_t TivasKmDeviceLocked(bool password_only);
   // TivasgetHmacSharingParameters has the TA fill both buffers, whose sizes are fixed between
   // caller and TA: the lengths produced are not returned. A null buffer is
   // TEEC_ERROR_BAD_PARAMETERS (0xFFFF0006). After a failure a buffer may hold what the TA wrote.
-  int32_t TivasgetHmacSharingParameters(unsigned char* hmac_out1, unsigned int hmac_out1_len,
-                                        unsigned char* hmac_out2, unsigned int hmac_out2_len);
+  [[nodiscard]] int32_t TivasgetHmacSharingParameters(unsigned char* hmac_out1,
+                                                      unsigned int hmac_out1_len,
+                                                      unsigned char* hmac_out2,
+                                                      unsigned int hmac_out2_len);
   // TivascomputeSharedHmac agrees on the shared key. A null sharing_check is
   // KM_ERROR_UNEXPECTED_NULL_POINTER (-32) too; once neither pointer is null it is cleared. A check
   // longer than its reply buffer is KM_ERROR_UNKNOWN_ERROR (-1000).
-  int32_t TivascomputeSharedHmac(unsigned char* sharing_params, unsigned int sharing_params_len,
-                                 keymaster_blob_t* sharing_check);
+  [[nodiscard]] int32_t TivascomputeSharedHmac(unsigned char* sharing_params,
+                                               unsigned int sharing_params_len,
+                                               keymaster_blob_t* sharing_check);
 
  private:
   uint32_t os_version_;

@@ -25,7 +25,7 @@ constexpr keymaster_tag_t kKeyDefinitionTags[] = {
     KM_TAG_CALLER_NONCE, KM_TAG_BOOTLOADER_ONLY, KM_TAG_ROLLBACK_RESISTANCE,
 };
 
-// The same by their low four bits, which tell them apart. A place that none of them has holds
+// The same by their low four bits, by which they differ. A place that none of them has holds
 // one of another place, which no tag looked for there equals.
 struct TagTable {
   keymaster_tag_t tags[16];

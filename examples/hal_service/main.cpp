@@ -107,7 +107,7 @@ keymaster_error_t Operate(keymaster::KeymasterTivasContext* context, keymaster_p
   }
   if (result != 0) {
     // The TA may have ended the operation itself, so what abort says does not matter.
-    context->TivasKmAbort(operation);
+    (void)context->TivasKmAbort(operation);
   }
   return ToKeystore("update or finish", result);
 }
@@ -146,7 +146,7 @@ int main() {
   const int32_t started = context.Initialize(keymaster::KmVersion::KEYMASTER_4_1);
   const bool served = ToKeystore("start", started) == KM_ERROR_OK && Serve(&context);
   // The destructor does not do this, and a start that failed late leaves the TEE context up.
-  context.FinishTeeContext();
+  (void)context.FinishTeeContext();
 
   // Without the TEE context every command fails, with the TEE's code for it.
   const bool down = ToKeystore("early boot ended", context.TivasKmEarlyBootEnded()) ==

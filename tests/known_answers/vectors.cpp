@@ -193,6 +193,6 @@ Connected::Connected() {
 }
 
 Connected::~Connected() {
-  client.km.FinishTeeContext();
+  (void)client.km.FinishTeeContext();
   std::filesystem::remove_all(folder);
 }

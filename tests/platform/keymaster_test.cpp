@@ -33,7 +33,7 @@ void KeymasterTest::SetUp() {
 void KeymasterTest::TearDown() {
   ClearFaults();
   if (platform().live_contexts > 0) {
-    Ts_Finishcontext();
+    (void)Ts_Finishcontext();
   }
   EXPECT_EQ(0u, platform().live_contexts);
   EXPECT_EQ(std::vector<std::string>(), platform().problems);

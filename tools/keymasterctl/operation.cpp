@@ -181,7 +181,7 @@ Operation::Operation(Session* session, keymaster_purpose_t purpose, const Key& k
 
 Operation::~Operation() {
   if (running_) {
-    session_->TivasKmAbort(handle_);
+    (void)session_->TivasKmAbort(handle_);
   }
 }
 

@@ -29,12 +29,12 @@ Session::Session(Start start) {
   const int32_t result = context_.Initialize(keymaster::KmVersion::KEYMASTER_4_1);
   // The TEE context is up after a failed configuration, and no destructor will run.
   if (result != 0) {
-    context_.FinishTeeContext();
+    (void)context_.FinishTeeContext();
   }
   CheckConnected("connecting to the keymaster TA", result);
 }
 
-Session::~Session() { context_.FinishTeeContext(); }
+Session::~Session() { (void)context_.FinishTeeContext(); }
 
 void Session::Configure(uint32_t os_version, uint32_t patch_level) {
   ParamList params;
