@@ -1,5 +1,6 @@
 #include "context/reply.h"
 
+#include <openssl/crypto.h>
 #include <securec.h>
 
 #include <utility>
@@ -7,6 +8,12 @@
 #include "wire/log.h"
 
 namespace km41 {
+
+Reply::~Reply() {
+  if (bytes_ != nullptr && content_ == Content::kSecret) {
+    OPENSSL_cleanse(bytes_.get(), capacity_);
+  }
+}
 
 bool Reply::Read(ReplyReader* reader) const {
   if (length_ > capacity_) {

@@ -2,7 +2,6 @@
 #ifndef CONTEXT_REPLY_H
 #define CONTEXT_REPLY_H
 
-#include <openssl/crypto.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -27,11 +26,7 @@ class Reply {
       memset(bytes_.get(), 0, capacity);
     }
   }
-  ~Reply() {
-    if (bytes_ != nullptr && content_ == Content::kSecret) {
-      OPENSSL_cleanse(bytes_.get(), capacity_);
-    }
-  }
+  ~Reply();
   Reply(const Reply&) = delete;
   Reply& operator=(const Reply&) = delete;
 

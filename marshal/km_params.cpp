@@ -18,54 +18,38 @@ constexpr uint32_t kSlotStep = 16;
 constexpr uint32_t kMaxEntries = 0x0FFFFFF0;
 
 // The tags that define a key. The TA looks for them in the first list.
-constexpr keymaster_tag_t kKeyDefinitionTags[] = {
-    KM_TAG_ALGORITHM,    KM_TAG_EC_CURVE,        KM_TAG_BLOB_USAGE_REQUIREMENTS,
-    KM_TAG_PURPOSE,      KM_TAG_BLOCK_MODE,      KM_TAG_DIGEST,
-    KM_TAG_PADDING,      KM_TAG_KEY_SIZE,        KM_TAG_RSA_PUBLIC_EXPONENT,
-    KM_TAG_CALLER_NONCE, KM_TAG_BOOTLOADER_ONLY, KM_TAG_ROLLBACK_RESISTANCE,
-};
-
-// The same by their low four bits, by which they differ. A place that none of them has holds
-// one of another place, which no tag looked for there equals.
-struct TagTable {
-  keymaster_tag_t tags[16];
-};
-constexpr TagTable MakeTagTable() {
-  TagTable table = {};
-  for (keymaster_tag_t& tag : table.tags) {
-    tag = kKeyDefinitionTags[0];
-  }
-  for (keymaster_tag_t tag : kKeyDefinitionTags) {
-    table.tags[static_cast<uint32_t>(tag) % 16] = tag;
-  }
-  return table;
-}
-constexpr TagTable kTagTable = MakeTagTable();
-
 constexpr bool IsKeyDefinitionTag(keymaster_tag_t tag) {
-  return kTagTable.tags[static_cast<uint32_t>(tag) % 16] == tag;
+  switch (tag) {
+    case KM_TAG_ALGORITHM:
+    case KM_TAG_EC_CURVE:
+    case KM_TAG_BLOB_USAGE_REQUIREMENTS:
+    case KM_TAG_PURPOSE:
+    case KM_TAG_BLOCK_MODE:
+    case KM_TAG_DIGEST:
+    case KM_TAG_PADDING:
+    case KM_TAG_KEY_SIZE:
+    case KM_TAG_RSA_PUBLIC_EXPONENT:
+    case KM_TAG_CALLER_NONCE:
+    case KM_TAG_BOOTLOADER_ONLY:
+    case KM_TAG_ROLLBACK_RESISTANCE:
+      return true;
+    default:
+      return false;
+  }
 }
 
-constexpr bool AllTagsHaveAPlace() {
-  for (keymaster_tag_t tag : kKeyDefinitionTags) {
-    if (!IsKeyDefinitionTag(tag)) {
-      return false;
+// Whether a byte-valued tag, of which the platform numbers fewer than 4096 a type, defines a key.
+constexpr bool ByteValueDefinesKey() {
+  for (uint32_t id = 0; id < 4096; ++id) {
+    if (IsKeyDefinitionTag(static_cast<keymaster_tag_t>(KM_BIGNUM | id)) ||
+        IsKeyDefinitionTag(static_cast<keymaster_tag_t>(KM_BYTES | id))) {
+      return true;
     }
   }
-  return true;
-}
-static_assert(AllTagsHaveAPlace(), "two key-definition tags share their low four bits");
-
-constexpr bool NoTagHasBytes() {
-  for (keymaster_tag_t tag : kKeyDefinitionTags) {
-    if (IsByteValued(tag)) {
-      return false;
-    }
-  }
-  return true;
+  return false;
 }
 // So that all byte values of a set stand behind the second list.
-static_assert(NoTagHasBytes(), "a key-definition tag has a byte value");
+static_assert(!ByteValueDefinesKey(), "a key-definition tag has a byte value");
 
 KmParamEntry* AllocateSlots(uint32_t count) {
   return static_cast<KmParamEntry*>(malloc(static_cast<size_t>(count) * sizeof(KmParamEntry)));

@@ -51,6 +51,7 @@ struct Front {
   uint32_t index = 0;  // of the parameter
   uint64_t value = 0;
 };
+inline constexpr Front kNoFront = {};
 
 // RejectArguments logs that a required argument, or the TEE context, is missing.
 [[nodiscard]] uint32_t RejectArguments();
@@ -75,11 +76,11 @@ class CommandFrame {
   // invocation is logged, its error record fetched where the command has one, and its session
   // closed. Returns a TEE result.
   template <uint32_t N>
-  [[nodiscard]] uint32_t Send(const CommandParam (&params)[N], const Front& front = {}) {
+  [[nodiscard]] uint32_t Send(const CommandParam (&params)[N], const Front& front = kNoFront) {
     static_assert(N <= 4, "a command has four parameters");
     return Send(params, N, front);
   }
-  [[nodiscard]] uint32_t Send() { return Send(nullptr, 0, {}); }
+  [[nodiscard]] uint32_t Send() { return Send(nullptr, 0, kNoFront); }
   // The step that Send reached.
   Step step() const { return step_; }
 

@@ -143,6 +143,9 @@ uint32_t TeeDeleteKey(const uint8_t* key_material, uint32_t key_material_size) {
   // The one invocation that no watchdog guards.
   CommandFrame command(kCmdDeleteKey, nullptr, AfterFailure::kNothing);
   const uint32_t result = command.Send({Input(key_material, key_material_size)});
+  if (result == TEEC_SUCCESS) {
+    return result;
+  }
   if (command.step() == CommandFrame::Step::kOpen) {
     TEE_LOGE("%s : OpenKmSession failed, ret = 0x%x\n", kLogFailure, result);
   } else if (command.step() == CommandFrame::Step::kClear) {
