@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 
 #include "tools/keymasterctl/auth_token.h"
@@ -24,6 +23,7 @@ namespace {
 namespace fs = std::filesystem;
 
 enum class Grade { kGood, kNote, kBroken };
+constexpr const char* kWords[] = {"ok", "note", "broken"};
 
 struct Finding {
   std::string subject;
@@ -48,12 +48,12 @@ Finding Judge(const char* subject, const std::string& found, const std::string& 
 void CheckLibraries(std::vector<Finding>* findings) {
   const auto add = [](dl_phdr_info* info, size_t, void* out) {
     const fs::path path = info->dlpi_name;
-    const std::string name = path.stem().stem();
+    const std::string file = path.filename();
+    const std::string name = file.substr(0, file.find('.'));
     for (const char* one : {"libkeymaster41_ts", "libkeymaster_support", "libteec", "liblog",
                             "libzubrel", "libqavix", "libsecurec", "libcrypto"}) {
-      if (path.filename().string().compare(0, strlen(one) + 1, std::string(one) + ".") == 0) {
-        static_cast<std::vector<Finding>*>(out)->push_back(
-            {one, Grade::kGood, fs::weakly_canonical(path), ""});
+      if (name == one) {
+        static_cast<std::vector<Finding>*>(out)->push_back({name, Grade::kGood, path, ""});
       }
     }
     return 0;
@@ -85,25 +85,14 @@ Finding CheckFolder() {
   return Judge("state folder", folder + (exists ? "" : " (will be made)"), trouble, kStateAdvice);
 }
 
+// Without TEE_WORKER the TEE client finds its own.
 Finding CheckWorker() {
-  if (Variable("TEE_HOST") != "process") {
-    return {"TA host", Grade::kGood, "this process (TEE_HOST=" + Variable("TEE_HOST") + ")", ""};
-  }
-  std::vector<Finding> libraries;
-  CheckLibraries(&libraries);
-  const auto client = std::find_if(libraries.begin(), libraries.end(), [](const Finding& library) {
-    return library.subject == "libteec";
-  });
-  const fs::path folder = client != libraries.end() ? fs::path(client->found).parent_path() : "";
   const std::string named = Variable("TEE_WORKER");
-  fs::path path = named.empty() ? folder / "tee-worker" : fs::path(named);
-  if (named.empty() && !fs::exists(path)) {
-    path = folder.parent_path() / "bin/tee-worker";
-  }
-  const bool works = access(path.c_str(), X_OK) == 0;
-  return Judge("TA host", path, works ? "" : path.string() + ": " + strerror(errno),
-               named.empty() ? "install tee-worker beside libteec.so"
-                             : "unset TEE_WORKER, or set it to the tee-worker");
+  const bool own_process = Variable("TEE_HOST") == "process";
+  const bool works = named.empty() || access(named.c_str(), X_OK) == 0;
+  return Judge("TA host", own_process ? "a process of its own" : "this process",
+               works ? "" : named + ": " + strerror(errno),
+               "unset TEE_WORKER, or set it to the tee-worker");
 }
 
 Finding CheckEvents() {
@@ -190,7 +179,6 @@ void CheckTa(std::vector<Finding>* findings) {
 }
 
 void PrintText(const std::vector<Finding>& findings) {
-  constexpr const char* kWords[] = {"ok", "note", "broken"};
   constexpr Color kColors[] = {Color::kGreen, Color::kYellow, Color::kRed};
   for (const Finding& finding : findings) {
     std::string word = kWords[static_cast<int>(finding.grade)];
@@ -216,7 +204,6 @@ void RunDoctor(const Args&) {
   Json checks = Json::array();
   for (const Finding& finding : findings) {
     healthy = healthy && finding.grade != Grade::kBroken;
-    constexpr const char* kWords[] = {"ok", "note", "broken"};
     checks.push_back({{"subject", finding.subject},
                       {"grade", kWords[static_cast<int>(finding.grade)]},
                       {"found", finding.found},

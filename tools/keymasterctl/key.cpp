@@ -221,7 +221,7 @@ void Key::Check(const char* what, int32_t result) const {
       return DiagnoseKey(blob, *binding);
     };
   }
-  throw failure;
+  throw Failure(failure);
 }
 
 void Key::ReadCharacteristics(Session* session, OwnedCharacteristics* out) const {

@@ -11,51 +11,60 @@
 #include "tools/keymasterctl/params.h"
 #include "tools/keymasterctl/session.h"
 
-// What the key's characteristics and the user's choice come to.
-struct OperationPlan {
-  uint32_t mode = 0;           // 0 unless a block cipher
-  size_t nonce_length = 0;     // bytes; 0 where the mode has none
-  std::vector<uint64_t> sids;  // the users that the key is for; none where it is for anybody
-};
-
-// PlanOperation reads the key's characteristics, settles what the options leave open, and adds
-// the parameters of begin, the key's binding included.
-OperationPlan PlanOperation(Session* session, const Key& key, keymaster_purpose_t purpose,
-                            const Args& args, ParamList* params);
-
-// Operation is a running operation. It is aborted when it goes away unfinished.
+// Operation is one operation with the key and the input that the options name. Files are opened
+// before the TEE is reached; an operation that has begun is aborted when it goes away unfinished.
 class Operation {
  public:
-  // user_hint says what is wrong with the user's token, if the TA does not accept it.
-  Operation(Session* session, keymaster_purpose_t purpose, const Key& key, ParamList* params,
-            const std::string& user_hint);
+  Operation(const Args& args, keymaster_purpose_t purpose);
   ~Operation();
   Operation(const Operation&) = delete;
   Operation& operator=(const Operation&) = delete;
 
-  uint64_t handle() const { return handle_; }
-  // The nonce that the TA chose; empty when it chose none.
-  const Bytes& nonce() const { return nonce_; }
-  // Has the token go with every further request.
-  void SetAuthToken(const Bytes& token);
-  // Sends associated data; before any input.
-  void AddAssociatedData(const Bytes& data);
-  // Sends input; what comes out goes to output, which is empty.
-  void Update(const Bytes& piece, OwnedBlob* output);
-  // Sends the last input, of any size, and for a verification the signature.
-  void Finish(const Bytes& rest, const Bytes* signature, OwnedBlob* output);
+  // Connects, reads from the key what the options leave open, and adds the parameters of begin.
+  void Plan();
+  // Begins, with the user's token and the associated data.
+  void Begin();
+  // Runs the input through, the last piece with finish; for a verification with the signature and
+  // without an output.
+  void Run(const Bytes* signature, Output* output);
+
+  Input& input() { return input_; }
+  ParamList& params() { return params_; }
+  uint32_t mode() const { return mode_; }                // 0 unless a block cipher
+  size_t nonce_length() const { return nonce_length_; }  // bytes; 0 where the mode has none
+  const Bytes& nonce() const { return nonce_; }          // the TA's; empty when it chose none
 
  private:
+  using Chosen = std::optional<uint32_t>;
+  std::vector<uint64_t> Allowed(keymaster_tag_t tag) const;
+  Chosen Choose(const char* option, keymaster_tag_t tag, const char* preferred) const;
+  void RejectUnused(const std::string& subject, const char* used) const;
+  void PlanRsa(bool signs);
+  void PlanHmac();
+  void PlanCipher();
+  Bytes Token(uint64_t challenge);
+  std::string UserHint(const Bytes& token) const;
   // Throws for a failed request; the TA has ended the operation then.
   void CheckRequest(const char* what, int32_t result);
+  void Update(const Bytes& piece, OwnedBlob* output);
+  void Finish(const Bytes& rest, const Bytes* signature, OwnedBlob* output);
 
-  Session& session_;
-  const Key& key_;
+  const Args& args_;
+  keymaster_purpose_t purpose_;
+  Key key_;
+  Bytes token_bytes_;  // read once, since it may be a stream
+  Input input_;
+  std::optional<Session> session_;
+  OwnedCharacteristics characteristics_;
+  ParamList params_;
+  ParamList token_;  // of every request after begin
   std::string user_hint_;
+  uint32_t algorithm_ = 0;
+  uint32_t mode_ = 0;
+  size_t nonce_length_ = 0;
   unsigned long handle_ = 0;
   bool running_ = false;
   Bytes nonce_;
-  ParamList token_;
 };
 
 // Progress draws a bar on standard error once work has taken half a second, only on a terminal and

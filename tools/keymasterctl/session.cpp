@@ -14,7 +14,7 @@ void CheckConnected(const char* what, int32_t result) {
   if (result != 0) {
     Failure failure = ResultFailure(what, result);
     failure.status = IsTeeResult(result) ? kExitNoTa : kExitFailed;
-    throw failure;
+    throw Failure(failure);
   }
 }
 

@@ -63,14 +63,11 @@ bool CanBeDeleted(const Bytes& blob) {
 }  // namespace
 
 std::string StateFolder() {
-  if (const std::string own = Variable("KEYMASTER_TA_STATE"); !own.empty()) {
-    return own;
-  }
-  if (const std::string xdg = Variable("XDG_STATE_HOME"); !xdg.empty()) {
-    return xdg + "/keymaster-ta";
-  }
+  const std::string own = Variable("KEYMASTER_TA_STATE");
+  const std::string xdg = Variable("XDG_STATE_HOME");
   const std::string home = Variable("HOME");
-  return home.empty() ? "" : home + "/.local/state/keymaster-ta";
+  const std::string home_state = home.empty() ? "" : home + "/.local/state/keymaster-ta";
+  return !own.empty() ? std::string(own) : xdg.empty() ? home_state : xdg + "/keymaster-ta";
 }
 
 std::string StateTrouble() {
