@@ -59,8 +59,12 @@ TEST_F(KeyMaterial, RsaFormFollowsTheNumbersAtHand) {
         expected = Cat({Le32(row.crt ? 2 : 1), Le32(size(0)), Le32(size(0)), Le32(size(1))});
     for (size_t i = 0; i < 8; ++i) {
       const bool is_sent = i < 2 || (row.crt ? i > 2 : i == 2);
-      if (i > 1 && is_sent) expected = Cat({expected, Le32(size(i))});
-      if (is_sent) numbers = Cat({numbers, Bytes(size(i), static_cast<uint8_t>(i + 1))});
+      if (i > 1 && is_sent) {
+        expected = Cat({expected, Le32(size(i))});
+      }
+      if (is_sent) {
+        numbers = Cat({numbers, Bytes(size(i), static_cast<uint8_t>(i + 1))});
+      }
     }
     expected.resize(36);
     expected = Cat({expected, numbers});

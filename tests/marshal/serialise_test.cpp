@@ -112,7 +112,9 @@ TEST_F(Serialise, GrowsBySixteen) {
     ASSERT_EQ(0, record.Add(bytes ? Param(kBytesTag + i, Ramp(1, i)) : Param(i << 8, 0)));
     EXPECT_EQ(i <= 16 ? 16u : i <= 32 ? 32u : i <= 48 ? 48u : 64u, record.capacity);
     entries = Cat({entries, bytes ? BytesEntry(kBytesTag + i, offset, i) : Entry(i << 8)});
-    if (bytes) data = Cat({data, Ramp(1, i)});
+    if (bytes) {
+      data = Cat({data, Ramp(1, i)});
+    }
     ASSERT_EQ(Cat({entries, data}), record.Content()) << i;
   }
 }
@@ -204,7 +206,9 @@ TEST_F(Serialise, AFailedStepLeavesTheEntriesAsTheyWere) {
   for (const Call call : {Call::kMalloc, Call::kMemcpyS}) {
     for (int nth = 1; nth <= (call == Call::kMalloc ? 2 : 3); ++nth) {
       Record record;
-      for (uint32_t i = 0; i < 16; ++i) EXPECT_EQ(0, record.Add({kBytesTag + i, Ramp(1, 5)}));
+      for (uint32_t i = 0; i < 16; ++i) {
+        EXPECT_EQ(0, record.Add({kBytesTag + i, Ramp(1, 5)}));
+      }
       const Bytes before = record.Content();
       FailCall(call, nth);
       EXPECT_EQ(-12, record.Add({kBytesTag, Ramp(7, 3)})) << nth;
