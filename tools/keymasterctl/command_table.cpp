@@ -234,7 +234,7 @@ bool IsRequired(const OptionRow& option) { return *option.value == '!'; }
 bool IsPositional(const OptionRow& option) { return *option.names != '-'; }
 
 std::string ValueOf(const OptionRow& option) {
-  const std::string value = option.value + (IsRequired(option) ? 1 : 0);
+  std::string value = option.value + (IsRequired(option) ? 1 : 0);
   const keymaster_tag_type_t type = keymaster_tag_get_type(option.tag);
   if (!value.empty() || option.tag == KM_TAG_INVALID || type == KM_BOOL) {
     return value;
