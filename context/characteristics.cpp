@@ -1,7 +1,5 @@
 // Requests about an existing key: its characteristics, upgrade and deletion.
 
-#include <utility>
-
 #include "context/reply.h"
 #include "context/serialized_params.h"
 #include "keymaster_tivas_context.h"
@@ -9,27 +7,6 @@
 #include "wire/log.h"
 
 using namespace km41;
-
-namespace {
-
-// Copies the reply of an upgrade to the caller.
-int32_t CopyUpgradedKey(const ReplyReader& reader, keymaster_key_blob_t* upgraded_key) {
-  MallocBuffer copy;
-  switch (CopyRest(reader, &copy)) {
-    case CopyResult::kNoMemory:
-      return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-    case CopyResult::kCopyFailed:
-      KM_LOGE("%s : memcpy_s upgrade key payload failed", kLogFailure);
-      return KM_ERROR_UNKNOWN_ERROR;
-    case CopyResult::kCopied:
-      break;
-  }
-  HandOverKeyBlob(std::move(copy), reader.remaining(), upgraded_key);
-  KM_LOGI("KmUpgradeKey success");
-  return KM_ERROR_OK;
-}
-
-}  // namespace
 
 namespace keymaster {
 
@@ -100,7 +77,15 @@ int32_t KeymasterTivasContext::TivasKmUpgradeKey(const keymaster_key_blob_t* key
   if (!ReadKeyBlob(reply, 0, &reader)) {
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  return CopyUpgradedKey(reader, upgraded_key);
+  const int32_t result = CopyKeyBlob(reader, upgraded_key);
+  if (result == KM_ERROR_UNKNOWN_ERROR) {
+    KM_LOGE("%s : memcpy_s upgrade key payload failed", kLogFailure);
+  }
+  if (result != KM_ERROR_OK) {
+    return result;
+  }
+  KM_LOGI("KmUpgradeKey success");
+  return KM_ERROR_OK;
 }
 
 int32_t KeymasterTivasContext::TivasKmDeletekey(const keymaster_key_blob_t* key) {

@@ -1,7 +1,5 @@
 // Key generation: RSA in software and then imported, everything else by the TA.
 
-#include <utility>
-
 #include "context/import.h"
 #include "context/key_material.h"
 #include "context/libcrypto.h"
@@ -91,7 +89,7 @@ int32_t ImportGenerated(const keymaster_key_param_set_t& params, const KeyMateri
   if (!ReadKeyBlob(replies.key_blob, 1, &blob)) {
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  result = CopyKeyBlob(blob, key_blob);
+  result = CopyImportedKeyBlob(blob, key_blob);
   if (result != KM_ERROR_OK) {
     return result;
   }
@@ -139,18 +137,11 @@ int32_t CopyGeneratedKey(const Reply& reply, keymaster_key_blob_t* key_blob) {
   if (!ReadKeyBlob(reply, 0, &reader)) {
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  MallocBuffer copy;
-  switch (CopyRest(reader, &copy)) {
-    case CopyResult::kNoMemory:
-      return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-    case CopyResult::kCopyFailed:
-      KM_LOGE("%s : memcpy_s keyblob payload failed", kLogFailure);
-      return KM_ERROR_UNKNOWN_ERROR;
-    case CopyResult::kCopied:
-      break;
+  const int32_t result = CopyKeyBlob(reader, key_blob);
+  if (result == KM_ERROR_UNKNOWN_ERROR) {
+    KM_LOGE("%s : memcpy_s keyblob payload failed", kLogFailure);
   }
-  HandOverKeyBlob(std::move(copy), reader.remaining(), key_blob);
-  return KM_ERROR_OK;
+  return result;
 }
 
 int32_t GenerateInTa(const keymaster_key_param_set_t& params, keymaster_key_blob_t* key_blob,

@@ -99,7 +99,7 @@ int32_t CopyReplies(const ImportReplies& replies, keymaster_key_blob_t* key_blob
   if (!ReadKeyBlob(replies.key_blob, 0, &blob)) {
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  const int32_t result = CopyKeyBlob(blob, key_blob);
+  const int32_t result = CopyImportedKeyBlob(blob, key_blob);
   return result == KM_ERROR_OK
              ? FillKeyCharacteristics(replies.characteristics, key_blob, characteristics)
              : result;

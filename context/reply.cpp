@@ -23,17 +23,17 @@ bool Reply::Read(ReplyReader* reader) const {
   return true;
 }
 
-CopyResult CopyRest(const ReplyReader& reader, MallocBuffer* copy) {
+int32_t CopyRest(const ReplyReader& reader, MallocBuffer* copy) {
   const uint32_t length = reader.remaining();
   MallocBuffer bytes = AllocateBytes(length);
   if (bytes == nullptr) {
-    return CopyResult::kNoMemory;
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   if (memcpy_s(bytes.get(), length, reader.rest(), length) != 0) {
-    return CopyResult::kCopyFailed;
+    return KM_ERROR_UNKNOWN_ERROR;
   }
   *copy = std::move(bytes);
-  return CopyResult::kCopied;
+  return KM_ERROR_OK;
 }
 
 int32_t CopyOutputData(const Reply& reply, keymaster_blob_t* output) {
@@ -48,16 +48,14 @@ int32_t CopyOutputData(const Reply& reply, keymaster_blob_t* output) {
   *output = keymaster_blob_t{};
   if (reader.remaining() != 0) {
     MallocBuffer copy;
-    switch (CopyRest(reader, &copy)) {
-      case CopyResult::kNoMemory:
-        return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-      case CopyResult::kCopyFailed:
-        KM_LOGE("memcpy_s out data failed");
-        return KM_ERROR_UNKNOWN_ERROR;
-      case CopyResult::kCopied:
-        *output = {copy.release(), reader.remaining()};
-        break;
+    const int32_t result = CopyRest(reader, &copy);
+    if (result == KM_ERROR_UNKNOWN_ERROR) {
+      KM_LOGE("memcpy_s out data failed");
     }
+    if (result != KM_ERROR_OK) {
+      return result;
+    }
+    *output = {copy.release(), reader.remaining()};
   }
   KM_LOGI("output data size=%zu", output->data_length);
   return KM_ERROR_OK;
@@ -71,24 +69,23 @@ bool ReadKeyBlob(const Reply& reply, uint32_t min_length, ReplyReader* reader) {
   return false;
 }
 
-void HandOverKeyBlob(MallocBuffer bytes, uint32_t length, keymaster_key_blob_t* key_blob) {
-  *key_blob = {bytes.release(), length};
-}
-
 int32_t CopyKeyBlob(const ReplyReader& reader, keymaster_key_blob_t* key_blob) {
   MallocBuffer copy;
-  switch (CopyRest(reader, &copy)) {
-    case CopyResult::kNoMemory:
-      KM_LOGE("%s : alloc key material failed", kLogFailure);
-      return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-    case CopyResult::kCopyFailed:
-      KM_LOGE("%s : memcpy_s keyblob payload failed", kLogFailure);
-      return KM_ERROR_UNKNOWN_ERROR;
-    case CopyResult::kCopied:
-      break;
+  const int32_t result = CopyRest(reader, &copy);
+  if (result == KM_ERROR_OK) {
+    *key_blob = {copy.release(), reader.remaining()};
   }
-  HandOverKeyBlob(std::move(copy), reader.remaining(), key_blob);
-  return KM_ERROR_OK;
+  return result;
+}
+
+int32_t CopyImportedKeyBlob(const ReplyReader& reader, keymaster_key_blob_t* key_blob) {
+  const int32_t result = CopyKeyBlob(reader, key_blob);
+  if (result == KM_ERROR_MEMORY_ALLOCATION_FAILED) {
+    KM_LOGE("%s : alloc key material failed", kLogFailure);
+  } else if (result == KM_ERROR_UNKNOWN_ERROR) {
+    KM_LOGE("%s : memcpy_s keyblob payload failed", kLogFailure);
+  }
+  return result;
 }
 
 void WithdrawKeyBlob(keymaster_key_blob_t* key_blob) {

@@ -51,10 +51,9 @@ class Reply {
 
 // ---- Copies of bytes
 
-enum class CopyResult { kCopied, kNoMemory, kCopyFailed };
-
-// CopyRest copies what a reader has left into a new buffer of exactly that size.
-[[nodiscard]] CopyResult CopyRest(const ReplyReader& reader, MallocBuffer* copy);
+// CopyRest copies what a reader has left into a new buffer of exactly that size. 0; -41 when memory
+// runs out, -1000 when the copy fails.
+[[nodiscard]] int32_t CopyRest(const ReplyReader& reader, MallocBuffer* copy);
 
 // CopyOutputData copies a reply of up to 4096 bytes into output (may be null). 0, -41 or -1000;
 // output is untouched by a longer reply, else null with length 0 for an empty reply and after a
@@ -67,11 +66,13 @@ enum class CopyResult { kCopied, kNoMemory, kCopyFailed };
 // min_length.
 [[nodiscard]] bool ReadKeyBlob(const Reply& reply, uint32_t min_length, ReplyReader* reader);
 
-// HandOverKeyBlob leaves a buffer of that length to the caller's key blob.
-void HandOverKeyBlob(MallocBuffer bytes, uint32_t length, keymaster_key_blob_t* key_blob);
-
-// CopyKeyBlob copies a key blob. 0, or -41 or -1000 after its message, with key_blob untouched.
+// CopyKeyBlob hands out a copy of a key blob. Results as of CopyRest, with key_blob untouched; the
+// messages are the request's.
 [[nodiscard]] int32_t CopyKeyBlob(const ReplyReader& reader, keymaster_key_blob_t* key_blob);
+
+// CopyImportedKeyBlob is CopyKeyBlob with the messages of an import.
+[[nodiscard]] int32_t CopyImportedKeyBlob(const ReplyReader& reader,
+                                          keymaster_key_blob_t* key_blob);
 
 // WithdrawKeyBlob frees a key blob that was handed over, and leaves it null with length 0.
 void WithdrawKeyBlob(keymaster_key_blob_t* key_blob);

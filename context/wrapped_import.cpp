@@ -10,6 +10,7 @@
 #include "context/reply.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
+#include "marshal/param_entry.h"
 #include "marshal/param_set.h"
 #include "marshal/secret_blob.h"
 #include "wire/log.h"
@@ -26,35 +27,24 @@ namespace {
 constexpr uint32_t kTransitKeyBits = 256;
 constexpr uint32_t kGcmTagBits = 128;
 
-keymaster_key_param_t EnumParam(keymaster_tag_t tag, uint32_t value) {
+keymaster_key_param_t Param(keymaster_tag_t tag, uint64_t value) {
   keymaster_key_param_t param = {};
   param.tag = tag;
-  param.enumerated = value;
+  switch (KindOf(tag)) {
+    case ValueKind::kU64:
+      param.long_integer = value;
+      break;
+    case ValueKind::kBool:
+      param.boolean = value != 0;
+      break;
+    default:
+      param.integer = static_cast<uint32_t>(value);
+      break;
+  }
   return param;
 }
 
-keymaster_key_param_t UintParam(keymaster_tag_t tag, uint32_t value) {
-  keymaster_key_param_t param = {};
-  param.tag = tag;
-  param.integer = value;
-  return param;
-}
-
-keymaster_key_param_t UlongParam(keymaster_tag_t tag, uint64_t value) {
-  keymaster_key_param_t param = {};
-  param.tag = tag;
-  param.long_integer = value;
-  return param;
-}
-
-keymaster_key_param_t TrueParam(keymaster_tag_t tag) {
-  keymaster_key_param_t param = {};
-  param.tag = tag;
-  param.boolean = true;
-  return param;
-}
-
-keymaster_key_param_t BytesParam(keymaster_tag_t tag, const keymaster_blob_t& value) {
+keymaster_key_param_t Param(keymaster_tag_t tag, const keymaster_blob_t& value) {
   keymaster_key_param_t param = {};
   param.tag = tag;
   param.blob = value;
@@ -166,13 +156,13 @@ int32_t BuildEncryptedPayload(const KeyHolder& material, const BytesHolder& tag,
 int32_t ImportTransitKey(KeymasterTivasContext* context, const keymaster_blob_t* transit_key,
                          keymaster_key_blob_t* key_blob) {
   keymaster_key_param_t params[] = {
-      EnumParam(KM_TAG_PURPOSE, KM_PURPOSE_DECRYPT),
-      EnumParam(KM_TAG_ALGORITHM, KM_ALGORITHM_AES),
-      EnumParam(KM_TAG_PADDING, KM_PAD_NONE),
-      EnumParam(KM_TAG_BLOCK_MODE, KM_MODE_GCM),
-      TrueParam(KM_TAG_CALLER_NONCE),
-      UintParam(KM_TAG_MIN_MAC_LENGTH, kGcmTagBits),
-      UintParam(KM_TAG_KEY_SIZE, kTransitKeyBits),
+      Param(KM_TAG_PURPOSE, KM_PURPOSE_DECRYPT),
+      Param(KM_TAG_ALGORITHM, KM_ALGORITHM_AES),
+      Param(KM_TAG_PADDING, KM_PAD_NONE),
+      Param(KM_TAG_BLOCK_MODE, KM_MODE_GCM),
+      Param(KM_TAG_CALLER_NONCE, 1),
+      Param(KM_TAG_MIN_MAC_LENGTH, kGcmTagBits),
+      Param(KM_TAG_KEY_SIZE, kTransitKeyBits),
   };
   const keymaster_key_param_set_t set = SetOf(params);
   return context->TivasKmImportKey(&set, KM_KEY_FORMAT_RAW, transit_key, key_blob, nullptr);
@@ -304,9 +294,9 @@ int32_t KeymasterTivasContext::DecryptTransitKeyMaterial(
   }
   // The TA takes these as they are: an exponent of 4096 is no key's, and part of the contract.
   keymaster_key_param_t default_params[] = {
-      EnumParam(KM_TAG_DIGEST, KM_DIGEST_SHA1),     EnumParam(KM_TAG_ALGORITHM, KM_ALGORITHM_RSA),
-      EnumParam(KM_TAG_PADDING, KM_PAD_RSA_OAEP),   UintParam(KM_TAG_KEY_SIZE, 2048),
-      UlongParam(KM_TAG_RSA_PUBLIC_EXPONENT, 4096), EnumParam(KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY),
+      Param(KM_TAG_DIGEST, KM_DIGEST_SHA1),    Param(KM_TAG_ALGORITHM, KM_ALGORITHM_RSA),
+      Param(KM_TAG_PADDING, KM_PAD_RSA_OAEP),  Param(KM_TAG_KEY_SIZE, 2048),
+      Param(KM_TAG_RSA_PUBLIC_EXPONENT, 4096), Param(KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY),
   };
   keymaster_key_param_set_t default_set = SetOf(default_params);
   const bool given = unwrapping_params->length != 0 && unwrapping_params->params != nullptr;
@@ -358,11 +348,11 @@ int32_t KeymasterTivasContext::WrappedKeyAesGcmDecrypt(keymaster_blob_t* plain_t
     return result;
   }
   keymaster_key_param_t begin_params[] = {
-      EnumParam(KM_TAG_PADDING, KM_PAD_NONE),
-      EnumParam(KM_TAG_BLOCK_MODE, KM_MODE_GCM),
-      BytesParam(KM_TAG_NONCE, *iv),
-      UintParam(KM_TAG_MAC_LENGTH, kGcmTagBits),
-      UintParam(KM_TAG_KEY_SIZE, kTransitKeyBits),
+      Param(KM_TAG_PADDING, KM_PAD_NONE),
+      Param(KM_TAG_BLOCK_MODE, KM_MODE_GCM),
+      Param(KM_TAG_NONCE, *iv),
+      Param(KM_TAG_MAC_LENGTH, kGcmTagBits),
+      Param(KM_TAG_KEY_SIZE, kTransitKeyBits),
   };
   const keymaster_key_param_set_t begin_set = SetOf(begin_params);
   unsigned long handle = 0;
@@ -371,7 +361,7 @@ int32_t KeymasterTivasContext::WrappedKeyAesGcmDecrypt(keymaster_blob_t* plain_t
     KM_LOGE("%s : KmBegin failed, error %x", kLogFailure, static_cast<uint32_t>(result));
     return result;
   }
-  keymaster_key_param_t finish_params[] = {BytesParam(KM_TAG_ASSOCIATED_DATA, *key_description)};
+  keymaster_key_param_t finish_params[] = {Param(KM_TAG_ASSOCIATED_DATA, *key_description)};
   const keymaster_key_param_set_t finish_set = SetOf(finish_params);
   const keymaster_blob_t input = {payload->key_material, payload->key_material_size};
   result = TivasKmFinish(handle, &finish_set, &input, nullptr, nullptr, key_material);
