@@ -27,26 +27,41 @@ CryptoPtr<BIGNUM> ReadInteger(const uint8_t* bytes, uint32_t length) {
   return CryptoPtr<BIGNUM>(BN_bin2bn(bytes, static_cast<int>(length), nullptr));
 }
 
-enum class EncodeResult { kEncoded, kNoLength, kNoMemory, kMismatch };
-
 // Encodes a public key into a new buffer that output receives.
-EncodeResult EncodeSpki(EVP_PKEY* key, keymaster_blob_t* output) {
+int32_t EncodeSpki(EVP_PKEY* key, bool is_rsa, keymaster_blob_t* output) {
   const int length = i2d_PUBKEY(key, nullptr);
   if (length <= 0) {
-    return EncodeResult::kNoLength;
+    if (is_rsa) {
+      KM_LOGE("%s : i2d_PUBKEY failed", kLogFailure);
+    } else {
+      KM_LOGE("%s : i2d_PUBKEY error\n", kLogFailure);
+    }
+    return KM_ERROR_INVALID_ARGUMENT;
   }
   MallocBuffer der = AllocateBytes(static_cast<size_t>(length));
   if (der == nullptr) {
     KM_LOGE("%s : Could not allocate memory for public key data", kLogFailure);
-    return EncodeResult::kNoMemory;
+    return KM_ERROR_INVALID_ARGUMENT;
   }
   unsigned char* at = der.get();
   if (i2d_PUBKEY(key, &at) != length) {
-    return EncodeResult::kMismatch;
+    if (is_rsa) {
+      KM_LOGE("%s : Compare results failed", kLogFailure);
+    } else {
+      KM_LOGE("%s : i2d_PUBKEY results failed", kLogFailure);
+    }
+    return KM_ERROR_INVALID_ARGUMENT;
   }
-  output->data = der.release();
-  output->data_length = static_cast<size_t>(length);
-  return EncodeResult::kEncoded;
+  *output = {der.release(), static_cast<size_t>(length)};
+  return KM_ERROR_OK;
+}
+
+CryptoPtr<EVP_PKEY> MakeKey() {
+  CryptoPtr<EVP_PKEY> key(EVP_PKEY_new());
+  if (key == nullptr) {
+    KM_LOGE("%s : allocate EVP_PKEY failed", kLogFailure);
+  }
+  return key;
 }
 
 // An RSA key of the raw modulus and exponent, null after a message.
@@ -77,9 +92,8 @@ int32_t EncodeRsaPublicKey(const RawPublicKey& raw, keymaster_blob_t* output) {
   if (rsa == nullptr) {
     return KM_ERROR_INVALID_ARGUMENT;
   }
-  const CryptoPtr<EVP_PKEY> key(EVP_PKEY_new());
+  const CryptoPtr<EVP_PKEY> key = MakeKey();
   if (key == nullptr) {
-    KM_LOGE("%s : allocate EVP_PKEY failed", kLogFailure);
     return KM_ERROR_INVALID_ARGUMENT;
   }
   if (EVP_PKEY_assign_RSA(key.get(), rsa.get()) != 1) {
@@ -87,19 +101,7 @@ int32_t EncodeRsaPublicKey(const RawPublicKey& raw, keymaster_blob_t* output) {
     return KM_ERROR_INVALID_ARGUMENT;
   }
   (void)rsa.release();
-  switch (EncodeSpki(key.get(), output)) {
-    case EncodeResult::kEncoded:
-      return KM_ERROR_OK;
-    case EncodeResult::kNoLength:
-      KM_LOGE("%s : i2d_PUBKEY failed", kLogFailure);
-      break;
-    case EncodeResult::kMismatch:
-      KM_LOGE("%s : Compare results failed", kLogFailure);
-      break;
-    case EncodeResult::kNoMemory:
-      break;
-  }
-  return KM_ERROR_INVALID_ARGUMENT;
+  return EncodeSpki(key.get(), true, output);
 }
 
 // An EC key of the raw coordinates on that curve, null after a message.
@@ -134,28 +136,15 @@ int32_t EncodeEcPublicKey(const RawPublicKey& raw, keymaster_blob_t* output) {
   if (ec == nullptr) {
     return KM_ERROR_INVALID_ARGUMENT;
   }
-  const CryptoPtr<EVP_PKEY> key(EVP_PKEY_new());
+  const CryptoPtr<EVP_PKEY> key = MakeKey();
   if (key == nullptr) {
-    KM_LOGE("%s : allocate EVP_PKEY failed", kLogFailure);
     return KM_ERROR_INVALID_ARGUMENT;
   }
   if (EVP_PKEY_set1_EC_KEY(key.get(), ec.get()) != 1) {
     KM_LOGE("%s : EVP_PKEY_set1_EC_KEY error\n", kLogFailure);
     return KM_ERROR_INVALID_ARGUMENT;
   }
-  switch (EncodeSpki(key.get(), output)) {
-    case EncodeResult::kEncoded:
-      return KM_ERROR_OK;
-    case EncodeResult::kNoLength:
-      KM_LOGE("%s : i2d_PUBKEY error\n", kLogFailure);
-      break;
-    case EncodeResult::kMismatch:
-      KM_LOGE("%s : i2d_PUBKEY results failed", kLogFailure);
-      break;
-    case EncodeResult::kNoMemory:
-      break;
-  }
-  return KM_ERROR_INVALID_ARGUMENT;
+  return EncodeSpki(key.get(), false, output);
 }
 
 // Reads the header and the two integers, which must fill the reply to its last byte.

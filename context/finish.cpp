@@ -1,9 +1,5 @@
 // The end of an operation: finish, for input of any size.
 
-#include <securec.h>
-
-#include <initializer_list>
-
 #include "context/reply.h"
 #include "context/serialized_params.h"
 #include "keymaster_tivas_context.h"
@@ -35,14 +31,8 @@ int32_t JoinOutputs(const keymaster_blob_t& update, const keymaster_blob_t& fini
     KM_LOGE("out_data malloc failed, size %zu\n", size);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  uint8_t* at = joined.bytes();
-  size_t room = size;
-  for (const keymaster_blob_t* part : {&update, &finish}) {
-    if (part->data_length != 0 && memcpy_s(at, room, part->data, part->data_length) != 0) {
-      return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-    }
-    at += part->data_length;
-    room -= part->data_length;
+  if (!joined.Join(update, finish)) {
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   joined.HandOverTo(output);
   return KM_ERROR_OK;

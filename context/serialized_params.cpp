@@ -1,11 +1,15 @@
 #include "context/serialized_params.h"
 
 #include "keymaster_ts.h"
-#include "marshal/km_params_owner.h"
 
 namespace km41 {
 
 namespace {
+
+struct KmParamsOwner {
+  ~KmParamsOwner() { FreeKmParams(&record); }
+  KmParams record = {};
+};
 
 bool AddBytes(KmParams* record, keymaster_tag_t tag, const keymaster_blob_t& value) {
   keymaster_key_param_t param = {};

@@ -4,7 +4,6 @@
 #include <keymaster/android_keymaster_utils.h>
 #include <keymaster/authorization_set.h>
 #include <keymaster/wrapped_key.h>
-#include <securec.h>
 
 #include "context/import.h"
 #include "context/reply.h"
@@ -113,17 +112,6 @@ int32_t Unmask(const keymaster_key_blob_t* masking_key, SecretBlob* transit_key)
   return KM_ERROR_OK;
 }
 
-// Copies the parts, one behind the other, into a buffer of their joint size.
-bool JoinParts(uint8_t* to, size_t size, const KeyHolder& material, const BytesHolder& tag) {
-  if (material.key_material_size != 0 &&
-      memcpy_s(to, size, material.key_material, material.key_material_size) != 0) {
-    return false;
-  }
-  return tag.data_length == 0 ||
-         memcpy_s(to + material.key_material_size, size - material.key_material_size, tag.data,
-                  tag.data_length) == 0;
-}
-
 // Joins the encrypted key material and its tag into an empty payload.
 int32_t BuildEncryptedPayload(const KeyHolder& material, const BytesHolder& tag,
                               KeyHolder* payload) {
@@ -140,7 +128,7 @@ int32_t BuildEncryptedPayload(const KeyHolder& material, const BytesHolder& tag,
     KM_LOGE("alloc key material failed");
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  if (!JoinParts(joined.bytes(), size, material, tag)) {
+  if (!joined.Join({material.key_material, material.key_material_size}, tag)) {
     KM_LOGE("memcpy_s keyblob payload failed");
     return KM_ERROR_UNKNOWN_ERROR;
   }

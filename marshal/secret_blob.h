@@ -4,6 +4,7 @@
 
 #include <hardware/keymaster_defs.h>
 #include <openssl/crypto.h>
+#include <securec.h>
 
 #include "wire/malloc_buffer.h"
 
@@ -28,6 +29,11 @@ class SecretBlob {
     blob_ = {AllocateBytes(size).release(), size};
     return blob_.data != nullptr;
   }
+  // Join copies two blobs, one behind the other, into a blob of their joint size. False when
+  // memcpy_s rejects a copy.
+  [[nodiscard]] bool Join(const keymaster_blob_t& first, const keymaster_blob_t& second) {
+    return Copy(first, 0) && Copy(second, first.data_length);
+  }
   // blob is for a function that stores a malloc buffer here, or takes its input without const.
   keymaster_blob_t* blob() { return &blob_; }
   // HandOver leaves the bytes to the caller, who frees them.
@@ -47,6 +53,11 @@ class SecretBlob {
   size_t size() const { return blob_.data_length; }
 
  private:
+  bool Copy(const keymaster_blob_t& part, size_t at) {
+    return part.data_length == 0 ||
+           memcpy_s(bytes() + at, size() - at, part.data, part.data_length) == 0;
+  }
+
   keymaster_blob_t blob_ = {};
 };
 
