@@ -15,16 +15,6 @@ namespace {
 constexpr uint32_t kMinRsaKeySize = 16;
 constexpr uint32_t kMaxRsaKeySize = 4096;
 
-bool AsksForRsa(const keymaster_key_param_set_t& params) {
-  for (size_t i = 0; i < params.length; ++i) {
-    const keymaster_key_param_t& param = params.params[i];
-    if (param.tag == KM_TAG_ALGORITHM && param.enumerated == KM_ALGORITHM_RSA) {
-      return true;
-    }
-  }
-  return false;
-}
-
 struct RsaRequest {
   uint32_t exponent = 0;
   uint32_t key_size = 0;  // bits
@@ -192,8 +182,9 @@ int32_t KeymasterTivasContext::TivasKmGenerateKey(
   if (params->length != 0 && params->params == nullptr) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
-  return AsksForRsa(*params) ? GenerateInSoftware(*params, key_blob, characteristics)
-                             : GenerateInTa(*params, key_blob, characteristics);
+  return HasEnumParam(*params, KM_TAG_ALGORITHM, KM_ALGORITHM_RSA)
+             ? GenerateInSoftware(*params, key_blob, characteristics)
+             : GenerateInTa(*params, key_blob, characteristics);
 }
 
 }  // namespace keymaster

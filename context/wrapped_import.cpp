@@ -55,16 +55,6 @@ keymaster_key_param_set_t SetOf(keymaster_key_param_t (&params)[N]) {
   return {params, N};
 }
 
-bool MayWrapKeys(const keymaster_key_param_set_t& list) {
-  for (size_t i = 0; list.params != nullptr && i < list.length; ++i) {
-    const keymaster_key_param_t& param = list.params[i];
-    if (param.tag == KM_TAG_PURPOSE && param.enumerated == KM_PURPOSE_WRAP_KEY) {
-      return true;
-    }
-  }
-  return false;
-}
-
 // Copies length bytes into an empty holder. Its release is the platform's, so that its bytes come
 // from the platform's allocator too. A copy that fails leaves it empty.
 void CopyInto(const uint8_t* bytes, size_t length, KeyHolder* holder) {
@@ -85,7 +75,8 @@ int32_t CheckWrappingKey(KeymasterTivasContext* context, const keymaster_key_blo
     return result;
   }
   const bool may_wrap =
-      MayWrapKeys(characteristics.hw_enforced) || MayWrapKeys(characteristics.sw_enforced);
+      HasEnumParam(characteristics.hw_enforced, KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY) ||
+      HasEnumParam(characteristics.sw_enforced, KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY);
   ReleaseCharacteristics(&characteristics);
   if (!may_wrap) {
     KM_LOGE("%s : wrappingKeyBlob is invalid", kLogFailure);

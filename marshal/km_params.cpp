@@ -124,16 +124,6 @@ int32_t AddParam(KmParams* record, const keymaster_key_param_t& param) {
   return 0;
 }
 
-// Adds to a 32-bit total; false when it would wrap.
-bool Accumulate(uint64_t amount, uint32_t* total) {
-  const uint64_t sum = *total + amount;
-  if (sum > UINT32_MAX) {
-    return false;
-  }
-  *total = static_cast<uint32_t>(sum);
-  return true;
-}
-
 // BufferWriter fills a buffer from its start; each copy is bounded by the room left.
 class BufferWriter {
  public:
@@ -197,11 +187,9 @@ bool ClearRecord(KmParams* record) {
 
 // The buffer's size, 0 when it does not fit 32 bits.
 uint32_t BufferSize(const KmParams& first, const KmParams& second) {
-  uint32_t total = 2 * sizeof(uint32_t);
-  const bool fits = Accumulate(EntryBytes(first), &total) &&
-                    Accumulate(EntryBytes(second), &total) && Accumulate(first.data_len, &total) &&
-                    Accumulate(second.data_len, &total);
-  return fits ? total : 0;
+  const uint64_t total = uint64_t{2} * sizeof(uint32_t) + EntryBytes(first) + EntryBytes(second) +
+                         first.data_len + second.data_len;
+  return total <= UINT32_MAX ? static_cast<uint32_t>(total) : 0;
 }
 
 // Measures what each list will hold; false when one is full or its byte values pass 32 bits.

@@ -10,6 +10,9 @@ namespace km41 {
 // not null unless its length is 0.
 keymaster_key_param_t* FindParam(const keymaster_key_param_set_t& set, keymaster_tag_t tag);
 
+// HasEnumParam returns whether any parameter has that tag and that value. A null array has none.
+bool HasEnumParam(const keymaster_key_param_set_t& set, keymaster_tag_t tag, uint32_t value);
+
 // ReleaseParamSet frees each byte value's data and the array, and leaves the set null with
 // length 0.
 void ReleaseParamSet(keymaster_key_param_set_t* set);
