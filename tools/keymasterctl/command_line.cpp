@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <deque>
 
 #include "tools/keymasterctl/command_table.h"
 #include "tools/keymasterctl/commands.h"
@@ -129,8 +130,8 @@ void AddRules(CLI::App* command) {
 }
 
 void AddCommand(const CommandRow& row, const Args** chosen_args, const CommandRow** chosen) {
-  // Lives as long as the program's one command line.
-  auto* const args = new Args();
+  static std::deque<Args> all;  // grows without moving what it holds
+  Args* const args = &all.emplace_back();
   CLI::App* const command = TheApp().add_subcommand(row.name, row.summary);
   const std::string note = row.note != nullptr ? row.note + std::string("\n") : "";
   command->group(row.group);
