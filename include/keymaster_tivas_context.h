@@ -20,7 +20,8 @@
 //     TEEC_ERROR_BAD_PARAMETERS (0xFFFF0006).
 //  7. Methods may run on several threads at once, but the TEE context must not be made or
 //     finalised (Initialize, InitTeeContext, FinishTeeContext) while a request runs. libcrypto's
-//     error queue of the calling thread is left as it was found.
+//     error queue of the calling thread is left as it was found; BoringSSL itself empties it when
+//     it makes an RSA key.
 #ifndef KEYMASTER_TIVAS_CONTEXT_H
 #define KEYMASTER_TIVAS_CONTEXT_H
 

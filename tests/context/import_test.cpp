@@ -49,6 +49,14 @@ TEST_F(Import, SendsRawBytesFromTheCallersMemory) {
   }
 }
 
+// Unlike a generated RSA key's, an imported key's blob may be empty.
+TEST_F(Import, HandsOutAnEmptyKeyBlob) {
+  ReplyTo(kCmdImportKey, Reply::Ok().Out(2, {}).Out(3, Bytes(8)));
+  EXPECT_EQ(0, Run(KM_KEY_FORMAT_RAW, Ramp(3, 16)));
+  EXPECT_NE(nullptr, outputs.key_blob.key_material);
+  EXPECT_EQ(0u, outputs.key_blob.key_material_size);
+}
+
 TEST_F(Import, AcceptsTheCurvesThatLibcryptoHas) {
   EXPECT_EQ(kBoringSsl ? KM_ERROR_UNSUPPORTED_KEY_FORMAT : 0,
             Run(KM_KEY_FORMAT_PKCS8, kOtherCurvePkcs8));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 
+#include "tests/platform/keys.h"
 #include "tests/requests/commands.h"
 #include "tests/sweep/library_hooks.h"
 
@@ -61,9 +62,11 @@ Outcome Perform(const Request& request, const ArgumentCase* argument_case) {
     }
   }
   ta().answers.clear();
-  // libcrypto's error queue is the caller's, whether there is an entry in it or not.
+  // libcrypto's error queue is the caller's, whether there is an entry in it or not. BoringSSL
+  // itself empties it when it makes an RSA key.
   thread_local int runs = 0;
-  if (runs++ % 2 != 0) {
+  const bool keeps = !kBoringSsl || request.method->name != std::string("TivasKmGenerateKey");
+  if (runs++ % 2 != 0 && keeps) {
     ERR_put_error(ERR_LIB_USER, 0, 7, "caller", 1);
   }
   const unsigned long own_error = ERR_peek_last_error();
