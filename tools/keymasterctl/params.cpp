@@ -116,7 +116,7 @@ void ParamList::Default(keymaster_tag_t tag, const std::vector<std::string>& tex
 }
 
 std::vector<uint32_t> ParamList::Take(keymaster_tag_t tag) {
-  const std::vector<uint32_t> values = Values(tag);
+  std::vector<uint32_t> values = Values(tag);
   const auto is_taken = [tag](const keymaster_key_param_t& param) { return param.tag == tag; };
   params_.erase(std::remove_if(params_.begin(), params_.end(), is_taken), params_.end());
   return values;
