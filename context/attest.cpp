@@ -79,7 +79,8 @@ int32_t AllocateEntries(uint32_t count, keymaster_cert_chain_t* chain) {
     free(entries);
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  *chain = {entries, count};
+  chain->entries = entries;
+  chain->entry_count = count;
   return KM_ERROR_OK;
 }
 
