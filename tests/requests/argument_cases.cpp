@@ -105,6 +105,7 @@ const std::vector<ArgumentCase> kCases = {
     {"GenerateRsa", "no key blob", kNullOutput, NoKeyBlob},
     {"GenerateRsa", "no exponent and no size", kInvalid, nullptr, {{KM_TAG_ALGORITHM, 1}}},
     {"GenerateRsa", "an exponent of 33 bits", kInvalid, nullptr, RsaOf(512, 1ull << 32)},
+    {"GenerateRsa", "an exponent of 32 bits", 0, nullptr, RsaOf(512, 0xFFFFFFFF), {}, 1},
     {"GenerateRsa", "no size", kBadSize, nullptr,
      {{KM_TAG_ALGORITHM, 1}, {KM_TAG_RSA_PUBLIC_EXPONENT, 3}}},
     {"GenerateRsa", "8 bits", kBadSize, nullptr, RsaOf(8, 3)},

@@ -152,8 +152,8 @@ void ImportEc(Args* a) { ImportKey(a, KM_KEY_FORMAT_PKCS8, fixture().ec_pkcs8); 
 void EcKey(Args* a) { a->key = &fixture().ec_blob.key; }
 void LongInput(Args* a) { a->input = &fixture().long_input.blob; }
 void LargeFinish(Args* a) {
-  static const keymaster_blob_t input = {fixture().long_input.data(), 4100};
-  a->input = &input;
+  static const Fenced input(Bytes(fixture().long_input.data(), fixture().long_input.data() + 4100));
+  a->input = &input.blob;
 }
 void NoInput(Args* a) {
   a->input = nullptr;

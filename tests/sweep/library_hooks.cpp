@@ -47,13 +47,19 @@ constexpr char kUnwanted[] =
 constexpr size_t kCryptoCount = 19, kGenerateRsa = 0, kNoCrypto = SIZE_MAX;
 constexpr size_t kPiece = 16;
 
-// Behind each block stands what must be neither read nor written: to who reads one entry beyond an
-// array of parameters it is the purpose that he looks for. ASan has guards of its own.
+// Behind each block stands what must be neither read nor written. To who reads one entry beyond an
+// array of parameters it is one whose bytes must be found, or the purpose that he looks for. ASan
+// has guards of its own.
+using Guard = std::array<uint64_t, 3>;
+constexpr Guard kBytesGuard = {static_cast<uint32_t>(KM_TAG_AUTH_TOKEN), 0x5AFE5AFE5AFE5AFE,
+                               0x5AFE5AFE5AFE5AFE},
+                kPurposeGuard = {KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY, 0x5AFE5AFE5AFE5AFE};
 #ifdef __SANITIZE_ADDRESS__
-constexpr uint64_t kGuard[0] = {};
+constexpr size_t kGuardSize = 0;
 #else
-constexpr uint64_t kGuard[] = {KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY, 0x5AFE5AFE5AFE5AFE};
+constexpr size_t kGuardSize = sizeof(Guard);
 #endif
+std::atomic<const Guard*> g_guard{&kBytesGuard};
 
 Word g_real[kCryptoCount];
 std::atomic<int> g_crypto_calls{0};
@@ -96,7 +102,7 @@ std::array<Word, kCryptoCount> CryptoHooks(std::index_sequence<kIndex...>) {
 
 void* MallocHook(size_t size) {
   const bool refused = TakeFault(Call::kMalloc) || size > kLargestAllocation;
-  void* block = refused ? nullptr : malloc(size + sizeof(kGuard));
+  void* block = refused ? nullptr : malloc(size + kGuardSize);
   if (refused) {
     errno = ENOMEM;
   }
@@ -104,7 +110,7 @@ void* MallocHook(size_t size) {
     return nullptr;
   }
   memset(block, 0xA5, size);  // fresh memory looks neither cleared nor like an old secret
-  memcpy(static_cast<uint8_t*>(block) + size, kGuard, sizeof(kGuard));
+  memcpy(static_cast<uint8_t*>(block) + size, g_guard.load()->data(), kGuardSize);
   const std::lock_guard<std::mutex> lock(g_mutex);
   g_live[block] = size;
   return block;
@@ -231,6 +237,8 @@ std::string FailedCrypto() {
 
 int CryptoCount() { return g_crypto_calls; }
 
+void GuardWithPurpose(bool with) { g_guard = with ? &kPurposeGuard : &kBytesGuard; }
+
 size_t LiveBlocks() {
   const std::lock_guard<std::mutex> lock(g_mutex);
   return g_live.size();
@@ -248,7 +256,8 @@ void ReleaseOutput(const void* block) {
     const auto found = g_live.find(block);
     if (found != g_live.end()) {
       const auto* end = static_cast<const uint8_t*>(block) + found->second;
-      if (memcmp(end, kGuard, sizeof(kGuard)) != 0) {
+      if (memcmp(end, kBytesGuard.data(), kGuardSize) != 0 &&
+          memcmp(end, kPurposeGuard.data(), kGuardSize) != 0) {
         ADD_FAILURE() << "written beyond a block of " << found->second << " bytes";
       }
       g_live.erase(found);

@@ -22,6 +22,10 @@ int CryptoCount();
 // FailedCrypto is the name of the first that failed since the last FailCrypto.
 std::string FailedCrypto();
 
+// GuardWithPurpose has the guard behind each new block look like the purpose of a wrapping key,
+// else it looks like a parameter of bytes.
+void GuardWithPurpose(bool with);
+
 // LiveBlocks is how many blocks the library allocated that neither it nor ReleaseOutput freed.
 size_t LiveBlocks();
 // IsOutput tells whether block is one of them, of at least length bytes.

@@ -334,10 +334,11 @@ TEST_F(KeymasterTest, UnreportedOutputIsWiped) {
   ForgetSecrets();
 }
 
-// What stands behind a decoded list must not count: the hooks put the purpose there.
+// What stands behind a decoded list must not count.
 TEST_F(KeymasterTest, AKeyWithoutThePurposeDoesNotWrap) {
   HookLibrary();
   InstallTa();
+  GuardWithPurpose(true);
   ta() = TaScript();
   ta().corrupted = 0;
   ta().corrupt = [](Reply* reply) {
@@ -345,6 +346,7 @@ TEST_F(KeymasterTest, AKeyWithoutThePurposeDoesNotWrap) {
   };
   EXPECT_EQ(KM_ERROR_INCOMPATIBLE_PURPOSE, Perform(FindRequest("UnwrappedKey")).result);
   ta() = TaScript();
+  GuardWithPurpose(false);
 }
 
 // Comes last of a request's tests, so that nothing is documented that was not seen.
