@@ -75,9 +75,7 @@ double PeakOfUpdate(size_t size) {
   unsigned long consumed = 0;
   keymaster_blob_t output = {};
   const double before = PeakBytes();
-  if (context.TivasKmUpdate(1, nullptr, &blob, &consumed, nullptr, &output) != 0) {
-    abort();
-  }
+  if (context.TivasKmUpdate(1, nullptr, &blob, &consumed, nullptr, &output) != 0) abort();
   const double peak = PeakBytes() - before;
   free(const_cast<uint8_t*>(output.data));
   return peak;
@@ -86,9 +84,7 @@ double PeakOfUpdate(size_t size) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (Ts_Initcontext() != 0) {
-    return 1;
-  }
+  if (Ts_Initcontext() != 0) return 1;
   if (argc == 3) {
     const size_t size = strtoul(argv[2], nullptr, 10) << 20;
     PeakOfUpdate(4096);  // warms what is loaded once

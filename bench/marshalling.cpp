@@ -78,17 +78,13 @@ struct Library {
   ~Library() { free(bytes); }
   void Encode(const Set& set) {
     free(bytes);
-    if (BuildKmParams(&set, &bytes, &length) != 0) {
-      abort();
-    }
+    if (BuildKmParams(&set, &bytes, &length) != 0) abort();
     benchmark::DoNotOptimize(bytes);
   }
   // A reply is the second list alone, in which all of these parameters are.
   Set Decode() {
     Set set = {};
-    if (BuildKeyParamSet(&set, bytes + 4, length - 4) != 0) {
-      abort();
-    }
+    if (BuildKeyParamSet(&set, bytes + 4, length - 4) != 0) abort();
     return set;
   }
 };
@@ -115,15 +111,11 @@ struct Protobuf {
     free(bytes);
     length = static_cast<int>(out.ByteSizeLong());
     bytes = static_cast<uint8_t*>(malloc(static_cast<size_t>(length)));
-    if (!out.SerializeToArray(bytes, length)) {
-      abort();
-    }
+    if (!out.SerializeToArray(bytes, length)) abort();
     benchmark::DoNotOptimize(bytes);
   }
   Set Decode() {
-    if (!in.ParseFromArray(bytes, length)) {
-      abort();
-    }
+    if (!in.ParseFromArray(bytes, length)) abort();
     Set set = NewSet(static_cast<size_t>(in.params_size()));
     for (size_t i = 0; i < set.length; ++i) {
       const bench_proto::Param& read = in.params(static_cast<int>(i));
@@ -158,9 +150,7 @@ struct Flatbuffers {
   }
   Set Decode() {
     flatbuffers::Verifier verifier(bytes.data(), bytes.size(), 64, 10000000);
-    if (!bench_flat::VerifyParamsBuffer(verifier)) {
-      abort();
-    }
+    if (!bench_flat::VerifyParamsBuffer(verifier)) abort();
     const auto& list = *bench_flat::GetParams(bytes.data())->params();
     Set set = NewSet(list.size());
     for (size_t i = 0; i < set.length; ++i) {
@@ -193,9 +183,7 @@ void Marshal(benchmark::State& state, bool encodes, int64_t blob_every) {
   Side side;
   side.Encode(set);
   Set decoded = side.Decode();
-  if (!Same(set, decoded)) {
-    state.SkipWithError("content lost");
-  }
+  if (!Same(set, decoded)) state.SkipWithError("content lost");
   test::FreeSet(&decoded);
   for (auto _ : state) {
     if (encodes) {

@@ -23,9 +23,7 @@ bool IsReply(uint32_t types, unsigned index) {
 
 Exchange Answered(uint32_t command, const TEEC_Operation& operation) {
   test::Answer answer = test::AnswerTo(command, operation);
-  if (answer.result != TEEC_SUCCESS) {
-    abort();
-  }
+  if (answer.result != TEEC_SUCCESS) abort();
   Exchange exchange = {command, operation.paramTypes, {}, {}, answer.value.value_or(TEEC_Value())};
   for (unsigned i = 0; i < 4; ++i) {
     if (IsReference(exchange.types, i)) {
@@ -42,9 +40,7 @@ void Reply(const Exchange& exchange, TEEC_Operation* operation) {
     const test::Bytes& reply = exchange.replies[i];
     if (IsReply(exchange.types, i)) {
       reference.size = static_cast<uint32_t>(reply.size());
-      if (!reply.empty()) {
-        memcpy(reference.buffer, reply.data(), reply.size());
-      }
+      if (!reply.empty()) memcpy(reference.buffer, reply.data(), reply.size());
     } else if (TEEC_PARAM_TYPE_GET(exchange.types, i) == TEEC_VALUE_INOUT) {
       operation->params[i].value = exchange.value;
     }
@@ -76,9 +72,7 @@ int32_t RawCommands(const Script& script) {
     operation.started = 1;
     operation.paramTypes = exchange.types;
     for (unsigned i = 0; i < 4; ++i) {
-      if (IsReply(exchange.types, i)) {
-        replies[i] = malloc(exchange.sizes[i]);
-      }
+      if (IsReply(exchange.types, i)) replies[i] = malloc(exchange.sizes[i]);
       if (IsReference(exchange.types, i)) {
         void* buffer = replies[i] != nullptr ? replies[i] : input;
         operation.params[i].tmpref = {buffer, exchange.sizes[i]};
@@ -97,9 +91,7 @@ int32_t RawCommands(const Script& script) {
 Script Record(const test::Request& request) {
   Script script;
   g_recorded = &script;
-  if (RepeatedRequest(request).Run() != 0) {
-    abort();
-  }
+  if (RepeatedRequest(request).Run() != 0) abort();
   g_recorded = nullptr;
   return script;
 }

@@ -57,9 +57,7 @@ void UpdateFloor(benchmark::State& state) {
       operation.params[1].tmpref = {input.data() + at, kChunk};
       operation.params[2].tmpref = {params, 4096};
       operation.params[3].tmpref = {output + at, kChunk};
-      if (RawCommand(km41::kCmdUpdate, &operation) != 0) {
-        state.SkipWithError("the calls failed");
-      }
+      if (RawCommand(km41::kCmdUpdate, &operation) != 0) state.SkipWithError("the calls failed");
     }
     free(output);
     free(params);
@@ -88,9 +86,7 @@ int main(int argc, char** argv) {
   mallopt(M_MMAP_MAX, 0);
   mallopt(M_TRIM_THRESHOLD, INT_MAX);
   benchmark::Initialize(&argc, argv);
-  if (Ts_Initcontext() != 0) {
-    return 1;
-  }
+  if (Ts_Initcontext() != 0) return 1;
   bench::RegisterRequests();
   bench::RegisterMarshalling();
   benchmark::RunSpecifiedBenchmarks();

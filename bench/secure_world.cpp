@@ -13,9 +13,7 @@ using Params = std::vector<test::Param>;
 keymaster::KeymasterTivasContext& Km() {
   static keymaster::KeymasterTivasContext context;
   static const bool is_ready = context.Initialize(keymaster::KmVersion::KEYMASTER_4_1) == 0;
-  if (!is_ready) {
-    abort();
-  }
+  if (!is_ready) abort();
   return context;
 }
 
@@ -37,9 +35,7 @@ struct Operation {
 void Run(benchmark::State& state, const Operation& operation) {
   const Set key_params(operation.key), begin_params(operation.begin);
   keymaster_key_blob_t key = {};
-  if (Km().TivasKmGenerateKey(key_params.get(), &key, nullptr) != 0) {
-    state.SkipWithError("no key");
-  }
+  if (Km().TivasKmGenerateKey(key_params.get(), &key, nullptr) != 0) state.SkipWithError("no key");
   const Bytes message(1024, 0x42);
   const keymaster_blob_t input = test::Blob(message);
   for (auto _ : state) {

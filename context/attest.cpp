@@ -32,9 +32,7 @@ int32_t ReadCertificate(ReplyReader* reader, keymaster_blob_t* certificate) {
     KM_LOGE("1 invalid out chain size(%u-%u)", reader->position(), reader->length());
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  if (length == 0) {
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
+  if (length == 0) return KM_ERROR_UNKNOWN_ERROR;
   if (!reader->ReadBytes(length, &certificate->data)) {
     KM_LOGE("1 invalid out chain size(%u-%u)", reader->position(), reader->length());
     return KM_ERROR_UNKNOWN_ERROR;
@@ -55,9 +53,7 @@ int32_t ReadToMissing(ReplyReader reader) {
 
 int32_t CopyCertificate(const keymaster_blob_t& certificate, keymaster_blob_t* entry) {
   MallocBuffer copy = AllocateBytes(certificate.data_length);
-  if (copy == nullptr) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (copy == nullptr) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   if (memcpy_s(copy.get(), certificate.data_length, certificate.data, certificate.data_length) !=
       0) {
     KM_LOGE("memcpy_s chain failed");
@@ -101,16 +97,12 @@ int32_t CopyChain(const Reply& reply, keymaster_cert_chain_t* chain) {
     return KM_ERROR_UNKNOWN_ERROR;
   }
   // A lying count sizes no allocation.
-  if (count > reader.remaining() / kMinCertificateSize) {
-    return ReadToMissing(reader);
-  }
+  if (count > reader.remaining() / kMinCertificateSize) return ReadToMissing(reader);
   int32_t result = AllocateEntries(count, chain);
   for (uint32_t i = 0; result == KM_ERROR_OK && i < count; ++i) {
     keymaster_blob_t certificate;
     result = ReadCertificate(&reader, &certificate);
-    if (result == KM_ERROR_OK) {
-      result = CopyCertificate(certificate, &chain->entries[i]);
-    }
+    if (result == KM_ERROR_OK) result = CopyCertificate(certificate, &chain->entries[i]);
   }
   return result;
 }
@@ -119,9 +111,7 @@ int32_t ExtractAttestChain(const Reply& reply, keymaster_cert_chain_t* chain) {
   int32_t result = KM_ERROR_UNKNOWN_ERROR;
   if (memset_s(chain, sizeof(*chain), 0, sizeof(*chain)) == 0) {
     result = CopyChain(reply, chain);
-    if (result != KM_ERROR_OK) {
-      FreeAttestChain(chain);
-    }
+    if (result != KM_ERROR_OK) FreeAttestChain(chain);
   }
   if (result != KM_ERROR_OK) {
     KM_LOGE("%s : ExtractAttestChain out error.\n", kLogFailure);
@@ -150,13 +140,9 @@ int32_t KeymasterTivasContext::TivasKmAttestKey(const keymaster_key_blob_t* key,
     return KM_ERROR_UNIMPLEMENTED;
   }
   SerializedParams params;
-  if (!params.Build(attest_params)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!params.Build(attest_params)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   Reply reply(kChainCapacity);
-  if (!reply.allocated()) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!reply.allocated()) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   const uint32_t tee_result =
       TeeAttestKey(key->key_material, static_cast<uint32_t>(key->key_material_size), params.data(),
                    params.length(), reply.buffer(), reply.length_in_out());
@@ -165,9 +151,7 @@ int32_t KeymasterTivasContext::TivasKmAttestKey(const keymaster_key_blob_t* key,
     return static_cast<int32_t>(tee_result);
   }
   const int32_t result = ExtractAttestChain(reply, chain);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   KM_LOGI("KmAttestKey success");
   return KM_ERROR_OK;
 }

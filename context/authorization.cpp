@@ -28,17 +28,11 @@ int32_t RejectTokenCopy() {
 // Stores the fields of a token reply; parameters_verified stays as the caller set it.
 int32_t StoreToken(const Reply& reply, TsVerificationToken* token) {
   ReplyReader reader;
-  if (!reply.Read(&reader) || reader.remaining() != kTokenSize) {
-    return KM_ERROR_VERIFICATION_FAILED;
-  }
+  if (!reply.Read(&reader) || reader.remaining() != kTokenSize) return KM_ERROR_VERIFICATION_FAILED;
   uint8_t work[kTokenSize] = {};
-  if (memcpy_s(work, sizeof(work), reader.rest(), kTokenSize) != 0) {
-    return RejectTokenCopy();
-  }
+  if (memcpy_s(work, sizeof(work), reader.rest(), kTokenSize) != 0) return RejectTokenCopy();
   uint8_t mac[sizeof(token->mac)];
-  if (memcpy_s(mac, sizeof(mac), work + kTokenMacAt, sizeof(mac)) != 0) {
-    return RejectTokenCopy();
-  }
+  if (memcpy_s(mac, sizeof(mac), work + kTokenMacAt, sizeof(mac)) != 0) return RejectTokenCopy();
   token->security_level = GetU32(work + kTokenSecurityLevelAt);
   token->challenge = GetU64(work + kTokenChallengeAt);
   token->timestamp = GetU64(work + kTokenTimestampAt);
@@ -58,9 +52,7 @@ int32_t KeymasterTivasContext::TivasVerifyAuthorization(
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
   SerializedParams params;
-  if (!params.Build(params_to_verify)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!params.Build(params_to_verify)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   SecretBlob input;
   if (BuildVerifyAuthInput(&challenge, auth_token, input.blob()) != KM_ERROR_OK) {
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
@@ -85,9 +77,7 @@ int32_t KeymasterTivasContext::TivasVerifyAuthorization(
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   const int32_t result = StoreToken(token_reply, verification_token);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   KM_LOGI("TivasVerifyAuthorization success");
   return KM_ERROR_OK;
 }

@@ -14,20 +14,12 @@ int32_t KeymasterTivasContext::TivasKmGetKeyCharacteristics(
     const keymaster_key_blob_t* key, const keymaster_blob_t* client_id,
     const keymaster_blob_t* app_data, keymaster_key_characteristics_t* characteristics) {
   KM_LOGI("KmGetKeyCharacteristics start");
-  if (key == nullptr || key->key_material == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
-  if (characteristics == nullptr) {
-    return KM_ERROR_OUTPUT_PARAMETER_NULL;
-  }
+  if (key == nullptr || key->key_material == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  if (characteristics == nullptr) return KM_ERROR_OUTPUT_PARAMETER_NULL;
   SerializedParams params;
-  if (!params.BuildClient(client_id, app_data)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!params.BuildClient(client_id, app_data)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   Reply reply(kReplyCapacity);
-  if (!reply.allocated()) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!reply.allocated()) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   const uint32_t tee_result = TeeGetKeyCharacteristics(
       params.data(), params.length(), key->key_material,
       static_cast<uint32_t>(key->key_material_size), reply.buffer(), reply.length_in_out());
@@ -51,17 +43,11 @@ int32_t KeymasterTivasContext::TivasKmUpgradeKey(const keymaster_key_blob_t* key
   if (key_to_upgrade == nullptr || upgrade_params == nullptr) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
-  if (upgraded_key == nullptr) {
-    return KM_ERROR_OUTPUT_PARAMETER_NULL;
-  }
+  if (upgraded_key == nullptr) return KM_ERROR_OUTPUT_PARAMETER_NULL;
   SerializedParams params;
-  if (!params.Build(upgrade_params)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!params.Build(upgrade_params)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   Reply reply(kReplyCapacity);
-  if (!reply.allocated()) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!reply.allocated()) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   const uint32_t tee_result = TeeUpgrade(
       key_to_upgrade->key_material, static_cast<uint32_t>(key_to_upgrade->key_material_size),
       params.data(), params.length(), reply.buffer(), reply.length_in_out());
@@ -74,16 +60,12 @@ int32_t KeymasterTivasContext::TivasKmUpgradeKey(const keymaster_key_blob_t* key
     return KM_ERROR_OK;
   }
   ReplyReader reader;
-  if (!ReadKeyBlob(reply, 0, &reader)) {
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
+  if (!ReadKeyBlob(reply, 0, &reader)) return KM_ERROR_UNKNOWN_ERROR;
   const int32_t result = CopyKeyBlob(reader, upgraded_key);
   if (result == KM_ERROR_UNKNOWN_ERROR) {
     KM_LOGE("%s : memcpy_s upgrade key payload failed", kLogFailure);
   }
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   KM_LOGI("KmUpgradeKey success");
   return KM_ERROR_OK;
 }

@@ -58,9 +58,7 @@ int32_t EncodeSpki(EVP_PKEY* key, bool is_rsa, keymaster_blob_t* output) {
 
 CryptoPtr<EVP_PKEY> MakeKey() {
   CryptoPtr<EVP_PKEY> key(EVP_PKEY_new());
-  if (key == nullptr) {
-    KM_LOGE("%s : allocate EVP_PKEY failed", kLogFailure);
-  }
+  if (key == nullptr) KM_LOGE("%s : allocate EVP_PKEY failed", kLogFailure);
   return key;
 }
 
@@ -89,13 +87,9 @@ CryptoPtr<RSA> MakeRsa(const RawPublicKey& raw) {
 
 int32_t EncodeRsaPublicKey(const RawPublicKey& raw, keymaster_blob_t* output) {
   CryptoPtr<RSA> rsa = MakeRsa(raw);
-  if (rsa == nullptr) {
-    return KM_ERROR_INVALID_ARGUMENT;
-  }
+  if (rsa == nullptr) return KM_ERROR_INVALID_ARGUMENT;
   const CryptoPtr<EVP_PKEY> key = MakeKey();
-  if (key == nullptr) {
-    return KM_ERROR_INVALID_ARGUMENT;
-  }
+  if (key == nullptr) return KM_ERROR_INVALID_ARGUMENT;
   if (EVP_PKEY_assign_RSA(key.get(), rsa.get()) != 1) {
     KM_LOGE("%s : EVP_PKEY_assign_RSA failed", kLogFailure);
     return KM_ERROR_INVALID_ARGUMENT;
@@ -133,13 +127,9 @@ int32_t EncodeEcPublicKey(const RawPublicKey& raw, keymaster_blob_t* output) {
   }
   KM_LOGI("nid = %d", nid);
   const CryptoPtr<EC_KEY> ec = MakeEcKey(raw, nid);
-  if (ec == nullptr) {
-    return KM_ERROR_INVALID_ARGUMENT;
-  }
+  if (ec == nullptr) return KM_ERROR_INVALID_ARGUMENT;
   const CryptoPtr<EVP_PKEY> key = MakeKey();
-  if (key == nullptr) {
-    return KM_ERROR_INVALID_ARGUMENT;
-  }
+  if (key == nullptr) return KM_ERROR_INVALID_ARGUMENT;
   if (EVP_PKEY_set1_EC_KEY(key.get(), ec.get()) != 1) {
     KM_LOGE("%s : EVP_PKEY_set1_EC_KEY error\n", kLogFailure);
     return KM_ERROR_INVALID_ARGUMENT;
@@ -184,24 +174,14 @@ int32_t KeymasterTivasContext::TivasKmExportKey(keymaster_key_format_t format,
                                                 const keymaster_blob_t* app_data,
                                                 keymaster_blob_t* output) {
   KM_LOGI("KmExportKey start");
-  if (key == nullptr || key->key_material == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
-  if (output == nullptr) {
-    return KM_ERROR_OUTPUT_PARAMETER_NULL;
-  }
+  if (key == nullptr || key->key_material == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  if (output == nullptr) return KM_ERROR_OUTPUT_PARAMETER_NULL;
   *output = keymaster_blob_t{};
   SerializedParams params;
-  if (!params.BuildClient(client_id, app_data)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
-  if (format != KM_KEY_FORMAT_X509) {
-    return KM_ERROR_UNSUPPORTED_KEY_FORMAT;
-  }
+  if (!params.BuildClient(client_id, app_data)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  if (format != KM_KEY_FORMAT_X509) return KM_ERROR_UNSUPPORTED_KEY_FORMAT;
   Reply reply(kReplyCapacity);
-  if (!reply.allocated()) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!reply.allocated()) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   const uint32_t tee_result = TeeExportKey(params.data(), params.length(), key->key_material,
                                            static_cast<uint32_t>(key->key_material_size),
                                            reply.buffer(), reply.length_in_out());
@@ -214,9 +194,7 @@ int32_t KeymasterTivasContext::TivasKmExportKey(keymaster_key_format_t format,
     return KM_ERROR_UNKNOWN_ERROR;
   }
   const int32_t result = BuildPubKeySpki(reply, output);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   KM_LOGI("KmExportKey success");
   return KM_ERROR_OK;
 }

@@ -18,9 +18,7 @@ constexpr uint32_t kFinishPart = 4032;
 // Joins what update and finish produced in a new buffer that output receives.
 int32_t JoinOutputs(const keymaster_blob_t& update, const keymaster_blob_t& finish,
                     keymaster_blob_t* output) {
-  if (output == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
+  if (output == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
   const size_t size = update.data_length + finish.data_length;
   if (size >= UINT32_MAX || size == 0) {
     KM_LOGE("length invalid, update %zu, finish %zu\n", update.data_length, finish.data_length);
@@ -31,9 +29,7 @@ int32_t JoinOutputs(const keymaster_blob_t& update, const keymaster_blob_t& fini
     KM_LOGE("out_data malloc failed, size %zu\n", size);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  if (!joined.Join(update, finish)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!joined.Join(update, finish)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   joined.HandOverTo(output);
   return KM_ERROR_OK;
 }
@@ -41,13 +37,9 @@ int32_t JoinOutputs(const keymaster_blob_t& update, const keymaster_blob_t& fini
 // Hands out what a finish replied. A failure leaves both of the caller's outputs empty.
 int32_t CopyOutputs(const Reply& params_reply, const Reply& data_reply,
                     keymaster_key_param_set_t* out_params, keymaster_blob_t* output) {
-  if (!DecodeOutParams(params_reply, out_params)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!DecodeOutParams(params_reply, out_params)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   const int32_t result = CopyOutputData(data_reply, output);
-  if (result != KM_ERROR_OK && out_params != nullptr) {
-    ReleaseParamSet(out_params);
-  }
+  if (result != KM_ERROR_OK && out_params != nullptr) ReleaseParamSet(out_params);
   return result;
 }
 
@@ -75,9 +67,7 @@ int32_t KeymasterTivasContext::TivasKmFinish(unsigned long op_handle,
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   SerializedParams params;
-  if (!params.BuildIfGiven(in_params)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!params.BuildIfGiven(in_params)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   Reply params_reply(kReplyCapacity);
   Reply data_reply(kReplyCapacity, Reply::Content::kSecret);
   if (!params_reply.allocated() || !data_reply.allocated()) {
@@ -92,9 +82,7 @@ int32_t KeymasterTivasContext::TivasKmFinish(unsigned long op_handle,
     return static_cast<int32_t>(tee_result);
   }
   const int32_t result = CopyOutputs(params_reply, data_reply, out_params, output);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   KM_LOGI("KmFinish success");
   return KM_ERROR_OK;
 }
@@ -118,12 +106,8 @@ int32_t KeymasterTivasContext::TivasKmFinishLarge(unsigned long op_handle,
                                                   keymaster_key_param_set_t* out_params,
                                                   keymaster_blob_t* output) {
   ClearOutputs(out_params, output);
-  if (input == nullptr || input->data == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
-  if (input->data_length <= kFinishPart) {
-    return KM_ERROR_INVALID_INPUT_LENGTH;
-  }
+  if (input == nullptr || input->data == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  if (input->data_length <= kFinishPart) return KM_ERROR_INVALID_INPUT_LENGTH;
   const size_t update_length = input->data_length - kFinishPart;
   const keymaster_blob_t update_part = {input->data, update_length};
   const keymaster_blob_t finish_part = {input->data + update_length, kFinishPart};
@@ -144,9 +128,7 @@ int32_t KeymasterTivasContext::TivasKmFinishLarge(unsigned long op_handle,
     return result;
   }
   result = JoinOutputs(update_output.get(), finish_output.get(), output);
-  if (result != KM_ERROR_OK && out_params != nullptr) {
-    ReleaseParamSet(out_params);
-  }
+  if (result != KM_ERROR_OK && out_params != nullptr) ReleaseParamSet(out_params);
   return result;
 }
 

@@ -37,9 +37,7 @@ int32_t ReadRsaRequest(const keymaster_key_param_set_t& params, RsaRequest* requ
     return KM_ERROR_INVALID_ARGUMENT;
   }
   const keymaster_key_param_t* key_size = FindParam(params, KM_TAG_KEY_SIZE);
-  if (key_size == nullptr) {
-    return RejectKeySize(0);
-  }
+  if (key_size == nullptr) return RejectKeySize(0);
   if (key_size->integer < kMinRsaKeySize || key_size->integer > kMaxRsaKeySize ||
       key_size->integer % 8 != 0) {
     return RejectKeySize(key_size->integer);
@@ -72,21 +70,13 @@ int32_t ImportGenerated(const keymaster_key_param_set_t& params, const KeyMateri
   ImportReplies replies;
   int32_t result =
       SendImport(serialized, material.bytes(), material.length, ImportSource::kGenerated, &replies);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   ReplyReader blob;
-  if (!ReadKeyBlob(replies.key_blob, 1, &blob)) {
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
+  if (!ReadKeyBlob(replies.key_blob, 1, &blob)) return KM_ERROR_UNKNOWN_ERROR;
   result = CopyImportedKeyBlob(blob, key_blob);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   result = FillKeyCharacteristics(replies.characteristics, key_blob, characteristics);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   KM_LOGI("%s success", "TivasKmGenerateKeyExt");
   return KM_ERROR_OK;
 }
@@ -95,9 +85,7 @@ int32_t GenerateInSoftware(const keymaster_key_param_set_t& params, keymaster_ke
                            keymaster_key_characteristics_t* characteristics) {
   RsaRequest request;
   int32_t result = ReadRsaRequest(params, &request);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   const ErrorQueueScope error_queue;
   const CryptoPtr<BIGNUM> exponent(BN_new());
   const CryptoPtr<RSA> key(exponent != nullptr ? RSA_new() : nullptr);
@@ -106,27 +94,21 @@ int32_t GenerateInSoftware(const keymaster_key_param_set_t& params, keymaster_ke
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   result = GenerateRsa(request, exponent.get(), key.get());
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   KeyMaterial material;
   if (!material.Allocate()) {
     KM_LOGE("%s : alloc rsa key failed", kLogFailure);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
   result = BuildRsaKeyMaterial(material.bytes(), key.get(), &material.length);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   return ImportGenerated(params, material, key_blob, characteristics);
 }
 
 // Copies the blob of a key that the TA made; unlike an import, without a word when memory runs out.
 int32_t CopyGeneratedKey(const Reply& reply, keymaster_key_blob_t* key_blob) {
   ReplyReader reader;
-  if (!ReadKeyBlob(reply, 0, &reader)) {
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
+  if (!ReadKeyBlob(reply, 0, &reader)) return KM_ERROR_UNKNOWN_ERROR;
   const int32_t result = CopyKeyBlob(reader, key_blob);
   if (result == KM_ERROR_UNKNOWN_ERROR) {
     KM_LOGE("%s : memcpy_s keyblob payload failed", kLogFailure);
@@ -137,9 +119,7 @@ int32_t CopyGeneratedKey(const Reply& reply, keymaster_key_blob_t* key_blob) {
 int32_t GenerateInTa(const keymaster_key_param_set_t& params, keymaster_key_blob_t* key_blob,
                      keymaster_key_characteristics_t* characteristics) {
   SerializedParams serialized;
-  if (!serialized.Build(&params)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!serialized.Build(&params)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   Reply blob_reply(kReplyCapacity);
   Reply character_reply(kReplyCapacity);
   if (!blob_reply.allocated() || !character_reply.allocated()) {
@@ -153,9 +133,7 @@ int32_t GenerateInTa(const keymaster_key_param_set_t& params, keymaster_key_blob
     return static_cast<int32_t>(tee_result);
   }
   const int32_t result = CopyGeneratedKey(blob_reply, key_blob);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   if (characteristics != nullptr &&
       DecodeCharacteristics(character_reply, characteristics) != Decoded::kFilled) {
     WithdrawKeyBlob(key_blob);
@@ -173,15 +151,9 @@ int32_t KeymasterTivasContext::TivasKmGenerateKey(
     const keymaster_key_param_set_t* params, keymaster_key_blob_t* key_blob,
     keymaster_key_characteristics_t* characteristics) {
   KM_LOGI("KmGenerateKey start");
-  if (params == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
-  if (key_blob == nullptr) {
-    return KM_ERROR_OUTPUT_PARAMETER_NULL;
-  }
-  if (params->length != 0 && params->params == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
+  if (params == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  if (key_blob == nullptr) return KM_ERROR_OUTPUT_PARAMETER_NULL;
+  if (params->length != 0 && params->params == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
   return HasEnumParam(*params, KM_TAG_ALGORITHM, KM_ALGORITHM_RSA)
              ? GenerateInSoftware(*params, key_blob, characteristics)
              : GenerateInTa(*params, key_blob, characteristics);

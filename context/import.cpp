@@ -38,9 +38,7 @@ bool EncodeEc(const EVP_PKEY* key, KeyMaterial* material) {
 
 // Decodes a PKCS#8 private key and encodes it as key material.
 bool ParsePkcs8(const keymaster_blob_t& key_data, KeyMaterial* material) {
-  if (key_data.data == nullptr) {
-    return false;
-  }
+  if (key_data.data == nullptr) return false;
   const ErrorQueueScope error_queue;
   const unsigned char* der = key_data.data;
   const CryptoPtr<PKCS8_PRIV_KEY_INFO> pkcs8(d2i_PKCS8_PRIV_KEY_INFO(
@@ -96,9 +94,7 @@ int32_t PrepareKey(keymaster_key_format_t format, const keymaster_blob_t& key_da
 int32_t CopyReplies(const ImportReplies& replies, keymaster_key_blob_t* key_blob,
                     keymaster_key_characteristics_t* characteristics) {
   ReplyReader blob;
-  if (!ReadKeyBlob(replies.key_blob, 0, &blob)) {
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
+  if (!ReadKeyBlob(replies.key_blob, 0, &blob)) return KM_ERROR_UNKNOWN_ERROR;
   const int32_t result = CopyImportedKeyBlob(blob, key_blob);
   return result == KM_ERROR_OK
              ? FillKeyCharacteristics(replies.characteristics, key_blob, characteristics)
@@ -127,9 +123,7 @@ int32_t SendImport(const SerializedParams& params, const uint8_t* key_material, 
       TeeImportKey(params.data(), params.length(), key_material, length, replies->key_blob.buffer(),
                    replies->key_blob.length_in_out(), replies->characteristics.buffer(),
                    replies->characteristics.length_in_out(), static_cast<uint8_t>(source));
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeImportKey failed, ret=0x%x", kLogFailure, tee_result);
-  }
+  if (tee_result != 0) KM_LOGE("%s : TeeImportKey failed, ret=0x%x", kLogFailure, tee_result);
   return static_cast<int32_t>(tee_result);
 }
 
@@ -143,9 +137,7 @@ int32_t KeymasterTivasContext::TivasKmImportKey(const keymaster_key_param_set_t*
                                                 keymaster_key_blob_t* key_blob,
                                                 keymaster_key_characteristics_t* characteristics) {
   KM_LOGI("KmImportKey start");
-  if (params == nullptr || key_data == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
+  if (params == nullptr || key_data == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
   if (key_blob == nullptr) {
     KM_LOGE("%s : keyBlob is NULL", kLogFailure);
     return KM_ERROR_OUTPUT_PARAMETER_NULL;
@@ -162,19 +154,13 @@ int32_t KeymasterTivasContext::TivasKmImportKey(const keymaster_key_param_set_t*
   }
   ImportedKey key;
   int32_t result = PrepareKey(format, *key_data, &material, &key);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   ImportReplies replies;
   const ImportSource source = g_wrappedKeyImport ? ImportSource::kUnwrapped : ImportSource::kCaller;
   result = SendImport(serialized, key.data, key.length, source, &replies);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   result = CopyReplies(replies, key_blob, characteristics);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   KM_LOGI("KmImportKey success");
   return KM_ERROR_OK;
 }

@@ -66,9 +66,7 @@ class MaterialWriter {
   uint8_t* header() { return header_; }
   // Returns false, with nothing appended, when the integer is missing or does not fit.
   bool Append(const BIGNUM* number, const char* label, uint32_t length_at) {
-    if (CheckBnSize(*length_, kKeyMaterialCapacity, number, label) != 0) {
-      return false;
-    }
+    if (CheckBnSize(*length_, kKeyMaterialCapacity, number, label) != 0) return false;
     const auto size = static_cast<uint32_t>(BN_bn2bin(number, buffer_ + *length_));
     PutU32(header_ + length_at, size);
     *length_ += size;
@@ -77,9 +75,7 @@ class MaterialWriter {
   template <size_t N>
   bool Append(const Component (&components)[N]) {
     for (const Component& component : components) {
-      if (!Append(component.number, component.label, component.length_at)) {
-        return false;
-      }
+      if (!Append(component.number, component.label, component.length_at)) return false;
     }
     return true;
   }
@@ -116,17 +112,11 @@ bool AppendRsaPrivate(const RSA* key, const BIGNUM* d, MaterialWriter* writer) {
 // Appends the integers of an EC key and logs the size of each.
 bool AppendEcComponents(const BIGNUM* x, const BIGNUM* y, const BIGNUM* scalar,
                         MaterialWriter* writer) {
-  if (!writer->Append(x, "X", kEcXLengthAt)) {
-    return false;
-  }
+  if (!writer->Append(x, "X", kEcXLengthAt)) return false;
   KM_LOGI("X size = %u", GetU32(writer->header() + kEcXLengthAt));
-  if (!writer->Append(y, "Y", kEcYLengthAt)) {
-    return false;
-  }
+  if (!writer->Append(y, "Y", kEcYLengthAt)) return false;
   KM_LOGI("Y size = %u", GetU32(writer->header() + kEcYLengthAt));
-  if (!writer->Append(scalar, "priv_key", kEcScalarLengthAt)) {
-    return false;
-  }
+  if (!writer->Append(scalar, "priv_key", kEcScalarLengthAt)) return false;
   KM_LOGI("priv key size = %u", GetU32(writer->header() + kEcScalarLengthAt));
   return true;
 }
@@ -148,18 +138,14 @@ int CheckBnSize(uint32_t offset, uint32_t limit, const BIGNUM* number, const cha
 
 int GetNidFromKeySize(int key_size) {
   for (const Curve& curve : kCurves) {
-    if (curve.key_size == key_size) {
-      return curve.nid;
-    }
+    if (curve.key_size == key_size) return curve.nid;
   }
   return 0;
 }
 
 int GetKeySizeFromNid(int nid) {
   for (const Curve& curve : kCurves) {
-    if (curve.nid == nid) {
-      return curve.key_size;
-    }
+    if (curve.nid == nid) return curve.key_size;
   }
   return 0;
 }
@@ -174,9 +160,7 @@ int32_t BuildRsaKeyMaterial(uint8_t* buffer, const RSA* key, uint32_t* length) {
   const BIGNUM* e = nullptr;
   const BIGNUM* d = nullptr;
   RSA_get0_key(key, &n, &e, &d);
-  if (e == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
+  if (e == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
   MaterialWriter writer(buffer, kRsaMaterialHeader, length);
   const Component public_part[] = {{n, "rsa->n", kRsaNLengthAt}, {e, "rsa->e", kRsaELengthAt}};
   if (!writer.Append(public_part) || !AppendRsaPrivate(key, d, &writer)) {
@@ -192,9 +176,7 @@ int32_t BuildRsaKeyMaterial(uint8_t* buffer, const RSA* key, uint32_t* length) {
 
 int32_t BuildEcKeyMaterial(uint8_t* buffer, const EC_KEY* key, uint32_t* length) {
   const EC_GROUP* group = key != nullptr ? EC_KEY_get0_group(key) : nullptr;
-  if (buffer == nullptr || group == nullptr || length == nullptr) {
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
+  if (buffer == nullptr || group == nullptr || length == nullptr) return KM_ERROR_UNKNOWN_ERROR;
   const int nid = EC_GROUP_get_curve_name(group);
   const auto form = static_cast<int>(EC_KEY_get_conv_form(key));
   KM_LOGI("curve name=%d, compressed mode=%d\n", nid, form);

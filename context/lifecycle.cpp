@@ -69,9 +69,7 @@ int32_t KeymasterTivasContext::Initialize(KmVersion version) {
 
   const keymaster_key_param_set_t configuration = {params, 2};
   result = TivasKmConfigure(&configuration);
-  if (result != 0) {
-    KM_LOGE("call keymaster configure api failed, ret=%d\n", result);
-  }
+  if (result != 0) KM_LOGE("call keymaster configure api failed, ret=%d\n", result);
   return result;
 }
 
@@ -83,19 +81,11 @@ int32_t KeymasterTivasContext::FinishTeeContext() {
 
 int32_t KeymasterTivasContext::TivasKmConfigure(const keymaster_key_param_set_t* params) {
   KM_LOGE("KmConfigure start");
-  if (params == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
-  if (params->length == 0) {
-    return RejectConfiguration();
-  }
-  if (params->params == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
+  if (params == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  if (params->length == 0) return RejectConfiguration();
+  if (params->params == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
   SystemVersion version;
-  if (!FindSystemVersion(*params, &version)) {
-    return RejectConfiguration();
-  }
+  if (!FindSystemVersion(*params, &version)) return RejectConfiguration();
   const uint32_t result = TeeKmConfigure(version.os_version, version.os_patchlevel);
   if (result != 0) {
     KM_LOGE("%s : TeeKmConfigure failed, ret=0x%x", kLogFailure, result);

@@ -34,21 +34,15 @@ int32_t UpdateAssociatedData(uint64_t op_handle, const keymaster_key_param_set_t
     KM_LOGE("%s : invalid in_params", kLogFailure);
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
-  if (in_params->length == 0) {
-    return RejectNoAssociatedData();
-  }
+  if (in_params->length == 0) return RejectNoAssociatedData();
   if (in_params->params == nullptr) {
     KM_LOGE("%s : invalid inParams->params", kLogFailure);
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
-  if (FindParam(*in_params, KM_TAG_ASSOCIATED_DATA) == nullptr) {
-    return RejectNoAssociatedData();
-  }
+  if (FindParam(*in_params, KM_TAG_ASSOCIATED_DATA) == nullptr) return RejectNoAssociatedData();
   ClearOutputs(out_params, output);
   SerializedParams params;
-  if (!params.Build(in_params)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!params.Build(in_params)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   Reply params_reply(kReplyCapacity);
   Reply data_reply(kBlock, Reply::Content::kSecret);
   if (!params_reply.allocated() || !data_reply.allocated()) {
@@ -57,9 +51,7 @@ int32_t UpdateAssociatedData(uint64_t op_handle, const keymaster_key_param_set_t
   const uint32_t tee_result =
       TeeUpdate(op_handle, params.data(), params.length(), nullptr, nullptr, params_reply.buffer(),
                 params_reply.length_in_out(), data_reply.buffer(), data_reply.length_in_out());
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeUpdate failed, ret=0x%x", kLogFailure, tee_result);
-  }
+  if (tee_result != 0) KM_LOGE("%s : TeeUpdate failed, ret=0x%x", kLogFailure, tee_result);
   return static_cast<int32_t>(tee_result);
 }
 
@@ -71,9 +63,7 @@ class UpdateOutput {
  public:
   explicit UpdateOutput(uint32_t capacity) : bytes_(AllocateBytes(capacity)) {}
   ~UpdateOutput() {
-    if (bytes_ != nullptr) {
-      OPENSSL_cleanse(bytes_.get(), touched_end_);
-    }
+    if (bytes_ != nullptr) OPENSSL_cleanse(bytes_.get(), touched_end_);
   }
   UpdateOutput(const UpdateOutput&) = delete;
   UpdateOutput& operator=(const UpdateOutput&) = delete;
@@ -143,34 +133,22 @@ int32_t UpdateInput(uint64_t op_handle, const keymaster_key_param_set_t* in_para
                     const keymaster_blob_t& input, size_t* input_consumed,
                     keymaster_key_param_set_t* out_params, keymaster_blob_t* output) {
   int32_t result = CheckUpdateInput(input, input_consumed);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   ClearOutputs(out_params, output);
   SerializedParams params;
-  if (!params.BuildIfGiven(in_params)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!params.BuildIfGiven(in_params)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   Reply params_reply(kReplyCapacity);
-  if (!params_reply.allocated()) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!params_reply.allocated()) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   UpdateOutput data(RoundedUp(static_cast<uint32_t>(input.data_length)));
-  if (!data.allocated()) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!data.allocated()) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   result = SendChunks(op_handle, params, input, &params_reply, &data);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   if (!DecodeOutParams(params_reply, out_params)) {
     KM_LOGE("update build key parame fail");
     (void)TeeAbort(op_handle);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  if (output != nullptr && data.produced() != 0) {
-    data.HandOverTo(output);
-  }
+  if (output != nullptr && data.produced() != 0) data.HandOverTo(output);
   *input_consumed = input.data_length;
   KM_LOGI("KmUpdate success");
   return KM_ERROR_OK;
@@ -186,21 +164,13 @@ int32_t KeymasterTivasContext::TivasKmBegin(keymaster_purpose_t purpose,
                                             keymaster_key_param_set_t* out_params,
                                             unsigned long* op_handle) {
   KM_LOGI("KmBegin start");
-  if (key == nullptr || key->key_material == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
-  if (op_handle == nullptr) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (key == nullptr || key->key_material == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
+  if (op_handle == nullptr) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   ClearOutputs(out_params, nullptr);
   SerializedParams params;
-  if (!params.BuildIfGiven(in_params)) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!params.BuildIfGiven(in_params)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   Reply reply(kReplyCapacity);
-  if (!reply.allocated()) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (!reply.allocated()) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   uint64_t handle = 0;
   const uint32_t tee_result = TeeBegin(purpose, params.data(), params.length(), key->key_material,
                                        static_cast<uint32_t>(key->key_material_size),
@@ -209,9 +179,7 @@ int32_t KeymasterTivasContext::TivasKmBegin(keymaster_purpose_t purpose,
     KM_LOGE("%s : TeeBegin failed, ret=0x%x", kLogFailure, tee_result);
     return static_cast<int32_t>(tee_result);
   }
-  if (out_params == nullptr) {
-    KM_LOGI("out_params is NULL");
-  }
+  if (out_params == nullptr) KM_LOGI("out_params is NULL");
   KM_LOGI("out_params_buffer_len = %u", reply.reported_length());
   if (!DecodeOutParams(reply, out_params)) {
     KM_LOGE("build key parame fail");

@@ -10,15 +10,11 @@
 namespace km41 {
 
 Reply::~Reply() {
-  if (bytes_ != nullptr && content_ == Content::kSecret) {
-    OPENSSL_cleanse(bytes_.get(), capacity_);
-  }
+  if (bytes_ != nullptr && content_ == Content::kSecret) OPENSSL_cleanse(bytes_.get(), capacity_);
 }
 
 bool Reply::Read(ReplyReader* reader) const {
-  if (length_ > capacity_) {
-    return false;
-  }
+  if (length_ > capacity_) return false;
   *reader = ReplyReader(bytes_.get(), length_);
   return true;
 }
@@ -26,12 +22,8 @@ bool Reply::Read(ReplyReader* reader) const {
 int32_t CopyRest(const ReplyReader& reader, MallocBuffer* copy) {
   const uint32_t length = reader.remaining();
   MallocBuffer bytes = AllocateBytes(length);
-  if (bytes == nullptr) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
-  if (memcpy_s(bytes.get(), length, reader.rest(), length) != 0) {
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
+  if (bytes == nullptr) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  if (memcpy_s(bytes.get(), length, reader.rest(), length) != 0) return KM_ERROR_UNKNOWN_ERROR;
   *copy = std::move(bytes);
   return KM_ERROR_OK;
 }
@@ -42,19 +34,13 @@ int32_t CopyOutputData(const Reply& reply, keymaster_blob_t* output) {
     KM_LOGE("%s : too large outDataLen:%u\n", kLogFailure, reply.reported_length());
     return KM_ERROR_UNKNOWN_ERROR;
   }
-  if (output == nullptr) {
-    return KM_ERROR_OK;
-  }
+  if (output == nullptr) return KM_ERROR_OK;
   *output = keymaster_blob_t{};
   if (reader.remaining() != 0) {
     MallocBuffer copy;
     const int32_t result = CopyRest(reader, &copy);
-    if (result == KM_ERROR_UNKNOWN_ERROR) {
-      KM_LOGE("memcpy_s out data failed");
-    }
-    if (result != KM_ERROR_OK) {
-      return result;
-    }
+    if (result == KM_ERROR_UNKNOWN_ERROR) KM_LOGE("memcpy_s out data failed");
+    if (result != KM_ERROR_OK) return result;
     *output = {copy.release(), reader.remaining()};
   }
   KM_LOGI("output data size=%zu", output->data_length);
@@ -62,9 +48,7 @@ int32_t CopyOutputData(const Reply& reply, keymaster_blob_t* output) {
 }
 
 bool ReadKeyBlob(const Reply& reply, uint32_t min_length, ReplyReader* reader) {
-  if (reply.Read(reader) && reader->remaining() >= min_length) {
-    return true;
-  }
+  if (reply.Read(reader) && reader->remaining() >= min_length) return true;
   KM_LOGE("%s : invalid keyBlobLen:%u\n", kLogFailure, reply.reported_length());
   return false;
 }
@@ -72,9 +56,7 @@ bool ReadKeyBlob(const Reply& reply, uint32_t min_length, ReplyReader* reader) {
 int32_t CopyKeyBlob(const ReplyReader& reader, keymaster_key_blob_t* key_blob) {
   MallocBuffer copy;
   const int32_t result = CopyRest(reader, &copy);
-  if (result == KM_ERROR_OK) {
-    *key_blob = {copy.release(), reader.remaining()};
-  }
+  if (result == KM_ERROR_OK) *key_blob = {copy.release(), reader.remaining()};
   return result;
 }
 
@@ -118,18 +100,12 @@ int32_t FillKeyCharacteristics(const Reply& reply, keymaster_key_blob_t* key_blo
 }
 
 void ClearOutputs(keymaster_key_param_set_t* out_params, keymaster_blob_t* output) {
-  if (out_params != nullptr) {
-    *out_params = keymaster_key_param_set_t{};
-  }
-  if (output != nullptr) {
-    *output = keymaster_blob_t{};
-  }
+  if (out_params != nullptr) *out_params = keymaster_key_param_set_t{};
+  if (output != nullptr) *output = keymaster_blob_t{};
 }
 
 bool DecodeOutParams(const Reply& reply, keymaster_key_param_set_t* out_params) {
-  if (out_params == nullptr || reply.reported_length() == 0) {
-    return true;
-  }
+  if (out_params == nullptr || reply.reported_length() == 0) return true;
   ReplyReader reader;
   return reply.Read(&reader) &&
          BuildKeyParamSet(out_params, reader.rest(), reader.remaining()) == 0;

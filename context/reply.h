@@ -22,9 +22,7 @@ class Reply {
 
   explicit Reply(uint32_t capacity, Content content = Content::kPublic)
       : bytes_(AllocateBytes(capacity)), capacity_(capacity), content_(content), length_(capacity) {
-    if (bytes_ != nullptr) {
-      memset(bytes_.get(), 0, capacity);
-    }
+    if (bytes_ != nullptr) memset(bytes_.get(), 0, capacity);
   }
   ~Reply();
   Reply(const Reply&) = delete;

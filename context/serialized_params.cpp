@@ -23,18 +23,14 @@ bool AddBytes(KmParams* record, keymaster_tag_t tag, const keymaster_blob_t& val
 bool SerializedParams::BuildClient(const keymaster_blob_t* client_id,
                                    const keymaster_blob_t* app_data) {
   KmParamsOwner owner;
-  if (InitKmParams(&owner.record) != 0) {
-    return false;
-  }
+  if (InitKmParams(&owner.record) != 0) return false;
   if (client_id != nullptr && !AddBytes(&owner.record, KM_TAG_APPLICATION_ID, *client_id)) {
     return false;
   }
   if (app_data != nullptr && !AddBytes(&owner.record, KM_TAG_APPLICATION_DATA, *app_data)) {
     return false;
   }
-  if (client_id == nullptr && app_data == nullptr) {
-    return true;
-  }
+  if (client_id == nullptr && app_data == nullptr) return true;
   uint8_t* bytes = nullptr;
   uint32_t length = 0;
   const bool built = SerializeKmParams(nullptr, &owner.record, &bytes, &length) == 0;

@@ -59,9 +59,7 @@ keymaster_key_param_set_t SetOf(keymaster_key_param_t (&params)[N]) {
 // from the platform's allocator too. A copy that fails leaves it empty.
 void CopyInto(const uint8_t* bytes, size_t length, KeyHolder* holder) {
   holder->key_material = dup_buffer(bytes, length);
-  if (holder->key_material != nullptr) {
-    holder->key_material_size = length;
-  }
+  if (holder->key_material != nullptr) holder->key_material_size = length;
 }
 
 // Rejects a wrapping key that is not one, before anything is decrypted with it.
@@ -87,9 +85,7 @@ int32_t CheckWrappingKey(KeymasterTivasContext* context, const keymaster_key_blo
 
 // Removes the mask from the transit key, in place.
 int32_t Unmask(const keymaster_key_blob_t* masking_key, SecretBlob* transit_key) {
-  if (masking_key == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
+  if (masking_key == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
   if (transit_key->size() != masking_key->key_material_size) {
     KM_LOGE("XOR size is not equal\n");
     return KM_ERROR_INVALID_ARGUMENT;
@@ -111,9 +107,7 @@ int32_t BuildEncryptedPayload(const KeyHolder& material, const BytesHolder& tag,
     return KM_ERROR_INVALID_ARGUMENT;
   }
   const size_t size = material.key_material_size + tag.data_length;
-  if (size == 0) {
-    return KM_ERROR_INVALID_INPUT_LENGTH;
-  }
+  if (size == 0) return KM_ERROR_INVALID_INPUT_LENGTH;
   SecretBlob joined;
   if (!joined.Allocate(size)) {
     KM_LOGE("alloc key material failed");
@@ -164,23 +158,15 @@ int32_t DecryptContent(KeymasterTivasContext* context, keymaster_key_blob_t* wra
   SecretBlob transit_key;
   int32_t result = context->DecryptTransitKeyMaterial(
       wrapping_key, unwrapping_params, &content->encrypted_transit_key, transit_key.blob());
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   result = Unmask(masking_key, &transit_key);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   KeyHolder payload;
   result = BuildEncryptedPayload(content->encrypted_material, content->tag, &payload);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   result = context->WrappedKeyAesGcmDecrypt(transit_key.blob(), &content->iv,
                                             &content->key_description, &payload, key_material);
-  if (result != KM_ERROR_OK) {
-    KM_LOGE("%s : WrappedKeyAesGcmDecrypt is invalid", kLogFailure);
-  }
+  if (result != KM_ERROR_OK) KM_LOGE("%s : WrappedKeyAesGcmDecrypt is invalid", kLogFailure);
   return result;
 }
 
@@ -257,9 +243,7 @@ int32_t KeymasterTivasContext::TivasKmUnwrappedKey(const KeyHolder* wrapped_key,
     return result;
   }
   result = CheckWrappingKey(this, wrapping_key);
-  if (result != KM_ERROR_OK) {
-    return result;
-  }
+  if (result != KM_ERROR_OK) return result;
   return DecryptContent(this, wrapping_key, unwrapping_params, masking_key, &content, key_material);
 }
 
@@ -282,9 +266,7 @@ int32_t KeymasterTivasContext::DecryptTransitKeyMaterial(
   const int32_t result =
       TransitKeyRsaDecrypt(wrapping_key, given ? unwrapping_params : &default_set,
                            encrypted_transit_key, plain_transit_key);
-  if (result != KM_ERROR_OK) {
-    KM_LOGE("TransitKeyRsaDecrypt is invalid");
-  }
+  if (result != KM_ERROR_OK) KM_LOGE("TransitKeyRsaDecrypt is invalid");
   return result;
 }
 

@@ -40,9 +40,7 @@ class Event {
  public:
   explicit Event(uint32_t id) : object_(qavix_create_eventobj(id)) {}
   ~Event() {
-    if (object_ != nullptr) {
-      qavix_destroy_eventobj(object_);
-    }
+    if (object_ != nullptr) qavix_destroy_eventobj(object_);
   }
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
@@ -80,12 +78,8 @@ bool ReadErrorRecord(const uint8_t* record, uint32_t length, CaDfxInfo* event) {
   event->errLine = RecordField(record, length, 4);
   const uint32_t name_offset = length < kErrorRecordHeader ? length : kErrorRecordHeader;
   uint32_t name_length = RecordField(record, length, 8);
-  if (name_length > sizeof(event->errFunc)) {
-    name_length = sizeof(event->errFunc);
-  }
-  if (name_length > length - name_offset) {
-    name_length = length - name_offset;
-  }
+  if (name_length > sizeof(event->errFunc)) name_length = sizeof(event->errFunc);
+  if (name_length > length - name_offset) name_length = length - name_offset;
   if (memcpy_s(event->errFunc, sizeof(event->errFunc), record + name_offset, name_length) != 0) {
     EVENT_LOGE("memcpy_s errFunc faild");
     return false;
@@ -150,13 +144,9 @@ bool SendArchiveEvent() {
 }  // namespace
 
 int CheckReportedErrCode(uint32_t code) {
-  if (code == kFirstReportedCode) {
-    return 1;
-  }
+  if (code == kFirstReportedCode) return 1;
   for (uint32_t reported : kReportedCodes) {
-    if (code == reported) {
-      return 1;
-    }
+    if (code == reported) return 1;
   }
   return 0;
 }
@@ -191,18 +181,14 @@ void QavixKeyMaster(const uint32_t* call, const uint8_t* info, uint32_t info_len
     EVENT_LOGI("QavixPvod memset_s CaDfxInfo failed !!!");
     return;
   }
-  if (call == nullptr) {
-    return;
-  }
+  if (call == nullptr) return;
   event.eventId = kTaErrorEvent;
   event.cmdId = static_cast<int32_t>(call[0]);
   if (info != nullptr && info_len != 0 && !ReadErrorRecord(info, info_len, &event)) {
     EVENT_LOGE("TaErrDataAnalyze is falied");
     return;
   }
-  if (event.errCode == 0) {
-    event.errCode = static_cast<int32_t>(call[1]);
-  }
+  if (event.errCode == 0) event.errCode = static_cast<int32_t>(call[1]);
   if (CheckReportedErrCode(static_cast<uint32_t>(event.errCode)) != 0) {
     event.eventId = kReportedTaErrorEvent;
   }
@@ -210,13 +196,9 @@ void QavixKeyMaster(const uint32_t* call, const uint8_t* info, uint32_t info_len
   if (memcpy_s(event.caInfo, sizeof(event.caInfo), kCaInfo, sizeof(kCaInfo)) != 0) {
     EVENT_LOGE("memcpy_s taInfo faild");
   }
-  if (ReportDfxServer(&event) < 0) {
-    EVENT_LOGE("reportDfxServer is falied");
-  }
+  if (ReportDfxServer(&event) < 0) EVENT_LOGE("reportDfxServer is falied");
 }
 
 void TeeosLogExceptionArchive(void* /*arg*/) {
-  if (SendArchiveEvent()) {
-    TEE_LOGE("teeos log is uploaded!\n");
-  }
+  if (SendArchiveEvent()) TEE_LOGE("teeos log is uploaded!\n");
 }

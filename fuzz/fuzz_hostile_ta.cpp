@@ -15,9 +15,7 @@
 int RSA_generate_key_ex(RSA* key, int bits, BIGNUM* e, BN_GENCB*) {
   const auto number = [](int size) {
     BIGNUM* out = BN_new();
-    if (BN_set_word(out, 1) != 1 || BN_lshift(out, out, size - 1) != 1) {
-      abort();
-    }
+    if (BN_set_word(out, 1) != 1 || BN_lshift(out, out, size - 1) != 1) abort();
     return out;
   };
   return RSA_set0_key(key, number(bits), BN_dup(e), number(bits)) == 1 &&
@@ -74,9 +72,7 @@ void AnswerReference(Input* input, const Bytes& usual, TEEC_TempMemoryReference*
     bytes = input->ReadSized();
   }
   fuzz::Write(Written(bytes), output);
-  if (kind >= kFailure) {
-    output->size = input->U32();
-  }
+  if (kind >= kFailure) output->size = input->U32();
 }
 
 void AnswerValue(Input* input, TEEC_Value* output) {
@@ -188,18 +184,14 @@ void Vary(const std::string& method, uint8_t number, Args* args) {
     }
   }
   const auto count = static_cast<uint8_t>(fitting.size());
-  if (const Variant* variant = fitting[number % count]) {
-    variant->set(args, number / count);
-  }
+  if (const Variant* variant = fitting[number % count]) variant->set(args, number / count);
 }
 
 // What the contract does not say: whose numbers they are, and that the TA hears of an operation
 // that nobody will use.
 void CheckOperation(const std::string& method, int32_t result, const Args& args) {
   const bool begin = method == "TivasKmBegin";
-  if (!begin && (method != "TivasKmUpdate" || args.input == nullptr)) {
-    return;
-  }
+  if (!begin && (method != "TivasKmUpdate" || args.input == nullptr)) return;
   if (result == 0) {
     Check(*args.number == (begin ? g_value : args.input->data_length),
           begin ? "the handle is the TA's" : "all input is consumed");

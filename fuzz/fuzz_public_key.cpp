@@ -40,9 +40,7 @@ void CheckEncoding(const Bytes& spki, const Bytes& reply) {
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const Bytes reply(data, data + size);
   fuzz::ServeReply("ExportRsa", 2, reply, [&](int32_t result, const test::Args& args) {
-    if (result == 0) {
-      CheckEncoding(test::BlobBytes(*args.data), reply);
-    }
+    if (result == 0) CheckEncoding(test::BlobBytes(*args.data), reply);
   });
   return 0;
 }

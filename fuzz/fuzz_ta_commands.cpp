@@ -25,9 +25,7 @@ constexpr size_t kMostParams = 40;
 // operation's handle.
 Bytes CompleteToken(const World& world, Bytes token) {
   constexpr size_t kSigned = 37;
-  if (token.size() != kSigned) {
-    return token;
-  }
+  if (token.size() != kSigned) return token;
   if (std::all_of(&token[1], &token[9], [](uint8_t byte) { return byte == 0xFF; })) {
     const Bytes handle = fuzz::HandleBytes(world, world.handles.size() - 1);
     std::copy(handle.begin(), handle.end(), &token[1]);
@@ -84,9 +82,7 @@ void ReadSlot(const World& world, Input* input, uint32_t type, Slot* slot) {
   if (type == TEEC_MEMREF_TEMP_INPUT || type == TEEC_MEMREF_TEMP_INOUT) {
     slot->bytes = ReadBytes(world, input);
   }
-  if (type >= TEEC_MEMREF_TEMP_OUTPUT) {
-    slot->bytes.resize(capacity);
-  }
+  if (type >= TEEC_MEMREF_TEMP_OUTPUT) slot->bytes.resize(capacity);
   if (type >= TEEC_VALUE_INPUT && type <= TEEC_VALUE_INOUT) {
     slot->a = input->U32();
     slot->b = input->U32();

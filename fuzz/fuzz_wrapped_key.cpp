@@ -20,9 +20,7 @@ void CheckOutput(Blob& blob, bool parsed) {
   const uint8_t* bytes = keymaster::BlobData(blob);
   const size_t length = keymaster::BlobSize(blob);
   fuzz::Check((bytes != nullptr) == parsed, "the outputs are there after a success alone");
-  if (length != 0) {
-    fuzz::CheckReadable(bytes, length);
-  }
+  if (length != 0) fuzz::CheckReadable(bytes, length);
 }
 
 }  // namespace

@@ -75,9 +75,7 @@ inline Params ReadParams(Input* input, size_t most) {
   Params params;
   while (!input->empty() && params.size() < most) {
     const uint32_t tag = input->U32();
-    if (tag == KM_TAG_INVALID) {
-      break;
-    }
+    if (tag == KM_TAG_INVALID) break;
     if (test::IsByteValued(tag)) {
       params.emplace_back(tag, input->ReadSized());
     } else {

@@ -11,9 +11,7 @@ extern "C" {
 
 int __android_log_print(int, const char* tag, const char* format, ...) {
   char line[1024];
-  if (tag != nullptr && strlen(tag) > 64) {
-    abort();
-  }
+  if (tag != nullptr && strlen(tag) > 64) abort();
   va_list arguments;
   va_start(arguments, format);
   const int length = vsnprintf(line, sizeof(line), format, arguments);

@@ -26,9 +26,7 @@ void CheckReferences(const TEEC_Operation& operation) {
 }
 
 TEEC_Result Recorded(TEEC_Result result) {
-  if (result != TEEC_SUCCESS) {
-    tee_record().failures.insert(result);
-  }
+  if (result != TEEC_SUCCESS) tee_record().failures.insert(result);
   return result;
 }
 
@@ -55,9 +53,7 @@ void DropFirstSessions() {
 
 void Write(const Bytes& bytes, TEEC_TempMemoryReference* output) {
   const size_t count = std::min<size_t>(bytes.size(), output->size);
-  if (count != 0 && output->buffer != nullptr) {
-    memcpy(output->buffer, bytes.data(), count);
-  }
+  if (count != 0 && output->buffer != nullptr) memcpy(output->buffer, bytes.data(), count);
   output->size = static_cast<uint32_t>(count);
 }
 
@@ -74,9 +70,7 @@ void AnswerWith(uint32_t command, unsigned index, Bytes bytes) {
 }
 
 void EnsureTeeContext() {
-  if (!g_context) {
-    Check(Ts_Initcontext() == TEEC_SUCCESS, "a TEE context");
-  }
+  if (!g_context) Check(Ts_Initcontext() == TEEC_SUCCESS, "a TEE context");
 }
 
 }  // namespace fuzz

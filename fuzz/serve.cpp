@@ -29,15 +29,11 @@ States AllowedAfter(int32_t result, const test::Request& request, test::Output o
   const auto column = [&](States Contract::*failure) {
     return test::Allowed(request.method->name, output, failure);
   };
-  if (result == 0) {
-    return column(&Contract::success);
-  }
+  if (result == 0) return column(&Contract::success);
   if (tee_record().failures.count(static_cast<uint32_t>(result)) != 0) {
     return column(&Contract::tee);
   }
-  if (tee_record().answers == 0) {
-    return column(&Contract::preparing);
-  }
+  if (tee_record().answers == 0) return column(&Contract::preparing);
   const States replied =
       column(&Contract::first_reply) | column(&Contract::second_reply) | column(&Contract::copying);
   return request.commands.size() == 1 ? replied : replied | column(&Contract::preparing);
@@ -49,16 +45,12 @@ Served Serve(const test::Request& request, const Change& change, const Look& loo
   test::Outputs outputs;
   test::Args args(&outputs);
   request.Prepare(&args);
-  if (change) {
-    change(&args);
-  }
+  if (change) change(&args);
   const void* const given[test::kOutputs] = {args.key_blob,   args.characteristics, args.data,
                                              args.out_params, args.chain,           outputs.hmac};
   tee_record() = {};
   const int32_t result = request.method->call(args);
-  if (look) {
-    look(result, args);
-  }
+  if (look) look(result, args);
   const Served served = {result, ObserveBlocks(&outputs)};
   for (int i = 0; i < test::kOutputs; ++i) {
     const States allowed = AllowedAfter(result, request, static_cast<test::Output>(i));

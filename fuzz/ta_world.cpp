@@ -33,9 +33,7 @@ int RAND_bytes(unsigned char* out, int size) {
 int RAND_priv_bytes(unsigned char* out, int size) { return RAND_bytes(out, size); }
 int fsync(int) { return 0; }
 int clock_gettime(clockid_t clock, timespec* now) {
-  if (clock != CLOCK_BOOTTIME) {
-    return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
-  }
+  if (clock != CLOCK_BOOTTIME) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
   *now = {kSecondsSinceBoot, 0};
   return 0;
 }
@@ -199,9 +197,7 @@ TEEC_Result Invoke(World* world, uint32_t command, uint32_t types, Slot (&slots)
                  slots[i].a, slots[i].b};
   }
   const TEEC_Result result = kKeymasterTrustedApp.invoke(world->session, command, types, params);
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
+  if (result != TEEC_SUCCESS) return result;
   for (unsigned i = 0; i < 4; ++i) {
     if (TEEC_PARAM_TYPE_GET(types, i) >= TEEC_MEMREF_TEMP_OUTPUT) {
       Check(params[i].size <= slots[i].bytes.size(), "a reply fits its reference");
@@ -209,9 +205,7 @@ TEEC_Result Invoke(World* world, uint32_t command, uint32_t types, Slot (&slots)
       world->replies.push_back(slots[i].bytes);
     }
   }
-  if (command == kCmdBegin) {
-    world->handles.push_back(params[3].a | uint64_t{params[3].b} << 32);
-  }
+  if (command == kCmdBegin) world->handles.push_back(params[3].a | uint64_t{params[3].b} << 32);
   return result;
 }
 
@@ -234,9 +228,7 @@ void Restore(World* world) {
     Invoke(world, kCmdAbort, UsualTypes(kCmdAbort), slots);
   }
   RemoveRecords();
-  if (world->changed_device) {
-    Configure(world);
-  }
+  if (world->changed_device) Configure(world);
   // With the session goes its last error.
   kKeymasterTrustedApp.close_session(world->session);
   OpenSession(world);

@@ -39,13 +39,9 @@ bool WriteItem(uint8_t marker, const keymaster_blob_t* blob, uint8_t* buffer, si
   PutU32(length_bytes, static_cast<uint32_t>(length));
   size_t at = *position;
   buffer[at++] = marker;
-  if (memcpy_s(buffer + at, size - at, length_bytes, sizeof(length_bytes)) != 0) {
-    return false;
-  }
+  if (memcpy_s(buffer + at, size - at, length_bytes, sizeof(length_bytes)) != 0) return false;
   at += sizeof(length_bytes);
-  if (length != 0 && memcpy_s(buffer + at, size - at, blob->data, length) != 0) {
-    return false;
-  }
+  if (length != 0 && memcpy_s(buffer + at, size - at, blob->data, length) != 0) return false;
   *position = at + length;
   return true;
 }
@@ -54,14 +50,10 @@ bool WriteItem(uint8_t marker, const keymaster_blob_t* blob, uint8_t* buffer, si
 
 int32_t BuildFinalInput(const keymaster_blob_t* input, const keymaster_blob_t* signature,
                         keymaster_blob_t* final_input) {
-  if (final_input == nullptr) {
-    return -EINVAL;
-  }
+  if (final_input == nullptr) return -EINVAL;
   size_t size = size_t{2} * kItemHeader;
   for (const keymaster_blob_t* item : {input, signature}) {
-    if (ItemLength(item) > UINT32_MAX - size) {
-      return -EINVAL;
-    }
+    if (ItemLength(item) > UINT32_MAX - size) return -EINVAL;
     size += ItemLength(item);
   }
   SecretBlob buffer;
@@ -108,13 +100,9 @@ keymaster_error_t BuildVerifyAuthInput(const uint64_t* challenge,
 
 void UpdateParamsForSecureid(keymaster_key_param_set_t* params, uint64_t password_sid,
                              uint64_t biometric_sid) {
-  if (params == nullptr || params->params == nullptr) {
-    return;
-  }
+  if (params == nullptr || params->params == nullptr) return;
   keymaster_key_param_t* secure_id = FindParam(*params, KM_TAG_USER_SECURE_ID);
-  if (secure_id == nullptr) {
-    return;
-  }
+  if (secure_id == nullptr) return;
   const keymaster_key_param_t* token = FindParam(*params, KM_TAG_AUTH_TOKEN);
   if (token == nullptr || token->blob.data == nullptr ||
       token->blob.data_length < kAuthenticatorTypeEnd) {
@@ -129,14 +117,10 @@ void UpdateParamsForSecureid(keymaster_key_param_set_t* params, uint64_t passwor
 }
 
 keymaster_error_t ParamsCheck(const keymaster_blob_t* input, const size_t* input_consumed) {
-  if (input == nullptr) {
-    return KM_ERROR_UNEXPECTED_NULL_POINTER;
-  }
+  if (input == nullptr) return KM_ERROR_UNEXPECTED_NULL_POINTER;
   if (input->data_length >= 0xFFFFFFF0 && input->data_length <= 0xFFFFFFFF) {
     return KM_ERROR_UNEXPECTED_NULL_POINTER;
   }
-  if (input_consumed == nullptr) {
-    return KM_ERROR_OUTPUT_PARAMETER_NULL;
-  }
+  if (input_consumed == nullptr) return KM_ERROR_OUTPUT_PARAMETER_NULL;
   return KM_ERROR_OK;
 }

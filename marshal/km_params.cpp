@@ -62,9 +62,7 @@ int32_t GrowSlots(KmParams* record) {
   }
   const uint32_t capacity = record->len + kSlotStep;
   std::unique_ptr<KmParamEntry, FreeDeleter> slots(AllocateSlots(capacity));
-  if (slots == nullptr) {
-    return -ENOMEM;
-  }
+  if (slots == nullptr) return -ENOMEM;
   const size_t used = static_cast<size_t>(record->len) * sizeof(KmParamEntry);
   if (used != 0 &&
       memcpy_s(slots.get(), capacity * sizeof(KmParamEntry), record->params, used) != 0) {
@@ -78,18 +76,14 @@ int32_t GrowSlots(KmParams* record) {
 
 // Byte values may be auth tokens or application data.
 void FreeBytes(KmParams* record) {
-  if (record->data != nullptr) {
-    OPENSSL_cleanse(record->data, record->data_len);
-  }
+  if (record->data != nullptr) OPENSSL_cleanse(record->data, record->data_len);
   free(record->data);
 }
 
 // Appends a byte value to the record's store, which grows to its exact new size.
 int32_t AppendBytes(KmParams* record, const keymaster_blob_t& value) {
   const uint32_t size = record->data_len + static_cast<uint32_t>(value.data_length);
-  if (size == 0 || size < record->data_len) {
-    return -EINVAL;
-  }
+  if (size == 0 || size < record->data_len) return -EINVAL;
   SecretBlob grown;
   if (!grown.Allocate(size) || (record->data_len != 0 && memcpy_s(grown.bytes(), size, record->data,
                                                                   record->data_len) != 0)) {
@@ -109,16 +103,12 @@ int32_t AppendBytes(KmParams* record, const keymaster_blob_t& value) {
 int32_t AddParam(KmParams* record, const keymaster_key_param_t& param) {
   if (record->len == record->capacity) {
     const int32_t result = GrowSlots(record);
-    if (result != 0) {
-      return result;
-    }
+    if (result != 0) return result;
   }
   EncodeEntry(param, record->data_len, record->params[record->len].bytes);
   if (IsByteValued(param.tag) && param.blob.data_length != 0) {
     const int32_t result = AppendBytes(record, param.blob);
-    if (result != 0) {
-      return result;
-    }
+    if (result != 0) return result;
   }
   ++record->len;
   return 0;
@@ -135,12 +125,8 @@ class BufferWriter {
     return Write(bytes, sizeof(bytes));
   }
   bool Write(const void* bytes, size_t count) {
-    if (count == 0) {
-      return true;
-    }
-    if (memcpy_s(at_, room_, bytes, count) != 0) {
-      return false;
-    }
+    if (count == 0) return true;
+    if (memcpy_s(at_, room_, bytes, count) != 0) return false;
     at_ += count;
     room_ -= count;
     return true;
@@ -157,9 +143,7 @@ class BufferWriter {
 void RebaseOffsets(uint8_t* entries, uint32_t count, uint32_t base) {
   for (uint32_t i = 0; base != 0 && i < count; ++i) {
     uint8_t* entry = entries + size_t{i} * kParamEntrySize;
-    if (IsByteValued(EntryTag(entry))) {
-      SetEntryOffset(entry, EntryOffset(entry) + base);
-    }
+    if (IsByteValued(EntryTag(entry))) SetEntryOffset(entry, EntryOffset(entry) + base);
   }
 }
 
@@ -174,9 +158,7 @@ bool WriteLists(const KmParams& first, const KmParams& second, uint8_t* buffer, 
     return false;
   }
   uint8_t* const second_entries = writer.at();
-  if (!writer.Write(second.params, EntryBytes(second))) {
-    return false;
-  }
+  if (!writer.Write(second.params, EntryBytes(second))) return false;
   RebaseOffsets(second_entries, second.len, first.data_len);
   return writer.Write(first.data, first.data_len) && writer.Write(second.data, second.data_len);
 }
@@ -200,9 +182,7 @@ bool Measure(const keymaster_key_param_set_t& set, KmParams* first, KmParams* se
   for (const keymaster_key_param_t* param = set.params; param != end; ++param) {
     definitions += IsKeyDefinitionTag(param->tag) ? 1 : 0;
     if (IsByteValued(param->tag)) {
-      if (param->blob.data_length > UINT32_MAX - bytes) {
-        return false;
-      }
+      if (param->blob.data_length > UINT32_MAX - bytes) return false;
       bytes += param->blob.data_length;
     }
   }
@@ -225,9 +205,7 @@ bool WriteSet(const keymaster_key_param_set_t& set, const KmParams& first, const
   uint8_t* area_at = second_at + EntryBytes(second);
   BufferWriter first_count(buffer, sizeof(uint32_t));
   BufferWriter second_count(second_at - sizeof(uint32_t), sizeof(uint32_t));
-  if (!first_count.WriteU32(first.len) || !second_count.WriteU32(second.len)) {
-    return false;
-  }
+  if (!first_count.WriteU32(first.len) || !second_count.WriteU32(second.len)) return false;
   BufferWriter area(area_at, second.data_len);
   uint32_t offset = 0;
   const keymaster_key_param_t* const end = set.params + set.length;
@@ -237,9 +215,7 @@ bool WriteSet(const keymaster_key_param_set_t& set, const KmParams& first, const
     first_at += is_first ? kParamEntrySize : 0;
     second_at += is_first ? 0 : kParamEntrySize;
     if (IsByteValued(param->tag)) {
-      if (!area.Write(param->blob.data, param->blob.data_length)) {
-        return false;
-      }
+      if (!area.Write(param->blob.data, param->blob.data_length)) return false;
       offset += static_cast<uint32_t>(param->blob.data_length);
     }
   }
@@ -253,32 +229,24 @@ int32_t InitKmParams(KmParams* km_params) {
     KM_LOGE("km_params is null, please check!\n");
     return -ENOMEM;
   }
-  if (!ClearRecord(km_params)) {
-    return -ENOMEM;
-  }
+  if (!ClearRecord(km_params)) return -ENOMEM;
   km_params->capacity = kSlotStep;
   km_params->params = AllocateSlots(kSlotStep);
   return km_params->params != nullptr ? 0 : -ENOMEM;
 }
 
 int32_t AddKmParams(KmParams* km_params, const keymaster_key_param_t* param) {
-  if (km_params == nullptr || param == nullptr) {
-    return -EINVAL;
-  }
+  if (km_params == nullptr || param == nullptr) return -EINVAL;
   return AddParam(km_params, *param);
 }
 
 int32_t SerializeKmParams(const KmParams* first, KmParams* second, uint8_t** out,
                           uint32_t* out_len) {
-  if (second == nullptr || out == nullptr || out_len == nullptr) {
-    return -EINVAL;
-  }
+  if (second == nullptr || out == nullptr || out_len == nullptr) return -EINVAL;
   const KmParams absent = {};
   const KmParams& leading = first != nullptr ? *first : absent;
   const uint32_t total = BufferSize(leading, *second);
-  if (total == 0) {
-    return -ENOMEM;
-  }
+  if (total == 0) return -ENOMEM;
   SecretBlob buffer;
   if (!buffer.Allocate(total) || !WriteLists(leading, *second, buffer.bytes(), total)) {
     return -ENOMEM;
@@ -291,9 +259,7 @@ int32_t SerializeKmParams(const KmParams* first, KmParams* second, uint8_t** out
 }
 
 void FreeKmParams(KmParams* km_params) {
-  if (km_params == nullptr) {
-    return;
-  }
+  if (km_params == nullptr) return;
   free(km_params->params);
   FreeBytes(km_params);
   km_params->params = nullptr;

@@ -25,9 +25,7 @@ uint64_t EntriesSize(uint32_t count) { return static_cast<uint64_t>(count) * kPa
 keymaster_key_param_t* DecodeEntries(const uint8_t* entries, uint32_t count) {
   auto* params =
       static_cast<keymaster_key_param_t*>(malloc(size_t{count} * sizeof(keymaster_key_param_t)));
-  if (params == nullptr) {
-    return nullptr;
-  }
+  if (params == nullptr) return nullptr;
   for (uint32_t i = 0; i < count; ++i) {
     DecodeEntry(entries + EntriesSize(i), &params[i]);
   }
@@ -37,18 +35,14 @@ keymaster_key_param_t* DecodeEntries(const uint8_t* entries, uint32_t count) {
 // Copies one byte value out of the blob area that reader still holds.
 int32_t ResolveBlob(const uint8_t* entry, const ReplyReader& area, keymaster_blob_t* blob) {
   const uint32_t length = EntryLength(entry);
-  if (length == 0) {
-    return 0;
-  }
+  if (length == 0) return 0;
   ReplyReader range = area;
   const uint8_t* bytes = nullptr;
   if (!range.ReadBytes(EntryOffset(entry), &bytes) || !range.ReadBytes(length, &bytes)) {
     return -EINVAL;
   }
   MallocBuffer copy = AllocateBytes(length);
-  if (copy == nullptr || memcpy_s(copy.get(), length, bytes, length) != 0) {
-    return -ENOMEM;
-  }
+  if (copy == nullptr || memcpy_s(copy.get(), length, bytes, length) != 0) return -ENOMEM;
   blob->data = copy.release();
   blob->data_length = length;
   return 0;
@@ -63,13 +57,9 @@ int32_t ResolveBlobs(const uint8_t* entries, const ReplyReader& area,
   }
   for (size_t i = 0; i < set->length; ++i) {
     keymaster_key_param_t* param = &set->params[i];
-    if (!IsByteValued(param->tag)) {
-      continue;
-    }
+    if (!IsByteValued(param->tag)) continue;
     const int32_t result = ResolveBlob(entries + i * kParamEntrySize, area, &param->blob);
-    if (result != 0) {
-      return result;
-    }
+    if (result != 0) return result;
   }
   return 0;
 }
@@ -85,20 +75,12 @@ struct WireList {
 // Reads the count and the entries of a list and decodes them into set, byte values still empty.
 int32_t ReadList(ReplyReader* reader, WireList* list, keymaster_key_param_set_t* set) {
   list->has_count = reader->ReadU32(&list->count);
-  if (!list->has_count || list->count > kMaxListCount) {
-    return -EINVAL;
-  }
-  if (list->count == 0) {
-    return 0;
-  }
+  if (!list->has_count || list->count > kMaxListCount) return -EINVAL;
+  if (list->count == 0) return 0;
   list->overruns = !reader->ReadBytes(EntriesSize(list->count), &list->entries);
-  if (list->overruns) {
-    return -EINVAL;
-  }
+  if (list->overruns) return -EINVAL;
   set->params = DecodeEntries(list->entries, list->count);
-  if (set->params == nullptr) {
-    return -ENOMEM;
-  }
+  if (set->params == nullptr) return -ENOMEM;
   set->length = list->count;
   return 0;
 }
@@ -109,9 +91,7 @@ int32_t ReadHwEnforced(ReplyReader* reader, uint32_t reply_len, WireList* list,
   if (list->overruns) {
     KM_LOGE("1 invalid key character size, %u-%u-%u", reader->position(), list->count, reply_len);
   }
-  if (result != 0) {
-    KM_LOGE("Proc hw enforce failed, err=%d", result);
-  }
+  if (result != 0) KM_LOGE("Proc hw enforce failed, err=%d", result);
   return result;
 }
 
@@ -132,13 +112,9 @@ int32_t DecodeLists(const uint8_t* reply, uint32_t reply_len,
   WireList hw;
   WireList sw;
   int32_t result = ReadHwEnforced(&reader, reply_len, &hw, &characteristics->hw_enforced);
-  if (result != 0) {
-    return result;
-  }
+  if (result != 0) return result;
   result = ReadSwEnforced(&reader, reply_len, &sw, &characteristics->sw_enforced);
-  if (result != 0) {
-    return result;
-  }
+  if (result != 0) return result;
   const ReplyReader area(reader.rest(), reader.remaining());
   if (ResolveBlobs(hw.entries, area, &characteristics->hw_enforced) != 0 ||
       ResolveBlobs(sw.entries, area, &characteristics->sw_enforced) != 0) {
@@ -156,9 +132,7 @@ int32_t DecodeParamSet(keymaster_key_param_set_t* set, uint32_t count, uint32_t 
     return -ENOMEM;
   }
   set->params = DecodeEntries(entries, count);
-  if (set->params == nullptr) {
-    return -ENOMEM;
-  }
+  if (set->params == nullptr) return -ENOMEM;
   set->length = count;
   const ReplyReader area(reader->rest(), reader->remaining());
   return ResolveBlobs(entries, area, set) == 0 ? 0 : -ENOMEM;
@@ -168,26 +142,20 @@ int32_t DecodeParamSet(keymaster_key_param_set_t* set, uint32_t count, uint32_t 
 
 int32_t BuildKeyCharacter(const uint8_t* reply, uint32_t reply_len,
                           keymaster_key_characteristics_t* characteristics) {
-  if (reply == nullptr || characteristics == nullptr) {
-    return -EINVAL;
-  }
+  if (reply == nullptr || characteristics == nullptr) return -EINVAL;
   if (reply_len < kCountSize) {
     KM_LOGE("key_character_len too small, len=%u", reply_len);
     return -EINVAL;
   }
   *characteristics = keymaster_key_characteristics_t{};
   const int32_t result = DecodeLists(reply, reply_len, characteristics);
-  if (result != 0) {
-    ReleaseCharacteristics(characteristics);
-  }
+  if (result != 0) ReleaseCharacteristics(characteristics);
   return result;
 }
 
 int32_t BuildKeyParamSet(keymaster_key_param_set_t* param_set, const uint8_t* reply,
                          uint32_t reply_len) {
-  if (param_set == nullptr || reply == nullptr) {
-    return -EINVAL;
-  }
+  if (param_set == nullptr || reply == nullptr) return -EINVAL;
   ReplyReader reader(reply, reply_len);
   uint32_t count = 0;
   if (!reader.ReadU32(&count)) {
@@ -196,12 +164,8 @@ int32_t BuildKeyParamSet(keymaster_key_param_set_t* param_set, const uint8_t* re
   }
   // What the caller left in the set is not released on a failure below.
   *param_set = keymaster_key_param_set_t{};
-  if (count == 0) {
-    return 0;
-  }
+  if (count == 0) return 0;
   const int32_t result = DecodeParamSet(param_set, count, reply_len, &reader);
-  if (result != 0) {
-    ReleaseParamSet(param_set);
-  }
+  if (result != 0) ReleaseParamSet(param_set);
   return result;
 }

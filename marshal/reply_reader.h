@@ -16,18 +16,14 @@ class ReplyReader {
 
   // ReadBytes reads count bytes, which stay the reply's. This is the only bounds check.
   [[nodiscard]] bool ReadBytes(uint64_t count, const uint8_t** out) {
-    if (count > remaining()) {
-      return false;
-    }
+    if (count > remaining()) return false;
     *out = rest();
     position_ += static_cast<uint32_t>(count);
     return true;
   }
   [[nodiscard]] bool ReadU32(uint32_t* out) {
     const uint8_t* bytes = nullptr;
-    if (!ReadBytes(sizeof(*out), &bytes)) {
-      return false;
-    }
+    if (!ReadBytes(sizeof(*out), &bytes)) return false;
     *out = GetU32(bytes);
     return true;
   }

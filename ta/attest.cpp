@@ -45,9 +45,7 @@ ParamSet Attestable(ParamSet params) {
 bool AddDeviceIds(const ParamSet& request, ParamSet* tee_enforced) {
   for (const DeviceId& id : kDeviceIds) {
     const Param* const asked = request.Find(id.tag);
-    if (asked == nullptr) {
-      continue;
-    }
+    if (asked == nullptr) continue;
     if (id.text == nullptr || asked->bytes.size() != strlen(id.text) ||
         !std::equal(asked->bytes.begin(), asked->bytes.end(), id.text)) {
       return false;
@@ -63,9 +61,7 @@ Bytes UniqueId(const Key& key, const ParamSet& request) {
   constexpr uint64_t kSlotMillis = uint64_t{30} * 24 * 60 * 60 * 1000;
   constexpr size_t kUniqueIdSize = 16;
   const Param* const created = key.Find(KM_TAG_CREATION_DATETIME);
-  if (!key.hw_enforced.IsTrue(KM_TAG_INCLUDE_UNIQUE_ID) || created == nullptr) {
-    return {};
-  }
+  if (!key.hw_enforced.IsTrue(KM_TAG_INCLUDE_UNIQUE_ID) || created == nullptr) return {};
   Bytes message;
   AppendU64(&message, created->value / kSlotMillis);
   AppendBytes(&message, request.BytesOf(KM_TAG_APPLICATION_ID));

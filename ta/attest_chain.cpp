@@ -130,9 +130,7 @@ void AddKeyUsage(X509* leaf, const Key& key) {
   RequireCrypto(usage != nullptr);
   bool any = false;
   for (const PurposeUsage& row : kPurposeUsages) {
-    if (!key.Authorizes(KM_TAG_PURPOSE, row.purpose)) {
-      continue;
-    }
+    if (!key.Authorizes(KM_TAG_PURPOSE, row.purpose)) continue;
     RequireCrypto(ASN1_BIT_STRING_set_bit(usage.get(), row.bit, 1) == 1);
     any = true;
   }
@@ -154,9 +152,7 @@ void AddKeyDescription(X509* leaf, ByteView key_description) {
 // The seconds since 1970 of the first of two dates that the key has.
 uint64_t DateOf(const Key& key, uint32_t tag, uint32_t other_tag, uint64_t otherwise) {
   const Param* date = key.Find(tag);
-  if (date == nullptr) {
-    date = key.Find(other_tag);
-  }
+  if (date == nullptr) date = key.Find(other_tag);
   return date != nullptr ? date->value / 1000 : otherwise;
 }
 

@@ -62,9 +62,7 @@ Bytes Sequence(std::initializer_list<Bytes> elements) {
 Bytes SetOfInteger(const ParamSet& params, Tag tag) {
   std::set<uint64_t> values;
   for (const Param& param : params) {
-    if (param.tag == tag) {
-      values.insert(param.value);
-    }
+    if (param.tag == tag) values.insert(param.value);
   }
   Bytes content;
   for (const uint64_t value : values) {
@@ -76,12 +74,8 @@ Bytes SetOfInteger(const ParamSet& params, Tag tag) {
 // The value of one field; empty for a field that is not there.
 Bytes FieldValue(const ParamSet& params, keymaster_tag_t tag) {
   const Param* const param = params.Find(tag);
-  if (param == nullptr) {
-    return {};
-  }
-  if (tag == KM_TAG_ROOT_OF_TRUST) {
-    return param->bytes;
-  }
+  if (param == nullptr) return {};
+  if (tag == KM_TAG_ROOT_OF_TRUST) return param->bytes;
   switch (keymaster_tag_get_type(tag)) {
     case KM_ENUM_REP:
     case KM_UINT_REP:

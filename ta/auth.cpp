@@ -26,9 +26,7 @@ ParamSet Verifiable(const ParamSet& params) {
   ParamSet verifiable;
   for (const keymaster_tag_t tag : kVerifiableTags) {
     for (const Param& param : params) {
-      if (param.tag == static_cast<uint32_t>(tag)) {
-        verifiable.Add(param);
-      }
+      if (param.tag == static_cast<uint32_t>(tag)) verifiable.Add(param);
     }
   }
   return verifiable;
@@ -41,9 +39,7 @@ Bytes VerificationToken(uint64_t challenge, const ParamSet& verified) {
   AppendBigEndian(&message, challenge, sizeof(challenge));
   AppendBigEndian(&message, timestamp, sizeof(timestamp));
   AppendBigEndian(&message, kLevel, sizeof(kLevel));
-  if (!verified.empty()) {
-    AppendBytes(&message, EncodeAuthorizationList(verified));
-  }
+  if (!verified.empty()) AppendBytes(&message, EncodeAuthorizationList(verified));
 
   Bytes token;
   AppendU64(&token, challenge);
@@ -78,9 +74,7 @@ bool AuthTokenValid(ByteView bytes, AuthToken* token) {
 
 bool AuthTokenSatisfies(const AuthToken& token, const ParamSet& params) {
   const std::optional<uint64_t> types = params.Value(KM_TAG_USER_AUTH_TYPE);
-  if (types && (*types & token.authenticator_type) == 0) {
-    return false;
-  }
+  if (types && (*types & token.authenticator_type) == 0) return false;
   return !params.Contains(KM_TAG_USER_SECURE_ID) ||
          params.Contains(KM_TAG_USER_SECURE_ID, token.user_id) ||
          params.Contains(KM_TAG_USER_SECURE_ID, token.authenticator_id);

@@ -61,9 +61,7 @@ class ByteReader {
   ByteView rest() const { return bytes_; }
 
   bool TakeBytes(size_t size, ByteView* out) {
-    if (size > bytes_.size) {
-      return false;
-    }
+    if (size > bytes_.size) return false;
     *out = ByteView(bytes_.data, size);
     bytes_ = size == 0 ? bytes_ : ByteView(bytes_.data + size, bytes_.size - size);
     return true;
@@ -76,9 +74,7 @@ class ByteReader {
   template <typename T>
   bool TakeInteger(T* out) {
     ByteView raw;
-    if (!TakeBytes(sizeof(T), &raw)) {
-      return false;
-    }
+    if (!TakeBytes(sizeof(T), &raw)) return false;
     uint64_t value = 0;
     for (size_t i = sizeof(T); i > 0; --i) {
       value = value << 8 | raw.data[i - 1];

@@ -34,9 +34,7 @@ class CipherOperation : public Operation {
 
 OperationPtr MakeCipherOperation(const OperationRequest& request) {
   const uint32_t mode = Choose(request, KM_TAG_BLOCK_MODE);
-  if (mode == KM_MODE_GCM) {
-    return MakeGcmOperation(request);
-  }
+  if (mode == KM_MODE_GCM) return MakeGcmOperation(request);
   const bool encrypts = request.purpose == KM_PURPOSE_ENCRYPT;
   const bool pads = Choose(request, KM_TAG_PADDING) != KM_PAD_NONE;
   FailIf(mode == KM_MODE_CTR && pads, KM_ERROR_INCOMPATIBLE_PADDING_MODE);

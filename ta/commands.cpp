@@ -62,9 +62,7 @@ bool AcceptsTypes(const Command& command, uint32_t types) {
   for (uint32_t i = 0; i < 4; ++i) {
     const uint32_t given = TEEC_PARAM_TYPE_GET(types, i);
     const bool left_out = given == TEEC_NONE && (command.types[i] & kOptional) != 0;
-    if (given != (command.types[i] & ~kOptional) && !left_out) {
-      return false;
-    }
+    if (given != (command.types[i] & ~kOptional) && !left_out) return false;
   }
   return types >> 16 == 0;
 }

@@ -40,13 +40,9 @@ bool Parse(ByteView record, const std::string& boot_id, BootState* state) {
                    reader.TakeBytes(state->sharing_nonce.size(), &nonce) &&
                    reader.TakeBytes(kKeySize, &key) && reader.remaining() == 0,
                "the boot state is damaged");
-  if (!std::equal(id.begin(), id.end(), boot_id.begin())) {
-    return false;
-  }
+  if (!std::equal(id.begin(), id.end(), boot_id.begin())) return false;
   state->sharing_nonce.assign(nonce.begin(), nonce.end());
-  if ((flags & kKeyShared) != 0) {
-    state->shared_hmac_key.assign(key.begin(), key.end());
-  }
+  if ((flags & kKeyShared) != 0) state->shared_hmac_key.assign(key.begin(), key.end());
   state->early_boot_ended = (flags & kEarlyBootEnded) != 0;
   state->locked = (flags & kLocked) != 0;
   state->lock_needs_password = (flags & kLockNeedsPassword) != 0;
@@ -77,9 +73,7 @@ uint64_t MillisSinceBoot() {
 BootState UpdateBootState(const std::function<void(BootState*)>& change) {
   const std::string boot_id = BootId();
   BootState state;
-  if (!change && Load(boot_id, &state)) {
-    return state;
-  }
+  if (!change && Load(boot_id, &state)) return state;
 
   const StateLock lock;
   state = BootState();
@@ -87,9 +81,7 @@ BootState UpdateBootState(const std::function<void(BootState*)>& change) {
     state = BootState();
     FillRandom(state.sharing_nonce.data(), state.sharing_nonce.size());
   }
-  if (change) {
-    change(&state);
-  }
+  if (change) change(&state);
   ReplaceStateFile(kFileName, Serialize(boot_id, state));
   return state;
 }
@@ -103,9 +95,7 @@ bool DeviceUnlockedFor(const AuthToken* token) {
             (state.lock_needs_password && (token->authenticator_type & HW_AUTH_PASSWORD) == 0));
   };
   const BootState now = UpdateBootState();
-  if (!now.locked || still_locked(now)) {
-    return !now.locked;
-  }
+  if (!now.locked || still_locked(now)) return !now.locked;
   // Another process may have locked the device again since.
   return !UpdateBootState([&](BootState* state) { state->locked = still_locked(*state); }).locked;
 }

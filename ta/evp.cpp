@@ -9,9 +9,7 @@
 namespace ta {
 
 void RequireCrypto(bool success) {
-  if (!success) {
-    throw std::runtime_error("libcrypto failed");
-  }
+  if (!success) throw std::runtime_error("libcrypto failed");
 }
 
 void FillRandom(void* out, size_t size) {

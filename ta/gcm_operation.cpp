@@ -15,9 +15,7 @@ class GcmOperation : public Operation {
     // Input that travels in pieces has the same parameters with each of them.
     FailIf(data_began_ && last_associated_ != Bytes(data.begin(), data.end()),
            KM_ERROR_INVALID_TAG);
-    if (data_began_) {
-      return;
-    }
+    if (data_began_) return;
     FailIf(data.size > kMaxAssociated, KM_ERROR_INVALID_INPUT_LENGTH);
     int ignored = 0;
     RequireCrypto(data.size == 0 || EVP_CipherUpdate(ctx_.get(), nullptr, &ignored, data.data,
@@ -27,14 +25,10 @@ class GcmOperation : public Operation {
 
   void Update(ByteView input, SecureBytes* output) override {
     data_began_ = data_began_ || input.size != 0;
-    if (encrypts_) {
-      return FeedCipher(ctx_.get(), input, output);
-    }
+    if (encrypts_) return FeedCipher(ctx_.get(), input, output);
     // The last bytes so far may be the tag: they wait.
     AppendBytes(&held_, input);
-    if (held_.size() <= tag_size_) {
-      return;
-    }
+    if (held_.size() <= tag_size_) return;
     const size_t ciphertext = held_.size() - tag_size_;
     FeedCipher(ctx_.get(), ByteView(held_.data(), ciphertext), output);
     held_.erase(held_.begin(), held_.begin() + static_cast<ptrdiff_t>(ciphertext));

@@ -25,9 +25,7 @@ class HmacOperation : public Operation {
     SecureBytes mac(EVP_MAX_MD_SIZE);
     unsigned int size = 0;
     RequireCrypto(HMAC_Final(ctx_.get(), mac.data(), &size) == 1);
-    if (signs_) {
-      return AppendBytes(output, ByteView(mac.data(), mac_size_));
-    }
+    if (signs_) return AppendBytes(output, ByteView(mac.data(), mac_size_));
     FailIf(signature.size < mac_size_, KM_ERROR_INVALID_MAC_LENGTH);
     FailIf(signature.size > size || CRYPTO_memcmp(signature.data, mac.data(), signature.size) != 0,
            KM_ERROR_VERIFICATION_FAILED);

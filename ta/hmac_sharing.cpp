@@ -50,9 +50,7 @@ bool ContainsOwn(ByteView sharing_parameters, const SecureBytes& own) {
   ByteReader reader(sharing_parameters);
   ByteView one;
   while (reader.TakeBytes(kSharingParametersSize, &one)) {
-    if (std::equal(one.begin(), one.end(), own.begin(), own.end())) {
-      return true;
-    }
+    if (std::equal(one.begin(), one.end(), own.begin(), own.end())) return true;
   }
   return false;
 }

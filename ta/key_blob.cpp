@@ -137,9 +137,7 @@ int VersionOrder(const Key& key) {
   GetSystemVersion(&now);
   const uint32_t os_version = HardwareValue(key, KM_TAG_OS_VERSION);
   const uint32_t os_patchlevel = HardwareValue(key, KM_TAG_OS_PATCHLEVEL);
-  if (os_version > now.os_version || os_patchlevel > now.os_patchlevel) {
-    return 1;
-  }
+  if (os_version > now.os_version || os_patchlevel > now.os_patchlevel) return 1;
   return os_version < now.os_version || os_patchlevel < now.os_patchlevel ? -1 : 0;
 }
 

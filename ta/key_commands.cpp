@@ -35,9 +35,7 @@ void ReplyNewKey(const ParamSet& description, Key* key, TaParam* blob, TaParam* 
   DescribeKey(description, key);
   Reply(SealKeyBlob(*key, description), blob);
   // A reference without capacity asks for no characteristics.
-  if (characteristics->size != 0) {
-    ReplyCharacteristics(*key, characteristics);
-  }
+  if (characteristics->size != 0) ReplyCharacteristics(*key, characteristics);
 }
 
 }  // namespace
@@ -79,9 +77,7 @@ void UpgradeKey(uint32_t types, TaParam params[4]) {
   Key key = OpenKeyBlob(InputOf(params[0]), request);
   const int order = VersionOrder(key);
   FailIf(order > 0, KM_ERROR_INVALID_ARGUMENT);
-  if (order == 0) {
-    return Reply(ByteView(), &params[2]);
-  }
+  if (order == 0) return Reply(ByteView(), &params[2]);
   SetKeySystemVersion(&key);
   Reply(SealKeyBlob(key, request), &params[2]);
 }

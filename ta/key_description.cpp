@@ -63,9 +63,7 @@ bool Knows(uint64_t algorithm, keymaster_tag_t tag, uint64_t value) {
       {KM_ALGORITHM_HMAC, KM_TAG_DIGEST, kMacDigests},
   };
   for (const auto& row : kRows) {
-    if (row.algorithm != algorithm || row.tag != tag) {
-      continue;
-    }
+    if (row.algorithm != algorithm || row.tag != tag) continue;
     return std::count(row.values.begin(), row.values.end(), value) != 0;
   }
   return true;
@@ -117,9 +115,7 @@ void CheckKeyDescription(const ParamSet& description) {
   FailIf(description.Contains(static_cast<uint32_t>(KM_TAG_USER_SECURE_ID)) &&
              description.IsTrue(KM_TAG_NO_AUTH_REQUIRED),
          KM_ERROR_INVALID_ARGUMENT);
-  if (algorithm == KM_ALGORITHM_HMAC) {
-    CheckHmac(description);
-  }
+  if (algorithm == KM_ALGORITHM_HMAC) CheckHmac(description);
   if (algorithm == KM_ALGORITHM_AES && description.Contains(KM_TAG_BLOCK_MODE, KM_MODE_GCM)) {
     CheckMinMacLength(description, 96, 128);
   }
@@ -128,9 +124,7 @@ void CheckKeyDescription(const ParamSet& description) {
 void CheckKeySize(uint32_t algorithm, uint32_t key_size) {
   FailIf(!IsAlgorithm(algorithm), KM_ERROR_UNSUPPORTED_ALGORITHM);
   for (const auto& row : kSizes) {
-    if (row.algorithm != algorithm) {
-      continue;
-    }
+    if (row.algorithm != algorithm) continue;
     FailIf(key_size < row.min || key_size > row.max || key_size % row.step != 0 ||
                (algorithm == KM_ALGORITHM_EC && CurveBySize(key_size) == nullptr),
            KM_ERROR_UNSUPPORTED_KEY_SIZE);
@@ -143,18 +137,14 @@ bool HasPurpose(uint32_t algorithm, uint32_t purpose) {
 
 const Curve* CurveById(uint64_t id) {
   for (const Curve& curve : kCurves) {
-    if (curve.id == id) {
-      return &curve;
-    }
+    if (curve.id == id) return &curve;
   }
   return nullptr;
 }
 
 const Curve* CurveBySize(uint64_t key_size) {
   for (const Curve& curve : kCurves) {
-    if (curve.key_size == key_size) {
-      return &curve;
-    }
+    if (curve.key_size == key_size) return &curve;
   }
   return nullptr;
 }
@@ -175,9 +165,7 @@ void DescribeKey(const ParamSet& description, Key* key) {
   key->hw_enforced.Set(KM_TAG_ALGORITHM, key->algorithm);
   key->hw_enforced.Set(KM_TAG_KEY_SIZE, key->key_size);
   key->hw_enforced.Remove(KM_TAG_EC_CURVE);
-  if (key->algorithm == KM_ALGORITHM_EC) {
-    key->hw_enforced.Add(KM_TAG_EC_CURVE, key->curve);
-  }
+  if (key->algorithm == KM_ALGORITHM_EC) key->hw_enforced.Add(KM_TAG_EC_CURVE, key->curve);
   key->hw_enforced.Add(KM_TAG_ORIGIN, key->origin);
   SetKeySystemVersion(key);
 }

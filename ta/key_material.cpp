@@ -62,9 +62,7 @@ void GenerateSymmetric(Key* key) {
 // A coordinate or scalar of EC key material, in the full width of the field.
 bool TakePadded(ByteReader* reader, uint32_t length, size_t width, SecureBytes* out) {
   ByteView bytes;
-  if (length > width || !reader->TakeBytes(length, &bytes)) {
-    return false;
-  }
+  if (length > width || !reader->TakeBytes(length, &bytes)) return false;
   out->insert(out->end(), width - length, 0);
   AppendBytes(out, bytes);
   return true;
@@ -116,9 +114,7 @@ void ImportSymmetric(ByteView material, Key* key) {
 // Adds what the description leaves open and refuses what it says otherwise.
 void Reconcile(uint32_t tag, uint64_t actual, ParamSet* description) {
   const std::optional<uint64_t> described = description->Value(tag);
-  if (!described) {
-    description->Add(tag, actual);
-  }
+  if (!described) description->Add(tag, actual);
   FailIf(described && *described != actual, KM_ERROR_IMPORT_PARAMETER_MISMATCH);
 }
 
@@ -128,9 +124,7 @@ Key GenerateMaterial(const ParamSet& description) {
   Key key;
   key.algorithm = static_cast<uint32_t>(description.Value(KM_TAG_ALGORITHM).value_or(0));
   key.key_size = static_cast<uint32_t>(description.Value(KM_TAG_KEY_SIZE).value_or(0));
-  if (key.algorithm != KM_ALGORITHM_EC) {
-    CheckKeySize(key.algorithm, key.key_size);
-  }
+  if (key.algorithm != KM_ALGORITHM_EC) CheckKeySize(key.algorithm, key.key_size);
   switch (key.algorithm) {
     case KM_ALGORITHM_EC:
       GenerateEc(description, &key);
@@ -160,9 +154,7 @@ Key ImportMaterial(ByteView material, ParamSet* description) {
   }
   CheckKeySize(key.algorithm, key.key_size);
   Reconcile(KM_TAG_KEY_SIZE, key.key_size, description);
-  if (key.algorithm == KM_ALGORITHM_EC) {
-    Reconcile(KM_TAG_EC_CURVE, key.curve, description);
-  }
+  if (key.algorithm == KM_ALGORITHM_EC) Reconcile(KM_TAG_EC_CURVE, key.curve, description);
   if (key.algorithm == KM_ALGORITHM_RSA) {
     const RSA* rsa = EVP_PKEY_get0_RSA(key.pkey.get());
     RequireCrypto(rsa != nullptr);

@@ -30,9 +30,7 @@ struct Usage {
 Usage ReadUsage(const std::string& name, ByteView boot) {
   Usage usage;
   SecureBytes content;
-  if (!ReadStateFile(name, &content)) {
-    return usage;
-  }
+  if (!ReadStateFile(name, &content)) return usage;
   ByteReader reader(content);
   ByteView counted;
   RequireState(reader.TakeU64(&usage.count) && reader.TakeU64(&usage.last_use) &&
@@ -61,9 +59,7 @@ bool IsKeyDeleted(const Bytes& key_id) { return HasStateFile(RecordName("deleted
 void CountUse(const Key& key) {
   const Param* max_uses = key.Find(KM_TAG_MAX_USES_PER_BOOT);
   const Param* min_seconds = key.Find(KM_TAG_MIN_SECONDS_BETWEEN_OPS);
-  if (max_uses == nullptr && min_seconds == nullptr) {
-    return;
-  }
+  if (max_uses == nullptr && min_seconds == nullptr) return;
   const Bytes boot = UpdateBootState().sharing_nonce;
   const StateLock lock;
   const std::string name = RecordName("usage_", key.id);

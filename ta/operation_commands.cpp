@@ -80,16 +80,10 @@ uint64_t HandleIn(const TaParam& param) {
 // What update and finish have in common: the user, associated data, input.
 void Feed(const HeldOperation& held, const ParamSet& params, ByteView input) {
   RunningOperation* const running = held.running.get();
-  if (running->needs_token) {
-    AuthorizeContinuation(held.handle, running->demands, params);
-  }
+  if (running->needs_token) AuthorizeContinuation(held.handle, running->demands, params);
   const uint32_t tag = static_cast<uint32_t>(KM_TAG_ASSOCIATED_DATA);
-  if (params.Contains(tag)) {
-    running->operation->AddAssociatedData(params.BytesOf(tag));
-  }
-  if (input.size == 0) {
-    return;
-  }
+  if (params.Contains(tag)) running->operation->AddAssociatedData(params.BytesOf(tag));
+  if (input.size == 0) return;
   FailIf(running->pending.size() > kMaxPending, KM_ERROR_INSUFFICIENT_BUFFER_SPACE);
   running->operation->Update(input, &running->pending);
 }
@@ -112,18 +106,14 @@ void BeginOperation(uint32_t types, TaParam params[4]) {
   AuthorizeBegin(purpose, key, request);
   const auto running = std::make_shared<RunningOperation>();
   running->needs_token = NeedsTokenPerOperation(purpose, key);
-  if (running->needs_token) {
-    running->demands = key.hw_enforced;
-  }
+  if (running->needs_token) running->demands = key.hw_enforced;
   ParamSet out_params;
   running->operation = MakerOf(key.algorithm, purpose)({purpose, request, &key, &out_params});
   Reply(out_params.empty() ? Bytes() : Serialize({&out_params}), &params[2]);
   uint64_t handle = 0;
   FailIf(!OperationTable::Instance().Add(running, &handle), KM_ERROR_TOO_MANY_OPERATIONS);
   HeldOperation held(handle, running);
-  if (!UsesPublicKey(purpose, key)) {
-    CountUse(key);
-  }
+  if (!UsesPublicKey(purpose, key)) CountUse(key);
   held.goes_on = true;
   params[3].a = static_cast<uint32_t>(handle);
   params[3].b = static_cast<uint32_t>(handle >> 32);

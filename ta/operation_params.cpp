@@ -62,9 +62,7 @@ const EVP_CIPHER* CipherOf(const Key& key, uint32_t mode) {
   for (const auto& row : kRows) {
     const Cipher cipher =
         key.algorithm == KM_ALGORITHM_AES ? row.aes[key.key_size / 64 - 2] : row.triple_des;
-    if (row.mode == mode && cipher != nullptr) {
-      return cipher();
-    }
+    if (row.mode == mode && cipher != nullptr) return cipher();
   }
   return nullptr;
 }
@@ -73,9 +71,7 @@ const EVP_MD* DigestAlgorithm(uint32_t digest) {
   using Digest = const EVP_MD* (*)();
   constexpr Digest kDigests[] = {nullptr,    EVP_md5,    EVP_sha1,  EVP_sha224,
                                  EVP_sha256, EVP_sha384, EVP_sha512};
-  if (digest >= std::size(kDigests) || kDigests[digest] == nullptr) {
-    return nullptr;
-  }
+  if (digest >= std::size(kDigests) || kDigests[digest] == nullptr) return nullptr;
   return kDigests[digest]();
 }
 

@@ -65,9 +65,7 @@ void CheckDeviceState(const Key& key, const AuthToken* token) {
 
 void CheckTimedUser(const Key& key, const AuthToken* token) {
   const std::optional<uint64_t> timeout = key.hw_enforced.Value(KM_TAG_AUTH_TIMEOUT);
-  if (!NeedsUser(key.hw_enforced) || !timeout) {
-    return;
-  }
+  if (!NeedsUser(key.hw_enforced) || !timeout) return;
   FailIf(token == nullptr || !AuthTokenSatisfies(*token, key.hw_enforced) ||
              !AuthTokenFresh(*token, static_cast<uint32_t>(*timeout)),
          KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
@@ -82,9 +80,7 @@ bool UsesPublicKey(uint32_t purpose, const Key& key) {
 
 void AuthorizeBegin(uint32_t purpose, const Key& key, const ParamSet& params) {
   CheckPurpose(purpose, key, params);
-  if (UsesPublicKey(purpose, key)) {
-    return;
-  }
+  if (UsesPublicKey(purpose, key)) return;
   AuthToken parsed;
   const AuthToken* token = TokenOf(params, &parsed) ? &parsed : nullptr;
   CheckUnmeetableDemands(key);

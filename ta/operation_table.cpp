@@ -10,9 +10,7 @@ OperationTable& OperationTable::Instance() {
 
 bool OperationTable::Add(const RunningOperationPtr& operation, uint64_t* handle) {
   const std::lock_guard<std::mutex> guard(mutex_);
-  if (operations_.size() >= kCapacity) {
-    return false;
-  }
+  if (operations_.size() >= kCapacity) return false;
   uint64_t candidate = 0;
   do {
     FillRandom(&candidate, sizeof(candidate));

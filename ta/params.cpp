@@ -34,9 +34,7 @@ struct RawEntry {
 
 bool TakeEntries(ByteReader* reader, std::vector<RawEntry>* entries) {
   uint32_t count = 0;
-  if (!reader->TakeU32(&count) || count > reader->remaining() / kEntrySize) {
-    return false;
-  }
+  if (!reader->TakeU32(&count) || count > reader->remaining() / kEntrySize) return false;
   entries->resize(count);
   for (RawEntry& entry : *entries) {
     uint32_t reserved = 0;
@@ -59,12 +57,8 @@ bool Resolve(const std::vector<RawEntry>& entries, ByteView blobs, size_t* budge
     const size_t offset = static_cast<uint32_t>(entry.value);
     const size_t length = static_cast<size_t>(entry.value >> 32);
     // An empty value has no place in the blob area, whatever its offset says.
-    if (length != 0 && (offset > blobs.size || length > blobs.size - offset)) {
-      return false;
-    }
-    if (length > *budget) {
-      return false;
-    }
+    if (length != 0 && (offset > blobs.size || length > blobs.size - offset)) return false;
+    if (length > *budget) return false;
     *budget -= length;
     out->AddBytes(entry.tag, length == 0 ? ByteView() : ByteView(blobs.data + offset, length));
   }
@@ -103,9 +97,7 @@ void ParamSet::Set(Tag tag, uint64_t value) {
 
 const Param* ParamSet::Find(Tag tag) const {
   for (const Param& param : params_) {
-    if (param.tag == tag) {
-      return &param;
-    }
+    if (param.tag == tag) return &param;
   }
   return nullptr;
 }
@@ -140,9 +132,7 @@ bool ParseTwoLists(ByteView wire, ParamSet* first, ParamSet* second) {
   ByteReader reader(wire);
   std::vector<RawEntry> first_entries;
   std::vector<RawEntry> second_entries;
-  if (!TakeEntries(&reader, &first_entries) || !TakeEntries(&reader, &second_entries)) {
-    return false;
-  }
+  if (!TakeEntries(&reader, &first_entries) || !TakeEntries(&reader, &second_entries)) return false;
   size_t budget = reader.remaining();
   return Resolve(first_entries, reader.rest(), &budget, first) &&
          Resolve(second_entries, reader.rest(), &budget, second);

@@ -28,9 +28,7 @@ void Reply(ByteView bytes, TaParam* output, const char* function, uint32_t line)
   const uint32_t capacity = output->size;
   output->size = static_cast<uint32_t>(bytes.size);
   FailIf(bytes.size > capacity, TEEC_ERROR_SHORT_BUFFER, function, line);
-  if (bytes.size != 0) {
-    memcpy(output->buffer, bytes.data, bytes.size);
-  }
+  if (bytes.size != 0) memcpy(output->buffer, bytes.data, bytes.size);
 }
 
 }  // namespace ta

@@ -45,9 +45,7 @@ TEEC_Result NoteFailure(TEEC_Result code, const char* function = __builtin_FUNCT
 template <typename Code>
 void FailIf(bool condition, Code code, const char* function = __builtin_FUNCTION(),
             uint32_t line = static_cast<uint32_t>(__builtin_LINE())) {
-  if (condition) {
-    Fail(code, function, line);
-  }
+  if (condition) Fail(code, function, line);
 }
 
 // InputOf views an input reference's bytes.

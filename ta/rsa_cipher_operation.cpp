@@ -21,9 +21,7 @@ class RsaCipherOperation : public Operation {
   }
 
   void Finish(ByteView, SecureBytes* output) override {
-    if (padding_ == KM_PAD_NONE) {
-      data_.insert(data_.begin(), key_bytes_ - data_.size(), 0);
-    }
+    if (padding_ == KM_PAD_NONE) data_.insert(data_.begin(), key_bytes_ - data_.size(), 0);
     const PkeyCtxPtr ctx = Start();
     const auto run = encrypts_ ? EVP_PKEY_encrypt : EVP_PKEY_decrypt;
     const size_t before = output->size();
@@ -38,9 +36,7 @@ class RsaCipherOperation : public Operation {
  private:
   // Data that no padding is taken off can only be too large a number; data to be padded, too long.
   keymaster_error_t FailureOfData() const {
-    if (padding_ == KM_PAD_NONE) {
-      return KM_ERROR_INVALID_ARGUMENT;
-    }
+    if (padding_ == KM_PAD_NONE) return KM_ERROR_INVALID_ARGUMENT;
     return encrypts_ ? KM_ERROR_INVALID_INPUT_LENGTH : KM_ERROR_UNKNOWN_ERROR;
   }
 

@@ -20,9 +20,7 @@ BnPtr NewNumber() {
 
 bool TakeNumber(ByteReader* reader, uint32_t length, BnPtr* out) {
   ByteView bytes;
-  if (!reader->TakeBytes(length, &bytes)) {
-    return false;
-  }
+  if (!reader->TakeBytes(length, &bytes)) return false;
   *out = NewNumber();
   RequireCrypto(BN_bin2bn(bytes.data, static_cast<int>(bytes.size), out->get()) != nullptr);
   return true;
@@ -34,9 +32,7 @@ bool DeriveFromPrimes(RsaNumbers* rsa, BN_CTX* ctx) {
   const BnPtr q1 = NewNumber();
   const BnPtr gcd = NewNumber();
   const BnPtr lcm = NewNumber();
-  if (BN_is_zero(rsa->p.get()) || BN_is_zero(rsa->q.get())) {
-    return false;
-  }
+  if (BN_is_zero(rsa->p.get()) || BN_is_zero(rsa->q.get())) return false;
   rsa->d = NewNumber();
   rsa->dmp1 = NewNumber();
   rsa->dmq1 = NewNumber();
@@ -66,12 +62,8 @@ Split SplitWith(BN_ULONG base, const BIGNUM* odd, int twos, RsaNumbers* rsa, BN_
     return Split::kNoKey;
   }
   for (int i = 0; i < twos; ++i) {
-    if (BN_is_one(x.get()) || BN_cmp(x.get(), minus_one.get()) == 0) {
-      return Split::kFailed;
-    }
-    if (BN_mod_sqr(square.get(), x.get(), rsa->n.get(), ctx) != 1) {
-      return Split::kNoKey;
-    }
+    if (BN_is_one(x.get()) || BN_cmp(x.get(), minus_one.get()) == 0) return Split::kFailed;
+    if (BN_mod_sqr(square.get(), x.get(), rsa->n.get(), ctx) != 1) return Split::kNoKey;
     if (BN_is_one(square.get())) {
       rsa->p = NewNumber();
       rsa->q = NewNumber();
@@ -133,9 +125,7 @@ bool ReadNumbers(ByteView material, RsaNumbers* rsa, RsaForm* form) {
   ByteReader reader(material);
   uint32_t header[9];
   for (uint32_t& field : header) {
-    if (!reader.TakeU32(&field)) {
-      return false;
-    }
+    if (!reader.TakeU32(&field)) return false;
   }
   if (header[1] != header[2] || (header[0] != kCrtForm && header[0] != kPrivateExponentForm)) {
     return false;
@@ -145,9 +135,7 @@ bool ReadNumbers(ByteView material, RsaNumbers* rsa, RsaForm* form) {
   BnPtr* const numbers[] = {&rsa->n,    &rsa->e,   crt ? &rsa->p : &rsa->d, &rsa->q, &rsa->dmp1,
                             &rsa->dmq1, &rsa->iqmp};
   for (size_t i = 0; i < (crt ? std::size(numbers) : 3); ++i) {
-    if (!TakeNumber(&reader, header[2 + i], numbers[i])) {
-      return false;
-    }
+    if (!TakeNumber(&reader, header[2 + i], numbers[i])) return false;
   }
   return reader.remaining() == 0;
 }

@@ -25,9 +25,7 @@ class SignatureOperation : public Operation {
         key_bytes_((key.key_size + 7) / 8),
         pkey_(std::move(pkey)),
         scheme_(scheme) {
-    if (scheme_.md == nullptr) {
-      return;
-    }
+    if (scheme_.md == nullptr) return;
     hash_.reset(EVP_MD_CTX_new());
     RequireCrypto(hash_ != nullptr && EVP_DigestInit_ex(hash_.get(), scheme_.md, nullptr) == 1);
   }

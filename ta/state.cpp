@@ -24,9 +24,7 @@ std::string Variable(const char* name) {
 
 std::string FolderName() {
   std::string own = Variable("KEYMASTER_TA_STATE");
-  if (!own.empty()) {
-    return own;
-  }
+  if (!own.empty()) return own;
   const std::string xdg = Variable("XDG_STATE_HOME"), home = Variable("HOME");
   RequireState(!xdg.empty() || !home.empty(), "no folder is named");
   return xdg.empty() ? home + "/.local/state/keymaster-ta" : xdg + "/keymaster-ta";
@@ -36,9 +34,7 @@ std::string FolderName() {
 std::string EnsureFolder() {
   std::string folder = FolderName();
   struct stat status {};
-  if (stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
-    return folder;
-  }
+  if (stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return folder;
   for (size_t end = folder.find('/', 1); end != std::string::npos;
        end = folder.find('/', end + 1)) {
     mkdir(folder.substr(0, end).c_str(), 0755);
@@ -51,9 +47,7 @@ class File {
  public:
   File(const std::string& path, int flags) : fd_(open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
   ~File() {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
+    if (fd_ >= 0) close(fd_);
   }
   File(const File&) = delete;
   File& operator=(const File&) = delete;
@@ -67,9 +61,7 @@ class File {
 void WriteAll(int fd, ByteView content) {
   for (size_t done = 0; done < content.size;) {
     const ssize_t written = write(fd, content.data + done, content.size - done);
-    if (written < 0 && errno == EINTR) {
-      continue;
-    }
+    if (written < 0 && errno == EINTR) continue;
     RequireState(written > 0, "cannot write");
     done += static_cast<size_t>(written);
   }
@@ -102,9 +94,7 @@ std::string WriteTemporary(const std::string& path, ByteView content) {
 }  // namespace
 
 void RequireState(bool success, const char* failure) {
-  if (!success) {
-    throw std::runtime_error(std::string("keymaster TA state: ") + failure);
-  }
+  if (!success) throw std::runtime_error(std::string("keymaster TA state: ") + failure);
 }
 
 std::string StateFile(const std::string& name) { return EnsureFolder() + "/" + name; }
@@ -121,9 +111,7 @@ bool ReadStateFile(const std::string& name, SecureBytes* out) {
   out->resize(static_cast<size_t>(status.st_size));
   for (size_t done = 0; done < out->size();) {
     const ssize_t got = read(file.fd(), out->data() + done, out->size() - done);
-    if (got < 0 && errno == EINTR) {
-      continue;
-    }
+    if (got < 0 && errno == EINTR) continue;
     RequireState(got > 0, "cannot read");
     done += static_cast<size_t>(got);
   }
@@ -141,9 +129,7 @@ void ReplaceStateFile(const std::string& name, ByteView content) {
 }
 
 bool HasStateFile(const std::string& name) {
-  if (access(StateFile(name).c_str(), F_OK) == 0) {
-    return true;
-  }
+  if (access(StateFile(name).c_str(), F_OK) == 0) return true;
   RequireState(errno == ENOENT, "cannot read");
   return false;
 }
@@ -221,9 +207,7 @@ bool GetSystemVersion(SystemVersion* version) {
   const std::lock_guard<std::mutex> guard(configured.mutex);
   if (const std::string folder = FolderName(); configured.folder != folder) {
     SecureBytes content;
-    if (!ReadStateFile(kVersionFile, &content)) {
-      return false;
-    }
+    if (!ReadStateFile(kVersionFile, &content)) return false;
     ByteReader reader(content);
     RequireState(reader.TakeU32(&configured.version.os_version) &&
                      reader.TakeU32(&configured.version.os_patchlevel),

@@ -25,9 +25,7 @@ void Fill(const CommandParam* params, uint32_t count, TEEC_Operation* operation)
 }
 
 bool WriteFront(const Front& front, const TEEC_Operation& operation) {
-  if (front.kind == Front::Kind::kNothing) {
-    return true;
-  }
+  if (front.kind == Front::Kind::kNothing) return true;
   const TEEC_TempMemoryReference& reference = operation.params[front.index].tmpref;
   auto* const buffer = static_cast<uint8_t*>(reference.buffer);
   if (front.kind == Front::Kind::kOperationHandle) {
@@ -36,9 +34,7 @@ bool WriteFront(const Front& front, const TEEC_Operation& operation) {
     return memcpy_s(buffer, reference.size, handle, sizeof(handle)) == 0;
   }
   // A buffer without room for the source goes to the TA as it is.
-  if (reference.size != 0) {
-    buffer[0] = static_cast<uint8_t>(front.value);
-  }
+  if (reference.size != 0) buffer[0] = static_cast<uint8_t>(front.value);
   return true;
 }
 
@@ -56,18 +52,12 @@ uint32_t RejectParams() {
 
 uint32_t CommandFrame::Send(const CommandParam* params, uint32_t count, const Front& front) {
   uint32_t result = session_.Open();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
+  if (result != TEEC_SUCCESS) return result;
   step_ = Step::kClear;
-  if (!ClearOperation(&operation_)) {
-    return TEEC_ERROR_GENERIC;
-  }
+  if (!ClearOperation(&operation_)) return TEEC_ERROR_GENERIC;
   step_ = Step::kFill;
   Fill(params, count, &operation_);
-  if (!WriteFront(front, operation_)) {
-    return TEEC_ERROR_GENERIC;
-  }
+  if (!WriteFront(front, operation_)) return TEEC_ERROR_GENERIC;
   step_ = Step::kInvoke;
   uint32_t return_origin = 0;
   if (label_ != nullptr) {
@@ -76,9 +66,7 @@ uint32_t CommandFrame::Send(const CommandParam* params, uint32_t count, const Fr
   } else {
     result = TEEC_InvokeCommand(session_.get(), id_, &operation_, &return_origin);
   }
-  if (result != TEEC_SUCCESS) {
-    ReportFailure(result, return_origin);
-  }
+  if (result != TEEC_SUCCESS) ReportFailure(result, return_origin);
   return result;
 }
 

@@ -37,9 +37,7 @@ inline CommandParam InputIfGiven(const uint8_t* buffer, uint32_t size) {
 }
 // InputOfGivenSize is InputIfGiven whose size may be missing too: it is then declared, but empty.
 inline CommandParam InputOfGivenSize(const uint8_t* buffer, const uint32_t* size) {
-  if (buffer != nullptr && size == nullptr) {
-    return Input(nullptr, 0);
-  }
+  if (buffer != nullptr && size == nullptr) return Input(nullptr, 0);
   return InputIfGiven(buffer, size != nullptr ? *size : 0);
 }
 

@@ -10,9 +10,7 @@
 using namespace km41;
 
 uint32_t TeeKmConfigure(uint32_t os_version, uint32_t os_patchlevel) {
-  if (GlobalTeeContext() == nullptr) {
-    return RejectArguments();
-  }
+  if (GlobalTeeContext() == nullptr) return RejectArguments();
   CommandFrame command(kCmdConfigure, "TeeKmConfigure", AfterFailure::kNothing);
   return command.Send({ValueInput(os_version, os_patchlevel)});
 }
@@ -28,26 +26,20 @@ uint32_t TeeVerifyAuthorization(const uint8_t* params, uint32_t params_len, cons
   const uint32_t result = command.Send(
       {InputIfGiven(params, params_len), InputOfGivenSize(input, input_len),
        InOut(out_params, *out_params_len), Output(token, static_cast<uint32_t>(*token_len))});
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
+  if (result != TEEC_SUCCESS) return result;
   *out_params_len = command.CappedSize(2);
   *token_len = command.ReportedSize(3);
   return TEEC_SUCCESS;
 }
 
 uint32_t TeeEarlyBootEnded() {
-  if (GlobalTeeContext() == nullptr) {
-    return RejectArguments();
-  }
+  if (GlobalTeeContext() == nullptr) return RejectArguments();
   CommandFrame command(kCmdEarlyBootEnded, "TeeEarlyBootEnded", AfterFailure::kNothing);
   return command.Send();
 }
 
 uint32_t TeeDeviceLocked(uint32_t password_only) {
-  if (GlobalTeeContext() == nullptr) {
-    return RejectArguments();
-  }
+  if (GlobalTeeContext() == nullptr) return RejectArguments();
   CommandFrame command(kCmdDeviceLocked, "TeeDeviceLocked", AfterFailure::kNothing);
   return command.Send({ValueInput(password_only, 0)});
 }
@@ -79,9 +71,7 @@ uint32_t TeecomputeSharedHmac(const uint8_t* sharing_params, uint32_t sharing_pa
   if (command.step() == CommandFrame::Step::kClear) {
     TEE_LOGE("TeecomputeSharedHmac memset_s failed\n");
   }
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
+  if (result != TEEC_SUCCESS) return result;
   *sharing_check_len = command.ReportedSize(1);
   return TEEC_SUCCESS;
 }

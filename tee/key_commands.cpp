@@ -17,9 +17,7 @@ uint32_t SendKey(CommandFrame* command, const uint8_t* key_material, uint32_t ke
                  const uint8_t* params, uint32_t params_len, uint8_t* out, uint32_t* out_len) {
   const uint32_t result = command->Send({Input(key_material, key_material_size),
                                          InputIfGiven(params, params_len), Output(out, *out_len)});
-  if (result == TEEC_SUCCESS) {
-    *out_len = command->ReportedSize(2);
-  }
+  if (result == TEEC_SUCCESS) *out_len = command->ReportedSize(2);
   return result;
 }
 
@@ -48,9 +46,7 @@ uint32_t TeeGenerateKey(const uint8_t* params, uint32_t params_len, uint8_t* key
   const uint32_t result = command.Send(
       {Input(params, params_len), CommandParam{}, Output(key_blob, *key_blob_len),
        has_characteristics ? Output(characteristics, *characteristics_len) : CommandParam{}});
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
+  if (result != TEEC_SUCCESS) return result;
   *key_blob_len = command.ReportedSize(2);
   *characteristics_len = has_characteristics ? command.ReportedSize(3) : 0;
   return TEEC_SUCCESS;
@@ -90,9 +86,7 @@ uint32_t TeeImportKey(const uint8_t* params, uint32_t params_len, const uint8_t*
       {Input(params, params_len), Input(key_data, key_data_len), Output(key_blob, *key_blob_len),
        InOut(characteristics, has_characteristics ? *characteristics_len : 0)},
       {Front::Kind::kImportSource, 3, import_type});
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
+  if (result != TEEC_SUCCESS) return result;
   *key_blob_len = command.ReportedSize(2);
   *characteristics_len = command.CappedSize(3);
   return TEEC_SUCCESS;
@@ -100,9 +94,7 @@ uint32_t TeeImportKey(const uint8_t* params, uint32_t params_len, const uint8_t*
 
 uint32_t TeeExportKey(const uint8_t* params, uint32_t params_len, const uint8_t* key_material,
                       uint32_t key_material_size, uint8_t* out, uint32_t* out_len) {
-  if (key_material == nullptr || GlobalTeeContext() == nullptr) {
-    return RejectArguments();
-  }
+  if (key_material == nullptr || GlobalTeeContext() == nullptr) return RejectArguments();
   if (out == nullptr || out_len == nullptr) {
     TEE_LOGE("%s : pub key out is NULL\n", kLogFailure);
     return TEEC_ERROR_BAD_PARAMETERS;
@@ -114,9 +106,7 @@ uint32_t TeeExportKey(const uint8_t* params, uint32_t params_len, const uint8_t*
 uint32_t TeeAttestKey(const uint8_t* key_material, uint32_t key_material_size,
                       const uint8_t* params, uint32_t params_len, uint8_t* out, uint32_t* out_len) {
   TEE_LOGI("TEE_AttestKey entered.\n");
-  if (!HasKeyAndParams(out_len, out, params, key_material)) {
-    return RejectArguments();
-  }
+  if (!HasKeyAndParams(out_len, out, params, key_material)) return RejectArguments();
   CommandFrame command(kCmdAttestKey, "TeeAttestKey", AfterFailure::kFetchErrorRecord);
   const uint32_t result =
       SendKey(&command, key_material, key_material_size, params, params_len, out, out_len);
@@ -129,23 +119,17 @@ uint32_t TeeAttestKey(const uint8_t* key_material, uint32_t key_material_size,
 
 uint32_t TeeUpgrade(const uint8_t* key_material, uint32_t key_material_size, const uint8_t* params,
                     uint32_t params_len, uint8_t* out, uint32_t* out_len) {
-  if (!HasKeyAndParams(out_len, out, params, key_material)) {
-    return RejectArguments();
-  }
+  if (!HasKeyAndParams(out_len, out, params, key_material)) return RejectArguments();
   CommandFrame command(kCmdUpgrade, "TeeUpgrade", AfterFailure::kFetchErrorRecord);
   return SendKey(&command, key_material, key_material_size, params, params_len, out, out_len);
 }
 
 uint32_t TeeDeleteKey(const uint8_t* key_material, uint32_t key_material_size) {
-  if (key_material == nullptr || GlobalTeeContext() == nullptr) {
-    return RejectArguments();
-  }
+  if (key_material == nullptr || GlobalTeeContext() == nullptr) return RejectArguments();
   // The one invocation that no watchdog guards.
   CommandFrame command(kCmdDeleteKey, nullptr, AfterFailure::kNothing);
   const uint32_t result = command.Send({Input(key_material, key_material_size)});
-  if (result == TEEC_SUCCESS) {
-    return result;
-  }
+  if (result == TEEC_SUCCESS) return result;
   if (command.step() == CommandFrame::Step::kOpen) {
     TEE_LOGE("%s : OpenKmSession failed, ret = 0x%x\n", kLogFailure, result);
   } else if (command.step() == CommandFrame::Step::kClear) {
@@ -156,15 +140,11 @@ uint32_t TeeDeleteKey(const uint8_t* key_material, uint32_t key_material_size) {
 }
 
 uint32_t TeeDestroyAttestationIds() {
-  if (GlobalTeeContext() == nullptr) {
-    return RejectArguments();
-  }
+  if (GlobalTeeContext() == nullptr) return RejectArguments();
   // The TA has no such command: a session is set up and taken down around nothing.
   KmSession session;
   const uint32_t result = session.Open();
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
+  if (result != TEEC_SUCCESS) return result;
   TEEC_Operation operation = {};
   return ClearOperation(&operation) ? TEEC_SUCCESS : TEEC_ERROR_GENERIC;
 }

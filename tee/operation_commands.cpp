@@ -20,9 +20,7 @@ uint32_t TeeBegin(uint32_t purpose, const uint8_t* params, uint32_t params_len,
   const uint32_t result =
       command.Send({Input(key_material, key_material_size), InputIfGiven(params, params_len),
                     Output(out_params, *out_params_len), ValueInOut(purpose, 0)});
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
+  if (result != TEEC_SUCCESS) return result;
   *out_params_len = command.ReportedSize(2);
   const TEEC_Value& handle = command.ReportedValue(3);
   *op_handle = handle.a | static_cast<uint64_t>(handle.b) << 32;
@@ -41,9 +39,7 @@ uint32_t TeeUpdate(uint64_t op_handle, const uint8_t* params, uint32_t params_le
       command.Send({InputIfGiven(params, params_len), InputOfGivenSize(input, input_len),
                     InOut(out_params, *out_params_len), Output(output, *output_len)},
                    {Front::Kind::kOperationHandle, 2, op_handle});
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
+  if (result != TEEC_SUCCESS) return result;
   *out_params_len = command.CappedSize(2);
   *output_len = command.ReportedSize(3);
   return TEEC_SUCCESS;
@@ -61,18 +57,14 @@ uint32_t TeeFinish(uint64_t op_handle, const uint8_t* params, uint32_t params_le
       {InputIfGiven(params, params_len), InputIfGiven(input_len != 0 ? input : nullptr, input_len),
        InOut(out_params, *out_params_len), Output(output, *output_len)},
       {Front::Kind::kOperationHandle, 2, op_handle});
-  if (result != TEEC_SUCCESS) {
-    return result;
-  }
+  if (result != TEEC_SUCCESS) return result;
   *out_params_len = command.CappedSize(2);
   *output_len = command.ReportedSize(3);
   return TEEC_SUCCESS;
 }
 
 uint32_t TeeAbort(uint64_t op_handle) {
-  if (GlobalTeeContext() == nullptr) {
-    return RejectArguments();
-  }
+  if (GlobalTeeContext() == nullptr) return RejectArguments();
   uint64_t wire = 0;
   auto* const handle = reinterpret_cast<uint8_t*>(&wire);
   PutU64(handle, op_handle);

@@ -33,18 +33,14 @@ uint32_t OpenOnContext(TEEC_Session* session, TEEC_Operation* operation) {
 // Opens into a block that the caller owns. On success *first_session is the TA's flag.
 uint32_t OpenInto(TEEC_Session* session, uint32_t* first_session) {
   TEEC_Operation operation = {};
-  if (!ClearOperation(&operation)) {
-    return TEEC_ERROR_GENERIC;
-  }
+  if (!ClearOperation(&operation)) return TEEC_ERROR_GENERIC;
   operation.started = 1;
   operation.paramTypes = TEEC_PARAM_TYPES(TEEC_VALUE_OUTPUT, TEEC_VALUE_INPUT,
                                           TEEC_MEMREF_TEMP_INPUT, TEEC_MEMREF_TEMP_INPUT);
   TEE_LOGI("Disable the enhanced crypto!\n");
   operation.params[1].value.a = 0;
   const uint32_t result = OpenOnContext(session, &operation);
-  if (result == TEEC_SUCCESS) {
-    *first_session = operation.params[0].value.a;
-  }
+  if (result == TEEC_SUCCESS) *first_session = operation.params[0].value.a;
   return result;
 }
 
@@ -58,18 +54,14 @@ bool ClearOperation(TEEC_Operation* operation) {
 
 uint32_t KmSession::Open() {
   auto* session = static_cast<TEEC_Session*>(malloc(sizeof(TEEC_Session)));
-  if (session == nullptr) {
-    return TEEC_ERROR_OUT_OF_MEMORY;
-  }
+  if (session == nullptr) return TEEC_ERROR_OUT_OF_MEMORY;
   const uint32_t result = OpenInto(session, &first_session_);
   if (result != TEEC_SUCCESS) {
     free(session);
     return result;
   }
   session_ = session;
-  if (first_session_ == kFirstSession) {
-    TEE_LOGI("open first km session");
-  }
+  if (first_session_ == kFirstSession) TEE_LOGI("open first km session");
   return TEEC_SUCCESS;
 }
 

@@ -38,9 +38,7 @@ void FetchAndReport(TEEC_Session* session, const uint32_t* call, uint8_t* record
     return;
   }
   const uint32_t length = operation.params[0].tmpref.size;
-  if (length != 0) {
-    QavixKeyMaster(call, record, length);
-  }
+  if (length != 0) QavixKeyMaster(call, record, length);
 }
 
 }  // namespace

@@ -27,9 +27,7 @@ TEEC_Context* GlobalTeeContext() { return g_context; }
 }  // namespace km41
 
 uint32_t Ts_Initcontext() {
-  if (g_context != nullptr) {
-    DropContext();
-  }
+  if (g_context != nullptr) DropContext();
   g_context = static_cast<TEEC_Context*>(malloc(sizeof(TEEC_Context)));
   if (g_context == nullptr) {
     TEE_LOGE("memory allocation failed!\n");

@@ -5,9 +5,7 @@
 
 int main() {
   keymaster::KeymasterTivasContext context;
-  if (context.Initialize(keymaster::KmVersion::KEYMASTER_4_1) != 0) {
-    return 1;
-  }
+  if (context.Initialize(keymaster::KmVersion::KEYMASTER_4_1) != 0) return 1;
   keymaster_key_param_t params[] = {{KM_TAG_ALGORITHM, {KM_ALGORITHM_EC}},
                                     {KM_TAG_KEY_SIZE, {256}}};
   const keymaster_key_param_set_t description = {params, 2};

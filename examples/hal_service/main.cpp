@@ -27,9 +27,7 @@ struct OwnedBlob : keymaster_blob_t {
 void Release(const keymaster_key_param_set_t& set) {
   for (size_t i = 0; i < set.length; ++i) {
     const keymaster_tag_type_t type = keymaster_tag_get_type(set.params[i].tag);
-    if (type == KM_BYTES || type == KM_BIGNUM) {
-      free(const_cast<uint8_t*>(set.params[i].blob.data));
-    }
+    if (type == KM_BYTES || type == KM_BIGNUM) free(const_cast<uint8_t*>(set.params[i].blob.data));
   }
   free(set.params);
 }
@@ -48,15 +46,11 @@ struct OwnedCharacteristics : keymaster_key_characteristics_t {
 // error here. The TEE's codes are in the log, where they help.
 
 keymaster_error_t ToKeystore(const char* what, int32_t result) {
-  if (result == 0) {
-    return KM_ERROR_OK;
-  }
+  if (result == 0) return KM_ERROR_OK;
   const uint32_t code = static_cast<uint32_t>(result);
   const bool from_tee = code >= 0xFFFF0000u && code < 0xFFFFF000u;
   printf("%s failed: %s 0x%08x\n", what, from_tee ? "TEE result" : "keymaster error", code);
-  if (!from_tee) {
-    return static_cast<keymaster_error_t>(result);
-  }
+  if (!from_tee) return static_cast<keymaster_error_t>(result);
   return code == 0xFFFF000Cu ? KM_ERROR_MEMORY_ALLOCATION_FAILED
                              : KM_ERROR_SECURE_HW_COMMUNICATION_FAILED;
 }
@@ -80,9 +74,7 @@ keymaster_error_t MakeKey(keymaster::KeymasterTivasContext* context, keymaster_k
   const keymaster_key_param_set_t description = {params.data(), params.size()};
   OwnedCharacteristics characteristics;
   const int32_t result = context->TivasKmGenerateKey(&description, key, &characteristics);
-  if (result != 0) {
-    return ToKeystore("generate", result);
-  }
+  if (result != 0) return ToKeystore("generate", result);
   printf("key of %zu bytes, %zu characteristics\n", key->key_material_size,
          characteristics.hw_enforced.length + characteristics.sw_enforced.length);
   return KM_ERROR_OK;
@@ -96,9 +88,7 @@ keymaster_error_t Operate(keymaster::KeymasterTivasContext* context, keymaster_p
   const keymaster_key_param_set_t params = {&digest, 1};
   unsigned long operation = 0;
   int32_t result = context->TivasKmBegin(purpose, &key, &params, nullptr, &operation);
-  if (result != 0) {
-    return ToKeystore("begin", result);
-  }
+  if (result != 0) return ToKeystore("begin", result);
   unsigned long consumed = 0;
   result = context->TivasKmUpdate(operation, nullptr, &message, &consumed, nullptr, nullptr);
   if (result == 0) {
@@ -114,9 +104,7 @@ keymaster_error_t Operate(keymaster::KeymasterTivasContext* context, keymaster_p
 
 bool Serve(keymaster::KeymasterTivasContext* context) {
   OwnedKeyBlob key;
-  if (MakeKey(context, &key) != KM_ERROR_OK) {
-    return false;
-  }
+  if (MakeKey(context, &key) != KM_ERROR_OK) return false;
 
   const uint8_t text[] = {'o', 'f', ' ', 'a', ' ', 'c', 'l', 'i', 'e', 'n', 't'};
   const keymaster_blob_t message = {text, sizeof(text)};

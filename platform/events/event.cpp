@@ -34,9 +34,7 @@ int WriteLine(int descriptor, std::string_view line) {
 
 int Append(const char* path, std::string_view line) {
   const int descriptor = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-  if (descriptor < 0) {
-    return kFailed;
-  }
+  if (descriptor < 0) return kFailed;
   const int result = WriteLine(descriptor, line);
   close(descriptor);
   return result;
@@ -72,13 +70,9 @@ void* qavix_create_eventobj(unsigned id) {
 }
 
 int qavix_send_event(void* event) {
-  if (event == nullptr) {
-    return kFailed;
-  }
+  if (event == nullptr) return kFailed;
   const char* sink = getenv("QAVIX_EVENTS");
-  if (sink == nullptr || *sink == '\0') {
-    return 0;
-  }
+  if (sink == nullptr || *sink == '\0') return 0;
   return Guarded([&] {
     const std::string line = ToLine(*static_cast<Event*>(event));
     return std::string_view(sink) == "-" ? WriteLine(STDERR_FILENO, line) : Append(sink, line);

@@ -21,17 +21,13 @@ bool AuthorizationSet::push_back(const keymaster_key_param_t& param) {
   if (size_ == capacity_) {
     const size_t wanted = capacity_ == 0 ? 16 : capacity_ * 2;
     void* grown = reallocarray(elements_, wanted, sizeof(*elements_));
-    if (grown == nullptr) {
-      return false;
-    }
+    if (grown == nullptr) return false;
     elements_ = static_cast<keymaster_key_param_t*>(grown);
     capacity_ = wanted;
   }
   if (HoldsBytes(added) && (added.blob.data != nullptr || added.blob.data_length != 0)) {
     added.blob.data = dup_buffer(added.blob.data, added.blob.data_length);
-    if (added.blob.data == nullptr) {
-      return false;
-    }
+    if (added.blob.data == nullptr) return false;
   }
   elements_[size_++] = added;
   return true;
@@ -39,13 +35,9 @@ bool AuthorizationSet::push_back(const keymaster_key_param_t& param) {
 
 void AuthorizationSet::Clear() {
   for (size_t i = 0; i < size_; ++i) {
-    if (!HoldsBytes(elements_[i])) {
-      continue;
-    }
+    if (!HoldsBytes(elements_[i])) continue;
     auto* bytes = const_cast<uint8_t*>(elements_[i].blob.data);
-    if (bytes != nullptr) {
-      explicit_bzero(bytes, elements_[i].blob.data_length);
-    }
+    if (bytes != nullptr) explicit_bzero(bytes, elements_[i].blob.data_length);
     free(bytes);
   }
   free(elements_);

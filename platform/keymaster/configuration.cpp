@@ -8,9 +8,7 @@ namespace {
 // A value that is not a plain decimal number of 32 bits counts as not set.
 uint32_t NumberFromEnvironment(const char* name, uint32_t fallback) {
   const char* text = getenv(name);
-  if (text == nullptr || *text < '0' || *text > '9') {
-    return fallback;
-  }
+  if (text == nullptr || *text < '0' || *text > '9') return fallback;
   char* end = nullptr;
   errno = 0;
   const unsigned long long value = strtoull(text, &end, 10);

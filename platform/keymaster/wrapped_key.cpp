@@ -86,14 +86,10 @@ using Elements = std::unique_ptr<ASN1_SEQUENCE_ANY, Asn1Free>;
 template <typename T>
 std::unique_ptr<T, Asn1Free> Decode(T* (*decode)(T**, const uint8_t**, long), const uint8_t* data,
                                     size_t length) {
-  if (length > LONG_MAX) {
-    return nullptr;
-  }
+  if (length > LONG_MAX) return nullptr;
   const uint8_t* rest = data;
   std::unique_ptr<T, Asn1Free> value(decode(nullptr, &rest, static_cast<long>(length)));
-  if (value != nullptr && rest != data + length) {
-    value.reset();
-  }
+  if (value != nullptr && rest != data + length) value.reset();
   return value;
 }
 
@@ -123,9 +119,7 @@ keymaster_error_t CopyBytes(const ASN1_STRING* from, TKeymasterBlob<BlobType>* t
   const auto length = static_cast<size_t>(ASN1_STRING_length(from));
   const uint8_t* data = ASN1_STRING_get0_data(from);
   BlobData(*to) = dup_buffer(length == 0 ? reinterpret_cast<const uint8_t*>("") : data, length);
-  if (BlobData(*to) == nullptr) {
-    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  }
+  if (BlobData(*to) == nullptr) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   BlobSize(*to) = length;
   return KM_ERROR_OK;
 }
@@ -138,14 +132,10 @@ keymaster_error_t PushElement(keymaster_tag_t tag, const ASN1_TYPE& element,
   const keymaster_tag_type_t type = keymaster_tag_get_type(tag);
   uint64_t number = 0;
   if (type == KM_BOOL) {
-    if (element.type != V_ASN1_NULL) {
-      return KM_ERROR_INVALID_ARGUMENT;
-    }
+    if (element.type != V_ASN1_NULL) return KM_ERROR_INVALID_ARGUMENT;
     param.boolean = true;
   } else if (type == KM_BYTES) {
-    if (element.type != V_ASN1_OCTET_STRING) {
-      return KM_ERROR_INVALID_ARGUMENT;
-    }
+    if (element.type != V_ASN1_OCTET_STRING) return KM_ERROR_INVALID_ARGUMENT;
     const ASN1_STRING* bytes = element.value.octet_string;
     param.blob = {ASN1_STRING_get0_data(bytes), static_cast<size_t>(ASN1_STRING_length(bytes))};
   } else if (element.type != V_ASN1_INTEGER ||
@@ -156,9 +146,7 @@ keymaster_error_t PushElement(keymaster_tag_t tag, const ASN1_TYPE& element,
   } else if (type == KM_DATE) {
     param.date_time = number;
   } else {
-    if (number > UINT32_MAX) {
-      return KM_ERROR_INVALID_ARGUMENT;
-    }
+    if (number > UINT32_MAX) return KM_ERROR_INVALID_ARGUMENT;
     param.integer = static_cast<uint32_t>(number);
   }
   return set->push_back(param) ? KM_ERROR_OK : KM_ERROR_MEMORY_ALLOCATION_FAILED;
@@ -171,9 +159,7 @@ keymaster_error_t PushContent(keymaster_tag_t tag, const uint8_t* data, size_t l
     return element == nullptr ? KM_ERROR_INVALID_ARGUMENT : PushElement(tag, *element, set);
   }
   const auto elements = Decode(d2i_ASN1_SET_ANY, data, length);
-  if (elements == nullptr) {
-    return KM_ERROR_INVALID_ARGUMENT;
-  }
+  if (elements == nullptr) return KM_ERROR_INVALID_ARGUMENT;
   keymaster_error_t error = KM_ERROR_OK;
   const auto count = static_cast<int>(sk_ASN1_TYPE_num(elements.get()));
   for (int i = 0; error == KM_ERROR_OK && i < count; ++i) {
@@ -188,9 +174,7 @@ keymaster_error_t PushFields(const Elements& fields, AuthorizationSet* set) {
   const auto count = static_cast<int>(sk_ASN1_TYPE_num(fields.get()));
   for (int i = 0; i < count; ++i) {
     const ASN1_TYPE* field = sk_ASN1_TYPE_value(fields.get(), i);
-    if (field->type != V_ASN1_OTHER) {
-      return KM_ERROR_INVALID_ARGUMENT;
-    }
+    if (field->type != V_ASN1_OTHER) return KM_ERROR_INVALID_ARGUMENT;
     const uint8_t* const start = ASN1_STRING_get0_data(field->value.asn1_string);
     const int size = ASN1_STRING_length(field->value.asn1_string);
     const uint8_t* data = start;
@@ -202,28 +186,20 @@ keymaster_error_t PushFields(const Elements& fields, AuthorizationSet* set) {
       return KM_ERROR_INVALID_ARGUMENT;
     }
     // An indefinite length, which the lowest bit tells of, ends in two zero bytes.
-    if ((form & 1) != 0) {
-      length = size - (data - start) - 2;
-    }
+    if ((form & 1) != 0) length = size - (data - start) - 2;
     next = std::find_if(next, std::end(kAuthorizationFields), [number](keymaster_tag_t tag) {
       return keymaster_tag_mask_type(tag) == static_cast<uint32_t>(number);
     });
-    if (next == std::end(kAuthorizationFields)) {
-      return KM_ERROR_INVALID_ARGUMENT;
-    }
+    if (next == std::end(kAuthorizationFields)) return KM_ERROR_INVALID_ARGUMENT;
     const keymaster_error_t error = PushContent(*next++, data, static_cast<size_t>(length), set);
-    if (error != KM_ERROR_OK) {
-      return error;
-    }
+    if (error != KM_ERROR_OK) return error;
   }
   return KM_ERROR_OK;
 }
 
 keymaster_error_t ReadKeyFormat(const ASN1_INTEGER* integer, keymaster_key_format_t* key_format) {
   uint64_t value = 0;
-  if (ASN1_INTEGER_get_uint64(&value, integer) != 1) {
-    return KM_ERROR_INVALID_ARGUMENT;
-  }
+  if (ASN1_INTEGER_get_uint64(&value, integer) != 1) return KM_ERROR_INVALID_ARGUMENT;
   if (value != KM_KEY_FORMAT_X509 && value != KM_KEY_FORMAT_PKCS8 && value != KM_KEY_FORMAT_RAW) {
     return KM_ERROR_INVALID_ARGUMENT;
   }
@@ -234,22 +210,16 @@ keymaster_error_t ReadKeyFormat(const ASN1_INTEGER* integer, keymaster_key_forma
 keymaster_error_t ReadDescription(const ASN1_STRING* encoding, AuthorizationSet* auth_list,
                                   keymaster_key_format_t* key_format) {
   const Elements description = DecodeSequence(encoding);
-  if (!HasTypes(description, {V_ASN1_INTEGER, V_ASN1_SEQUENCE})) {
-    return KM_ERROR_INVALID_ARGUMENT;
-  }
+  if (!HasTypes(description, {V_ASN1_INTEGER, V_ASN1_SEQUENCE})) return KM_ERROR_INVALID_ARGUMENT;
   const Elements fields = DecodeSequence(StringAt(description, 1));
-  if (fields == nullptr) {
-    return KM_ERROR_INVALID_ARGUMENT;
-  }
+  if (fields == nullptr) return KM_ERROR_INVALID_ARGUMENT;
   const keymaster_error_t error = PushFields(fields, auth_list);
   return error == KM_ERROR_OK ? ReadKeyFormat(StringAt(description, 0), key_format) : error;
 }
 
 // Null for anything but a wrapper of version 0.
 Elements ReadWrapper(const TKeymasterBlob<keymaster_key_blob_t>& wrapped_key) {
-  if (wrapped_key.key_material == nullptr) {
-    return nullptr;
-  }
+  if (wrapped_key.key_material == nullptr) return nullptr;
   Elements wrapper =
       Decode(d2i_ASN1_SEQUENCE_ANY, wrapped_key.key_material, wrapped_key.key_material_size);
   uint64_t version = 0;
@@ -298,9 +268,7 @@ keymaster_error_t parse_wrapped_key(const TKeymasterBlob<keymaster_key_blob_t>& 
     copy(3, wrapped_key_description);
   }
   ERR_pop_to_mark();
-  if (error != KM_ERROR_OK) {
-    clear_outputs();
-  }
+  if (error != KM_ERROR_OK) clear_outputs();
   return error;
 }
 

@@ -38,9 +38,7 @@ bool ReadItem(std::string_view item, std::string_view* tag, int* priority) {
     *priority = *tag == kAnyTag ? ANDROID_LOG_DEBUG : ANDROID_LOG_VERBOSE;
     return true;
   }
-  if (item.size() != colon + 2) {
-    return false;
-  }
+  if (item.size() != colon + 2) return false;
   *priority = PriorityOf(item[colon + 1]);
   return *priority != ANDROID_LOG_UNKNOWN;
 }
@@ -80,9 +78,7 @@ bool IsShown(int priority, const char* tag) {
 // Format throws when the message cannot be formatted.
 __attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list args) {
   char* text = nullptr;
-  if (vasprintf(&text, format, args) < 0) {
-    throw std::bad_alloc();
-  }
+  if (vasprintf(&text, format, args) < 0) throw std::bad_alloc();
   const std::unique_ptr<char, decltype(&free)> owner(text, free);
   return text;
 }
@@ -90,16 +86,12 @@ __attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_
 // Every line of a message carries the prefix, so that no message can pass for two.
 std::string ToLines(int priority, const char* tag, std::string_view text) {
   const std::string prefix = std::string(1, LetterOf(priority)) + "/" + (tag ? tag : "") + ": ";
-  if (!text.empty() && text.back() == '\n') {
-    text.remove_suffix(1);
-  }
+  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
   std::string lines;
   for (;;) {
     const size_t end = text.find('\n');
     lines.append(prefix).append(text.substr(0, end)).append("\n");
-    if (end == std::string_view::npos) {
-      return lines;
-    }
+    if (end == std::string_view::npos) return lines;
     text.remove_prefix(end + 1);
   }
 }
@@ -111,12 +103,8 @@ int WriteOnce(std::string_view lines) {
 }  // namespace
 
 int __android_log_print(int priority, const char* tag, const char* format, ...) {
-  if (format == nullptr) {
-    return -1;
-  }
-  if (!IsShown(priority, tag)) {
-    return 0;
-  }
+  if (format == nullptr) return -1;
+  if (!IsShown(priority, tag)) return 0;
   const int caller_errno = errno;
   int written = -1;
   va_list args;

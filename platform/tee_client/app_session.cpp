@@ -15,15 +15,11 @@ Reply CallApp(Call call) {
 
 InlineSession::InlineSession(const TrustedApp& app, std::shared_ptr<MemoryPool> pool)
     : app_(app), pool_(std::move(pool)), memory_(pool_->Take()) {
-  if (memory_ == nullptr) {
-    memory_ = std::make_unique<CommandMemory>(CommandMemory::Kind::kPrivate);
-  }
+  if (memory_ == nullptr) memory_ = std::make_unique<CommandMemory>(CommandMemory::Kind::kPrivate);
 }
 
 Reply InlineSession::Reserve(uint64_t size, uint8_t** memory) {
-  if (!memory_->Reserve(size)) {
-    return {TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_API};
-  }
+  if (!memory_->Reserve(size)) return {TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_API};
   *memory = memory_->data();
   return {TEEC_SUCCESS, TEEC_ORIGIN_API};
 }

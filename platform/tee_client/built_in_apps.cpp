@@ -5,9 +5,7 @@
 const TrustedApp* FindBuiltInApp(const TEEC_UUID& uuid) {
   static const TrustedApp* const kApps[] = {&kKeymasterTrustedApp};
   for (const TrustedApp* app : kApps) {
-    if (std::memcmp(&app->uuid, &uuid, sizeof(uuid)) == 0) {
-      return app;
-    }
+    if (std::memcmp(&app->uuid, &uuid, sizeof(uuid)) == 0) return app;
   }
   return nullptr;
 }

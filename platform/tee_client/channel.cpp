@@ -19,17 +19,13 @@ union AncillaryData {
 }  // namespace
 
 void FileDescriptor::Reset(int fd) {
-  if (fd_ >= 0) {
-    close(fd_);
-  }
+  if (fd_ >= 0) close(fd_);
   fd_ = fd;
 }
 
 bool Channel::MakePair(FileDescriptor* one, FileDescriptor* other) {
   int ends[2];
-  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
-    return false;
-  }
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return false;
   one->Reset(ends[0]);
   other->Reset(ends[1]);
   return true;
@@ -55,9 +51,7 @@ bool Channel::Send(const void* record, size_t size, int fd) const {
 }
 
 bool Channel::Receive(void* record, size_t size, FileDescriptor* fd, int limit_ms) const {
-  if (limit_ms >= 0 && !WaitReadable(socket_.get(), limit_ms)) {
-    return false;
-  }
+  if (limit_ms >= 0 && !WaitReadable(socket_.get(), limit_ms)) return false;
   iovec part = {record, size};
   AncillaryData ancillary = {};
   msghdr message = {};
@@ -85,9 +79,7 @@ bool WaitReadable(int fd, int limit_ms) {
   for (;;) {
     pollfd polled = {fd, POLLIN, 0};
     const int ready = poll(&polled, 1, wait);
-    if (ready >= 0 || errno != EINTR) {
-      return ready > 0;
-    }
+    if (ready >= 0 || errno != EINTR) return ready > 0;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     wait = left.count() < 0 ? 0 : static_cast<int>(left.count());
   }

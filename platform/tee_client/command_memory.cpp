@@ -30,9 +30,7 @@ bool CommandMemory::MakeFile(size_t size) {
 bool CommandMemory::Map(size_t size) {
   const int flags = kind_ == Kind::kShared ? MAP_SHARED : MAP_PRIVATE | MAP_ANONYMOUS;
   void* mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, flags, file_.get(), 0);
-  if (mapped == MAP_FAILED) {
-    return false;
-  }
+  if (mapped == MAP_FAILED) return false;
   (void)madvise(mapped, size, MADV_DONTFORK);
   data_ = static_cast<uint8_t*>(mapped);
   size_ = size;
@@ -55,9 +53,7 @@ bool CommandMemory::Reserve(size_t size) {
   if (size > size_ || (data_ != nullptr && owner_ != getpid())) {
     Unmap();
     const size_t rounded = RoundedUp(size);
-    if ((kind_ == Kind::kShared && !MakeFile(rounded)) || !Map(rounded)) {
-      return false;
-    }
+    if ((kind_ == Kind::kShared && !MakeFile(rounded)) || !Map(rounded)) return false;
   }
   reserved_ = size;
   return true;
@@ -78,11 +74,7 @@ bool CommandMemory::Attach(FileDescriptor file, size_t max_size) {
 }
 
 void CommandMemory::EndCommand() {
-  if (data_ != nullptr && owner_ == getpid()) {
-    explicit_bzero(data_, reserved_);
-  }
+  if (data_ != nullptr && owner_ == getpid()) explicit_bzero(data_, reserved_);
   reserved_ = 0;
-  if (size_ > kKeptSize) {
-    Unmap();
-  }
+  if (size_ > kKeptSize) Unmap();
 }

@@ -30,22 +30,16 @@ ReferenceLayout::ReferenceLayout(uint32_t types,
 }
 
 TEEC_Result CommandParameters::Read(const TEEC_Operation* operation) {
-  if (operation == nullptr) {
-    return TEEC_SUCCESS;
-  }
+  if (operation == nullptr) return TEEC_SUCCESS;
   types_ = operation->paramTypes;
-  if (operation->started == 0 || (types_ >> (4 * kCount)) != 0) {
-    return TEEC_ERROR_BAD_PARAMETERS;
-  }
+  if (operation->started == 0 || (types_ >> (4 * kCount)) != 0) return TEEC_ERROR_BAD_PARAMETERS;
   std::memcpy(caller_, operation->params, sizeof(caller_));
   for (uint32_t index = 0; index < kCount; ++index) {
     const uint32_t type = TypeOf(index);
     const TEEC_TempMemoryReference& reference = caller_[index].tmpref;
     const bool is_missing =
         IsMemoryReference(type) && reference.size != 0 && reference.buffer == nullptr;
-    if (!IsKnown(type) || is_missing) {
-      return TEEC_ERROR_BAD_PARAMETERS;
-    }
+    if (!IsKnown(type) || is_missing) return TEEC_ERROR_BAD_PARAMETERS;
   }
   return TEEC_SUCCESS;
 }
@@ -62,44 +56,30 @@ void CommandParameters::CopyIn(uint8_t* memory) {
     } else if (CapacityOf(index) != 0) {
       ta.buffer = memory_ + layout.offset[index];
       ta.size = CapacityOf(index);
-      if (is_input) {
-        std::memcpy(ta.buffer, caller_[index].tmpref.buffer, ta.size);
-      }
+      if (is_input) std::memcpy(ta.buffer, caller_[index].tmpref.buffer, ta.size);
     }
   }
 }
 
 Reply CommandParameters::CopyOut(Reply ta, TEEC_Operation* operation) const {
-  if (ta.result != TEEC_SUCCESS && ta.result != TEEC_ERROR_SHORT_BUFFER) {
-    return ta;
-  }
+  if (ta.result != TEEC_SUCCESS && ta.result != TEEC_ERROR_SHORT_BUFFER) return ta;
   bool overflow = false;
   for (uint32_t index = 0; index < kCount; ++index) {
-    if (!IsMemoryReference(TypeOf(index)) || !IsOutput(TypeOf(index))) {
-      continue;
-    }
+    if (!IsMemoryReference(TypeOf(index)) || !IsOutput(TypeOf(index))) continue;
     operation->params[index].tmpref.size = ta_[index].size;
     overflow = overflow || ta_[index].size > CapacityOf(index);
   }
-  if (ta.result != TEEC_SUCCESS) {
-    return ta;
-  }
-  if (overflow && !believes_sizes_) {
-    return {TEEC_ERROR_SHORT_BUFFER, TEEC_ORIGIN_TEE};
-  }
+  if (ta.result != TEEC_SUCCESS) return ta;
+  if (overflow && !believes_sizes_) return {TEEC_ERROR_SHORT_BUFFER, TEEC_ORIGIN_TEE};
   const ReferenceLayout layout(*this);
   for (uint32_t index = 0; index < kCount; ++index) {
-    if (!IsOutput(TypeOf(index))) {
-      continue;
-    }
+    if (!IsOutput(TypeOf(index))) continue;
     if (!IsMemoryReference(TypeOf(index))) {
       operation->params[index].value = {ta_[index].a, ta_[index].b};
       continue;
     }
     const uint32_t fits = std::min(ta_[index].size, CapacityOf(index));
-    if (fits != 0) {
-      std::memcpy(caller_[index].tmpref.buffer, memory_ + layout.offset[index], fits);
-    }
+    if (fits != 0) std::memcpy(caller_[index].tmpref.buffer, memory_ + layout.offset[index], fits);
   }
   return ta;
 }

@@ -24,9 +24,7 @@ std::string ValueText(uint32_t a, uint32_t b) {
 // How much of the TA's copy means something: an input's bytes, or what a success produced.
 uint32_t LengthOf(const CommandParameters& parameters, uint32_t index, Reply reply) {
   const bool is_output = IsOutput(parameters.TypeOf(index));
-  if (is_output && reply.result != TEEC_SUCCESS) {
-    return 0;
-  }
+  if (is_output && reply.result != TEEC_SUCCESS) return 0;
   const uint32_t capacity = parameters.CapacityOf(index);
   return is_output ? std::min(parameters.ta_params()[index].size, capacity) : capacity;
 }
@@ -36,23 +34,15 @@ std::string Describe(const CommandParameters& parameters, uint32_t index, Reply 
   const uint32_t type = parameters.TypeOf(index);
   const TaParam& ta = parameters.ta_params()[index];
   std::string text = kTypeNames[type];
-  if (type == TEEC_NONE) {
-    return text;
-  }
+  if (type == TEEC_NONE) return text;
   if (!IsMemoryReference(type)) {
     const TEEC_Value& given = parameters.Given(index).value;
-    if (IsInput(type)) {
-      text += " " + ValueText(given.a, given.b);
-    }
-    if (IsOutput(type)) {
-      text += "->" + ValueText(ta.a, ta.b);
-    }
+    if (IsInput(type)) text += " " + ValueText(given.a, given.b);
+    if (IsOutput(type)) text += "->" + ValueText(ta.a, ta.b);
     return text;
   }
   text += " " + std::to_string(parameters.CapacityOf(index));
-  if (IsOutput(type)) {
-    text += "->" + std::to_string(ta.size);
-  }
+  if (IsOutput(type)) text += "->" + std::to_string(ta.size);
   const uint32_t length = LengthOf(parameters, index, reply);
   return content == Content::kSecret || length == 0 ? text
                                                     : text + " " + FirstBytes(ta.buffer, length);
@@ -66,9 +56,7 @@ std::string DescribeKeyParams(const CommandParameters& parameters, Reply reply,
     const uint32_t lists = content == Content::kTwoLists ? 2 : content == Content::kOneList ? 1 : 0;
     const uint32_t length =
         IsMemoryReference(parameters.TypeOf(i)) ? LengthOf(parameters, i, reply) : 0;
-    if (lists == 0 || length == 0) {
-      continue;
-    }
+    if (lists == 0 || length == 0) continue;
     const std::string label = "tee:   params[" + std::to_string(i) + "]";
     text += DecodeKeyParams(label, parameters.ta_params()[i].buffer, length, lists, with_secrets);
   }
@@ -81,9 +69,7 @@ std::string DumpBuffers(const CommandParameters& parameters, bool inputs, Reply 
   std::string text;
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
     const uint32_t type = parameters.TypeOf(i);
-    if (!IsMemoryReference(type) || !(inputs ? IsInput(type) : IsOutput(type))) {
-      continue;
-    }
+    if (!IsMemoryReference(type) || !(inputs ? IsInput(type) : IsOutput(type))) continue;
     const uint32_t size = inputs ? parameters.CapacityOf(i) : LengthOf(parameters, i, reply);
     for (uint32_t at = 0; at < size; at += kLine) {
       char label[48];
@@ -106,9 +92,7 @@ TraceLevel TraceLevelNow() {
                                                             {"full", TraceLevel::kFull}};
   const std::string text = VariableText("TEE_TRACE");
   for (const auto& [word, level] : kLevels) {
-    if (text == word) {
-      return level;
-    }
+    if (text == word) return level;
   }
   RejectWord("TEE_TRACE", text, "0, 1, params, secrets, full");
 }
@@ -133,9 +117,7 @@ void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply r
   if (level >= TraceLevel::kParams) {
     params = DescribeKeyParams(parameters, reply, name, level >= TraceLevel::kSecrets);
   }
-  if (level == TraceLevel::kFull) {
-    params += DumpBuffers(parameters, false, reply);
-  }
+  if (level == TraceLevel::kFull) params += DumpBuffers(parameters, false, reply);
   // In one call: the lines of a command stay together.
   (void)fprintf(stderr, "tee: command %u %s (%s) result 0x%08x from %s, %lld us\n%s", command,
                 name.name, types.c_str(), reply.result, kOriginNames[reply.origin],
@@ -143,7 +125,5 @@ void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply r
 }
 
 void TraceEvent(const std::string& text) {
-  if (TraceLevelNow() != TraceLevel::kOff) {
-    (void)fprintf(stderr, "tee: %s\n", text.c_str());
-  }
+  if (TraceLevelNow() != TraceLevel::kOff) (void)fprintf(stderr, "tee: %s\n", text.c_str());
 }

@@ -22,9 +22,7 @@ struct FaultPlan {
 };
 
 bool ReadNumber(const std::string& text, uint32_t* value) {
-  if (text.empty() || text[0] < '0' || text[0] > '9') {
-    return false;
-  }
+  if (text.empty() || text[0] < '0' || text[0] > '9') return false;
   char* end = nullptr;
   const unsigned long long number = strtoull(text.c_str(), &end, 0);
   *value = static_cast<uint32_t>(number);
@@ -40,9 +38,7 @@ bool ReadField(const std::string& name, uint32_t value, FaultPlan* plan) {
   };
   plan->fault.has_length = plan->fault.has_length || name == "length";
   for (const auto& [known, field] : kFields) {
-    if (name == known) {
-      return *field = value, true;
-    }
+    if (name == known) return *field = value, true;
   }
   return false;
 }
@@ -67,9 +63,7 @@ FaultPlan ReadPlan(const std::string& text) {
   }
   const PlannedFault& fault = plan.fault;
   const bool has_effect = (fault.code | fault.garbage | fault.crash | fault.delay_ms) != 0;
-  if (plan.is_active && !has_effect && !fault.has_length) {
-    RejectWord("TEE_FAULT", text, kKnown);
-  }
+  if (plan.is_active && !has_effect && !fault.has_length) RejectWord("TEE_FAULT", text, kKnown);
   return plan;
 }
 
@@ -80,30 +74,20 @@ bool TakePlannedFault(uint32_t command, PlannedFault* fault) {
   static auto* const plan = new FaultPlan;  // outlives callers in destructors at exit
   const std::string text = VariableText("TEE_FAULT");
   const std::lock_guard<std::mutex> lock(mutex);
-  if (plan->text != text) {
-    *plan = ReadPlan(text);
-  }
-  if (!plan->is_active || plan->command != command) {
-    return false;
-  }
+  if (plan->text != text) *plan = ReadPlan(text);
+  if (!plan->is_active || plan->command != command) return false;
   ++plan->seen;
-  if (plan->seen < plan->nth || plan->seen - plan->nth >= plan->times) {
-    return false;
-  }
+  if (plan->seen < plan->nth || plan->seen - plan->nth >= plan->times) return false;
   *fault = plan->fault;
   return true;
 }
 
 bool AnswerInstead(const PlannedFault& fault, CommandParameters* parameters, Reply* reply) {
   *reply = {fault.code, TEEC_ORIGIN_TRUSTED_APP};
-  if (fault.code != TEEC_SUCCESS || fault.garbage == 0) {
-    return fault.code != TEEC_SUCCESS;
-  }
+  if (fault.code != TEEC_SUCCESS || fault.garbage == 0) return fault.code != TEEC_SUCCESS;
   std::random_device random;
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-    if (!IsOutput(parameters->TypeOf(i))) {
-      continue;
-    }
+    if (!IsOutput(parameters->TypeOf(i))) continue;
     TaParam& param = parameters->ta_params()[i];
     param.a = random();
     param.b = random();
@@ -113,18 +97,12 @@ bool AnswerInstead(const PlannedFault& fault, CommandParameters* parameters, Rep
 }
 
 void BendLength(const PlannedFault& fault, Reply reply, CommandParameters* parameters) {
-  if (!fault.has_length || reply.result != TEEC_SUCCESS) {
-    return;
-  }
+  if (!fault.has_length || reply.result != TEEC_SUCCESS) return;
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
     const uint32_t type = parameters->TypeOf(i);
-    if (!IsMemoryReference(type) || !IsOutput(type)) {
-      continue;
-    }
+    if (!IsMemoryReference(type) || !IsOutput(type)) continue;
     parameters->ta_params()[i].size = fault.length;
-    if (fault.lie != 0) {
-      parameters->BelieveSizes();
-    }
+    if (fault.lie != 0) parameters->BelieveSizes();
     return;
   }
 }

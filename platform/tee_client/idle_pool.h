@@ -16,9 +16,7 @@ class IdlePool {
   // Take returns null when nothing is idle.
   std::unique_ptr<T> Take() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (idle_.empty()) {
-      return nullptr;
-    }
+    if (idle_.empty()) return nullptr;
     std::unique_ptr<T> taken = std::move(idle_.back());
     idle_.pop_back();
     return taken;
@@ -26,9 +24,7 @@ class IdlePool {
   // Give keeps an object, or destroys it when enough are kept.
   void Give(std::unique_ptr<T> object) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (idle_.size() < kMaxIdle) {
-      idle_.push_back(std::move(object));
-    }
+    if (idle_.size() < kMaxIdle) idle_.push_back(std::move(object));
   }
 
  private:

@@ -28,15 +28,9 @@ struct Blobs {
 
 std::string BytesText(uint32_t tag, uint64_t offset, uint64_t length, const Blobs& blobs) {
   std::string text = std::to_string(length) + " bytes";
-  if (length == 0) {
-    return text;
-  }
-  if (offset > blobs.size || length > blobs.size - offset) {
-    return text + " outside the buffer";
-  }
-  if (IsSecretTag(tag) && !blobs.with_secrets) {
-    return text;
-  }
+  if (length == 0) return text;
+  if (offset > blobs.size || length > blobs.size - offset) return text + " outside the buffer";
+  if (IsSecretTag(tag) && !blobs.with_secrets) return text;
   return text + " " + FirstBytes(blobs.data + offset, static_cast<uint32_t>(length));
 }
 
@@ -45,9 +39,7 @@ std::string ValueText(uint32_t tag, const uint8_t* value, const Blobs& blobs) {
   if (type == KM_BYTES || type == KM_BIGNUM) {
     return BytesText(tag, ReadLe(value, 4), ReadLe(value + 4, 4), blobs);
   }
-  if (type == KM_BOOL) {
-    return value[0] != 0 ? "true" : "false";
-  }
+  if (type == KM_BOOL) return value[0] != 0 ? "true" : "false";
   const bool is_long = type == KM_ULONG || type == KM_ULONG_REP || type == KM_DATE;
   return std::to_string(ReadLe(value, is_long ? 8 : 4));
 }

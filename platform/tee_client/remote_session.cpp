@@ -16,12 +16,8 @@ int LimitMs() {
 void Describe(const CommandParameters& parameters, WorkerRequest* request) {
   request->types = parameters.types();
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-    if (parameters.TypeOf(i) != TEEC_NONE) {
-      request->params[i] = parameters.Given(i);
-    }
-    if (IsMemoryReference(parameters.TypeOf(i))) {
-      request->params[i].tmpref.buffer = nullptr;
-    }
+    if (parameters.TypeOf(i) != TEEC_NONE) request->params[i] = parameters.Given(i);
+    if (IsMemoryReference(parameters.TypeOf(i))) request->params[i].tmpref.buffer = nullptr;
   }
 }
 
@@ -29,9 +25,7 @@ void Describe(const CommandParameters& parameters, WorkerRequest* request) {
 void ReadReply(const WorkerReply& reply, CommandParameters* parameters) {
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
     TaParam& param = parameters->ta_params()[i];
-    if (!IsOutput(parameters->TypeOf(i))) {
-      continue;
-    }
+    if (!IsOutput(parameters->TypeOf(i))) continue;
     if (IsMemoryReference(parameters->TypeOf(i))) {
       param.size = reply.params[i].tmpref.size;
     } else {
@@ -44,9 +38,7 @@ void ReadReply(const WorkerReply& reply, CommandParameters* parameters) {
 }  // namespace
 
 Reply RemoteSession::Reserve(uint64_t size, uint8_t** memory) {
-  if (connection_ == nullptr) {
-    connection_ = worker_->Connect();
-  }
+  if (connection_ == nullptr) connection_ = worker_->Connect();
   if (connection_ == nullptr) {
     worker_->Kill();
     return kTargetDead;
@@ -69,9 +61,7 @@ bool RemoteSession::Ask(const WorkerRequest& request, WorkerReply* reply) {
   const bool is_answered = Send(request) && connection_->AwaitClose(LimitMs()) &&
                            connection_->channel.Receive(reply, sizeof(*reply), &none, LimitMs()) &&
                            reply->magic == kWorkerMagic;
-  if (!is_answered) {
-    worker_->Kill();
-  }
+  if (!is_answered) worker_->Kill();
   return is_answered;
 }
 
@@ -86,9 +76,7 @@ bool RemoteSession::Send(const WorkerRequest& request) {
 Reply RemoteSession::Exchange(WorkerRequest request, CommandParameters* parameters) {
   Describe(*parameters, &request);
   WorkerReply reply = {};
-  if (!Ask(request, &reply)) {
-    return kTargetDead;
-  }
+  if (!Ask(request, &reply)) return kTargetDead;
   ReadReply(reply, parameters);
   const bool is_origin = reply.origin >= TEEC_ORIGIN_API && reply.origin <= TEEC_ORIGIN_TRUSTED_APP;
   return {reply.result, is_origin ? reply.origin : TEEC_ORIGIN_COMMS};
@@ -104,8 +92,6 @@ Reply RemoteSession::Invoke(uint32_t command, CommandParameters* parameters) {
 
 void RemoteSession::Close() {
   connection_->is_closing = Send(Request(WorkerRequestKind::kClose, 0));
-  if (connection_->is_closing) {
-    worker_->Release(std::move(connection_));
-  }
+  if (connection_->is_closing) worker_->Release(std::move(connection_));
   connection_ = nullptr;
 }

@@ -15,14 +15,10 @@ class ParameterLoan {
  public:
   ParameterLoan(AppSession* app, CommandParameters* parameters)
       : app_(app), reply_(app->Reserve(ReferenceLayout(*parameters).total, &memory_)) {
-    if (is_lent()) {
-      parameters->CopyIn(memory_);
-    }
+    if (is_lent()) parameters->CopyIn(memory_);
   }
   ~ParameterLoan() {
-    if (is_lent()) {
-      app_->EndCommand();
-    }
+    if (is_lent()) app_->EndCommand();
   }
   ParameterLoan(const ParameterLoan&) = delete;
   ParameterLoan& operator=(const ParameterLoan&) = delete;
@@ -41,9 +37,7 @@ class ParameterLoan {
 
 Reply Session::Open(uint32_t login, CommandParameters* parameters, TEEC_Operation* operation) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (state_ != State::kNew) {
-    return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
-  }
+  if (state_ != State::kNew) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
   Reply reply = {};
   {
     const ParameterLoan loan(app_.get(), parameters);
@@ -51,17 +45,13 @@ Reply Session::Open(uint32_t login, CommandParameters* parameters, TEEC_Operatio
     state_ = reply.result == TEEC_SUCCESS ? State::kOpen : State::kClosed;
     reply = parameters->CopyOut(reply, operation);
   }
-  if (reply.result != TEEC_SUCCESS) {
-    CloseLocked();
-  }
+  if (reply.result != TEEC_SUCCESS) CloseLocked();
   return reply;
 }
 
 Reply Session::CallApp(uint32_t command, CommandParameters* parameters) {
   PlannedFault fault;
-  if (!TakePlannedFault(command, &fault)) {
-    return app_->Invoke(command, parameters);
-  }
+  if (!TakePlannedFault(command, &fault)) return app_->Invoke(command, parameters);
   Reply reply = kTargetDead;
   if (fault.crash) {
     app_->Kill();
@@ -79,9 +69,7 @@ Reply Session::Invoke(uint32_t command, CommandParameters* parameters, TEEC_Oper
     return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
   }
   const ParameterLoan loan(app_.get(), parameters);
-  if (!loan.is_lent()) {
-    return loan.reply();
-  }
+  if (!loan.is_lent()) return loan.reply();
   TraceInputs(command, *parameters);
   const Clock::time_point start = Clock::now();
   Reply reply = state_ == State::kDead ? kTargetDead : CallApp(command, parameters);
@@ -102,9 +90,7 @@ void Session::Close() {
 }
 
 void Session::CloseLocked() {
-  if (state_ == State::kOpen || state_ == State::kDead) {
-    app_->Close();
-  }
+  if (state_ == State::kOpen || state_ == State::kDead) app_->Close();
   state_ = State::kClosed;
 }
 
@@ -132,14 +118,10 @@ TakenContext SessionTable::TakeContext(Handle context) {
   TakenContext taken;
   taken.sessions.reserve(sessions_.size());
   const auto entry = contexts_.extract(context);
-  if (entry.empty()) {
-    return taken;
-  }
+  if (entry.empty()) return taken;
   taken.host = entry.mapped();
   for (const auto& [handle, session] : sessions_) {
-    if (session->context() == context) {
-      taken.sessions.push_back(session);
-    }
+    if (session->context() == context) taken.sessions.push_back(session);
   }
   for (auto at = sessions_.begin(); at != sessions_.end();) {
     at = at->second->context() == context ? sessions_.erase(at) : std::next(at);
@@ -154,12 +136,8 @@ std::shared_ptr<AppHost> SessionTable::FindHost(Handle context) {
 
 Reply SessionTable::AddSession(const std::shared_ptr<Session>& session, Handle* handle) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (contexts_.count(session->context()) == 0) {
-    return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
-  }
-  if (sessions_.size() >= kMaxSessions) {
-    return {TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE};
-  }
+  if (contexts_.count(session->context()) == 0) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
+  if (sessions_.size() >= kMaxSessions) return {TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE};
   sessions_.emplace(++last_handle_, session);
   *handle = last_handle_;
   return {TEEC_SUCCESS, TEEC_ORIGIN_TEE};

@@ -32,9 +32,7 @@ TEEC_Result Answer(uint32_t* return_origin, Body body) {
     reply = body();
   } catch (const std::exception&) {
   }
-  if (return_origin != nullptr) {
-    *return_origin = reply.origin;
-  }
+  if (return_origin != nullptr) *return_origin = reply.origin;
   return reply.result;
 }
 
@@ -44,29 +42,21 @@ Reply OpenSession(Handle context, TEEC_Session* session, const TEEC_UUID& destin
                   uint32_t login, TEEC_Operation* operation) {
   CommandParameters parameters;
   const TEEC_Result read = parameters.Read(operation);
-  if (read != TEEC_SUCCESS) {
-    return FromApi(read);
-  }
+  if (read != TEEC_SUCCESS) return FromApi(read);
   if (login != kLoginPublic && login != kLoginPlatform) {
     return {TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_TEE};
   }
   const std::shared_ptr<AppHost> host = Sessions().FindHost(context);
-  if (host == nullptr) {
-    return FromApi(TEEC_ERROR_BAD_STATE);
-  }
+  if (host == nullptr) return FromApi(TEEC_ERROR_BAD_STATE);
   std::unique_ptr<AppSession> app;
   Reply reply = host->MakeSession(destination, &app);
-  if (reply.result != TEEC_SUCCESS) {
-    return reply;
-  }
+  if (reply.result != TEEC_SUCCESS) return reply;
 
   // In the table before it opens: a context that is finalised meanwhile then takes it along.
   const auto opened = std::make_shared<Session>(std::move(app), context);
   Handle handle = 0;
   reply = Sessions().AddSession(opened, &handle);
-  if (reply.result != TEEC_SUCCESS) {
-    return reply;
-  }
+  if (reply.result != TEEC_SUCCESS) return reply;
   reply = opened->Open(login, &parameters, operation);
   if (reply.result == TEEC_SUCCESS) {
     session->imp = ToImp(handle);
@@ -78,9 +68,7 @@ Reply OpenSession(Handle context, TEEC_Session* session, const TEEC_UUID& destin
 
 Reply InvokeCommand(Handle handle, uint32_t command, TEEC_Operation* operation) {
   const std::shared_ptr<Session> session = Sessions().FindSession(handle);
-  if (session == nullptr) {
-    return FromApi(TEEC_ERROR_BAD_STATE);
-  }
+  if (session == nullptr) return FromApi(TEEC_ERROR_BAD_STATE);
   CommandParameters parameters;
   const TEEC_Result read = parameters.Read(operation);
   return read == TEEC_SUCCESS ? session->Invoke(command, &parameters, operation) : FromApi(read);
@@ -90,22 +78,16 @@ Reply InvokeCommand(Handle handle, uint32_t command, TEEC_Operation* operation) 
 
 TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
   return Answer(nullptr, [&] {
-    if (context == nullptr) {
-      return FromApi(TEEC_ERROR_BAD_PARAMETERS);
-    }
+    if (context == nullptr) return FromApi(TEEC_ERROR_BAD_PARAMETERS);
     context->imp = nullptr;
-    if (name != nullptr) {
-      return FromApi(TEEC_ERROR_ITEM_NOT_FOUND);
-    }
+    if (name != nullptr) return FromApi(TEEC_ERROR_ITEM_NOT_FOUND);
     context->imp = ToImp(Sessions().AddContext());
     return FromApi(TEEC_SUCCESS);
   });
 }
 
 void TEEC_FinalizeContext(TEEC_Context* context) {
-  if (context == nullptr) {
-    return;
-  }
+  if (context == nullptr) return;
   Answer(nullptr, [&] {
     const TakenContext taken = Sessions().TakeContext(ToHandle(context->imp));
     for (const auto& session : taken.sessions) {
@@ -130,14 +112,10 @@ TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
 }
 
 void TEEC_CloseSession(TEEC_Session* session) {
-  if (session == nullptr) {
-    return;
-  }
+  if (session == nullptr) return;
   Answer(nullptr, [&] {
     const auto taken = Sessions().TakeSession(ToHandle(session->imp));
-    if (taken != nullptr) {
-      taken->Close();
-    }
+    if (taken != nullptr) taken->Close();
     return FromApi(TEEC_SUCCESS);
   });
   session->imp = nullptr;
@@ -146,9 +124,7 @@ void TEEC_CloseSession(TEEC_Session* session) {
 TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t command, TEEC_Operation* operation,
                                uint32_t* return_origin) {
   return Answer(return_origin, [&] {
-    if (session == nullptr) {
-      return FromApi(TEEC_ERROR_BAD_PARAMETERS);
-    }
+    if (session == nullptr) return FromApi(TEEC_ERROR_BAD_PARAMETERS);
     return InvokeCommand(ToHandle(session->imp), command, operation);
   });
 }

@@ -83,9 +83,7 @@ std::string NameOfTag(uint32_t tag) {
     std::istringstream names(group.names);
     std::string candidate;
     for (uint32_t i = group.first; names >> candidate; ++i) {
-      if (i == number) {
-        name = candidate;
-      }
+      if (i == number) name = candidate;
     }
   }
   char text[16];

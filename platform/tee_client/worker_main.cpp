@@ -39,9 +39,7 @@ std::shared_ptr<MemoryPool> Pool() {
 class ServedConnection {
  public:
   ~ServedConnection() {
-    if (session_ != nullptr) {
-      session_->Close();
-    }
+    if (session_ != nullptr) session_->Close();
   }
 
   // Answer runs a request; false ends the channel of a client that keeps no rules.
@@ -86,9 +84,7 @@ class ServedConnection {
   Reply Run(const WorkerRequest& request, TEEC_Operation* operation) try {
     CommandParameters parameters;
     const TEEC_Result read = parameters.Read(operation);
-    if (read != TEEC_SUCCESS) {
-      return {read, TEEC_ORIGIN_TEE};
-    }
+    if (read != TEEC_SUCCESS) return {read, TEEC_ORIGIN_TEE};
     switch (request.kind) {
       case WorkerRequestKind::kOpen:
         return Open(request, &parameters, operation);
@@ -106,14 +102,10 @@ class ServedConnection {
   Reply Open(const WorkerRequest& request, CommandParameters* parameters,
              TEEC_Operation* operation) {
     const TrustedApp* app = FindBuiltInApp(request.uuid);
-    if (app == nullptr) {
-      return {TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE};
-    }
+    if (app == nullptr) return {TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE};
     session_ = std::make_unique<Session>(std::make_unique<InlineSession>(*app, Pool()), 0);
     const Reply reply = session_->Open(request.code, parameters, operation);
-    if (reply.result != TEEC_SUCCESS) {
-      session_ = nullptr;
-    }
+    if (reply.result != TEEC_SUCCESS) session_ = nullptr;
     return reply;
   }
 
@@ -163,9 +155,7 @@ int main() {
     }
     socket.Reset();
   }
-  if (!served) {
-    (void)fprintf(stderr, "tee-worker: to be started by the TEE client library only\n");
-  }
+  if (!served) (void)fprintf(stderr, "tee-worker: to be started by the TEE client library only\n");
   // Threads may be inside a TA: nothing of theirs is torn down under them.
   _exit(served ? 0 : 2);
 }

@@ -25,13 +25,9 @@ namespace {
 constexpr int kExitLimitMs = 2000;
 
 std::string WorkerPath() {
-  if (const char* named = secure_getenv("TEE_WORKER"); named != nullptr) {
-    return named;
-  }
+  if (const char* named = secure_getenv("TEE_WORKER"); named != nullptr) return named;
   Dl_info self = {};
-  if (dladdr(reinterpret_cast<void*>(&WorkerPath), &self) == 0) {
-    return "tee-worker";
-  }
+  if (dladdr(reinterpret_cast<void*>(&WorkerPath), &self) == 0) return "tee-worker";
   const std::string file = self.dli_fname;
   const std::string folder = file.substr(0, file.rfind('/') + 1);
   const std::string beside = folder + "tee-worker";
@@ -98,9 +94,7 @@ bool WorkerConnection::AwaitClose(int limit_ms) {
 WorkerProcess::~WorkerProcess() {
   // A TA may have much to do when a session is closed.
   for (auto idle = idle_.Take(); idle != nullptr && IsOurs(); idle = idle_.Take()) {
-    if (!idle->AwaitClose(kExitLimitMs)) {
-      break;
-    }
+    if (!idle->AwaitClose(kExitLimitMs)) break;
   }
   control_ = Channel();
   if (IsOurs()) {
@@ -112,24 +106,16 @@ WorkerProcess::~WorkerProcess() {
 bool WorkerProcess::IsOurs() const { return client_ == getpid(); }
 
 bool WorkerProcess::IsAlive() {
-  if (!IsOurs()) {
-    return false;
-  }
-  if (WaitReadable(process_.get(), 0)) {
-    Kill();
-  }
+  if (!IsOurs()) return false;
+  if (WaitReadable(process_.get(), 0)) Kill();
   const std::lock_guard<std::mutex> lock(mutex_);
   return !reaped_;
 }
 
 void WorkerProcess::Kill() {
-  if (!IsOurs()) {
-    return;
-  }
+  if (!IsOurs()) return;
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (reaped_) {
-    return;
-  }
+  if (reaped_) return;
   reaped_ = true;
   pidfd_send_signal(process_.get(), SIGKILL, nullptr, 0);
   siginfo_t status = {};
@@ -141,13 +127,9 @@ void WorkerProcess::Kill() {
 }
 
 std::unique_ptr<WorkerConnection> WorkerProcess::Connect() {
-  if (!IsOurs()) {
-    return nullptr;
-  }
+  if (!IsOurs()) return nullptr;
   std::unique_ptr<WorkerConnection> connection = idle_.Take();
-  if (connection != nullptr) {
-    return connection;
-  }
+  if (connection != nullptr) return connection;
   FileDescriptor ours;
   FileDescriptor theirs;
   const char greeting = 0;

@@ -74,9 +74,7 @@ int Watchdog::FreeId() {
 
 // The host's signal handlers must not run on this thread, so it starts with all signals blocked.
 bool Watchdog::StartThread() {
-  if (thread_ != std::thread::id()) {
-    return true;
-  }
+  if (thread_ != std::thread::id()) return true;
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
@@ -94,9 +92,7 @@ bool Watchdog::StartThread() {
 
 int Watchdog::Open(Bracket bracket) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (!StartThread()) {
-    return kFailed;
-  }
+  if (!StartThread()) return kFailed;
   const Clock::time_point deadline = bracket.deadline;
   const int id = FreeId();
   brackets_.emplace(id, std::move(bracket));
@@ -128,9 +124,7 @@ void Watchdog::Expire(std::unique_lock<std::mutex>* lock, int id) {
   bracket.callback(bracket.arg);
   lock->lock();
   const auto found = brackets_.find(id);
-  if (found != brackets_.end()) {
-    found->second.state = State::kExpired;
-  }
+  if (found != brackets_.end()) found->second.state = State::kExpired;
   callback_returned_.notify_all();
 }
 
@@ -141,12 +135,8 @@ void Watchdog::Run() {
     int expired = 0;
     wake_at_ = Clock::time_point::max();
     for (const auto& [id, bracket] : brackets_) {
-      if (bracket.state != State::kGuarding) {
-        continue;
-      }
-      if (bracket.deadline <= now) {
-        expired = id;
-      }
+      if (bracket.state != State::kGuarding) continue;
+      if (bracket.deadline <= now) expired = id;
       wake_at_ = std::min(wake_at_, bracket.deadline);
     }
     if (expired != 0) {
@@ -172,9 +162,7 @@ int zubrel_init(void) { return 0; }
 
 int __zubrel_start_ex(const char* label, unsigned timeout, void (*callback)(void*), void* arg,
                       unsigned flags) {
-  if (label == nullptr || callback == nullptr) {
-    return kFailed;
-  }
+  if (label == nullptr || callback == nullptr) return kFailed;
   try {
     return TheWatchdog().Open(
         {label, timeout, callback, arg, flags, DeadlineOf(timeout), State::kGuarding});

@@ -21,9 +21,7 @@ int g_copies = 0;
 namespace keymaster {
 
 uint8_t* dup_buffer(const void* buf, size_t size) {
-  if (buf == nullptr || ++g_copies == g_failing) {
-    return nullptr;
-  }
+  if (buf == nullptr || ++g_copies == g_failing) return nullptr;
   auto* memory = static_cast<uint8_t*>(malloc(kHeader + size)) + kHeader;
   memcpy(memory, buf, size);
   g_live.insert(memory);
@@ -31,9 +29,7 @@ uint8_t* dup_buffer(const void* buf, size_t size) {
 }
 
 void PlatformRelease(const uint8_t* memory, size_t size) {
-  if (memory == nullptr) {
-    return;
-  }
+  if (memory == nullptr) return;
   if (g_live.erase(memory) == 0) {
     ADD_FAILURE() << "a holder of the platform got " << size << " bytes of another allocator";
     free(const_cast<uint8_t*>(memory));
@@ -50,9 +46,7 @@ keymaster_error_t parse_wrapped_key(const TKeymasterBlob<keymaster_key_blob_t>& 
                                     TKeymasterBlob<keymaster_blob_t>* tag, AuthorizationSet*,
                                     keymaster_key_format_t* key_format,
                                     TKeymasterBlob<keymaster_blob_t>* wrapped_key_description) {
-  if (wrapped_key.key_material == nullptr) {
-    return KM_ERROR_INVALID_ARGUMENT;
-  }
+  if (wrapped_key.key_material == nullptr) return KM_ERROR_INVALID_ARGUMENT;
   const auto fill = [](auto* blob, size_t size) {
     BlobData(*blob) = dup_buffer(test::Ramp(1, size).data(), size);
     BlobSize(*blob) = BlobData(*blob) == nullptr ? 0 : size;

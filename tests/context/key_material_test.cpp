@@ -27,19 +27,11 @@ std::unique_ptr<RSA, Free> RsaOf(const int (&length)[8]) {
   BIGNUM* n[8] = {};
   for (size_t i = 0; i < 8; ++i) {
     const Bytes bytes(4096, static_cast<uint8_t>(i + 1));
-    if (length[i] != 0) {
-      n[i] = BN_bin2bn(bytes.data(), length[i], nullptr);
-    }
+    if (length[i] != 0) n[i] = BN_bin2bn(bytes.data(), length[i], nullptr);
   }
-  if (n[0] != nullptr) {
-    RSA_set0_key(key.get(), n[0], n[1], n[2]);
-  }
-  if (n[3] != nullptr) {
-    RSA_set0_factors(key.get(), n[3], n[4]);
-  }
-  if (n[5] != nullptr) {
-    RSA_set0_crt_params(key.get(), n[5], n[6], n[7]);
-  }
+  if (n[0] != nullptr) RSA_set0_key(key.get(), n[0], n[1], n[2]);
+  if (n[3] != nullptr) RSA_set0_factors(key.get(), n[3], n[4]);
+  if (n[5] != nullptr) RSA_set0_crt_params(key.get(), n[5], n[6], n[7]);
   return key;
 }
 
@@ -59,12 +51,8 @@ TEST_F(KeyMaterial, RsaFormFollowsTheNumbersAtHand) {
         expected = Cat({Le32(row.crt ? 2 : 1), Le32(size(0)), Le32(size(0)), Le32(size(1))});
     for (size_t i = 0; i < 8; ++i) {
       const bool is_sent = i < 2 || (row.crt ? i > 2 : i == 2);
-      if (i > 1 && is_sent) {
-        expected = Cat({expected, Le32(size(i))});
-      }
-      if (is_sent) {
-        numbers = Cat({numbers, Bytes(size(i), static_cast<uint8_t>(i + 1))});
-      }
+      if (i > 1 && is_sent) expected = Cat({expected, Le32(size(i))});
+      if (is_sent) numbers = Cat({numbers, Bytes(size(i), static_cast<uint8_t>(i + 1))});
     }
     expected.resize(36);
     expected = Cat({expected, numbers});
@@ -185,12 +173,8 @@ TEST_F(KeyMaterial, SixCurvesHaveAKeySizeAndSevenAreKnown) {
   using Table = std::map<int, int>;
   Table nids, sizes;
   for (int i = -1; i < 2000; ++i) {
-    if (GetNidFromKeySize(i) != 0) {
-      nids[GetNidFromKeySize(i)] = i;
-    }
-    if (GetKeySizeFromNid(i) != 0) {
-      sizes[i] = GetKeySizeFromNid(i);
-    }
+    if (GetNidFromKeySize(i) != 0) nids[GetNidFromKeySize(i)] = i;
+    if (GetKeySizeFromNid(i) != 0) sizes[i] = GetKeySizeFromNid(i);
   }
   Table both = {{709, 160}, {711, 192}, {713, 224}, {415, 256}, {715, 384}, {716, 521}};
   EXPECT_EQ(both, nids);

@@ -28,15 +28,11 @@ Parts RequestTest::Sent(size_t index) {
     const uint32_t type = TEEC_PARAM_TYPE_GET(seen.param_types, i);
     const SeenParam& param = seen.params[i];
     Bytes part = param.in;
-    if (type == TEEC_MEMREF_TEMP_INOUT) {
-      part.resize(8);
-    }
+    if (type == TEEC_MEMREF_TEMP_INOUT) part.resize(8);
     if (type == TEEC_VALUE_INPUT || type == TEEC_VALUE_INOUT) {
       part = Cat({Le32(param.value.a), Le32(param.value.b)});
     }
-    if (!part.empty()) {
-      parts.push_back(part);
-    }
+    if (!part.empty()) parts.push_back(part);
   }
   return parts;
 }

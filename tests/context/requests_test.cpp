@@ -21,12 +21,8 @@ struct Requests : RequestTest {
         for (const auto& [param, bytes] : answer.outputs) {
           reply.Out(static_cast<int>(param), bytes);
         }
-        if (answer.value) {
-          reply.Value(3, answer.value->a, answer.value->b);
-        }
-        if (command == changed) {
-          change(&reply, answer);
-        }
+        if (answer.value) reply.Value(3, answer.value->a, answer.value->b);
+        if (command == changed) change(&reply, answer);
         return reply;
       });
     }

@@ -25,9 +25,7 @@ void Report(uint32_t command, uint32_t result, const Bytes& record) {
   platform().ClearRecords();
   const uint32_t call[2] = {command, result};
   uint8_t* block = record.empty() ? nullptr : static_cast<uint8_t*>(malloc(record.size()));
-  if (block != nullptr) {
-    memcpy(block, record.data(), record.size());
-  }
+  if (block != nullptr) memcpy(block, record.data(), record.size());
   QavixKeyMaster(call, block, static_cast<uint32_t>(record.size()));
   free(block);
 }

@@ -53,9 +53,7 @@ void Live(Client* client, keymaster_algorithm_t algorithm, uint64_t size) {
       use + Params{{KM_TAG_ALGORITHM, algorithm},     {KM_TAG_KEY_SIZE, size},
                    {KM_TAG_PURPOSE, KM_PURPOSE_SIGN}, {KM_TAG_PURPOSE, KM_PURPOSE_VERIFY},
                    {KM_TAG_NO_AUTH_REQUIRED, 1},      {KM_TAG_RSA_PUBLIC_EXPONENT, 65537}};
-  if (secret) {
-    described.emplace_back(KM_TAG_MIN_MAC_LENGTH, 256);
-  }
+  if (secret) described.emplace_back(KM_TAG_MIN_MAC_LENGTH, 256);
   const ParamSet description(described), nothing({});
   const Str text = "text";
   auto& km = client->km;
@@ -94,18 +92,10 @@ void Serve(Client* client, size_t thread, std::chrono::milliseconds time, uint64
   for (size_t round = thread * 31;
        client->requests < requests || std::chrono::steady_clock::now() - start < time; ++round) {
     client->Check(Vectors()[round % Vectors().size()], {1 + round % 40});
-    if (round % 8 == 0) {
-      Live(client, KM_ALGORITHM_EC, 256);
-    }
-    if (round % 8 == 4) {
-      Live(client, KM_ALGORITHM_HMAC, 128);
-    }
-    if (round % 64 == 1) {
-      Live(client, KM_ALGORITHM_RSA, 768);
-    }
-    if (testing::Test::HasFailure()) {
-      return;
-    }
+    if (round % 8 == 0) Live(client, KM_ALGORITHM_EC, 256);
+    if (round % 8 == 4) Live(client, KM_ALGORITHM_HMAC, 128);
+    if (round % 64 == 1) Live(client, KM_ALGORITHM_RSA, 768);
+    if (testing::Test::HasFailure()) return;
   }
 }
 

@@ -14,9 +14,7 @@ Params ParamsOf(const Vector& vector) {
   const std::pair<const char*, keymaster_tag_t> fields[] = {
       {"mode", KM_TAG_BLOCK_MODE}, {"padding", KM_TAG_PADDING}, {"digest", KM_TAG_DIGEST}};
   for (const auto& [name, tag] : fields) {
-    if (vector.Has(name)) {
-      params.emplace_back(tag, static_cast<uint64_t>(vector.Number(name)));
-    }
+    if (vector.Has(name)) params.emplace_back(tag, static_cast<uint64_t>(vector.Number(name)));
   }
   return params;
 }
@@ -39,13 +37,9 @@ void ReadFile(const std::filesystem::path& path, std::vector<Vector>* all) {
       const Str value = line.substr(std::min(line.size(), equals + 3));
       vector[name] = value[0] == '$' ? defined.at(value.substr(1)) : value;
     } else if (line.empty() && !vector.empty()) {
-      if (vector.Has("define")) {
-        defined[vector["define"]] = vector["value"];
-      }
+      if (vector.Has("define")) defined[vector["define"]] = vector["value"];
       vector["at"] = path.filename().string() + " above line " + std::to_string(number);
-      if (!vector.Has("define")) {
-        all->push_back(vector);
-      }
+      if (!vector.Has("define")) all->push_back(vector);
       vector.clear();
     }
   }
@@ -122,9 +116,7 @@ void Client::Import(const Vector& vector, Key* key) {
                                 wraps ? &wrapping_key : key, nullptr),
             0);
   ++requests;
-  if (!wraps) {
-    return;
-  }
+  if (!wraps) return;
   const Str wrapped = vector.Bytes("wrapped"), mask = vector.Bytes("mask");
   const keymaster_key_blob_t wrapper = {Raw(wrapped), wrapped.size()};
   const keymaster_key_blob_t masking_key = {Raw(mask), mask.size()};
@@ -148,18 +140,12 @@ void Client::Check(const Vector& vector, const std::vector<size_t>& pieces) {
   Import(vector, &key);
   for (const size_t piece : pieces) {
     Params params = ParamsOf(vector);
-    if (!nonce.empty()) {
-      params.emplace_back(KM_TAG_NONCE, nonce);
-    }
+    if (!nonce.empty()) params.emplace_back(KM_TAG_NONCE, nonce);
     const size_t lost = error != 0 ? 0 : gcm ? piece % 5 : hmac ? piece % (whole.size() - 7) : 0;
     const Str made = whole.substr(0, whole.size() - lost);
-    if (gcm) {
-      params.emplace_back(KM_TAG_MAC_LENGTH, 8 * (16 - lost));
-    }
+    if (gcm) params.emplace_back(KM_TAG_MAC_LENGTH, 8 * (16 - lost));
     const Params checking = params;
-    if (hmac) {
-      params.emplace_back(KM_TAG_MAC_LENGTH, 8 * made.size());
-    }
+    if (hmac) params.emplace_back(KM_TAG_MAC_LENGTH, 8 * made.size());
     // What is made at random is not what stands in the vector, but it must be as good.
     const auto back = [&](const Str& from, size_t size) {
       return ciphers ? Operate(KM_PURPOSE_DECRYPT, key, checking, from, size, aad)
@@ -173,9 +159,7 @@ void Client::Check(const Vector& vector, const std::vector<size_t>& pieces) {
       EXPECT_EQ(reversed ? back(outcome.second, piece) : outcome,
                 reversed ? good : Outcome(error, made));
     }
-    if (!vector.Has(ciphers ? "cipher" : "signature")) {
-      continue;
-    }
+    if (!vector.Has(ciphers ? "cipher" : "signature")) continue;
     EXPECT_EQ(back(made, piece), good);
     const bool tells = error == 0 && (gcm || !ciphers) && piece == pieces.front();
     for (size_t i = 0; tells && i < made.size(); i += 5) {

@@ -112,9 +112,7 @@ TEST_F(Serialise, GrowsBySixteen) {
     ASSERT_EQ(0, record.Add(bytes ? Param(kBytesTag + i, Ramp(1, i)) : Param(i << 8, 0)));
     EXPECT_EQ(i <= 16 ? 16u : i <= 32 ? 32u : i <= 48 ? 48u : 64u, record.capacity);
     entries = Cat({entries, bytes ? BytesEntry(kBytesTag + i, offset, i) : Entry(i << 8)});
-    if (bytes) {
-      data = Cat({data, Ramp(1, i)});
-    }
+    if (bytes) data = Cat({data, Ramp(1, i)});
     ASSERT_EQ(Cat({entries, data}), record.Content()) << i;
   }
 }

@@ -71,9 +71,7 @@ class Fenced {
     length_ = before + page;
     memory_ = mmap(nullptr, length_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     auto* fence = static_cast<uint8_t*>(memory_) + before;
-    if (memory_ == MAP_FAILED || mprotect(fence, page, PROT_NONE) != 0) {
-      abort();
-    }
+    if (memory_ == MAP_FAILED || mprotect(fence, page, PROT_NONE) != 0) abort();
     if (!bytes.empty()) {
       memcpy(fence - bytes.size(), bytes.data(), bytes.size());
       blob = {fence - bytes.size(), bytes.size()};

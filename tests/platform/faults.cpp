@@ -27,14 +27,10 @@ std::atomic<uintptr_t> g_library_begin{0}, g_library_end{0};
 Counter& CounterOf(Call call) { return g_counters[static_cast<size_t>(call)]; }
 
 int FindLibrary(dl_phdr_info* info, size_t, void*) {
-  if (strstr(info->dlpi_name, "libkeymaster41_ts.so") == nullptr) {
-    return 0;
-  }
+  if (strstr(info->dlpi_name, "libkeymaster41_ts.so") == nullptr) return 0;
   for (int i = 0; i < info->dlpi_phnum; ++i) {
     const ElfW(Phdr)& segment = info->dlpi_phdr[i];
-    if (segment.p_type != PT_LOAD || (segment.p_flags & PF_X) == 0) {
-      continue;
-    }
+    if (segment.p_type != PT_LOAD || (segment.p_flags & PF_X) == 0) continue;
     g_library_begin = info->dlpi_addr + segment.p_vaddr;
     g_library_end = info->dlpi_addr + segment.p_vaddr + segment.p_memsz;
   }
@@ -57,9 +53,7 @@ void* LibraryMalloc(size_t size) {
   }
   void* block = RealMalloc(size);
   // Fresh memory must not look cleared.
-  if (block != nullptr) {
-    memset(block, 0xA5, size);
-  }
+  if (block != nullptr) memset(block, 0xA5, size);
   return block;
 }
 
@@ -77,9 +71,7 @@ void ClearFaults() {
   for (size_t i = 0; i < static_cast<size_t>(Call::kEnd); ++i) {
     FailCall(static_cast<Call>(i), 0);
   }
-  if (g_library_end == 0) {
-    dl_iterate_phdr(FindLibrary, nullptr);
-  }
+  if (g_library_end == 0) dl_iterate_phdr(FindLibrary, nullptr);
   if (g_library_end == 0) {
     abort();  // without the range no allocation could ever be made to fail
   }
@@ -95,8 +87,6 @@ bool TakeFault(Call call) {
 }  // namespace test
 
 extern "C" void* malloc(size_t size) {
-  if (test::FromLibrary(__builtin_return_address(0))) {
-    return test::LibraryMalloc(size);
-  }
+  if (test::FromLibrary(__builtin_return_address(0))) return test::LibraryMalloc(size);
   return test::RealMalloc(size);
 }

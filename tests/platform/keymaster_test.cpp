@@ -16,9 +16,7 @@ std::string Hex(uint64_t value, int width = 0) {
 }
 
 std::string Level(int level) {
-  if (level == ANDROID_LOG_INFO) {
-    return "I ";
-  }
+  if (level == ANDROID_LOG_INFO) return "I ";
   return level == ANDROID_LOG_ERROR ? "E " : std::to_string(level) + " ";
 }
 
@@ -32,16 +30,12 @@ void KeymasterTest::SetUp() {
 
 void KeymasterTest::TearDown() {
   ClearFaults();
-  if (platform().live_contexts > 0) {
-    (void)Ts_Finishcontext();
-  }
+  if (platform().live_contexts > 0) (void)Ts_Finishcontext();
   EXPECT_EQ(0u, platform().live_contexts);
   EXPECT_EQ(std::vector<std::string>(), platform().problems);
   for (const Opened& opened : platform().opens) {
     EXPECT_EQ(opened.first, opened.open) << "a session was left open";
-    if (opened.first && opened.open) {
-      free(opened.block);
-    }
+    if (opened.first && opened.open) free(opened.block);
   }
   for (const Bracket& bracket : platform().brackets) {
     EXPECT_TRUE(bracket.ended && bracket.timeout == 32 && bracket.flags == 3 &&

@@ -51,13 +51,9 @@ inline Pkey ReadPkcs8(const Bytes& der) {
 // NewEcKey is null for a curve that libcrypto lacks.
 inline Pkey NewEcKey(int nid) {
   EC_KEY* ec = EC_KEY_new_by_curve_name(nid);
-  if (ec == nullptr) {
-    return nullptr;
-  }
+  if (ec == nullptr) return nullptr;
   Pkey key(EVP_PKEY_new());
-  if (EC_KEY_generate_key(ec) != 1 || EVP_PKEY_set1_EC_KEY(key.get(), ec) != 1) {
-    abort();
-  }
+  if (EC_KEY_generate_key(ec) != 1 || EVP_PKEY_set1_EC_KEY(key.get(), ec) != 1) abort();
   EC_KEY_free(ec);
   return key;
 }
@@ -65,9 +61,7 @@ inline Pkey NewEcKey(int nid) {
 // BigEndian is empty for a number that a key lacks, such as a public one's private part.
 inline Bytes BigEndian(const BIGNUM* number) {
   Bytes out(number == nullptr ? 0 : static_cast<size_t>(BN_num_bytes(number)));
-  if (!out.empty()) {
-    BN_bn2bin(number, out.data());
-  }
+  if (!out.empty()) BN_bn2bin(number, out.data());
   return out;
 }
 

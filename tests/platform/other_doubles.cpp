@@ -18,17 +18,13 @@ constexpr int kFirstBracketId = 40;
 
 Event* Live(void* event) {
   Event* live = static_cast<Event*>(event);
-  if (live->destroyed) {
-    platform().problems.push_back("event used after its end");
-  }
+  if (live->destroyed) platform().problems.push_back("event used after its end");
   return live;
 }
 
 int SetParam(Call call, void* event, const std::string& name, const std::string& value) {
   const auto lock = Note();
-  if (TakeFault(call)) {
-    return -1;
-  }
+  if (TakeFault(call)) return -1;
   Live(event)->params += name + "=" + value + " ";
   return 0;
 }
@@ -49,9 +45,7 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
     live_events += event.destroyed ? 0 : 1;
   }
   platform().log.push_back({priority, std::nullopt, format, text, live_events});
-  if (tag != nullptr) {
-    platform().log.back().tag = tag;
-  }
+  if (tag != nullptr) platform().log.back().tag = tag;
   return length;
 }
 
@@ -86,23 +80,17 @@ int zubrel_end(int id) {
 
 void* qavix_create_eventobj(unsigned id) {
   const auto lock = Note();
-  if (TakeFault(Call::kCreateEvent)) {
-    return nullptr;
-  }
+  if (TakeFault(Call::kCreateEvent)) return nullptr;
   platform().events.push_back({id, "", false, false, {}});
   return &platform().events.back();
 }
 
 int qavix_send_event(void* event) {
   const auto lock = Note();
-  if (TakeFault(Call::kSendEvent)) {
-    return -5;
-  }
+  if (TakeFault(Call::kSendEvent)) return -5;
   platform().journal.push_back("event");
   for (const auto& [at, text] : Live(event)->texts) {
-    if (text != at) {
-      platform().problems.push_back("text gone before the event was sent: " + text);
-    }
+    if (text != at) platform().problems.push_back("text gone before the event was sent: " + text);
   }
   Live(event)->sent = true;
   return 0;
@@ -119,9 +107,7 @@ int qavix_set_param_integer_v2(void* event, const char* name, long value) {
 
 int qavix_set_param_string_v2(void* event, const char* name, const char* value) {
   const int result = SetParam(Call::kSetString, event, name, value);
-  if (result == 0) {
-    Live(event)->texts.emplace_back(value, value);
-  }
+  if (result == 0) Live(event)->texts.emplace_back(value, value);
   return result;
 }
 
@@ -135,18 +121,14 @@ int qavix_set_param(void* event, unsigned short index, const void* value) {
 int memcpy_s(void* dest, size_t dest_max, const void* src, size_t count) {
   platform().CheckBound(dest, dest_max);
   const bool failing = TakeFault(Call::kMemcpyS);
-  if (failing || dest == nullptr || src == nullptr || count > dest_max) {
-    return 1;
-  }
+  if (failing || dest == nullptr || src == nullptr || count > dest_max) return 1;
   memcpy(dest, src, count);
   return 0;
 }
 
 int memset_s(void* dest, size_t dest_max, int value, size_t count) {
   platform().CheckBound(dest, dest_max);
-  if (TakeFault(Call::kMemsetS) || dest == nullptr || count > dest_max) {
-    return 1;
-  }
+  if (TakeFault(Call::kMemsetS) || dest == nullptr || count > dest_max) return 1;
   memset(dest, value, count);
   return 0;
 }

@@ -20,9 +20,7 @@ void Platform::Reset() {
 
 std::unique_lock<std::mutex> Note(const std::string& entry) {
   std::unique_lock<std::mutex> lock(platform().mutex);
-  if (!entry.empty()) {
-    platform().journal.push_back(entry);
-  }
+  if (!entry.empty()) platform().journal.push_back(entry);
   return lock;
 }
 
@@ -34,9 +32,7 @@ void Apply(const Reply& reply, TEEC_Operation* operation) {
     if (type == TEEC_MEMREF_TEMP_OUTPUT || type == TEEC_MEMREF_TEMP_INOUT) {
       const Bytes bytes = answer.bytes.value_or(Bytes());
       const size_t fits = std::min<size_t>(bytes.size(), ref.size);
-      if (fits > 0) {
-        memcpy(ref.buffer, bytes.data(), fits);
-      }
+      if (fits > 0) memcpy(ref.buffer, bytes.data(), fits);
       ref.size = answer.size.value_or(static_cast<uint32_t>(bytes.size()));
     }
     if (answer.value && (type == TEEC_VALUE_OUTPUT || type == TEEC_VALUE_INOUT)) {
@@ -54,9 +50,7 @@ constexpr uintptr_t kContextToken = 0xC0117;
 void* Token(uintptr_t value) { return reinterpret_cast<void*>(value); }
 
 void Expect(bool good, const char* problem) {
-  if (!good) {
-    platform().problems.push_back(problem);
-  }
+  if (!good) platform().problems.push_back(problem);
 }
 
 // ExpectClean looks for what no operation may carry: fields that its types do not name, the
@@ -75,19 +69,13 @@ SeenParam See(const TEEC_Operation& operation, unsigned index) {
   SeenParam seen;
   const TEEC_Parameter& param = operation.params[index];
   const uint32_t type = TEEC_PARAM_TYPE_GET(operation.paramTypes, index);
-  if (type >= TEEC_VALUE_INPUT && type <= TEEC_VALUE_INOUT) {
-    seen.value = param.value;
-  }
-  if (type < TEEC_MEMREF_TEMP_INPUT) {
-    return seen;
-  }
+  if (type >= TEEC_VALUE_INPUT && type <= TEEC_VALUE_INOUT) seen.value = param.value;
+  if (type < TEEC_MEMREF_TEMP_INPUT) return seen;
   seen.buffer = param.tmpref.buffer;
   seen.size = param.tmpref.size;
   platform().CheckBound(seen.buffer, seen.size);
   const uint8_t* bytes = static_cast<const uint8_t*>(seen.buffer);
-  if (type != TEEC_MEMREF_TEMP_OUTPUT && bytes != nullptr) {
-    seen.in.assign(bytes, bytes + seen.size);
-  }
+  if (type != TEEC_MEMREF_TEMP_OUTPUT && bytes != nullptr) seen.in.assign(bytes, bytes + seen.size);
   return seen;
 }
 
@@ -119,12 +107,8 @@ extern "C" {
 
 TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
   const auto lock = Note(name == nullptr ? "init" : "init of a named TEE");
-  if (TakeFault(Call::kInitContext)) {
-    return kInjectedTeeError;
-  }
-  if (platform().init_result != 0) {
-    return platform().init_result;
-  }
+  if (TakeFault(Call::kInitContext)) return kInjectedTeeError;
+  if (platform().init_result != 0) return platform().init_result;
   context->imp = Token(kContextToken);
   ++platform().live_contexts;
   return 0;
@@ -145,13 +129,9 @@ TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
   Platform& p = platform();
   Expect(context->imp == Token(kContextToken), "unknown context");
   Expect(operation->started == 1, "open operation not started");
-  if (return_origin != nullptr) {
-    *return_origin = TEEC_ORIGIN_TEE;
-  }
+  if (return_origin != nullptr) *return_origin = TEEC_ORIGIN_TEE;
   p.opens.push_back({*operation, *destination, connection_method, connection_data, session});
-  if (TakeFault(Call::kOpenSession)) {
-    return kInjectedTeeError;
-  }
+  if (TakeFault(Call::kOpenSession)) return kInjectedTeeError;
   p.opens.back().open = true;
   p.opens.back().first = p.first_session == 1;
   session->imp = Token(kSessionToken + p.opens.size() - 1);
@@ -162,9 +142,7 @@ TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
 void TEEC_CloseSession(TEEC_Session* session) {
   const auto lock = Note("close");
   const size_t index = SessionIndex(session);
-  if (index == platform().opens.size()) {
-    return;
-  }
+  if (index == platform().opens.size()) return;
   Expect(!platform().opens[index].first, "first session closed");
   platform().opens[index].open = false;
   session->imp = nullptr;
@@ -186,9 +164,7 @@ TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t command, TEEC_Ope
   const Reply reply = TakeFault(Call::kInvoke) ? Reply::Fail(kInjectedTeeError, TEEC_ORIGIN_COMMS)
                                                : NextReply(invocation);
   Apply(reply, operation);
-  if (return_origin != nullptr) {
-    *return_origin = reply.origin;
-  }
+  if (return_origin != nullptr) *return_origin = reply.origin;
   return reply.result;
 }
 

@@ -162,15 +162,9 @@ class Observer {
   // Tells of an array, of whose items `tell` tells, and releases it.
   template <typename Item, typename Tell>
   States Array(Item* items, size_t count, Tell tell) {
-    if (items == Garbage<Item>()) {
-      return count == kGarbageLength ? kUntouched : kBroken;
-    }
-    if (items == nullptr) {
-      return count == 0 ? kEmpty : kBroken;
-    }
-    if (!blocks_.holds(items, count * sizeof(Item))) {
-      return kBroken;
-    }
+    if (items == Garbage<Item>()) return count == kGarbageLength ? kUntouched : kBroken;
+    if (items == nullptr) return count == 0 ? kEmpty : kBroken;
+    if (!blocks_.holds(items, count * sizeof(Item))) return kBroken;
     States state = kWhole;
     for (size_t i = 0; i < count; ++i) {
       state = tell(items[i]) == kBroken ? kBroken : state;
@@ -216,15 +210,11 @@ class Observer {
   // All that stands in fixed places: each item is written as a whole or not at all.
   States Numbers(const Outputs& o) {
     const auto* own = o.token.parameters_verified;
-    if (own != &o.params) {
-      return kBroken;
-    }
+    if (own != &o.params) return kBroken;
     const Outputs garbage;
     States state = kUntouched;
     const auto look = [&](const void* at, const void* before, size_t size) {
-      if (memcmp(at, before, size) != 0) {
-        state = kWhole;
-      }
+      if (memcmp(at, before, size) != 0) state = kWhole;
       Append(at, size, &content);
     };
     look(&o.number, &garbage.number, sizeof(o.number));

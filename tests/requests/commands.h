@@ -45,9 +45,7 @@ constexpr Command kCommands[] = {
 // FindCommand is null for a number that is none's.
 inline const Command* FindCommand(uint32_t id) {
   for (const Command& command : kCommands) {
-    if (command.id == id) {
-      return &command;
-    }
+    if (command.id == id) return &command;
   }
   return nullptr;
 }

@@ -49,9 +49,7 @@ const std::vector<Contract>& Contracts() { return kContracts; }
 
 States Allowed(const std::string& method, Output output, States Contract::*failure) {
   for (const Contract& contract : kContracts) {
-    if (contract.output == output && contract.method == method) {
-      return contract.*failure;
-    }
+    if (contract.output == output && contract.method == method) return contract.*failure;
   }
   return kUntouched;
 }

@@ -235,9 +235,7 @@ const Row kRows[] = {
 template <typename T>
 const T& Find(const T* begin, const T* end, const std::string& name) {
   for (const T* row = begin; row != end; ++row) {
-    if (row->name == name) {
-      return *row;
-    }
+    if (row->name == name) return *row;
   }
   abort();
 }

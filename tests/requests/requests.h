@@ -129,9 +129,7 @@ struct Request {
   void (*set)(Args* args);         // null where nothing differs
   std::vector<uint32_t> commands;  // in their order, when all is well
   void Prepare(Args* args) const {
-    if (set != nullptr) {
-      set(args);
-    }
+    if (set != nullptr) set(args);
   }
 };
 const std::vector<Request>& Requests();

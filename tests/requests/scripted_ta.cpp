@@ -93,25 +93,17 @@ Written OutputsOf(uint32_t command, const TEEC_Operation& operation) {
 bool AcceptsFinish(const Bytes& params, const Bytes& input) {
   const Wrapper full;
   const auto description = static_cast<uint32_t>(full.Description().size());
-  if (!Holds(params, BytesEntry(KM_TAG_ASSOCIATED_DATA, 0, description))) {
-    return true;
-  }
+  if (!Holds(params, BytesEntry(KM_TAG_ASSOCIATED_DATA, 0, description))) return true;
   for (const Bytes& payload : {Cat({full.material, full.tag}), full.tag, Ramp(77, 1), Ramp(3, 1)}) {
-    if (input == FinishInput(payload, {})) {
-      return true;
-    }
+    if (input == FinishInput(payload, {})) return true;
   }
   return false;
 }
 
 bool Accepts(uint32_t command, const TEEC_Operation& operation) {
   const Bytes params = InputOf(operation, 0);
-  if (command == km41::kCmdImportKey) {
-    return AcceptsImport(params, InputOf(operation, 3));
-  }
-  if (command == km41::kCmdFinish) {
-    return AcceptsFinish(params, InputOf(operation, 1));
-  }
+  if (command == km41::kCmdImportKey) return AcceptsImport(params, InputOf(operation, 3));
+  if (command == km41::kCmdFinish) return AcceptsFinish(params, InputOf(operation, 1));
   return true;
 }
 
@@ -121,9 +113,7 @@ Answer AnswerTo(uint32_t command, const TEEC_Operation& operation) {
   Answer answer;
   answer.result = Accepts(command, operation) ? TEEC_SUCCESS : kUnexpectedInput;
   answer.outputs = OutputsOf(command, operation);
-  if (command == km41::kCmdBegin) {
-    answer.value = TEEC_Value{0x11223344, 0x55667788};
-  }
+  if (command == km41::kCmdBegin) answer.value = TEEC_Value{0x11223344, 0x55667788};
   return answer;
 }
 

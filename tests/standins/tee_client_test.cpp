@@ -24,9 +24,7 @@ std::function<TEEC_Result(TaParam* params)> g_ta;
 const TrustedApp kTestApp = {
     kApp,
     [](uint32_t, uint32_t, TaParam params[4], void** session) -> TEEC_Result {
-      if (params[1].a != 0) {
-        return kTaError;
-      }
+      if (params[1].a != 0) return kTaError;
       *session = new std::atomic<int>(0);
       return TEEC_SUCCESS;
     },
@@ -220,9 +218,7 @@ TEST_F(TeeClientTest, SessionsRunSideBySideAndEachOneInTurn) {
   constexpr std::chrono::microseconds kShort(20);
   std::atomic<int> inside{0};
   g_ta = [&](TaParam* params) {
-    if (params[0].a == 0) {
-      return std::this_thread::sleep_for(kShort), TEEC_SUCCESS;
-    }
+    if (params[0].a == 0) return std::this_thread::sleep_for(kShort), TEEC_SUCCESS;
     ++inside;
     // Sessions that kept each other out would never meet here.
     for (int wait = 0; inside < 4 && wait < 5000; ++wait) {

@@ -18,12 +18,8 @@ struct Row {
 using Rows = std::map<std::pair<int32_t, std::string>, Row>;
 
 int32_t ResultOf(const std::string& word) {
-  if (word == "TEE") {
-    return static_cast<int32_t>(kInjectedTeeError);
-  }
-  if (word == "TA") {
-    return static_cast<int32_t>(kTaError);
-  }
+  if (word == "TEE") return static_cast<int32_t>(kInjectedTeeError);
+  if (word == "TA") return static_cast<int32_t>(kTaError);
   return static_cast<int32_t>(std::stoll(word, nullptr, 0));
 }
 
@@ -36,9 +32,7 @@ std::map<std::string, Rows> ReadFile() {
   Rows* rows = nullptr;
   std::ifstream file(FAILURES);
   for (std::string line; std::getline(file, line);) {
-    if (line.empty() || line[0] == '#') {
-      continue;
-    }
+    if (line.empty() || line[0] == '#') continue;
     const size_t colon = line.find(" : ");
     const std::string head = line.substr(0, colon);
     const std::string messages = colon == std::string::npos ? "" : line.substr(colon + 3);
@@ -73,9 +67,7 @@ bool Find(const std::string& request, const Kinds& kinds, int32_t result,
           const std::string& messages) {
   Rows& rows = All().at(request);
   const auto found = rows.find({result, messages});
-  if (found == rows.end()) {
-    return false;
-  }
+  if (found == rows.end()) return false;
   bool documented = false;
   for (const std::string& kind : kinds) {
     if (found->second.kinds.count(kind) != 0) {
@@ -87,13 +79,9 @@ bool Find(const std::string& request, const Kinds& kinds, int32_t result,
 }
 
 bool IsDiagnostic(const std::string& message) {
-  if (message[0] == '-') {
-    return true;
-  }
+  if (message[0] == '-') return true;
   for (const auto& [key, row] : All().at(kDiagnostics)) {
-    if (key.second.find(message) != std::string::npos) {
-      return true;
-    }
+    if (key.second.find(message) != std::string::npos) return true;
   }
   return false;
 }
@@ -104,12 +92,8 @@ Lines LoggedFormats() {
   Lines out;
   for (const LogLine& line : platform().log) {
     std::string prefix = !line.tag ? "-" : *line.tag == "KeyMaster" ? "K" : "";
-    if (line.tag && *line.tag != "KeyMaster" && *line.tag != "KeyMaster_Ts") {
-      prefix = *line.tag;
-    }
-    if (line.level != ANDROID_LOG_ERROR) {
-      prefix += line.level == ANDROID_LOG_INFO ? "i" : "?";
-    }
+    if (line.tag && *line.tag != "KeyMaster" && *line.tag != "KeyMaster_Ts") prefix = *line.tag;
+    if (line.level != ANDROID_LOG_ERROR) prefix += line.level == ANDROID_LOG_INFO ? "i" : "?";
     out.push_back(prefix.empty() ? "" : prefix + "/");
     for (const char c : line.format) {
       out.back() += c == '\n' ? "\\n" : std::string(1, c);
@@ -123,16 +107,10 @@ std::string Documented(const std::string& request, const Kinds& kinds, int32_t r
   std::string said, diagnostics;
   for (const std::string& message : messages) {
     const bool diagnostic = IsDiagnostic(message);
-    if (!diagnostic || diagnostics.empty()) {
-      said = Join(said, diagnostic ? "*" : message);
-    }
-    if (diagnostic) {
-      diagnostics = Join(diagnostics, message);
-    }
+    if (!diagnostic || diagnostics.empty()) said = Join(said, diagnostic ? "*" : message);
+    if (diagnostic) diagnostics = Join(diagnostics, message);
   }
-  if (!diagnostics.empty() && !Find(kDiagnostics, kinds, 0, diagnostics)) {
-    return diagnostics;
-  }
+  if (!diagnostics.empty() && !Find(kDiagnostics, kinds, 0, diagnostics)) return diagnostics;
   return Find(request, kinds, result, said) ? "" : std::to_string(result) + " : " + said;
 }
 

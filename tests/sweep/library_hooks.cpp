@@ -82,15 +82,11 @@ Word CryptoHook(Word a, Word b, Word c, Word d, Word e, Word f) {
   }
   const auto real = reinterpret_cast<Word (*)(Word, Word, Word, Word, Word, Word)>(g_real[kIndex]);
   const Word result = real(a, b, c, d, e, f);
-  if (kIndex != kGenerateRsa || !g_watching) {
-    return result;
-  }
+  if (kIndex != kGenerateRsa || !g_watching) return result;
   const RSA* key = reinterpret_cast<const RSA*>(a);
   for (const BIGNUM* number : {RSA_get0_d(key), RSA_get0_p(key), RSA_get0_q(key),
                                RSA_get0_dmp1(key), RSA_get0_dmq1(key), RSA_get0_iqmp(key)}) {
-    if (number != nullptr) {
-      WatchFor("generated key", BigEndian(number));
-    }
+    if (number != nullptr) WatchFor("generated key", BigEndian(number));
   }
   return result;
 }
@@ -103,12 +99,8 @@ std::array<Word, kCryptoCount> CryptoHooks(std::index_sequence<kIndex...>) {
 void* MallocHook(size_t size) {
   const bool refused = TakeFault(Call::kMalloc) || size > kLargestAllocation;
   void* block = refused ? nullptr : malloc(size + kGuardSize);
-  if (refused) {
-    errno = ENOMEM;
-  }
-  if (block == nullptr) {
-    return nullptr;
-  }
+  if (refused) errno = ENOMEM;
+  if (block == nullptr) return nullptr;
   memset(block, 0xA5, size);  // fresh memory looks neither cleared nor like an old secret
   memcpy(static_cast<uint8_t*>(block) + size, g_guard.load()->data(), kGuardSize);
   const std::lock_guard<std::mutex> lock(g_mutex);
@@ -135,9 +127,7 @@ void FreeHook(void* block) {
 bool FitsBlock(const void* memory, size_t bound) {
   const std::lock_guard<std::mutex> lock(g_mutex);
   auto block = g_live.upper_bound(memory);
-  if (block == g_live.begin()) {
-    return true;
-  }
+  if (block == g_live.begin()) return true;
   --block;
   const auto offset = static_cast<size_t>(static_cast<const uint8_t*>(memory) -
                                           static_cast<const uint8_t*>(block->first));
@@ -147,20 +137,14 @@ bool FitsBlock(const void* memory, size_t bound) {
 void Redirect(Word* slot, Word hook) {
   const Word page_size = static_cast<Word>(sysconf(_SC_PAGESIZE));
   void* page = reinterpret_cast<void*>(reinterpret_cast<Word>(slot) / page_size * page_size);
-  if (mprotect(page, page_size, PROT_READ | PROT_WRITE) != 0) {
-    abort();
-  }
+  if (mprotect(page, page_size, PROT_READ | PROT_WRITE) != 0) abort();
   *slot = hook;
 }
 
 void RedirectNamed(const std::string& name, Word* slot) {
   static const auto hooks = CryptoHooks(std::make_index_sequence<kCryptoCount>());
-  if (name == "malloc") {
-    Redirect(slot, reinterpret_cast<Word>(&MallocHook));
-  }
-  if (name == "free") {
-    Redirect(slot, reinterpret_cast<Word>(&FreeHook));
-  }
+  if (name == "malloc") Redirect(slot, reinterpret_cast<Word>(&MallocHook));
+  if (name == "free") Redirect(slot, reinterpret_cast<Word>(&FreeHook));
   std::istringstream names(kCrypto);
   size_t i = 0;
   for (std::string each; names >> each; ++i) {
@@ -169,9 +153,7 @@ void RedirectNamed(const std::string& name, Word* slot) {
       Redirect(slot, hooks[i]);
     }
   }
-  if (i != kCryptoCount) {
-    abort();
-  }
+  if (i != kCryptoCount) abort();
   const auto is_in = [&name](const char* list) {
     std::istringstream all(list);
     return std::find(std::istream_iterator<std::string>(all), {}, name) !=

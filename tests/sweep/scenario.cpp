@@ -23,12 +23,8 @@ Reply Serve(const Invocation& invocation) {
   for (const auto& [param, bytes] : answer.outputs) {
     reply.Out(static_cast<int>(param), bytes);
   }
-  if (answer.value) {
-    reply.Value(3, answer.value->a, answer.value->b);
-  }
-  if (index == script.corrupted) {
-    script.corrupt(&reply);
-  }
+  if (answer.value) reply.Value(3, answer.value->a, answer.value->b);
+  if (index == script.corrupted) script.corrupt(&reply);
   return reply;
 }
 
@@ -53,9 +49,7 @@ Outcome Perform(const Request& request, const ArgumentCase* argument_case) {
   request.Prepare(&args);
   ParamSet params;
   if (argument_case != nullptr) {
-    if (argument_case->set != nullptr) {
-      argument_case->set(&args);
-    }
+    if (argument_case->set != nullptr) argument_case->set(&args);
     for (const Param& param : argument_case->params) {
       params.Add(param);
       args.params = params.get();
@@ -66,9 +60,7 @@ Outcome Perform(const Request& request, const ArgumentCase* argument_case) {
   // itself empties it when it makes an RSA key.
   thread_local int runs = 0;
   const bool keeps = !kBoringSsl || request.method->name != std::string("TivasKmGenerateKey");
-  if (runs++ % 2 != 0 && keeps) {
-    ERR_put_error(ERR_LIB_USER, 0, 7, "caller", 1);
-  }
+  if (runs++ % 2 != 0 && keeps) ERR_put_error(ERR_LIB_USER, 0, 7, "caller", 1);
   const unsigned long own_error = ERR_peek_last_error();
   const int32_t result = request.method->call(args);
   EXPECT_EQ(own_error, ERR_get_error());

@@ -117,9 +117,7 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
   Column ColumnOf(int32_t result) {
     const size_t needed = GetParam().commands.size();
     const auto& answers = ta().answers;
-    if (result == 0) {
-      return &Contract::success;
-    }
+    if (result == 0) return &Contract::success;
     if (result == static_cast<int32_t>(kTaError) ||
         result == static_cast<int32_t>(kInjectedTeeError)) {
       return &Contract::tee;
@@ -127,9 +125,7 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
     if (answers.size() < needed || (needed > 0 && answers[needed - 1].result != 0)) {
       return &Contract::preparing;
     }
-    if (ta().corrupted < 0) {
-      return &Contract::copying;
-    }
+    if (ta().corrupted < 0) return &Contract::copying;
     const bool first = corrupted_param_ == answers[needed - 1].written.begin()->first;
     return first ? &Contract::first_reply : &Contract::second_reply;
   }
@@ -142,9 +138,7 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
   }
 
   void ExpectOutcome(const Outcome& outcome, const Kinds& kinds) {
-    if (outcome.result != 0 || kinds.count("reply") == 0) {
-      ExpectDocumented(outcome.result, kinds);
-    }
+    if (outcome.result != 0 || kinds.count("reply") == 0) ExpectDocumented(outcome.result, kinds);
     const Column column = ColumnOf(outcome.result);
     const std::string method = GetParam().method->name;
     for (int i = 0; i < kOutputs; ++i) {
@@ -171,9 +165,7 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
       const bool and_later = i % 2 != 0;
       for (int nth = 1; FailCallOnce(call, nth, and_later, also); ++nth) {
         ++hits;
-        if (HasFailure()) {
-          return hits;
-        }
+        if (HasFailure()) return hits;
       }
     }
     return hits;
@@ -187,9 +179,7 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
     const bool hit = call.count() >= nth;
     kinds.insert(call.kind == "crypto" ? FailedCrypto() : call.kind);
     call.fail(0, false);
-    if (!hit) {
-      return false;
-    }
+    if (!hit) return false;
     ++Counts()[call.kind];
     ExpectOutcome(outcome, kinds);
     const int failing = std::exchange(ta().failing, -1);
@@ -254,17 +244,13 @@ class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request
 
 TEST_P(Sweep, JudgesItsArguments) {
   for (const ArgumentCase& each : ArgumentCases()) {
-    if (GetParam().name != std::string(each.request)) {
-      continue;
-    }
+    if (GetParam().name != std::string(each.request)) continue;
     SCOPED_TRACE(each.what);
     const Outcome outcome = Perform(GetParam(), &each);
     EXPECT_EQ(each.result, outcome.result);
     EXPECT_EQ(each.commands, platform().invocations.size());
     CheckRun();
-    if (each.result == 0) {
-      continue;
-    }
+    if (each.result == 0) continue;
     ExpectDocumented(outcome.result, {kArgument});
     for (int i = 0; i < kOutputs; ++i) {
       const bool emptied = std::count(each.emptied.begin(), each.emptied.end(), i) != 0;

@@ -26,9 +26,7 @@ TEST_F(KeymasterTest, ThreadsServeMixedRequests) {
       continue;  // it replaces the context
     }
     requests.push_back(&request);
-    if (name.compare(0, 6, "Import") == 0) {
-      imports.push_back(&request);
-    }
+    if (name.compare(0, 6, "Import") == 0) imports.push_back(&request);
     expected[&request] = Perform(request);
     wrong[&request] = 0;
   }
@@ -39,9 +37,7 @@ TEST_F(KeymasterTest, ThreadsServeMixedRequests) {
       for (size_t i = 0; i < kRequestsPerThread; ++i) {
         const auto& pool = i % 2 == 0 ? imports : requests;
         const Request* request = pool[(i / 2 + thread) % pool.size()];
-        if (!(Perform(*request) == expected.at(request))) {
-          ++wrong.at(request);
-        }
+        if (!(Perform(*request) == expected.at(request))) ++wrong.at(request);
       }
     });
   }

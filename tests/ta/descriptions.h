@@ -28,9 +28,7 @@ inline const Ps kRsaWrap = Key(KM_ALGORITHM_RSA, KM_PURPOSE_WRAP_KEY, kRsa);
 inline Ps With(const Ps& base, const P& change) {
   Ps out;
   for (const P& p : base) {
-    if (p.tag != change.tag) {
-      out.push_back(p);
-    }
+    if (p.tag != change.tag) out.push_back(p);
   }
   return out + change;
 }

@@ -66,9 +66,7 @@ TEST_F(TaTest, RsaTakesExponentsOfUpTo64Bits) {
     for (const uint32_t form : {1u, 2u}) {
       Str material = RsaMaterial(pkey.get(), form);
       const size_t e_at = 36 + numbers["n"].size();
-      if (exponent == 1) {
-        material.replace(e_at, 3, Be(1, 3));
-      }
+      if (exponent == 1) material.replace(e_at, 3, Be(1, 3));
       ASSERT_EQ(ta.Import(kRsa, material), exponent == 1 ? Km(KM_ERROR_INVALID_ARGUMENT) : 0u);
       if (exponent != 1) {
         ASSERT_EQ(ta.Operate(kSign, kBare, "data", 4), 0u);

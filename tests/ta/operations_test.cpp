@@ -249,9 +249,7 @@ TEST_F(TaTest, ServesThreadsAtOnceAndOneOfThemPerOperation) {
       own.handle = ta.handle;
       while (own.Update(Str(16, 'p')) == 0 && own.output.size() < 320) {
       }
-      if (own.Finish() == 0) {
-        ++finished;
-      }
+      if (own.Finish() == 0) ++finished;
       EXPECT_EQ(own.Generate(kEc), 0u);
       EXPECT_EQ(own.Operate(kSign, {kSha256}, "data", 4), 0u);
       EXPECT_EQ(own.Run(kCmdDeleteKey, In(own.blob)), 0u);

@@ -117,9 +117,7 @@ struct Ta {
     for (uint32_t i = 0; i < 4; ++i) {
       slots[i].a = params[i].a;
       slots[i].b = params[i].b;
-      if (result != 0) {
-        continue;
-      }
+      if (result != 0) continue;
       EXPECT_LE(params[i].size, memory[i].size());
       slots[i].out.assign(memory[i].begin(), memory[i].begin() + params[i].size);
     }
@@ -145,9 +143,7 @@ struct Ta {
     value.type = TEEC_VALUE_INOUT;
     value.a = purpose;
     const uint32_t result = Run(kCmdBegin, In(blob), In(Wire(params)), Out(4096), value);
-    if (result == 0) {
-      handle = slots[3].a | static_cast<uint64_t>(slots[3].b) << 32;
-    }
+    if (result == 0) handle = slots[3].a | static_cast<uint64_t>(slots[3].b) << 32;
     return result;
   }
 
@@ -171,9 +167,7 @@ struct Ta {
                    const Str& signature = {}, const Ps& params = {}) {
     output.clear();
     uint32_t result = Begin(purpose, begin_params);
-    if (result == 0 && !params.empty()) {
-      result = Update({}, params);
-    }
+    if (result == 0 && !params.empty()) result = Update({}, params);
     for (size_t at = 0; result == 0 && at < input.size(); at += piece) {
       result = Update(input.substr(at, piece));
     }
@@ -182,15 +176,11 @@ struct Ta {
 
  private:
   uint32_t Keep(uint32_t result) {
-    if (result == 0) {
-      blob = slots[2].out;
-    }
+    if (result == 0) blob = slots[2].out;
     return result;
   }
   uint32_t Add(uint32_t result) {
-    if (result == 0) {
-      output += slots[3].out;
-    }
+    if (result == 0) output += slots[3].out;
     return result;
   }
 };

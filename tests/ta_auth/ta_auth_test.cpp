@@ -109,9 +109,7 @@ TEST(Authorization, ChecksEveryByteAndParameterAndSignsTheReply) {
     const uint64_t before = ta::MillisSinceBoot();
     const uint32_t result = instance.Verify(Token(key, before - row.age), row.params);
     ASSERT_EQ(result, row.signed_as != nullptr ? 0u : Km(KM_ERROR_VERIFICATION_FAILED));
-    if (row.signed_as == nullptr) {
-      continue;
-    }
+    if (row.signed_as == nullptr) continue;
     const Str verified = instance.slots[2].out, token = instance.slots[3].out;
     EXPECT_EQ(verified.size(), 4 + (*row.signed_as != 0 ? 16 * row.params.size() : 0));
     const uint64_t time = UnLe(token, 8, 8);

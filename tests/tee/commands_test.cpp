@@ -158,9 +158,7 @@ const Lines kOpened = {"I KeyMaster: Disable the enhanced crypto!\n"};
 
 std::string Calls(const Row& row) {
   const std::string invoke = "invoke " + std::to_string(row.id);
-  if (row.id == 0 || row.id == kCmdDeleteKey) {
-    return row.id == 0 ? kOpen : kOpen + ", " + invoke;
-  }
+  if (row.id == 0 || row.id == kCmdDeleteKey) return row.id == 0 ? kOpen : kOpen + ", " + invoke;
   return kOpen + ", [" + row.name + ", " + invoke + ", " + row.name + "]";
 }
 
@@ -169,9 +167,7 @@ std::string Calls(const Row& row) {
 Lines Expected(const Row& row, Lines lines, bool success = false) {
   if (row.id == kCmdAttestKey) {
     lines.insert(lines.begin(), "I KeyMaster: TEE_AttestKey entered.\n");
-    if (success) {
-      lines.push_back("I KeyMaster: TEE_AttestKey success.\n");
-    }
+    if (success) lines.push_back("I KeyMaster: TEE_AttestKey success.\n");
   }
   return lines;
 }
@@ -212,9 +208,7 @@ void ExpectSent(const Row& row, const Args& args, const Invocation& seen) {
     } else if (no_length || reference.first == nullptr) {
       type = TEEC_NONE;
     }
-    if (arg == kOwn) {
-      type = FindCommand(row.id)->types[i];
-    }
+    if (arg == kOwn) type = FindCommand(row.id)->types[i];
     EXPECT_EQ(type, TEEC_PARAM_TYPE_GET(seen.param_types, i));
     if (type >= TEEC_MEMREF_TEMP_INPUT && arg != kOwn) {
       EXPECT_EQ(reference, Reference(param.buffer, param.size));
@@ -247,9 +241,7 @@ TEST_F(TaCommand, SendsItsParametersAndBringsBackItsLengths) {
       EXPECT_EQ(After(row.out, 64, reported), args.size);
       EXPECT_EQ(dropped ? 0 : After(row.out2, 48, reported), args.size2);
       EXPECT_EQ(row.id == kCmdBegin ? 0x0123456789ABCDEF : kCallersHandle, args.handle_value);
-      if (row.id != 0) {
-        ExpectSent(row, args, platform().invocations.at(0));
-      }
+      if (row.id != 0) ExpectSent(row, args, platform().invocations.at(0));
     });
   }
 }
@@ -266,9 +258,7 @@ TEST_F(TaCommand, AFailureIsReportedAndBringsNothingBack) {
     platform().On(kCmdGetErrorRecord,
                   [](const Invocation&) { return Reply::Ok().Out(0, ErrorRecord(7, 120, "gen")); });
     ForEachRow([&](const Row& row, Args& args) {
-      if (row.id == 0) {
-        return;
-      }
+      if (row.id == 0) return;
       Reply reply = Reply::Fail(0xFFFF0010, 4).Value(3, 1, 2);
       for (int i = 0; i < 4; ++i) {
         reply.Size(i, 9000);
@@ -290,9 +280,7 @@ TEST_F(TaCommand, AFailureIsReportedAndBringsNothingBack) {
                               "E KeyMaster: invoke km command failed, cmd = " + id +
                                   ", ret = 0xffff0010, retOrigin = 4"));
       for (Opened& opened : platform().opens) {
-        if (opened.first) {
-          free(opened.block);
-        }
+        if (opened.first) free(opened.block);
       }
     });
     platform().ClearRecords();
@@ -324,9 +312,7 @@ TEST_F(TaCommand, NeedsAContext) {
     ExpectRejection(row, args);
     // The check of lengths, and export's of its output, come after that of the context.
     args.size = 0;
-    if (row.id == kCmdExportKey) {
-      args.output = nullptr;
-    }
+    if (row.id == kCmdExportKey) args.output = nullptr;
     EXPECT_EQ(TEEC_ERROR_BAD_PARAMETERS, row.call(args));
     EXPECT_EQ(BadParameters(row), Log().back());
   });

@@ -34,13 +34,9 @@ TEEC_Result Meet(uint32_t expected) {
 
 TEEC_Result Echo(TaParam* from, TaParam* to) {
   const uint32_t room = to->size;
-  if (std::count(to->buffer, to->buffer + room, 0) != room) {
-    return TEEC_ERROR_SECURITY;
-  }
+  if (std::count(to->buffer, to->buffer + room, 0) != room) return TEEC_ERROR_SECURITY;
   std::memset(to->buffer, 0x33, room);
-  if (room < from->size) {
-    return TEEC_ERROR_GENERIC;
-  }
+  if (room < from->size) return TEEC_ERROR_GENERIC;
   std::memcpy(to->buffer, from->buffer, from->size);
   std::memset(from->buffer, 0x33, from->size);
   to->size = from->size;
@@ -48,28 +44,18 @@ TEEC_Result Echo(TaParam* from, TaParam* to) {
 }
 
 TEEC_Result Invoke(void*, uint32_t command, uint32_t, TaParam params[4]) {
-  if (command == kAbort) {
-    abort();
-  }
+  if (command == kAbort) abort();
   while (command == kHang) {
     pause();
   }
-  if (command == kMeet) {
-    return Meet(params[1].a);
-  }
-  if (command == kEcho) {
-    return Echo(&params[0], &params[1]);
-  }
+  if (command == kMeet) return Meet(params[1].a);
+  if (command == kEcho) return Echo(&params[0], &params[1]);
   if (command == kNoteClose) {
     g_notes_close = true;
     return TEEC_SUCCESS;
   }
-  if (command != kFill) {
-    return TEEC_ERROR_NOT_SUPPORTED;
-  }
-  if (params[0].size >= 5) {
-    std::memset(params[0].buffer, 0x22, 5);
-  }
+  if (command != kFill) return TEEC_ERROR_NOT_SUPPORTED;
+  if (params[0].size >= 5) std::memset(params[0].buffer, 0x22, 5);
   params[0].size = 5;
   return TEEC_SUCCESS;
 }

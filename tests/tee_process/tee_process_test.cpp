@@ -41,9 +41,7 @@ std::vector<pid_t> Children(pid_t parent = getpid()) {
     std::ifstream file("/proc/" + name + "/stat");
     Str pid, comm, state;
     pid_t of = 0;
-    if (file >> pid >> comm >> state >> of && of == parent) {
-      found.push_back(atoi(pid.c_str()));
-    }
+    if (file >> pid >> comm >> state >> of && of == parent) found.push_back(atoi(pid.c_str()));
   }
   return found;
 }
@@ -76,9 +74,7 @@ struct Client {
           slot.in + Str(slot.capacity > slot.in.size() ? slot.capacity - slot.in.size() : 0, '?');
       operation.paramTypes |= slot.type << (4 * i);
       operation.params[i].value = {slot.a, slot.b};
-      if (slot.type < 4) {
-        continue;
-      }
+      if (slot.type < 4) continue;
       operation.params[i].tmpref = {slot.out.data(), static_cast<uint32_t>(slot.out.size())};
     }
     const uint32_t result = TEEC_InvokeCommand(on, command, &operation, &origin);
@@ -86,9 +82,7 @@ struct Client {
       slots[i].capacity = operation.params[i].tmpref.size;
       slots[i].a = operation.params[i].value.a;
       slots[i].b = operation.params[i].value.b;
-      if (slots[i].type > 4 && result == 0) {
-        slots[i].out.resize(slots[i].capacity);
-      }
+      if (slots[i].type > 4 && result == 0) slots[i].out.resize(slots[i].capacity);
     }
     return result;
   }
@@ -177,14 +171,10 @@ TEST_F(TeeProcess, EveryDeathIsTargetDeadUntilTheNextSession) {
     TEEC_Session other = {}, fresh = {};
     ASSERT_EQ(client.Open(&other), 0u);
     const pid_t worker = Children().at(0);
-    if (row.signal_before != 0) {
-      kill(worker, row.signal_before);
-    }
+    if (row.signal_before != 0) kill(worker, row.signal_before);
     setenv("TEE_TIMEOUT_MS", row.limit, 1);
     auto call = std::async(std::launch::async, [&] { return client.Run(row.command); });
-    if (row.signal_during != 0) {
-      usleep(50000), kill(worker, row.signal_during);
-    }
+    if (row.signal_during != 0) usleep(50000), kill(worker, row.signal_during);
     EXPECT_EQ(call.get(), kDead);
     unsetenv("TEE_TIMEOUT_MS");
     EXPECT_EQ(client.origin, TEEC_ORIGIN_TEE);
@@ -315,9 +305,7 @@ TEST_F(TeeProcess, TraceNamesWhatItMayShow) {
     client.Run(kCmdImportKey, In(Wire(key)), In("secret"), Out(9), value);
     Str shown = testing::internal::GetCapturedStderr();
     const size_t time = shown.find(", ", shown.find(") result"));
-    if (time != Str::npos) {
-      shown.erase(time, shown.find(" us", time) + 3 - time);
-    }
+    if (time != Str::npos) shown.erase(time, shown.find(" us", time) + 3 - time);
     EXPECT_EQ(shown, row.shown);
   }
   // Every way of cutting a list short, or of pointing out of it, is said and not followed.
@@ -374,9 +362,7 @@ TEST_F(TeeProcess, TheWorkerEndsChannelsThatKeepNoRulesAndServesOn) {
                                  bool is_sealed) {
       FileDescriptor memory(memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING)), none;
       EXPECT_EQ(ftruncate(memory.get(), static_cast<off_t>(memory_size)), 0);
-      if (is_sealed) {
-        fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK);
-      }
+      if (is_sealed) fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK);
       EXPECT_TRUE(connection->channel.Send(&request, size, memory_size ? memory.get() : -1));
       WorkerReply reply = {};
       return connection->channel.Receive(&reply, sizeof(reply), &none, 10000);

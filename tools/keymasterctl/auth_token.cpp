@@ -75,9 +75,7 @@ Bytes JoinSharing(const Bytes& own, const std::vector<std::string>& others) {
     const std::optional<Bytes> bytes = ParseHex(text);
     RequireUsage(bytes && bytes->size() == 2 * kHalf,
                  "sharing parameters are 128 hexadecimal digits, as hmac-sharing prints them");
-    if (std::find(all.begin(), all.end(), *bytes) == all.end()) {
-      all.push_back(*bytes);
-    }
+    if (std::find(all.begin(), all.end(), *bytes) == all.end()) all.push_back(*bytes);
   }
   std::sort(all.begin(), all.end());
   Bytes joined;
@@ -108,9 +106,7 @@ uint64_t MillisecondsSinceBoot() {
 
 std::optional<hw_auth_token_t> ReadAuthToken(const Bytes& bytes) {
   hw_auth_token_t token = {};
-  if (bytes.size() != sizeof(token) || bytes[0] != 0) {
-    return std::nullopt;
-  }
+  if (bytes.size() != sizeof(token) || bytes[0] != 0) return std::nullopt;
   memcpy(&token, bytes.data(), sizeof(token));
   SwapFields(&token);
   return token;

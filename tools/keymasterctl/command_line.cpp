@@ -31,9 +31,7 @@ void ApplyToEnvironment(const Args& args) {
   // The library tells of its start and of successes at error level, so all or nothing is shown.
   const bool verbose = args.Has("verbose");
   setenv("ANDROID_LOG_TAGS", verbose ? "*:V" : "*:S", verbose ? 1 : 0);
-  if (args.Has("trace")) {
-    setenv("TEE_TRACE", args.Text("trace").c_str(), 1);
-  }
+  if (args.Has("trace")) setenv("TEE_TRACE", args.Text("trace").c_str(), 1);
   // A TA that crashes takes its own process with it, and not this one.
   setenv("TEE_HOST", "process", 0);
 }
@@ -108,9 +106,7 @@ void AddOption(CLI::App* command, const OptionRow& row, Args* args) {
     option->delimiter(several && value.find('=') == std::string::npos ? ',' : '\0');
   }
   option->required(IsRequired(row))->group(row.group);
-  if (!value.empty()) {
-    option->check(CLI::Validator(check, "", ""));
-  }
+  if (!value.empty()) option->check(CLI::Validator(check, "", ""));
 }
 
 // What goes with what, and what does not.
@@ -118,14 +114,10 @@ void AddRules(CLI::App* command) {
   const auto find = [command](const char* name) { return command->get_option_no_throw(name); };
   CLI::Option* const sid = find("--auth-sid");
   for (const char* name : {"--auth-type", "--auth-timeout"}) {
-    if (sid != nullptr && find(name) != nullptr) {
-      find(name)->needs(sid);
-    }
+    if (sid != nullptr && find(name) != nullptr) find(name)->needs(sid);
   }
   for (const char* name : {"--no-auth", "--auth-token"}) {
-    if (sid != nullptr && find(name) != nullptr) {
-      sid->excludes(find(name));
-    }
+    if (sid != nullptr && find(name) != nullptr) sid->excludes(find(name));
   }
 }
 
@@ -184,9 +176,7 @@ Failure WrongLine(const CLI::Error& error) {
   // The value of an unknown option is no word of its own.
   std::stable_partition(words.begin(), words.end(),
                         [](const std::string& word) { return word[0] == '-'; });
-  if (words.empty()) {
-    return UsageFailure(error.what(), help);
-  }
+  if (words.empty()) return UsageFailure(error.what(), help);
   std::vector<std::string> candidates = {"--help"};
   for (const std::string& place : {command, std::string("*")}) {
     for (const OptionRow& option : OptionsOf(place)) {

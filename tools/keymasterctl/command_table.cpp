@@ -215,9 +215,7 @@ std::vector<OptionRow> OptionsOf(const std::string& command) {
   std::vector<OptionRow> rows;
   for (const OptionRow& row : kRows) {
     const std::vector<std::string> commands = Split(row.commands, ' ');
-    if (std::find(commands.begin(), commands.end(), command) != commands.end()) {
-      rows.push_back(row);
-    }
+    if (std::find(commands.begin(), commands.end(), command) != commands.end()) rows.push_back(row);
   }
   return rows;
 }
@@ -236,9 +234,7 @@ bool IsPositional(const OptionRow& option) { return *option.names != '-'; }
 std::string ValueOf(const OptionRow& option) {
   std::string value = option.value + (IsRequired(option) ? 1 : 0);
   const keymaster_tag_type_t type = keymaster_tag_get_type(option.tag);
-  if (!value.empty() || option.tag == KM_TAG_INVALID || type == KM_BOOL) {
-    return value;
-  }
+  if (!value.empty() || option.tag == KM_TAG_INVALID || type == KM_BOOL) return value;
   const std::string words = ValueNames(option.tag);
   const std::string kind = IsBytes(option.tag) ? "BYTES" : type == KM_DATE ? "DATE" : "N";
   // A new key has several, a use of it has one.

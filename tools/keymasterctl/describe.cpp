@@ -8,28 +8,16 @@
 namespace {
 
 Json ValueJson(const keymaster_key_param_t& param) {
-  if (IsBytes(param.tag)) {
-    return ToHex(Copy(param.blob));
-  }
-  if (IsEnumerated(param.tag)) {
-    return ValueName(param.tag, param.enumerated);
-  }
-  if (keymaster_tag_get_type(param.tag) == KM_BOOL) {
-    return param.boolean;
-  }
+  if (IsBytes(param.tag)) return ToHex(Copy(param.blob));
+  if (IsEnumerated(param.tag)) return ValueName(param.tag, param.enumerated);
+  if (keymaster_tag_get_type(param.tag) == KM_BOOL) return param.boolean;
   return NumberOf(param);
 }
 
 std::string ValueText(const keymaster_key_param_t& param) {
-  if (IsBytes(param.tag)) {
-    return "0x" + ToHex(Copy(param.blob));
-  }
-  if (IsEnumerated(param.tag)) {
-    return ValueName(param.tag, param.enumerated);
-  }
-  if (keymaster_tag_get_type(param.tag) == KM_DATE) {
-    return DateText(param.date_time);
-  }
+  if (IsBytes(param.tag)) return "0x" + ToHex(Copy(param.blob));
+  if (IsEnumerated(param.tag)) return ValueName(param.tag, param.enumerated);
+  if (keymaster_tag_get_type(param.tag) == KM_DATE) return DateText(param.date_time);
   return keymaster_tag_get_type(param.tag) == KM_BOOL ? (param.boolean ? "yes" : "no")
                                                       : std::to_string(NumberOf(param));
 }

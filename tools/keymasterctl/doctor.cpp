@@ -142,9 +142,7 @@ std::vector<std::string> DamagedFiles() {
   for (const std::string name : kStateFiles) {
     const Scratch scratch(Scratch::Host::kThisProcess,
                           [&name](const std::string& other) { return other != name; });
-    if (!UseState().empty()) {
-      damaged.push_back(name);
-    }
+    if (!UseState().empty()) damaged.push_back(name);
   }
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(StateFolder(), error)) {
@@ -168,9 +166,7 @@ void CheckTa(std::vector<Finding>* findings) {
                             "mend what else is broken; --verbose shows the library's log"));
   std::vector<std::string> damaged =
       StateTrouble().empty() ? DamagedFiles() : std::vector<std::string>();
-  if (damaged.empty() && trouble.find("device_key") == 0) {
-    damaged.push_back("device_key");
-  }
+  if (damaged.empty() && trouble.find("device_key") == 0) damaged.push_back("device_key");
   for (const std::string& name : damaged) {
     findings->push_back({"state file", Grade::kBroken, StateFolder() + "/" + name + " is damaged",
                          "restore it from a copy; without one, keys made with it are lost: use a "
@@ -185,9 +181,7 @@ void PrintText(const std::vector<Finding>& findings) {
     word.resize(8, ' ');
     printf("%s%-22s  %s\n", Paint(stdout, kColors[static_cast<int>(finding.grade)], word).c_str(),
            finding.subject.c_str(), finding.found.c_str());
-    if (!finding.advice.empty()) {
-      printf("%*s-> %s\n", 8, "", finding.advice.c_str());
-    }
+    if (!finding.advice.empty()) printf("%*s-> %s\n", 8, "", finding.advice.c_str());
   }
 }
 
@@ -209,15 +203,11 @@ void RunDoctor(const Args&) {
                       {"found", finding.found},
                       {"advice", finding.advice}});
   }
-  if (!Style().json) {
-    PrintText(findings);
-  }
+  if (!Style().json) PrintText(findings);
   Report()
       .Say(healthy ? "all is well" : "something is broken")
       .Member("healthy", healthy)
       .Member("checks", checks)
       .Print();
-  if (!healthy) {
-    throw Failure("");
-  }
+  if (!healthy) throw Failure("");
 }

@@ -60,9 +60,7 @@ std::string HintFor(int32_t result, const std::string& key) {
   const std::string hints = kHints;
   const std::string name = "\n" + ResultName(result) + " ";
   const size_t at = hints.find(name);
-  if (at == std::string::npos) {
-    return "";
-  }
+  if (at == std::string::npos) return "";
   const size_t start = at + name.size();
   const std::string hint = hints.substr(start, hints.find('\n', start) - start);
   return Typed(ReplaceAll(hint, "--key FILE", "--key " + Quoted(key)));
@@ -83,9 +81,7 @@ void TellJson(const Failure& failure) {
   if (failure.result) {
     report.Member("result", *failure.result).Member("name", ResultName(*failure.result));
   }
-  if (!failure.hint.empty()) {
-    report.Member("hint", failure.hint);
-  }
+  if (!failure.hint.empty()) report.Member("hint", failure.hint);
   report.Print();
 }
 
@@ -100,15 +96,11 @@ Failure SystemFailure(const std::string& what, const std::string& path) {
 }
 
 void Require(bool holds, const std::string& text) {
-  if (!holds) {
-    throw Failure(text);
-  }
+  if (!holds) throw Failure(text);
 }
 
 void RequireUsage(bool holds, const std::string& text) {
-  if (!holds) {
-    throw UsageFailure(text);
-  }
+  if (!holds) throw UsageFailure(text);
 }
 
 Failure ResultFailure(const char* what, int32_t result, const std::string& key) {
@@ -122,9 +114,7 @@ Failure ResultFailure(const char* what, int32_t result, const std::string& key) 
 }
 
 void Check(const char* what, int32_t result, const std::string& key) {
-  if (result != 0) {
-    throw ResultFailure(what, result, key);
-  }
+  if (result != 0) throw ResultFailure(what, result, key);
 }
 
 std::string Typed(std::string text) {
@@ -141,15 +131,11 @@ std::string Quoted(const std::string& text) {
 }
 
 void Tell(const Failure& failure) {
-  if (*failure.what() == '\0') {
-    return;
-  }
+  if (*failure.what() == '\0') return;
   if (Style().json) {
     TellJson(failure);
     return;
   }
   fprintf(stderr, "%s %s\n", Paint(stderr, Color::kRed, "keymasterctl:").c_str(), failure.what());
-  if (!failure.hint.empty()) {
-    fprintf(stderr, "  %s\n", failure.hint.c_str());
-  }
+  if (!failure.hint.empty()) fprintf(stderr, "  %s\n", failure.hint.c_str());
 }

@@ -32,9 +32,7 @@ void RequireUnread(const struct stat& status, const std::string& path) {
 void WriteAll(int fd, const std::string& path, const uint8_t* data, size_t length) {
   while (length > 0) {
     const ssize_t written = write(fd, data, length);
-    if (written < 0 && errno != EINTR) {
-      throw SystemFailure("cannot write", path);
-    }
+    if (written < 0 && errno != EINTR) throw SystemFailure("cannot write", path);
     data += std::max<ssize_t>(written, 0);
     length -= static_cast<size_t>(std::max<ssize_t>(written, 0));
   }
@@ -65,9 +63,7 @@ Input::Input(const std::string& path) : path_(path), fd_(STDIN_FILENO) {
     fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   }
   struct stat status;
-  if (fd_ < 0 || fstat(fd_, &status) != 0) {
-    throw SystemFailure("cannot open", path);
-  }
+  if (fd_ < 0 || fstat(fd_, &status) != 0) throw SystemFailure("cannot open", path);
   if (S_ISREG(status.st_mode)) {
     size_ = static_cast<uint64_t>(status.st_size);
     ReadFiles().insert({status.st_dev, status.st_ino});
@@ -75,9 +71,7 @@ Input::Input(const std::string& path) : path_(path), fd_(STDIN_FILENO) {
 }
 
 Input::~Input() {
-  if (fd_ != STDIN_FILENO) {
-    close(fd_);
-  }
+  if (fd_ != STDIN_FILENO) close(fd_);
 }
 
 void Input::Read(size_t limit, Bytes* bytes) {
@@ -85,9 +79,7 @@ void Input::Read(size_t limit, Bytes* bytes) {
   size_t length = 0;
   while (length < limit && !ended_) {
     const ssize_t count = read(fd_, bytes->data() + length, limit - length);
-    if (count < 0 && errno != EINTR) {
-      throw SystemFailure("cannot read", path_);
-    }
+    if (count < 0 && errno != EINTR) throw SystemFailure("cannot read", path_);
     ended_ = count == 0;
     length += static_cast<size_t>(std::max<ssize_t>(count, 0));
   }
@@ -111,9 +103,7 @@ Output::Output(const std::string& path, Content content, Existing existing) : Ou
   path_ = path;
   // A link is written through, not replaced.
   char resolved[PATH_MAX];
-  if (realpath(path.c_str(), resolved) != nullptr) {
-    path_ = resolved;
-  }
+  if (realpath(path.c_str(), resolved) != nullptr) path_ = resolved;
   struct stat status;
   const bool exists = stat(path_.c_str(), &status) == 0;
   Require(!exists || !S_ISDIR(status.st_mode), path + " is a directory");
@@ -125,22 +115,16 @@ Output::Output(const std::string& path, Content content, Existing existing) : Ou
   if (exists && !replaces_) {
     throw Failure(path + " exists", "give --force to replace it, and what it holds is gone");
   }
-  if (exists && existing != Existing::kInPlace) {
-    RequireUnread(status, path);
-  }
+  if (exists && existing != Existing::kInPlace) RequireUnread(status, path);
   is_file_ = true;
   OpenTemporary(path);
-  if (exists && !secret_) {
-    KeepMode(status.st_mode & 0777);
-  }
+  if (exists && !secret_) KeepMode(status.st_mode & 0777);
 }
 
 void Output::OpenStream(const std::string& path, Content content) {
   fd_ = path == "-" ? STDOUT_FILENO : open(path_.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
   struct stat status;
-  if (fd_ < 0 || fstat(fd_, &status) != 0) {
-    throw SystemFailure("cannot open", path);
-  }
+  if (fd_ < 0 || fstat(fd_, &status) != 0) throw SystemFailure("cannot open", path);
   RequireUnread(status, path);
   RequireUsage(content == Content::kText || isatty(fd_) != 1,
                "the output is not text and not for a terminal: name a file, or use a pipe");
@@ -151,14 +135,10 @@ void Output::OpenTemporary(const std::string& path) {
   const mode_t mode = secret_ ? 0600 : 0666;
   const std::filesystem::path folder = std::filesystem::path(path_).parent_path();
   fd_ = open(folder.empty() ? "." : folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode);
-  if (fd_ >= 0) {
-    return;
-  }
+  if (fd_ >= 0) return;
   const std::string name = path_ + ".part" + std::to_string(getpid());
   fd_ = open(name.c_str(), O_CREAT | O_EXCL | O_NOFOLLOW | O_WRONLY | O_CLOEXEC, mode);
-  if (fd_ < 0) {
-    throw SystemFailure("cannot write", path);
-  }
+  if (fd_ < 0) throw SystemFailure("cannot write", path);
   temporary_ = name;
 }
 
@@ -183,19 +163,13 @@ void Output::Name() {
     named = rename(part.c_str(), path_.c_str()) == 0;
     temporary_ = named ? "" : part;
   }
-  if (!named) {
-    throw SystemFailure("cannot name", path_);
-  }
+  if (!named) throw SystemFailure("cannot name", path_);
 }
 
 Output::~Output() {
   OPENSSL_cleanse(held_.data(), held_.size());
-  if (fd_ != STDOUT_FILENO && fd_ >= 0) {
-    close(fd_);
-  }
-  if (!temporary_.empty()) {
-    unlink(temporary_.c_str());
-  }
+  if (fd_ != STDOUT_FILENO && fd_ >= 0) close(fd_);
+  if (!temporary_.empty()) unlink(temporary_.c_str());
 }
 
 void Output::Write(const uint8_t* data, size_t length) {
@@ -211,12 +185,8 @@ void Output::Write(const uint8_t* data, size_t length) {
 
 void Output::Commit() {
   WriteAll(fd_, path_, held_.data(), held_.size());
-  if (!is_file_) {
-    return;
-  }
-  if (secret_ && fsync(fd_) != 0) {
-    throw SystemFailure("cannot write", path_);
-  }
+  if (!is_file_) return;
+  if (secret_ && fsync(fd_) != 0) throw SystemFailure("cannot write", path_);
   Name();
 }
 

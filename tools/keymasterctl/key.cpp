@@ -68,9 +68,7 @@ void RequireFits(uint32_t algorithm, const ParamList& given) {
   Fits all;
   for (const AlgorithmRow& row : kAlgorithms) {
     all.merge(Parsed(row.fits));
-    if (row.algorithm == algorithm) {
-      own = Parsed(row.fits);
-    }
+    if (row.algorithm == algorithm) own = Parsed(row.fits);
   }
   for (const auto& [tag, ignored] : all) {
     for (uint32_t value : given.Values(tag)) {
@@ -100,15 +98,9 @@ bool Signs(const ParamList& params) {
 void AddRsaDefaults(ParamList* params) {
   const bool wraps = params->Contains(KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY);
   std::vector<std::string> paddings;
-  if (Signs(*params)) {
-    paddings = {"pkcs1-sign", "pss"};
-  }
-  if (Encrypts(*params) || wraps) {
-    paddings.emplace_back("oaep");
-  }
-  if (Encrypts(*params)) {
-    paddings.emplace_back("pkcs1-encrypt");
-  }
+  if (Signs(*params)) paddings = {"pkcs1-sign", "pss"};
+  if (Encrypts(*params) || wraps) paddings.emplace_back("oaep");
+  if (Encrypts(*params)) paddings.emplace_back("pkcs1-encrypt");
   params->Default(KM_TAG_PADDING, paddings);
   // A secure import without parameters of its own unwraps with SHA-1.
   params->Default(KM_TAG_DIGEST, Split(wraps ? "sha256,sha1" : "sha256", ','));
@@ -117,9 +109,7 @@ void AddRsaDefaults(ParamList* params) {
 // The curve follows from the size, or the size from the curve.
 void AddEcDefaults(ParamList* params) {
   const std::vector<uint32_t> sizes = params->Values(KM_TAG_KEY_SIZE);
-  if (!sizes.empty()) {
-    params->Default(KM_TAG_EC_CURVE, {"p" + std::to_string(sizes[0])});
-  }
+  if (!sizes.empty()) params->Default(KM_TAG_EC_CURVE, {"p" + std::to_string(sizes[0])});
   params->Default(KM_TAG_EC_CURVE, {"p256"});
   const uint32_t curve = params->Values(KM_TAG_EC_CURVE)[0];
   if (curve < std::size(kCurveSizes)) {
@@ -132,22 +122,14 @@ void AddCipherDefaults(ParamList* params) {
     return params->Contains(KM_TAG_BLOCK_MODE, mode);
   };
   std::vector<std::string> paddings;
-  if (has_mode(KM_MODE_GCM) || has_mode(KM_MODE_CTR)) {
-    paddings.emplace_back("none");
-  }
-  if (has_mode(KM_MODE_CBC) || has_mode(KM_MODE_ECB)) {
-    paddings.emplace_back("pkcs7");
-  }
+  if (has_mode(KM_MODE_GCM) || has_mode(KM_MODE_CTR)) paddings.emplace_back("none");
+  if (has_mode(KM_MODE_CBC) || has_mode(KM_MODE_ECB)) paddings.emplace_back("pkcs7");
   params->Default(KM_TAG_PADDING, paddings);
-  if (has_mode(KM_MODE_GCM)) {
-    params->Default(KM_TAG_MIN_MAC_LENGTH, {"128"});
-  }
+  if (has_mode(KM_MODE_GCM)) params->Default(KM_TAG_MIN_MAC_LENGTH, {"128"});
 }
 
 void AddDefaults(uint32_t algorithm, ParamList* params) {
-  if (algorithm == KM_ALGORITHM_EC) {
-    AddEcDefaults(params);
-  }
+  if (algorithm == KM_ALGORITHM_EC) AddEcDefaults(params);
   for (const AlgorithmRow& row : kAlgorithms) {
     for (const auto& [tag, texts] : row.algorithm == algorithm ? Parsed(row.defaults) : Fits()) {
       params->Default(tag, texts);
@@ -164,32 +146,22 @@ void AddDefaults(uint32_t algorithm, ParamList* params) {
 void ResolvePkcs1(ParamList* params) {
   for (uint32_t padding : params->Take(KM_TAG_PADDING)) {
     const bool both = padding == kPadPkcs1ByUse;
-    if (!both) {
-      params->Add(KM_TAG_PADDING, padding);
-    }
-    if (both && Signs(*params)) {
-      params->Add(KM_TAG_PADDING, KM_PAD_RSA_PKCS1_1_5_SIGN);
-    }
-    if (both && Encrypts(*params)) {
-      params->Add(KM_TAG_PADDING, KM_PAD_RSA_PKCS1_1_5_ENCRYPT);
-    }
+    if (!both) params->Add(KM_TAG_PADDING, padding);
+    if (both && Signs(*params)) params->Add(KM_TAG_PADDING, KM_PAD_RSA_PKCS1_1_5_SIGN);
+    if (both && Encrypts(*params)) params->Add(KM_TAG_PADDING, KM_PAD_RSA_PKCS1_1_5_ENCRYPT);
   }
 }
 
 // A key is for anybody unless a user is named, in whatever way.
 void AddAuthentication(const Args& args, ParamList* params) {
   const bool has_user = params->Contains(KM_TAG_USER_SECURE_ID);
-  if (has_user) {
-    params->Default(KM_TAG_USER_AUTH_TYPE, {"password-or-fingerprint"});
-  }
+  if (has_user) params->Default(KM_TAG_USER_AUTH_TYPE, {"password-or-fingerprint"});
   for (const std::string& text : args.Texts("param")) {
     const bool names_it = TagByName(Split(text, '=')[0]) == KM_TAG_NO_AUTH_REQUIRED;
     RequireUsage(has_user || !names_it || params->Contains(KM_TAG_NO_AUTH_REQUIRED),
                  "a key that is not for anybody needs --auth-sid");
   }
-  if (args.Has("no-auth") || !has_user) {
-    params->Default(KM_TAG_NO_AUTH_REQUIRED, {"yes"});
-  }
+  if (args.Has("no-auth") || !has_user) params->Default(KM_TAG_NO_AUTH_REQUIRED, {"yes"});
 }
 
 }  // namespace
@@ -212,9 +184,7 @@ void Key::AddBindingTo(ParamList* params) const {
 }
 
 void Key::Check(const char* what, int32_t result) const {
-  if (result == 0) {
-    return;
-  }
+  if (result == 0) return;
   Failure failure = ResultFailure(what, result, path_);
   if (result == KM_ERROR_INVALID_KEY_BLOB) {
     failure.diagnose = [blob = material_, binding = binding_] {
@@ -244,9 +214,7 @@ void FillNewKeyParams(const Args& args, const KeyFacts* facts, ParamList* params
   for (const std::string& text : args.Texts("param")) {
     params->AddNamed(text);
   }
-  if (facts != nullptr) {
-    params->Default(KM_TAG_KEY_SIZE, {std::to_string(facts->size)});
-  }
+  if (facts != nullptr) params->Default(KM_TAG_KEY_SIZE, {std::to_string(facts->size)});
   if (facts != nullptr && facts->exponent != 0) {
     params->Default(KM_TAG_RSA_PUBLIC_EXPONENT, {std::to_string(facts->exponent)});
   }
@@ -278,9 +246,7 @@ void NewKey::Write(Session* session) {
   output_.Write(Copy(blob_));
   output_.Commit();
   KeepWitness(session);
-  if (path_ == "-") {
-    return;
-  }
+  if (path_ == "-") return;
   Report report;
   report.Say("wrote " + path_ + " (" + std::to_string(blob_.key_material_size) + " bytes)")
       .Member("key", path_)

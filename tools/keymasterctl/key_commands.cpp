@@ -37,9 +37,7 @@ void Import(const Args& args, const KeyFacts& facts, keymaster_key_format_t form
 
 // The masking key's file holds its bytes, or hexadecimal digits in lines.
 Bytes ReadMask(const Args& args) {
-  if (!args.Has("mask")) {
-    return Bytes(32);
-  }
+  if (!args.Has("mask")) return Bytes(32);
   Bytes content = ReadFile(args.Text("mask"));
   std::string digits(content.begin(), content.end());
   digits.erase(std::remove_if(digits.begin(), digits.end(), isspace), digits.end());

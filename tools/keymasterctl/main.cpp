@@ -12,9 +12,7 @@ namespace {
 int Run(const std::function<void()>& action) {
   try {
     action();
-    if (fflush(stdout) != 0) {
-      throw SystemFailure("cannot write", "standard output");
-    }
+    if (fflush(stdout) != 0) throw SystemFailure("cannot write", "standard output");
     return kExitDone;
   } catch (Failure& failure) {
     // The hint stays as it is when the failure cannot be looked into.

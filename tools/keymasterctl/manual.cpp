@@ -16,9 +16,7 @@ std::string Escaped(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
   while (text.size() - start > kLineLimit) {
     const size_t space = text.rfind(' ', start + kLineLimit);
-    if (space == std::string::npos || space <= start) {
-      break;
-    }
+    if (space == std::string::npos || space <= start) break;
     text[space] = '\n';
     start = space + 1;
   }
@@ -41,9 +39,7 @@ std::string OptionItems(const std::string& command) {
     const std::string names = IsPositional(option) ? "" : Escaped(Joined(NamesOf(option), ", "));
     const std::string value = ValueOf(option);
     std::string tag = names;
-    if (!value.empty()) {
-      tag += (names.empty() ? "\\fI" : " \\fI") + Escaped(value) + "\\fR";
-    }
+    if (!value.empty()) tag += (names.empty() ? "\\fI" : " \\fI") + Escaped(value) + "\\fR";
     out += Item(tag, std::string(option.help) + (IsRequired(option) ? " (required)" : ""));
   }
   return out;
@@ -51,9 +47,7 @@ std::string OptionItems(const std::string& command) {
 
 std::string CommandSection(const CommandRow& command) {
   std::string out = ".SS " + Escaped(command.name) + "\n" + Escaped(command.summary) + ".\n";
-  if (command.note != nullptr) {
-    out += Escaped(command.note) + "\n";
-  }
+  if (command.note != nullptr) out += Escaped(command.note) + "\n";
   out += OptionItems(command.name) + ".PP\n.EX\n";
   for (const std::string& line : Split(command.examples, '\n')) {
     out += Escaped("keymasterctl " + line) + "\n";

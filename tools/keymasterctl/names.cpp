@@ -170,9 +170,7 @@ size_t Distance(const std::string& from, const std::string& to) {
 
 std::string TagName(keymaster_tag_t tag) {
   for (const Named& row : Tags()) {
-    if (row.value == static_cast<uint32_t>(tag)) {
-      return NameOf(row);
-    }
+    if (row.value == static_cast<uint32_t>(tag)) return NameOf(row);
   }
   return "tag-" + std::to_string(static_cast<uint32_t>(tag));
 }
@@ -181,9 +179,7 @@ keymaster_tag_t TagByName(const std::string& name) {
   std::vector<std::string> names;
   for (const Named& row : Tags()) {
     names.push_back(NameOf(row));
-    if (Plain(names.back()) == Plain(name)) {
-      return static_cast<keymaster_tag_t>(row.value);
-    }
+    if (Plain(names.back()) == Plain(name)) return static_cast<keymaster_tag_t>(row.value);
   }
   const std::string near = Nearest(name, names);
   throw UsageFailure("no parameter is named '" + name + "'",
@@ -207,18 +203,14 @@ bool IsBytes(keymaster_tag_t tag) {
 
 std::string ValueName(keymaster_tag_t tag, uint32_t value) {
   for (const Named& row : ValuesOfTag(tag)) {
-    if (row.value == value) {
-      return row.name;
-    }
+    if (row.value == value) return row.name;
   }
   return std::to_string(value);
 }
 
 std::optional<uint32_t> ValueByName(keymaster_tag_t tag, const std::string& name) {
   for (const Named& row : ValuesOfTag(tag)) {
-    if (Plain(row.name) == Plain(name)) {
-      return row.value;
-    }
+    if (Plain(row.name) == Plain(name)) return row.value;
   }
   return std::nullopt;
 }
@@ -226,9 +218,7 @@ std::optional<uint32_t> ValueByName(keymaster_tag_t tag, const std::string& name
 std::string ValueNames(keymaster_tag_t tag) {
   std::vector<std::string> names;
   for (const Named& row : ValuesOfTag(tag)) {
-    if (ValueName(tag, row.value) == row.name) {
-      names.emplace_back(row.name);
-    }
+    if (ValueName(tag, row.value) == row.name) names.emplace_back(row.name);
   }
   return Joined(names, "|");
 }
@@ -239,9 +229,7 @@ std::string ResultName(int32_t result) {
     return std::string("TEEC_ERROR_") + kTeeResults[code & 0xFFFF];
   }
   for (const Named& row : Results()) {
-    if (row.value == code) {
-      return row.name;
-    }
+    if (row.value == code) return row.name;
   }
   return code == 0xFFFF3024u ? "TEEC_ERROR_TARGET_DEAD" : "";
 }

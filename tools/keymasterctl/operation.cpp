@@ -21,9 +21,7 @@ bool Holds(const std::vector<uint64_t>& values, uint64_t value) {
 }
 
 void AddChosen(keymaster_tag_t tag, const std::optional<uint32_t>& value, ParamList* params) {
-  if (value) {
-    params->Add(tag, *value);
-  }
+  if (value) params->Add(tag, *value);
 }
 
 }  // namespace
@@ -36,9 +34,7 @@ Operation::Operation(const Args& args, keymaster_purpose_t purpose)
       input_(args.Text("in", "-")) {}
 
 Operation::~Operation() {
-  if (running_) {
-    (void)(*session_)->TivasKmAbort(handle_);
-  }
+  if (running_) (void)(*session_)->TivasKmAbort(handle_);
 }
 
 // What the key allows.
@@ -46,9 +42,7 @@ std::vector<uint64_t> Operation::Allowed(keymaster_tag_t tag) const {
   std::vector<uint64_t> all;
   for (const auto* set : {&characteristics_.hw_enforced, &characteristics_.sw_enforced}) {
     for (size_t i = 0; i < set->length; ++i) {
-      if (set->params[i].tag == tag) {
-        all.push_back(NumberOf(set->params[i]));
-      }
+      if (set->params[i].tag == tag) all.push_back(NumberOf(set->params[i]));
     }
   }
   return all;
@@ -117,9 +111,7 @@ void Operation::PlanCipher() {
   AddChosen(KM_TAG_PADDING, pads ? padding : padding.value_or(KM_PAD_NONE), &params_);
   const size_t block = algorithm_ == KM_ALGORITHM_AES ? 16 : 8;
   nonce_length_ = gcm ? 12 : mode_ == KM_MODE_ECB ? 0 : block;
-  if (gcm) {
-    params_.Add(KM_TAG_MAC_LENGTH, args_.Number("mac-length").value_or(128));
-  }
+  if (gcm) params_.Add(KM_TAG_MAC_LENGTH, args_.Number("mac-length").value_or(128));
 }
 
 void Operation::Plan() {
@@ -169,17 +161,13 @@ std::string Operation::UserHint(const Bytes& bytes) const {
 void Operation::Begin() {
   const Bytes token = Token(0);
   user_hint_ = UserHint(token);
-  if (!token.empty()) {
-    params_.Add(KM_TAG_AUTH_TOKEN, token);
-  }
+  if (!token.empty()) params_.Add(KM_TAG_AUTH_TOKEN, token);
   OwnedParamSet out;
   CheckRequest("begin",
                (*session_)->TivasKmBegin(purpose_, key_.blob(), params_.set(), &out, &handle_));
   running_ = true;
   for (size_t i = 0; i < out.length; ++i) {
-    if (out.params[i].tag == KM_TAG_NONCE) {
-      nonce_ = Copy(out.params[i].blob);
-    }
+    if (out.params[i].tag == KM_TAG_NONCE) nonce_ = Copy(out.params[i].blob);
   }
   ParamList associated;
   if (!token.empty()) {
@@ -223,9 +211,7 @@ void Operation::Finish(const Bytes& rest, const Bytes* signature, OwnedBlob* out
   } else {
     // A verification puts nothing out, and a finish of large input counts that as a failure.
     const bool large = rest.size() > kFinishLimit;
-    if (large) {
-      Update(rest, output);
-    }
+    if (large) Update(rest, output);
     const keymaster_blob_t given = View(*signature);
     CheckRequest("verification",
                  (*session_)->TivasKmFinish(handle_, token_.set(), large ? nullptr : &input, &given,
@@ -248,9 +234,7 @@ void Operation::Run(const Bytes* signature, Output* output) {
     } else {
       Update(piece, &result);
     }
-    if (output != nullptr) {
-      output->Write(result.data, result.data_length);
-    }
+    if (output != nullptr) output->Write(result.data, result.data_length);
     OPENSSL_cleanse(piece.data(), piece.size());
     progress.Add(piece.size());
   }

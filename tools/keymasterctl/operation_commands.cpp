@@ -25,9 +25,7 @@ void RunVerify(const Args& args) {
     operation.Begin();
     operation.Run(&signature, nullptr);
   } catch (const Failure& failure) {
-    if (!Style().json || failure.result != KM_ERROR_VERIFICATION_FAILED) {
-      throw;
-    }
+    if (!Style().json || failure.result != KM_ERROR_VERIFICATION_FAILED) throw;
     Report().Member("valid", false).Print();
     throw Failure("");
   }
@@ -38,13 +36,9 @@ void RunEncrypt(const Args& args) {
   Operation operation(args, KM_PURPOSE_ENCRYPT);
   ResultFile output(args, Output::Content::kBinary);
   operation.Plan();
-  if (args.Has("nonce")) {
-    operation.params().Add(KM_TAG_NONCE, ParseBytes(args.Text("nonce")));
-  }
+  if (args.Has("nonce")) operation.params().Add(KM_TAG_NONCE, ParseBytes(args.Text("nonce")));
   operation.Begin();
-  if (!args.Has("nonce")) {
-    output.Write(operation.nonce());
-  }
+  if (!args.Has("nonce")) output.Write(operation.nonce());
   operation.Run(nullptr, &output);
   output.CommitAs("ciphertext");
 }
@@ -60,13 +54,9 @@ void RunDecrypt(const Args& args) {
     Require(nonce.size() == length, "the input is too short: it begins with a nonce of " +
                                         std::to_string(length) + " bytes");
   }
-  if (!nonce.empty()) {
-    operation.params().Add(KM_TAG_NONCE, nonce);
-  }
+  if (!nonce.empty()) operation.params().Add(KM_TAG_NONCE, nonce);
   // Nothing that a tag has yet to confirm may be taken for the plaintext.
-  if (operation.mode() == KM_MODE_GCM) {
-    output.Hold();
-  }
+  if (operation.mode() == KM_MODE_GCM) output.Hold();
   operation.Begin();
   operation.Run(nullptr, &output);
   output.CommitAs("plaintext");

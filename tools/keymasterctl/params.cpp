@@ -22,13 +22,9 @@ uint64_t ParseDate(const std::string& text) {
   for (const char* format : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%d", "%s"}) {
     tm fields = {};
     const char* const end = strptime(text.c_str(), format, &fields);
-    if (end == nullptr || (*end != '\0' && strcmp(end, "Z") != 0)) {
-      continue;
-    }
+    if (end == nullptr || (*end != '\0' && strcmp(end, "Z") != 0)) continue;
     const time_t seconds = strcmp(format, "%s") == 0 ? mktime(&fields) : timegm(&fields);
-    if (seconds >= 0) {
-      return static_cast<uint64_t>(seconds) * 1000;
-    }
+    if (seconds >= 0) return static_cast<uint64_t>(seconds) * 1000;
   }
   throw UsageFailure("'" + text + "' is no date; write YYYY-MM-DD or YYYY-MM-DDThh:mm:ss (UTC)");
 }
@@ -141,18 +137,14 @@ bool ParamList::Contains(keymaster_tag_t tag, uint32_t value) const {
 std::vector<uint32_t> ParamList::Values(keymaster_tag_t tag) const {
   std::vector<uint32_t> values;
   for (const keymaster_key_param_t& param : params_) {
-    if (param.tag == tag) {
-      values.push_back(param.integer);
-    }
+    if (param.tag == tag) values.push_back(param.integer);
   }
   return values;
 }
 
 const keymaster_blob_t* ParamList::BytesOf(keymaster_tag_t tag) const {
   for (const keymaster_key_param_t& param : params_) {
-    if (param.tag == tag) {
-      return &param.blob;
-    }
+    if (param.tag == tag) return &param.blob;
   }
   return nullptr;
 }
@@ -180,9 +172,7 @@ std::optional<uint64_t> ParseNumber(const std::string& text) {
   const bool hex = text.compare(0, 2, "0x") == 0;
   const std::string digits = hex ? text.substr(2) : text;
   const char* const allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
-  if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos) {
-    return std::nullopt;
-  }
+  if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos) return std::nullopt;
   errno = 0;
   const uint64_t value = strtoull(digits.c_str(), nullptr, hex ? 16 : 10);
   return errno == 0 ? std::optional<uint64_t>(value) : std::nullopt;

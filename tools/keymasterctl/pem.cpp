@@ -74,9 +74,7 @@ PrivateKey ReadPrivateKey(const Bytes& bytes) {
           "only RSA and EC private keys can be imported");
   out.facts.algorithm = type == EVP_PKEY_RSA ? KM_ALGORITHM_RSA : KM_ALGORITHM_EC;
   out.facts.size = static_cast<uint64_t>(EVP_PKEY_bits(key.get()));
-  if (type == EVP_PKEY_RSA) {
-    out.facts.exponent = ExponentOf(key.get());
-  }
+  if (type == EVP_PKEY_RSA) out.facts.exponent = ExponentOf(key.get());
   out.pkcs8 = ToPkcs8(key.get());
   return out;
 }

@@ -25,9 +25,7 @@ std::string MiB(uint64_t bytes) { return std::to_string(bytes >> 20); }
 std::string Line(uint64_t done, uint64_t total, size_t width) {
   const std::string text =
       std::to_string(done * 100 / total) + "%  " + MiB(done) + " of " + MiB(total) + " MiB";
-  if (text.size() + 6 > width) {
-    return text.substr(0, width);
-  }
+  if (text.size() + 6 > width) return text.substr(0, width);
   const size_t bar = std::min(kWidestBar, width - text.size() - 3);
   const size_t filled = done * bar / total;
   return "[" + std::string(filled, '#') + std::string(bar - filled, '.') + "] " + text;
@@ -39,16 +37,12 @@ Progress::Progress(std::optional<uint64_t> total)
     : total_(total), terminal_(isatty(STDERR_FILENO) == 1), next_(Clock::now() + kDelay) {}
 
 Progress::~Progress() {
-  if (drawn_) {
-    fputs("\r\x1b[K", stderr);
-  }
+  if (drawn_) fputs("\r\x1b[K", stderr);
 }
 
 void Progress::Add(size_t bytes) {
   done_ += bytes;
-  if (!terminal_ || Clock::now() < next_) {
-    return;
-  }
+  if (!terminal_ || Clock::now() < next_) return;
   next_ = Clock::now() + kInterval;
   drawn_ = true;
   // The last column stays free: a line that fills it would wrap.

@@ -12,9 +12,7 @@
 namespace {
 
 bool UsesColor(FILE* stream) {
-  if (Style().color != "auto") {
-    return Style().color == "always";
-  }
+  if (Style().color != "auto") return Style().color == "always";
   const char* const unwanted = getenv("NO_COLOR");
   const char* const terminal = getenv("TERM");
   return (unwanted == nullptr || *unwanted == '\0') &&
@@ -26,9 +24,7 @@ std::string Dump(const Json& value, int indent) {
 }
 
 std::string TextOf(const Json& value) {
-  if (value.is_boolean()) {
-    return value.get<bool>() ? "yes" : "no";
-  }
+  if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
   return value.is_string() ? value.get<std::string>() : Dump(value, -1);
 }
 
@@ -93,9 +89,7 @@ ResultFile::ResultFile(const Args& args, Content content)
 
 void ResultFile::CommitAs(const std::string& label) {
   Commit();
-  if (Style().json) {
-    Report().Member(label, name_).Member("bytes", bytes()).Print();
-  }
+  if (Style().json) Report().Member(label, name_).Member("bytes", bytes()).Print();
 }
 
 void NeedFileForJson(const std::string& out) {

@@ -28,9 +28,7 @@ Session::Session(Start start) {
   }
   const int32_t result = context_.Initialize(keymaster::KmVersion::KEYMASTER_4_1);
   // The TEE context is up after a failed configuration, and no destructor will run.
-  if (result != 0) {
-    (void)context_.FinishTeeContext();
-  }
+  if (result != 0) (void)context_.FinishTeeContext();
   CheckConnected("connecting to the keymaster TA", result);
 }
 
@@ -45,9 +43,7 @@ void Session::Configure(uint32_t os_version, uint32_t patch_level) {
 
 void Release(keymaster_key_param_set_t* set) {
   for (size_t i = 0; i < set->length; ++i) {
-    if (IsBytes(set->params[i].tag)) {
-      free(const_cast<uint8_t*>(set->params[i].blob.data));
-    }
+    if (IsBytes(set->params[i].tag)) free(const_cast<uint8_t*>(set->params[i].blob.data));
   }
   free(set->params);
 }

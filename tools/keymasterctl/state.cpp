@@ -46,9 +46,7 @@ bool OpensWithout(const char* skipped, bool at_latest, const Bytes& blob,
     return name.compare(0, strlen(skipped), skipped) == 0;
   });
   Session session;
-  if (at_latest) {
-    ConfigureLatest(&session);
-  }
+  if (at_latest) ConfigureLatest(&session);
   return Opens(&session, blob, binding);
 }
 
@@ -72,9 +70,7 @@ std::string StateFolder() {
 
 std::string StateTrouble() {
   const std::string name = StateFolder();
-  if (name.empty()) {
-    return "no state folder is named";
-  }
+  if (name.empty()) return "no state folder is named";
   std::error_code error;
   fs::path folder = name;
   while (!folder.empty() && !fs::exists(folder, error)) {
@@ -82,9 +78,7 @@ std::string StateTrouble() {
   }
   folder = folder.empty() ? "." : folder;
   const std::string about = "the state folder " + name + " cannot be used: ";
-  if (!fs::is_directory(folder, error)) {
-    return about + folder.string() + " is no folder";
-  }
+  if (!fs::is_directory(folder, error)) return about + folder.string() + " is no folder";
   if (access(folder.c_str(), R_OK | W_OK | X_OK) != 0) {
     return about + (folder == name ? "" : folder.string() + ": ") + strerror(errno);
   }
@@ -122,15 +116,11 @@ Scratch::Scratch(Host host, const std::function<bool(const std::string&)>& skips
   const bool in_memory = access("/dev/shm", W_OK | X_OK) == 0;
   const fs::path parent = in_memory ? "/dev/shm" : fs::temp_directory_path();
   std::string name = parent / "keymasterctl-XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) {
-    throw SystemFailure("cannot make", name);
-  }
+  if (mkdtemp(name.data()) == nullptr) throw SystemFailure("cannot make", name);
   folder_ = name;
   const std::string from = StateFolder();
   environment_.Set("KEYMASTER_TA_STATE", folder_.c_str());
-  if (host == Host::kThisProcess) {
-    environment_.Set("TEE_HOST", nullptr);
-  }
+  if (host == Host::kThisProcess) environment_.Set("TEE_HOST", nullptr);
   std::error_code error;
   for (const fs::directory_entry& file : fs::directory_iterator(from, error)) {
     if (file.is_regular_file() && !skips(file.path().filename())) {
@@ -151,9 +141,7 @@ bool IsRecord(const std::string& name) {
 void KeepWitness(Session* session) {
   const std::string path = StateFolder() + "/" + kWitness;
   std::error_code error;
-  if (!fs::exists(StateFolder(), error) || fs::exists(path, error)) {
-    return;
-  }
+  if (!fs::exists(StateFolder(), error) || fs::exists(path, error)) return;
   const QuietEnvironment undisturbed;
   ParamList params;
   params.Add(KM_TAG_ALGORITHM, KM_ALGORITHM_AES);
