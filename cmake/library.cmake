@@ -31,7 +31,9 @@ target_include_directories(keymaster41_ts
 target_compile_options(keymaster41_ts PRIVATE
   -fno-exceptions -fno-rtti -fvisibility=hidden -fvisibility-inlines-hidden
   # Every allocation stays the malloc that a test or a device may put in its place.
-  -fno-builtin-malloc)
+  -fno-builtin-malloc
+  # All symbols are bound at load time, so that stubs for a later binding would be detours.
+  -fno-plt)
 set(KM_EXPORTS ${PROJECT_SOURCE_DIR}/cmake/libkeymaster41_ts.map)
 target_link_options(keymaster41_ts PRIVATE -Wl,--version-script=${KM_EXPORTS})
 set_target_properties(keymaster41_ts PROPERTIES
