@@ -14,13 +14,8 @@ namespace {
 void Fill(const CommandParam* params, uint32_t count, TEEC_Operation* operation) {
   operation->started = 1;
   for (uint32_t i = 0; i < count; ++i) {
-    const CommandParam& param = params[i];
-    operation->paramTypes |= param.type << (4 * i);
-    if (param.type == TEEC_VALUE_INPUT || param.type == TEEC_VALUE_INOUT) {
-      operation->params[i].value = {param.size_or_a, param.b};
-    } else {
-      operation->params[i].tmpref = {param.buffer, param.size_or_a};
-    }
+    operation->paramTypes |= params[i].type << (4 * i);
+    operation->params[i] = params[i].param;
   }
 }
 

@@ -13,23 +13,32 @@ namespace km41 {
 // CommandParam is one parameter of a command; made by default, NONE. A buffer stays its owner's.
 // Sizes are in bytes.
 struct CommandParam {
+  CommandParam() = default;
+  CommandParam(uint32_t t, TEEC_Value v) : type(t) { param.value = v; }
+  CommandParam(uint32_t t, TEEC_TempMemoryReference r) : type(t) { param.tmpref = r; }
+
   uint32_t type = TEEC_NONE;
-  uint32_t size_or_a = 0;
-  void* buffer = nullptr;
-  uint32_t b = 0;
+  TEEC_Parameter param = {};
 };
 
-inline CommandParam ValueInput(uint32_t a, uint32_t b) { return {TEEC_VALUE_INPUT, a, nullptr, b}; }
-inline CommandParam ValueInOut(uint32_t a, uint32_t b) { return {TEEC_VALUE_INOUT, a, nullptr, b}; }
-inline CommandParam Input(const uint8_t* buffer, uint32_t size) {
+inline CommandParam ValueInput(uint32_t a, uint32_t b) {
+  return {TEEC_VALUE_INPUT, TEEC_Value{a, b}};
+}
+inline CommandParam ValueInOut(uint32_t a, uint32_t b) {
+  return {TEEC_VALUE_INOUT, TEEC_Value{a, b}};
+}
+inline CommandParam Reference(uint32_t type, const uint8_t* buffer, uint32_t size) {
   // The client API has one reference type for all directions; an input is only read.
-  return {TEEC_MEMREF_TEMP_INPUT, size, const_cast<uint8_t*>(buffer), 0};
+  return {type, TEEC_TempMemoryReference{const_cast<uint8_t*>(buffer), size}};
+}
+inline CommandParam Input(const uint8_t* buffer, uint32_t size) {
+  return Reference(TEEC_MEMREF_TEMP_INPUT, buffer, size);
 }
 inline CommandParam Output(uint8_t* buffer, uint32_t size) {
-  return {TEEC_MEMREF_TEMP_OUTPUT, size, buffer, 0};
+  return Reference(TEEC_MEMREF_TEMP_OUTPUT, buffer, size);
 }
 inline CommandParam InOut(uint8_t* buffer, uint32_t size) {
-  return {TEEC_MEMREF_TEMP_INOUT, size, buffer, 0};
+  return Reference(TEEC_MEMREF_TEMP_INOUT, buffer, size);
 }
 // InputIfGiven is Input; NONE for a null buffer.
 inline CommandParam InputIfGiven(const uint8_t* buffer, uint32_t size) {
@@ -101,7 +110,7 @@ class CommandFrame {
   const AfterFailure after_failure_;
   KmSession session_;
   Step step_ = Step::kOpen;
-  TEEC_Operation operation_ = {};
+  TEEC_Operation operation_;  // cleared by Send
 };
 
 }  // namespace km41
