@@ -4,7 +4,10 @@
 #include <securec.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "keymaster_ts.h"
+#include "wire/little_endian.h"
 #include "wire/log.h"
 #include "wire/ta_protocol.h"
 
@@ -19,9 +22,8 @@ constexpr uint32_t kTeeLogArchiveEvent = 901002003;
 // The TA's error record: code, line and name length, 4 bytes each, then the function name.
 constexpr uint32_t kErrorRecordHeader = 12;
 
-constexpr uint32_t kFirstReportedCode = 0xF0100001;
 constexpr uint32_t kReportedCodes[] = {
-    0xF0100002, 0xF0100003, 0xF0100004,                                                  //
+    0xF0100001, 0xF0100002, 0xF0100003, 0xF0100004,                                      //
     0xFFFF0000, 0xFFFF0001, 0xFFFF0002, 0xFFFF0003, 0xFFFF0004, 0xFFFF0005, 0xFFFF0006,  //
     0xFFFF0007, 0xFFFF0008, 0xFFFF0009, 0xFFFF000A, 0xFFFF000B, 0xFFFF000C, 0xFFFF000D,  //
     0xFFFF000E, 0xFFFF000F, 0xFFFF0010, 0xFFFF0011,                                      //
@@ -59,27 +61,19 @@ class Event {
   void* const object_;
 };
 
-// A 32-bit little-endian field of the record; bytes beyond its end are 0, as in the zero-filled
-// buffer that the TA writes it into.
-uint32_t RecordField(const uint8_t* record, uint32_t length, uint32_t offset) {
-  uint32_t value = 0;
-  for (uint32_t i = 0; i < 4 && offset + i < length; ++i) {
-    value |= static_cast<uint32_t>(record[offset + i]) << (8 * i);
-  }
-  return value;
-}
-
 bool ReadErrorRecord(const uint8_t* record, uint32_t length, CaDfxInfo* event) {
   if (length > kErrorRecordCapacity) {
     EVENT_LOGE(" error_len is to long -- len = %u ", length);
     return false;
   }
-  event->errCode = static_cast<int32_t>(RecordField(record, length, 0));
-  event->errLine = RecordField(record, length, 4);
-  const uint32_t name_offset = length < kErrorRecordHeader ? length : kErrorRecordHeader;
-  uint32_t name_length = RecordField(record, length, 8);
-  if (name_length > sizeof(event->errFunc)) name_length = sizeof(event->errFunc);
-  if (name_length > length - name_offset) name_length = length - name_offset;
+  // A header that was cut off reads on as 0, as in the zero-filled buffer that the TA writes into.
+  uint8_t header[kErrorRecordHeader] = {};
+  const uint32_t name_offset = std::min(length, kErrorRecordHeader);
+  memcpy(header, record, name_offset);
+  event->errCode = static_cast<int32_t>(GetU32(header));
+  event->errLine = GetU32(header + 4);
+  uint32_t name_length = GetU32(header + 8);
+  name_length = std::min({name_length, uint32_t{sizeof(event->errFunc)}, length - name_offset});
   if (memcpy_s(event->errFunc, sizeof(event->errFunc), record + name_offset, name_length) != 0) {
     EVENT_LOGE("memcpy_s errFunc faild");
     return false;
@@ -144,7 +138,6 @@ bool SendArchiveEvent() {
 }  // namespace
 
 int CheckReportedErrCode(uint32_t code) {
-  if (code == kFirstReportedCode) return 1;
   for (uint32_t reported : kReportedCodes) {
     if (code == reported) return 1;
   }
@@ -176,7 +169,7 @@ int ReportDfxServer(const CaDfxInfo* info) {
 }
 
 void QavixKeyMaster(const uint32_t* call, const uint8_t* info, uint32_t info_len) {
-  CaDfxInfo event = {};
+  CaDfxInfo event;
   if (memset_s(&event, sizeof(event), 0, sizeof(event)) != 0) {
     EVENT_LOGI("QavixPvod memset_s CaDfxInfo failed !!!");
     return;
