@@ -51,17 +51,13 @@ constexpr bool ByteValueDefinesKey() {
 // So that all byte values of a set stand behind the second list.
 static_assert(!ByteValueDefinesKey(), "a key-definition tag has a byte value");
 
-KmParamEntry* AllocateSlots(uint32_t count) {
-  return static_cast<KmParamEntry*>(malloc(static_cast<size_t>(count) * sizeof(KmParamEntry)));
-}
-
 int32_t GrowSlots(KmParams* record) {
   if (record->len >= kMaxEntries) {
     KM_LOGE("km_params->len is invalid, please check!\n");
     return -ENOMEM;
   }
   const uint32_t capacity = record->len + kSlotStep;
-  std::unique_ptr<KmParamEntry, FreeDeleter> slots(AllocateSlots(capacity));
+  MallocPtr<KmParamEntry> slots = Allocate<KmParamEntry>(capacity);
   if (slots == nullptr) return -ENOMEM;
   const size_t used = static_cast<size_t>(record->len) * sizeof(KmParamEntry);
   if (used != 0 &&
@@ -163,10 +159,6 @@ bool WriteLists(const KmParams& first, const KmParams& second, uint8_t* buffer, 
   return writer.Write(first.data, first.data_len) && writer.Write(second.data, second.data_len);
 }
 
-bool ClearRecord(KmParams* record) {
-  return memset_s(record, sizeof(*record), 0, sizeof(*record)) == 0;
-}
-
 // The buffer's size, 0 when it does not fit 32 bits.
 uint32_t BufferSize(const KmParams& first, const KmParams& second) {
   const uint64_t total = uint64_t{2} * sizeof(uint32_t) + EntryBytes(first) + EntryBytes(second) +
@@ -210,10 +202,9 @@ bool WriteSet(const keymaster_key_param_set_t& set, const KmParams& first, const
   uint32_t offset = 0;
   const keymaster_key_param_t* const end = set.params + set.length;
   for (const keymaster_key_param_t* param = set.params; param != end; ++param) {
-    const bool is_first = IsKeyDefinitionTag(param->tag);
-    EncodeEntry(*param, offset, is_first ? first_at : second_at);
-    first_at += is_first ? kParamEntrySize : 0;
-    second_at += is_first ? 0 : kParamEntrySize;
+    uint8_t** const at = IsKeyDefinitionTag(param->tag) ? &first_at : &second_at;
+    EncodeEntry(*param, offset, *at);
+    *at += kParamEntrySize;
     if (IsByteValued(param->tag)) {
       if (!area.Write(param->blob.data, param->blob.data_length)) return false;
       offset += static_cast<uint32_t>(param->blob.data_length);
@@ -229,9 +220,9 @@ int32_t InitKmParams(KmParams* km_params) {
     KM_LOGE("km_params is null, please check!\n");
     return -ENOMEM;
   }
-  if (!ClearRecord(km_params)) return -ENOMEM;
+  if (memset_s(km_params, sizeof(*km_params), 0, sizeof(*km_params)) != 0) return -ENOMEM;
   km_params->capacity = kSlotStep;
-  km_params->params = AllocateSlots(kSlotStep);
+  km_params->params = Allocate<KmParamEntry>(kSlotStep).release();
   return km_params->params != nullptr ? 0 : -ENOMEM;
 }
 
@@ -271,9 +262,10 @@ int32_t BuildKmParams(const keymaster_key_param_set_t* params, uint8_t** out, ui
       (params->length != 0 && params->params == nullptr)) {
     return -EINVAL;
   }
-  KmParams first;
-  KmParams second;
-  if (!ClearRecord(&first) || !ClearRecord(&second) || !Measure(*params, &first, &second)) {
+  KmParams lists[2];
+  KmParams& first = lists[0];
+  KmParams& second = lists[1];
+  if (memset_s(lists, sizeof(lists), 0, sizeof(lists)) != 0 || !Measure(*params, &first, &second)) {
     return -ENOMEM;
   }
   const uint32_t total = BufferSize(first, second);

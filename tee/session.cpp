@@ -1,12 +1,12 @@
 #include "tee/session.h"
 
 #include <securec.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include "tee/tee_context.h"
 #include "tee/watchdog.h"
 #include "wire/log.h"
+#include "wire/malloc_buffer.h"
 #include "wire/ta_protocol.h"
 
 namespace km41 {
@@ -32,7 +32,7 @@ uint32_t OpenOnContext(TEEC_Session* session, TEEC_Operation* operation) {
 
 // Opens into a block that the caller owns. On success *first_session is the TA's flag.
 uint32_t OpenInto(TEEC_Session* session, uint32_t* first_session) {
-  TEEC_Operation operation = {};
+  TEEC_Operation operation;
   if (!ClearOperation(&operation)) return TEEC_ERROR_GENERIC;
   operation.started = 1;
   operation.paramTypes = TEEC_PARAM_TYPES(TEEC_VALUE_OUTPUT, TEEC_VALUE_INPUT,
@@ -46,21 +46,17 @@ uint32_t OpenInto(TEEC_Session* session, uint32_t* first_session) {
 
 }  // namespace
 
-// A record that was just zero-initialised is cleared all the same: the platform's memset_s judges
-// each one, and its failure is a result of the command.
+// By the platform's memset_s, whose failure is a result of the command.
 bool ClearOperation(TEEC_Operation* operation) {
   return memset_s(operation, sizeof(*operation), 0, sizeof(*operation)) == 0;
 }
 
 uint32_t KmSession::Open() {
-  auto* session = static_cast<TEEC_Session*>(malloc(sizeof(TEEC_Session)));
+  MallocPtr<TEEC_Session> session = Allocate<TEEC_Session>(1);
   if (session == nullptr) return TEEC_ERROR_OUT_OF_MEMORY;
-  const uint32_t result = OpenInto(session, &first_session_);
-  if (result != TEEC_SUCCESS) {
-    free(session);
-    return result;
-  }
-  session_ = session;
+  const uint32_t result = OpenInto(session.get(), &first_session_);
+  if (result != TEEC_SUCCESS) return result;
+  session_ = session.release();
   if (first_session_ == kFirstSession) TEE_LOGI("open first km session");
   return TEEC_SUCCESS;
 }

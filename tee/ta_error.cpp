@@ -1,13 +1,13 @@
 // The TA's record of its last error, fetched on the session of the command that failed.
 
 #include <securec.h>
-#include <stdlib.h>
 #include <tee_client_api.h>
 
 #include "keymaster_ts.h"
 #include "keymaster_ts_session.h"
 #include "tee/session.h"
 #include "wire/log.h"
+#include "wire/malloc_buffer.h"
 #include "wire/ta_protocol.h"
 
 using namespace km41;
@@ -20,7 +20,7 @@ void FetchAndReport(TEEC_Session* session, const uint32_t* call, uint8_t* record
     TEE_LOGE("taErrInfo memset_s failed!!!");
     return;
   }
-  TEEC_Operation operation = {};
+  TEEC_Operation operation;
   if (!ClearOperation(&operation)) {
     TEE_LOGE("ObtainTaErrorCode memset_s operation failed!!!");
     return;
@@ -54,11 +54,10 @@ void ObtainTaErrorCode(TEEC_Session* session, uint32_t cmd, uint32_t ret) {
     QavixKeyMaster(call, nullptr, 0);
     return;
   }
-  auto* record = static_cast<uint8_t*>(malloc(kErrorRecordCapacity));
+  const MallocBuffer record = AllocateBytes(kErrorRecordCapacity);
   if (record == nullptr) {
     TEE_LOGE("taErrInfo malloc failed!!!");
     return;
   }
-  FetchAndReport(session, call, record);
-  free(record);
+  FetchAndReport(session, call, record.get());
 }

@@ -1,10 +1,10 @@
 #include "tee/tee_context.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 
 #include "keymaster_ts.h"
 #include "wire/log.h"
+#include "wire/malloc_buffer.h"
 
 using namespace km41;
 
@@ -28,16 +28,16 @@ TEEC_Context* GlobalTeeContext() { return g_context; }
 
 uint32_t Ts_Initcontext() {
   if (g_context != nullptr) DropContext();
-  g_context = static_cast<TEEC_Context*>(malloc(sizeof(TEEC_Context)));
-  if (g_context == nullptr) {
+  MallocPtr<TEEC_Context> context = Allocate<TEEC_Context>(1);
+  if (context == nullptr) {
     TEE_LOGE("memory allocation failed!\n");
     return TEEC_ERROR_OUT_OF_MEMORY;
   }
-  const uint32_t result = TEEC_InitializeContext(nullptr, g_context);
-  if (result != TEEC_SUCCESS) {
+  const uint32_t result = TEEC_InitializeContext(nullptr, context.get());
+  if (result == TEEC_SUCCESS) {
+    g_context = context.release();
+  } else {
     TEE_LOGE("Initialize TEE context failed, ret=0x%x\n", result);
-    free(g_context);
-    g_context = nullptr;
   }
   return result;
 }

@@ -13,13 +13,19 @@ struct FreeDeleter {
   void operator()(void* memory) const { free(memory); }
 };
 
-// MallocBuffer owns bytes that come from malloc and may go to a caller who frees them.
-using MallocBuffer = std::unique_ptr<uint8_t, FreeDeleter>;
+// MallocPtr owns what comes from malloc and may go to a caller who frees it.
+template <typename T>
+using MallocPtr = std::unique_ptr<T, FreeDeleter>;
+using MallocBuffer = MallocPtr<uint8_t>;
 
-// AllocateBytes returns a buffer of that size, empty when memory runs out.
-[[nodiscard]] inline MallocBuffer AllocateBytes(size_t size) {
-  return MallocBuffer(static_cast<uint8_t*>(malloc(size)));
+// Allocate returns an uninitialised array of count records of a C type, null when memory runs out.
+template <typename T>
+[[nodiscard]] MallocPtr<T> Allocate(size_t count) {
+  return MallocPtr<T>(static_cast<T*>(malloc(count * sizeof(T))));
 }
+
+// AllocateBytes returns a buffer of that size, null when memory runs out.
+[[nodiscard]] inline MallocBuffer AllocateBytes(size_t size) { return Allocate<uint8_t>(size); }
 
 }  // namespace km41
 
