@@ -15,7 +15,6 @@ using namespace km41;
 
 namespace {
 
-constexpr uint32_t kCountSize = sizeof(uint32_t);
 // The largest list whose decoded array stays below 2^32 bytes.
 constexpr uint32_t kMaxListCount = 0x0AAAAAAA;
 
@@ -23,8 +22,7 @@ uint64_t EntriesSize(uint32_t count) { return static_cast<uint64_t>(count) * kPa
 
 // The decoded array of count entries, byte values still empty; null when memory runs out.
 keymaster_key_param_t* DecodeEntries(const uint8_t* entries, uint32_t count) {
-  auto* params =
-      static_cast<keymaster_key_param_t*>(malloc(size_t{count} * sizeof(keymaster_key_param_t)));
+  keymaster_key_param_t* const params = Allocate<keymaster_key_param_t>(count).release();
   if (params == nullptr) return nullptr;
   for (uint32_t i = 0; i < count; ++i) {
     DecodeEntry(entries + EntriesSize(i), &params[i]);
@@ -36,11 +34,8 @@ keymaster_key_param_t* DecodeEntries(const uint8_t* entries, uint32_t count) {
 int32_t ResolveBlob(const uint8_t* entry, const ReplyReader& area, keymaster_blob_t* blob) {
   const uint32_t length = EntryLength(entry);
   if (length == 0) return 0;
-  ReplyReader range = area;
   const uint8_t* bytes = nullptr;
-  if (!range.ReadBytes(EntryOffset(entry), &bytes) || !range.ReadBytes(length, &bytes)) {
-    return -EINVAL;
-  }
+  if (!area.BytesAt(EntryOffset(entry), length, &bytes)) return -EINVAL;
   MallocBuffer copy = AllocateBytes(length);
   if (copy == nullptr || memcpy_s(copy.get(), length, bytes, length) != 0) return -ENOMEM;
   blob->data = copy.release();
@@ -52,9 +47,6 @@ int32_t ResolveBlob(const uint8_t* entry, const ReplyReader& area, keymaster_blo
 // owner releases it.
 int32_t ResolveBlobs(const uint8_t* entries, const ReplyReader& area,
                      keymaster_key_param_set_t* set) {
-  if (entries == nullptr) {  // of an empty list
-    return 0;
-  }
   for (size_t i = 0; i < set->length; ++i) {
     keymaster_key_param_t* param = &set->params[i];
     if (!IsByteValued(param->tag)) continue;
@@ -143,7 +135,7 @@ int32_t DecodeParamSet(keymaster_key_param_set_t* set, uint32_t count, uint32_t 
 int32_t BuildKeyCharacter(const uint8_t* reply, uint32_t reply_len,
                           keymaster_key_characteristics_t* characteristics) {
   if (reply == nullptr || characteristics == nullptr) return -EINVAL;
-  if (reply_len < kCountSize) {
+  if (reply_len < sizeof(uint32_t)) {
     KM_LOGE("key_character_len too small, len=%u", reply_len);
     return -EINVAL;
   }

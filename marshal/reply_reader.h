@@ -14,10 +14,16 @@ class ReplyReader {
   ReplyReader() = default;
   ReplyReader(const uint8_t* data, uint32_t length) : data_(data), length_(length) {}
 
-  // ReadBytes reads count bytes, which stay the reply's. This is the only bounds check.
+  // BytesAt finds count bytes, which stay the reply's, at an offset from where the reader stands.
+  // This is the only bounds check.
+  [[nodiscard]] bool BytesAt(uint32_t offset, uint64_t count, const uint8_t** out) const {
+    if (offset > remaining() || count > remaining() - offset) return false;
+    *out = rest() + offset;
+    return true;
+  }
+  // ReadBytes reads count bytes, which stay the reply's.
   [[nodiscard]] bool ReadBytes(uint64_t count, const uint8_t** out) {
-    if (count > remaining()) return false;
-    *out = rest();
+    if (!BytesAt(0, count, out)) return false;
     position_ += static_cast<uint32_t>(count);
     return true;
   }
