@@ -28,12 +28,9 @@ void FreeAttestChain(keymaster_cert_chain_t* chain) {
 // Reads one certificate, whose bytes stay the reply's.
 int32_t ReadCertificate(ReplyReader* reader, keymaster_blob_t* certificate) {
   uint32_t length = 0;
-  if (!reader->ReadU32(&length)) {
-    KM_LOGE("1 invalid out chain size(%u-%u)", reader->position(), reader->length());
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
-  if (length == 0) return KM_ERROR_UNKNOWN_ERROR;
-  if (!reader->ReadBytes(length, &certificate->data)) {
+  const bool has_length = reader->ReadU32(&length);
+  if (has_length && length == 0) return KM_ERROR_UNKNOWN_ERROR;
+  if (!has_length || !reader->ReadBytes(length, &certificate->data)) {
     KM_LOGE("1 invalid out chain size(%u-%u)", reader->position(), reader->length());
     return KM_ERROR_UNKNOWN_ERROR;
   }
@@ -66,16 +63,13 @@ int32_t CopyCertificate(const keymaster_blob_t& certificate, keymaster_blob_t* e
 // Makes the chain's array of empty entries.
 int32_t AllocateEntries(uint32_t count, keymaster_cert_chain_t* chain) {
   const size_t size = size_t{count} * sizeof(keymaster_blob_t);
-  auto* entries = static_cast<keymaster_blob_t*>(malloc(size));
+  MallocPtr<keymaster_blob_t> entries = Allocate<keymaster_blob_t>(count);
   if (entries == nullptr) {
     KM_LOGE("%s : malloc chain entries failed", kLogFailure);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  if (memset_s(entries, size, 0, size) != 0) {
-    free(entries);
-    return KM_ERROR_UNKNOWN_ERROR;
-  }
-  chain->entries = entries;
+  if (memset_s(entries.get(), size, 0, size) != 0) return KM_ERROR_UNKNOWN_ERROR;
+  chain->entries = entries.release();
   chain->entry_count = count;
   return KM_ERROR_OK;
 }
@@ -146,10 +140,7 @@ int32_t KeymasterTivasContext::TivasKmAttestKey(const keymaster_key_blob_t* key,
   const uint32_t tee_result =
       TeeAttestKey(key->key_material, static_cast<uint32_t>(key->key_material_size), params.data(),
                    params.length(), reply.buffer(), reply.length_in_out());
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeAttestKey failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
-  }
+  if (tee_result != 0) return ReportFailure("%s : TeeAttestKey failed, ret=0x%x", tee_result);
   const int32_t result = ExtractAttestChain(reply, chain);
   if (result != KM_ERROR_OK) return result;
   KM_LOGI("KmAttestKey success");

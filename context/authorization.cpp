@@ -6,6 +6,7 @@
 #include "context/serialized_params.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
+#include "marshal/secret_blob.h"
 #include "wire/little_endian.h"
 #include "wire/log.h"
 
@@ -68,8 +69,7 @@ int32_t KeymasterTivasContext::TivasVerifyAuthorization(
       params.data(), params.length(), input.bytes(), &input_length, params_reply.buffer(),
       params_reply.length_in_out(), token_reply.buffer(), &token_length);
   if (tee_result != 0) {
-    KM_LOGE("%s : TeeVerifyAuthorization failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
+    return ReportFailure("%s : TeeVerifyAuthorization failed, ret=0x%x", tee_result);
   }
   // The transport stores a 32-bit size.
   *token_reply.length_in_out() = static_cast<uint32_t>(token_length);
@@ -84,10 +84,7 @@ int32_t KeymasterTivasContext::TivasVerifyAuthorization(
 
 int32_t KeymasterTivasContext::TivasKmEarlyBootEnded() {
   const uint32_t tee_result = TeeEarlyBootEnded();
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeEarlyBootEnded failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
-  }
+  if (tee_result != 0) return ReportFailure("%s : TeeEarlyBootEnded failed, ret=0x%x", tee_result);
   KM_LOGE("TivasKmEarlyBootEnded success");
   return KM_ERROR_OK;
 }
@@ -113,8 +110,7 @@ int32_t KeymasterTivasContext::TivasgetHmacSharingParameters(unsigned char* hmac
   const uint32_t tee_result =
       TeegetHmacSharingParameters(hmac_out1, hmac_out1_len, hmac_out2, hmac_out2_len);
   if (tee_result != 0) {
-    KM_LOGE("%s : TivasgetHmacSharingParameters failed, res=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
+    return ReportFailure("%s : TivasgetHmacSharingParameters failed, res=0x%x", tee_result);
   }
   return KM_ERROR_OK;
 }
@@ -135,8 +131,7 @@ int32_t KeymasterTivasContext::TivascomputeSharedHmac(unsigned char* sharing_par
   const uint32_t tee_result = TeecomputeSharedHmac(sharing_params, sharing_params_len,
                                                    reply.buffer(), reply.length_in_out());
   if (tee_result != 0) {
-    KM_LOGE("%s : TeecomputeSharedHmac failed, res=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
+    return ReportFailure("%s : TeecomputeSharedHmac failed, res=0x%x", tee_result);
   }
   return CopyOutputData(reply, sharing_check);
 }

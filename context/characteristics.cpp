@@ -24,8 +24,7 @@ int32_t KeymasterTivasContext::TivasKmGetKeyCharacteristics(
       params.data(), params.length(), key->key_material,
       static_cast<uint32_t>(key->key_material_size), reply.buffer(), reply.length_in_out());
   if (tee_result != 0) {
-    KM_LOGE("%s : TeeGetKeyCharacteristics failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
+    return ReportFailure("%s : TeeGetKeyCharacteristics failed, ret=0x%x", tee_result);
   }
   if (DecodeCharacteristics(reply, characteristics) != Decoded::kFilled) {
     // Emptied here too, where a reply of 3 bytes or fewer left them untouched.
@@ -51,10 +50,7 @@ int32_t KeymasterTivasContext::TivasKmUpgradeKey(const keymaster_key_blob_t* key
   const uint32_t tee_result = TeeUpgrade(
       key_to_upgrade->key_material, static_cast<uint32_t>(key_to_upgrade->key_material_size),
       params.data(), params.length(), reply.buffer(), reply.length_in_out());
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeUpgrade failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
-  }
+  if (tee_result != 0) return ReportFailure("%s : TeeUpgrade failed, ret=0x%x", tee_result);
   if (reply.reported_length() == 0) {
     KM_LOGI("KmUpgradeKey don't need upgradekey");
     return KM_ERROR_OK;
@@ -78,10 +74,7 @@ int32_t KeymasterTivasContext::TivasKmDeletekey(const keymaster_key_blob_t* key)
   }
   const uint32_t tee_result =
       TeeDeleteKey(key->key_material, static_cast<uint32_t>(key->key_material_size));
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeDeleteKey failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
-  }
+  if (tee_result != 0) return ReportFailure("%s : TeeDeleteKey failed, ret=0x%x", tee_result);
   KM_LOGI("km_delete success");
   return KM_ERROR_OK;
 }

@@ -185,10 +185,7 @@ int32_t KeymasterTivasContext::TivasKmExportKey(keymaster_key_format_t format,
   const uint32_t tee_result = TeeExportKey(params.data(), params.length(), key->key_material,
                                            static_cast<uint32_t>(key->key_material_size),
                                            reply.buffer(), reply.length_in_out());
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeExport failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
-  }
+  if (tee_result != 0) return ReportFailure("%s : TeeExport failed, ret=0x%x", tee_result);
   if (reply.reported_length() < kPublicKeyHeader) {
     KM_LOGE("%s : out_len is too samll(%u)", kLogFailure, reply.reported_length());
     return KM_ERROR_UNKNOWN_ERROR;

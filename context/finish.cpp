@@ -5,6 +5,7 @@
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
 #include "marshal/param_set.h"
+#include "marshal/secret_blob.h"
 #include "wire/log.h"
 
 using namespace km41;
@@ -77,10 +78,7 @@ int32_t KeymasterTivasContext::TivasKmFinish(unsigned long op_handle,
       TeeFinish(op_handle, params.data(), params.length(), final_input.bytes(),
                 static_cast<uint32_t>(final_input.size()), params_reply.buffer(),
                 params_reply.length_in_out(), data_reply.buffer(), data_reply.length_in_out());
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeFinish failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
-  }
+  if (tee_result != 0) return ReportFailure("%s : TeeFinish failed, ret=0x%x", tee_result);
   const int32_t result = CopyOutputs(params_reply, data_reply, out_params, output);
   if (result != KM_ERROR_OK) return result;
   KM_LOGI("KmFinish success");

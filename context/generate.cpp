@@ -128,10 +128,7 @@ int32_t GenerateInTa(const keymaster_key_param_set_t& params, keymaster_key_blob
   const uint32_t tee_result = TeeGenerateKey(
       serialized.data(), serialized.length(), blob_reply.buffer(), blob_reply.length_in_out(),
       character_reply.buffer(), character_reply.length_in_out());
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeGenerateKey failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
-  }
+  if (tee_result != 0) return ReportFailure("%s : TeeGenerateKey failed, ret=0x%x", tee_result);
   const int32_t result = CopyGeneratedKey(blob_reply, key_blob);
   if (result != KM_ERROR_OK) return result;
   if (characteristics != nullptr &&

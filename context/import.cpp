@@ -65,17 +65,12 @@ bool ParsePkcs8(const keymaster_blob_t& key_data, KeyMaterial* material) {
   }
 }
 
-// What is sent as the key to import: the caller's bytes, or the material they were encoded into.
-struct ImportedKey {
-  const uint8_t* data = nullptr;
-  uint32_t length = 0;
-};
-
+// Points key at what is sent: the caller's bytes, or the material they were encoded into.
 int32_t PrepareKey(keymaster_key_format_t format, const keymaster_blob_t& key_data,
-                   KeyMaterial* material, ImportedKey* key) {
+                   KeyMaterial* material, keymaster_blob_t* key) {
   switch (format) {
     case KM_KEY_FORMAT_RAW:
-      *key = {key_data.data, static_cast<uint32_t>(key_data.data_length)};
+      *key = key_data;
       return KM_ERROR_OK;
     case KM_KEY_FORMAT_PKCS8:
       if (!ParsePkcs8(key_data, material)) {
@@ -123,8 +118,8 @@ int32_t SendImport(const SerializedParams& params, const uint8_t* key_material, 
       TeeImportKey(params.data(), params.length(), key_material, length, replies->key_blob.buffer(),
                    replies->key_blob.length_in_out(), replies->characteristics.buffer(),
                    replies->characteristics.length_in_out(), static_cast<uint8_t>(source));
-  if (tee_result != 0) KM_LOGE("%s : TeeImportKey failed, ret=0x%x", kLogFailure, tee_result);
-  return static_cast<int32_t>(tee_result);
+  return tee_result == 0 ? KM_ERROR_OK
+                         : ReportFailure("%s : TeeImportKey failed, ret=0x%x", tee_result);
 }
 
 }  // namespace km41
@@ -152,12 +147,13 @@ int32_t KeymasterTivasContext::TivasKmImportKey(const keymaster_key_param_set_t*
     KM_LOGE("%s : alloc rsa/ec key failed", kLogFailure);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  ImportedKey key;
+  keymaster_blob_t key = {};
   int32_t result = PrepareKey(format, *key_data, &material, &key);
   if (result != KM_ERROR_OK) return result;
   ImportReplies replies;
   const ImportSource source = g_wrappedKeyImport ? ImportSource::kUnwrapped : ImportSource::kCaller;
-  result = SendImport(serialized, key.data, key.length, source, &replies);
+  result =
+      SendImport(serialized, key.data, static_cast<uint32_t>(key.data_length), source, &replies);
   if (result != KM_ERROR_OK) return result;
   result = CopyReplies(replies, key_blob, characteristics);
   if (result != KM_ERROR_OK) return result;

@@ -2,6 +2,7 @@
 
 #include <keymaster/keymaster_configuration.h>
 
+#include "context/reply.h"
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
 #include "wire/log.h"
@@ -87,10 +88,7 @@ int32_t KeymasterTivasContext::TivasKmConfigure(const keymaster_key_param_set_t*
   SystemVersion version;
   if (!FindSystemVersion(*params, &version)) return RejectConfiguration();
   const uint32_t result = TeeKmConfigure(version.os_version, version.os_patchlevel);
-  if (result != 0) {
-    KM_LOGE("%s : TeeKmConfigure failed, ret=0x%x", kLogFailure, result);
-    return static_cast<int32_t>(result);
-  }
+  if (result != 0) return ReportFailure("%s : TeeKmConfigure failed, ret=0x%x", result);
   KM_LOGE("KmConfigure success");
   return KM_ERROR_OK;
 }

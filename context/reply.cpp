@@ -1,6 +1,5 @@
 #include "context/reply.h"
 
-#include <openssl/crypto.h>
 #include <securec.h>
 
 #include <utility>
@@ -9,15 +8,19 @@
 
 namespace km41 {
 
-Reply::~Reply() {
-  if (bytes_ != nullptr && content_ == Content::kSecret) OPENSSL_cleanse(bytes_.get(), capacity_);
-}
-
 bool Reply::Read(ReplyReader* reader) const {
   if (length_ > capacity_) return false;
   *reader = ReplyReader(bytes_.get(), length_);
   return true;
 }
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+int32_t ReportFailure(const char* format, uint32_t result) {
+  KM_LOGE(format, kLogFailure, result);
+  return static_cast<int32_t>(result);
+}
+#pragma GCC diagnostic pop
 
 int32_t CopyRest(const ReplyReader& reader, MallocBuffer* copy) {
   const uint32_t length = reader.remaining();

@@ -2,6 +2,7 @@
 #ifndef CONTEXT_REPLY_H
 #define CONTEXT_REPLY_H
 
+#include <openssl/crypto.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -24,7 +25,9 @@ class Reply {
       : bytes_(AllocateBytes(capacity)), capacity_(capacity), content_(content), length_(capacity) {
     if (bytes_ != nullptr) memset(bytes_.get(), 0, capacity);
   }
-  ~Reply();
+  ~Reply() {
+    if (content_ == Content::kSecret && bytes_ != nullptr) OPENSSL_cleanse(bytes_.get(), capacity_);
+  }
   Reply(const Reply&) = delete;
   Reply& operator=(const Reply&) = delete;
 
@@ -46,6 +49,9 @@ class Reply {
   const Content content_;
   uint32_t length_;
 };
+
+// ReportFailure logs a failure, for which format takes kLogFailure and the result, and returns it.
+[[nodiscard, gnu::format(printf, 1, 0)]] int32_t ReportFailure(const char* format, uint32_t result);
 
 // ---- Copies of bytes
 

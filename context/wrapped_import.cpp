@@ -5,6 +5,8 @@
 #include <keymaster/authorization_set.h>
 #include <keymaster/wrapped_key.h>
 
+#include <iterator>
+
 #include "context/import.h"
 #include "context/reply.h"
 #include "keymaster_tivas_context.h"
@@ -43,18 +45,6 @@ keymaster_key_param_t Param(keymaster_tag_t tag, uint64_t value) {
   return param;
 }
 
-keymaster_key_param_t Param(keymaster_tag_t tag, const keymaster_blob_t& value) {
-  keymaster_key_param_t param = {};
-  param.tag = tag;
-  param.blob = value;
-  return param;
-}
-
-template <size_t N>
-keymaster_key_param_set_t SetOf(keymaster_key_param_t (&params)[N]) {
-  return {params, N};
-}
-
 // Copies length bytes into an empty holder. Its release is the platform's, so that its bytes come
 // from the platform's allocator too. A copy that fails leaves it empty.
 void CopyInto(const uint8_t* bytes, size_t length, KeyHolder* holder) {
@@ -68,9 +58,7 @@ int32_t CheckWrappingKey(KeymasterTivasContext* context, const keymaster_key_blo
   const int32_t result =
       context->TivasKmGetKeyCharacteristics(key, nullptr, nullptr, &characteristics);
   if (result != KM_ERROR_OK) {
-    KM_LOGE("%s : KmGetKeyCharacteristics failed, error %x", kLogFailure,
-            static_cast<uint32_t>(result));
-    return result;
+    return ReportFailure("%s : KmGetKeyCharacteristics failed, error %x", result);
   }
   const bool may_wrap =
       HasEnumParam(characteristics.hw_enforced, KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY) ||
@@ -137,7 +125,7 @@ int32_t ImportTransitKey(KeymasterTivasContext* context, const keymaster_blob_t*
       Param(KM_TAG_MIN_MAC_LENGTH, kGcmTagBits),
       Param(KM_TAG_KEY_SIZE, kTransitKeyBits),
   };
-  const keymaster_key_param_set_t set = SetOf(params);
+  const keymaster_key_param_set_t set = {params, std::size(params)};
   return context->TivasKmImportKey(&set, KM_KEY_FORMAT_RAW, transit_key, key_blob, nullptr);
 }
 
@@ -239,8 +227,7 @@ int32_t KeymasterTivasContext::TivasKmUnwrappedKey(const KeyHolder* wrapped_key,
                                      &content.encrypted_material, &content.tag, auth_list,
                                      key_format, &content.key_description);
   if (result != KM_ERROR_OK) {
-    KM_LOGE("%s : parse_wrapped_key failed, error %x", kLogFailure, static_cast<uint32_t>(result));
-    return result;
+    return ReportFailure("%s : parse_wrapped_key failed, error %x", result);
   }
   result = CheckWrappingKey(this, wrapping_key);
   if (result != KM_ERROR_OK) return result;
@@ -261,7 +248,7 @@ int32_t KeymasterTivasContext::DecryptTransitKeyMaterial(
       Param(KM_TAG_PADDING, KM_PAD_RSA_OAEP),  Param(KM_TAG_KEY_SIZE, 2048),
       Param(KM_TAG_RSA_PUBLIC_EXPONENT, 4096), Param(KM_TAG_PURPOSE, KM_PURPOSE_WRAP_KEY),
   };
-  keymaster_key_param_set_t default_set = SetOf(default_params);
+  keymaster_key_param_set_t default_set = {default_params, std::size(default_params)};
   const bool given = unwrapping_params->length != 0 && unwrapping_params->params != nullptr;
   const int32_t result =
       TransitKeyRsaDecrypt(wrapping_key, given ? unwrapping_params : &default_set,
@@ -280,17 +267,11 @@ int32_t KeymasterTivasContext::TransitKeyRsaDecrypt(keymaster_key_blob_t* wrappi
   unsigned long handle = 0;
   int32_t result =
       TivasKmBegin(KM_PURPOSE_DECRYPT, wrapping_key, unwrapping_params, nullptr, &handle);
-  if (result != KM_ERROR_OK) {
-    KM_LOGE("%s : KmBegin failed, error %x", kLogFailure, static_cast<uint32_t>(result));
-    return result;
-  }
+  if (result != KM_ERROR_OK) return ReportFailure("%s : KmBegin failed, error %x", result);
   const keymaster_blob_t input = {encrypted_transit_key->key_material,
                                   encrypted_transit_key->key_material_size};
   result = TivasKmFinish(handle, nullptr, &input, nullptr, nullptr, plain_transit_key);
-  if (result != KM_ERROR_OK) {
-    KM_LOGE("%s : KmFinish failed, error %x", kLogFailure, static_cast<uint32_t>(result));
-  }
-  return result;
+  return result == KM_ERROR_OK ? result : ReportFailure("%s : KmFinish failed, error %x", result);
 }
 
 int32_t KeymasterTivasContext::WrappedKeyAesGcmDecrypt(keymaster_blob_t* plain_transit_key,
@@ -304,32 +285,21 @@ int32_t KeymasterTivasContext::WrappedKeyAesGcmDecrypt(keymaster_blob_t* plain_t
   }
   LocalKeyBlob transit_key;
   int32_t result = ImportTransitKey(this, plain_transit_key, &transit_key.blob);
-  if (result != KM_ERROR_OK) {
-    KM_LOGE("%s : KmImportKey failed, error %x", kLogFailure, static_cast<uint32_t>(result));
-    return result;
-  }
+  if (result != KM_ERROR_OK) return ReportFailure("%s : KmImportKey failed, error %x", result);
   keymaster_key_param_t begin_params[] = {
-      Param(KM_TAG_PADDING, KM_PAD_NONE),
-      Param(KM_TAG_BLOCK_MODE, KM_MODE_GCM),
-      Param(KM_TAG_NONCE, *iv),
-      Param(KM_TAG_MAC_LENGTH, kGcmTagBits),
+      Param(KM_TAG_PADDING, KM_PAD_NONE),      Param(KM_TAG_BLOCK_MODE, KM_MODE_GCM),
+      BytesParam(KM_TAG_NONCE, *iv),           Param(KM_TAG_MAC_LENGTH, kGcmTagBits),
       Param(KM_TAG_KEY_SIZE, kTransitKeyBits),
   };
-  const keymaster_key_param_set_t begin_set = SetOf(begin_params);
+  const keymaster_key_param_set_t begin_set = {begin_params, std::size(begin_params)};
   unsigned long handle = 0;
   result = TivasKmBegin(KM_PURPOSE_DECRYPT, &transit_key.blob, &begin_set, nullptr, &handle);
-  if (result != KM_ERROR_OK) {
-    KM_LOGE("%s : KmBegin failed, error %x", kLogFailure, static_cast<uint32_t>(result));
-    return result;
-  }
-  keymaster_key_param_t finish_params[] = {Param(KM_TAG_ASSOCIATED_DATA, *key_description)};
-  const keymaster_key_param_set_t finish_set = SetOf(finish_params);
+  if (result != KM_ERROR_OK) return ReportFailure("%s : KmBegin failed, error %x", result);
+  keymaster_key_param_t associated_data = BytesParam(KM_TAG_ASSOCIATED_DATA, *key_description);
+  const keymaster_key_param_set_t finish_set = {&associated_data, 1};
   const keymaster_blob_t input = {payload->key_material, payload->key_material_size};
   result = TivasKmFinish(handle, &finish_set, &input, nullptr, nullptr, key_material);
-  if (result != KM_ERROR_OK) {
-    KM_LOGE("%s : KmFinish failed, error %x", kLogFailure, static_cast<uint32_t>(result));
-  }
-  return result;
+  return result == KM_ERROR_OK ? result : ReportFailure("%s : KmFinish failed, error %x", result);
 }
 
 }  // namespace keymaster

@@ -10,6 +10,14 @@ namespace km41 {
 // not null unless its length is 0.
 keymaster_key_param_t* FindParam(const keymaster_key_param_set_t& set, keymaster_tag_t tag);
 
+// BytesParam is a byte-valued parameter; the bytes stay their owner's.
+inline keymaster_key_param_t BytesParam(keymaster_tag_t tag, const keymaster_blob_t& value) {
+  keymaster_key_param_t param = {};
+  param.tag = tag;
+  param.blob = value;
+  return param;
+}
+
 // HasEnumParam returns whether any parameter has that tag and that value. A null array has none.
 bool HasEnumParam(const keymaster_key_param_set_t& set, keymaster_tag_t tag, uint32_t value);
 
