@@ -7,6 +7,7 @@
 #include "keymaster_tivas_context.h"
 #include "keymaster_ts.h"
 #include "marshal/param_set.h"
+#include "marshal/secret_blob.h"
 #include "wire/log.h"
 
 using namespace km41;
@@ -51,69 +52,37 @@ int32_t UpdateAssociatedData(uint64_t op_handle, const keymaster_key_param_set_t
   const uint32_t tee_result =
       TeeUpdate(op_handle, params.data(), params.length(), nullptr, nullptr, params_reply.buffer(),
                 params_reply.length_in_out(), data_reply.buffer(), data_reply.length_in_out());
-  if (tee_result != 0) KM_LOGE("%s : TeeUpdate failed, ret=0x%x", kLogFailure, tee_result);
-  return static_cast<int32_t>(tee_result);
+  return tee_result == 0 ? KM_ERROR_OK
+                         : ReportFailure("%s : TeeUpdate failed, ret=0x%x", tee_result);
 }
 
-// UpdateOutput is the one buffer that all chunks of an update write into, back to back. Every chunk
-// but the last is a whole number of blocks, and none produces more than it was offered, so that
-// the input's length rounded up holds them all. What the TA may have written is wiped unless it is
-// handed over.
-class UpdateOutput {
- public:
-  explicit UpdateOutput(uint32_t capacity) : bytes_(AllocateBytes(capacity)) {}
-  ~UpdateOutput() {
-    if (bytes_ != nullptr) OPENSSL_cleanse(bytes_.get(), touched_end_);
-  }
-  UpdateOutput(const UpdateOutput&) = delete;
-  UpdateOutput& operator=(const UpdateOutput&) = delete;
-
-  bool allocated() const { return bytes_ != nullptr; }
-  // Where the next chunk writes.
-  uint8_t* end() const { return bytes_.get() + produced_; }
-  // Says that the next chunk may write up to size bytes.
-  void Offer(uint32_t size) { touched_end_ = std::max(touched_end_, produced_ + size); }
-  // Counts what a chunk produced, of what it was offered.
-  void Append(uint32_t size) { produced_ += size; }
-  uint32_t produced() const { return produced_; }
-  // Hands over what was produced, and wipes what was written without being reported.
-  void HandOverTo(keymaster_blob_t* output) {
-    OPENSSL_cleanse(end(), touched_end_ - produced_);
-    *output = {bytes_.release(), produced_};
-  }
-
- private:
-  MallocBuffer bytes_;
-  uint32_t produced_ = 0;
-  uint32_t touched_end_ = 0;  // of all offers: what may hold output
-};
-
-// Sends the input in chunks. params_reply holds the last chunk's output parameters.
+// Sends the input in chunks, whose outputs stand in output back to back; it is truncated to them.
+// Every chunk but the last is a whole number of blocks, and none produces more than it was offered,
+// so that the input's length rounded up holds them all. params_reply holds the last chunk's output
+// parameters.
 int32_t SendChunks(uint64_t op_handle, const SerializedParams& params,
-                   const keymaster_blob_t& input, Reply* params_reply, UpdateOutput* output) {
+                   const keymaster_blob_t& input, Reply* params_reply, SecretBlob* output) {
   const auto length = static_cast<uint32_t>(input.data_length);
   uint32_t consumed = 0;
+  uint32_t produced = 0;
   do {
     const uint32_t chunk = std::min(length - consumed, kMaxChunk);
     const uint32_t offered = RoundedUp(chunk);
     uint32_t reported = offered;
     params_reply->Restart();
-    output->Offer(offered);
     const uint8_t* bytes = input.data != nullptr ? input.data + consumed : nullptr;
     const uint32_t tee_result =
         TeeUpdate(op_handle, params.data(), params.length(), bytes, &chunk, params_reply->buffer(),
-                  params_reply->length_in_out(), output->end(), &reported);
-    if (tee_result != 0) {
-      KM_LOGE("%s : TeeUpdate failed, ret=0x%x", kLogFailure, tee_result);
-      return static_cast<int32_t>(tee_result);
-    }
+                  params_reply->length_in_out(), output->bytes() + produced, &reported);
+    if (tee_result != 0) return ReportFailure("%s : TeeUpdate failed, ret=0x%x", tee_result);
     if (reported > offered) {
       KM_LOGE("%s : too large outDataLen:%u\n", kLogFailure, reported);
       return KM_ERROR_UNKNOWN_ERROR;
     }
-    output->Append(reported);
+    produced += reported;
     consumed += chunk;
   } while (consumed < length);
+  output->Truncate(produced);
   return KM_ERROR_OK;
 }
 
@@ -139,8 +108,10 @@ int32_t UpdateInput(uint64_t op_handle, const keymaster_key_param_set_t* in_para
   if (!params.BuildIfGiven(in_params)) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   Reply params_reply(kReplyCapacity);
   if (!params_reply.allocated()) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
-  UpdateOutput data(RoundedUp(static_cast<uint32_t>(input.data_length)));
-  if (!data.allocated()) return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  SecretBlob data;
+  if (!data.Allocate(RoundedUp(static_cast<uint32_t>(input.data_length)))) {
+    return KM_ERROR_MEMORY_ALLOCATION_FAILED;
+  }
   result = SendChunks(op_handle, params, input, &params_reply, &data);
   if (result != KM_ERROR_OK) return result;
   if (!DecodeOutParams(params_reply, out_params)) {
@@ -148,7 +119,7 @@ int32_t UpdateInput(uint64_t op_handle, const keymaster_key_param_set_t* in_para
     (void)TeeAbort(op_handle);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }
-  if (output != nullptr && data.produced() != 0) data.HandOverTo(output);
+  if (output != nullptr && data.size() != 0) data.HandOverTo(output);
   *input_consumed = input.data_length;
   KM_LOGI("KmUpdate success");
   return KM_ERROR_OK;
@@ -175,10 +146,7 @@ int32_t KeymasterTivasContext::TivasKmBegin(keymaster_purpose_t purpose,
   const uint32_t tee_result = TeeBegin(purpose, params.data(), params.length(), key->key_material,
                                        static_cast<uint32_t>(key->key_material_size),
                                        reply.buffer(), reply.length_in_out(), &handle);
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeBegin failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
-  }
+  if (tee_result != 0) return ReportFailure("%s : TeeBegin failed, ret=0x%x", tee_result);
   if (out_params == nullptr) KM_LOGI("out_params is NULL");
   KM_LOGI("out_params_buffer_len = %u", reply.reported_length());
   if (!DecodeOutParams(reply, out_params)) {
@@ -206,10 +174,7 @@ int32_t KeymasterTivasContext::TivasKmUpdate(unsigned long op_handle,
 int32_t KeymasterTivasContext::TivasKmAbort(unsigned long op_handle) {
   KM_LOGI("KmAbort start");
   const uint32_t tee_result = TeeAbort(op_handle);
-  if (tee_result != 0) {
-    KM_LOGE("%s : TeeAbort failed, ret=0x%x", kLogFailure, tee_result);
-    return static_cast<int32_t>(tee_result);
-  }
+  if (tee_result != 0) return ReportFailure("%s : TeeAbort failed, ret=0x%x", tee_result);
   KM_LOGI("KmAbort success");
   return KM_ERROR_OK;
 }

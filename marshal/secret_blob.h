@@ -34,6 +34,11 @@ class SecretBlob {
   [[nodiscard]] bool Join(const keymaster_blob_t& first, const keymaster_blob_t& second) {
     return Copy(first, 0) && Copy(second, first.data_length);
   }
+  // Truncate leaves the first size bytes, and wipes the others.
+  void Truncate(size_t size) {
+    OPENSSL_cleanse(bytes() + size, this->size() - size);
+    blob_.data_length = size;
+  }
   // blob is for a function that stores a malloc buffer here, or takes its input without const.
   keymaster_blob_t* blob() { return &blob_; }
   // HandOver leaves the bytes to the caller, who frees them.
