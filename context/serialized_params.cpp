@@ -1,6 +1,7 @@
 #include "context/serialized_params.h"
 
 #include "keymaster_ts.h"
+#include "marshal/param_set.h"
 
 namespace km41 {
 
@@ -12,9 +13,7 @@ struct KmParamsOwner {
 };
 
 bool AddBytes(KmParams* record, keymaster_tag_t tag, const keymaster_blob_t& value) {
-  keymaster_key_param_t param = {};
-  param.tag = tag;
-  param.blob = value;
+  const keymaster_key_param_t param = BytesParam(tag, value);
   return AddKmParams(record, &param) == 0;
 }
 
@@ -32,9 +31,8 @@ bool SerializedParams::BuildClient(const keymaster_blob_t* client_id,
   }
   if (client_id == nullptr && app_data == nullptr) return true;
   uint8_t* bytes = nullptr;
-  uint32_t length = 0;
-  const bool built = SerializeKmParams(nullptr, &owner.record, &bytes, &length) == 0;
-  *bytes_.blob() = {bytes, length};
+  const bool built = SerializeKmParams(nullptr, &owner.record, &bytes, &length_) == 0;
+  bytes_.reset(bytes);
   return built;
 }
 
