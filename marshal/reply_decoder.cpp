@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <securec.h>
-#include <stdlib.h>
 
 #include "keymaster_ts.h"
 #include "marshal/param_entry.h"
@@ -47,6 +46,7 @@ int32_t ResolveBlob(const uint8_t* entry, const ReplyReader& area, keymaster_blo
 // owner releases it.
 int32_t ResolveBlobs(const uint8_t* entries, const ReplyReader& area,
                      keymaster_key_param_set_t* set) {
+  if (entries == nullptr) return 0;  // an empty list
   for (size_t i = 0; i < set->length; ++i) {
     keymaster_key_param_t* param = &set->params[i];
     if (!IsByteValued(param->tag)) continue;
