@@ -1,7 +1,12 @@
+// Attestation: the certificate chain of a key, made of the device's attestation authority, which is
+// an EC P-256 intermediate under an EC P-256 root, and the leaf that it signs.
+#include <openssl/bio.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
 #include <algorithm>
 #include <cstring>
 
-#include "ta/attest_chain.h"
 #include "ta/attest_extension.h"
 #include "ta/commands.h"
 #include "ta/key.h"
@@ -9,6 +14,21 @@
 
 namespace ta {
 namespace {
+
+// Holds, as PEM: intermediate key and certificate, root key and certificate.
+constexpr char kAuthorityFile[] = "attestation.pem";
+// 9999-12-31T23:59:59Z: a certificate without a well-defined end.
+constexpr uint64_t kNoEnd = 253402300799;
+
+using BioPtr = std::unique_ptr<BIO, CallFree<BIO, BIO_free_all>>;
+using ExtensionPtr = std::unique_ptr<X509_EXTENSION, CallFree<X509_EXTENSION, X509_EXTENSION_free>>;
+
+// What signs leaf certificates.
+struct AttestationAuthority {
+  PkeyPtr intermediate_key;
+  X509Ptr intermediate;
+  X509Ptr root;
+};
 
 constexpr size_t kMaxChallengeSize = 128;
 constexpr size_t kMaxApplicationIdSize = 1024;
@@ -63,7 +83,7 @@ Bytes UniqueId(const Key& key, const ParamSet& request) {
   const Param* const created = key.Find(KM_TAG_CREATION_DATETIME);
   if (!key.hw_enforced.IsTrue(KM_TAG_INCLUDE_UNIQUE_ID) || created == nullptr) return {};
   Bytes message;
-  AppendU64(&message, created->value / kSlotMillis);
+  AppendInteger<uint64_t>(&message, created->value / kSlotMillis);
   AppendBytes(&message, request.BytesOf(KM_TAG_APPLICATION_ID));
   message.push_back(request.IsTrue(KM_TAG_RESET_SINCE_ID_ROTATION) ? 1 : 0);
   const SecureBytes mac = HmacSha256(DeviceKey("unique id"), message);
@@ -88,6 +108,124 @@ Bytes DescribeKey(const Key& key, const ParamSet& request) {
                               tee_enforced);
 }
 
+// A certificate that wants its extensions and signature. Validity in seconds since 1970.
+X509Ptr Draft(const char* common_name, X509_NAME* issuer, EVP_PKEY* key, long serial,
+              uint64_t not_before, uint64_t not_after) {
+  X509Ptr certificate(X509_new());
+  RequireCrypto(certificate && X509_set_version(certificate.get(), X509_VERSION_3) == 1);
+  RequireCrypto(ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), serial) == 1);
+  X509_NAME* const subject = X509_get_subject_name(certificate.get());
+  RequireCrypto(X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8,
+                                           reinterpret_cast<const unsigned char*>(common_name), -1,
+                                           -1, 0) == 1);
+  RequireCrypto(X509_set_issuer_name(certificate.get(), issuer != nullptr ? issuer : subject) == 1);
+  const auto set_time = [](ASN1_TIME* field, uint64_t seconds) {
+    const time_t time = static_cast<time_t>(std::min(seconds, kNoEnd));
+    RequireCrypto(ASN1_TIME_set(field, time) != nullptr);
+  };
+  set_time(X509_getm_notBefore(certificate.get()), not_before);
+  set_time(X509_getm_notAfter(certificate.get()), not_after);
+  RequireCrypto(X509_set_pubkey(certificate.get(), key) == 1);
+  return certificate;
+}
+
+// Adds an extension by its name or object identifier, as libcrypto's configuration files say it.
+void AddExtension(X509* certificate, X509* issuer, const char* name, const std::string& value) {
+  X509V3_CTX context = {};
+  X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
+  const ExtensionPtr extension(X509V3_EXT_nconf(nullptr, &context, name, value.c_str()));
+  RequireCrypto(extension && X509_add_ext(certificate, extension.get(), -1) == 1);
+}
+
+// issuer is null for the root, which signs itself.
+X509Ptr NewCa(const char* name, X509* issuer, EVP_PKEY* key, EVP_PKEY* signing_key) {
+  X509_NAME* const issuer_name = issuer != nullptr ? X509_get_subject_name(issuer) : nullptr;
+  const long serial = issuer != nullptr ? 2 : 1;
+  X509Ptr ca = Draft(name, issuer_name, key, serial, 0, kNoEnd);
+  AddExtension(ca.get(), issuer, "basicConstraints",
+               issuer != nullptr ? "critical,CA:TRUE,pathlen:0" : "critical,CA:TRUE");
+  AddExtension(ca.get(), issuer, "keyUsage", "critical,keyCertSign");
+  AddExtension(ca.get(), issuer, "subjectKeyIdentifier", "hash");
+  if (issuer != nullptr) {
+    AddExtension(ca.get(), issuer, "authorityKeyIdentifier", "keyid:always");
+  }
+  RequireCrypto(X509_sign(ca.get(), signing_key, EVP_sha256()) > 0);
+  return ca;
+}
+
+SecureBytes NewAuthorityPem() {
+  const PkeyPtr root_key = NewEcPkey(NID_X9_62_prime256v1);
+  const PkeyPtr intermediate_key = NewEcPkey(NID_X9_62_prime256v1);
+  const X509Ptr root =
+      NewCa("Keymaster Host Attestation Root", nullptr, root_key.get(), root_key.get());
+  const X509Ptr intermediate = NewCa("Keymaster Host Attestation Intermediate", root.get(),
+                                     intermediate_key.get(), root_key.get());
+  const BioPtr out(BIO_new(BIO_s_mem()));
+  const auto write = [&out](EVP_PKEY* key, X509* certificate) {
+    RequireCrypto(PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr) ==
+                  1);
+    RequireCrypto(PEM_write_bio_X509(out.get(), certificate) == 1);
+  };
+  RequireCrypto(out != nullptr);
+  write(intermediate_key.get(), intermediate.get());
+  write(root_key.get(), root.get());
+  char* text = nullptr;
+  const long length = BIO_get_mem_data(out.get(), &text);
+  return SecureBytes(text, text + length);
+}
+
+// This device's authority, made the first time it is asked for and kept, with both keys.
+AttestationAuthority LoadOrCreateAuthority() {
+  const SecureBytes pem = LoadOrCreate(kAuthorityFile, NewAuthorityPem);
+  const BioPtr in(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  RequireCrypto(in != nullptr);
+  // Each read skips to the next block of its kind, so the root's key is passed over.
+  AttestationAuthority authority;
+  authority.intermediate_key.reset(PEM_read_bio_PrivateKey(in.get(), nullptr, nullptr, nullptr));
+  authority.intermediate.reset(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
+  authority.root.reset(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
+  RequireCrypto(authority.intermediate_key && authority.intermediate && authority.root);
+  return authority;
+}
+
+// The purposes of a key as the usage of its certificate; none for a key without any.
+void AddKeyUsage(X509* leaf, const Key& key) {
+  constexpr std::pair<keymaster_purpose_t, const char*> kUsages[] = {
+      {KM_PURPOSE_SIGN, ",digitalSignature"},
+      {KM_PURPOSE_VERIFY, ",digitalSignature"},
+      {KM_PURPOSE_ENCRYPT, ",keyEncipherment,dataEncipherment"},
+      {KM_PURPOSE_DECRYPT, ",keyEncipherment,dataEncipherment"},
+      {KM_PURPOSE_WRAP_KEY, ",keyEncipherment"},
+  };
+  const std::string none = "critical";
+  std::string usage = none;
+  for (const auto& [purpose, names] : kUsages) {
+    if (key.Authorizes(KM_TAG_PURPOSE, purpose)) usage += names;
+  }
+  if (usage != none) AddExtension(leaf, leaf, "keyUsage", usage);
+}
+
+// The seconds since 1970 of the first of two dates that the key has.
+uint64_t DateOf(const Key& key, uint32_t tag, uint32_t other_tag, uint64_t otherwise) {
+  const Param* date = key.Find(tag);
+  if (date == nullptr) date = key.Find(other_tag);
+  return date != nullptr ? date->value / 1000 : otherwise;
+}
+
+// The certificate of an RSA or EC key, its dates as validity, with the attestation extension.
+X509Ptr BuildLeaf(const AttestationAuthority& authority, const Key& key, ByteView key_description) {
+  X509* const issuer = authority.intermediate.get();
+  X509Ptr leaf =
+      Draft("Android Keystore Key", X509_get_subject_name(issuer), key.pkey.get(), 1,
+            DateOf(key, KM_TAG_ACTIVE_DATETIME, KM_TAG_CREATION_DATETIME, 0),
+            DateOf(key, KM_TAG_USAGE_EXPIRE_DATETIME, KM_TAG_USAGE_EXPIRE_DATETIME, kNoEnd));
+  AddExtension(leaf.get(), issuer, "authorityKeyIdentifier", "keyid:always");
+  AddKeyUsage(leaf.get(), key);
+  AddExtension(leaf.get(), issuer, kKeyDescriptionOid, "DER:" + Hex(key_description));
+  RequireCrypto(X509_sign(leaf.get(), authority.intermediate_key.get(), EVP_sha256()) > 0);
+  return leaf;
+}
+
 }  // namespace
 
 // Replies with leaf, intermediate, root: a 32-bit count, then of each certificate a 32-bit length
@@ -102,10 +240,10 @@ void AttestKey(uint32_t types, TaParam params[4]) {
   const X509Ptr leaf = BuildLeaf(authority, key, key_description);
   X509* const certificates[] = {leaf.get(), authority.intermediate.get(), authority.root.get()};
   Bytes chain;
-  AppendU32(&chain, static_cast<uint32_t>(std::size(certificates)));
+  AppendInteger<uint32_t>(&chain, static_cast<uint32_t>(std::size(certificates)));
   for (X509* certificate : certificates) {
     const Bytes der = ToDer(certificate, i2d_X509);
-    AppendU32(&chain, static_cast<uint32_t>(der.size()));
+    AppendInteger<uint32_t>(&chain, static_cast<uint32_t>(der.size()));
     AppendBytes(&chain, der);
   }
   Reply(chain, &params[2]);

@@ -6,17 +6,13 @@
 #include <set>
 
 #include "ta/evp.h"
-#include "ta/tags.h"
+#include "ta/key_description.h"
 
 namespace ta {
 namespace {
 
 constexpr uint64_t kAttestationVersion = 4;
 constexpr uint64_t kKeymasterVersion = 41;
-
-using IntegerPtr = std::unique_ptr<ASN1_INTEGER, CallFree<ASN1_INTEGER, ASN1_INTEGER_free>>;
-using EnumeratedPtr =
-    std::unique_ptr<ASN1_ENUMERATED, CallFree<ASN1_ENUMERATED, ASN1_ENUMERATED_free>>;
 
 Bytes Element(int tag, int tag_class, bool constructed, ByteView content) {
   const int length = static_cast<int>(content.size);
@@ -29,17 +25,19 @@ Bytes Element(int tag, int tag_class, bool constructed, ByteView content) {
   return der;
 }
 
-Bytes Integer(uint64_t value) {
-  IntegerPtr integer(ASN1_INTEGER_new());
-  RequireCrypto(integer && ASN1_INTEGER_set_uint64(integer.get(), value) == 1);
-  return ToDer(integer.get(), i2d_ASN1_INTEGER);
+// Numbers here are never negative.
+Bytes Number(int tag, uint64_t value) {
+  Bytes content;
+  AppendBigEndian(&content, value, sizeof(value));
+  while (content.size() > 1 && content[0] == 0 && content[1] < 0x80) {
+    content.erase(content.begin());
+  }
+  if (content[0] >= 0x80) content.insert(content.begin(), 0);
+  return Element(tag, V_ASN1_UNIVERSAL, false, content);
 }
 
-Bytes Enumerated(uint64_t value) {
-  EnumeratedPtr enumerated(ASN1_ENUMERATED_new());
-  RequireCrypto(enumerated && ASN1_ENUMERATED_set(enumerated.get(), static_cast<long>(value)) == 1);
-  return ToDer(enumerated.get(), i2d_ASN1_ENUMERATED);
-}
+Bytes Integer(uint64_t value) { return Number(V_ASN1_INTEGER, value); }
+Bytes Enumerated(uint64_t value) { return Number(V_ASN1_ENUMERATED, value); }
 
 Bytes OctetString(ByteView content) {
   return Element(V_ASN1_OCTET_STRING, V_ASN1_UNIVERSAL, false, content);
@@ -58,7 +56,7 @@ Bytes Sequence(std::initializer_list<Bytes> elements) {
   return Element(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, true, content);
 }
 
-// Rising values are rising encodings too: integers here are never negative.
+// Rising values are rising encodings too.
 Bytes SetOfInteger(const ParamSet& params, Tag tag) {
   std::set<uint64_t> values;
   for (const Param& param : params) {

@@ -1,5 +1,7 @@
 #include "ta/auth.h"
 
+#include <string.h>
+
 #include "ta/attest_extension.h"
 #include "ta/commands.h"
 #include "ta/device_state.h"
@@ -8,19 +10,10 @@
 namespace ta {
 namespace {
 
-constexpr size_t kSignedSize = 37;
 constexpr std::string_view kVerificationLabel = "Auth Verification";
 
 constexpr keymaster_tag_t kVerifiableTags[] = {KM_TAG_USER_SECURE_ID, KM_TAG_USER_AUTH_TYPE,
                                                KM_TAG_AUTH_TIMEOUT};
-
-uint64_t BigEndian(ByteView bytes) {
-  uint64_t value = 0;
-  for (const uint8_t byte : bytes) {
-    value = value << 8 | byte;
-  }
-  return value;
-}
 
 ParamSet Verifiable(const ParamSet& params) {
   ParamSet verifiable;
@@ -42,11 +35,11 @@ Bytes VerificationToken(uint64_t challenge, const ParamSet& verified) {
   if (!verified.empty()) AppendBytes(&message, EncodeAuthorizationList(verified));
 
   Bytes token;
-  AppendU64(&token, challenge);
-  AppendU64(&token, timestamp);
-  AppendU64(&token, 0);
-  AppendU32(&token, kLevel);
-  AppendU32(&token, 0);
+  AppendInteger<uint64_t>(&token, challenge);
+  AppendInteger<uint64_t>(&token, timestamp);
+  AppendInteger<uint64_t>(&token, 0);
+  AppendInteger<uint32_t>(&token, kLevel);
+  AppendInteger<uint32_t>(&token, 0);
   AppendBytes(&token, SharedHmac(message));
   return token;
 }
@@ -54,22 +47,17 @@ Bytes VerificationToken(uint64_t challenge, const ParamSet& verified) {
 }  // namespace
 
 bool AuthTokenValid(ByteView bytes, AuthToken* token) {
-  ByteReader reader(bytes);
-  uint8_t version = 0;
-  ByteView timestamp;
-  if (bytes.size != kAuthTokenSize || !reader.TakeU8(&version) || version != 0 ||
-      !reader.TakeU64(&token->challenge) || !reader.TakeU64(&token->user_id) ||
-      !reader.TakeU64(&token->authenticator_id) || !reader.TakeU32(&token->authenticator_type) ||
-      !reader.TakeBytes(8, &timestamp)) {
-    return false;
-  }
+  hw_auth_token_t raw;
+  if (bytes.size != sizeof(raw)) return false;
+  memcpy(&raw, bytes.data, sizeof(raw));
+  *token = {raw.challenge, raw.user_id, raw.authenticator_id, raw.authenticator_type,
+            __builtin_bswap64(raw.timestamp)};
   // Its bits are those of the lowest byte, so that a big-endian one shows.
   if ((token->authenticator_type & 0xFF) == 0) {
     token->authenticator_type = __builtin_bswap32(token->authenticator_type);
   }
-  token->timestamp = BigEndian(timestamp);
-  const SecureBytes mac = SharedHmac(ByteView(bytes.data, kSignedSize));
-  return CRYPTO_memcmp(mac.data(), reader.rest().data, mac.size()) == 0;
+  const SecureBytes mac = SharedHmac({bytes.data, offsetof(hw_auth_token_t, hmac)});
+  return raw.version == 0 && CRYPTO_memcmp(mac.data(), raw.hmac, mac.size()) == 0;
 }
 
 bool AuthTokenSatisfies(const AuthToken& token, const ParamSet& params) {
@@ -91,7 +79,7 @@ void VerifyAuthorization(uint32_t types, TaParam params[4]) {
   ByteReader input(InputOf(params[1]));
   uint64_t challenge = 0;
   AuthToken token;
-  FailIf(!input.TakeU64(&challenge) || !AuthTokenValid(input.rest(), &token) ||
+  FailIf(!input.TakeInteger(&challenge) || !AuthTokenValid(input.rest(), &token) ||
              !AuthTokenSatisfies(token, requested) ||
              (timeout && !AuthTokenFresh(token, static_cast<uint32_t>(*timeout))),
          KM_ERROR_VERIFICATION_FAILED);

@@ -29,8 +29,6 @@
 
 namespace ta {
 
-constexpr size_t kAuthTokenSize = 69;
-
 // What a verified token says.
 struct AuthToken {
   uint64_t challenge = 0;

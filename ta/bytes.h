@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -66,11 +67,7 @@ class ByteReader {
     bytes_ = size == 0 ? bytes_ : ByteView(bytes_.data + size, bytes_.size - size);
     return true;
   }
-  bool TakeU8(uint8_t* out) { return TakeInteger(out); }
-  bool TakeU32(uint32_t* out) { return TakeInteger(out); }
-  bool TakeU64(uint64_t* out) { return TakeInteger(out); }
-
- private:
+  // TakeInteger reads as many bytes as T has.
   template <typename T>
   bool TakeInteger(T* out) {
     ByteView raw;
@@ -83,23 +80,16 @@ class ByteReader {
     return true;
   }
 
+ private:
   ByteView bytes_;
 };
 
-// AppendU32, AppendU64 and AppendBytes add to the end of a byte string of either kind.
-template <typename Container>
-void AppendInteger(Container* out, uint64_t value, size_t size) {
-  for (size_t i = 0; i < size; ++i) {
+// AppendInteger and AppendBytes add to the end of a byte string of either kind.
+template <typename Integer, typename Container>
+void AppendInteger(Container* out, Integer value) {
+  for (size_t i = 0; i < sizeof(value); ++i) {
     out->push_back(static_cast<uint8_t>(value >> (8 * i)));
   }
-}
-template <typename Container>
-void AppendU32(Container* out, uint32_t value) {
-  AppendInteger(out, value, sizeof(value));
-}
-template <typename Container>
-void AppendU64(Container* out, uint64_t value) {
-  AppendInteger(out, value, sizeof(value));
 }
 template <typename Container>
 void AppendBytes(Container* out, ByteView bytes) {
@@ -112,6 +102,16 @@ void AppendBigEndian(Container* out, uint64_t value, size_t size) {
   for (size_t i = size; i > 0; --i) {
     out->push_back(static_cast<uint8_t>(value >> (8 * (i - 1))));
   }
+}
+
+// Hex returns two lower-case digits a byte.
+inline std::string Hex(ByteView bytes) {
+  std::string text;
+  for (const uint8_t byte : bytes) {
+    text += "0123456789abcdef"[byte >> 4];
+    text += "0123456789abcdef"[byte & 0xF];
+  }
+  return text;
 }
 
 }  // namespace ta

@@ -11,14 +11,15 @@
 
 namespace ta {
 
-// The state of one boot.
-struct BootState {
-  Bytes sharing_nonce = Bytes(32);  // no other boot's
-  SecureBytes shared_hmac_key;      // 32 bytes, empty while no sharing was computed
-  bool early_boot_ended = false;
-  bool locked = false;
-  bool lock_needs_password = false;
-  uint64_t locked_at = 0;  // milliseconds since boot
+// The state of one boot, as the file holds it.
+struct __attribute__((packed)) BootState {
+  ~BootState() { OPENSSL_cleanse(shared_hmac_key, sizeof(shared_hmac_key)); }
+
+  char boot_id[36];
+  bool early_boot_ended : 1, locked : 1, lock_needs_password : 1, is_key_shared : 1;
+  uint64_t locked_at;         // milliseconds since boot
+  uint8_t sharing_nonce[32];  // no other boot's
+  uint8_t shared_hmac_key[32];
 };
 
 // MillisSinceBoot is the clock of auth tokens, verification tokens and locks.

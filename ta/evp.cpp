@@ -16,10 +16,10 @@ void FillRandom(void* out, size_t size) {
   RequireCrypto(RAND_bytes(static_cast<uint8_t*>(out), static_cast<int>(size)) == 1);
 }
 
-SecureBytes HmacSha256(const SecureBytes& key, ByteView message) {
+SecureBytes HmacSha256(ByteView key, ByteView message) {
   SecureBytes mac(32);
-  RequireCrypto(HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), message.data,
-                     message.size, mac.data(), nullptr) != nullptr);
+  RequireCrypto(HMAC(EVP_sha256(), key.data, static_cast<int>(key.size), message.data, message.size,
+                     mac.data(), nullptr) != nullptr);
   return mac;
 }
 
@@ -35,6 +35,12 @@ PkeyPtr ToPkey(const EcKeyPtr& key) {
   return pkey;
 }
 
+PkeyPtr NewEcPkey(int curve) {
+  const EcKeyPtr key(EC_KEY_new_by_curve_name(curve));
+  RequireCrypto(key != nullptr && EC_KEY_generate_key(key.get()) == 1);
+  return ToPkey(key);
+}
+
 CipherCtxPtr StartCipher(const EVP_CIPHER* cipher, const SecureBytes& key, const uint8_t* nonce,
                          bool encrypts) {
   CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
@@ -44,16 +50,16 @@ CipherCtxPtr StartCipher(const EVP_CIPHER* cipher, const SecureBytes& key, const
 }
 
 void FeedCipher(EVP_CIPHER_CTX* ctx, ByteView input, SecureBytes* output) {
-  constexpr size_t kPiece = size_t{1} << 20;  // libcrypto counts in int
+  constexpr size_t kChunk = size_t{1} << 20;  // libcrypto counts in int
   while (input.size != 0) {
-    const size_t piece = std::min(input.size, kPiece);
+    const size_t chunk = std::min(input.size, kChunk);
     const size_t before = output->size();
     int produced = 0;
-    output->resize(before + piece + EVP_MAX_BLOCK_LENGTH);
+    output->resize(before + chunk + EVP_MAX_BLOCK_LENGTH);
     RequireCrypto(EVP_CipherUpdate(ctx, output->data() + before, &produced, input.data,
-                                   static_cast<int>(piece)) == 1);
+                                   static_cast<int>(chunk)) == 1);
     output->resize(before + static_cast<size_t>(produced));
-    input = ByteView(input.data + piece, input.size - piece);
+    input = ByteView(input.data + chunk, input.size - chunk);
   }
 }
 

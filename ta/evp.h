@@ -6,6 +6,7 @@
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
+#include <openssl/x509.h>
 
 #include <memory>
 
@@ -27,28 +28,28 @@ using BnPtr = std::unique_ptr<BIGNUM, CallFree<BIGNUM, BN_clear_free>>;
 using BnCtxPtr = std::unique_ptr<BN_CTX, CallFree<BN_CTX, BN_CTX_free>>;
 using EcKeyPtr = std::unique_ptr<EC_KEY, CallFree<EC_KEY, EC_KEY_free>>;
 using RsaPtr = std::unique_ptr<RSA, CallFree<RSA, RSA_free>>;
+using X509Ptr = std::unique_ptr<X509, CallFree<X509, X509_free>>;
 using PointPtr = std::unique_ptr<EC_POINT, CallFree<EC_POINT, EC_POINT_free>>;
-
-// ToDer encodes an object with libcrypto's function for it.
-template <typename Container = Bytes, typename T, typename Encode>
-Container ToDer(T* object, Encode encode);
 
 // RequireCrypto throws, which ends the command, when libcrypto failed at what it must be able to.
 void RequireCrypto(bool success);
 // FillRandom makes random bytes.
 void FillRandom(void* out, size_t size);
 // HmacSha256 returns 32 bytes.
-SecureBytes HmacSha256(const SecureBytes& key, ByteView message);
+SecureBytes HmacSha256(ByteView key, ByteView message);
 // ToPkey makes a general key of an RSA or EC key.
 PkeyPtr ToPkey(const RsaPtr& key);
 PkeyPtr ToPkey(const EcKeyPtr& key);
+// NewEcPkey generates a key on libcrypto's curve of that number.
+PkeyPtr NewEcPkey(int curve);
 // StartCipher readies a cipher; nonce may be null for a mode without one.
 CipherCtxPtr StartCipher(const EVP_CIPHER* cipher, const SecureBytes& key, const uint8_t* nonce,
                          bool encrypts);
 // FeedCipher runs input of any size through ctx and appends what comes out to output.
 void FeedCipher(EVP_CIPHER_CTX* ctx, ByteView input, SecureBytes* output);
 
-template <typename Container, typename T, typename Encode>
+// ToDer encodes an object with libcrypto's function for it.
+template <typename Container = Bytes, typename T, typename Encode>
 Container ToDer(T* object, Encode encode) {
   const int size = encode(object, nullptr);
   RequireCrypto(size > 0);

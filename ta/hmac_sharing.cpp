@@ -41,8 +41,8 @@ SecureBytes DeriveSharedKey(ByteView sharing_parameters) {
 }
 
 SecureBytes OwnParameters(const BootState& state) {
-  SecureBytes own = LoadOrCreateSecret(kSeedFile, kSharingSeedSize);
-  AppendBytes(&own, state.sharing_nonce);
+  SecureBytes own = LoadOrCreateSecret(kSeedFile);
+  AppendBytes(&own, {state.sharing_nonce, kSharingNonceSize});
   return own;
 }
 
@@ -59,9 +59,8 @@ bool ContainsOwn(ByteView sharing_parameters, const SecureBytes& own) {
 
 SecureBytes SharedHmac(ByteView message) {
   const BootState state = UpdateBootState();
-  const bool shared = !state.shared_hmac_key.empty();
-  return HmacSha256(shared ? state.shared_hmac_key : DeriveSharedKey(OwnParameters(state)),
-                    message);
+  if (state.is_key_shared) return HmacSha256({state.shared_hmac_key, kSharedHmacSize}, message);
+  return HmacSha256(DeriveSharedKey(OwnParameters(state)), message);
 }
 
 void GetHmacSharingParameters(uint32_t, TaParam params[4]) {
@@ -81,7 +80,10 @@ void ComputeSharedHmac(uint32_t, TaParam params[4]) {
       KM_ERROR_INVALID_ARGUMENT);
   const SecureBytes key = DeriveSharedKey(all);
   Reply(HmacSha256(key, kCheckMessage), &params[1]);
-  UpdateBootState([&key](BootState* state) { state->shared_hmac_key = key; });
+  UpdateBootState([&key](BootState* state) {
+    state->is_key_shared = true;
+    std::copy(key.begin(), key.end(), state->shared_hmac_key);
+  });
 }
 
 }  // namespace ta

@@ -13,7 +13,6 @@ struct Key {
   uint32_t algorithm = 0;  // keymaster_algorithm_t
   uint32_t key_size = 0;   // bits
   uint32_t curve = 0;      // keymaster_ec_curve_t; EC only
-  uint32_t origin = 0;     // keymaster_key_origin_t
   PkeyPtr pkey;            // RSA and EC
   SecureBytes symmetric;   // all others
   ParamSet hw_enforced;    // OS version and patch level included
@@ -22,10 +21,11 @@ struct Key {
 
   // Find looks in the hardware-enforced list, then in the other one.
   const Param* Find(Tag tag) const;
-  bool Contains(Tag tag) const { return Find(tag) != nullptr; }
   // Authorizes tells whether the hardware-enforced list holds the tag with that value.
   bool Authorizes(Tag tag, uint64_t value) const { return hw_enforced.Contains(tag, value); }
 };
+
+constexpr size_t kKeyIdSize = 16;
 
 // SealKeyBlob seals a key under the device key, bound to the KM_TAG_APPLICATION_ID and
 // KM_TAG_APPLICATION_DATA of params.
@@ -44,6 +44,14 @@ Bytes IdentifyKeyBlob(ByteView blob);
 // VersionOrder compares the system version of a key with the current one: below 0 for an older one,
 // 0 for the same, above 0 for one of which any part is newer.
 int VersionOrder(const Key& key);
+
+// RecordDeletion makes every blob of a key worthless, for good.
+void RecordDeletion(const Bytes& key_id);
+bool IsKeyDeleted(const Bytes& key_id);
+// CountUse counts one use of a key that limits its uses, and rejects the use beyond
+// KM_TAG_MAX_USES_PER_BOOT or within KM_TAG_MIN_SECONDS_BETWEEN_OPS of the last one. The counts
+// hold until the device boots.
+void CountUse(const Key& key);
 
 }  // namespace ta
 

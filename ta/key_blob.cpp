@@ -4,7 +4,6 @@
 #include "ta/key.h"
 #include "ta/key_description.h"
 #include "ta/key_material.h"
-#include "ta/key_records.h"
 #include "ta/state.h"
 
 // A blob is a version byte, a nonce, the encrypted content and the tag of AES-256-GCM, which covers
@@ -27,7 +26,7 @@ Bytes BindingOf(const ParamSet& params) {
   for (const uint32_t tag : {static_cast<uint32_t>(KM_TAG_APPLICATION_ID),
                              static_cast<uint32_t>(KM_TAG_APPLICATION_DATA)}) {
     const ByteView value = params.BytesOf(tag);
-    AppendU64(&bound, value.size);
+    AppendInteger<uint64_t>(&bound, value.size);
     AppendBytes(&bound, value);
   }
   Bytes hash(kBindingSize);
@@ -47,7 +46,7 @@ SecureBytes EncodeContent(const Key& key, const ParamSet& params) {
   SecureBytes content;
   AppendBytes(&content, key.id);
   AppendBytes(&content, BindingOf(params));
-  AppendU32(&content, static_cast<uint32_t>(secret.size()));
+  AppendInteger<uint32_t>(&content, static_cast<uint32_t>(secret.size()));
   AppendBytes(&content, secret);
   AppendBytes(&content, Serialize({&key.hw_enforced, &key.sw_enforced}));
   return content;
@@ -62,14 +61,12 @@ bool DecodeKey(ByteView encoded, Key* key) {
   ByteReader reader(encoded);
   ByteView secret;
   uint32_t secret_size = 0;
-  if (!reader.TakeU32(&secret_size) || !reader.TakeBytes(secret_size, &secret) ||
+  if (!reader.TakeInteger(&secret_size) || !reader.TakeBytes(secret_size, &secret) ||
       !ParseTwoLists(reader.rest(), &key->hw_enforced, &key->sw_enforced)) {
     return false;
   }
   key->algorithm = HardwareValue(*key, KM_TAG_ALGORITHM);
   key->key_size = HardwareValue(*key, KM_TAG_KEY_SIZE);
-  key->curve = HardwareValue(*key, KM_TAG_EC_CURVE);
-  key->origin = HardwareValue(*key, KM_TAG_ORIGIN);
   return DecodeSecret(secret, key);
 }
 

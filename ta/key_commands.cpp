@@ -3,7 +3,6 @@
 #include "ta/key.h"
 #include "ta/key_description.h"
 #include "ta/key_material.h"
-#include "ta/key_records.h"
 #include "ta/state.h"
 
 namespace ta {
@@ -29,10 +28,11 @@ void ReplyCharacteristics(const Key& key, TaParam* output) {
 }
 
 // Describes and seals a key just made, and answers with its blob and characteristics.
-void ReplyNewKey(const ParamSet& description, Key* key, TaParam* blob, TaParam* characteristics) {
+void ReplyNewKey(const ParamSet& description, uint32_t origin, Key* key, TaParam* blob,
+                 TaParam* characteristics) {
   key->id.resize(kKeyIdSize);
   FillRandom(key->id.data(), kKeyIdSize);
-  DescribeKey(description, key);
+  DescribeKey(description, origin, key);
   Reply(SealKeyBlob(*key, description), blob);
   // A reference without capacity asks for no characteristics.
   if (characteristics->size != 0) ReplyCharacteristics(*key, characteristics);
@@ -46,8 +46,7 @@ void GenerateKey(uint32_t types, TaParam params[4]) {
   const ParamSet description = RequestOf(types, params, 0);
   CheckNewKey(description);
   Key key = GenerateMaterial(description);
-  key.origin = KM_ORIGIN_GENERATED;
-  ReplyNewKey(description, &key, &params[2], &params[3]);
+  ReplyNewKey(description, KM_ORIGIN_GENERATED, &key, &params[2], &params[3]);
 }
 
 void ImportKey(uint32_t types, TaParam params[4]) {
@@ -58,8 +57,7 @@ void ImportKey(uint32_t types, TaParam params[4]) {
   // Only RSA keys are generated outside; of others nobody may claim that the TA made them.
   FailIf(origin == KM_ORIGIN_GENERATED && key.algorithm != KM_ALGORITHM_RSA,
          KM_ERROR_INVALID_ARGUMENT);
-  key.origin = origin;
-  ReplyNewKey(description, &key, &params[2], &params[3]);
+  ReplyNewKey(description, origin, &key, &params[2], &params[3]);
 }
 
 void GetKeyCharacteristics(uint32_t types, TaParam params[4]) {

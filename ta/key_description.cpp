@@ -6,23 +6,25 @@
 #include <chrono>
 
 #include "ta/state.h"
-#include "ta/tags.h"
 
 namespace ta {
 namespace {
 
 // The sizes of an algorithm's keys, in bits.
-constexpr struct {
+struct Sizes {
   uint32_t algorithm, min, max, step;
-} kSizes[] = {
+};
+constexpr Sizes kSizes[] = {
     {KM_ALGORITHM_RSA, 512, 4096, 8}, {KM_ALGORITHM_EC, 224, 521, 1},
     {KM_ALGORITHM_AES, 128, 256, 64}, {KM_ALGORITHM_TRIPLE_DES, 168, 168, 1},
     {KM_ALGORITHM_HMAC, 64, 512, 8},
 };
 
-bool IsAlgorithm(uint64_t algorithm) {
-  return std::any_of(std::begin(kSizes), std::end(kSizes),
-                     [algorithm](const auto& row) { return row.algorithm == algorithm; });
+const Sizes* SizesOf(uint64_t algorithm) {
+  for (const Sizes& row : kSizes) {
+    if (row.algorithm == algorithm) return &row;
+  }
+  return nullptr;
 }
 
 // Whether an algorithm can have that value of a tag; of tags that no row is about, any.
@@ -100,7 +102,7 @@ uint64_t WallClockMillis() {
 
 void CheckKeyDescription(const ParamSet& description) {
   const uint64_t algorithm = description.Value(KM_TAG_ALGORITHM).value_or(0);
-  FailIf(!IsAlgorithm(algorithm), KM_ERROR_UNSUPPORTED_ALGORITHM);
+  FailIf(SizesOf(algorithm) == nullptr, KM_ERROR_UNSUPPORTED_ALGORITHM);
   constexpr std::pair<keymaster_tag_t, keymaster_error_t> kChecks[] = {
       {KM_TAG_PURPOSE, KM_ERROR_UNSUPPORTED_PURPOSE},
       {KM_TAG_DIGEST, KM_ERROR_UNSUPPORTED_DIGEST},
@@ -112,8 +114,7 @@ void CheckKeyDescription(const ParamSet& description) {
       FailIf(param.tag == static_cast<uint32_t>(tag) && !Knows(algorithm, tag, param.value), error);
     }
   }
-  FailIf(description.Contains(static_cast<uint32_t>(KM_TAG_USER_SECURE_ID)) &&
-             description.IsTrue(KM_TAG_NO_AUTH_REQUIRED),
+  FailIf(description.Contains(KM_TAG_USER_SECURE_ID) && description.IsTrue(KM_TAG_NO_AUTH_REQUIRED),
          KM_ERROR_INVALID_ARGUMENT);
   if (algorithm == KM_ALGORITHM_HMAC) CheckHmac(description);
   if (algorithm == KM_ALGORITHM_AES && description.Contains(KM_TAG_BLOCK_MODE, KM_MODE_GCM)) {
@@ -122,41 +123,30 @@ void CheckKeyDescription(const ParamSet& description) {
 }
 
 void CheckKeySize(uint32_t algorithm, uint32_t key_size) {
-  FailIf(!IsAlgorithm(algorithm), KM_ERROR_UNSUPPORTED_ALGORITHM);
-  for (const auto& row : kSizes) {
-    if (row.algorithm != algorithm) continue;
-    FailIf(key_size < row.min || key_size > row.max || key_size % row.step != 0 ||
-               (algorithm == KM_ALGORITHM_EC && CurveBySize(key_size) == nullptr),
-           KM_ERROR_UNSUPPORTED_KEY_SIZE);
-  }
+  const Sizes* sizes = SizesOf(algorithm);
+  FailIf(sizes == nullptr, KM_ERROR_UNSUPPORTED_ALGORITHM);
+  FailIf(key_size < sizes->min || key_size > sizes->max || key_size % sizes->step != 0 ||
+             (algorithm == KM_ALGORITHM_EC && FindCurve(&Curve::key_size, key_size) == nullptr),
+         KM_ERROR_UNSUPPORTED_KEY_SIZE);
 }
 
 bool HasPurpose(uint32_t algorithm, uint32_t purpose) {
   return Knows(algorithm, KM_TAG_PURPOSE, purpose);
 }
 
-const Curve* CurveById(uint64_t id) {
+const Curve* FindCurve(uint32_t Curve::*field, uint64_t value) {
   for (const Curve& curve : kCurves) {
-    if (curve.id == id) return &curve;
+    if (curve.*field == value) return &curve;
   }
   return nullptr;
 }
 
-const Curve* CurveBySize(uint64_t key_size) {
-  for (const Curve& curve : kCurves) {
-    if (curve.key_size == key_size) return &curve;
-  }
-  return nullptr;
-}
-
-void DescribeKey(const ParamSet& description, Key* key) {
+void DescribeKey(const ParamSet& description, uint32_t origin, Key* key) {
   for (const Param& param : description) {
-    const auto* const known = std::find_if(
-        std::begin(kKnownTags), std::end(kKnownTags),
-        [&param](const KnownTag& row) { return static_cast<uint32_t>(row.tag) == param.tag; });
-    const Home home = known == std::end(kKnownTags) ? Home::kNone : known->home;
-    if (home != Home::kNone) {
-      (home == Home::kHardware ? key->hw_enforced : key->sw_enforced).Add(param);
+    for (const KnownTag& known : kKnownTags) {
+      if (static_cast<uint32_t>(known.tag) != param.tag) continue;
+      if (known.home == Home::kHardware) key->hw_enforced.Add(param);
+      if (known.home == Home::kSoftware) key->sw_enforced.Add(param);
     }
   }
   if (!key->sw_enforced.Contains(KM_TAG_CREATION_DATETIME)) {
@@ -166,7 +156,7 @@ void DescribeKey(const ParamSet& description, Key* key) {
   key->hw_enforced.Set(KM_TAG_KEY_SIZE, key->key_size);
   key->hw_enforced.Remove(KM_TAG_EC_CURVE);
   if (key->algorithm == KM_ALGORITHM_EC) key->hw_enforced.Add(KM_TAG_EC_CURVE, key->curve);
-  key->hw_enforced.Add(KM_TAG_ORIGIN, key->origin);
+  key->hw_enforced.Add(KM_TAG_ORIGIN, origin);
   SetKeySystemVersion(key);
 }
 

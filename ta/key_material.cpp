@@ -3,7 +3,6 @@
 #include <openssl/x509.h>
 
 #include "ta/key_description.h"
-#include "ta/rsa_material.h"
 
 namespace ta {
 namespace {
@@ -28,7 +27,7 @@ const Curve& ChooseCurve(const ParamSet& description) {
   const std::optional<uint64_t> id = description.Value(KM_TAG_EC_CURVE);
   const std::optional<uint64_t> size = description.Value(KM_TAG_KEY_SIZE);
   FailIf(!id && !size, KM_ERROR_UNSUPPORTED_KEY_SIZE);
-  const Curve* curve = id ? CurveById(*id) : CurveBySize(*size);
+  const Curve* curve = id ? FindCurve(&Curve::id, *id) : FindCurve(&Curve::key_size, *size);
   FailIf(curve == nullptr, id ? KM_ERROR_UNSUPPORTED_EC_CURVE : KM_ERROR_UNSUPPORTED_KEY_SIZE);
   FailIf(size && *size != curve->key_size, KM_ERROR_INVALID_ARGUMENT);
   return *curve;
@@ -37,9 +36,7 @@ const Curve& ChooseCurve(const ParamSet& description) {
 void GenerateEc(const ParamSet& description, Key* key) {
   const Curve& curve = ChooseCurve(description);
   SetCurve(curve, key);
-  const EcKeyPtr ec(EC_KEY_new_by_curve_name(curve.nid));
-  RequireCrypto(ec != nullptr && EC_KEY_generate_key(ec.get()) == 1);
-  key->pkey = ToPkey(ec);
+  key->pkey = NewEcPkey(curve.nid);
 }
 
 void GenerateRsa(const ParamSet& description, Key* key) {
@@ -87,9 +84,9 @@ void ImportEc(ByteView material, Key* key) {
   ByteReader reader(material);
   uint32_t header[5];  // size, form of the point, lengths of X, Y and the scalar
   for (uint32_t& field : header) {
-    FailIf(!reader.TakeU32(&field), KM_ERROR_INVALID_ARGUMENT);
+    FailIf(!reader.TakeInteger(&field), KM_ERROR_INVALID_ARGUMENT);
   }
-  const Curve* curve = CurveBySize(header[0]);
+  const Curve* curve = FindCurve(&Curve::key_size, header[0]);
   FailIf(curve == nullptr, KM_ERROR_UNSUPPORTED_EC_CURVE);
   const size_t width = (curve->key_size + 7) / 8;
   SecureBytes point = {POINT_CONVERSION_UNCOMPRESSED};
@@ -183,10 +180,10 @@ Bytes ExportPublicKey(const Key& key) {
     first = ToBytes(x.get());
     second = ToBytes(y.get());
   }
-  AppendU32(&out, key.algorithm);
-  AppendU32(&out, key.key_size);
-  AppendU32(&out, static_cast<uint32_t>(first.size()));
-  AppendU32(&out, static_cast<uint32_t>(second.size()));
+  AppendInteger<uint32_t>(&out, key.algorithm);
+  AppendInteger<uint32_t>(&out, key.key_size);
+  AppendInteger<uint32_t>(&out, static_cast<uint32_t>(first.size()));
+  AppendInteger<uint32_t>(&out, static_cast<uint32_t>(second.size()));
   AppendBytes(&out, first);
   AppendBytes(&out, second);
   return out;

@@ -14,6 +14,10 @@ Key GenerateMaterial(const ParamSet& description);
 // of size, curve and exponent must be so, else KM_ERROR_IMPORT_PARAMETER_MISMATCH; what it does not
 // say is added to it.
 Key ImportMaterial(ByteView material, ParamSet* description);
+// ImportRsaMaterial reads RSA key material, a header of 36 bytes with lengths and then the
+// integers, into key->pkey, with all its CRT numbers, and checks that its numbers belong together:
+// KM_ERROR_INVALID_ARGUMENT if not.
+void ImportRsaMaterial(ByteView material, Key* key);
 // ExportPublicKey writes algorithm, key size, and the lengths and bytes of n and e, or X and Y.
 Bytes ExportPublicKey(const Key& key);
 

@@ -40,7 +40,6 @@ OperationPtr MakeSignatureOperation(const OperationRequest& request);
 OperationPtr MakeRsaCipherOperation(const OperationRequest& request);
 OperationPtr MakeHmacOperation(const OperationRequest& request);
 OperationPtr MakeCipherOperation(const OperationRequest& request);
-OperationPtr MakeGcmOperation(const OperationRequest& request);
 
 // Choose reads the one digest, padding or block mode that a begin names, which the key must
 // authorize.
@@ -56,6 +55,23 @@ size_t ChooseMacSize(const OperationRequest& request, uint64_t least, uint64_t m
 const EVP_CIPHER* CipherOf(const Key& key, uint32_t mode);
 // DigestAlgorithm returns null for KM_DIGEST_NONE.
 const EVP_MD* DigestAlgorithm(uint32_t digest);
+
+// ---- Who may use a key, for what and when.
+
+// AuthorizeBegin checks what a key demands of an operation's beginning: its purpose, its dates, the
+// device's state, and a recent auth token when the key's authentication lasts for a time. Using a
+// public key takes no more than the purpose.
+void AuthorizeBegin(uint32_t purpose, const Key& key, const ParamSet& params);
+
+// NeedsTokenPerOperation tells whether each update and finish must bring an auth token made for
+// this very operation.
+bool NeedsTokenPerOperation(uint32_t purpose, const Key& key);
+// AuthorizeContinuation checks that token: its challenge is the operation's handle. demands holds
+// the key's hardware-enforced parameters.
+void AuthorizeContinuation(uint64_t handle, const ParamSet& demands, const ParamSet& params);
+
+// UsesPublicKey tells whether the purpose needs only a key's public half.
+bool UsesPublicKey(uint32_t purpose, const Key& key);
 
 }  // namespace ta
 

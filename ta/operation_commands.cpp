@@ -1,16 +1,16 @@
-#include <string.h>
+#include <algorithm>
+#include <mutex>
+#include <unordered_map>
 
 #include "ta/commands.h"
-#include "ta/key_records.h"
-#include "ta/operation_policy.h"
-#include "ta/operation_table.h"
+#include "ta/operation.h"
 
 namespace ta {
 namespace {
 
 constexpr uint8_t kInputMarker = 0;
 constexpr uint8_t kSignatureMarker = 1;
-// How much output may wait before more input is refused.
+// How much output may wait before more input is rejected.
 constexpr size_t kMaxPending = size_t{1} << 20;
 
 using Maker = OperationPtr (*)(const OperationRequest& request);
@@ -35,17 +35,54 @@ void SplitFinishInput(ByteView packed, ByteView* input, ByteView* signature) {
   const auto take_item = [&reader](uint8_t expected, ByteView* out) {
     uint8_t marker = 0;
     uint32_t size = 0;
-    return reader.TakeU8(&marker) && marker == expected && reader.TakeU32(&size) &&
+    return reader.TakeInteger(&marker) && marker == expected && reader.TakeInteger(&size) &&
            reader.TakeBytes(size, out);
   };
   const bool split = take_item(kInputMarker, input) && take_item(kSignatureMarker, signature);
   FailIf(packed.size != 0 && (!split || reader.remaining() != 0), KM_ERROR_INVALID_ARGUMENT);
 }
 
+// One running operation. Whoever works with it holds its mutex.
+struct RunningOperation {
+  std::mutex mutex;
+  OperationPtr operation;  // null once it has ended
+  bool needs_token = false;
+  ParamSet demands;     // the key's hardware-enforced parameters, when it needs a token
+  SecureBytes pending;  // output that the caller's buffers had no room for
+};
+using RunningOperationPtr = std::shared_ptr<RunningOperation>;
+
+// The operations that are running, by handle. They outlive the sessions that begin them: the
+// library opens one for each command.
+struct OperationTable {
+  std::mutex mutex;
+  std::unordered_map<uint64_t, RunningOperationPtr> operations;
+};
+
+OperationTable& Table() {
+  // Never destroyed: commands may come while the process ends.
+  static auto& table = *new OperationTable();
+  return table;
+}
+
+// Keeps an operation under a random handle other than 0.
+uint64_t AddOperation(const RunningOperationPtr& operation) {
+  constexpr size_t kCapacity = 16;
+  const std::lock_guard<std::mutex> guard(Table().mutex);
+  auto& operations = Table().operations;
+  FailIf(operations.size() >= kCapacity, KM_ERROR_TOO_MANY_OPERATIONS);
+  uint64_t handle = 0;
+  do {
+    FillRandom(&handle, sizeof(handle));
+  } while (handle == 0 || !operations.emplace(handle, operation).second);
+  return handle;
+}
+
 RunningOperationPtr FindOperation(uint64_t handle) {
-  RunningOperationPtr running = OperationTable::Instance().Find(handle);
-  FailIf(running == nullptr, KM_ERROR_INVALID_OPERATION_HANDLE);
-  return running;
+  const std::lock_guard<std::mutex> guard(Table().mutex);
+  const auto found = Table().operations.find(handle);
+  FailIf(found == Table().operations.end(), KM_ERROR_INVALID_OPERATION_HANDLE);
+  return found->second;
 }
 
 // An operation as its commands get hold of it: nobody else works with it meanwhile, and it ends
@@ -59,7 +96,8 @@ struct HeldOperation {
   ~HeldOperation() {
     if (!goes_on) {
       running->operation.reset();
-      OperationTable::Instance().Remove(handle);
+      const std::lock_guard<std::mutex> table_guard(Table().mutex);
+      Table().operations.erase(handle);
     }
   }
   HeldOperation(const HeldOperation&) = delete;
@@ -73,7 +111,7 @@ struct HeldOperation {
 
 uint64_t HandleIn(const TaParam& param) {
   uint64_t handle = 0;
-  FailIf(!ByteReader(InputOf(param)).TakeU64(&handle), TEEC_ERROR_BAD_PARAMETERS);
+  FailIf(!ByteReader(InputOf(param)).TakeInteger(&handle), TEEC_ERROR_BAD_PARAMETERS);
   return handle;
 }
 
@@ -81,8 +119,9 @@ uint64_t HandleIn(const TaParam& param) {
 void Feed(const HeldOperation& held, const ParamSet& params, ByteView input) {
   RunningOperation* const running = held.running.get();
   if (running->needs_token) AuthorizeContinuation(held.handle, running->demands, params);
-  const uint32_t tag = static_cast<uint32_t>(KM_TAG_ASSOCIATED_DATA);
-  if (params.Contains(tag)) running->operation->AddAssociatedData(params.BytesOf(tag));
+  if (params.Contains(KM_TAG_ASSOCIATED_DATA)) {
+    running->operation->AddAssociatedData(params.BytesOf(KM_TAG_ASSOCIATED_DATA));
+  }
   if (input.size == 0) return;
   FailIf(running->pending.size() > kMaxPending, KM_ERROR_INSUFFICIENT_BUFFER_SPACE);
   running->operation->Update(input, &running->pending);
@@ -93,7 +132,7 @@ void DeliverPending(RunningOperation* running, TaParam* output) {
   SecureBytes& pending = running->pending;
   const size_t size = std::min<size_t>(pending.size(), output->size);
   Reply(ByteView(pending.data(), size), output);
-  // Its memory serves the next piece.
+  // Its memory serves the next chunk.
   pending.erase(pending.begin(), pending.begin() + static_cast<ptrdiff_t>(size));
 }
 
@@ -110,8 +149,7 @@ void BeginOperation(uint32_t types, TaParam params[4]) {
   ParamSet out_params;
   running->operation = MakerOf(key.algorithm, purpose)({purpose, request, &key, &out_params});
   Reply(out_params.empty() ? Bytes() : Serialize({&out_params}), &params[2]);
-  uint64_t handle = 0;
-  FailIf(!OperationTable::Instance().Add(running, &handle), KM_ERROR_TOO_MANY_OPERATIONS);
+  const uint64_t handle = AddOperation(running);
   HeldOperation held(handle, running);
   if (!UsesPublicKey(purpose, key)) CountUse(key);
   held.goes_on = true;

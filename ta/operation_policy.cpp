@@ -1,8 +1,8 @@
-#include "ta/operation_policy.h"
-
+// Who may use a key, for what and when.
 #include "ta/auth.h"
 #include "ta/device_state.h"
 #include "ta/key_description.h"
+#include "ta/operation.h"
 
 namespace ta {
 namespace {
@@ -32,28 +32,23 @@ void CheckDates(uint32_t purpose, const Key& key) {
 
 // Demands that this TA cannot meet: nothing here sees the boot loader, a button or a dialogue.
 void CheckUnmeetableDemands(const Key& key) {
-  constexpr struct {
-    keymaster_tag_t tag;
-    keymaster_error_t error;
-  } kDemands[] = {
+  constexpr std::pair<keymaster_tag_t, keymaster_error_t> kDemands[] = {
       {KM_TAG_BOOTLOADER_ONLY, KM_ERROR_INVALID_KEY_BLOB},
       {KM_TAG_STORAGE_KEY, KM_ERROR_STORAGE_KEY_UNSUPPORTED},
       {KM_TAG_TRUSTED_USER_PRESENCE_REQUIRED, KM_ERROR_PROOF_OF_PRESENCE_REQUIRED},
       {KM_TAG_TRUSTED_CONFIRMATION_REQUIRED, KM_ERROR_NO_USER_CONFIRMATION},
   };
-  for (const auto& demand : kDemands) {
-    FailIf(key.hw_enforced.IsTrue(static_cast<uint32_t>(demand.tag)), demand.error);
+  for (const auto& [tag, error] : kDemands) {
+    FailIf(key.hw_enforced.IsTrue(tag), error);
   }
 }
 
-bool NeedsUser(const ParamSet& demands) {
-  return demands.Contains(static_cast<uint32_t>(KM_TAG_USER_SECURE_ID));
-}
+bool NeedsUser(const ParamSet& demands) { return demands.Contains(KM_TAG_USER_SECURE_ID); }
 
 // The token of params; false when there is none or it is not genuine.
 bool TokenOf(const ParamSet& params, AuthToken* token) {
-  const uint32_t tag = static_cast<uint32_t>(KM_TAG_AUTH_TOKEN);
-  return params.Contains(tag) && AuthTokenValid(params.BytesOf(tag), token);
+  return params.Contains(KM_TAG_AUTH_TOKEN) &&
+         AuthTokenValid(params.BytesOf(KM_TAG_AUTH_TOKEN), token);
 }
 
 void CheckDeviceState(const Key& key, const AuthToken* token) {

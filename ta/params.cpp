@@ -26,56 +26,46 @@ uint64_t ValueOf(uint32_t tag, uint64_t value) {
   }
 }
 
-// An entry as it stands in the buffer: byte values are still an offset and a length.
-struct RawEntry {
-  uint32_t tag = 0;
-  uint64_t value = 0;
-};
-
-bool TakeEntries(ByteReader* reader, std::vector<RawEntry>* entries) {
+bool TakeEntries(ByteReader* reader, ByteView* entries) {
   uint32_t count = 0;
-  if (!reader->TakeU32(&count) || count > reader->remaining() / kEntrySize) return false;
-  entries->resize(count);
-  for (RawEntry& entry : *entries) {
-    uint32_t reserved = 0;
-    if (!reader->TakeU32(&entry.tag) || !reader->TakeU32(&reserved) ||
-        !reader->TakeU64(&entry.value)) {
-      return false;
-    }
-  }
-  return true;
+  return reader->TakeInteger(&count) && count <= reader->remaining() / kEntrySize &&
+         reader->TakeBytes(count * kEntrySize, entries);
 }
 
-// budget is how many bytes of the area the values may still take, together: values that share bytes
-// would let a small request ask for any amount of memory.
-bool Resolve(const std::vector<RawEntry>& entries, ByteView blobs, size_t* budget, ParamSet* out) {
-  for (const RawEntry& entry : entries) {
-    if (!IsByteValued(entry.tag)) {
-      out->Add(entry.tag, ValueOf(entry.tag, entry.value));
+// In the entries byte values are an offset and a length. budget is how many bytes of the area the
+// values may still take, together: values that share bytes would let a small request ask for any
+// amount of memory.
+bool Resolve(ByteView entries, ByteView blobs, size_t* budget, ParamSet* out) {
+  ByteReader reader(entries);
+  uint32_t tag = 0, reserved = 0;
+  uint64_t value = 0;
+  while (reader.TakeInteger(&tag) && reader.TakeInteger(&reserved) && reader.TakeInteger(&value)) {
+    if (!IsByteValued(tag)) {
+      out->Add(tag, ValueOf(tag, value));
       continue;
     }
-    const size_t offset = static_cast<uint32_t>(entry.value);
-    const size_t length = static_cast<size_t>(entry.value >> 32);
+    const size_t offset = static_cast<uint32_t>(value);
+    const size_t length = static_cast<size_t>(value >> 32);
     // An empty value has no place in the blob area, whatever its offset says.
     if (length != 0 && (offset > blobs.size || length > blobs.size - offset)) return false;
     if (length > *budget) return false;
     *budget -= length;
-    out->AddBytes(entry.tag, length == 0 ? ByteView() : ByteView(blobs.data + offset, length));
+    out->AddBytes(tag, length == 0 ? ByteView() : ByteView(blobs.data + offset, length));
   }
   return true;
 }
 
 void AppendEntries(const ParamSet& params, Bytes* entries, Bytes* blobs) {
-  AppendU32(entries, static_cast<uint32_t>(params.size()));
+  AppendInteger<uint32_t>(entries, static_cast<uint32_t>(params.size()));
   for (const Param& param : params) {
-    AppendU32(entries, param.tag);
-    AppendU32(entries, 0);
+    AppendInteger<uint32_t>(entries, param.tag);
+    AppendInteger<uint32_t>(entries, 0);
     if (!IsByteValued(param.tag)) {
-      AppendU64(entries, param.value);
+      AppendInteger<uint64_t>(entries, param.value);
       continue;
     }
-    AppendU32(entries, static_cast<uint32_t>(blobs->size()));
-    AppendU32(entries, static_cast<uint32_t>(param.bytes.size()));
+    AppendInteger<uint32_t>(entries, static_cast<uint32_t>(blobs->size()));
+    AppendInteger<uint32_t>(entries, static_cast<uint32_t>(param.bytes.size()));
     AppendBytes(blobs, param.bytes);
   }
 }
@@ -130,8 +120,7 @@ ByteView ParamSet::BytesOf(Tag tag) const {
 
 bool ParseTwoLists(ByteView wire, ParamSet* first, ParamSet* second) {
   ByteReader reader(wire);
-  std::vector<RawEntry> first_entries;
-  std::vector<RawEntry> second_entries;
+  ByteView first_entries, second_entries;
   if (!TakeEntries(&reader, &first_entries) || !TakeEntries(&reader, &second_entries)) return false;
   size_t budget = reader.remaining();
   return Resolve(first_entries, reader.rest(), &budget, first) &&

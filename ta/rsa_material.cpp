@@ -1,76 +1,53 @@
-#include "ta/rsa_material.h"
+#include "ta/key_material.h"
 
 namespace ta {
 namespace {
 
 enum RsaForm : uint32_t { kPrivateExponentForm = 1, kCrtForm = 2 };
 
-struct RsaNumbers {
-  BnPtr n, e, d, p, q, dmp1, dmq1, iqmp;
+// A number of libcrypto's, which may be part of a private key.
+struct Number : BnPtr {
+  Number() : BnPtr(BN_new()) {
+    RequireCrypto(get() != nullptr);
+#ifdef BN_FLG_CONSTTIME  // BoringSSL does without
+    BN_set_flags(get(), BN_FLG_CONSTTIME);
+#endif
+  }
+  operator BIGNUM*() const { return get(); }
 };
 
-BnPtr NewNumber() {
-  BnPtr number(BN_new());
-  RequireCrypto(number != nullptr);
-#ifdef BN_FLG_CONSTTIME  // BoringSSL does without
-  BN_set_flags(number.get(), BN_FLG_CONSTTIME);
-#endif
-  return number;
-}
+struct RsaNumbers {
+  Number n, e, d, p, q, dmp1, dmq1, iqmp;
+};
 
-bool TakeNumber(ByteReader* reader, uint32_t length, BnPtr* out) {
-  ByteView bytes;
-  if (!reader->TakeBytes(length, &bytes)) return false;
-  *out = NewNumber();
-  RequireCrypto(BN_bin2bn(bytes.data, static_cast<int>(bytes.size), out->get()) != nullptr);
-  return true;
-}
-
-// The five CRT numbers follow from the other two primes; so does d.
+// d and the CRT numbers follow from the primes.
 bool DeriveFromPrimes(RsaNumbers* rsa, BN_CTX* ctx) {
-  const BnPtr p1 = NewNumber();
-  const BnPtr q1 = NewNumber();
-  const BnPtr gcd = NewNumber();
-  const BnPtr lcm = NewNumber();
-  if (BN_is_zero(rsa->p.get()) || BN_is_zero(rsa->q.get())) return false;
-  rsa->d = NewNumber();
-  rsa->dmp1 = NewNumber();
-  rsa->dmq1 = NewNumber();
-  rsa->iqmp = NewNumber();
-  return BN_sub(p1.get(), rsa->p.get(), BN_value_one()) == 1 &&
-         BN_sub(q1.get(), rsa->q.get(), BN_value_one()) == 1 && !BN_is_zero(p1.get()) &&
-         !BN_is_zero(q1.get()) && BN_gcd(gcd.get(), p1.get(), q1.get(), ctx) == 1 &&
-         BN_mul(lcm.get(), p1.get(), q1.get(), ctx) == 1 &&
-         BN_div(lcm.get(), nullptr, lcm.get(), gcd.get(), ctx) == 1 &&
-         BN_mod_inverse(rsa->d.get(), rsa->e.get(), lcm.get(), ctx) != nullptr &&
-         BN_mod(rsa->dmp1.get(), rsa->d.get(), p1.get(), ctx) == 1 &&
-         BN_mod(rsa->dmq1.get(), rsa->d.get(), q1.get(), ctx) == 1 &&
-         BN_mod_inverse(rsa->iqmp.get(), rsa->q.get(), rsa->p.get(), ctx) != nullptr;
+  const Number p1, q1, phi;
+  return !BN_is_zero(rsa->p) && !BN_is_zero(rsa->q) && BN_sub(p1, rsa->p, BN_value_one()) == 1 &&
+         BN_sub(q1, rsa->q, BN_value_one()) == 1 && !BN_is_zero(p1) && !BN_is_zero(q1) &&
+         BN_mul(phi, p1, q1, ctx) == 1 && BN_mod_inverse(rsa->d, rsa->e, phi, ctx) != nullptr &&
+         BN_mod(rsa->dmp1, rsa->d, p1, ctx) == 1 && BN_mod(rsa->dmq1, rsa->d, q1, ctx) == 1 &&
+         BN_mod_inverse(rsa->iqmp, rsa->q, rsa->p, ctx) != nullptr;
 }
 
 enum class Split { kDone, kFailed, kNoKey };
 
 // One attempt to split n with a base: a square root of 1 other than +-1 shares a factor with n. No
 // base of a key's has a power that is not 1 in the end, so one that has ends the search.
-Split SplitWith(BN_ULONG base, const BIGNUM* odd, int twos, RsaNumbers* rsa, BN_CTX* ctx) {
-  BnPtr x = NewNumber();
-  BnPtr square = NewNumber();
-  const BnPtr minus_one = NewNumber();
-  if (BN_set_word(square.get(), base) != 1 ||
-      BN_sub(minus_one.get(), rsa->n.get(), BN_value_one()) != 1 ||
-      BN_mod_exp(x.get(), square.get(), odd, rsa->n.get(), ctx) != 1) {
+Split SplitWith(BN_ULONG base, const Number& odd, int twos, RsaNumbers* rsa, BN_CTX* ctx) {
+  Number x, square;
+  const Number minus_one;
+  if (BN_set_word(square, base) != 1 || BN_sub(minus_one, rsa->n, BN_value_one()) != 1 ||
+      BN_mod_exp(x, square, odd, rsa->n, ctx) != 1) {
     return Split::kNoKey;
   }
   for (int i = 0; i < twos; ++i) {
-    if (BN_is_one(x.get()) || BN_cmp(x.get(), minus_one.get()) == 0) return Split::kFailed;
-    if (BN_mod_sqr(square.get(), x.get(), rsa->n.get(), ctx) != 1) return Split::kNoKey;
-    if (BN_is_one(square.get())) {
-      rsa->p = NewNumber();
-      rsa->q = NewNumber();
-      const bool split = BN_sub_word(x.get(), 1) == 1 &&
-                         BN_gcd(rsa->p.get(), x.get(), rsa->n.get(), ctx) == 1 &&
-                         BN_div(rsa->q.get(), nullptr, rsa->n.get(), rsa->p.get(), ctx) == 1;
-      return split ? Split::kDone : Split::kNoKey;
+    if (BN_is_one(x) || BN_cmp(x, minus_one) == 0) return Split::kFailed;
+    if (BN_mod_sqr(square, x, rsa->n, ctx) != 1) return Split::kNoKey;
+    if (BN_is_one(square)) {
+      const bool is_split = BN_sub_word(x, 1) == 1 && BN_gcd(rsa->p, x, rsa->n, ctx) == 1 &&
+                            BN_div(rsa->q, nullptr, rsa->n, rsa->p, ctx) == 1;
+      return is_split ? Split::kDone : Split::kNoKey;
     }
     x.swap(square);
   }
@@ -79,68 +56,61 @@ Split SplitWith(BN_ULONG base, const BIGNUM* odd, int twos, RsaNumbers* rsa, BN_
 
 // Finds the primes of a key that came with d alone.
 bool FindPrimes(RsaNumbers* rsa, BN_CTX* ctx) {
-  const BnPtr odd = NewNumber();
-  if (BN_num_bits(rsa->d.get()) > BN_num_bits(rsa->n.get()) ||
-      BN_mul(odd.get(), rsa->e.get(), rsa->d.get(), ctx) != 1 || BN_sub_word(odd.get(), 1) != 1 ||
-      BN_is_zero(odd.get()) || !BN_is_odd(rsa->n.get())) {
+  const Number odd;
+  if (BN_num_bits(rsa->d) > BN_num_bits(rsa->n) || BN_mul(odd, rsa->e, rsa->d, ctx) != 1 ||
+      BN_sub_word(odd, 1) != 1 || BN_is_zero(odd) || !BN_is_odd(rsa->n)) {
     return false;
   }
   int twos = 0;
-  while (!BN_is_odd(odd.get())) {
-    RequireCrypto(BN_rshift1(odd.get(), odd.get()) == 1);
-    ++twos;
+  for (; !BN_is_odd(odd); ++twos) {
+    RequireCrypto(BN_rshift1(odd, odd) == 1);
   }
   // Each base of a real key fails with probability one half at most.
   Split split = Split::kFailed;
   for (BN_ULONG base = 2; split == Split::kFailed && base < 40; ++base) {
-    split = SplitWith(base, odd.get(), twos, rsa, ctx);
+    split = SplitWith(base, odd, twos, rsa, ctx);
   }
   return split == Split::kDone;
 }
 
-bool SameNumber(const BnPtr& a, const BnPtr& b) { return BN_cmp(a.get(), b.get()) == 0; }
-
 // Whether 2 survives a public and a private operation, which it does for all purposes only when n
 // is the product of the two primes and they are primes.
 bool NumbersBelongTogether(const RsaNumbers& rsa, BN_CTX* ctx) {
-  const BnPtr product = NewNumber();
-  const BnPtr x = NewNumber();
-  const BnPtr two = NewNumber();
-  return BN_mul(product.get(), rsa.p.get(), rsa.q.get(), ctx) == 1 &&
-         BN_cmp(product.get(), rsa.n.get()) == 0 && BN_set_word(two.get(), 2) == 1 &&
-         BN_mod_exp(x.get(), two.get(), rsa.e.get(), rsa.n.get(), ctx) == 1 &&
-         BN_mod_exp(x.get(), x.get(), rsa.d.get(), rsa.n.get(), ctx) == 1 &&
-         BN_cmp(x.get(), two.get()) == 0;
+  const Number product, x, two;
+  return BN_mul(product, rsa.p, rsa.q, ctx) == 1 && BN_cmp(product, rsa.n) == 0 &&
+         BN_set_word(two, 2) == 1 && BN_mod_exp(x, two, rsa.e, rsa.n, ctx) == 1 &&
+         BN_mod_exp(x, x, rsa.d, rsa.n, ctx) == 1 && BN_cmp(x, two) == 0;
 }
 
 bool CompleteCrt(RsaNumbers* rsa, BN_CTX* ctx) {
-  const BnPtr dmp1 = std::move(rsa->dmp1);
-  const BnPtr dmq1 = std::move(rsa->dmq1);
-  const BnPtr iqmp = std::move(rsa->iqmp);
-  return DeriveFromPrimes(rsa, ctx) && SameNumber(dmp1, rsa->dmp1) && SameNumber(dmq1, rsa->dmq1) &&
-         SameNumber(iqmp, rsa->iqmp);
+  const Number dmp1, dmq1, iqmp;
+  BN_swap(dmp1, rsa->dmp1);
+  BN_swap(dmq1, rsa->dmq1);
+  BN_swap(iqmp, rsa->iqmp);
+  return DeriveFromPrimes(rsa, ctx) && BN_cmp(dmp1, rsa->dmp1) == 0 &&
+         BN_cmp(dmq1, rsa->dmq1) == 0 && BN_cmp(iqmp, rsa->iqmp) == 0;
 }
 
-bool ReadNumbers(ByteView material, RsaNumbers* rsa, RsaForm* form) {
+bool ReadNumbers(ByteView material, RsaNumbers* rsa, uint32_t* form) {
   ByteReader reader(material);
   uint32_t header[9];
   for (uint32_t& field : header) {
-    if (!reader.TakeU32(&field)) return false;
+    if (!reader.TakeInteger(&field)) return false;
   }
-  if (header[1] != header[2] || (header[0] != kCrtForm && header[0] != kPrivateExponentForm)) {
-    return false;
-  }
-  *form = static_cast<RsaForm>(header[0]);
+  *form = header[0];
   const bool crt = *form == kCrtForm;
-  BnPtr* const numbers[] = {&rsa->n,    &rsa->e,   crt ? &rsa->p : &rsa->d, &rsa->q, &rsa->dmp1,
-                            &rsa->dmq1, &rsa->iqmp};
+  if (header[1] != header[2] || (!crt && *form != kPrivateExponentForm)) return false;
+  BIGNUM* const numbers[] = {rsa->n,    rsa->e,   crt ? rsa->p : rsa->d, rsa->q, rsa->dmp1,
+                             rsa->dmq1, rsa->iqmp};
   for (size_t i = 0; i < (crt ? std::size(numbers) : 3); ++i) {
-    if (!TakeNumber(&reader, header[2 + i], numbers[i])) return false;
+    ByteView bytes;
+    if (!reader.TakeBytes(header[2 + i], &bytes)) return false;
+    RequireCrypto(BN_bin2bn(bytes.data, static_cast<int>(bytes.size), numbers[i]) != nullptr);
   }
   return reader.remaining() == 0;
 }
 
-// Takes the numbers.
+// Hands the numbers over.
 PkeyPtr PkeyOf(RsaNumbers* numbers) {
   const RsaPtr rsa(RSA_new());
   RequireCrypto(rsa != nullptr);
@@ -158,12 +128,11 @@ void ImportRsaMaterial(ByteView material, Key* key) {
   // Nothing longer can be a key that the TA takes, and numbers are slow to work with.
   constexpr size_t kMaxMaterial = 4096;
   RsaNumbers rsa;
-  RsaForm form = kCrtForm;
+  uint32_t form = 0;
   FailIf(material.size > kMaxMaterial || !ReadNumbers(material, &rsa, &form),
          KM_ERROR_INVALID_ARGUMENT);
-  FailIf(BN_num_bits(rsa.n.get()) > 4096, KM_ERROR_UNSUPPORTED_KEY_SIZE);
-  FailIf(!BN_is_odd(rsa.n.get()) || !BN_is_odd(rsa.e.get()) || BN_is_one(rsa.e.get()) ||
-             BN_num_bits(rsa.e.get()) > 64,
+  FailIf(BN_num_bits(rsa.n) > 4096, KM_ERROR_UNSUPPORTED_KEY_SIZE);
+  FailIf(!BN_is_odd(rsa.n) || !BN_is_odd(rsa.e) || BN_is_one(rsa.e) || BN_num_bits(rsa.e) > 64,
          KM_ERROR_INVALID_ARGUMENT);
   const BnCtxPtr ctx(BN_CTX_new());
   RequireCrypto(ctx != nullptr);

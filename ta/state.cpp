@@ -45,7 +45,8 @@ std::string EnsureFolder() {
 
 class File {
  public:
-  File(const std::string& path, int flags) : fd_(open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
+  explicit File(int fd) : fd_(fd) {}
+  File(const std::string& path, int flags) : File(open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
   ~File() {
     if (fd_ >= 0) close(fd_);
   }
@@ -60,8 +61,7 @@ class File {
 
 void WriteAll(int fd, ByteView content) {
   for (size_t done = 0; done < content.size;) {
-    const ssize_t written = write(fd, content.data + done, content.size - done);
-    if (written < 0 && errno == EINTR) continue;
+    const ssize_t written = TEMP_FAILURE_RETRY(write(fd, content.data + done, content.size - done));
     RequireState(written > 0, "cannot write");
     done += static_cast<size_t>(written);
   }
@@ -78,17 +78,28 @@ void SyncFolder() {
 // Writes a file of a name nobody else uses and returns the name.
 std::string WriteTemporary(const std::string& path, ByteView content) {
   std::string name = path + ".XXXXXX";
-  const int fd = mkostemp(name.data(), O_CLOEXEC);
-  RequireState(fd >= 0, "cannot make file");
+  const File file(mkostemp(name.data(), O_CLOEXEC));
+  RequireState(file.is_open(), "cannot make file");
   try {
-    WriteAll(fd, content);
+    WriteAll(file.fd(), content);
   } catch (...) {
-    close(fd);
     unlink(name.c_str());
     throw;
   }
-  close(fd);
   return name;
+}
+
+// The version as this process was told it; the file is for processes that are not told.
+struct ConfiguredVersion {
+  std::mutex mutex;
+  std::string folder;
+  SystemVersion version;
+};
+
+ConfiguredVersion& Configured() {
+  // Never destroyed: commands may come while the process ends.
+  static auto& configured = *new ConfiguredVersion();
+  return configured;
 }
 
 }  // namespace
@@ -110,8 +121,7 @@ bool ReadStateFile(const std::string& name, SecureBytes* out) {
   RequireState(fstat(file.fd(), &status) == 0, "cannot read");
   out->resize(static_cast<size_t>(status.st_size));
   for (size_t done = 0; done < out->size();) {
-    const ssize_t got = read(file.fd(), out->data() + done, out->size() - done);
-    if (got < 0 && errno == EINTR) continue;
+    const ssize_t got = TEMP_FAILURE_RETRY(read(file.fd(), out->data() + done, out->size() - done));
     RequireState(got > 0, "cannot read");
     done += static_cast<size_t>(got);
   }
@@ -146,56 +156,41 @@ bool CreateStateFile(const std::string& name, ByteView content) {
   return linked == 0;
 }
 
-SecureBytes LoadOrCreateSecret(const std::string& name, size_t size) {
-  SecureBytes secret;
-  if (!ReadStateFile(name, &secret)) {
-    SecureBytes fresh(size);
-    FillRandom(fresh.data(), size);
-    CreateStateFile(name, fresh);
-    RequireState(ReadStateFile(name, &secret), "a secret vanished");
+SecureBytes LoadOrCreate(const std::string& name, SecureBytes (*make)()) {
+  SecureBytes content;
+  if (!ReadStateFile(name, &content)) {
+    CreateStateFile(name, make());
+    // Another process may have been first: what the folder holds counts.
+    RequireState(ReadStateFile(name, &content), "a file vanished");
   }
-  RequireState(secret.size() == size, "a secret is damaged");
+  return content;
+}
+
+SecureBytes LoadOrCreateSecret(const std::string& name) {
+  constexpr size_t kSize = 32;
+  SecureBytes secret = LoadOrCreate(name, [] {
+    SecureBytes fresh(kSize);
+    FillRandom(fresh.data(), fresh.size());
+    return fresh;
+  });
+  RequireState(secret.size() == kSize, "a secret is damaged");
   return secret;
 }
 
 StateLock::StateLock() : fd_(open(StateFile("lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-  RequireState(fd_ >= 0, "cannot lock");
-  while (flock(fd_, LOCK_EX) != 0) {
-    if (errno != EINTR) {
-      close(fd_);
-      RequireState(false, "cannot lock");
-    }
-  }
+  if (fd_ >= 0 && TEMP_FAILURE_RETRY(flock(fd_, LOCK_EX)) == 0) return;
+  if (fd_ >= 0) close(fd_);
+  RequireState(false, "cannot lock");
 }
 
 StateLock::~StateLock() { close(fd_); }
 
 SecureBytes DeviceKey(const std::string& label) {
-  return HmacSha256(LoadOrCreateSecret("device_key", 32), std::string_view{label});
+  return HmacSha256(LoadOrCreateSecret("device_key"), std::string_view{label});
 }
-
-namespace {
-
-// The version as this process was told it; the file is for processes that are not told.
-struct ConfiguredVersion {
-  std::mutex mutex;
-  std::string folder;
-  SystemVersion version;
-};
-
-ConfiguredVersion& Configured() {
-  // Never destroyed: commands may come while the process ends.
-  static auto& configured = *new ConfiguredVersion();
-  return configured;
-}
-
-}  // namespace
 
 void SetSystemVersion(const SystemVersion& version) {
-  Bytes content;
-  AppendU32(&content, version.os_version);
-  AppendU32(&content, version.os_patchlevel);
-  ReplaceStateFile(kVersionFile, content);
+  ReplaceRecord(kVersionFile, version);
   ConfiguredVersion& configured = Configured();
   const std::lock_guard<std::mutex> guard(configured.mutex);
   configured.folder = FolderName();
@@ -206,12 +201,7 @@ bool GetSystemVersion(SystemVersion* version) {
   ConfiguredVersion& configured = Configured();
   const std::lock_guard<std::mutex> guard(configured.mutex);
   if (const std::string folder = FolderName(); configured.folder != folder) {
-    SecureBytes content;
-    if (!ReadStateFile(kVersionFile, &content)) return false;
-    ByteReader reader(content);
-    RequireState(reader.TakeU32(&configured.version.os_version) &&
-                     reader.TakeU32(&configured.version.os_patchlevel),
-                 "the system version is damaged");
+    if (!ReadRecord(kVersionFile, &configured.version)) return false;
     configured.folder = folder;
   }
   *version = configured.version;

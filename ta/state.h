@@ -2,6 +2,8 @@
 #ifndef TA_STATE_H
 #define TA_STATE_H
 
+#include <string.h>
+
 #include <string>
 
 #include "ta/bytes.h"
@@ -26,9 +28,26 @@ bool HasStateFile(const std::string& name);
 void ReplaceStateFile(const std::string& name, ByteView content);
 // CreateStateFile writes a file that does not exist yet; false, with nothing changed, if it does.
 bool CreateStateFile(const std::string& name, ByteView content);
-// LoadOrCreateSecret returns the secret of that name, made at random the first time: two processes
-// that ask at once get the same one. size is in bytes.
-SecureBytes LoadOrCreateSecret(const std::string& name, size_t size);
+// LoadOrCreate returns the content of a file, made the first time it is asked for: two processes
+// that ask at once get the same one.
+SecureBytes LoadOrCreate(const std::string& name, SecureBytes (*make)());
+// LoadOrCreateSecret does so with 32 random bytes.
+SecureBytes LoadOrCreateSecret(const std::string& name);
+
+// ReadRecord reads a file that holds the bytes of a T and nothing else; false when there is none.
+template <typename T>
+bool ReadRecord(const std::string& name, T* record) {
+  SecureBytes content;
+  if (!ReadStateFile(name, &content)) return false;
+  RequireState(content.size() == sizeof(T), "a record is damaged");
+  memcpy(static_cast<void*>(record), content.data(), sizeof(T));
+  return true;
+}
+// ReplaceRecord writes one.
+template <typename T>
+void ReplaceRecord(const std::string& name, const T& record) {
+  ReplaceStateFile(name, ByteView(reinterpret_cast<const uint8_t*>(&record), sizeof(T)));
+}
 
 // StateLock holds an exclusive lock of the state folder, across processes, while it lives.
 class StateLock {

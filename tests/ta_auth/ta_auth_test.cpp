@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "ta/attest_chain.h"
 #include "ta/device_state.h"
+#include "ta/evp.h"
 #include "ta/hmac_sharing.h"
 #include "tests/ta/ta_client.h"
 
