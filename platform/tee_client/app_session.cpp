@@ -18,12 +18,6 @@ InlineSession::InlineSession(const TrustedApp& app, std::shared_ptr<MemoryPool> 
   if (memory_ == nullptr) memory_ = std::make_unique<CommandMemory>(CommandMemory::Kind::kPrivate);
 }
 
-Reply InlineSession::Reserve(uint64_t size, uint8_t** memory) {
-  if (!memory_->Reserve(size)) return {TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_API};
-  *memory = memory_->data();
-  return {TEEC_SUCCESS, TEEC_ORIGIN_API};
-}
-
 Reply InlineSession::Open(uint32_t login, CommandParameters* parameters) {
   return CallApp([&] {
     return app_.open_session(login, parameters->types(), parameters->ta_params(), &ta_session_);

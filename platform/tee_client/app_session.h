@@ -8,7 +8,6 @@
 
 #include "platform/tee_client/command_memory.h"
 #include "platform/tee_client/command_parameters.h"
-#include "platform/tee_client/idle_pool.h"
 
 // What a call is answered with when the TA ended under it.
 constexpr Reply kTargetDead = {TEEC_ERROR_TARGET_DEAD, TEEC_ORIGIN_TEE};
@@ -18,9 +17,8 @@ constexpr Reply kTargetDead = {TEEC_ERROR_TARGET_DEAD, TEEC_ORIGIN_TEE};
 class AppSession {
  public:
   virtual ~AppSession() = default;
-  // Reserve lends zeroed memory for the parameters of an open or of a command, until EndCommand.
-  virtual Reply Reserve(uint64_t size, uint8_t** memory) = 0;
-  virtual void EndCommand() = 0;
+  // Memory is where the parameters of an open or of a command lie; null when the TA is dead.
+  virtual CommandMemory* Memory() = 0;
   virtual Reply Open(uint32_t login, CommandParameters* parameters) = 0;
   virtual Reply Invoke(uint32_t command, CommandParameters* parameters) = 0;
   virtual void Close() = 0;
@@ -28,14 +26,11 @@ class AppSession {
   virtual void Kill() = 0;
 };
 
-using MemoryPool = IdlePool<CommandMemory>;
-
 // InlineSession calls a TA in this process. An exception is a TA that crashed.
 class InlineSession : public AppSession {
  public:
   InlineSession(const TrustedApp& app, std::shared_ptr<MemoryPool> pool);
-  Reply Reserve(uint64_t size, uint8_t** memory) override;
-  void EndCommand() override { memory_->EndCommand(); }
+  CommandMemory* Memory() override { return memory_.get(); }
   Reply Open(uint32_t login, CommandParameters* parameters) override;
   Reply Invoke(uint32_t command, CommandParameters* parameters) override;
   void Close() override;

@@ -10,10 +10,21 @@
 
 namespace {
 
-// The room that one descriptor takes beside a record.
-union AncillaryData {
-  cmsghdr aligned;
-  char bytes[CMSG_SPACE(sizeof(int))];
+// A record, and the room that one descriptor takes beside it: without the padding, in which a
+// second one would have room, for what is received.
+struct Message {
+  Message(void* record, size_t size) : part{record, size} {
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    header.msg_control = ancillary;
+    header.msg_controllen = CMSG_LEN(sizeof(int));
+  }
+  Message(const Message&) = delete;
+  Message& operator=(const Message&) = delete;
+
+  iovec part;
+  alignas(cmsghdr) char ancillary[CMSG_SPACE(sizeof(int))] = {};
+  msghdr header = {};
 };
 
 }  // namespace
@@ -32,44 +43,30 @@ bool Channel::MakePair(FileDescriptor* one, FileDescriptor* other) {
 }
 
 bool Channel::Send(const void* record, size_t size, int fd) const {
-  iovec part = {const_cast<void*>(record), size};
-  AncillaryData ancillary = {};
-  msghdr message = {};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  if (fd >= 0) {
-    message.msg_control = &ancillary;
-    message.msg_controllen = sizeof(ancillary);
-    cmsghdr* header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof(fd));
+  Message message(const_cast<void*>(record), size);
+  message.header.msg_controllen = fd < 0 ? 0 : sizeof(message.ancillary);
+  if (cmsghdr* header = CMSG_FIRSTHDR(&message.header); header != nullptr) {
+    *header = {CMSG_LEN(sizeof(fd)), SOL_SOCKET, SCM_RIGHTS};
     std::memcpy(CMSG_DATA(header), &fd, sizeof(fd));
   }
-  return TEMP_FAILURE_RETRY(sendmsg(socket_.get(), &message, MSG_NOSIGNAL)) ==
+  return TEMP_FAILURE_RETRY(sendmsg(socket_.get(), &message.header, MSG_NOSIGNAL)) ==
          static_cast<ssize_t>(size);
 }
 
 bool Channel::Receive(void* record, size_t size, FileDescriptor* fd, int limit_ms) const {
   if (limit_ms >= 0 && !WaitReadable(socket_.get(), limit_ms)) return false;
-  iovec part = {record, size};
-  AncillaryData ancillary = {};
-  msghdr message = {};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = &ancillary;
-  // Without the padding, in which a second descriptor would have room.
-  message.msg_controllen = CMSG_LEN(sizeof(int));
-  const ssize_t got = TEMP_FAILURE_RETRY(recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC));
+  Message message(record, size);
+  const ssize_t got = TEMP_FAILURE_RETRY(recvmsg(socket_.get(), &message.header, MSG_CMSG_CLOEXEC));
   fd->Reset();
-  const cmsghdr* header = got < 0 ? nullptr : CMSG_FIRSTHDR(&message);
+  const cmsghdr* header = got < 0 ? nullptr : CMSG_FIRSTHDR(&message.header);
   if (header != nullptr && header->cmsg_type == SCM_RIGHTS &&
       header->cmsg_len == CMSG_LEN(sizeof(int))) {
     int received = -1;
     std::memcpy(&received, CMSG_DATA(header), sizeof(received));
     fd->Reset(received);
   }
-  return got == static_cast<ssize_t>(size) && (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0;
+  return got == static_cast<ssize_t>(size) &&
+         (message.header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0;
 }
 
 bool WaitReadable(int fd, int limit_ms) {

@@ -49,7 +49,8 @@ void CommandMemory::Unmap() {
   size_ = reserved_ = 0;
 }
 
-bool CommandMemory::Reserve(size_t size) {
+bool CommandMemory::Reserve(uint64_t size) {
+  if (kind_ == Kind::kShared && size > kMaxSharedSize) return false;
   if (size > size_ || (data_ != nullptr && owner_ != getpid())) {
     Unmap();
     const size_t rounded = RoundedUp(size);
@@ -59,7 +60,7 @@ bool CommandMemory::Reserve(size_t size) {
   return true;
 }
 
-bool CommandMemory::Attach(FileDescriptor file, size_t max_size) {
+bool CommandMemory::Attach(FileDescriptor file) {
   Unmap();
   file_ = std::move(file);
   struct stat status {};
@@ -67,7 +68,7 @@ bool CommandMemory::Attach(FileDescriptor file, size_t max_size) {
   // Memory that shrinks under a reader kills it.
   const bool attached = seals >= 0 && (seals & F_SEAL_SHRINK) != 0 &&
                         fstat(file_.get(), &status) == 0 && status.st_size > 0 &&
-                        static_cast<uint64_t>(status.st_size) <= max_size &&
+                        static_cast<uint64_t>(status.st_size) <= kMaxSharedSize &&
                         Map(static_cast<size_t>(status.st_size));
   file_.Reset();
   return attached;

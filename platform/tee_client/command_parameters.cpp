@@ -29,6 +29,16 @@ ReferenceLayout::ReferenceLayout(uint32_t types,
   }
 }
 
+void PointReferences(uint32_t types, uint8_t* memory, TEEC_Parameter params[]) {
+  const ReferenceLayout layout(types, params);
+  for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
+    TEEC_TempMemoryReference& reference = params[i].tmpref;
+    if (!IsMemoryReference(TEEC_PARAM_TYPE_GET(types, i))) continue;
+    reference.buffer =
+        memory == nullptr || reference.size == 0 ? nullptr : memory + layout.offset[i];
+  }
+}
+
 TEEC_Result CommandParameters::Read(const TEEC_Operation* operation) {
   if (operation == nullptr) return TEEC_SUCCESS;
   types_ = operation->paramTypes;

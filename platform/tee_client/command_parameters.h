@@ -58,4 +58,7 @@ struct ReferenceLayout {
       : ReferenceLayout(parameters.types(), &parameters.Given(0)) {}
 };
 
+// PointReferences points memory references at their copies in memory; with null, nowhere.
+void PointReferences(uint32_t types, uint8_t* memory, TEEC_Parameter params[]);
+
 #endif  // PLATFORM_TEE_CLIENT_COMMAND_PARAMETERS_H

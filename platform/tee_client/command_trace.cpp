@@ -5,8 +5,7 @@
 #include <utility>
 
 #include "platform/tee_client/environment.h"
-#include "platform/tee_client/param_trace.h"
-#include "platform/tee_client/trace_names.h"
+#include "platform/tee_client/trace_text.h"
 
 namespace {
 

@@ -11,75 +11,60 @@
 
 namespace {
 
-struct FaultPlan {
-  std::string text;
-  uint32_t command = 0;
-  PlannedFault fault;
-  uint32_t nth = 1;
-  uint32_t times = 1;
-  uint32_t seen = 0;
-  bool is_active = false;
-};
-
-bool ReadNumber(const std::string& text, uint32_t* value) {
-  if (text.empty() || text[0] < '0' || text[0] > '9') return false;
-  char* end = nullptr;
-  const unsigned long long number = strtoull(text.c_str(), &end, 0);
-  *value = static_cast<uint32_t>(number);
-  return *end == '\0' && number <= UINT32_MAX;
-}
-
-bool ReadField(const std::string& name, uint32_t value, FaultPlan* plan) {
+// ReadField reads a "name=number".
+bool ReadField(const std::string& field, PlannedFault* fault) {
   const std::pair<const char*, uint32_t*> kFields[] = {
-      {"code", &plan->fault.code},   {"garbage", &plan->fault.garbage},
-      {"crash", &plan->fault.crash}, {"delay", &plan->fault.delay_ms},
-      {"lie", &plan->fault.lie},     {"length", &plan->fault.length},
-      {"nth", &plan->nth},           {"times", &plan->times},
+      {"cmd", &fault->command},   {"code", &fault->code},      {"garbage", &fault->garbage},
+      {"crash", &fault->crash},   {"delay", &fault->delay_ms}, {"lie", &fault->lie},
+      {"length", &fault->length}, {"nth", &fault->nth},        {"times", &fault->times},
   };
-  plan->fault.has_length = plan->fault.has_length || name == "length";
-  for (const auto& [known, field] : kFields) {
-    if (name == known) return *field = value, true;
+  const std::string name = field.substr(0, field.find('='));
+  const std::string number = field.substr(std::min(name.size() + 1, field.size()));
+  for (const auto& [known, value] : kFields) {
+    if (name != known || number.empty() || number[0] < '0' || number[0] > '9') continue;
+    char* end = nullptr;
+    const unsigned long long parsed = strtoull(number.c_str(), &end, 0);
+    *value = static_cast<uint32_t>(parsed);
+    return *end == '\0' && parsed <= UINT32_MAX;
   }
   return false;
 }
 
-constexpr char kKnown[] =
-    "cmd=ID, then code= crash= garbage= delay= length= lie= nth= times= with a number";
-
-FaultPlan ReadPlan(const std::string& text) {
-  FaultPlan plan;
-  plan.text = text;
+PlannedFault ReadPlan(const std::string& text) {
+  constexpr char kKnown[] =
+      "cmd=ID, then code= crash= garbage= delay= length= lie= nth= times= with a number";
+  PlannedFault fault;
   std::istringstream fields(text);
-  for (std::string field; std::getline(fields, field, ',');) {
-    const std::string name = field.substr(0, field.find('='));
-    const bool is_first = !plan.is_active;
-    uint32_t value = 0;
-    if (name.size() == field.size() || !ReadNumber(field.substr(name.size() + 1), &value) ||
-        !(is_first ? name == "cmd" : ReadField(name, value, &plan))) {
+  bool is_first = true;
+  for (std::string field; std::getline(fields, field, ','); is_first = false) {
+    const bool is_command = field.rfind("cmd=", 0) == 0;
+    if (is_command != is_first || !ReadField(field, &fault)) {
       RejectWord("TEE_FAULT", field, kKnown);
     }
-    plan.command = is_first ? value : plan.command;
-    plan.is_active = true;
+    fault.has_length = fault.has_length || field.rfind("length=", 0) == 0;
   }
-  const PlannedFault& fault = plan.fault;
   const bool has_effect = (fault.code | fault.garbage | fault.crash | fault.delay_ms) != 0;
-  if (plan.is_active && !has_effect && !fault.has_length) RejectWord("TEE_FAULT", text, kKnown);
-  return plan;
+  if (!text.empty() && !has_effect && !fault.has_length) RejectWord("TEE_FAULT", text, kKnown);
+  return fault;
 }
 
 }  // namespace
 
 bool TakePlannedFault(uint32_t command, PlannedFault* fault) {
+  struct Plan {
+    std::string text;
+    PlannedFault fault;
+    uint32_t seen = 0;
+  };
   static std::mutex mutex;
-  static auto* const plan = new FaultPlan;  // outlives callers in destructors at exit
+  static auto* const plan = new Plan;  // outlives callers in destructors at exit
   const std::string text = VariableText("TEE_FAULT");
   const std::lock_guard<std::mutex> lock(mutex);
-  if (plan->text != text) *plan = ReadPlan(text);
-  if (!plan->is_active || plan->command != command) return false;
-  ++plan->seen;
-  if (plan->seen < plan->nth || plan->seen - plan->nth >= plan->times) return false;
+  if (plan->text != text) *plan = {text, ReadPlan(text), 0};
   *fault = plan->fault;
-  return true;
+  if (text.empty() || fault->command != command) return false;
+  ++plan->seen;
+  return plan->seen >= fault->nth && plan->seen - fault->nth < fault->times;
 }
 
 bool AnswerInstead(const PlannedFault& fault, CommandParameters* parameters, Reply* reply) {

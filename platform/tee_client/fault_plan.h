@@ -17,12 +17,9 @@
 #include "platform/tee_client/command_parameters.h"
 
 struct PlannedFault {
+  uint32_t command = 0, nth = 1, times = 1;
   TEEC_Result code = TEEC_SUCCESS;
-  uint32_t garbage = 0;
-  uint32_t crash = 0;
-  uint32_t delay_ms = 0;
-  uint32_t length = 0;
-  uint32_t lie = 0;
+  uint32_t garbage = 0, crash = 0, delay_ms = 0, length = 0, lie = 0;
   bool has_length = false;
 };
 

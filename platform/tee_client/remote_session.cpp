@@ -13,14 +13,6 @@ int LimitMs() {
   return static_cast<int>(limit <= 0 ? kDefault : std::min(limit, kMax));
 }
 
-void Describe(const CommandParameters& parameters, WorkerRequest* request) {
-  request->types = parameters.types();
-  for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-    if (parameters.TypeOf(i) != TEEC_NONE) request->params[i] = parameters.Given(i);
-    if (IsMemoryReference(parameters.TypeOf(i))) request->params[i].tmpref.buffer = nullptr;
-  }
-}
-
 // Sizes come as the worker says; the parameters check them before the caller sees them.
 void ReadReply(const WorkerReply& reply, CommandParameters* parameters) {
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
@@ -37,32 +29,11 @@ void ReadReply(const WorkerReply& reply, CommandParameters* parameters) {
 
 }  // namespace
 
-Reply RemoteSession::Reserve(uint64_t size, uint8_t** memory) {
+CommandMemory* RemoteSession::Memory() {
   if (connection_ == nullptr) connection_ = worker_->Connect();
-  if (connection_ == nullptr) {
-    worker_->Kill();
-    return kTargetDead;
-  }
-  if (size > kMaxSharedSize || !connection_->memory.Reserve(size)) {
-    return {TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_COMMS};
-  }
-  *memory = connection_->memory.data();
-  return {TEEC_SUCCESS, TEEC_ORIGIN_COMMS};
-}
-
-void RemoteSession::EndCommand() { connection_->memory.EndCommand(); }
-
-WorkerRequest RemoteSession::Request(WorkerRequestKind kind, uint32_t code) const {
-  return {kWorkerMagic, kind, code, uuid_, TEEC_NONE, {}};
-}
-
-bool RemoteSession::Ask(const WorkerRequest& request, WorkerReply* reply) {
-  FileDescriptor none;
-  const bool is_answered = Send(request) && connection_->AwaitClose(LimitMs()) &&
-                           connection_->channel.Receive(reply, sizeof(*reply), &none, LimitMs()) &&
-                           reply->magic == kWorkerMagic;
-  if (!is_answered) worker_->Kill();
-  return is_answered;
+  if (connection_ != nullptr) return &connection_->memory;
+  worker_->Kill();
+  return nullptr;
 }
 
 bool RemoteSession::Send(const WorkerRequest& request) {
@@ -73,25 +44,27 @@ bool RemoteSession::Send(const WorkerRequest& request) {
   return is_sent;
 }
 
-Reply RemoteSession::Exchange(WorkerRequest request, CommandParameters* parameters) {
-  Describe(*parameters, &request);
+Reply RemoteSession::Exchange(WorkerRequestKind kind, uint32_t code,
+                              CommandParameters* parameters) {
+  WorkerRequest request = {kWorkerMagic, kind, code, uuid_, parameters->types(), {}};
+  for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
+    if (parameters->TypeOf(i) != TEEC_NONE) request.params[i] = parameters->Given(i);
+  }
+  PointReferences(request.types, nullptr, request.params);
   WorkerReply reply = {};
-  if (!Ask(request, &reply)) return kTargetDead;
+  if (!Send(request) || !connection_->AwaitClose(LimitMs()) ||
+      !connection_->Receive(&reply, LimitMs())) {
+    worker_->Kill();
+    return kTargetDead;
+  }
   ReadReply(reply, parameters);
   const bool is_origin = reply.origin >= TEEC_ORIGIN_API && reply.origin <= TEEC_ORIGIN_TRUSTED_APP;
   return {reply.result, is_origin ? reply.origin : TEEC_ORIGIN_COMMS};
 }
 
-Reply RemoteSession::Open(uint32_t login, CommandParameters* parameters) {
-  return Exchange(Request(WorkerRequestKind::kOpen, login), parameters);
-}
-
-Reply RemoteSession::Invoke(uint32_t command, CommandParameters* parameters) {
-  return Exchange(Request(WorkerRequestKind::kInvoke, command), parameters);
-}
-
 void RemoteSession::Close() {
-  connection_->is_closing = Send(Request(WorkerRequestKind::kClose, 0));
+  connection_->is_closing =
+      Send({kWorkerMagic, WorkerRequestKind::kClose, 0, uuid_, TEEC_NONE, {}});
   if (connection_->is_closing) worker_->Release(std::move(connection_));
   connection_ = nullptr;
 }

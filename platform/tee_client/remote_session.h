@@ -6,7 +6,6 @@
 
 #include "platform/tee_client/app_session.h"
 #include "platform/tee_client/worker_process.h"
-#include "platform/tee_client/worker_protocol.h"
 
 // RemoteSession kills a worker that breaks off, answers something else, or does not answer within
 // TEE_TIMEOUT_MS milliseconds (two minutes unless set): the TA is dead then. So it is for a child
@@ -15,17 +14,18 @@ class RemoteSession : public AppSession {
  public:
   RemoteSession(std::shared_ptr<WorkerProcess> worker, const TEEC_UUID& uuid)
       : worker_(std::move(worker)), uuid_(uuid) {}
-  Reply Reserve(uint64_t size, uint8_t** memory) override;
-  void EndCommand() override;
-  Reply Open(uint32_t login, CommandParameters* parameters) override;
-  Reply Invoke(uint32_t command, CommandParameters* parameters) override;
+  CommandMemory* Memory() override;
+  Reply Open(uint32_t login, CommandParameters* parameters) override {
+    return Exchange(WorkerRequestKind::kOpen, login, parameters);
+  }
+  Reply Invoke(uint32_t command, CommandParameters* parameters) override {
+    return Exchange(WorkerRequestKind::kInvoke, command, parameters);
+  }
   void Close() override;
   void Kill() override { worker_->Kill(); }
 
  private:
-  WorkerRequest Request(WorkerRequestKind kind, uint32_t code) const;
-  Reply Exchange(WorkerRequest request, CommandParameters* parameters);
-  bool Ask(const WorkerRequest& request, WorkerReply* reply);
+  Reply Exchange(WorkerRequestKind kind, uint32_t code, CommandParameters* parameters);
   bool Send(const WorkerRequest& request);
 
   const std::shared_ptr<WorkerProcess> worker_;

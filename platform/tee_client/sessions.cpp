@@ -3,46 +3,75 @@
 #include <chrono>
 #include <thread>
 
+#include "platform/tee_client/built_in_apps.h"
 #include "platform/tee_client/command_trace.h"
+#include "platform/tee_client/environment.h"
 #include "platform/tee_client/fault_plan.h"
+#include "platform/tee_client/remote_session.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// ParameterLoan lends a call's parameters their memory while the call runs.
-class ParameterLoan {
- public:
-  ParameterLoan(AppSession* app, CommandParameters* parameters)
-      : app_(app), reply_(app->Reserve(ReferenceLayout(*parameters).total, &memory_)) {
-    if (is_lent()) parameters->CopyIn(memory_);
+bool HasWorker() {
+  const std::string host = VariableText("TEE_HOST");
+  if (!host.empty() && host != "process" && host != "caller") {
+    RejectWord("TEE_HOST", host, "process, caller");
   }
-  ~ParameterLoan() {
-    if (is_lent()) app_->EndCommand();
-  }
-  ParameterLoan(const ParameterLoan&) = delete;
-  ParameterLoan& operator=(const ParameterLoan&) = delete;
-
-  bool is_lent() const { return reply_.result == TEEC_SUCCESS; }
-  // Why there is none.
-  Reply reply() const { return reply_; }
-
- private:
-  AppSession* const app_;
-  uint8_t* memory_ = nullptr;
-  const Reply reply_;
-};
+  return host == "process";
+}
 
 }  // namespace
+
+std::shared_ptr<AppHost> AppHost::Get() {
+  static std::mutex mutex;
+  static auto* const alive = new std::weak_ptr<AppHost>;  // outlives callers in destructors at exit
+  const std::lock_guard<std::mutex> lock(mutex);
+  std::shared_ptr<AppHost> host = alive->lock();
+  if (host == nullptr) *alive = host = std::make_shared<AppHost>();
+  return host;
+}
+
+std::shared_ptr<WorkerProcess> AppHost::LiveWorker() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (worker_ == nullptr || !worker_->IsAlive()) worker_ = WorkerProcess::Start();
+  return worker_;
+}
+
+Reply AppHost::MakeSession(const TEEC_UUID& uuid, std::unique_ptr<AppSession>* session) {
+  if (HasWorker()) {
+    const std::shared_ptr<WorkerProcess> worker = LiveWorker();
+    if (worker == nullptr) return {TEEC_ERROR_COMMUNICATION, TEEC_ORIGIN_COMMS};
+    *session = std::make_unique<RemoteSession>(worker, uuid);
+  } else {
+    const TrustedApp* app = FindBuiltInApp(uuid);
+    if (app == nullptr) return {TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE};
+    *session = std::make_unique<InlineSession>(*app, pool_);
+  }
+  return {TEEC_SUCCESS, TEEC_ORIGIN_TEE};
+}
+
+Session::LentMemory Session::Lend(CommandParameters* parameters, Reply* reply) {
+  LentMemory memory(app_->Memory());
+  if (memory == nullptr) {
+    *reply = kTargetDead;
+  } else if (!memory->Reserve(ReferenceLayout(*parameters).total)) {
+    *reply = {TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_COMMS};
+    memory = nullptr;
+  } else {
+    parameters->CopyIn(memory->data());
+  }
+  return memory;
+}
 
 Reply Session::Open(uint32_t login, CommandParameters* parameters, TEEC_Operation* operation) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (state_ != State::kNew) return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
+  state_ = State::kClosed;
   Reply reply = {};
-  {
-    const ParameterLoan loan(app_.get(), parameters);
-    reply = loan.is_lent() ? app_->Open(login, parameters) : loan.reply();
-    state_ = reply.result == TEEC_SUCCESS ? State::kOpen : State::kClosed;
+  if (const LentMemory memory = Lend(parameters, &reply); memory != nullptr) {
+    reply = app_->Open(login, parameters);
+    if (reply.result == TEEC_SUCCESS) state_ = State::kOpen;
     reply = parameters->CopyOut(reply, operation);
   }
   if (reply.result != TEEC_SUCCESS) CloseLocked();
@@ -68,11 +97,12 @@ Reply Session::Invoke(uint32_t command, CommandParameters* parameters, TEEC_Oper
   if (state_ != State::kOpen && state_ != State::kDead) {
     return {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_API};
   }
-  const ParameterLoan loan(app_.get(), parameters);
-  if (!loan.is_lent()) return loan.reply();
+  Reply reply = {};
+  const LentMemory memory = Lend(parameters, &reply);
+  if (memory == nullptr) return reply;
   TraceInputs(command, *parameters);
   const Clock::time_point start = Clock::now();
-  Reply reply = state_ == State::kDead ? kTargetDead : CallApp(command, parameters);
+  reply = state_ == State::kDead ? kTargetDead : CallApp(command, parameters);
   if (reply.result == kTargetDead.result && reply.origin == kTargetDead.origin) {
     state_ = State::kDead;
   }
@@ -94,18 +124,6 @@ void Session::CloseLocked() {
   state_ = State::kClosed;
 }
 
-namespace {
-
-// The entry of a handle; null for a handle that stands for none.
-template <typename Entry>
-std::shared_ptr<Entry> FindIn(const std::map<Handle, std::shared_ptr<Entry>>& entries,
-                              Handle handle) {
-  const auto found = entries.find(handle);
-  return found == entries.end() ? nullptr : found->second;
-}
-
-}  // namespace
-
 Handle SessionTable::AddContext() {
   std::shared_ptr<AppHost> host = AppHost::Get();
   const std::lock_guard<std::mutex> lock(mutex_);
@@ -113,25 +131,24 @@ Handle SessionTable::AddContext() {
   return last_handle_;
 }
 
-TakenContext SessionTable::TakeContext(Handle context) {
+std::vector<std::shared_ptr<Session>> SessionTable::TakeContext(Handle context) {
+  std::shared_ptr<AppHost> host;  // which may end with its last context, but not under the lock
   const std::lock_guard<std::mutex> lock(mutex_);
-  TakenContext taken;
-  taken.sessions.reserve(sessions_.size());
-  const auto entry = contexts_.extract(context);
-  if (entry.empty()) return taken;
-  taken.host = entry.mapped();
-  for (const auto& [handle, session] : sessions_) {
-    if (session->context() == context) taken.sessions.push_back(session);
-  }
+  std::vector<std::shared_ptr<Session>> taken;
+  taken.reserve(sessions_.size());
+  if (const auto entry = contexts_.extract(context); !entry.empty()) host = entry.mapped();
   for (auto at = sessions_.begin(); at != sessions_.end();) {
-    at = at->second->context() == context ? sessions_.erase(at) : std::next(at);
+    const bool is_of_context = at->second->context() == context;
+    if (is_of_context) taken.push_back(at->second);
+    at = is_of_context ? sessions_.erase(at) : std::next(at);
   }
   return taken;
 }
 
 std::shared_ptr<AppHost> SessionTable::FindHost(Handle context) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  return FindIn(contexts_, context);
+  const auto found = contexts_.find(context);
+  return found == contexts_.end() ? nullptr : found->second;
 }
 
 Reply SessionTable::AddSession(const std::shared_ptr<Session>& session, Handle* handle) {
@@ -145,7 +162,8 @@ Reply SessionTable::AddSession(const std::shared_ptr<Session>& session, Handle* 
 
 std::shared_ptr<Session> SessionTable::FindSession(Handle session) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  return FindIn(sessions_, session);
+  const auto found = sessions_.find(session);
+  return found == sessions_.end() ? nullptr : found->second;
 }
 
 std::shared_ptr<Session> SessionTable::TakeSession(Handle session) {

@@ -8,8 +8,27 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/tee_client/app_host.h"
 #include "platform/tee_client/app_session.h"
+#include "platform/tee_client/worker_process.h"
+
+// Where the TAs run: in this process, or in a worker process while TEE_HOST is "process".
+// AppHost is shared by the contexts of this process and ends, with its worker, with the last of
+// them. It may be used from several threads.
+class AppHost {
+ public:
+  // Get returns the host of the contexts that are alive, a new one when there are none.
+  static std::shared_ptr<AppHost> Get();
+  // MakeSession makes a session to the TA of that UUID, to be opened. A worker is started for the
+  // first one, and for the first one after a worker died or in a child of this process.
+  Reply MakeSession(const TEEC_UUID& uuid, std::unique_ptr<AppSession>* session);
+
+ private:
+  std::shared_ptr<WorkerProcess> LiveWorker();
+
+  std::mutex mutex_;
+  std::shared_ptr<WorkerProcess> worker_;
+  const std::shared_ptr<MemoryPool> pool_ = std::make_shared<MemoryPool>();
+};
 
 // Callers hold contexts and sessions by number. Numbers are never used twice, so that a handle
 // kept too long meets nothing, and not somebody else's session. 0 is none.
@@ -31,6 +50,13 @@ class Session {
  private:
   enum class State { kNew, kOpen, kDead, kClosed };
 
+  struct EndCommand {
+    void operator()(CommandMemory* memory) const { memory->EndCommand(); }
+  };
+  using LentMemory = std::unique_ptr<CommandMemory, EndCommand>;
+
+  // Lend has the parameters' memory while the call runs; null, with the reply, when there is none.
+  LentMemory Lend(CommandParameters* parameters, Reply* reply);
   Reply CallApp(uint32_t command, CommandParameters* parameters);
   void CloseLocked();
 
@@ -40,19 +66,14 @@ class Session {
   State state_ = State::kNew;
 };
 
-// A context that was taken out, and what was still open in it.
-struct TakenContext {
-  std::shared_ptr<AppHost> host;
-  std::vector<std::shared_ptr<Session>> sessions;
-};
-
 // SessionTable may be used from several threads. Its methods throw std::bad_alloc.
 class SessionTable {
  public:
   static constexpr size_t kMaxSessions = 64;
 
   Handle AddContext();
-  TakenContext TakeContext(Handle context);
+  // TakeContext removes a context and its sessions, and returns these.
+  std::vector<std::shared_ptr<Session>> TakeContext(Handle context);
   // Null for a context that is gone.
   std::shared_ptr<AppHost> FindHost(Handle context);
 

@@ -89,8 +89,7 @@ TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
 void TEEC_FinalizeContext(TEEC_Context* context) {
   if (context == nullptr) return;
   Answer(nullptr, [&] {
-    const TakenContext taken = Sessions().TakeContext(ToHandle(context->imp));
-    for (const auto& session : taken.sessions) {
+    for (const auto& session : Sessions().TakeContext(ToHandle(context->imp))) {
       session->Close();
     }
     return FromApi(TEEC_SUCCESS);

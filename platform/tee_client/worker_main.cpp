@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -44,43 +45,25 @@ class ServedConnection {
 
   // Answer runs a request; false ends the channel of a client that keeps no rules.
   bool Answer(const WorkerRequest& request, FileDescriptor file, WorkerReply* answer) {
-    const ReferenceLayout layout(request.types, request.params);
     const bool is_open = request.kind == WorkerRequestKind::kOpen;
     if (request.magic != kWorkerMagic || request.kind > WorkerRequestKind::kClose ||
-        is_open != (session_ == nullptr) ||
-        (file.get() >= 0 && !memory_.Attach(std::move(file), kMaxSharedSize)) ||
-        layout.total > memory_.size()) {
+        is_open != (session_ == nullptr) || (file.get() >= 0 && !memory_.Attach(std::move(file))) ||
+        ReferenceLayout(request.types, request.params).total > memory_.size()) {
       return false;
     }
-    TEEC_Operation operation = OperationOn(request, layout);
+    // The request as a caller's operation on the shared memory.
+    TEEC_Operation operation = {1, request.types, {}, nullptr, 0};
+    std::copy(std::begin(request.params), std::end(request.params), operation.params);
+    PointReferences(request.types, memory_.data(), operation.params);
     const Reply reply = Run(request, &operation);
     memory_.EndCommand();
     *answer = {kWorkerMagic, reply.result, reply.origin, {}};
-    for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-      answer->params[i] = operation.params[i];
-      if (IsMemoryReference(TEEC_PARAM_TYPE_GET(request.types, i))) {
-        answer->params[i].tmpref.buffer = nullptr;
-      }
-    }
+    std::copy(std::begin(operation.params), std::end(operation.params), answer->params);
+    PointReferences(request.types, nullptr, answer->params);
     return true;
   }
 
  private:
-  // The request as a caller's operation on the shared memory.
-  TEEC_Operation OperationOn(const WorkerRequest& request, const ReferenceLayout& layout) const {
-    TEEC_Operation operation = {};
-    operation.started = 1;
-    operation.paramTypes = request.types;
-    for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-      TEEC_TempMemoryReference& reference = operation.params[i].tmpref;
-      operation.params[i] = request.params[i];
-      if (IsMemoryReference(TEEC_PARAM_TYPE_GET(request.types, i))) {
-        reference.buffer = reference.size == 0 ? nullptr : memory_.data() + layout.offset[i];
-      }
-    }
-    return operation;
-  }
-
   Reply Run(const WorkerRequest& request, TEEC_Operation* operation) try {
     CommandParameters parameters;
     const TEEC_Result read = parameters.Read(operation);

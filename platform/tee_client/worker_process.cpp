@@ -14,7 +14,6 @@
 #include <string>
 
 #include "platform/tee_client/command_trace.h"
-#include "platform/tee_client/worker_protocol.h"
 
 extern "C" {  // which this header leaves to its user
 #include <sys/pidfd.h>
@@ -82,13 +81,14 @@ std::shared_ptr<WorkerProcess> WorkerProcess::Start() {
 WorkerProcess::WorkerProcess(pid_t pid, FileDescriptor process, Channel control)
     : client_(getpid()), pid_(pid), process_(std::move(process)), control_(std::move(control)) {}
 
+bool WorkerConnection::Receive(WorkerReply* reply, int limit_ms) const {
+  FileDescriptor none;
+  return channel.Receive(reply, sizeof(*reply), &none, limit_ms) && reply->magic == kWorkerMagic;
+}
+
 bool WorkerConnection::AwaitClose(int limit_ms) {
   WorkerReply reply = {};
-  FileDescriptor none;
-  const bool has_come = !is_closing || (channel.Receive(&reply, sizeof(reply), &none, limit_ms) &&
-                                        reply.magic == kWorkerMagic);
-  is_closing = false;
-  return has_come;
+  return !std::exchange(is_closing, false) || Receive(&reply, limit_ms);
 }
 
 WorkerProcess::~WorkerProcess() {

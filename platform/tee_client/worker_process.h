@@ -9,13 +9,14 @@
 
 #include "platform/tee_client/channel.h"
 #include "platform/tee_client/command_memory.h"
-#include "platform/tee_client/idle_pool.h"
+#include "platform/tee_client/worker_protocol.h"
 
 // What a session needs to reach the worker. One session uses it at a time. The answer to its
 // closing is left to whoever uses the connection next, so that nobody waits for it.
 struct WorkerConnection {
   // AwaitClose receives that answer, if there is one; false when it does not come.
   bool AwaitClose(int limit_ms);
+  bool Receive(WorkerReply* reply, int limit_ms) const;
 
   Channel channel;
   CommandMemory memory{CommandMemory::Kind::kShared};

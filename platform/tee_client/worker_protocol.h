@@ -12,8 +12,6 @@
 #include "platform/tee_client/command_parameters.h"
 
 constexpr uint32_t kWorkerMagic = 0x54454532;
-// The memory references of a call together.
-constexpr uint64_t kMaxSharedSize = 64u << 20;
 
 enum class WorkerRequestKind : uint32_t { kOpen = 1, kInvoke, kClose };
 
