@@ -83,10 +83,10 @@ bool NumbersBelongTogether(const RsaNumbers& rsa, BN_CTX* ctx) {
 }
 
 bool CompleteCrt(RsaNumbers* rsa, BN_CTX* ctx) {
-  const Number dmp1, dmq1, iqmp;
-  BN_swap(dmp1, rsa->dmp1);
-  BN_swap(dmq1, rsa->dmq1);
-  BN_swap(iqmp, rsa->iqmp);
+  Number dmp1, dmq1, iqmp;
+  dmp1.swap(rsa->dmp1);
+  dmq1.swap(rsa->dmq1);
+  iqmp.swap(rsa->iqmp);
   return DeriveFromPrimes(rsa, ctx) && BN_cmp(dmp1, rsa->dmp1) == 0 &&
          BN_cmp(dmq1, rsa->dmq1) == 0 && BN_cmp(iqmp, rsa->iqmp) == 0;
 }

@@ -2,12 +2,12 @@
 #include <fcntl.h>
 #include <qavix.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <exception>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <string_view>
 
 namespace {
 
@@ -27,17 +27,14 @@ std::string ToLine(const Event& event) {
 }
 
 // One write a line at the end of the file keeps the lines of several threads, or processes, apart.
-int WriteLine(int descriptor, std::string_view line) {
-  const ssize_t written = TEMP_FAILURE_RETRY(write(descriptor, line.data(), line.size()));
-  return written == static_cast<ssize_t>(line.size()) ? 0 : kFailed;
-}
-
-int Append(const char* path, std::string_view line) {
-  const int descriptor = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+int Append(const char* path, const std::string& line) {
+  const bool is_file = strcmp(path, "-") != 0;
+  const int descriptor =
+      is_file ? open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600) : STDERR_FILENO;
   if (descriptor < 0) return kFailed;
-  const int result = WriteLine(descriptor, line);
-  close(descriptor);
-  return result;
+  const ssize_t written = TEMP_FAILURE_RETRY(write(descriptor, line.data(), line.size()));
+  if (is_file) close(descriptor);
+  return written == static_cast<ssize_t>(line.size()) ? 0 : kFailed;
 }
 
 // Guarded keeps exceptions, which can only be a lack of memory here, on this side of the C face.
@@ -73,10 +70,7 @@ int qavix_send_event(void* event) {
   if (event == nullptr) return kFailed;
   const char* sink = getenv("QAVIX_EVENTS");
   if (sink == nullptr || *sink == '\0') return 0;
-  return Guarded([&] {
-    const std::string line = ToLine(*static_cast<Event*>(event));
-    return std::string_view(sink) == "-" ? WriteLine(STDERR_FILENO, line) : Append(sink, line);
-  });
+  return Guarded([&] { return Append(sink, ToLine(*static_cast<Event*>(event))); });
 }
 
 void qavix_destroy_eventobj(void* event) { delete static_cast<Event*>(event); }

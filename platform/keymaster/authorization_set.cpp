@@ -11,6 +11,13 @@ bool HoldsBytes(const keymaster_key_param_t& param) {
 
 }  // namespace
 
+uint8_t* dup_buffer(const void* buf, size_t size) {
+  if (buf == nullptr) return nullptr;
+  auto* copy = static_cast<uint8_t*>(malloc(size == 0 ? 1 : size));
+  if (copy != nullptr) memcpy(copy, buf, size);
+  return copy;
+}
+
 AuthorizationSet::AuthorizationSet() : elements_(nullptr), size_(0), capacity_(0) {}
 
 AuthorizationSet::~AuthorizationSet() { Clear(); }

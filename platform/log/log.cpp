@@ -9,6 +9,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -29,38 +30,26 @@ int PriorityOf(char letter) {
   return letter == '?' || at == std::string_view::npos ? ANDROID_LOG_UNKNOWN : static_cast<int>(at);
 }
 
-// ReadItem splits one "tag:letter" item. A bare tag stands for all its messages, a bare * for
-// those from debug on; false for an item without a meaning.
-bool ReadItem(std::string_view item, std::string_view* tag, int* priority) {
-  const size_t colon = item.rfind(':');
-  *tag = item.substr(0, colon);
-  if (colon == std::string_view::npos) {
-    *priority = *tag == kAnyTag ? ANDROID_LOG_DEBUG : ANDROID_LOG_VERBOSE;
-    return true;
-  }
-  if (item.size() != colon + 2) return false;
-  *priority = PriorityOf(item[colon + 1]);
-  return *priority != ANDROID_LOG_UNKNOWN;
-}
-
-// ThresholdFor returns the lowest priority that filter lets through for a tag. As logcat does, a
+// ThresholdFor returns the lowest priority that a filter of "tag:letter" items lets through for a
+// tag. As logcat does, a bare tag stands for all its messages, a bare * for those from debug on; a
 // tag's own item beats *, a later item beats an earlier one, and what no item names is shown.
-int ThresholdFor(std::string_view filter, std::string_view tag) {
+int ThresholdFor(const char* filter, std::string_view tag) {
   int any = ANDROID_LOG_VERBOSE;
   int own = ANDROID_LOG_UNKNOWN;
-  constexpr std::string_view kBlanks = " \t\n";
-  for (size_t at = 0; (at = filter.find_first_not_of(kBlanks, at)) != std::string_view::npos;) {
-    const size_t end = filter.find_first_of(kBlanks, at);
-    std::string_view item_tag;
-    int priority = ANDROID_LOG_UNKNOWN;
-    if (ReadItem(filter.substr(at, end - at), &item_tag, &priority)) {
-      if (item_tag == kAnyTag) {
-        any = priority;
-      } else if (item_tag == tag) {
-        own = priority;
-      }
+  std::istringstream items(filter);
+  for (std::string item; items >> item;) {
+    const size_t colon = item.rfind(':');
+    const std::string item_tag = item.substr(0, colon);
+    int priority = item_tag == kAnyTag ? ANDROID_LOG_DEBUG : ANDROID_LOG_VERBOSE;
+    if (colon != std::string::npos) {
+      priority = item.size() == colon + 2 ? PriorityOf(item.back()) : ANDROID_LOG_UNKNOWN;
     }
-    at = end;
+    if (priority == ANDROID_LOG_UNKNOWN) continue;
+    if (item_tag == kAnyTag) {
+      any = priority;
+    } else if (item_tag == tag) {
+      own = priority;
+    }
   }
   return own == ANDROID_LOG_UNKNOWN ? any : own;
 }
@@ -96,10 +85,6 @@ std::string ToLines(int priority, const char* tag, std::string_view text) {
   }
 }
 
-int WriteOnce(std::string_view lines) {
-  return static_cast<int>(TEMP_FAILURE_RETRY(write(STDERR_FILENO, lines.data(), lines.size())));
-}
-
 }  // namespace
 
 int __android_log_print(int priority, const char* tag, const char* format, ...) {
@@ -110,7 +95,10 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
   va_list args;
   va_start(args, format);
   try {
-    written = WriteOnce(ToLines(priority, tag, Format(format, args)));
+    const std::string lines = ToLines(priority, tag, Format(format, args));
+    // In one write: the lines of a message stay together.
+    written =
+        static_cast<int>(TEMP_FAILURE_RETRY(write(STDERR_FILENO, lines.data(), lines.size())));
   } catch (const std::exception&) {
     // No memory for the line: the message is lost, and the result says so.
   }

@@ -19,16 +19,13 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kFailed = -1;
 
-enum class State { kGuarding, kCallingBack, kExpired };
-
 struct Bracket {
   std::string label;
   unsigned timeout;
   void (*callback)(void*);
   void* arg;
   unsigned flags;
-  Clock::time_point deadline;
-  State state;
+  Clock::time_point deadline;  // never once it has expired
 };
 
 // The unit of a time-out is a second, unless a test shortens it.
@@ -63,6 +60,7 @@ class Watchdog {
   Clock::time_point wake_at_ = Clock::time_point::max();
   std::thread::id thread_;
   int last_id_ = 0;
+  int calling_back_ = 0;  // the bracket whose callback runs
 };
 
 int Watchdog::FreeId() {
@@ -105,26 +103,24 @@ int Watchdog::Open(Bracket bracket) {
 
 int Watchdog::Close(int id) {
   std::unique_lock<std::mutex> lock(mutex_);
+  // A callback may close its own bracket; waiting for itself would never end.
   callback_returned_.wait(lock, [&] {
-    const auto found = brackets_.find(id);
-    // A callback may close its own bracket; waiting for itself would never end.
-    return found == brackets_.end() || found->second.state != State::kCallingBack ||
-           std::this_thread::get_id() == thread_;
+    return calling_back_ != id || id == 0 || std::this_thread::get_id() == thread_;
   });
   return brackets_.erase(id) == 0 ? kFailed : 0;
 }
 
 void Watchdog::Expire(std::unique_lock<std::mutex>* lock, int id) {
   Bracket& bracket = brackets_.at(id);
-  bracket.state = State::kCallingBack;
+  bracket.deadline = Clock::time_point::max();
+  calling_back_ = id;
   // Until the callback returns nobody but the callback itself can take the bracket away.
   lock->unlock();
   (void)fprintf(stderr, "watchdog: %s has not ended after %u s (flags %u)\n", bracket.label.c_str(),
                 bracket.timeout, bracket.flags);
   bracket.callback(bracket.arg);
   lock->lock();
-  const auto found = brackets_.find(id);
-  if (found != brackets_.end()) found->second.state = State::kExpired;
+  calling_back_ = 0;
   callback_returned_.notify_all();
 }
 
@@ -135,7 +131,6 @@ void Watchdog::Run() {
     int expired = 0;
     wake_at_ = Clock::time_point::max();
     for (const auto& [id, bracket] : brackets_) {
-      if (bracket.state != State::kGuarding) continue;
       if (bracket.deadline <= now) expired = id;
       wake_at_ = std::min(wake_at_, bracket.deadline);
     }
@@ -164,8 +159,7 @@ int __zubrel_start_ex(const char* label, unsigned timeout, void (*callback)(void
                       unsigned flags) {
   if (label == nullptr || callback == nullptr) return kFailed;
   try {
-    return TheWatchdog().Open(
-        {label, timeout, callback, arg, flags, DeadlineOf(timeout), State::kGuarding});
+    return TheWatchdog().Open({label, timeout, callback, arg, flags, DeadlineOf(timeout)});
   } catch (const std::exception&) {
     return kFailed;
   }
