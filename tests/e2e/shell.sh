@@ -96,6 +96,7 @@ broken() { json 'not o["healthy"] and any(c["grade"] == "broken" and c["advice"]
 
 # What is generated from the help.
 km --help >help
+km help | cmp - help
 sed -n '/^Keys:/,/^Example:/s/^  \([a-z-]*\)  .*/\1/p' help >commands
 [ "$(wc -l <commands)" -gt 24 ] || fail 'the help lists no commands'
 while read -r command; do

@@ -193,7 +193,12 @@ Failure WrongLine(const CLI::Error& error) {
 void RunHelp(const Args& args) {
   const std::string name = args.Text("command");
   if (name.empty()) {
-    fputs(TheApp().help().c_str(), stdout);
+    // App::help() would show the help of the command that runs: this one.
+    fputs(TheApp()
+              .get_formatter()
+              ->make_help(&TheApp(), kProgram, CLI::AppFormatMode::Normal)
+              .c_str(),
+          stdout);
     return;
   }
   const std::vector<std::string> names = CommandNames();
