@@ -194,11 +194,8 @@ void RunHelp(const Args& args) {
   const std::string name = args.Text("command");
   if (name.empty()) {
     // App::help() would show the help of the command that runs: this one.
-    fputs(TheApp()
-              .get_formatter()
-              ->make_help(&TheApp(), kProgram, CLI::AppFormatMode::Normal)
-              .c_str(),
-          stdout);
+    const auto formatter = TheApp().get_formatter();
+    fputs(formatter->make_help(&TheApp(), kProgram, CLI::AppFormatMode::Normal).c_str(), stdout);
     return;
   }
   const std::vector<std::string> names = CommandNames();
