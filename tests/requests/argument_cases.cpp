@@ -46,6 +46,14 @@ void AsPkcs8(Args* a) { a->format = KM_KEY_FORMAT_PKCS8; }
 void AsX509(Args* a) { a->format = KM_KEY_FORMAT_X509; }
 void AsRaw(Args* a) { a->format = KM_KEY_FORMAT_RAW; }
 
+void HollowClient(Args* a) { a->client_id = &kHollowBlob; }
+
+// What is missing last shows in which order the arguments are looked at.
+template <auto... kSets>
+void All(Args* a) {
+  (kSets(a), ...);
+}
+
 template <size_t kLength>
 void InputOf(Args* a) {
   static const keymaster_blob_t input = {fixture().long_input.data(), kLength};
@@ -99,9 +107,9 @@ const std::vector<ArgumentCase> kCases = {
     {"Configure", "no patch level", kInvalid, nullptr, {{KM_TAG_OS_VERSION, 130000}}},
     {"Configure", "no version", kInvalid, nullptr, {{KM_TAG_OS_PATCHLEVEL, 202211}}},
 
-    {"GenerateEc", "no set", kNullPointer, NoParams},
+    {"GenerateEc", "neither set nor key blob", kNullPointer, All<NoParams, NoKeyBlob>},
     {"GenerateEc", "a set without its array", kNullPointer, HollowParams},
-    {"GenerateEc", "no key blob", kNullOutput, NoKeyBlob},
+    {"GenerateEc", "no array and no key blob", kNullOutput, All<HollowParams, NoKeyBlob>},
     {"GenerateRsa", "no key blob", kNullOutput, NoKeyBlob},
     {"GenerateRsa", "no exponent and no size", kInvalid, nullptr, {{KM_TAG_ALGORITHM, 1}}},
     {"GenerateRsa", "an exponent of 33 bits", kInvalid, nullptr, RsaOf(512, 1ull << 32)},
@@ -114,29 +122,34 @@ const std::vector<ArgumentCase> kCases = {
     {"GenerateRsa", "an exponent of 1", KM_ERROR_UNKNOWN_ERROR, nullptr, RsaOf(512, 1)},
     {"GenerateRsa", "an even exponent", KM_ERROR_UNKNOWN_ERROR, nullptr, RsaOf(512, 4)},
 
-    {"ImportRaw", "no set", kNullPointer, NoParams},
-    {"ImportRaw", "no key", kNullPointer, NoInput},
-    {"ImportRaw", "no key blob", kNullOutput, NoKeyBlob},
+    {"ImportRaw", "neither set nor key blob", kNullPointer, All<NoParams, NoKeyBlob>},
+    {"ImportRaw", "neither key nor key blob", kNullPointer, All<NoInput, NoKeyBlob>},
+    {"ImportRaw", "no array and no key blob", kNullOutput, All<HollowParams, NoKeyBlob>},
+    {"ImportRaw", "a set without its array", kMemory, HollowParams},
     {"ImportRaw", "X.509", kBadFormat, AsX509},
     {"ImportRaw", "a key without its bytes", kTeeBadParameters, HollowInput},
     {"ImportEc", "a key without its bytes", kBadFormat, HollowInput},
     {"ImportEc", "no PKCS#8 at all", kBadFormat, InputOf<64>},
     {"ImportEc", "Ed25519", kBadFormat, Ed25519},
 
-    {"ExportRsa", "no key", kNullPointer, NoKey},
+    {"ExportRsa", "neither key nor output", kNullPointer, All<NoKey, NoData>},
     {"ExportRsa", "a key without its bytes", kNullPointer, HollowKey},
-    {"ExportRsa", "no output", kNullOutput, NoData},
+    {"ExportRsa", "no bytes of a client and no output", kNullOutput, All<HollowClient, NoData>},
+    {"ExportRsa", "a client without its bytes", kMemory, HollowClient, {}, {kData}},
     {"ExportRsa", "PKCS#8", kBadFormat, AsPkcs8, {}, {kData}},
     {"ExportRsa", "raw", kBadFormat, AsRaw, {}, {kData}},
 
-    {"GetKeyCharacteristics", "no key", kNullPointer, NoKey},
+    {"GetKeyCharacteristics", "neither key nor output", kNullPointer, All<NoKey, NoCharacteristics>},
     {"GetKeyCharacteristics", "a key without its bytes", kNullPointer, HollowKey},
-    {"GetKeyCharacteristics", "no output", kNullOutput, NoCharacteristics},
+    {"GetKeyCharacteristics", "no bytes of a client and no output", kNullOutput,
+     All<HollowClient, NoCharacteristics>},
+    {"GetKeyCharacteristics", "a client without its bytes", kMemory, HollowClient},
 
-    {"UpgradeKey", "no key", kNullPointer, NoKey},
+    {"UpgradeKey", "neither key nor output", kNullPointer, All<NoKey, NoKeyBlob>},
     {"UpgradeKey", "a key without its bytes", kTeeBadParameters, HollowKey},
-    {"UpgradeKey", "no set", kNullPointer, NoParams},
-    {"UpgradeKey", "no output", kNullOutput, NoKeyBlob},
+    {"UpgradeKey", "neither set nor output", kNullPointer, All<NoParams, NoKeyBlob>},
+    {"UpgradeKey", "no array and no output", kNullOutput, All<HollowParams, NoKeyBlob>},
+    {"UpgradeKey", "a set without its array", kMemory, HollowParams},
 
     {"Deletekey", "no key", kUnimplemented, NoKey},
     {"Deletekey", "a key without its bytes", kUnimplemented, HollowKey},
@@ -149,8 +162,9 @@ const std::vector<ArgumentCase> kCases = {
     {"AttestKey", "device-unique attestation, even if false", kUnimplemented, nullptr,
      {{KM_TAG_OS_VERSION, 1}, {KM_TAG_DEVICE_UNIQUE_ATTESTATION, 0}}},
 
-    {"Begin", "no key", kNullPointer, NoKey},
-    {"Begin", "a key without its bytes", kNullPointer, HollowKey},
+    {"Begin", "neither key nor handle", kNullPointer, All<NoKey, NoNumber>},
+    {"Begin", "no bytes of a key and no handle", kNullPointer, All<HollowKey, NoNumber>},
+    {"Begin", "a set without its array", kMemory, HollowParams, {}, {kParams}},
     {"Begin", "no handle", kMemory, NoNumber},
 
     {"Update", "nowhere to count", kNullOutput, NoNumber},
@@ -173,16 +187,18 @@ const std::vector<ArgumentCase> kCases = {
     {"VerifyAuthorization", "no set", kNullPointer, NoParams, {}, {kParams}},
     {"VerifyAuthorization", "no auth token", kNullPointer, NoInput, {}, {kParams}},
     {"VerifyAuthorization", "no token", kNullPointer, NoToken, {}, {kParams}},
+    {"VerifyAuthorization", "an auth token without its bytes", kMemory, HollowInput, {}, {kParams}},
     {"GetHmacSharingParameters", "no first buffer", kTeeBadParameters, NoHmac1},
     {"GetHmacSharingParameters", "no second buffer", kTeeBadParameters, NoHmac2},
     {"ComputeSharedHmac", "no parameters", kNullPointer, NoSharingParams},
     {"ComputeSharedHmac", "no output", kNullPointer, NoData},
 
     {"ImportWrappedKey", "no wrapper", kNullPointer, NoWrapped},
-    {"ImportWrappedKey", "a wrapper without its bytes", kNullPointer, HollowWrapped},
+    {"ImportWrappedKey", "no bytes of a wrapper and no key blob", kNullPointer,
+     All<HollowWrapped, NoKeyBlob>},
     {"ImportWrappedKey", "no wrapping key", kNullPointer, NoKey},
     {"ImportWrappedKey", "no mask", kNullPointer, NoMask},
-    {"ImportWrappedKey", "no key blob", kNullOutput, NoKeyBlob},
+    {"ImportWrappedKey", "no key blob and no set", kNullOutput, All<NoUnwrappingParams, NoKeyBlob>},
     {"ImportWrappedKey", "no unwrapping set", kNullPointer, NoUnwrappingParams, {}, {}, 1},
     {"ImportWrappedKey", "a mask of 31 bytes", kInvalid, MaskOf<31>, {}, {}, 3},
 
