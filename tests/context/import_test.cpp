@@ -62,23 +62,5 @@ TEST_F(Import, AcceptsTheCurvesThatLibcryptoHas) {
             Run(KM_KEY_FORMAT_PKCS8, kOtherCurvePkcs8));
 }
 
-TEST_F(Import, RejectsPkcs8ThatItCannotRead) {
-  const Bytes good = Pkcs8(SharedRsaKey());
-  const std::string kNone = "E [error] : pkcs8 is NULL", kUnknown = "E [error] : pkey is NULL";
-  const auto type = [](int id) { return "E invalid key type:" + std::to_string(id) + "\n"; };
-  const std::pair<Bytes, std::string> kRows[] = {
-      {Text("not DER"), kNone},
-      {Bytes(good.begin(), good.end() - 1), kNone},
-      {{0x30, 0x0c, 2, 1, 0, 0x30, 4, 6, 2, 0x2a, 3, 4, 1, 0}, kUnknown},  // no known algorithm
-      {Pkcs8(NewKey(EVP_PKEY_ED25519).get()), type(EVP_PKEY_ED25519)},
-      {Pkcs8(NewKey(EVP_PKEY_X25519).get()), type(EVP_PKEY_X25519)}};
-  for (const auto& [key, message] : kRows) {
-    EXPECT_EQ(KM_ERROR_UNSUPPORTED_KEY_FORMAT, Run(KM_KEY_FORMAT_PKCS8, key));
-    EXPECT_EQ((Lines{"I KmImportKey start", message, "E [error] : parse pkcs8 key failed"}),
-              Logged());
-    EXPECT_EQ(CommandIds(), Commands());
-  }
-}
-
 }  // namespace
 }  // namespace test

@@ -129,16 +129,16 @@ TEST_F(KeyMaterial, EcKeyMustBeWhole) {
 TEST_F(KeyMaterial, NeedsABufferAKeyAndALength) {
   const auto rsa = RsaOf({5, 1, 4}), empty = RsaOf({});
   const Pkey pkey = NewEcKey(NID_X9_62_prime256v1);
-  const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(pkey.get());
   Bytes buffer(4096);
   uint32_t length = 0;
   EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), empty.get(), &length));
-  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(nullptr, rsa.get(), &length));
-  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), nullptr, &length));
-  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), rsa.get(), nullptr));
-  EXPECT_NE(0, km41::BuildEcKeyMaterial(nullptr, ec, &length));
-  EXPECT_NE(0, km41::BuildEcKeyMaterial(buffer.data(), nullptr, &length));
-  EXPECT_NE(0, km41::BuildEcKeyMaterial(buffer.data(), ec, nullptr));
+  for (int missing = 0; missing < 3; ++missing) {
+    auto* const out = missing == 0 ? nullptr : buffer.data();
+    auto* const out_length = missing == 2 ? nullptr : &length;
+    EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(out, missing == 1 ? nullptr : rsa.get(), out_length));
+    const EC_KEY* ec = missing == 1 ? nullptr : EVP_PKEY_get0_EC_KEY(pkey.get());
+    EXPECT_NE(0, km41::BuildEcKeyMaterial(out, ec, out_length));
+  }
 }
 
 TEST_F(KeyMaterial, NumbersFitBehindTheirOffset) {

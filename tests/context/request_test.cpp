@@ -47,9 +47,4 @@ Lines RequestTest::Logged() {
   return lines;
 }
 
-EVP_PKEY* SharedRsaKey() {
-  static const Pkey kKey = NewRsaKey(2048);
-  return kKey.get();
-}
-
 }  // namespace test

@@ -70,9 +70,6 @@ class RequestTest : public KeymasterTest {
 
 inline uint32_t Size(const Bytes& bytes) { return static_cast<uint32_t>(bytes.size()); }
 
-// SharedRsaKey is one 2048-bit key of the process, with exponent 65537.
-EVP_PKEY* SharedRsaKey();
-
 }  // namespace test
 
 #endif  // TESTS_CONTEXT_REQUEST_TEST_H
