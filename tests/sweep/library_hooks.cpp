@@ -108,11 +108,24 @@ void* MallocHook(size_t size) {
   return block;
 }
 
+// What the platform's holders zero just before they free it: a device's may have an allocator of
+// its own, so that they must get none of the library's memory and free all of the platform's.
+thread_local const void* t_zeroed_by_holder = nullptr;
+
+void ExplicitBzeroHook(void* block, size_t size) {
+  explicit_bzero(block, size);
+  t_zeroed_by_holder = block;
+}
+
 void FreeHook(void* block) {
+  const bool by_holder = std::exchange(t_zeroed_by_holder, nullptr) == block;
   {
     const std::lock_guard<std::mutex> lock(g_mutex);
     // Only of its own blocks is it known that nobody else left something in them.
     const auto found = g_live.find(block);
+    if (block != nullptr && by_holder != (found == g_live.end())) {
+      ADD_FAILURE() << "the library's memory freed as the platform's, or the other way round";
+    }
     for (const auto& [label, piece] : g_secrets) {
       if (found != g_live.end() &&
           memmem(block, found->second, piece.data(), piece.size()) != nullptr) {
@@ -145,6 +158,9 @@ void RedirectNamed(const std::string& name, Word* slot) {
   static const auto hooks = CryptoHooks(std::make_index_sequence<kCryptoCount>());
   if (name == "malloc") Redirect(slot, reinterpret_cast<Word>(&MallocHook));
   if (name == "free") Redirect(slot, reinterpret_cast<Word>(&FreeHook));
+  if (name == "explicit_bzero" || name == "__explicit_bzero_chk") {
+    Redirect(slot, reinterpret_cast<Word>(&ExplicitBzeroHook));
+  }
   std::istringstream names(kCrypto);
   size_t i = 0;
   for (std::string each; names >> each; ++i) {

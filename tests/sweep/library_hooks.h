@@ -8,13 +8,18 @@
 #include <string>
 #include <vector>
 
-#include "tests/platform/bytes.h"
+#include "tests/platform/keymaster_test.h"
 
 namespace test {
 
 // HookLibrary installs the hooks; more calls do nothing. From then on Call::kMalloc of faults.h
-// is counted here.
+// is counted here, and what the library frees must be its own, what the holders free the
+// platform's.
 void HookLibrary();
+// HookedTest hooks it before it first allocates.
+struct HookedTest : KeymasterTest {
+  HookedTest() { HookLibrary(); }
+};
 
 // As FailCall and CallCount, for all calls into libcrypto that can fail, as they come.
 void FailCrypto(int nth, bool and_later);

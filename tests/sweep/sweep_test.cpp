@@ -60,10 +60,9 @@ const std::vector<FailingCall>& FailingCalls() {
   return calls;
 }
 
-class Sweep : public KeymasterTest, public ::testing::WithParamInterface<Request> {
+class Sweep : public HookedTest, public ::testing::WithParamInterface<Request> {
  protected:
   void SetUp() override {
-    HookLibrary();
     KeymasterTest::SetUp();
     InstallTa();
     for (const auto& [label, secret] : fixture().secrets) {
@@ -299,8 +298,7 @@ TEST_P(Sweep, EveryReplyIsCorrupted) {
 }
 
 // A TA may write more than it reports.
-TEST_F(KeymasterTest, UnreportedOutputIsWiped) {
-  HookLibrary();
+TEST_F(HookedTest, UnreportedOutputIsWiped) {
   keymaster::KeymasterTivasContext km;
   const Bytes& secret = fixture().secrets.at("transit key");
   const Bytes input(0x80001);
@@ -321,8 +319,7 @@ TEST_F(KeymasterTest, UnreportedOutputIsWiped) {
 }
 
 // What stands behind a decoded list must not count.
-TEST_F(KeymasterTest, AKeyWithoutThePurposeDoesNotWrap) {
-  HookLibrary();
+TEST_F(HookedTest, AKeyWithoutThePurposeDoesNotWrap) {
   InstallTa();
   GuardWithPurpose(true);
   ta() = TaScript();

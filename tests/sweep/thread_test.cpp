@@ -14,8 +14,7 @@ namespace {
 
 constexpr size_t kThreads = 8, kRequestsPerThread = 2500;
 
-TEST_F(KeymasterTest, ThreadsServeMixedRequests) {
-  HookLibrary();
+TEST_F(HookedTest, ThreadsServeMixedRequests) {
   InstallTa();
   std::vector<const Request*> requests, imports;
   std::map<const Request*, Outcome> expected;
