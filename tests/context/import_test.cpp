@@ -41,12 +41,10 @@ TEST_F(Import, SendsEcNumbersAtTheirMinimalLength) {
 }
 
 TEST_F(Import, SendsRawBytesFromTheCallersMemory) {
-  for (const size_t length : {size_t{1}, size_t{32}, size_t{100000}}) {
-    const Bytes raw = Ramp(3, length);
-    EXPECT_EQ(0, Run(KM_KEY_FORMAT_RAW, raw));
-    EXPECT_EQ(With(raw), Sent());
-    EXPECT_EQ(raw.data(), platform().invocations[0].params[1].buffer);
-  }
+  const Bytes raw = Ramp(3, 100000);
+  EXPECT_EQ(0, Run(KM_KEY_FORMAT_RAW, raw));
+  EXPECT_EQ(With(raw), Sent());
+  EXPECT_EQ(raw.data(), platform().invocations[0].params[1].buffer);
 }
 
 // Unlike a generated RSA key's, an imported key's blob may be empty.

@@ -4,9 +4,9 @@
 namespace test {
 namespace {
 
-const Bytes kKey = Ramp(0x20, 33), kId = {1, 2, 3, 4}, kApp = {0x41, 0x42, 0x43};
+const Bytes kKey = Ramp(0x20, 33), kApp = {0x41, 0x42, 0x43};
 const keymaster_key_blob_t kStoredKey = KeyBlob(kKey);
-const keymaster_blob_t kIdBlob = Blob(kId), kAppBlob = Blob(kApp), kEmptyBlob = {nullptr, 0};
+const keymaster_blob_t kAppBlob = Blob(kApp), kEmptyBlob = {nullptr, 0};
 
 struct KeyBlobRequest : RequestTest {
   KeyBlobRequest() { args.key = &kStoredKey; }
@@ -15,15 +15,13 @@ struct KeyBlobRequest : RequestTest {
 // ---- Client id and application data, of characteristics and export alike
 
 TEST_F(KeyBlobRequest, BringsClientIdAndApplicationDataThatAreGiven) {
-  const Param id(KM_TAG_APPLICATION_ID, kId), no_id(KM_TAG_APPLICATION_ID, Bytes()),
-      app(KM_TAG_APPLICATION_DATA, kApp);
+  const Param no_id(KM_TAG_APPLICATION_ID, Bytes()), app(KM_TAG_APPLICATION_DATA, kApp);
   const struct {
     const keymaster_blob_t *client_id, *app_data;
     Parts sent;
   } kRows[] = {
       {nullptr, nullptr, {kKey}},
       {nullptr, &kAppBlob, {kKey, TwoLists({}, {app})}},
-      {&kIdBlob, &kAppBlob, {kKey, TwoLists({}, {id, app})}},
       {&kEmptyBlob, nullptr, {kKey, TwoLists({}, {no_id})}},
   };
   for (const auto& row : kRows) {

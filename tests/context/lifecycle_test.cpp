@@ -8,9 +8,8 @@ using Lifecycle = RequestTest;
 
 Parts Versions(uint32_t os, uint32_t patch) { return {Cat({Le32(os), Le32(patch)})}; }
 
-TEST_F(Lifecycle, InitializeConfiguresTheTaAndStoresNothing) {
-  EXPECT_EQ(0, km.Initialize(keymaster::KmVersion::KEYMASTER_4_1));
-  EXPECT_EQ(Versions(120000, 202211), Sent());
+TEST_F(Lifecycle, InitializeStoresNoVersion) {
+  EXPECT_EQ(0, Call("Initialize"));
   unsigned version = 1, patch = 1;
   km.GetSystemVersion(&version, &patch);
   EXPECT_EQ(0u, version + patch);
@@ -26,8 +25,12 @@ TEST_F(Lifecycle, AFailedConfigurationLeavesTheContext) {
 TEST_F(Lifecycle, ContextGoesUpAndDown) {
   platform().init_result = 0xFFFF0001;
   EXPECT_EQ(0xFFFF0001, static_cast<uint32_t>(km.InitTeeContext()));
-  EXPECT_EQ(kBadParameters, km.FinishTeeContext());
+  EXPECT_EQ(kBadParameters, km.FinishTeeContext()) << "a failed replacement leaves none";
   platform().init_result = 0;
+  EXPECT_EQ(0, km.InitTeeContext());
+  FailCall(Call::kMalloc, 1);
+  EXPECT_EQ(TEEC_ERROR_OUT_OF_MEMORY, static_cast<uint32_t>(km.InitTeeContext()));
+  EXPECT_EQ(0u, platform().live_contexts);
   EXPECT_EQ(0, km.InitTeeContext());
   { keymaster::KeymasterTivasContext other; }
   EXPECT_EQ(1u, platform().live_contexts) << "a destructor leaves the context";

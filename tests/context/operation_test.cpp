@@ -150,9 +150,6 @@ TEST_F(Finish, PacksInputAndSignature) {
     EXPECT_EQ((Bytes{1, 2}), BlobBytes(outputs.data));
     EXPECT_EQ("900003e9:aa", Describe(outputs.params));
   }
-}
-
-TEST_F(Finish, NeedsNeitherArgumentsNorOutputs) {
   args.params = nullptr;
   args.out_params = nullptr;
   args.data = nullptr;

@@ -116,18 +116,6 @@ TEST_F(WrappedImport, NeedsAMaskAsLongAsTheTransitKey) {
   EXPECT_NE(kBadArgument, Run(wrapper.Encode(), {})) << "nothing to unmask";
 }
 
-TEST_F(WrappedImport, ReplacesTheSecureIdByTheAuthTokensAuthenticator) {
-  // The request table's secure ids are 1 of the password and 2 of the fingerprint.
-  for (const auto& [type, id] : {std::pair{1u, 1u}, {2u, 2u}, {3u, 7u}}) {
-    Wrapper other;
-    other.auth_token = AuthToken(0, 0, type);
-    EXPECT_EQ(0, Run(other.Encode()));
-    EXPECT_EQ(TwoLists({{KM_TAG_ALGORITHM, 32}, {KM_TAG_KEY_SIZE, 256}},
-                       {{KM_TAG_USER_SECURE_ID, id}, {KM_TAG_AUTH_TOKEN, other.auth_token}}),
-              Sent(kImport)[0]);
-  }
-}
-
 TEST_F(WrappedImport, UnwrappingNeedsPlacesForListAndFormat) {
   keymaster::TKeymasterBlob<keymaster_key_blob_t> wrapped;
   keymaster::AuthorizationSet list;

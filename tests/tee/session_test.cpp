@@ -98,16 +98,5 @@ TEST_F(Context, IsReplacedAndFinishedOnce) {
   EXPECT_EQ(Lines(), Log());
 }
 
-TEST_F(Context, AFailedReplacementLeavesNone) {
-  for (const Call call : {Call::kMalloc, Call::kInitContext}) {
-    EXPECT_EQ(0u, Ts_Initcontext());
-    FailCall(call, 1);
-    EXPECT_EQ(call == Call::kMalloc ? TEEC_ERROR_OUT_OF_MEMORY : kInjectedTeeError,
-              Ts_Initcontext());
-    EXPECT_EQ(0u, platform().live_contexts);
-    EXPECT_EQ(TEEC_ERROR_BAD_PARAMETERS, TeeAbort(1));
-  }
-}
-
 }  // namespace
 }  // namespace test
