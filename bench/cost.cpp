@@ -6,9 +6,8 @@
 #include <keymaster_tivas_context.h>
 #include <keymaster_ts.h>
 #include <stdio.h>
+#include <sys/resource.h>
 #include <valgrind/callgrind.h>
-
-#include <fstream>
 
 #include "bench/null_platform.h"
 
@@ -43,9 +42,7 @@ namespace {
 
 template <typename Call>
 void Measure(const char* name, const char* side, Call call) {
-  if (call() != 0) {  // and readies what is made once
-    abort();
-  }
+  if (call() != 0) abort();  // and readies what is made once
   const uint64_t calls = g_calls, bytes = g_bytes;
   CALLGRIND_ZERO_STATS;
   for (int i = 0; i < kRuns; ++i) {
@@ -58,13 +55,10 @@ void Measure(const char* name, const char* side, Call call) {
          static_cast<unsigned long long>(g_bytes - bytes) / kRuns);
 }
 
-// The process's peak resident set in bytes, as the kernel counts it.
 double PeakBytes() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (line.rfind("VmHWM:", 0) != 0 && std::getline(status, line)) {
-  }
-  return 1024 * std::stod(line.substr(6));
+  rusage usage = {};
+  getrusage(RUSAGE_SELF, &usage);
+  return 1024.0 * static_cast<double>(usage.ru_maxrss);
 }
 
 // The peak of one update, in bytes, beyond what was resident before it: output still held.
@@ -95,8 +89,8 @@ int main(int argc, char** argv) {
     const bench::Script script = bench::Record(request);
     bench::Play(&script);
     bench::RepeatedRequest repeated(request);
-    Measure(request.name, "library", [&] { return repeated.Run(); });
-    Measure(request.name, "floor", [&] { return repeated.RunRaw(script); });
+    Measure(request.name, "library", [&] { return repeated.Run(nullptr); });
+    Measure(request.name, "floor", [&] { return repeated.Run(&script); });
   }
   return 0;
 }

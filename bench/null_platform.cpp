@@ -47,16 +47,22 @@ void Reply(const Exchange& exchange, TEEC_Operation* operation) {
   }
 }
 
-void FreeAndClear(test::Outputs* outputs) {
-  free(const_cast<uint8_t*>(outputs->key_blob.key_material));
-  free(const_cast<uint8_t*>(outputs->data.data));
-  test::FreeSet(&outputs->params);
-  test::FreeSet(&outputs->characteristics.hw_enforced);
-  test::FreeSet(&outputs->characteristics.sw_enforced);
-  for (size_t i = 0; i < outputs->chain.entry_count; ++i) {
-    free(const_cast<uint8_t*>(outputs->chain.entries[i].data));
+void Free(const test::Outputs& outputs) {
+  free(const_cast<uint8_t*>(outputs.key_blob.key_material));
+  free(const_cast<uint8_t*>(outputs.data.data));
+  for (keymaster_key_param_set_t set :
+       {outputs.params, outputs.characteristics.hw_enforced, outputs.characteristics.sw_enforced}) {
+    test::FreeSet(&set);
   }
-  free(outputs->chain.entries);
+  for (size_t i = 0; i < outputs.chain.entry_count; ++i) {
+    free(const_cast<uint8_t*>(outputs.chain.entries[i].data));
+  }
+  free(outputs.chain.entries);
+}
+
+void Clear(test::Outputs* outputs) {
+  outputs->params = {};
+  outputs->characteristics = {};
   outputs->key_blob = {};
   outputs->data = {};
   outputs->chain = {};
@@ -91,7 +97,7 @@ int32_t RawCommands(const Script& script) {
 Script Record(const test::Request& request) {
   Script script;
   g_recorded = &script;
-  if (RepeatedRequest(request).Run() != 0) abort();
+  if (RepeatedRequest(request).Run(nullptr) != 0) abort();
   g_recorded = nullptr;
   return script;
 }
@@ -107,37 +113,30 @@ int32_t RawCommand(uint32_t command, TEEC_Operation* operation) {
   const TEEC_UUID uuid = {};
   TEEC_Operation open = {};
   uint32_t origin = 0;
+  TEEC_Result result = TEEC_SUCCESS;
+  const auto guarded = [](const char* label, auto call) {
+    const int id = __zubrel_start_ex(label, 32, nullptr, nullptr, 3);
+    call();
+    zubrel_end(id);
+  };
   zubrel_init();
-  int id = __zubrel_start_ex("open", 32, nullptr, nullptr, 3);
-  TEEC_Result result = TEEC_OpenSession(&context, &session, &uuid, 7, nullptr, &open, &origin);
-  zubrel_end(id);
-  id = __zubrel_start_ex("invoke", 32, nullptr, nullptr, 3);
-  result |= TEEC_InvokeCommand(&session, command, operation, &origin);
-  zubrel_end(id);
-  id = __zubrel_start_ex("close", 32, nullptr, nullptr, 3);
-  TEEC_CloseSession(&session);
-  zubrel_end(id);
+  guarded("open", [&] {
+    result = TEEC_OpenSession(&context, &session, &uuid, 7, nullptr, &open, &origin);
+  });
+  guarded("invoke", [&] { result |= TEEC_InvokeCommand(&session, command, operation, &origin); });
+  guarded("close", [&] { TEEC_CloseSession(&session); });
   return static_cast<int32_t>(result);
 }
 
 RepeatedRequest::RepeatedRequest(const test::Request& request) : method_(*request.method) {
-  outputs_.params = {};
-  outputs_.characteristics = {};
-  outputs_.key_blob = {};
-  outputs_.data = {};
-  outputs_.chain = {};
+  Clear(&outputs_);
   request.Prepare(&args_);
 }
 
-int32_t RepeatedRequest::Run() {
-  const int32_t result = method_.call(args_);
-  FreeAndClear(&outputs_);
-  return result;
-}
-
-int32_t RepeatedRequest::RunRaw(const Script& script) {
-  const int32_t result = RawCommands(script);
-  FreeAndClear(&outputs_);
+int32_t RepeatedRequest::Run(const Script* raw) {
+  const int32_t result = raw == nullptr ? method_.call(args_) : RawCommands(*raw);
+  Free(outputs_);
+  Clear(&outputs_);
   return result;
 }
 

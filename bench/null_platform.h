@@ -36,8 +36,8 @@ int32_t RawCommand(uint32_t command, TEEC_Operation* operation);
 class RepeatedRequest {
  public:
   explicit RepeatedRequest(const test::Request& request);
-  int32_t Run();
-  int32_t RunRaw(const Script& script);
+  // Run makes the request, or with a script the platform calls of that.
+  int32_t Run(const Script* raw);
 
  private:
   const test::Method& method_;

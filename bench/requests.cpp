@@ -18,7 +18,7 @@ void MakeRequest(benchmark::State& state, const test::Request& request, bool is_
   Play(&script);
   RepeatedRequest repeated(request);
   for (auto _ : state) {
-    if ((is_raw ? repeated.RunRaw(script) : repeated.Run()) != 0) {
+    if (repeated.Run(is_raw ? &script : nullptr) != 0) {
       state.SkipWithError("the request failed");
     }
   }

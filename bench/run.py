@@ -195,7 +195,7 @@ def marshalling(results):
 
 
 def growth(results):
-    rows = [(label, *(duration(results["times"][f"growth/{count}/{size}"] / count)
+    rows = [(label, *(duration(results["times"][f"growth/{size}/{count}"] / count)
                       for count in (10, 1000, 100000)))
             for size, label in ((0, "integers"), (16, "16 B"), (1024, "1 KiB"))]
     return table("Growth: time to encode an entry of a set of so many",

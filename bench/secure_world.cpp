@@ -17,14 +17,6 @@ keymaster::KeymasterTivasContext& Km() {
   return context;
 }
 
-struct Set : test::ParamSet {
-  explicit Set(const Params& params) : test::ParamSet({}) {
-    for (const test::Param& param : params) {
-      Add(param);
-    }
-  }
-};
-
 // A kind of operation: how its key is made, and how it is begun.
 struct Operation {
   const char* name;
@@ -33,7 +25,7 @@ struct Operation {
 };
 
 void Run(benchmark::State& state, const Operation& operation) {
-  const Set key_params(operation.key), begin_params(operation.begin);
+  const test::ParamSet key_params(operation.key), begin_params(operation.begin);
   keymaster_key_blob_t key = {};
   if (Km().TivasKmGenerateKey(key_params.get(), &key, nullptr) != 0) state.SkipWithError("no key");
   const Bytes message(1024, 0x42);

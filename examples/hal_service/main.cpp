@@ -11,34 +11,28 @@ namespace {
 // ---- Ownership. What a method writes to an output is malloc memory and the caller's from then
 // on; what a method takes as input stays the caller's. So each output gets an owner right away.
 
-struct OwnedKeyBlob : keymaster_key_blob_t {
-  OwnedKeyBlob() : keymaster_key_blob_t{} {}
-  OwnedKeyBlob(const OwnedKeyBlob&) = delete;
-  ~OwnedKeyBlob() { free(const_cast<uint8_t*>(key_material)); }
-};
-
-struct OwnedBlob : keymaster_blob_t {
-  OwnedBlob() : keymaster_blob_t{} {}
-  OwnedBlob(const OwnedBlob&) = delete;
-  ~OwnedBlob() { free(const_cast<uint8_t*>(data)); }
-};
+void Release(const keymaster_key_blob_t& blob) { free(const_cast<uint8_t*>(blob.key_material)); }
+void Release(const keymaster_blob_t& blob) { free(const_cast<uint8_t*>(blob.data)); }
 
 // Of a parameter set the bytes of each byte value first, then the array.
 void Release(const keymaster_key_param_set_t& set) {
   for (size_t i = 0; i < set.length; ++i) {
     const keymaster_tag_type_t type = keymaster_tag_get_type(set.params[i].tag);
-    if (type == KM_BYTES || type == KM_BIGNUM) free(const_cast<uint8_t*>(set.params[i].blob.data));
+    if (type == KM_BYTES || type == KM_BIGNUM) Release(set.params[i].blob);
   }
   free(set.params);
 }
 
-struct OwnedCharacteristics : keymaster_key_characteristics_t {
-  OwnedCharacteristics() : keymaster_key_characteristics_t{} {}
-  OwnedCharacteristics(const OwnedCharacteristics&) = delete;
-  ~OwnedCharacteristics() {
-    Release(hw_enforced);
-    Release(sw_enforced);
-  }
+void Release(const keymaster_key_characteristics_t& characteristics) {
+  Release(characteristics.hw_enforced);
+  Release(characteristics.sw_enforced);
+}
+
+template <typename Output>
+struct Owned : Output {
+  Owned() : Output{} {}
+  Owned(const Owned&) = delete;
+  ~Owned() { Release(*this); }
 };
 
 // ---- Errors. A result is 0, a keymaster error (of the library or of the TA), or the TEE's own
@@ -72,7 +66,7 @@ keymaster_error_t MakeKey(keymaster::KeymasterTivasContext* context, keymaster_k
   };
   params.back().boolean = true;
   const keymaster_key_param_set_t description = {params.data(), params.size()};
-  OwnedCharacteristics characteristics;
+  Owned<keymaster_key_characteristics_t> characteristics;
   const int32_t result = context->TivasKmGenerateKey(&description, key, &characteristics);
   if (result != 0) return ToKeystore("generate", result);
   printf("key of %zu bytes, %zu characteristics\n", key->key_material_size,
@@ -103,12 +97,12 @@ keymaster_error_t Operate(keymaster::KeymasterTivasContext* context, keymaster_p
 }
 
 bool Serve(keymaster::KeymasterTivasContext* context) {
-  OwnedKeyBlob key;
+  Owned<keymaster_key_blob_t> key;
   if (MakeKey(context, &key) != KM_ERROR_OK) return false;
 
   const uint8_t text[] = {'o', 'f', ' ', 'a', ' ', 'c', 'l', 'i', 'e', 'n', 't'};
   const keymaster_blob_t message = {text, sizeof(text)};
-  OwnedBlob signature;
+  Owned<keymaster_blob_t> signature;
   if (Operate(context, KM_PURPOSE_SIGN, key, message, nullptr, &signature) != KM_ERROR_OK) {
     return false;
   }
@@ -119,7 +113,7 @@ bool Serve(keymaster::KeymasterTivasContext* context) {
   printf("\n");
 
   const keymaster_blob_t other = {text, sizeof(text) - 1};
-  OwnedBlob nothing;
+  Owned<keymaster_blob_t> nothing;
   return Operate(context, KM_PURPOSE_VERIFY, key, message, &signature, &nothing) == KM_ERROR_OK &&
          Operate(context, KM_PURPOSE_VERIFY, key, other, &signature, &nothing) ==
              KM_ERROR_VERIFICATION_FAILED;
