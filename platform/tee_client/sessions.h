@@ -8,8 +8,7 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/tee_client/app_session.h"
-#include "platform/tee_client/worker_process.h"
+#include "platform/tee_client/worker.h"
 
 // Where the TAs run: in this process, or in a worker process while TEE_HOST is "process".
 // AppHost is shared by the contexts of this process and ends, with its worker, with the last of

@@ -15,7 +15,6 @@
 
 #include "platform/tee_client/built_in_apps.h"
 #include "platform/tee_client/sessions.h"
-#include "platform/tee_client/worker_protocol.h"
 
 namespace {
 

@@ -15,9 +15,8 @@
 #include <future>
 #include <thread>
 
-#include "platform/tee_client/remote_session.h"
 #include "platform/tee_client/sessions.h"
-#include "platform/tee_client/worker_protocol.h"
+#include "platform/tee_client/worker.h"
 #include "tests/ta/ta_client.h"
 #include "tests/tee_process/failing_app.h"
 
