@@ -26,14 +26,6 @@ TEEC_Result NoteFailure(TEEC_Result code, const char* function, uint32_t line) {
   return code;
 }
 
-void Fail(TEEC_Result code, const char* function, uint32_t line) {
-  throw Failure{NoteFailure(code, function, line)};
-}
-
-void Fail(keymaster_error_t code, const char* function, uint32_t line) {
-  Fail(static_cast<TEEC_Result>(code), function, line);
-}
-
 void Reply(ByteView bytes, TaParam* output, const char* function, uint32_t line) {
   const uint32_t capacity = output->size;
   output->size = static_cast<uint32_t>(bytes.size);

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
+#include "ta/auth.h"
 #include "ta/commands.h"
-#include "ta/device_state.h"
 #include "ta/evp.h"
 #include "ta/state.h"
 

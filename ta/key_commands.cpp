@@ -1,5 +1,5 @@
+#include "ta/auth.h"
 #include "ta/commands.h"
-#include "ta/device_state.h"
 #include "ta/key.h"
 #include "ta/key_description.h"
 #include "ta/key_material.h"

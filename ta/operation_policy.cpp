@@ -1,6 +1,5 @@
 // Who may use a key, for what and when.
 #include "ta/auth.h"
-#include "ta/device_state.h"
 #include "ta/key_description.h"
 #include "ta/operation.h"
 

@@ -75,9 +75,8 @@ void AppendEntries(const ParamSet& params, Bytes* entries, Bytes* blobs) {
 bool IsByteValued(uint32_t tag) { return tag >> 28 == 8 || tag >> 28 == 9; }
 
 void ParamSet::Remove(Tag tag) {
-  params_.erase(std::remove_if(params_.begin(), params_.end(),
-                               [tag](const Param& param) { return param.tag == tag; }),
-                params_.end());
+  erase(std::remove_if(begin(), end(), [tag](const Param& param) { return param.tag == tag; }),
+        end());
 }
 
 void ParamSet::Set(Tag tag, uint64_t value) {
@@ -86,19 +85,19 @@ void ParamSet::Set(Tag tag, uint64_t value) {
 }
 
 const Param* ParamSet::Find(Tag tag) const {
-  for (const Param& param : params_) {
+  for (const Param& param : *this) {
     if (param.tag == tag) return &param;
   }
   return nullptr;
 }
 
 size_t ParamSet::Count(Tag tag) const {
-  return static_cast<size_t>(std::count_if(params_.begin(), params_.end(),
-                                           [tag](const Param& param) { return param.tag == tag; }));
+  return static_cast<size_t>(
+      std::count_if(begin(), end(), [tag](const Param& param) { return param.tag == tag; }));
 }
 
 bool ParamSet::Contains(Tag tag, uint64_t value) const {
-  return std::any_of(params_.begin(), params_.end(), [tag, value](const Param& param) {
+  return std::any_of(begin(), end(), [tag, value](const Param& param) {
     return param.tag == tag && param.value == value;
   });
 }

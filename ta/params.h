@@ -33,13 +33,11 @@ struct Param {
 bool IsByteValued(uint32_t tag);
 
 // ParamSet is an ordered list of parameters; a tag may occur more than once. Not thread-safe.
-class ParamSet {
+class ParamSet : public std::vector<Param> {
  public:
-  void Add(Tag tag, uint64_t value) { params_.push_back({tag, value, {}}); }
-  void AddBytes(Tag tag, ByteView bytes) {
-    params_.push_back({tag, 0, Bytes(bytes.begin(), bytes.end())});
-  }
-  void Add(const Param& param) { params_.push_back(param); }
+  void Add(Tag tag, uint64_t value) { push_back({tag, value, {}}); }
+  void AddBytes(Tag tag, ByteView bytes) { push_back({tag, 0, Bytes(bytes.begin(), bytes.end())}); }
+  void Add(const Param& param) { push_back(param); }
   // Remove drops every parameter of that tag.
   void Remove(Tag tag);
   // Set leaves exactly one parameter of that tag.
@@ -58,14 +56,6 @@ class ParamSet {
   // BytesOf returns the bytes of the first parameter of that tag, an empty view without one. The
   // view lives as long as the set is not changed.
   ByteView BytesOf(Tag tag) const;
-
-  size_t size() const { return params_.size(); }
-  bool empty() const { return params_.empty(); }
-  std::vector<Param>::const_iterator begin() const { return params_.begin(); }
-  std::vector<Param>::const_iterator end() const { return params_.end(); }
-
- private:
-  std::vector<Param> params_;
 };
 
 // ParseTwoLists reads the two-list form that requests travel in, into one set, first list first.

@@ -37,10 +37,11 @@ TEEC_Result NoteFailure(TEEC_Result code, const char* function = __builtin_FUNCT
                         uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
 // Fail notes a failure and throws it. A keymaster error travels as the TA's result code: its 32
 // bits, unchanged.
-[[noreturn]] void Fail(TEEC_Result code, const char* function = __builtin_FUNCTION(),
-                       uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
-[[noreturn]] void Fail(keymaster_error_t code, const char* function = __builtin_FUNCTION(),
-                       uint32_t line = static_cast<uint32_t>(__builtin_LINE()));
+template <typename Code>
+[[noreturn]] void Fail(Code code, const char* function = __builtin_FUNCTION(),
+                       uint32_t line = static_cast<uint32_t>(__builtin_LINE())) {
+  throw Failure{NoteFailure(static_cast<TEEC_Result>(code), function, line)};
+}
 // FailIf fails if the condition holds.
 template <typename Code>
 void FailIf(bool condition, Code code, const char* function = __builtin_FUNCTION(),

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <thread>
 
-#include "ta/device_state.h"
+#include "ta/auth.h"
 #include "ta/hmac_sharing.h"
 #include "tests/ta/descriptions.h"
 

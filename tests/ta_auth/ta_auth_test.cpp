@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "ta/device_state.h"
+#include "ta/auth.h"
 #include "ta/evp.h"
 #include "ta/hmac_sharing.h"
 #include "tests/ta/ta_client.h"
