@@ -7,7 +7,7 @@
 #include <openssl/err.h>
 
 #include "fuzz/ta_world.h"
-#include "ta/hmac_sharing.h"
+#include "ta/auth.h"
 #include "wire/ta_protocol.h"
 
 namespace {

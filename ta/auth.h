@@ -1,5 +1,5 @@
 // Hardware auth tokens, their verification on behalf of another keymaster instance, and the state
-// of the device that they can change.
+// of the device that they can change. The key that authenticates them is shared.
 //
 // An auth token is 69 bytes (hw_auth_token_t), without padding:
 //   0  1  version, 0
@@ -9,7 +9,7 @@
 //  25  4  authenticator_type: bits HW_AUTH_PASSWORD, HW_AUTH_FINGERPRINT; little-endian, as a
 //         wrapped import reads it, or big-endian, as authenticators elsewhere write it
 //  29  8  timestamp, big-endian: milliseconds since boot (CLOCK_BOOTTIME)
-//  37 32  HMAC-SHA256 of bytes 0 to 36 under the shared HMAC key (hmac_sharing.h)
+//  37 32  HMAC-SHA256 of bytes 0 to 36 under the shared HMAC key
 //
 // The command VerifyAuthorization takes a challenge (8 bytes, little-endian) and an auth token. It
 // replies with the parameters that it checked the token against, which are those among
@@ -22,7 +22,7 @@
 //  28  4  zero
 //  32 32  HMAC-SHA256, under the shared HMAC key, of "Auth Verification", challenge (8), timestamp
 //         (8), security level (4), these three big-endian, and the parameters as a DER
-//         AuthorizationList (attest_extension.h), nothing for none
+//         AuthorizationList (key_description.h), nothing for none
 #ifndef TA_AUTH_H
 #define TA_AUTH_H
 
@@ -74,7 +74,7 @@ uint64_t MillisSinceBoot();
 
 // UpdateBootState applies change (may be null) to this boot's state, beginning a new one with a
 // random nonce when there is none, and returns the result. Threads and processes take turns:
-// neither this nor anything that rests on it (all of this and of hmac_sharing.h) may be called
+// neither this nor anything that rests on it (all of this header) may be called
 // under a StateLock.
 BootState UpdateBootState(const std::function<void(BootState*)>& change = nullptr);
 
@@ -85,6 +85,32 @@ bool EarlyBootHasEnded();
 // verified token or null. One that is newer than the lock, and of a password if the lock asks for
 // that, unlocks the device until the next lock.
 bool DeviceUnlockedFor(const AuthToken* token);
+
+// ---- The HMAC key that all keymaster instances of a device share, and how they agree on it.
+//
+// Every instance has sharing parameters: a seed of 32 bytes that it keeps for good and a nonce of
+// 32 bytes that it draws once a boot. The shared key is
+//   KDF(kKeyAgreementKey, label "KeymasterSharedMac", context seed || nonce || seed || nonce ...)
+// over the parameters of all instances, in the order given. KDF is the counter-mode KDF of
+// SP 800-108 with AES-256-CMAC: the CMAC of
+//   i (4) || label || 0x00 || context || 256 (4), both numbers big-endian
+// is the first 16 bytes of the key for i = 1 and the last 16 for i = 2. Until a sharing was
+// computed since boot, an instance uses the key of its own parameters alone.
+//
+// The command GetHmacSharingParameters replies with the seed (first output) and the nonce (second).
+// ComputeSharedHmac takes seed || nonce of every instance, 64 bytes each, its own among them, and
+// replies with HMAC-SHA256 of "Keymaster HMAC Verification" under the new shared key.
+
+constexpr size_t kSharingSeedSize = 32;
+constexpr size_t kSharingNonceSize = 32;
+constexpr size_t kSharedHmacSize = 32;
+
+// What real instances are given at manufacture. It is published: on a host nothing hangs on it.
+constexpr char kKeyAgreementKey[] = "host stand-in key agreement key.";
+static_assert(sizeof(kKeyAgreementKey) == 32 + 1, "the key agreement key has 32 bytes");
+
+// SharedHmac returns the HMAC-SHA256 of a message under the shared key.
+SecureBytes SharedHmac(ByteView message);
 
 }  // namespace ta
 

@@ -21,7 +21,7 @@ Session*& CurrentSession() {
 
 TEEC_Result NoteFailure(TEEC_Result code, const char* function, uint32_t line) {
   if (Session* session = CurrentSession(); session != nullptr) {
-    session->last_error = {code, line, function};
+    *session = {code, line, function};
   }
   return code;
 }
@@ -154,7 +154,7 @@ ParamSet RequestOf(uint32_t types, const TaParam params[4], uint32_t index) {
 }
 
 void GetErrorRecord(uint32_t, TaParam params[4]) {
-  const ErrorRecord& record = CurrentSession()->last_error;
+  const Session& record = *CurrentSession();
   const ByteView name(std::string_view(record.function));
   Bytes reply;
   AppendInteger<uint32_t>(&reply, record.code);

@@ -95,6 +95,10 @@ void DescribeKey(const ParamSet& description, uint32_t origin, Key* key);
 // SetKeySystemVersion binds a key to the current system version.
 void SetKeySystemVersion(Key* key);
 
+// EncodeAuthorizationList writes the parameters that an attestation's AuthorizationList has a field
+// for as DER, and leaves out the others. KM_TAG_ROOT_OF_TRUST is DER already.
+Bytes EncodeAuthorizationList(const ParamSet& params);
+
 // WallClockMillis is the clock of a key's dates: milliseconds since 1970.
 uint64_t WallClockMillis();
 

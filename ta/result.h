@@ -1,4 +1,4 @@
-// Results of the TA's commands and the error record that a session keeps of its last failure.
+// Results of the TA's commands, and the session that keeps a record of its last failure.
 #ifndef TA_RESULT_H
 #define TA_RESULT_H
 
@@ -15,16 +15,11 @@ struct Failure {
   TEEC_Result code;
 };
 
-// Where and with which code a session last failed; code 0 while it has not.
-struct ErrorRecord {
+// One open session of the TA: where and with which code it last failed; code 0 while it has not.
+struct Session {
   uint32_t code = 0;
   uint32_t line = 0;
   const char* function = "";  // a string literal
-};
-
-// One open session of the TA.
-struct Session {
-  ErrorRecord last_error;
 };
 
 // CurrentSession is the session whose command runs on this thread; null outside of commands.

@@ -5,7 +5,6 @@
 #include <thread>
 
 #include "ta/auth.h"
-#include "ta/hmac_sharing.h"
 #include "tests/ta/descriptions.h"
 
 namespace {

@@ -8,7 +8,6 @@
 
 #include "ta/auth.h"
 #include "ta/evp.h"
-#include "ta/hmac_sharing.h"
 #include "tests/ta/ta_client.h"
 
 namespace {
