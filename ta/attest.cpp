@@ -324,7 +324,7 @@ void AddKeyUsage(X509* leaf, const Key& key) {
 }
 
 // The seconds since 1970 of the first of two dates that the key has.
-uint64_t DateOf(const Key& key, uint32_t tag, uint32_t other_tag, uint64_t otherwise) {
+uint64_t DateOf(const Key& key, Tag tag, Tag other_tag, uint64_t otherwise) {
   const Param* date = key.Find(tag);
   if (date == nullptr) date = key.Find(other_tag);
   return date != nullptr ? date->value / 1000 : otherwise;

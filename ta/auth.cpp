@@ -25,7 +25,7 @@ ParamSet Verifiable(const ParamSet& params) {
   ParamSet verifiable;
   for (const keymaster_tag_t tag : kVerifiableTags) {
     for (const Param& param : params) {
-      if (param.tag == static_cast<uint32_t>(tag)) verifiable.Add(param);
+      if (param.tag == tag) verifiable.Add(param);
     }
   }
   return verifiable;

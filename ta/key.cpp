@@ -26,8 +26,7 @@ constexpr size_t kMaxBlob = size_t{64} * 1024;
 // What a blob is bound to. An absent id and an empty one are the same.
 Bytes BindingOf(const ParamSet& params) {
   Bytes bound;
-  for (const uint32_t tag : {static_cast<uint32_t>(KM_TAG_APPLICATION_ID),
-                             static_cast<uint32_t>(KM_TAG_APPLICATION_DATA)}) {
+  for (const Tag tag : {KM_TAG_APPLICATION_ID, KM_TAG_APPLICATION_DATA}) {
     const ByteView value = params.BytesOf(tag);
     AppendInteger<uint64_t>(&bound, value.size);
     AppendBytes(&bound, value);
@@ -55,7 +54,7 @@ SecureBytes EncodeContent(const Key& key, const ParamSet& params) {
   return content;
 }
 
-uint32_t HardwareValue(const Key& key, uint32_t tag) {
+uint32_t HardwareValue(const Key& key, Tag tag) {
   return static_cast<uint32_t>(key.hw_enforced.Value(tag).value_or(0));
 }
 

@@ -111,7 +111,7 @@ void CheckKeyDescription(const ParamSet& description) {
   };
   for (const auto& [tag, error] : kChecks) {
     for (const Param& param : description) {
-      FailIf(param.tag == static_cast<uint32_t>(tag) && !Knows(algorithm, tag, param.value), error);
+      FailIf(param.tag == tag && !Knows(algorithm, tag, param.value), error);
     }
   }
   FailIf(description.Contains(KM_TAG_USER_SECURE_ID) && description.IsTrue(KM_TAG_NO_AUTH_REQUIRED),
@@ -144,7 +144,7 @@ const Curve* FindCurve(uint32_t Curve::*field, uint64_t value) {
 void DescribeKey(const ParamSet& description, uint32_t origin, Key* key) {
   for (const Param& param : description) {
     for (const KnownTag& known : kKnownTags) {
-      if (static_cast<uint32_t>(known.tag) != param.tag) continue;
+      if (known.tag != param.tag) continue;
       if (known.home == Home::kHardware) key->hw_enforced.Add(param);
       if (known.home == Home::kSoftware) key->sw_enforced.Add(param);
     }

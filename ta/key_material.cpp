@@ -11,10 +11,10 @@ bool IsAsymmetric(uint32_t algorithm) {
   return algorithm == KM_ALGORITHM_RSA || algorithm == KM_ALGORITHM_EC;
 }
 
-Bytes ToBytes(const BIGNUM* number) {
-  Bytes bytes(static_cast<size_t>(BN_num_bytes(number)));
-  BN_bn2bin(number, bytes.data());
-  return bytes;
+const RSA* RsaOf(const Key& key) {
+  const RSA* rsa = EVP_PKEY_get0_RSA(key.pkey.get());
+  RequireCrypto(rsa != nullptr);
+  return rsa;
 }
 
 void SetCurve(const Curve& curve, Key* key) {
@@ -109,7 +109,7 @@ void ImportSymmetric(ByteView material, Key* key) {
 }
 
 // Adds what the description leaves open and refuses what it says otherwise.
-void Reconcile(uint32_t tag, uint64_t actual, ParamSet* description) {
+void Reconcile(Tag tag, uint64_t actual, ParamSet* description) {
   const std::optional<uint64_t> described = description->Value(tag);
   if (!described) description->Add(tag, actual);
   FailIf(described && *described != actual, KM_ERROR_IMPORT_PARAMETER_MISMATCH);
@@ -153,40 +153,35 @@ Key ImportMaterial(ByteView material, ParamSet* description) {
   Reconcile(KM_TAG_KEY_SIZE, key.key_size, description);
   if (key.algorithm == KM_ALGORITHM_EC) Reconcile(KM_TAG_EC_CURVE, key.curve, description);
   if (key.algorithm == KM_ALGORITHM_RSA) {
-    const RSA* rsa = EVP_PKEY_get0_RSA(key.pkey.get());
-    RequireCrypto(rsa != nullptr);
-    Reconcile(KM_TAG_RSA_PUBLIC_EXPONENT, BN_get_word(RSA_get0_e(rsa)), description);
+    Reconcile(KM_TAG_RSA_PUBLIC_EXPONENT, BN_get_word(RSA_get0_e(RsaOf(key))), description);
   }
   return key;
 }
 
 Bytes ExportPublicKey(const Key& key) {
   FailIf(!IsAsymmetric(key.algorithm), KM_ERROR_UNSUPPORTED_KEY_FORMAT);
-  Bytes out;
-  Bytes first, second;
+  const BnPtr x(BN_new()), y(BN_new());
+  RequireCrypto(x != nullptr && y != nullptr);
+  const BIGNUM* numbers[] = {x.get(), y.get()};
   if (key.algorithm == KM_ALGORITHM_RSA) {
-    const RSA* rsa = EVP_PKEY_get0_RSA(key.pkey.get());
-    RequireCrypto(rsa != nullptr);
-    first = ToBytes(RSA_get0_n(rsa));
-    second = ToBytes(RSA_get0_e(rsa));
+    RSA_get0_key(RsaOf(key), &numbers[0], &numbers[1], nullptr);
   } else {
     const EC_KEY* ec = EVP_PKEY_get0_EC_KEY(key.pkey.get());
-    const BnPtr x(BN_new());
-    const BnPtr y(BN_new());
-    RequireCrypto(ec != nullptr && x != nullptr && y != nullptr &&
-                  EC_POINT_get_affine_coordinates_GFp(EC_KEY_get0_group(ec),
-                                                      EC_KEY_get0_public_key(ec), x.get(), y.get(),
-                                                      nullptr) == 1);
-    first = ToBytes(x.get());
-    second = ToBytes(y.get());
+    RequireCrypto(ec != nullptr && EC_POINT_get_affine_coordinates_GFp(
+                                       EC_KEY_get0_group(ec), EC_KEY_get0_public_key(ec), x.get(),
+                                       y.get(), nullptr) == 1);
   }
-  AppendInteger<uint32_t>(&out, key.algorithm);
-  AppendInteger<uint32_t>(&out, key.key_size);
-  AppendInteger<uint32_t>(&out, static_cast<uint32_t>(first.size()));
-  AppendInteger<uint32_t>(&out, static_cast<uint32_t>(second.size()));
-  AppendBytes(&out, first);
-  AppendBytes(&out, second);
-  return out;
+  Bytes header, content;
+  AppendInteger(&header, key.algorithm);
+  AppendInteger(&header, key.key_size);
+  for (const BIGNUM* number : numbers) {
+    Bytes bytes(static_cast<size_t>(BN_num_bytes(number)));
+    BN_bn2bin(number, bytes.data());
+    AppendInteger(&header, static_cast<uint32_t>(bytes.size()));
+    AppendBytes(&content, bytes);
+  }
+  AppendBytes(&header, content);
+  return header;
 }
 
 SecureBytes EncodeSecret(const Key& key) {

@@ -8,8 +8,8 @@ namespace {
 constexpr size_t kEntrySize = 16;
 
 // How much of an entry's value counts, by the type of its tag.
-uint64_t ValueOf(uint32_t tag, uint64_t value) {
-  switch (static_cast<keymaster_tag_type_t>(tag & 0xF0000000)) {
+uint64_t ValueOf(Tag tag, uint64_t value) {
+  switch (keymaster_tag_get_type(tag)) {
     case KM_ENUM:
     case KM_ENUM_REP:
     case KM_UINT:
@@ -37,9 +37,11 @@ bool TakeEntries(ByteReader* reader, ByteView* entries) {
 // amount of memory.
 bool Resolve(ByteView entries, ByteView blobs, size_t* budget, ParamSet* out) {
   ByteReader reader(entries);
-  uint32_t tag = 0, reserved = 0;
+  uint32_t number = 0, reserved = 0;
   uint64_t value = 0;
-  while (reader.TakeInteger(&tag) && reader.TakeInteger(&reserved) && reader.TakeInteger(&value)) {
+  while (reader.TakeInteger(&number) && reader.TakeInteger(&reserved) &&
+         reader.TakeInteger(&value)) {
+    const auto tag = static_cast<Tag>(number);
     if (!IsByteValued(tag)) {
       out->Add(tag, ValueOf(tag, value));
       continue;
@@ -72,7 +74,10 @@ void AppendEntries(const ParamSet& params, Bytes* entries, Bytes* blobs) {
 
 }  // namespace
 
-bool IsByteValued(uint32_t tag) { return tag >> 28 == 8 || tag >> 28 == 9; }
+bool IsByteValued(Tag tag) {
+  const keymaster_tag_type_t type = keymaster_tag_get_type(tag);
+  return type == KM_BIGNUM || type == KM_BYTES;
+}
 
 void ParamSet::Remove(Tag tag) {
   erase(std::remove_if(begin(), end(), [tag](const Param& param) { return param.tag == tag; }),

@@ -11,26 +11,17 @@
 
 namespace ta {
 
-// A tag as requests carry it, 32 bits, or as its name, whose type has a sign.
-class Tag {
- public:
-  constexpr Tag(uint32_t number) : number_(number) {}
-  constexpr Tag(keymaster_tag_t tag) : number_(static_cast<uint32_t>(tag)) {}
-  constexpr operator uint32_t() const { return number_; }
-
- private:
-  uint32_t number_;
-};
+using Tag = keymaster_tag_t;
 
 // One parameter: value for every tag type but the two byte-valued ones, which use bytes.
 struct Param {
-  uint32_t tag = 0;
+  Tag tag = KM_TAG_INVALID;
   uint64_t value = 0;
   Bytes bytes;
 };
 
 // IsByteValued tells whether a tag's type carries bytes.
-bool IsByteValued(uint32_t tag);
+bool IsByteValued(Tag tag);
 
 // ParamSet is an ordered list of parameters; a tag may occur more than once. Not thread-safe.
 class ParamSet : public std::vector<Param> {

@@ -43,20 +43,16 @@ std::string EnsureFolder() {
   return folder;
 }
 
-class File {
- public:
-  explicit File(int fd) : fd_(fd) {}
+struct File {
+  explicit File(int opened) : fd(opened) {}
   File(const std::string& path, int flags) : File(open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
   ~File() {
-    if (fd_ >= 0) close(fd_);
+    if (fd >= 0) close(fd);
   }
   File(const File&) = delete;
   File& operator=(const File&) = delete;
-  int fd() const { return fd_; }
-  bool is_open() const { return fd_ >= 0; }
 
- private:
-  int fd_;
+  const int fd;
 };
 
 void WriteAll(int fd, ByteView content) {
@@ -72,16 +68,16 @@ void WriteAll(int fd, ByteView content) {
 void SyncFolder() {
   const File folder(EnsureFolder(), O_RDONLY | O_DIRECTORY);
   // A file system that cannot do this says EINVAL.
-  RequireState(folder.is_open() && (fsync(folder.fd()) == 0 || errno == EINVAL), "cannot write");
+  RequireState(folder.fd >= 0 && (fsync(folder.fd) == 0 || errno == EINVAL), "cannot write");
 }
 
 // Writes a file of a name nobody else uses and returns the name.
 std::string WriteTemporary(const std::string& path, ByteView content) {
   std::string name = path + ".XXXXXX";
   const File file(mkostemp(name.data(), O_CLOEXEC));
-  RequireState(file.is_open(), "cannot make file");
+  RequireState(file.fd >= 0, "cannot make file");
   try {
-    WriteAll(file.fd(), content);
+    WriteAll(file.fd, content);
   } catch (...) {
     unlink(name.c_str());
     throw;
@@ -112,16 +108,16 @@ std::string StateFile(const std::string& name) { return EnsureFolder() + "/" + n
 
 bool ReadStateFile(const std::string& name, SecureBytes* out) {
   const File file(StateFile(name), O_RDONLY);
-  if (!file.is_open()) {
+  if (file.fd < 0) {
     // What is there and cannot be read must not pass for a fresh start.
     RequireState(errno == ENOENT, "cannot read");
     return false;
   }
   struct stat status {};
-  RequireState(fstat(file.fd(), &status) == 0, "cannot read");
+  RequireState(fstat(file.fd, &status) == 0, "cannot read");
   out->resize(static_cast<size_t>(status.st_size));
   for (size_t done = 0; done < out->size();) {
-    const ssize_t got = TEMP_FAILURE_RETRY(read(file.fd(), out->data() + done, out->size() - done));
+    const ssize_t got = TEMP_FAILURE_RETRY(read(file.fd, out->data() + done, out->size() - done));
     RequireState(got > 0, "cannot read");
     done += static_cast<size_t>(got);
   }

@@ -1,19 +1,20 @@
-#include <errno.h>
 #include <keymaster/keymaster_configuration.h>
 #include <stdlib.h>
+
+#include <charconv>
+#include <string_view>
+#include <system_error>
 
 namespace keymaster {
 namespace {
 
 // A value that is not a plain decimal number of 32 bits counts as not set.
 uint32_t NumberFromEnvironment(const char* name, uint32_t fallback) {
-  const char* text = getenv(name);
-  if (text == nullptr || *text < '0' || *text > '9') return fallback;
-  char* end = nullptr;
-  errno = 0;
-  const unsigned long long value = strtoull(text, &end, 10);
-  return errno == 0 && *end == '\0' && value <= UINT32_MAX ? static_cast<uint32_t>(value)
-                                                           : fallback;
+  const char* variable = getenv(name);
+  const std::string_view text = variable == nullptr ? "" : variable;
+  uint32_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  return error == std::errc() && end == text.data() + text.size() ? value : fallback;
 }
 
 }  // namespace

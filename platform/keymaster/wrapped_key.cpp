@@ -124,29 +124,30 @@ keymaster_error_t CopyBytes(const ASN1_STRING* from, TKeymasterBlob<BlobType>* t
   return KM_ERROR_OK;
 }
 
+bool ReadNumber(const ASN1_TYPE& element, uint64_t* number) {
+  return element.type == V_ASN1_INTEGER &&
+         ASN1_INTEGER_get_uint64(number, element.value.integer) == 1;
+}
+
 // PushElement adds what the element under a field's tag holds.
 keymaster_error_t PushElement(keymaster_tag_t tag, const ASN1_TYPE& element,
                               AuthorizationSet* set) {
   keymaster_key_param_t param = {};
   param.tag = tag;
   const keymaster_tag_type_t type = keymaster_tag_get_type(tag);
+  const bool is_long = type == KM_ULONG || type == KM_ULONG_REP || type == KM_DATE;
   uint64_t number = 0;
-  if (type == KM_BOOL) {
-    if (element.type != V_ASN1_NULL) return KM_ERROR_INVALID_ARGUMENT;
+  if (type == KM_BOOL && element.type == V_ASN1_NULL) {
     param.boolean = true;
-  } else if (type == KM_BYTES) {
-    if (element.type != V_ASN1_OCTET_STRING) return KM_ERROR_INVALID_ARGUMENT;
+  } else if (type == KM_BYTES && element.type == V_ASN1_OCTET_STRING) {
     const ASN1_STRING* bytes = element.value.octet_string;
     param.blob = {ASN1_STRING_get0_data(bytes), static_cast<size_t>(ASN1_STRING_length(bytes))};
-  } else if (element.type != V_ASN1_INTEGER ||
-             ASN1_INTEGER_get_uint64(&number, element.value.integer) != 1) {
+  } else if (type == KM_BOOL || type == KM_BYTES || !ReadNumber(element, &number) ||
+             (!is_long && number > UINT32_MAX)) {
     return KM_ERROR_INVALID_ARGUMENT;
-  } else if (type == KM_ULONG || type == KM_ULONG_REP) {
+  } else if (is_long) {
     param.long_integer = number;
-  } else if (type == KM_DATE) {
-    param.date_time = number;
   } else {
-    if (number > UINT32_MAX) return KM_ERROR_INVALID_ARGUMENT;
     param.integer = static_cast<uint32_t>(number);
   }
   return set->push_back(param) ? KM_ERROR_OK : KM_ERROR_MEMORY_ALLOCATION_FAILED;
@@ -197,16 +198,6 @@ keymaster_error_t PushFields(const Elements& fields, AuthorizationSet* set) {
   return KM_ERROR_OK;
 }
 
-keymaster_error_t ReadKeyFormat(const ASN1_INTEGER* integer, keymaster_key_format_t* key_format) {
-  uint64_t value = 0;
-  if (ASN1_INTEGER_get_uint64(&value, integer) != 1) return KM_ERROR_INVALID_ARGUMENT;
-  if (value != KM_KEY_FORMAT_X509 && value != KM_KEY_FORMAT_PKCS8 && value != KM_KEY_FORMAT_RAW) {
-    return KM_ERROR_INVALID_ARGUMENT;
-  }
-  *key_format = static_cast<keymaster_key_format_t>(value);
-  return KM_ERROR_OK;
-}
-
 keymaster_error_t ReadDescription(const ASN1_STRING* encoding, AuthorizationSet* auth_list,
                                   keymaster_key_format_t* key_format) {
   const Elements description = DecodeSequence(encoding);
@@ -214,7 +205,15 @@ keymaster_error_t ReadDescription(const ASN1_STRING* encoding, AuthorizationSet*
   const Elements fields = DecodeSequence(StringAt(description, 1));
   if (fields == nullptr) return KM_ERROR_INVALID_ARGUMENT;
   const keymaster_error_t error = PushFields(fields, auth_list);
-  return error == KM_ERROR_OK ? ReadKeyFormat(StringAt(description, 0), key_format) : error;
+  if (error != KM_ERROR_OK) return error;
+  uint64_t format = 0;
+  if (!ReadNumber(*sk_ASN1_TYPE_value(description.get(), 0), &format) ||
+      (format != KM_KEY_FORMAT_X509 && format != KM_KEY_FORMAT_PKCS8 &&
+       format != KM_KEY_FORMAT_RAW)) {
+    return KM_ERROR_INVALID_ARGUMENT;
+  }
+  *key_format = static_cast<keymaster_key_format_t>(format);
+  return KM_ERROR_OK;
 }
 
 // Null for anything but a wrapper of version 0.
@@ -226,7 +225,7 @@ Elements ReadWrapper(const TKeymasterBlob<keymaster_key_blob_t>& wrapped_key) {
   const bool is_good =
       HasTypes(wrapper, {V_ASN1_INTEGER, V_ASN1_OCTET_STRING, V_ASN1_OCTET_STRING, V_ASN1_SEQUENCE,
                          V_ASN1_OCTET_STRING, V_ASN1_OCTET_STRING}) &&
-      ASN1_INTEGER_get_uint64(&version, StringAt(wrapper, 0)) == 1 && version == 0;
+      ReadNumber(*sk_ASN1_TYPE_value(wrapper.get(), 0), &version) && version == 0;
   return is_good ? std::move(wrapper) : nullptr;
 }
 
