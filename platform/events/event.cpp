@@ -49,7 +49,8 @@ int Guarded(Body body) {
 
 // A parameter that is set twice keeps its place and takes the later value.
 template <typename Value>
-int Set(void* event, const std::string& name, Value value) {
+int Set(void* event, const char* name, Value value) {
+  if (event == nullptr || name == nullptr) return kFailed;
   return Guarded([&] {
     static_cast<Event*>(event)->params[name] = value;
     return 0;
@@ -76,16 +77,14 @@ int qavix_send_event(void* event) {
 void qavix_destroy_eventobj(void* event) { delete static_cast<Event*>(event); }
 
 int qavix_set_param_integer_v2(void* event, const char* name, long value) {
-  return event == nullptr || name == nullptr ? kFailed : Set(event, name, value);
+  return Set(event, name, value);
 }
 
 int qavix_set_param_string_v2(void* event, const char* name, const char* value) {
-  return event == nullptr || name == nullptr || value == nullptr ? kFailed
-                                                                 : Set(event, name, value);
+  return value == nullptr ? kFailed : Set(event, name, value);
 }
 
 int qavix_set_param(void* event, unsigned short index, const void* value) {
-  return event == nullptr || value == nullptr
-             ? kFailed
-             : Set(event, std::to_string(index), static_cast<const char*>(value));
+  return qavix_set_param_string_v2(event, std::to_string(index).c_str(),
+                                   static_cast<const char*>(value));
 }

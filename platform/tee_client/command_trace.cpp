@@ -17,19 +17,14 @@ namespace {
 
 using namespace km41;  // the protocol's constants
 
-// What a memory reference holds: the lists are serialised key parameters.
-enum class Content { kSecret, kPlain, kOneList, kTwoLists };
+// What a memory reference holds: a secret, anything else, or that many lists of key parameters.
+enum Content { kHidden = -1, kPlain, kOne, kTwo };
 
 struct CommandName {
   uint32_t id;
   const char* name;
   Content content[4];
 };
-
-constexpr Content kHidden = Content::kSecret;
-constexpr Content kPlain = Content::kPlain;
-constexpr Content kOne = Content::kOneList;
-constexpr Content kTwo = Content::kTwoLists;
 
 constexpr CommandName kCommands[] = {
     {kCmdConfigure, "Configure", {kPlain, kPlain, kPlain, kPlain}},
@@ -161,11 +156,11 @@ std::string ParamText(uint32_t tag, const uint8_t* value, const Blobs& blobs) {
 
 // One line, begun with label, for each parameter of a buffer of one or two lists, and one that says
 // so when the buffer is not of that form. Secret values appear only with_secrets.
-std::string DecodeKeyParams(const std::string& label, const uint8_t* data, uint32_t size,
-                            uint32_t lists, bool with_secrets) {
-  std::vector<std::pair<uint32_t, const uint8_t*>> entries;  // and the list that each is in
+std::string DecodeKeyParams(const std::string& label, const uint8_t* data, uint32_t size, int lists,
+                            bool with_secrets) {
+  std::vector<std::pair<int, const uint8_t*>> entries;  // and the list that each is in
   uint64_t position = 0;
-  for (uint32_t list = 1; list <= lists; ++list) {
+  for (int list = 1; list <= lists; ++list) {
     const uint64_t left = size - position;
     const uint64_t count = left < kCountSize ? 0 : ReadLe(data + position, kCountSize);
     if (left < kCountSize || count > (left - kCountSize) / kEntrySize) {
@@ -220,21 +215,19 @@ std::string Describe(const CommandParameters& parameters, uint32_t index, Reply 
   text += " " + std::to_string(parameters.CapacityOf(index));
   if (IsOutput(type)) text += "->" + std::to_string(ta.size);
   const uint32_t length = LengthOf(parameters, index, reply);
-  return content == Content::kSecret || length == 0 ? text
-                                                    : text + " " + FirstBytes(ta.buffer, length);
+  return content == kHidden || length == 0 ? text : text + " " + FirstBytes(ta.buffer, length);
 }
 
 std::string DescribeKeyParams(const CommandParameters& parameters, Reply reply,
                               const CommandName& command, bool with_secrets) {
   std::string text;
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {
-    const Content content = command.content[i];
-    const uint32_t lists = content == Content::kTwoLists ? 2 : content == Content::kOneList ? 1 : 0;
-    const uint32_t length =
-        IsMemoryReference(parameters.TypeOf(i)) ? LengthOf(parameters, i, reply) : 0;
-    if (lists == 0 || length == 0) continue;
+    if (command.content[i] < kOne || !IsMemoryReference(parameters.TypeOf(i))) continue;
+    const uint32_t length = LengthOf(parameters, i, reply);
+    if (length == 0) continue;
     const std::string label = "tee:   params[" + std::to_string(i) + "]";
-    text += DecodeKeyParams(label, parameters.ta_params()[i].buffer, length, lists, with_secrets);
+    text += DecodeKeyParams(label, parameters.ta_params()[i].buffer, length, command.content[i],
+                            with_secrets);
   }
   return text;
 }
