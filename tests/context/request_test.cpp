@@ -14,10 +14,7 @@ States RequestTest::StateOf(Output output) {
 }
 
 void RequestTest::SetParams(const Params& params) {
-  params_.emplace(std::initializer_list<Param>{});
-  for (const Param& param : params) {
-    params_->Add(param);
-  }
+  params_.emplace(params);
   args.params = params_->get();
 }
 

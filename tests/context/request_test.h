@@ -28,7 +28,6 @@ constexpr int32_t kNullPointer = KM_ERROR_UNEXPECTED_NULL_POINTER,
                   kBadParameters = static_cast<int32_t>(TEEC_ERROR_BAD_PARAMETERS);
 
 // What says that it holds something and does not.
-constexpr keymaster_key_blob_t kHollowKey = {nullptr, 32};
 constexpr keymaster_blob_t kHollowBlob = {nullptr, 32};
 constexpr keymaster_key_param_set_t kHollowSet = {nullptr, 1}, kEmptySet = {nullptr, 0};
 
@@ -67,8 +66,6 @@ class RequestTest : public KeymasterTest {
  private:
   std::optional<ParamSet> params_;
 };
-
-inline uint32_t Size(const Bytes& bytes) { return static_cast<uint32_t>(bytes.size()); }
 
 }  // namespace test
 

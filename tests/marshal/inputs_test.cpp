@@ -120,11 +120,7 @@ TEST_F(Inputs, SecureIdFollowsTheFirstTokensAuthenticator) {
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(&row - kRows);
-    ParamSet set({}), expected({});
-    for (const Param& param : row.params) {
-      set.Add(param);
-      expected.Add(param);
-    }
+    ParamSet set(row.params), expected(row.params);
     UpdateParamsForSecureid(set.get(), 1000, 2000);
     expected[expected[0].tag == KM_TAG_AUTH_TOKEN].long_integer = row.first_id;
     EXPECT_EQ(Describe(*expected.get()), Describe(*set.get()));

@@ -25,19 +25,16 @@ struct FreeKey {
 };
 using Pkey = std::unique_ptr<EVP_PKEY, FreeKey>;
 
-// NewKey makes a key of a type that needs no parameters.
-inline Pkey NewKey(int type, int rsa_bits = 0) {
-  EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_id(type, nullptr);
+inline Pkey NewRsaKey(int bits) {
+  EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr);
   EVP_PKEY* key = nullptr;
-  if (EVP_PKEY_keygen_init(context) != 1 ||
-      (rsa_bits != 0 && EVP_PKEY_CTX_set_rsa_keygen_bits(context, rsa_bits) != 1) ||
+  if (EVP_PKEY_keygen_init(context) != 1 || EVP_PKEY_CTX_set_rsa_keygen_bits(context, bits) != 1 ||
       EVP_PKEY_keygen(context, &key) != 1) {
     abort();
   }
   EVP_PKEY_CTX_free(context);
   return Pkey(key);
 }
-inline Pkey NewRsaKey(int bits) { return NewKey(EVP_PKEY_RSA, bits); }
 
 // ReadPkcs8 decodes a PrivateKeyInfo.
 inline Pkey ReadPkcs8(const Bytes& der) {
