@@ -85,44 +85,15 @@ inline Slot In(Str bytes) { return {TEEC_MEMREF_TEMP_INPUT, std::move(bytes), 0,
 inline Slot Out(uint32_t capacity) { return {TEEC_MEMREF_TEMP_OUTPUT, {}, capacity, 0, 0, {}}; }
 inline Slot InOut(Str in) { return {TEEC_MEMREF_TEMP_INOUT, std::move(in), 4096, 0, 0, {}}; }
 
-struct Ta {
-  void* session = nullptr;
+// The TA's commands, by whichever way they reach it.
+struct Commands {
   Slot slots[4];
-  Ta() {
-    TaParam none[4];
-    kKeymasterTrustedApp.open_session(kKeymasterLoginMethod, 0, none, &session);
-  }
-  ~Ta() { kKeymasterTrustedApp.close_session(session); }
-  Ta(const Ta&) = delete;
-  Ta& operator=(const Ta&) = delete;
-
-  // Runs a command; each buffer is exactly as large as it claims.
-  uint32_t Run(uint32_t command, Slot s0 = {}, Slot s1 = {}, Slot s2 = {}, Slot s3 = {}) {
-    Slot* given[] = {&s0, &s1, &s2, &s3};
-    std::vector<uint8_t> memory[4];
-    TaParam params[4];
-    uint32_t types = 0;
-    for (uint32_t i = 0; i < 4; ++i) {
-      slots[i] = *given[i];
-      types |= slots[i].type << (4 * i);
-      memory[i].assign(slots[i].in.begin(), slots[i].in.end());
-      memory[i].resize(std::max<size_t>(slots[i].in.size(), slots[i].capacity));
-      memory[i].shrink_to_fit();
-      params[i].size = static_cast<uint32_t>(memory[i].size());
-      params[i].buffer = params[i].size == 0 ? nullptr : memory[i].data();
-      params[i].a = slots[i].a;
-      params[i].b = slots[i].b;
-    }
-    const uint32_t result = kKeymasterTrustedApp.invoke(session, command, types, params);
-    for (uint32_t i = 0; i < 4; ++i) {
-      slots[i].a = params[i].a;
-      slots[i].b = params[i].b;
-      if (result != 0) continue;
-      EXPECT_LE(params[i].size, memory[i].size());
-      slots[i].out.assign(memory[i].begin(), memory[i].begin() + params[i].size);
-    }
-    return result;
-  }
+  Commands() = default;
+  virtual ~Commands() = default;
+  Commands(const Commands&) = delete;
+  Commands& operator=(const Commands&) = delete;
+  virtual uint32_t Run(uint32_t command, Slot s0 = {}, Slot s1 = {}, Slot s2 = {},
+                       Slot s3 = {}) = 0;
 
   uint32_t Configure(uint32_t os_version, uint32_t patchlevel) {
     return Run(kCmdConfigure, {TEEC_VALUE_INPUT, {}, 0, os_version, patchlevel, {}});
@@ -181,6 +152,43 @@ struct Ta {
   }
   uint32_t Add(uint32_t result) {
     if (result == 0) output += slots[3].out;
+    return result;
+  }
+};
+
+struct Ta : Commands {
+  void* session = nullptr;
+  Ta() {
+    TaParam none[4];
+    kKeymasterTrustedApp.open_session(kKeymasterLoginMethod, 0, none, &session);
+  }
+  ~Ta() override { kKeymasterTrustedApp.close_session(session); }
+
+  // Runs a command; each buffer is exactly as large as it claims.
+  uint32_t Run(uint32_t command, Slot s0 = {}, Slot s1 = {}, Slot s2 = {}, Slot s3 = {}) override {
+    Slot* given[] = {&s0, &s1, &s2, &s3};
+    std::vector<uint8_t> memory[4];
+    TaParam params[4];
+    uint32_t types = 0;
+    for (uint32_t i = 0; i < 4; ++i) {
+      slots[i] = *given[i];
+      types |= slots[i].type << (4 * i);
+      memory[i].assign(slots[i].in.begin(), slots[i].in.end());
+      memory[i].resize(std::max<size_t>(slots[i].in.size(), slots[i].capacity));
+      memory[i].shrink_to_fit();
+      params[i].size = static_cast<uint32_t>(memory[i].size());
+      params[i].buffer = params[i].size == 0 ? nullptr : memory[i].data();
+      params[i].a = slots[i].a;
+      params[i].b = slots[i].b;
+    }
+    const uint32_t result = kKeymasterTrustedApp.invoke(session, command, types, params);
+    for (uint32_t i = 0; i < 4; ++i) {
+      slots[i].a = params[i].a;
+      slots[i].b = params[i].b;
+      if (result != 0) continue;
+      EXPECT_LE(params[i].size, memory[i].size());
+      slots[i].out.assign(memory[i].begin(), memory[i].begin() + params[i].size);
+    }
     return result;
   }
 };

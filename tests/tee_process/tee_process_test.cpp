@@ -45,23 +45,20 @@ std::vector<pid_t> Children(pid_t parent = getpid()) {
   return found;
 }
 
-struct Client {
+struct Client : Commands {
   TEEC_Context context = {};
   TEEC_Session session = {};
   uint32_t origin = 0;
-  Slot slots[4];
-  explicit Client(const TEEC_UUID& app) {
+  explicit Client(const TEEC_UUID& app, uint32_t opened = 0) {
     EXPECT_EQ(TEEC_InitializeContext(nullptr, &context), 0u);
-    EXPECT_EQ(Open(&session, app), 0u);
+    EXPECT_EQ(Open(&session, app), opened);
   }
-  ~Client() { TEEC_FinalizeContext(&context); }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
+  ~Client() override { TEEC_FinalizeContext(&context); }
 
   uint32_t Open(TEEC_Session* opened, const TEEC_UUID& app = kFailingApp) {
     return TEEC_OpenSession(&context, opened, &app, 7, nullptr, nullptr, &origin);
   }
-  uint32_t Run(uint32_t command, Slot s0 = {}, Slot s1 = {}, Slot s2 = {}, Slot s3 = {}) {
+  uint32_t Run(uint32_t command, Slot s0 = {}, Slot s1 = {}, Slot s2 = {}, Slot s3 = {}) override {
     return RunOn(&session, command, {s0, s1, s2, s3});
   }
   uint32_t RunOn(TEEC_Session* on, uint32_t command, const std::vector<Slot>& given) {
@@ -85,19 +82,9 @@ struct Client {
     }
     return result;
   }
-  // Stores the operation's handle as the TA takes it.
-  uint32_t Begin(const Str& blob, Str* handle) {
-    const Slot value = {TEEC_VALUE_INOUT, {}, 0, KM_PURPOSE_SIGN, 0, {}};
-    const Str params = Wire({{KM_TAG_MAC_LENGTH, 256}});
-    const uint32_t result = Run(kCmdBegin, In(blob), In(params), Out(4096), value);
-    *handle = Le(slots[3].a, 4) + Le(slots[3].b, 4);
-    return result;
-  }
-  Str Sign(const Str& blob) {
-    Str handle;
-    EXPECT_EQ(Begin(blob, &handle), 0u);
-    EXPECT_EQ(Run(kCmdFinish, {}, {}, InOut(handle), Out(64)), 0u);
-    return slots[3].out;
+  Str Sign() {
+    EXPECT_EQ(Operate(kSign, {{KM_TAG_MAC_LENGTH, 256}}, "", 1), 0u);
+    return output;
   }
 };
 
@@ -129,23 +116,18 @@ class TeeProcess : public testing::Test {
 };
 
 TEST_F(TeeProcess, AKilledWorkerLosesOperationsAndNoKey) {
-  Str blob, handle, signature;
-  {
-    Client client(kKeymaster);
-    const Slot version = {TEEC_VALUE_INPUT, {}, 0, kOsVersion, kPatchlevel, {}};
-    ASSERT_EQ(client.Run(kCmdConfigure, version), 0u);
-    ASSERT_EQ(client.Run(kCmdGenerateKey, In(Wire(kHmacKey)), {}, Out(4096), Out(4096)), 0u);
-    blob = client.slots[2].out;
-    signature = client.Sign(blob);
-    ASSERT_EQ(client.Begin(blob, &handle), 0u);
-    kill(Children().at(0), SIGKILL);
-    EXPECT_EQ(client.Run(kCmdUpdate, {}, In("x"), InOut(handle), Out(64)), kDead);
-  }
   Client client(kKeymaster);
-  EXPECT_EQ(client.Run(kCmdUpdate, {}, In("x"), InOut(handle), Out(64)),
-            Km(KM_ERROR_INVALID_OPERATION_HANDLE));
-  EXPECT_EQ(client.Sign(blob), signature);
+  ASSERT_EQ(client.Configure(kOsVersion, kPatchlevel), 0u);
+  ASSERT_EQ(client.Generate(kHmacKey), 0u);
+  const Str signature = client.Sign();
   EXPECT_EQ(signature.size(), 32u);
+  ASSERT_EQ(client.Begin(kSign, {{KM_TAG_MAC_LENGTH, 256}}), 0u);
+  kill(Children().at(0), SIGKILL);
+  EXPECT_EQ(client.Update("x"), kDead);
+  TEEC_CloseSession(&client.session);
+  ASSERT_EQ(client.Open(&client.session, kKeymaster), 0u);
+  EXPECT_EQ(client.Update("x"), Km(KM_ERROR_INVALID_OPERATION_HANDLE));
+  EXPECT_EQ(client.Sign(), signature);
 }
 
 TEST_F(TeeProcess, EveryDeathIsTargetDeadUntilTheNextSession) {
@@ -557,15 +539,9 @@ TEST_F(TeeProcess, TheWorkerEndsWithAClientThatIsKilled) {
 TEST_F(TeeProcess, WorkersThatDoNotWorkAreToldApart) {
   for (const char* path : {"/nonexistent", "/bin/true"}) {
     setenv("TEE_WORKER", path, 1);
-    TEEC_Context context = {};
-    TEEC_Session session = {};
-    uint32_t origin = 0;
-    ASSERT_EQ(TEEC_InitializeContext(nullptr, &context), 0u);
     const bool exists = access(path, X_OK) == 0;
-    EXPECT_EQ(TEEC_OpenSession(&context, &session, &kFailingApp, 7, nullptr, nullptr, &origin),
-              exists ? kDead : TEEC_ERROR_COMMUNICATION);
-    EXPECT_EQ(origin, exists ? TEEC_ORIGIN_TEE : TEEC_ORIGIN_COMMS);
-    TEEC_FinalizeContext(&context);
+    const Client client(kFailingApp, exists ? kDead : TEEC_ERROR_COMMUNICATION);
+    EXPECT_EQ(client.origin, exists ? TEEC_ORIGIN_TEE : TEEC_ORIGIN_COMMS);
   }
   // Started, and out of reach for want of a descriptor.
   UseFailingApp();
