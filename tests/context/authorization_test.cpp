@@ -27,9 +27,13 @@ TEST_F(VerifyAuthorization, FillsTheTokenFromTheReply) {
   EXPECT_EQ(kEmpty, StateOf(kParams)) << "nothing was verified";
 }
 
-TEST_F(VerifyAuthorization, RejectsALongerTokenAndKeepsWhatWasVerified) {
-  EXPECT_EQ(KM_ERROR_VERIFICATION_FAILED, Run(Reply::Ok().Out(2, nonce).Out(3, Cat({token, {0}}))));
-  EXPECT_EQ("900003e9:aa", Describe(outputs.params));
+TEST_F(VerifyAuthorization, RejectsATokenOfAnotherLengthAndKeepsWhatWasVerified) {
+  for (const size_t length : {0u, 63u, 65u}) {
+    Bytes other = token;
+    other.resize(length);
+    EXPECT_EQ(KM_ERROR_VERIFICATION_FAILED, Run(Reply::Ok().Out(2, nonce).Out(3, other)));
+    EXPECT_EQ("900003e9:aa", Describe(outputs.params));
+  }
 }
 
 TEST_F(VerifyAuthorization, ReadsVerifiedParametersOnlyIfAskedTo) {

@@ -118,12 +118,12 @@ TEST_F(Export, EncodesEcKeysOfTheCurvesThatLibcryptoHas) {
 }
 
 TEST_F(Export, RejectsRepliesThatAreNoKey) {
-  const Bytes x = Ramp(1, 32);
-  EXPECT_EQ(KM_ERROR_UNKNOWN_ERROR, Run({})) << "not even a header";
-  EXPECT_EQ(KM_ERROR_UNKNOWN_ERROR,
-            Run(Cat({PublicKey(KM_ALGORITHM_RSA, 2048, x, {1, 0, 1}), {0}})));
-  // Lengths that add up only when they wrap.
-  EXPECT_EQ(KM_ERROR_UNKNOWN_ERROR, Run(Cat({Le32(1), Le32(0), Le32(~0u), Le32(5), Bytes(4)})));
+  const Bytes x = Ramp(1, 32), good = PublicKey(KM_ALGORITHM_RSA, 2048, x, {1, 0, 1}),
+              wrapping = Cat({Le32(1), Le32(0), Le32(~0u), Le32(5), Bytes(4)});  // its lengths
+  for (const Bytes& reply : {Bytes(), Bytes(good.begin(), good.begin() + 15),
+                             Bytes(good.begin(), good.end() - 1), Cat({good, {0}}), wrapping}) {
+    EXPECT_EQ(KM_ERROR_UNKNOWN_ERROR, Run(reply)) << reply.size();
+  }
   EXPECT_EQ(KM_ERROR_INVALID_ARGUMENT, Run(PublicKey(KM_ALGORITHM_AES, 256, x, x)));
   EXPECT_EQ(KM_ERROR_INVALID_ARGUMENT, Run(PublicKey(KM_ALGORITHM_EC, 256, {}, {})));
 }
