@@ -105,6 +105,11 @@ TEST_F(Update, AbortsAnOperationWhoseReplyItCannotRead) {
   }
 }
 
+TEST_F(Update, RejectsOutputBeyondItsChunk) {
+  ReplyTo(kCmdUpdate, Reply::Ok().Size(3, 17));
+  EXPECT_EQ(KM_ERROR_UNKNOWN_ERROR, Run(1));
+}
+
 TEST_F(Update, MayCarryAssociatedDataAlone) {
   SetParams({{KM_TAG_ASSOCIATED_DATA, Bytes{2}}});
   args.input = nullptr;

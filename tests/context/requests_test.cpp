@@ -132,7 +132,8 @@ TEST_F(Requests, ReturnCharacteristicsAndParametersAsTheTaWroteThem) {
   }
 }
 
-TEST_F(Requests, AcceptRepliesThatFillTheirBuffer) {
+TEST_F(Requests, AcceptRepliesThatFillTheirBufferAndNoLongerOnes) {
+  constexpr int32_t kUnknown = KM_ERROR_UNKNOWN_ERROR;
   const auto key = [](const Outputs& o) { return BlobBytes(o.key_blob); };
   const auto data = [](const Outputs& o) { return BlobBytes(o.data); };
   const struct {
@@ -140,34 +141,37 @@ TEST_F(Requests, AcceptRepliesThatFillTheirBuffer) {
     uint32_t command;
     int param;
     uint32_t capacity;
+    int32_t if_longer;                            // 0 where the TA's length counts as the capacity
     Bytes (*returned)(const Outputs&) = nullptr;  // the reply as it came
   } kRows[] = {
-      {"GenerateEc", kCmdGenerateKey, 2, 4096, key},
-      {"GenerateEc", kCmdGenerateKey, 3, 4096},
-      {"GenerateRsa", kCmdImportKey, 2, 4096, key},
-      {"GenerateRsa", kCmdImportKey, 3, 4096},
-      {"ImportRaw", kCmdImportKey, 2, 4096, key},
-      {"ImportRaw", kCmdImportKey, 3, 4096},
-      {"GetKeyCharacteristics", kCmdGetKeyCharacteristics, 2, 4096},
-      {"UpgradeKey", kCmdUpgrade, 2, 4096, key},
-      {"AttestKey", kCmdAttestKey, 2, 8192},
-      {"Begin", kCmdBegin, 2, 4096},
-      {"Finish", kCmdFinish, 2, 4096},
-      {"Finish", kCmdFinish, 3, 4096, data},
-      {"VerifyAuthorization", kCmdVerifyAuthorization, 2, 4096},
-      {"ComputeSharedHmac", kCmdComputeSharedHmac, 1, 4096, data},
+      {"GenerateEc", kCmdGenerateKey, 2, 4096, kUnknown, key},
+      {"GenerateEc", kCmdGenerateKey, 3, 4096, kNoMemory},
+      {"GenerateRsa", kCmdImportKey, 2, 4096, kUnknown, key},
+      {"GenerateRsa", kCmdImportKey, 3, 4096, 0},
+      {"ImportRaw", kCmdImportKey, 2, 4096, kUnknown, key},
+      {"ImportRaw", kCmdImportKey, 3, 4096, 0},
+      {"GetKeyCharacteristics", kCmdGetKeyCharacteristics, 2, 4096, kNoMemory},
+      {"UpgradeKey", kCmdUpgrade, 2, 4096, kUnknown, key},
+      {"AttestKey", kCmdAttestKey, 2, 8192, kUnknown},
+      {"Begin", kCmdBegin, 2, 4096, kNoMemory},
+      {"Finish", kCmdFinish, 2, 4096, 0},
+      {"Finish", kCmdFinish, 3, 4096, kUnknown, data},
+      {"VerifyAuthorization", kCmdVerifyAuthorization, 2, 4096, 0},
+      {"ComputeSharedHmac", kCmdComputeSharedHmac, 1, 4096, kUnknown, data},
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(std::string(row.request) + ", parameter " + std::to_string(row.param));
-    const Bytes full = Ramp(1, row.capacity);
     EXPECT_EQ(0, Make(row.request, row.command, [&](Reply* reply, const Answer& usual) {
-                Bytes padded = usual.outputs.at(static_cast<unsigned>(row.param));
-                padded.resize(row.capacity);
-                reply->Out(row.param, row.returned == nullptr ? padded : full);
+                Bytes full = usual.outputs.at(static_cast<unsigned>(row.param));
+                full.resize(row.capacity);
+                reply->Out(row.param, row.returned == nullptr ? full : Ramp(1, row.capacity));
               }));
     if (row.returned != nullptr) {
-      EXPECT_EQ(full, row.returned(outputs));
+      EXPECT_EQ(Ramp(1, row.capacity), row.returned(outputs));
     }
+    EXPECT_EQ(row.if_longer, Make(row.request, row.command, [&](Reply* reply, const Answer&) {
+                reply->Size(row.param, row.capacity + 1);
+              }));
   }
 }
 
