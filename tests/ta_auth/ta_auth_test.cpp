@@ -174,29 +174,34 @@ TEST(DeviceState, YieldsToTheRightTokenAndEndsWithTheBoot) {
 
 TEST(DeviceState, BootsAnewWithoutItsFile) {
   Keymaster instance;
-  const Ps early = kAes + P(KM_TAG_EARLY_BOOT_ONLY, 1);
+  const struct {
+    P limit;
+    uint32_t command;  // with which the key's use ends, after two, if it has to be told
+    Slot value;
+    keymaster_error_t error;
+  } rows[] = {
+      {{KM_TAG_EARLY_BOOT_ONLY, 1}, kCmdEarlyBootEnded, {}, KM_ERROR_EARLY_BOOT_ENDED},
+      {{KM_TAG_UNLOCKED_DEVICE_REQUIRED, 1},
+       kCmdDeviceLocked,
+       {TEEC_VALUE_INPUT, {}, 0, 0, 0, {}},
+       KM_ERROR_DEVICE_LOCKED},
+      {{KM_TAG_MAX_USES_PER_BOOT, 2}, 0, {}, KM_ERROR_KEY_MAX_OPS_EXCEEDED},
+    EXPECT_EQ(instance.Generate(kAes + rows[0].limit), Km(KM_ERROR_EARLY_BOOT_ENDED));
+  };
   for (int boot = 0; boot < 2; ++boot) {
     const Str own = instance.SharingParameters();
-    EXPECT_EQ(instance.Generate(early), 0u);
-    const Str early_key = instance.blob;
-    EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), 0u);
-    EXPECT_EQ(instance.Run(kCmdEarlyBootEnded), 0u);
-    EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), Km(KM_ERROR_EARLY_BOOT_ENDED));
-    EXPECT_EQ(instance.Generate(early), Km(KM_ERROR_EARLY_BOOT_ENDED));
-
-    const Slot lock = {TEEC_VALUE_INPUT, {}, 0, 0, 0, {}};
-    EXPECT_EQ(instance.Run(kCmdDeviceLocked, lock), 0u);
-    EXPECT_EQ(instance.Generate(kAes + P(KM_TAG_UNLOCKED_DEVICE_REQUIRED, 1)), 0u);
-    EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), Km(KM_ERROR_DEVICE_LOCKED));
-    const Str locked_key = instance.blob;
-
-    EXPECT_EQ(instance.Generate(kAes + P(KM_TAG_MAX_USES_PER_BOOT, 2)), 0u);
-    const Str counted_key = instance.blob;
-    for (const uint32_t result : {0u, 0u, Km(KM_ERROR_KEY_MAX_OPS_EXCEEDED)}) {
-      EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), result);
+    std::vector<Str> keys;
+    for (const auto& row : rows) {
+      EXPECT_EQ(instance.Generate(kAes + row.limit), 0u);
+      for (int use = 0; use < 2; ++use) {
+        EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), 0u);
+      }
+      EXPECT_TRUE(row.command == 0 || instance.Run(row.command, row.value) == 0);
+      EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), Km(row.error));
+      keys.push_back(instance.blob);
     }
     std::filesystem::remove(instance.folder + "/boot_state");
-    for (const Str& key : {early_key, locked_key, counted_key}) {
+    for (const Str& key : keys) {
       instance.blob = key;
       EXPECT_EQ(instance.TryBegin(kEncrypt, kEcb), 0u);
     }
