@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <openssl/crypto.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -38,21 +37,7 @@ void WriteAll(int fd, const std::string& path, const uint8_t* data, size_t lengt
   }
 }
 
-// Appends, and leaves no copy behind where the bytes were before they had to move.
-void AppendSecret(const uint8_t* data, size_t length, Bytes* to) {
-  if (length > to->capacity() - to->size()) {
-    Bytes larger;
-    larger.reserve(std::max(to->size() + length, 2 * to->capacity()));
-    larger.insert(larger.end(), to->begin(), to->end());
-    OPENSSL_cleanse(to->data(), to->size());
-    to->swap(larger);
-  }
-  to->insert(to->end(), data, data + length);
-}
-
 }  // namespace
-
-Wiped::~Wiped() { OPENSSL_cleanse(bytes.data(), bytes.size()); }
 
 Input::Input(const std::string& path) : path_(path), fd_(STDIN_FILENO) {
   if (path == "-") {
@@ -91,8 +76,7 @@ Bytes ReadFile(const std::string& path) {
   Bytes bytes;
   Bytes piece;
   for (input.Read(64u << 10, &piece); !piece.empty(); input.Read(64u << 10, &piece)) {
-    AppendSecret(piece.data(), piece.size(), &bytes);
-    OPENSSL_cleanse(piece.data(), piece.size());
+    bytes.insert(bytes.end(), piece.begin(), piece.end());
     Require(bytes.size() <= kHeldLimit, path + " is too large for this use");
   }
   return bytes;
@@ -167,7 +151,6 @@ void Output::Name() {
 }
 
 Output::~Output() {
-  OPENSSL_cleanse(held_.data(), held_.size());
   if (fd_ != STDOUT_FILENO && fd_ >= 0) close(fd_);
   if (!temporary_.empty()) unlink(temporary_.c_str());
 }
@@ -180,7 +163,7 @@ void Output::Write(const uint8_t* data, size_t length) {
   }
   Require(length <= kHeldLimit - held_.size(),
           "more than 64 MiB cannot be held until the tag is verified; give --out FILE");
-  AppendSecret(data, length, &held_);
+  held_.insert(held_.end(), data, data + length);
 }
 
 void Output::Commit() {

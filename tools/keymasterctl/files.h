@@ -2,31 +2,42 @@
 #ifndef KEYMASTERCTL_FILES_H
 #define KEYMASTERCTL_FILES_H
 
+#include <openssl/crypto.h>
 #include <stdint.h>
 #include <sys/stat.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-using Bytes = std::vector<uint8_t>;
+// Wiping zeroes what it frees, so that no secret stays behind where a vector grew or ended.
+template <typename T>
+struct Wiping : std::allocator<T> {
+  template <typename Other>
+  struct rebind {
+    using other = Wiping<Other>;
+  };
+  void deallocate(T* data, size_t count) {
+    OPENSSL_cleanse(data, count * sizeof(T));
+    std::allocator<T>::deallocate(data, count);
+  }
+};
 
-// Wiped wipes secret bytes when it goes.
-struct Wiped {
-  Bytes bytes;
-  explicit Wiped(Bytes content) : bytes(std::move(content)) {}
-  ~Wiped();
-  Wiped(const Wiped&) = delete;
-  Wiped& operator=(const Wiped&) = delete;
+using Bytes = std::vector<uint8_t, Wiping<uint8_t>>;
+
+// NotCopied is the base of what owns something that cannot be owned twice.
+struct NotCopied {
+  NotCopied() = default;
+  NotCopied(const NotCopied&) = delete;
+  NotCopied& operator=(const NotCopied&) = delete;
 };
 
 // Input reads a file or standard input in pieces. Failures throw. Standard input is read once.
-class Input {
+class Input : NotCopied {
  public:
   explicit Input(const std::string& path);
   ~Input();
-  Input(const Input&) = delete;
-  Input& operator=(const Input&) = delete;
 
   // Reads the next limit bytes; fewer only at the end of the input. The room of bytes is used
   // again.
@@ -47,7 +58,7 @@ Bytes ReadFile(const std::string& path);
 // Output writes a file that appears under its name, complete, with Commit; without it nothing is
 // left behind. Standard output and other streams are written as the data come. A file that this
 // program has read is never written, whatever its name.
-class Output {
+class Output : NotCopied {
  public:
   enum class Content {
     kText,    // for a terminal too
@@ -61,8 +72,6 @@ class Output {
   };
   Output(const std::string& path, Content content, Existing existing = Existing::kReplace);
   ~Output();
-  Output(const Output&) = delete;
-  Output& operator=(const Output&) = delete;
 
   // Has streams too receive nothing before Commit; at most 64 MiB are held for that.
   void Hold() { hold_ = !is_file_; }

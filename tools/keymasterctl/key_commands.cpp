@@ -55,29 +55,28 @@ void RunGenerate(const Args& args) {
 }
 
 void RunImport(const Args& args) {
-  const Wiped file(ReadFile(args.Text("in", "-")));
+  const Bytes file = ReadFile(args.Text("in", "-"));
   const std::optional<uint32_t> algorithm = AlgorithmOf(args);
   if (args.Has("raw")) {
     // Of the 192 bits of a triple DES key 168 count.
     const size_t bits = algorithm == KM_ALGORITHM_TRIPLE_DES ? 7 : 8;
-    Import(args, {algorithm.value_or(KM_ALGORITHM_AES), file.bytes.size() * bits},
-           KM_KEY_FORMAT_RAW, file.bytes);
+    Import(args, {algorithm.value_or(KM_ALGORITHM_AES), file.size() * bits}, KM_KEY_FORMAT_RAW,
+           file);
     return;
   }
-  PrivateKey key = ReadPrivateKey(file.bytes);
-  const Wiped pkcs8(std::move(key.pkcs8));
+  const PrivateKey key = ReadPrivateKey(file);
   RequireUsage(algorithm.value_or(key.facts.algorithm) == key.facts.algorithm,
                "the input is a key for " + ValueName(KM_TAG_ALGORITHM, key.facts.algorithm));
-  Import(args, key.facts, KM_KEY_FORMAT_PKCS8, pkcs8.bytes);
+  Import(args, key.facts, KM_KEY_FORMAT_PKCS8, key.pkcs8);
 }
 
 void RunImportWrapped(const Args& args) {
   const Bytes wrapped = ReadFile(args.Text("wrapped"));
   const Key wrapping(args, "wrapping-key");
-  const Wiped mask(ReadMask(args));
+  const Bytes mask = ReadMask(args);
   NewKey key(args);
   const keymaster_key_blob_t wrapped_view = KeyView(wrapped);
-  const keymaster_key_blob_t mask_view = KeyView(mask.bytes);
+  const keymaster_key_blob_t mask_view = KeyView(mask);
   ParamList params;
   // With a digest of the user's own the library's defaults, which say SHA-1, do not apply.
   if (const auto digest = args.Value("digest", KM_TAG_DIGEST); digest) {

@@ -1,7 +1,5 @@
 #include "tools/keymasterctl/operation.h"
 
-#include <openssl/crypto.h>
-
 #include <algorithm>
 
 #include "tools/keymasterctl/auth_token.h"
@@ -235,7 +233,6 @@ void Operation::Run(const Bytes* signature, Output* output) {
       Update(piece, &result);
     }
     if (output != nullptr) output->Write(result.data, result.data_length);
-    OPENSSL_cleanse(piece.data(), piece.size());
     progress.Add(piece.size());
   }
 }

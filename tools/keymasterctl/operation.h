@@ -13,12 +13,10 @@
 
 // Operation is one operation with the key and the input that the options name. Files are opened
 // before the TEE is reached; an operation that has begun is aborted when it goes away unfinished.
-class Operation {
+class Operation : NotCopied {
  public:
   Operation(const Args& args, keymaster_purpose_t purpose);
   ~Operation();
-  Operation(const Operation&) = delete;
-  Operation& operator=(const Operation&) = delete;
 
   // Connects, reads from the key what the options leave open, and adds the parameters of begin.
   void Plan();
@@ -69,13 +67,11 @@ class Operation {
 
 // Progress draws a bar on standard error once work has taken half a second, only on a terminal and
 // no wider than that, and clears it at its end.
-class Progress {
+class Progress : NotCopied {
  public:
   // total is in bytes; without it the bytes done are counted alone.
   explicit Progress(std::optional<uint64_t> total);
   ~Progress();
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
 
   void Add(size_t bytes);
 

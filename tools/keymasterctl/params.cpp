@@ -1,7 +1,6 @@
 #include "tools/keymasterctl/params.h"
 
 #include <errno.h>
-#include <openssl/crypto.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -41,12 +40,6 @@ uint64_t ParseValue(keymaster_tag_t tag, const std::string& text) {
 }
 
 }  // namespace
-
-ParamList::~ParamList() {
-  for (Bytes& bytes : bytes_) {
-    OPENSSL_cleanse(bytes.data(), bytes.size());
-  }
-}
 
 void ParamList::Add(keymaster_tag_t tag, uint64_t value) {
   keymaster_key_param_t param = {};

@@ -12,13 +12,8 @@
 #include "tools/keymasterctl/files.h"
 
 // ParamList owns key parameters and the bytes of the byte-valued ones.
-class ParamList {
+class ParamList : NotCopied {
  public:
-  ParamList() = default;
-  ParamList(const ParamList&) = delete;
-  ParamList& operator=(const ParamList&) = delete;
-  ~ParamList();
-
   // Adds a parameter of any number-valued type; the tag says which width counts.
   void Add(keymaster_tag_t tag, uint64_t value);
   void Add(keymaster_tag_t tag, const Bytes& bytes);

@@ -17,7 +17,7 @@ struct PrivateKey {
 };
 
 // ReadPrivateKey decodes an unencrypted RSA or EC key in PEM or DER, PKCS#8 or the older forms.
-// Throws a Failure for anything else. The caller wipes the bytes.
+// Throws a Failure for anything else.
 PrivateKey ReadPrivateKey(const Bytes& bytes);
 
 #endif  // KEYMASTERCTL_PEM_H

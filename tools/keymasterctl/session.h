@@ -9,7 +9,7 @@
 
 // Session connects to the keymaster TA for one command and disconnects at its end. It fails before
 // the TEE is reached when the TA's state folder cannot be used.
-class Session {
+class Session : NotCopied {
  public:
   enum class Start {
     kConfigured,  // the TA is configured with the platform's system version
@@ -17,8 +17,6 @@ class Session {
   };
   explicit Session(Start start = Start::kConfigured);
   ~Session();
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
 
   // Configures the TA. Throws a Failure.
   void Configure(uint32_t os_version, uint32_t patch_level);
@@ -38,11 +36,9 @@ void Release(keymaster_key_characteristics_t* characteristics);
 void Release(keymaster_cert_chain_t* chain);
 
 template <typename T>
-struct Owned : T {
+struct Owned : T, NotCopied {
   Owned() : T{} {}
   ~Owned() { Release(this); }
-  Owned(const Owned&) = delete;
-  Owned& operator=(const Owned&) = delete;
 };
 using OwnedParamSet = Owned<keymaster_key_param_set_t>;
 using OwnedCharacteristics = Owned<keymaster_key_characteristics_t>;

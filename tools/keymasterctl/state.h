@@ -24,13 +24,11 @@ constexpr const char* kStateAdvice =
 void RequireUsableState();
 
 // QuietEnvironment restores what it changed of the environment when it goes.
-class QuietEnvironment {
+class QuietEnvironment : NotCopied {
  public:
   // Without what watches or disturbs the TA's commands.
   QuietEnvironment();
   ~QuietEnvironment();
-  QuietEnvironment(const QuietEnvironment&) = delete;
-  QuietEnvironment& operator=(const QuietEnvironment&) = delete;
 
   void Set(const char* name, const char* value);  // null unsets it
 
@@ -40,13 +38,11 @@ class QuietEnvironment {
 
 // Scratch is a copy of the state folder, without the files that skips names, in which the TA works
 // while it lives. Nothing of it stays, and the folder itself is not changed.
-class Scratch {
+class Scratch : NotCopied {
  public:
   enum class Host { kThisProcess, kAsSet };
   explicit Scratch(Host host, const std::function<bool(const std::string&)>& skips);
   ~Scratch();
-  Scratch(const Scratch&) = delete;
-  Scratch& operator=(const Scratch&) = delete;
 
   const std::string& folder() const { return folder_; }
 
