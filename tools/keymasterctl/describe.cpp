@@ -16,10 +16,8 @@ Json ValueJson(const keymaster_key_param_t& param) {
 
 std::string ValueText(const keymaster_key_param_t& param) {
   if (IsBytes(param.tag)) return "0x" + ToHex(Copy(param.blob));
-  if (IsEnumerated(param.tag)) return ValueName(param.tag, param.enumerated);
-  if (keymaster_tag_get_type(param.tag) == KM_DATE) return DateText(param.date_time);
-  return keymaster_tag_get_type(param.tag) == KM_BOOL ? (param.boolean ? "yes" : "no")
-                                                      : std::to_string(NumberOf(param));
+  const bool is_date = keymaster_tag_get_type(param.tag) == KM_DATE;
+  return is_date ? DateText(param.date_time) : TextOf(ValueJson(param));
 }
 
 }  // namespace

@@ -32,11 +32,6 @@ struct Finding {
   std::string advice;  // what to do; empty where all is well
 };
 
-std::string Variable(const char* name) {
-  const char* const value = getenv(name);
-  return value != nullptr ? value : "";
-}
-
 // Good where there is no trouble.
 Finding Judge(const char* subject, const std::string& found, const std::string& trouble,
               const std::string& advice) {
@@ -115,13 +110,9 @@ std::string UseState() {
     ConfigureLatest(&session);
     SharingParameters(&session);
     ParamList params;
-    for (const auto& [tag, value] :
-         std::vector<std::pair<keymaster_tag_t, uint32_t>>{{KM_TAG_ALGORITHM, KM_ALGORITHM_EC},
-                                                           {KM_TAG_KEY_SIZE, 256},
-                                                           {KM_TAG_PURPOSE, KM_PURPOSE_SIGN},
-                                                           {KM_TAG_DIGEST, KM_DIGEST_SHA_2_256},
-                                                           {KM_TAG_NO_AUTH_REQUIRED, 1}}) {
-      params.Add(tag, value);
+    for (const char* text :
+         {"algorithm=ec", "key-size=256", "purpose=sign", "digest=sha256", "no-auth-required"}) {
+      params.AddNamed(text);
     }
     OwnedKeyBlob key;
     Check("making a key", session->TivasKmGenerateKey(params.set(), &key, nullptr));

@@ -23,12 +23,12 @@ std::string Dump(const Json& value, int indent) {
   return value.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
+}  // namespace
+
 std::string TextOf(const Json& value) {
   if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
   return value.is_string() ? value.get<std::string>() : Dump(value, -1);
 }
-
-}  // namespace
 
 OutputStyle& Style() {
   static OutputStyle style;

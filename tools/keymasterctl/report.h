@@ -52,6 +52,8 @@ class Report {
   Json members_ = Json::object();
 };
 
+// TextOf returns a value as people read it.
+std::string TextOf(const Json& value);
 // JsonName returns a label as a JSON member's name.
 std::string JsonName(const std::string& label);
 

@@ -18,11 +18,6 @@ constexpr const char* kWitness = "witness";
 constexpr size_t kSmallestBlob = 1 + 12 + 16;  // version, nonce, tag
 constexpr uint8_t kBlobVersion = 1;
 
-std::string Variable(const char* name) {
-  const char* const value = getenv(name);
-  return value != nullptr ? value : "";
-}
-
 bool IsForeign(const fs::path& folder) {
   return !fs::is_empty(folder) &&
          std::none_of(std::begin(kStateFiles), std::end(kStateFiles),
@@ -59,6 +54,11 @@ bool CanBeDeleted(const Bytes& blob) {
 }
 
 }  // namespace
+
+std::string Variable(const char* name) {
+  const char* const value = getenv(name);
+  return value != nullptr ? value : "";
+}
 
 std::string StateFolder() {
   const std::string own = Variable("KEYMASTER_TA_STATE");

@@ -14,6 +14,8 @@
 constexpr const char* kStateFiles[] = {"device_key", "system_version", "boot_state",
                                        "hmac_sharing_seed", "attestation.pem"};
 
+// Variable returns a variable of the environment; empty where it is not set.
+std::string Variable(const char* name);
 // StateFolder returns the folder that the TA will use; empty where none is named.
 std::string StateFolder();
 // StateTrouble says why that folder cannot be used, with its path; empty where it can.
