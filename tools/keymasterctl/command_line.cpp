@@ -1,5 +1,3 @@
-#include "tools/keymasterctl/command_line.h"
-
 #include <stdlib.h>
 #include <string.h>
 

@@ -1,8 +1,14 @@
-// What each command does with what the command line says.
+// The command line, and what each command does with it.
 #ifndef KEYMASTERCTL_COMMANDS_H
 #define KEYMASTERCTL_COMMANDS_H
 
+#include <functional>
+
 #include "tools/keymasterctl/args.h"
+
+// Parse reads the arguments. Returns what the chosen command runs; nothing when all is said
+// already, with the program's exit status in *status.
+std::function<void()> Parse(int argc, char** argv, int* status);  // command_line.cpp
 
 // key_commands.cpp
 void RunGenerate(const Args& args);

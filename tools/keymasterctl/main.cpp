@@ -4,7 +4,7 @@
 
 #include <exception>
 
-#include "tools/keymasterctl/command_line.h"
+#include "tools/keymasterctl/commands.h"
 #include "tools/keymasterctl/errors.h"
 
 namespace {
