@@ -145,14 +145,6 @@ std::string Footer() {
   return out + "\nkeymasterctl help COMMAND tells more.";
 }
 
-std::vector<std::string> CommandNames() {
-  std::vector<std::string> names;
-  for (const CommandRow& command : Commands()) {
-    names.emplace_back(command.name);
-  }
-  return names;
-}
-
 Failure NoSuchWord(const std::string& subject, const std::string& word,
                    const std::vector<std::string>& candidates, const std::string& help) {
   const std::string near = Nearest(word, candidates);

@@ -211,6 +211,14 @@ const std::vector<CommandRow>& Commands() {
   return commands;
 }
 
+std::vector<std::string> CommandNames() {
+  std::vector<std::string> names;
+  for (const CommandRow& command : Commands()) {
+    names.emplace_back(command.name);
+  }
+  return names;
+}
+
 std::vector<OptionRow> OptionsOf(const std::string& command) {
   std::vector<OptionRow> rows;
   for (const OptionRow& row : kRows) {

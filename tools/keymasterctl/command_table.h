@@ -39,6 +39,7 @@ struct OptionRow {
 };
 
 const std::vector<CommandRow>& Commands();
+std::vector<std::string> CommandNames();
 // OptionsOf returns the rows of a command, or of "*".
 std::vector<OptionRow> OptionsOf(const std::string& command);
 

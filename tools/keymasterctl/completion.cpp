@@ -70,10 +70,7 @@ std::string ValueCases(const std::string& command) {
 }  // namespace
 
 void RunCompletion(const Args&) {
-  std::vector<std::string> names;
-  for (const CommandRow& command : Commands()) {
-    names.emplace_back(command.name);
-  }
+  const std::vector<std::string> names = CommandNames();
   const std::string all = Joined(names, " ");
   const std::string global = NextWords("*");
   std::string words;
