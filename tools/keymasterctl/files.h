@@ -15,7 +15,7 @@
 template <typename T>
 struct Wiping : std::allocator<T> {
   template <typename Other>
-  struct rebind {
+  struct rebind {  // NOLINT(readability-identifier-naming): named by the standard
     using other = Wiping<Other>;
   };
   void deallocate(T* data, size_t count) {
