@@ -139,6 +139,8 @@ emulator=${KM_EMULATOR:-}
 # Doctor finds each damaged file by its name, and changes nothing.
 ok km attest --key k.blob --challenge x --out chain
 ok km hmac-sharing
+ok km generate --algorithm hmac --max-uses 9 --key limited.blob
+ok km sign --key limited.blob --in text --out tag
 state() { find "$1" -type f -printf '%p %m %T@ ' -exec md5sum {} \; | sort; }
 damaged() {
   state=damaged
@@ -147,7 +149,7 @@ damaged() {
   state $state >after
   same before after 'doctor changed the state'
 }
-for file in device_key hmac_sharing_seed attestation.pem boot_state; do
+for file in device_key hmac_sharing_seed attestation.pem boot_state "$(basename state/usage_*)"; do
   rm -rf damaged
   cp -r state damaged
   : >damaged/$file

@@ -137,7 +137,7 @@ std::vector<std::string> DamagedFiles() {
   }
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(StateFolder(), error)) {
-    constexpr uintmax_t kUsageSize = 16 + 36;  // two numbers and the boot's id
+    constexpr uintmax_t kUsageSize = 16 + 32;  // two numbers and the boot's nonce
     const std::string name = entry.path().filename();
     if (name.compare(0, 6, "usage_") == 0 && entry.file_size(error) != kUsageSize) {
       damaged.push_back(name);
