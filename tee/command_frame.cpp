@@ -71,7 +71,6 @@ void CommandFrame::ReportFailure(uint32_t result, uint32_t return_origin) {
   if (after_failure_ == AfterFailure::kFetchErrorRecord) {
     ObtainTaErrorCode(session_.get(), id_, result);
   }
-  Close();
 }
 
 uint32_t CommandFrame::CappedSize(uint32_t index) const {

@@ -80,8 +80,8 @@ class CommandFrame {
       : id_(id), label_(label), after_failure_(after_failure) {}
 
   // Send opens a session, clears the operation, fills it and invokes the command. A failed
-  // invocation is logged, its error record fetched where the command has one, and its session
-  // closed. Returns a TEE result.
+  // invocation is logged, and its error record fetched where the command has one. Returns a TEE
+  // result.
   template <uint32_t N>
   [[nodiscard]] uint32_t Send(const CommandParam (&params)[N], const Front& front = kNoFront) {
     static_assert(N <= 4, "a command has four parameters");
@@ -102,7 +102,7 @@ class CommandFrame {
 
  private:
   uint32_t Send(const CommandParam* params, uint32_t count, const Front& front);
-  // Logs a failed invocation, has its error record reported and closes the session.
+  // Logs a failed invocation and has its error record reported.
   void ReportFailure(uint32_t result, uint32_t return_origin);
 
   const TaCommandId id_;

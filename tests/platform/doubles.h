@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/platform/bytes.h"
@@ -75,6 +76,7 @@ struct Opened {
   const void* connection_data = nullptr;
   TEEC_Session* block = nullptr;     // the library's
   bool open = false, first = false;  // a first one is never closed or freed by the library
+  std::thread::id thread = std::this_thread::get_id();
 };
 
 struct Bracket {
@@ -90,7 +92,6 @@ struct LogLine {
   int level = 0;
   std::optional<std::string> tag;
   std::string format, text;
-  size_t live_events = 0;  // that were not destroyed yet
 };
 
 struct Event {
