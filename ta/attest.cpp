@@ -37,7 +37,7 @@ Bytes Element(int tag, int tag_class, bool constructed, ByteView content) {
 Bytes Number(int tag, uint64_t value) {
   Bytes content;
   AppendBigEndian(&content, value, sizeof(value));
-  while (content.size() > 1 && content[0] == 0 && content[1] < 0x80) {
+  while (content.size() > 1 && content[0] == 0) {
     content.erase(content.begin());
   }
   if (content[0] >= 0x80) content.insert(content.begin(), 0);
