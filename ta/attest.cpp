@@ -167,14 +167,9 @@ constexpr DeviceId kDeviceIds[] = {
     {KM_TAG_ATTESTATION_ID_MODEL, "Keymaster Host"},
 };
 
-// A key's own list without what only an attestation may add, and without the secure ids, which say
-// nothing to a relying party.
+// A key's own list without the secure ids, which say nothing to a relying party. What an attestation
+// adds is in no key's list.
 ParamSet Attestable(ParamSet params) {
-  for (const DeviceId& id : kDeviceIds) {
-    params.Remove(id.tag);
-  }
-  params.Remove(KM_TAG_ATTESTATION_APPLICATION_ID);
-  params.Remove(KM_TAG_ROOT_OF_TRUST);
   params.Remove(KM_TAG_USER_SECURE_ID);
   return params;
 }

@@ -219,7 +219,7 @@ const Ps kRsa = Key(KM_ALGORITHM_RSA, KM_PURPOSE_WRAP_KEY, {{KM_TAG_KEY_SIZE, 20
                 P(KM_TAG_RSA_PUBLIC_EXPONENT, 65537) + P(KM_TAG_ACTIVE_DATETIME, 1500000000000) +
                 P(KM_TAG_USAGE_EXPIRE_DATETIME, 4102444800000) +
                 // What an attestation says of the request, not of the key.
-                P(KM_TAG_ATTESTATION_APPLICATION_ID, "key's") +
+                P(KM_TAG_ATTESTATION_APPLICATION_ID, "key's") + P(KM_TAG_ROOT_OF_TRUST, "key's") +
                 P(KM_TAG_ATTESTATION_ID_MODEL, "key's");
 const P kChallenge = {KM_TAG_ATTESTATION_CHALLENGE, "challenge"};
 const P kApp = {KM_TAG_ATTESTATION_APPLICATION_ID, "app"}, kNothing = {KM_TAG_NONCE, ""},
