@@ -167,8 +167,8 @@ constexpr DeviceId kDeviceIds[] = {
     {KM_TAG_ATTESTATION_ID_MODEL, "Keymaster Host"},
 };
 
-// A key's own list without the secure ids, which say nothing to a relying party. What an attestation
-// adds is in no key's list.
+// A key's own list without the secure ids, which say nothing to a relying party. What an
+// attestation adds is in no key's list.
 ParamSet Attestable(ParamSet params) {
   params.Remove(KM_TAG_USER_SECURE_ID);
   return params;
