@@ -70,6 +70,7 @@ TEST_F(Update, SendsItsInputInChunks) {
     EXPECT_EQ(row.length, outputs.number);
     EXPECT_TRUE(Bytes(kInput.begin(), kInput.begin() + static_cast<ptrdiff_t>(row.length)) ==
                 BlobBytes(outputs.data));
+    EXPECT_EQ(row.length == 0, outputs.data.data == nullptr);
     const std::vector<Invocation>& sent = platform().invocations;
     ASSERT_EQ(row.chunks.size(), sent.size());
     const auto* first_output = static_cast<uint8_t*>(sent[0].params[3].buffer);
@@ -82,6 +83,10 @@ TEST_F(Update, SendsItsInputInChunks) {
       EXPECT_EQ(first_output + i * kChunk, seen[3].buffer) << "one output buffer";
     }
   }
+  const keymaster_blob_t input = {kInput.data(), 16};
+  unsigned long consumed = 0;
+  EXPECT_EQ(0, km.TivasKmUpdate(kHandle, nullptr, &input, &consumed, nullptr, nullptr));
+  EXPECT_EQ(16u, consumed) << "of an update whose output nobody wants";
 }
 
 TEST_F(Update, ReadsTheParametersOfTheLastReplyOnly) {

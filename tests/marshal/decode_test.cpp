@@ -97,7 +97,8 @@ TEST_F(Decode, RejectsBadArgumentsWithoutTouchingTheOutput) {
 }
 
 TEST_F(Decode, SaysWhereAReplyIsTruncatedAndLeavesNothing) {
-  const std::pair<size_t, const char*> kRows[] = {{35, "1 invalid key character size, 4-2-35"},
+  const std::pair<size_t, const char*> kRows[] = {{4, "1 invalid key character size, 4-2-4"},
+                                                  {35, "1 invalid key character size, 4-2-35"},
                                                   {39, "2 invalid key character size, 36-39"},
                                                   {55, "3 invalid key character size, 40-1-55"}};
   for (const auto& [length, message] : kRows) {

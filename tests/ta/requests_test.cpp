@@ -81,6 +81,7 @@ TEST_F(TaTest, SurvivesRequestsCutShortAndTypesOfAnyKind) {
   };
   EXPECT_EQ(update(), 0u);
   EXPECT_EQ(update(), Km(KM_ERROR_INSUFFICIENT_BUFFER_SPACE));
+  EXPECT_EQ(ta.Run(kCmdAbort, In(Le(ta.handle, 8)), In("more")), TEEC_ERROR_BAD_PARAMETERS);
   EXPECT_EQ(ta.Run(kCmdAbort + 1), TEEC_ERROR_NOT_SUPPORTED);
   EXPECT_EQ(ta.Run(kCmdGenerateKey, In(request), {}, Out(20), {}), TEEC_ERROR_SHORT_BUFFER);
 }
