@@ -19,15 +19,12 @@ Bytes ErrorRecord(uint32_t code, uint32_t line, uint32_t name_length, const Byte
   return Cat({Le32(code), Le32(line), Le32(name_length), name});
 }
 
-// Report calls QavixKeyMaster with a block of exactly the record's size, so that a sanitizer sees
-// any read beyond it.
+// Report calls QavixKeyMaster with a record that may not be read beyond its end.
 void Report(uint32_t command, uint32_t result, const Bytes& record) {
   platform().ClearRecords();
   const uint32_t call[2] = {command, result};
-  uint8_t* block = record.empty() ? nullptr : static_cast<uint8_t*>(malloc(record.size()));
-  if (block != nullptr) memcpy(block, record.data(), record.size());
-  QavixKeyMaster(call, block, static_cast<uint32_t>(record.size()));
-  free(block);
+  const Fenced block(record);
+  QavixKeyMaster(call, block.data(), static_cast<uint32_t>(record.size()));
 }
 
 TEST_F(FaultEvent, CarriesTheRecordOrTheTeeResult) {

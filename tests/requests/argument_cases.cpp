@@ -121,6 +121,7 @@ const std::vector<ArgumentCase> kCases = {
     {"GenerateRsa", "2050 bits", kBadSize, nullptr, RsaOf(2050, 3)},
     {"GenerateRsa", "an exponent of 1", KM_ERROR_UNKNOWN_ERROR, nullptr, RsaOf(512, 1)},
     {"GenerateRsa", "an even exponent", KM_ERROR_UNKNOWN_ERROR, nullptr, RsaOf(512, 4)},
+    {"GenerateRsa", "the largest size", KM_ERROR_UNKNOWN_ERROR, nullptr, RsaOf(4096, 4)},
 
     {"ImportRaw", "neither set nor key blob", kNullPointer, All<NoParams, NoKeyBlob>},
     {"ImportRaw", "neither key nor key blob", kNullPointer, All<NoInput, NoKeyBlob>},
