@@ -14,14 +14,6 @@ bool Reply::Read(ReplyReader* reader) const {
   return true;
 }
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-int32_t ReportFailure(const char* format, uint32_t result) {
-  KM_LOGE(format, kLogFailure, result);
-  return static_cast<int32_t>(result);
-}
-#pragma GCC diagnostic pop
-
 int32_t CopyRest(const ReplyReader& reader, MallocBuffer* copy) {
   const uint32_t length = reader.remaining();
   MallocBuffer bytes = AllocateBytes(length);
@@ -112,6 +104,13 @@ bool DecodeOutParams(const Reply& reply, keymaster_key_param_set_t* out_params) 
   ReplyReader reader;
   return reply.Read(&reader) &&
          BuildKeyParamSet(out_params, reader.rest(), reader.remaining()) == 0;
+}
+
+// The one text that is not written where it is logged; each caller's is checked by its attribute.
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+int32_t ReportFailure(const char* format, uint32_t result) {
+  KM_LOGE(format, kLogFailure, result);
+  return static_cast<int32_t>(result);
 }
 
 }  // namespace km41
