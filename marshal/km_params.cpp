@@ -19,24 +19,15 @@ constexpr uint32_t kMaxEntries = 0x0FFFFFF0;
 
 // The tags that define a key, which the TA looks for in the first list. Each stands at the place of
 // its low four bits, which tell them apart; a place without one holds the tag of another place.
+// clang-format off
 constexpr keymaster_tag_t kKeyDefinitionTags[16] = {
-    KM_TAG_ALGORITHM,
-    KM_TAG_PURPOSE,
-    KM_TAG_ALGORITHM,
-    KM_TAG_KEY_SIZE,
-    KM_TAG_BLOCK_MODE,
-    KM_TAG_DIGEST,
-    KM_TAG_PADDING,
-    KM_TAG_CALLER_NONCE,
-    KM_TAG_RSA_PUBLIC_EXPONENT,
-    KM_TAG_ALGORITHM,
-    KM_TAG_EC_CURVE,
-    KM_TAG_ALGORITHM,
-    KM_TAG_ALGORITHM,
-    KM_TAG_BLOB_USAGE_REQUIREMENTS,
-    KM_TAG_BOOTLOADER_ONLY,
-    KM_TAG_ROLLBACK_RESISTANCE,
+    KM_TAG_ALGORITHM, KM_TAG_PURPOSE, KM_TAG_ALGORITHM, KM_TAG_KEY_SIZE,              // 0 to 3
+    KM_TAG_BLOCK_MODE, KM_TAG_DIGEST, KM_TAG_PADDING, KM_TAG_CALLER_NONCE,            // 4 to 7
+    KM_TAG_RSA_PUBLIC_EXPONENT, KM_TAG_ALGORITHM, KM_TAG_EC_CURVE, KM_TAG_ALGORITHM,  // 8 to 11
+    KM_TAG_ALGORITHM, KM_TAG_BLOB_USAGE_REQUIREMENTS,                                 // 12, 13
+    KM_TAG_BOOTLOADER_ONLY, KM_TAG_ROLLBACK_RESISTANCE,                               // 14, 15
 };
+// clang-format on
 // A switch would cost sets of integers a quarter more time.
 constexpr bool IsKeyDefinitionTag(keymaster_tag_t tag) {
   return kKeyDefinitionTags[static_cast<uint32_t>(tag) % 16] == tag;
