@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "tools/keymasterctl/errors.h"
+#include "tools/keymasterctl/names.h"
 #include "tools/keymasterctl/params.h"
 
 namespace {
@@ -75,7 +76,7 @@ Bytes JoinSharing(const Bytes& own, const std::vector<std::string>& others) {
     const std::optional<Bytes> bytes = ParseHex(text);
     RequireUsage(bytes && bytes->size() == 2 * kHalf,
                  "sharing parameters are 128 hexadecimal digits, as hmac-sharing prints them");
-    if (std::find(all.begin(), all.end(), *bytes) == all.end()) all.push_back(*bytes);
+    if (!Contains(all, *bytes)) all.push_back(*bytes);
   }
   std::sort(all.begin(), all.end());
   Bytes joined;

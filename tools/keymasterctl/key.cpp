@@ -58,9 +58,9 @@ void RequireFit(const Fits& fits, uint32_t algorithm, keymaster_tag_t tag, uint3
   }
   const std::vector<std::string>& names = fit->second;
   const std::string name = ValueName(tag, value);
-  RequireUsage(names.empty() || std::find(names.begin(), names.end(), name) != names.end(),
-               subject + " cannot have " + TagName(tag) + " " + name + "; it can have " +
-                   Joined(names, ", "));
+  RequireUsage(names.empty() || Contains(names, name), subject + " cannot have " + TagName(tag) +
+                                                           " " + name + "; it can have " +
+                                                           Joined(names, ", "));
 }
 
 void RequireFits(uint32_t algorithm, const ParamList& given) {

@@ -4,6 +4,8 @@
 
 #include <hardware/keymaster_defs.h>
 
+#include <algorithm>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,5 +36,10 @@ bool IsTeeResult(int32_t result);
 std::string Nearest(const std::string& word, const std::vector<std::string>& candidates);
 std::vector<std::string> Split(const std::string& text, char between);
 std::string Joined(const std::vector<std::string>& words, const char* between);
+
+template <typename Values, typename Value>
+bool Contains(const Values& values, const Value& value) {
+  return std::find(std::begin(values), std::end(values), value) != std::end(values);
+}
 
 #endif  // KEYMASTERCTL_NAMES_H

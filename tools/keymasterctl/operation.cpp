@@ -1,7 +1,5 @@
 #include "tools/keymasterctl/operation.h"
 
-#include <algorithm>
-
 #include "tools/keymasterctl/auth_token.h"
 #include "tools/keymasterctl/errors.h"
 #include "tools/keymasterctl/names.h"
@@ -13,10 +11,6 @@ constexpr size_t kPiece = 1u << 20;
 constexpr size_t kFinishLimit = 4032;
 
 constexpr const char* kDigests = "sha256,sha512,sha384,sha224,sha1,md5,none";
-
-bool Holds(const std::vector<uint64_t>& values, uint64_t value) {
-  return std::find(values.begin(), values.end(), value) != values.end();
-}
 
 void AddChosen(keymaster_tag_t tag, const std::optional<uint32_t>& value, ParamList* params) {
   if (value) params->Add(tag, *value);
@@ -53,7 +47,7 @@ Operation::Chosen Operation::Choose(const char* option, keymaster_tag_t tag,
   Chosen chosen = args_.Value(option, tag);
   for (const std::string& name : Split(preferred, ',')) {
     const Chosen value = ValueByName(tag, name);
-    chosen = !chosen && Holds(allowed, *value) ? value : chosen;
+    chosen = !chosen && Contains(allowed, *value) ? value : chosen;
   }
   return chosen;
 }
@@ -62,7 +56,7 @@ Operation::Chosen Operation::Choose(const char* option, keymaster_tag_t tag,
 void Operation::RejectUnused(const std::string& subject, const char* used) const {
   const std::vector<std::string> known = Split(used, ',');
   for (const char* option : {"digest", "padding", "mode", "mac-length"}) {
-    RequireUsage(!args_.Has(option) || std::find(known.begin(), known.end(), option) != known.end(),
+    RequireUsage(!args_.Has(option) || Contains(known, option),
                  std::string("--") + option + " means nothing for " + subject);
   }
 }
@@ -149,8 +143,8 @@ Bytes Operation::Token(uint64_t challenge) {
 std::string Operation::UserHint(const Bytes& bytes) const {
   const std::vector<uint64_t> users = Allowed(KM_TAG_USER_SECURE_ID);
   const std::optional<hw_auth_token_t> token = ReadAuthToken(bytes);
-  const bool other = token && !users.empty() && !Holds(users, token->user_id) &&
-                     !Holds(users, token->authenticator_id);
+  const bool other = token && !users.empty() && !Contains(users, token->user_id) &&
+                     !Contains(users, token->authenticator_id);
   return other ? "the key is for the user with secure id " + std::to_string(users[0]) + ", not " +
                      std::to_string(token->user_id)
                : "";

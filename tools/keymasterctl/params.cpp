@@ -12,10 +12,6 @@
 
 namespace {
 
-bool IsOneOf(const std::string& text, std::initializer_list<const char*> words) {
-  return std::find(words.begin(), words.end(), text) != words.end();
-}
-
 // Milliseconds since 1970 of YYYY-MM-DD[Thh:mm:ss] (UTC) or plain seconds.
 uint64_t ParseDate(const std::string& text) {
   for (const char* format : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%d", "%s"}) {
@@ -80,8 +76,8 @@ void ParamList::AddText(keymaster_tag_t tag, const std::string& text) {
     Add(tag, ParseDate(text));
   } else if (type != KM_BOOL) {
     Add(tag, ParseValue(tag, text));
-  } else if (!IsOneOf(text, {"no", "false", "0"})) {
-    RequireUsage(IsOneOf(text, {"yes", "true", "1"}),
+  } else if (!::Contains(Split("no,false,0", ','), text)) {
+    RequireUsage(::Contains(Split("yes,true,1", ','), text),
                  "'" + text + "' is no value for " + TagName(tag) + ": it takes yes or no");
     Add(tag, 1);
   }
@@ -123,8 +119,7 @@ void ParamList::Sort(const std::vector<keymaster_tag_t>& order) {
 bool ParamList::Contains(keymaster_tag_t tag) const { return !Values(tag).empty(); }
 
 bool ParamList::Contains(keymaster_tag_t tag, uint32_t value) const {
-  const std::vector<uint32_t> values = Values(tag);
-  return std::find(values.begin(), values.end(), value) != values.end();
+  return ::Contains(Values(tag), value);
 }
 
 std::vector<uint32_t> ParamList::Values(keymaster_tag_t tag) const {
