@@ -76,7 +76,7 @@ std::string WrongValue(const OptionRow& row, const std::string& text) {
     }
   } else if (ValueOf(row) == "N" && !ParseNumber(text)) {
     return "'" + text + "' is no number, or too large";
-  } else if (!words.empty() && std::find(words.begin(), words.end(), text) == words.end()) {
+  } else if (!words.empty() && !Contains(words, text)) {
     return "'" + text + "' is none of " + Joined(words, ", ");
   }
   return "";
@@ -123,7 +123,7 @@ void AddCommand(const CommandRow& row, const Args** chosen_args, const CommandRo
   static std::deque<Args> all;  // grows without moving what it holds
   Args* const args = &all.emplace_back();
   CLI::App* const command = TheApp().add_subcommand(row.name, row.summary);
-  const std::string note = row.note != nullptr ? row.note + std::string("\n") : "";
+  const std::string note = row.note.empty() ? "" : row.note + "\n";
   command->group(row.group);
   command->footer("Example:\n" + TypedExamples(row, "  ") + note +
                   "keymasterctl --help shows the options that every command takes.");
@@ -139,8 +139,8 @@ void AddCommand(const CommandRow& row, const Args** chosen_args, const CommandRo
 
 std::string Footer() {
   std::string out = "Example:\n" + TypedExamples(Commands()[0], "  ") + "\nExit status:\n";
-  for (const auto& [status, text] : ExitStatuses()) {
-    out += std::string("  ") + status + "  " + text + "\n";
+  for (const auto& [status, text] : TextsOf("exit statuses")) {
+    out += "  " + status + "  " + text + "\n";
   }
   return out + "\nkeymasterctl help COMMAND tells more.";
 }
@@ -189,7 +189,7 @@ void RunHelp(const Args& args) {
     return;
   }
   const std::vector<std::string> names = CommandNames();
-  if (std::find(names.begin(), names.end(), name) == names.end()) {
+  if (!Contains(names, name)) {
     throw NoSuchWord("there is no command", name, names, "keymasterctl help lists them");
   }
   fputs(TheApp().get_subcommand(name)->help(kProgram).c_str(), stdout);

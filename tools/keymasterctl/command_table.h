@@ -20,22 +20,23 @@ constexpr const char* kKeyFiles =
 // The group of the options that the help shows first.
 constexpr const char* kFirstGroup = "Options";
 
+// A command, and the options of one or more, as texts.json has them.
 struct CommandRow {
-  const char* group;
-  const char* name;
+  std::string group;
+  std::string name;
   void (*run)(const Args& args);
-  const char* summary;
-  const char* examples;  // lines without the program's name
-  const char* note;      // what there is to know beside the options; may be null
+  std::string summary;
+  std::vector<std::string> examples;  // without the program's name
+  std::string note;                   // what there is to know beside the options; may be empty
 };
 
 struct OptionRow {
-  const char* commands;  // names with spaces between; "*" for what every command takes
-  const char* group;
-  const char* names;  // with commas between; an argument's name has no dash
-  const char* value;  // see ValueOf; "!" before it for an option that is required
-  const char* help;
-  keymaster_tag_t tag = KM_TAG_INVALID;  // the parameter that the value is of
+  std::string commands;  // names with spaces between; "*" for what every command takes
+  std::string group;
+  std::string names;  // with commas between; an argument's name has no dash
+  std::string value;  // see ValueOf; "!" before it for an option that is required
+  std::string help;
+  keymaster_tag_t tag;  // the parameter that the value is of; KM_TAG_INVALID for none
 };
 
 const std::vector<CommandRow>& Commands();
@@ -57,8 +58,8 @@ std::vector<std::string> WordsOf(const OptionRow& option);
 // TypedExamples returns a command's examples, a line each, as they are typed.
 std::string TypedExamples(const CommandRow& command, const std::string& before = "");
 
-using NamedTexts = std::vector<std::pair<const char*, const char*>>;
-const NamedTexts& ExitStatuses();
-const NamedTexts& Environment();
+// TextsOf returns a table: "exit statuses" or "environment".
+using NamedTexts = std::vector<std::pair<std::string, std::string>>;
+NamedTexts TextsOf(const char* table);
 
 #endif  // KEYMASTERCTL_COMMAND_TABLE_H

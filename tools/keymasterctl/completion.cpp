@@ -3,40 +3,9 @@
 #include "tools/keymasterctl/command_table.h"
 #include "tools/keymasterctl/commands.h"
 #include "tools/keymasterctl/names.h"
+#include "tools/keymasterctl/report.h"
 
 namespace {
-
-// Filled in: the commands, the words behind each command, the kind of value behind each option.
-constexpr const char* kScript = R"(# bash completion for keymasterctl
-_keymasterctl() {
-  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-  local command='' words='' values='' prefix='' i
-  # "--color=au" comes as three words.
-  if [[ $word == = ]]; then
-    word=''
-  elif [[ $before == = ]]; then
-    before=${COMP_WORDS[COMP_CWORD - 2]}
-  fi
-  for ((i = 1; i < COMP_CWORD && ${#command} == 0; ++i)); do
-    case ${COMP_WORDS[i]} in
-      %s) command=${COMP_WORDS[i]} ;;
-    esac
-  done
-  case $command in
-%s  esac
-  case $command:$before in
-%s    *) values=$words ;;
-  esac
-  [[ $values != FILE* || $word == -* ]] || values=FILE
-  [[ $word != *,* ]] || prefix=${word%%,*},
-  case $values in
-    FILE) compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
-    DIR) compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
-    *) mapfile -t COMPREPLY < <(compgen -P "$prefix" -W "$values" -- "${word##*,}") ;;
-  esac
-}
-complete -F _keymasterctl keymasterctl
-)";
 
 // The values that an option is completed with; the names of FILE and DIR stand for themselves.
 std::string ValuesOf(const OptionRow& option) {
@@ -81,5 +50,7 @@ void RunCompletion(const Args&) {
     values += ValueCases(name);
   }
   words += "    *) words='" + all + global + "' ;;\n";
-  printf(kScript, Joined(names, "|").c_str(), words.c_str(), values.c_str());
+  std::string script = ReplaceAll(kCompletionScript, "@commands@", Joined(names, "|"));
+  script = ReplaceAll(script, "@words@", words);
+  fputs(ReplaceAll(script, "@values@", values).c_str(), stdout);
 }

@@ -40,16 +40,16 @@ std::string OptionItems(const std::string& command) {
     const std::string value = ValueOf(option);
     std::string tag = names;
     if (!value.empty()) tag += (names.empty() ? "\\fI" : " \\fI") + Escaped(value) + "\\fR";
-    out += Item(tag, std::string(option.help) + (IsRequired(option) ? " (required)" : ""));
+    out += Item(tag, option.help + (IsRequired(option) ? " (required)" : ""));
   }
   return out;
 }
 
 std::string CommandSection(const CommandRow& command) {
   std::string out = ".SS " + Escaped(command.name) + "\n" + Escaped(command.summary) + ".\n";
-  if (command.note != nullptr) out += Escaped(command.note) + "\n";
+  if (!command.note.empty()) out += Escaped(command.note) + "\n";
   out += OptionItems(command.name) + ".PP\n.EX\n";
-  for (const std::string& line : Split(command.examples, '\n')) {
+  for (const std::string& line : command.examples) {
     out += Escaped("keymasterctl " + line) + "\n";
   }
   return out + ".EE\n";
@@ -75,6 +75,7 @@ void RunManual(const Args&) {
   for (const CommandRow& command : Commands()) {
     out += CommandSection(command);
   }
-  out += Items("EXIT STATUS", ExitStatuses()) + Items("ENVIRONMENT", Environment());
+  out +=
+      Items("EXIT STATUS", TextsOf("exit statuses")) + Items("ENVIRONMENT", TextsOf("environment"));
   fputs(out.c_str(), stdout);
 }

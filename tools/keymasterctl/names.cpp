@@ -260,6 +260,13 @@ std::string Joined(const std::vector<std::string>& words, const char* between) {
   return out;
 }
 
+std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
+  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
 std::vector<std::string> Split(const std::string& text, char between) {
   std::vector<std::string> parts;
   for (size_t start = 0; start <= text.size() && !text.empty();) {

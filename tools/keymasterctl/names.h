@@ -36,6 +36,7 @@ bool IsTeeResult(int32_t result);
 std::string Nearest(const std::string& word, const std::vector<std::string>& candidates);
 std::vector<std::string> Split(const std::string& text, char between);
 std::string Joined(const std::vector<std::string>& words, const char* between);
+std::string ReplaceAll(std::string text, const std::string& from, const std::string& to);
 
 template <typename Values, typename Value>
 bool Contains(const Values& values, const Value& value) {

@@ -30,6 +30,11 @@ std::string TextOf(const Json& value) {
   return value.is_string() ? value.get<std::string>() : Dump(value, -1);
 }
 
+const Json& Texts() {
+  static const Json texts = Json::parse(kTexts);
+  return texts;
+}
+
 OutputStyle& Style() {
   static OutputStyle style;
   return style;

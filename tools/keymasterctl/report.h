@@ -18,6 +18,14 @@
 // Objects keep the order in which they are told.
 using Json = nlohmann::ordered_json;
 
+// The data files of this program, as they are: texts.json, and completion.bash.in, whose parts
+// between @ are for the commands to fill in.
+extern const char kTexts[];
+extern const char kCompletionScript[];
+// Texts returns the first one parsed: the commands with their options, hints by the name of a
+// result, exit statuses and variables of the environment.
+const Json& Texts();
+
 // What the command line said of the output, and of what it is called with.
 struct OutputStyle {
   std::string color = "auto";  // or always, never
