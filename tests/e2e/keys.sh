@@ -149,7 +149,7 @@ ok km verify --key new.blob --in text --signature sig
 unset KEYMASTER_OS_PATCHLEVEL
 refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km sign --key new.blob --in text
 said 'of a later system version'
-(TEE_FAULT=cmd=8,code=0xFFFFFFDF refuse 'opens on a copy of the state' km sign --key old.blob --in text)
+(TEE_FAULT=cmd=8,code=0xFFFFFFDF refuse 'run the same command again' km sign --key old.blob --in text)
 refuse 'KM_ERROR_INVALID_ARGUMENT (-38)' km upgrade --key new.blob
 ok km sign --key old.blob --in text --out sig
 

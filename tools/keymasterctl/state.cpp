@@ -171,7 +171,9 @@ std::string DiagnoseKey(const Bytes& blob, const ParamList& binding) {
   constexpr const char* kNoFile = "/";
   if (OpensWithout(kNoFile, true, blob, binding)) {
     return OpensWithout(kNoFile, false, blob, binding)
-               ? "the key opens on a copy of the state: try again"
+               ? "nothing is wrong with the key, which opens now: run the same command again; if "
+                 "it "
+                 "fails each time, keymasterctl doctor tells what is wrong with the set-up"
                : "the key is of a later system version than this one: see keymasterctl info";
   }
   if (OpensWithout("deleted_", true, blob, binding)) {
