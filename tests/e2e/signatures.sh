@@ -35,6 +35,7 @@ for curve in secp224r1:p224 prime256v1:p256 secp384r1:p384 secp521r1:p521; do
   done
   openssl dgst -sha224 -binary -out hash text
   ok km sign --key ec.blob --digest none --in hash --out sig
+  refuse 'a key for ec has no such use, only sign, verify' km encrypt --key ec.blob --in hash --out none
   judge 'Verified Successfully' openssl pkeyutl -verify -pubin -inkey ec.pub -in hash -sigfile sig
 done
 

@@ -183,9 +183,10 @@ void Key::AddBindingTo(ParamList* params) const {
   }
 }
 
-void Key::Check(const char* what, int32_t result) const {
+void Key::Check(const char* what, int32_t result, const std::string& hint) const {
   if (result == 0) return;
   Failure failure = ResultFailure(what, result, path_);
+  if (!hint.empty()) failure.hint = hint;
   if (result == KM_ERROR_INVALID_KEY_BLOB) {
     failure.diagnose = [blob = material_, binding = binding_] {
       return DiagnoseKey(blob, *binding);
@@ -223,6 +224,14 @@ void FillNewKeyParams(const Args& args, const KeyFacts* facts, ParamList* params
   AddAuthentication(args, params);
   params->Default(KM_TAG_CREATION_DATETIME, {std::to_string(time(nullptr))});
   params->Sort(order);
+}
+
+std::string UsesHint(uint32_t algorithm) {
+  std::string uses;
+  for (const AlgorithmRow& row : kAlgorithms) {
+    if (row.algorithm == algorithm) uses = Joined(Parsed(row.fits)[KM_TAG_PURPOSE], ", ");
+  }
+  return "a key for " + ValueName(KM_TAG_ALGORITHM, algorithm) + " has no such use, only " + uses;
 }
 
 std::optional<uint32_t> AlgorithmOf(const Args& args) {

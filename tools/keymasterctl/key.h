@@ -23,8 +23,8 @@ class Key {
   const keymaster_blob_t* app_data() const { return binding_->BytesOf(KM_TAG_APPLICATION_DATA); }
   // Adds both to the parameters of a request, which carries them there.
   void AddBindingTo(ParamList* params) const;
-  // Throws a Failure that knows this key unless the result is 0.
-  void Check(const char* what, int32_t result) const;
+  // Throws a Failure that knows this key unless the result is 0; hint, if any, goes before its own.
+  void Check(const char* what, int32_t result, const std::string& hint = "") const;
   // Reads what is enforced for the key. Throws a Failure.
   void ReadCharacteristics(Session* session, OwnedCharacteristics* out) const;
 
@@ -46,6 +46,8 @@ struct KeyFacts {
 // algorithm where nothing was said. Throws a Failure for what does not fit the algorithm; what
 // --param says is left to the TA. facts may be null.
 void FillNewKeyParams(const Args& args, const KeyFacts* facts, ParamList* params);
+// UsesHint says what keys for an algorithm can be used for.
+std::string UsesHint(uint32_t algorithm);
 // AlgorithmOf returns the value of --algorithm.
 std::optional<uint32_t> AlgorithmOf(const Args& args);
 

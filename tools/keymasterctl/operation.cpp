@@ -177,12 +177,10 @@ void Operation::Begin() {
 
 void Operation::CheckRequest(const char* what, int32_t result) {
   running_ = running_ && result == 0;
-  if (result == KM_ERROR_KEY_USER_NOT_AUTHENTICATED && !user_hint_.empty()) {
-    Failure failure = ResultFailure(what, result);
-    failure.hint = user_hint_;
-    throw Failure(failure);
-  }
-  key_.Check(what, result);
+  const std::string hint = result == KM_ERROR_KEY_USER_NOT_AUTHENTICATED ? user_hint_
+                           : result == KM_ERROR_UNSUPPORTED_PURPOSE      ? UsesHint(algorithm_)
+                                                                         : "";
+  key_.Check(what, result, hint);
 }
 
 // Sends input; what comes out goes to output, which is empty.
