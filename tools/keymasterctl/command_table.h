@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/keymasterctl/args.h"
+#include "tools/keymasterctl/params.h"
 
 constexpr const char* kProgram = "keymasterctl";
 constexpr const char* kProgramSummary =

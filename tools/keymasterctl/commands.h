@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "tools/keymasterctl/args.h"
+#include "tools/keymasterctl/params.h"
 
 // Parse reads the arguments. Returns what the chosen command runs; nothing when all is said
 // already, with the program's exit status in *status.

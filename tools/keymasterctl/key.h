@@ -1,4 +1,4 @@
-// Key files: those that are used, and new ones.
+// Key files, those that are used and new ones; and keys and certificates between PEM and DER.
 #ifndef KEYMASTERCTL_KEY_H
 #define KEYMASTERCTL_KEY_H
 
@@ -6,7 +6,6 @@
 #include <optional>
 #include <string>
 
-#include "tools/keymasterctl/args.h"
 #include "tools/keymasterctl/params.h"
 #include "tools/keymasterctl/session.h"
 
@@ -70,5 +69,18 @@ class NewKey {
   OwnedKeyBlob blob_;
   OwnedCharacteristics characteristics_;
 };
+
+// ToPem returns DER bytes as PEM under that label.
+Bytes ToPem(const char* label, const keymaster_blob_t& der);
+
+// A private key to import and what it says about itself.
+struct PrivateKey {
+  Bytes pkcs8;
+  KeyFacts facts;
+};
+
+// ReadPrivateKey decodes an unencrypted RSA or EC key in PEM or DER, PKCS#8 or the older forms.
+// Throws a Failure for anything else.
+PrivateKey ReadPrivateKey(const Bytes& bytes);
 
 #endif  // KEYMASTERCTL_KEY_H

@@ -9,7 +9,6 @@
 #include "tools/keymasterctl/errors.h"
 #include "tools/keymasterctl/key.h"
 #include "tools/keymasterctl/names.h"
-#include "tools/keymasterctl/pem.h"
 #include "tools/keymasterctl/report.h"
 
 namespace {

@@ -1,10 +1,12 @@
-// Key parameters: an owning list to hand to the library, and queries on what it returns.
+// Key parameters, an owning list to hand to the library and queries on what it returns; and the
+// values of options, which are turned into them.
 #ifndef KEYMASTERCTL_PARAMS_H
 #define KEYMASTERCTL_PARAMS_H
 
 #include <hardware/keymaster_defs.h>
 
 #include <deque>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -59,5 +61,25 @@ std::string ToHex(const Bytes& bytes);
 
 // DateText writes milliseconds since 1970 as YYYY-MM-DDThh:mm:ssZ.
 std::string DateText(uint64_t milliseconds);
+
+// Args are the values of a command's options, by an option's last name without its dashes. The
+// parser has checked them.
+class Args {
+ public:
+  std::vector<std::string>* Place(const std::string& name) { return &values_[name]; }
+
+  bool Has(const std::string& name) const { return !Texts(name).empty(); }
+  // Returns every value of an option; none where it was not given.
+  std::vector<std::string> Texts(const std::string& name) const;
+  std::string Text(const std::string& name, const std::string& otherwise = "") const;
+  std::optional<uint64_t> Number(const std::string& name) const;
+  // Returns the number of a value that the option names as that tag does.
+  std::optional<uint32_t> Value(const std::string& name, keymaster_tag_t tag) const;
+  // Adds what the application id and data are; a key needs what it was made with.
+  void AddBindingTo(ParamList* params) const;
+
+ private:
+  std::map<std::string, std::vector<std::string>> values_;
+};
 
 #endif  // KEYMASTERCTL_PARAMS_H

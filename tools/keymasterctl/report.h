@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "tools/keymasterctl/args.h"
 #include "tools/keymasterctl/files.h"
+#include "tools/keymasterctl/params.h"
 
 // Objects keep the order in which they are told.
 using Json = nlohmann::ordered_json;
