@@ -65,8 +65,8 @@ class Operation : NotCopied {
   Bytes nonce_;
 };
 
-// Progress draws a bar on standard error once work has taken half a second, only on a terminal and
-// no wider than that, and clears it at its end.
+// Progress tells on standard error how far work is once it has taken half a second, only on a
+// terminal, and clears that line at its end.
 class Progress : NotCopied {
  public:
   // total is in bytes; without it the bytes done are counted alone.
