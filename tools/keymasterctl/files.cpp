@@ -172,10 +172,3 @@ void Output::Commit() {
   if (secret_ && fsync(fd_) != 0) throw SystemFailure("cannot write", path_);
   Name();
 }
-
-void WriteFile(const std::string& path, const Bytes& bytes, Output::Content content,
-               Output::Existing existing) {
-  Output output(path, content, existing);
-  output.Write(bytes);
-  output.Commit();
-}

@@ -98,8 +98,4 @@ class Output : NotCopied {
   uint64_t bytes_ = 0;
 };
 
-// WriteFile writes a whole output at once.
-void WriteFile(const std::string& path, const Bytes& bytes, Output::Content content,
-               Output::Existing existing = Output::Existing::kReplace);
-
 #endif  // KEYMASTERCTL_FILES_H

@@ -303,7 +303,9 @@ void NewKey::Write(Session* session) {
       .Member("key", path_)
       .Member("bytes", blob_.key_material_size);
   if (characteristics_.hw_enforced.length + characteristics_.sw_enforced.length != 0) {
-    report.Member("characteristics", CharacteristicsJson(characteristics_));
+    report.Member("characteristics",
+                  {{"hardware_enforced", SetJson(characteristics_.hw_enforced)},
+                   {"software_enforced", SetJson(characteristics_.sw_enforced)}});
   }
   report.Print();
 }
@@ -332,6 +334,6 @@ PrivateKey ReadPrivateKey(const Bytes& bytes) {
   out.facts.algorithm = type == EVP_PKEY_RSA ? KM_ALGORITHM_RSA : KM_ALGORITHM_EC;
   out.facts.size = static_cast<uint64_t>(EVP_PKEY_bits(key.get()));
   if (type == EVP_PKEY_RSA) out.facts.exponent = ExponentOf(key.get());
-  out.pkcs8 = ToPkcs8(key.get());
+  out.bytes = ToPkcs8(key.get());
   return out;
 }

@@ -73,9 +73,9 @@ class NewKey {
 // ToPem returns DER bytes as PEM under that label.
 Bytes ToPem(const char* label, const keymaster_blob_t& der);
 
-// A private key to import and what it says about itself.
+// A key to import and what is known of it.
 struct PrivateKey {
-  Bytes pkcs8;
+  Bytes bytes;  // in PKCS#8, or raw
   KeyFacts facts;
 };
 

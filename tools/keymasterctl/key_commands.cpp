@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "tools/keymasterctl/commands.h"
 #include "tools/keymasterctl/errors.h"
@@ -13,25 +14,16 @@
 
 namespace {
 
+using Request = std::function<int32_t(Session*, const keymaster_key_param_set_t*, NewKey*)>;
+
 // Makes a key with a request that fills in its blob and characteristics.
-template <typename Request>
-void MakeKey(const Args& args, const KeyFacts* facts, const char* what, Request request) {
+void MakeKey(const Args& args, const KeyFacts* facts, const char* what, const Request& request) {
   ParamList params;
   FillNewKeyParams(args, facts, &params);
   NewKey key(args);
   Session session;
   Check(what, request(&session, params.set(), &key));
   key.Write(&session);
-}
-
-void Import(const Args& args, const KeyFacts& facts, keymaster_key_format_t format,
-            const Bytes& material) {
-  MakeKey(args, &facts, "import",
-          [&](Session* session, const keymaster_key_param_set_t* params, NewKey* key) {
-            const keymaster_blob_t data = View(material);
-            return (*session)->TivasKmImportKey(params, format, &data, key->blob(),
-                                                key->characteristics());
-          });
 }
 
 // The masking key's file holds its bytes, or hexadecimal digits in lines.
@@ -56,17 +48,21 @@ void RunGenerate(const Args& args) {
 void RunImport(const Args& args) {
   const Bytes file = ReadFile(args.Text("in", "-"));
   const std::optional<uint32_t> algorithm = AlgorithmOf(args);
-  if (args.Has("raw")) {
-    // Of the 192 bits of a triple DES key 168 count.
-    const size_t bits = algorithm == KM_ALGORITHM_TRIPLE_DES ? 7 : 8;
-    Import(args, {algorithm.value_or(KM_ALGORITHM_AES), file.size() * bits}, KM_KEY_FORMAT_RAW,
-           file);
-    return;
-  }
-  const PrivateKey key = ReadPrivateKey(file);
+  const bool raw = args.Has("raw");
+  // Of the 192 bits of a triple DES key 168 count.
+  const size_t bits = algorithm == KM_ALGORITHM_TRIPLE_DES ? 7 : 8;
+  const PrivateKey key =
+      raw ? PrivateKey{file, {algorithm.value_or(KM_ALGORITHM_AES), file.size() * bits}}
+          : ReadPrivateKey(file);
   RequireUsage(algorithm.value_or(key.facts.algorithm) == key.facts.algorithm,
                "the input is a key for " + ValueName(KM_TAG_ALGORITHM, key.facts.algorithm));
-  Import(args, key.facts, KM_KEY_FORMAT_PKCS8, key.pkcs8);
+  MakeKey(args, &key.facts, "import",
+          [&](Session* session, const keymaster_key_param_set_t* params, NewKey* made) {
+            const keymaster_blob_t data = View(key.bytes);
+            return (*session)->TivasKmImportKey(params,
+                                                raw ? KM_KEY_FORMAT_RAW : KM_KEY_FORMAT_PKCS8,
+                                                &data, made->blob(), made->characteristics());
+          });
 }
 
 void RunImportWrapped(const Args& args) {
@@ -99,9 +95,13 @@ void RunShow(const Args& args) {
   key.ReadCharacteristics(&session, &characteristics);
   Report report;
   report.Row("key", args.Text("key")).Row("bytes", key.content().size());
-  report.Member("hardware enforced", SetJson(characteristics.hw_enforced));
-  report.Member("software enforced", SetJson(characteristics.sw_enforced));
-  report.Say(CharacteristicsText(characteristics)).Print();
+  const keymaster_key_param_set_t& hardware = characteristics.hw_enforced;
+  const keymaster_key_param_set_t& software = characteristics.sw_enforced;
+  report.Member("hardware enforced", SetJson(hardware))
+      .Member("software enforced", SetJson(software));
+  report
+      .Say("hardware-enforced:\n" + SetText(hardware) + "software-enforced:\n" + SetText(software))
+      .Print();
 }
 
 void RunExport(const Args& args) {

@@ -12,6 +12,11 @@
 
 namespace {
 
+bool IsWide(keymaster_tag_t tag) {
+  const keymaster_tag_type_t type = keymaster_tag_get_type(tag);
+  return type == KM_ULONG || type == KM_ULONG_REP || type == KM_DATE;
+}
+
 // Milliseconds since 1970 of YYYY-MM-DD[Thh:mm:ss] (UTC) or plain seconds.
 uint64_t ParseDate(const std::string& text) {
   for (const char* format : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%d", "%s"}) {
@@ -40,20 +45,13 @@ uint64_t ParseValue(keymaster_tag_t tag, const std::string& text) {
 void ParamList::Add(keymaster_tag_t tag, uint64_t value) {
   keymaster_key_param_t param = {};
   param.tag = tag;
-  switch (keymaster_tag_get_type(tag)) {
-    case KM_ULONG:
-    case KM_ULONG_REP:
-      param.long_integer = value;
-      break;
-    case KM_DATE:
-      param.date_time = value;
-      break;
-    case KM_BOOL:
-      param.boolean = value != 0;
-      break;
-    default:
-      RequireUsage(value <= UINT32_MAX, "the value of " + TagName(tag) + " is too large");
-      param.integer = static_cast<uint32_t>(value);
+  if (IsWide(tag)) {
+    param.long_integer = value;
+  } else if (keymaster_tag_get_type(tag) == KM_BOOL) {
+    param.boolean = value != 0;
+  } else {
+    RequireUsage(value <= UINT32_MAX, "the value of " + TagName(tag) + " is too large");
+    param.integer = static_cast<uint32_t>(value);
   }
   params_.push_back(param);
 }
@@ -143,17 +141,8 @@ const keymaster_key_param_set_t* ParamList::set() {
 }
 
 uint64_t NumberOf(const keymaster_key_param_t& param) {
-  switch (keymaster_tag_get_type(param.tag)) {
-    case KM_ULONG:
-    case KM_ULONG_REP:
-      return param.long_integer;
-    case KM_DATE:
-      return param.date_time;
-    case KM_BOOL:
-      return param.boolean ? 1 : 0;
-    default:
-      return param.integer;
-  }
+  if (keymaster_tag_get_type(param.tag) == KM_BOOL) return param.boolean ? 1 : 0;
+  return IsWide(param.tag) ? param.long_integer : param.integer;
 }
 
 std::optional<uint64_t> ParseNumber(const std::string& text) {
@@ -226,10 +215,8 @@ std::optional<uint32_t> Args::Value(const std::string& name, keymaster_tag_t tag
 }
 
 void Args::AddBindingTo(ParamList* params) const {
-  for (const std::string& text : Texts("app-id")) {
-    params->AddText(KM_TAG_APPLICATION_ID, text);
-  }
-  for (const std::string& text : Texts("app-data")) {
-    params->AddText(KM_TAG_APPLICATION_DATA, text);
+  for (const auto& [name, tag] : {std::pair("app-id", KM_TAG_APPLICATION_ID),
+                                  std::pair("app-data", KM_TAG_APPLICATION_DATA)}) {
+    params->Default(tag, Texts(name));
   }
 }

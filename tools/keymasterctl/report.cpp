@@ -150,13 +150,3 @@ std::string SetText(const keymaster_key_param_set_t& set) {
   }
   return out.empty() ? "  (nothing)\n" : out;
 }
-
-std::string CharacteristicsText(const keymaster_key_characteristics_t& characteristics) {
-  return "hardware-enforced:\n" + SetText(characteristics.hw_enforced) + "software-enforced:\n" +
-         SetText(characteristics.sw_enforced);
-}
-
-Json CharacteristicsJson(const keymaster_key_characteristics_t& characteristics) {
-  return {{"hardware_enforced", SetJson(characteristics.hw_enforced)},
-          {"software_enforced", SetJson(characteristics.sw_enforced)}};
-}

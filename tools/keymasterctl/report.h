@@ -77,11 +77,8 @@ class ResultFile : public Output {
   std::string name_;
 };
 
-// CharacteristicsJson returns {"hardware_enforced": {...}, "software_enforced": {...}}; repeatable
-// parameters are arrays, byte values hexadecimal, dates milliseconds since 1970. SetJson returns
-// one such list, SetText the same as indented lines.
-Json CharacteristicsJson(const keymaster_key_characteristics_t& characteristics);
-std::string CharacteristicsText(const keymaster_key_characteristics_t& characteristics);
+// SetJson returns an object in which repeatable parameters are arrays, byte values hexadecimal,
+// dates milliseconds since 1970; SetText the same as indented lines.
 Json SetJson(const keymaster_key_param_set_t& set);
 std::string SetText(const keymaster_key_param_set_t& set);
 

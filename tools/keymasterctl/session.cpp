@@ -21,7 +21,8 @@ void CheckConnected(const char* what, int32_t result) {
 }  // namespace
 
 Session::Session(Start start) {
-  RequireUsableState();
+  const std::string trouble = StateTrouble();
+  if (!trouble.empty()) throw Failure(trouble, kStateAdvice);
   if (start == Start::kBare) {
     CheckConnected("connecting to the TEE", context_.InitTeeContext());
     return;

@@ -45,6 +45,11 @@ bool OpensWithout(const char* skipped, bool at_latest, const Bytes& blob,
   return Opens(&session, blob, binding);
 }
 
+// Whether a file of that name holds what the TA knows of a single key.
+bool IsRecord(const std::string& name) {
+  return name.compare(0, 6, "usage_") == 0 || name.compare(0, 8, "deleted_") == 0;
+}
+
 // A deletion opens a key whoever it belongs to.
 bool CanBeDeleted(const Bytes& blob) {
   const Scratch scratch(Scratch::Host::kThisProcess, IsRecord);
@@ -84,12 +89,6 @@ std::string StateTrouble() {
   }
   const bool foreign = fs::exists(name) && IsForeign(name);
   return foreign ? about + "it holds other files, and no state of a keymaster" : "";
-}
-
-void RequireUsableState() {
-  if (const std::string trouble = StateTrouble(); !trouble.empty()) {
-    throw Failure(trouble, kStateAdvice);
-  }
 }
 
 QuietEnvironment::QuietEnvironment() {
@@ -134,10 +133,6 @@ Scratch::~Scratch() {
   fs::remove_all(folder_, ignored);
 }
 
-bool IsRecord(const std::string& name) {
-  return name.compare(0, 6, "usage_") == 0 || name.compare(0, 8, "deleted_") == 0;
-}
-
 void KeepWitness(Session* session) {
   const std::string path = StateFolder() + "/" + kWitness;
   std::error_code error;
@@ -148,9 +143,10 @@ void KeepWitness(Session* session) {
   params.Add(KM_TAG_KEY_SIZE, 128);
   params.Add(KM_TAG_NO_AUTH_REQUIRED, 1);
   OwnedKeyBlob blob;
-  if ((*session)->TivasKmGenerateKey(params.set(), &blob, nullptr) == 0) {
-    WriteFile(path, Copy(blob), Output::Content::kSecret);
-  }
+  if ((*session)->TivasKmGenerateKey(params.set(), &blob, nullptr) != 0) return;
+  Output witness(path, Output::Content::kSecret);
+  witness.Write(Copy(blob));
+  witness.Commit();
 }
 
 bool WitnessOpens(Session* session) {
@@ -172,8 +168,7 @@ std::string DiagnoseKey(const Bytes& blob, const ParamList& binding) {
   if (OpensWithout(kNoFile, true, blob, binding)) {
     return OpensWithout(kNoFile, false, blob, binding)
                ? "nothing is wrong with the key, which opens now: run the same command again; if "
-                 "it "
-                 "fails each time, keymasterctl doctor tells what is wrong with the set-up"
+                 "it fails each time, keymasterctl doctor tells what is wrong with the set-up"
                : "the key is of a later system version than this one: see keymasterctl info";
   }
   if (OpensWithout("deleted_", true, blob, binding)) {

@@ -22,8 +22,6 @@ std::string StateFolder();
 std::string StateTrouble();
 constexpr const char* kStateAdvice =
     "name a new or empty folder of your own with --state DIR or KEYMASTER_TA_STATE";
-// RequireUsableState throws a Failure when there is trouble.
-void RequireUsableState();
 
 // QuietEnvironment restores what it changed of the environment when it goes.
 class QuietEnvironment : NotCopied {
@@ -46,15 +44,10 @@ class Scratch : NotCopied {
   explicit Scratch(Host host, const std::function<bool(const std::string&)>& skips);
   ~Scratch();
 
-  const std::string& folder() const { return folder_; }
-
  private:
   QuietEnvironment environment_;
   std::string folder_;
 };
-
-// IsRecord tells whether a file of that name holds what the TA knows of a single key.
-bool IsRecord(const std::string& name);
 
 // KeepWitness leaves a sealed key in the state folder unless there is one: it opens as long as the
 // folder's secrets are those that keys are made with.
