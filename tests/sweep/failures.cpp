@@ -41,7 +41,7 @@ std::map<std::string, Rows> ReadFile() {
     } else if (head.compare(0, 4, "use ") == 0) {
       for (const auto& [key, row] : all.at(head.substr(4))) {
         for (const std::string& kind : row.kinds) {
-          if (kind != kArgument) {
+          if (kind != kArgument && key.first != 0) {
             (*rows)[{key.first, Join(key.second, messages)}].kinds.insert(kind);
           }
         }
@@ -88,14 +88,14 @@ bool IsDiagnostic(const std::string& message) {
 
 }  // namespace
 
-Lines LoggedFormats() {
+Lines Logged(std::string LogLine::*what) {
   Lines out;
   for (const LogLine& line : platform().log) {
     std::string prefix = !line.tag ? "-" : *line.tag == "KeyMaster" ? "K" : "";
     if (line.tag && *line.tag != "KeyMaster" && *line.tag != "KeyMaster_Ts") prefix = *line.tag;
     if (line.level != ANDROID_LOG_ERROR) prefix += line.level == ANDROID_LOG_INFO ? "i" : "?";
     out.push_back(prefix.empty() ? "" : prefix + "/");
-    for (const char c : line.format) {
+    for (const char c : line.*what) {
       out.back() += c == '\n' ? "\\n" : std::string(1, c);
     }
   }

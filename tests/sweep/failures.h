@@ -12,9 +12,10 @@ namespace test {
 using Kinds = std::set<std::string>;
 constexpr char kDiagnostics[] = "diagnostics";  // the rows that many requests share
 constexpr char kArgument[] = "argument";        // the kind that is never shared
+constexpr char kSuccess[] = "success";          // whose messages are texts, not formats
 
-// The lines of the log by level, tag and format, as failures.txt has them.
-Lines LoggedFormats();
+// The lines of the log by level, tag and either format or text, as failures.txt has them.
+Lines Logged(std::string LogLine::*what);
 
 // Documented tells whether a request may, after a failure of these kinds, return the result and
 // say the messages, and takes down that it did. It names what is wrong, or is empty.
