@@ -84,7 +84,7 @@ sign early.blob
 ok km early-boot-ended
 refuse 'KM_ERROR_EARLY_BOOT_ENDED (-73)' km sign --key early.blob --in text
 
-# Validity, and a limited number of uses.
+# Validity, and uses limited in number and rate.
 ok km generate --force --algorithm ec --valid-from 2100-01-01 --key k.blob
 refuse 'KM_ERROR_KEY_NOT_YET_VALID (-24)' km sign --key k.blob --in text
 ok km generate --force --algorithm ec --valid-until 2001-01-01 --key k.blob
@@ -92,6 +92,13 @@ refuse 'KM_ERROR_KEY_EXPIRED (-25)' km sign --key k.blob --in text
 ok km generate --force --algorithm ec --max-uses 1 --key k.blob
 sign k.blob
 refuse 'KM_ERROR_KEY_MAX_OPS_EXCEEDED (-56)' km sign --key k.blob --in text
+ok km generate --force --algorithm ec --min-seconds 30 --key k.blob
+sign k.blob
+refuse 'KM_ERROR_KEY_RATE_LIMIT_EXCEEDED (-54)' km sign --key k.blob --in text
+ok km generate --force --algorithm ec --min-seconds 1 --key k.blob
+sign k.blob
+sleep 1
+sign k.blob
 
 ok km configure --os-version 120000 --patch-level 202201
 judge '4.1' km info

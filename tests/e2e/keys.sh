@@ -1,6 +1,6 @@
 #!/bin/bash
 # shellcheck disable=SC2086  # options travel in plain variables
-# The life of a key: import, export, characteristics, attestation, secure import, upgrade, deletion,
+# The life of a key: import, export, characteristics, secure import, upgrade, deletion,
 # and what is said when one of them fails.
 . "$(dirname "$0")/common.sh" "$@"
 
@@ -38,6 +38,8 @@ ok km generate --force --algorithm rsa --size 3072 --key k.blob
 ok km export --key k.blob --out public.pem
 judge '(3072 bit)' openssl pkey -pubin -in public.pem -noout -text
 says 'hw["origin"] == "generated" and hw["key_size"] == 3072' k.blob
+ok km generate --algorithm aes --key aes.blob
+refuse 'KM_ERROR_UNSUPPORTED_KEY_FORMAT (-17)' km export --key aes.blob
 
 # The owner of a key has to be told, and is not told on.
 ok km generate --force --algorithm ec --curve p384 --app-id me --app-data 0x00ff --purpose sign,verify \
@@ -60,29 +62,6 @@ done
 said 'damaged, or was made under another state folder than state'
 refuse 'this is a PEM file' km export --key key.pem
 state=other refuse 'damaged, or was made under another state folder than other' km export --key k.blob
-
-# An attestation leads to its root, is for this key and tells of it.
-for options in '--algorithm ec' '--algorithm rsa --size 4096'; do
-  ok km generate --force $options --key k.blob
-  ok km export --key k.blob --out public.pem
-  ok km attest --key k.blob --challenge 'are you there' --out chain.pem
-  rm -f cert.*
-  awk '/BEGIN/ { ++n } { print > ("cert." n) }' chain.pem
-  [ "$(grep -c BEGIN chain.pem)" -eq 3 ] || fail 'the chain has not three certificates'
-  ok openssl verify -x509_strict -CAfile cert.3 -untrusted cert.2 cert.1
-  ok openssl x509 -in cert.1 -pubkey -noout
-  same out public.pem 'attested key'
-  openssl asn1parse -in cert.1 >parsed
-  at=$(grep -A1 ':1\.3\.6\.1\.4\.1\.11129\.2\.1\.17' parsed | sed -n '2s/^ *\([0-9]*\):.*/\1/p')
-  openssl asn1parse -in cert.1 -strparse "$at" | sed 's/.*prim: *//' >fields
-  # Versions of attestation and keymaster, each with its security level; then the challenge.
-  same <(sed -n 2,6p fields | tr -d ' \n') <(printf '%s%s' INTEGER:04ENUMERATED:01 \
-    INTEGER:29ENUMERATED:01OCTETSTRING:areyouthere) "attestation: $(head -n 6 fields)"
-done
-ok km generate --force --algorithm aes --key aes.blob
-refuse 'KM_ERROR_INCOMPATIBLE_ALGORITHM (-5)' km attest --key aes.blob --challenge x
-refuse 'KM_ERROR_CANNOT_ATTEST_IDS (-66)' \
-  km attest --key k.blob --challenge x --param attestation-id-serial=not-mine
 
 # A key wrapped outside comes in, under the mask it was wrapped with and unchanged only.
 wrap() { "$scripts/make-wrapped-key" --wrapping-key wrap.pub "$@"; }
@@ -184,4 +163,4 @@ for usage in '' 'dance' 'sign --in text' 'generate --algorithm dance --key k'; d
   km $usage >out || status=$?
   [ $status -eq 2 ] || fail "status $status, not 2: keymasterctl $usage"
 done
-traced 1 2 3 4 5 6 7 8 10 31 66
+traced 1 2 3 4 5 7 8 10 31 66

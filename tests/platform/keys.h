@@ -25,15 +25,16 @@ struct FreeKey {
 };
 using Pkey = std::unique_ptr<EVP_PKEY, FreeKey>;
 
-inline Pkey NewRsaKey(int bits) {
-  EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr);
-  EVP_PKEY* key = nullptr;
-  if (EVP_PKEY_keygen_init(context) != 1 || EVP_PKEY_CTX_set_rsa_keygen_bits(context, bits) != 1 ||
-      EVP_PKEY_keygen(context, &key) != 1) {
+inline Pkey NewRsaKey(int bits, uint64_t exponent = 65537) {
+  RSA* const rsa = RSA_new();
+  BIGNUM* const e = BN_new();
+  Pkey key(EVP_PKEY_new());
+  if (BN_set_word(e, exponent) != 1 || RSA_generate_key_ex(rsa, bits, e, nullptr) != 1 ||
+      EVP_PKEY_assign_RSA(key.get(), rsa) != 1) {
     abort();
   }
-  EVP_PKEY_CTX_free(context);
-  return Pkey(key);
+  BN_free(e);
+  return key;
 }
 
 // ReadPkcs8 decodes a PrivateKeyInfo.

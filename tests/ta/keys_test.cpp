@@ -1,9 +1,14 @@
 // The keys that can be, and the blobs that they are kept in.
+#include "tests/platform/keys.h"
+
 #include <fstream>
 
-#include "tests/ta/descriptions.h"
+#include "tests/ta/ta_client.h"
 
 namespace {
+
+const Ps kDes = Key(KM_ALGORITHM_TRIPLE_DES, kEncrypt, kEcb);
+const Ps kEcOfNoCurve = Key(KM_ALGORITHM_EC, kSign, {kSha256});
 
 // What becomes of a description with one change.
 const struct {
@@ -12,52 +17,45 @@ const struct {
   keymaster_error_t error;
 } kDescribed[] = {
     {{}, {KM_TAG_KEY_SIZE, 128}, KM_ERROR_UNSUPPORTED_ALGORITHM},
-    {kAes, {KM_TAG_ALGORITHM, 2}, KM_ERROR_UNSUPPORTED_ALGORITHM},
-    {kAes, {KM_TAG_KEY_SIZE, 64}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
-    {kAes, {KM_TAG_KEY_SIZE, 129}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
-    {kAes, {KM_TAG_KEY_SIZE, 192}, KM_ERROR_OK},
-    {kAes, {KM_TAG_KEY_SIZE, 256}, KM_ERROR_OK},
-    {kAes, {KM_TAG_KEY_SIZE, 320}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
     {kAes, {KM_TAG_PURPOSE, kSign}, KM_ERROR_UNSUPPORTED_PURPOSE},
     {kAes, {KM_TAG_PADDING, KM_PAD_RSA_PSS}, KM_ERROR_UNSUPPORTED_PADDING_MODE},
-    {kAes, {KM_TAG_BLOCK_MODE, 9}, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
     {kAes, {KM_TAG_BLOCK_MODE, KM_MODE_GCM}, KM_ERROR_MISSING_MIN_MAC_LENGTH},
-    {kGcm, {KM_TAG_MIN_MAC_LENGTH, 88}, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
-    {kGcm, {KM_TAG_MIN_MAC_LENGTH, 96}, KM_ERROR_OK},
-    {kGcm, {KM_TAG_MIN_MAC_LENGTH, 128}, KM_ERROR_OK},
-    {kGcm, {KM_TAG_MIN_MAC_LENGTH, 136}, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
-    {kHmac, {KM_TAG_MIN_MAC_LENGTH, 56}, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
-    {kHmac, {KM_TAG_MIN_MAC_LENGTH, 64}, KM_ERROR_OK},
-    {kHmac, {KM_TAG_MIN_MAC_LENGTH, 129}, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
-    {kHmac, {KM_TAG_MIN_MAC_LENGTH, 256}, KM_ERROR_OK},
-    {kHmac, {KM_TAG_MIN_MAC_LENGTH, 264}, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
+    {kDes, {KM_TAG_BLOCK_MODE, KM_MODE_CTR}, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
     {kHmac, {KM_TAG_DIGEST, KM_DIGEST_NONE}, KM_ERROR_UNSUPPORTED_DIGEST},
-    {kHmac, {KM_TAG_KEY_SIZE, 56}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
-    {kHmac, {KM_TAG_KEY_SIZE, 64}, KM_ERROR_OK},
-    {kHmac, {KM_TAG_KEY_SIZE, 512}, KM_ERROR_OK},
-    {kHmac, {KM_TAG_KEY_SIZE, 520}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
     {kEc, {KM_TAG_EC_CURVE, 4}, KM_ERROR_UNSUPPORTED_EC_CURVE},
     {kEc, {KM_TAG_KEY_SIZE, 384}, KM_ERROR_INVALID_ARGUMENT},
-    {kEc, {KM_TAG_KEY_SIZE, 256}, KM_ERROR_OK},
-    {kEc, {KM_TAG_PADDING, KM_PAD_PKCS7}, KM_ERROR_OK},  // which says nothing of an EC key
     {kEcOfNoCurve, {KM_TAG_KEY_SIZE, 225}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
     {kEcOfNoCurve, {KM_TAG_KEY_SIZE, 224}, KM_ERROR_OK},
-    {kEcOfNoCurve, {KM_TAG_KEY_SIZE, 521}, KM_ERROR_OK},
     {kEcOfNoCurve, {KM_TAG_USER_ID, 1}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
-    {kDes, {KM_TAG_KEY_SIZE, 168}, KM_ERROR_OK},
-    {kDes, {KM_TAG_KEY_SIZE, 112}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
-    {kDes, {KM_TAG_BLOCK_MODE, KM_MODE_CTR}, KM_ERROR_UNSUPPORTED_BLOCK_MODE},
     {kRsaSign, {KM_TAG_KEY_SIZE, 504}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
-    {kRsaSign, {KM_TAG_KEY_SIZE, 516}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
     {kRsaSign, {KM_TAG_KEY_SIZE, 4104}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
     {kRsaSign, {KM_TAG_RSA_PUBLIC_EXPONENT, 65536}, KM_ERROR_INVALID_ARGUMENT},
     {kRsaSign, {KM_TAG_RSA_PUBLIC_EXPONENT, 1}, KM_ERROR_INVALID_ARGUMENT},
-    {kRsaSign, {KM_TAG_RSA_PUBLIC_EXPONENT, 3}, KM_ERROR_OK},
+};
+
+// The numbers that a description can have, of all from 0 on.
+const struct {
+  const Ps& base;
+  keymaster_tag_t tag;
+  uint64_t least, most, step;
+  keymaster_error_t error;  // of the others
+} kRanges[] = {
+    {kAes, KM_TAG_KEY_SIZE, 128, 256, 64, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+    {kDes, KM_TAG_KEY_SIZE, 168, 168, 168, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+    {kHmac, KM_TAG_KEY_SIZE, 64, 512, 8, KM_ERROR_UNSUPPORTED_KEY_SIZE},
+    {kHmac, KM_TAG_MIN_MAC_LENGTH, 64, 256, 8, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
+    {kGcm, KM_TAG_MIN_MAC_LENGTH, 96, 128, 8, KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH},
 };
 
 TEST_F(TaTest, MakesTheKeysThatCanBe) {
   for (const auto& row : kDescribed) {
     EXPECT_EQ(ta.Generate(With(row.base, row.change)), Km(row.error)) << &row - kDescribed;
+  }
+  for (const auto& row : kRanges) {
+    for (uint64_t number = 0; number < 600; number += 4) {
+      const bool can = number >= row.least && number <= row.most && number % row.step == 0;
+      EXPECT_EQ(ta.Generate(With(row.base, {row.tag, number})), can ? 0u : Km(row.error)) << number;
+    }
   }
   EXPECT_EQ(ta.Generate(kHmac + kSha1), Km(KM_ERROR_UNSUPPORTED_DIGEST));
   // For a user, and for anybody.
@@ -66,6 +64,7 @@ TEST_F(TaTest, MakesTheKeysThatCanBe) {
 }
 
 TEST_F(TaTest, ImportsWhatTheDescriptionSays) {
+  constexpr char kGenerated = 0, kImported = 1, kUnknown = 3;
   // Form, lengths and a point that is not on the curve.
   const Str ec = Le(256, 4) + Le(4, 4) + Le(32, 4) + Le(32, 4) + Le(32, 4) + Str(96, 'x');
   const struct {
@@ -74,13 +73,10 @@ TEST_F(TaTest, ImportsWhatTheDescriptionSays) {
     char origin;
     keymaster_error_t error;
   } rows[] = {
-      {kAes, Str(16, 'k'), kImported, KM_ERROR_OK},
-      {kAes, Str(16, 'k'), kWrapped, KM_ERROR_OK},
       {kAes, Str(32, 'k'), kImported, KM_ERROR_IMPORT_PARAMETER_MISMATCH},
       {kAes, Str(16, 'k'), kGenerated, KM_ERROR_INVALID_ARGUMENT},
-      {kAes, Str(16, 'k'), 3, KM_ERROR_INVALID_ARGUMENT},
+      {kAes, Str(16, 'k'), kUnknown, KM_ERROR_INVALID_ARGUMENT},
       {kAes, "", kImported, KM_ERROR_UNSUPPORTED_KEY_SIZE},
-      {kDes, Str(24, 'k'), kImported, KM_ERROR_OK},
       {kDes, Str(21, 'k'), kImported, KM_ERROR_UNSUPPORTED_KEY_SIZE},
       {kHmac, Str(65, 'k'), kImported, KM_ERROR_UNSUPPORTED_KEY_SIZE},
       {kEc, Le(192, 4) + Str(16, 0), kImported, KM_ERROR_UNSUPPORTED_EC_CURVE},
@@ -88,6 +84,42 @@ TEST_F(TaTest, ImportsWhatTheDescriptionSays) {
   };
   for (const auto& row : rows) {
     EXPECT_EQ(ta.Import(row.description, row.material, row.origin), Km(row.error)) << &row - rows;
+  }
+}
+
+// RSA key material of a libcrypto key: form 1 with d, form 2 with the primes.
+Str RsaMaterial(const EVP_PKEY* key, uint32_t form) {
+  const auto numbers = test::NumbersOf(key);
+  const char* const parts[][7] = {{"n", "e", "d"}, {"n", "e", "p", "q", "dmp1", "dmq1", "iqmp"}};
+  Str header = Le(form, 4) + Le(numbers.at("n").size(), 4), body;
+  for (const char* part : parts[form - 1]) {
+    const Str number = part == nullptr ? "" : ToStr(numbers.at(part));
+    header += Le(number.size(), 4);
+    body += number;
+  }
+  return header + body;
+}
+
+TEST_F(TaTest, RsaTakesBothFormsOfMaterialAndNothingAltered) {
+  const Ps bare = {{KM_TAG_DIGEST, KM_DIGEST_NONE}, kNoPadding};
+  const Ps description = Key(KM_ALGORITHM_RSA, kSign, bare) + P(KM_TAG_PURPOSE, kEncrypt);
+  // BoringSSL has no exponents of more than 33 bits.
+  for (const uint64_t exponent : {uint64_t{3}, test::kBoringSsl ? 65537 : UINT64_MAX - 58}) {
+    const test::Pkey pkey = test::NewRsaKey(1024, exponent);
+    for (const uint32_t form : {1u, 2u}) {
+      const Str material = RsaMaterial(pkey.get(), form);
+      ASSERT_EQ(ta.Import(description, material), 0u);
+      ASSERT_EQ(ta.Operate(kSign, bare, "data", 4), 0u);
+      const Str signature = ta.output;
+      ASSERT_EQ(ta.Operate(kEncrypt, {kNoPadding}, signature, 100), 0u);
+      EXPECT_EQ(ta.output, Str(124, 0) + "data");
+      // Every number of the material counts: none can be altered, and nothing may be missing.
+      for (size_t at = 0; at < material.size(); at += at < 36 ? 1 : 61) {
+        const bool unread = form == 1 && at >= 20 && at < 36;
+        EXPECT_EQ(ta.Import(description, Flipped(material, at)) == 0, unread) << form << " " << at;
+        EXPECT_NE(ta.Import(description, material.substr(0, at)), 0u);
+      }
+    }
   }
 }
 
@@ -109,39 +141,22 @@ TEST_F(TaTest, ReadsWhatEarlierVersionsLeft) {
   const Ps app = kEcb + P(KM_TAG_APPLICATION_ID, "app");
   EXPECT_EQ(ta.Operate(kEncrypt, app, Str(16, 'p'), 16), 0u);
   EXPECT_EQ(ta.output, Hex("4cd8ba79a9f1e320aa59c44334601a71"));
-  EXPECT_EQ(ta.Run(kCmdGetHmacSharingParameters, Out(32), Out(32)), 0u);
-  EXPECT_EQ(ta.slots[0].out, Str(32, 's'));
+  EXPECT_EQ(ta.SharingParameters().substr(0, 32), Str(32, 's'));
   write("deleted_0123456789abcdef0123456789abcdef", "");
   EXPECT_EQ(ta.Begin(kEncrypt, app), Km(KM_ERROR_INVALID_KEY_BLOB));
 }
 
 TEST_F(TaTest, BlobsOpenForTheirOwnersOnly) {
-  const P id = {KM_TAG_APPLICATION_ID, "app"}, resists = {KM_TAG_ROLLBACK_RESISTANCE, 0x102};
-  const Ps owner = {id, {KM_TAG_APPLICATION_DATA, "data"}};
-  ASSERT_EQ(ta.Generate(kAes + owner + P(KM_TAG_USER_ID, 5) + resists), 0u);
+  const auto named = [](const Str& id, const Str& data) {
+    return Ps{{KM_TAG_APPLICATION_ID, id}, {KM_TAG_APPLICATION_DATA, data}};
+  };
   const auto open = [this](const Str& blob, const Ps& who) {
     return ta.Run(kCmdGetKeyCharacteristics, In(blob), In(Wire(who)), Out(4096));
   };
-  ASSERT_EQ(open(ta.blob, owner), 0u);
-  const Str lists = ta.slots[2].out;
-  const size_t software = 4 + 16 * UnLe(lists, 0, 4);
-  const auto find = [&](uint32_t tag, uint64_t value) {
-    return lists.find(Le(tag, 8) + Le(value, 8));
-  };
-  EXPECT_LT(find(KM_TAG_ORIGIN, KM_ORIGIN_GENERATED), software);
-  EXPECT_LT(find(KM_TAG_OS_PATCHLEVEL, kPatchlevel), software);
-  EXPECT_LT(find(KM_TAG_KEY_SIZE, 128), software);
-  EXPECT_LT(find(KM_TAG_ROLLBACK_RESISTANCE, 1), software);  // a boolean is 0 or 1
-  EXPECT_TRUE(find(KM_TAG_USER_ID, 5) > software && find(KM_TAG_USER_ID, 5) != Str::npos);
-  EXPECT_EQ(lists.find("app"), Str::npos);
-  const Ps strangers[] = {{},
-                          {id},
-                          {id, {KM_TAG_APPLICATION_DATA, "dat"}},
-                          {{KM_TAG_APPLICATION_ID, "appd"}, {KM_TAG_APPLICATION_DATA, "ata"}}};
+  const Ps owner = named("app", "data");
   const uint32_t refused = Km(KM_ERROR_INVALID_KEY_BLOB);
-  for (const Ps& stranger : strangers) {
-    EXPECT_EQ(open(ta.blob, stranger), refused);
-  }
+  ASSERT_EQ(ta.Generate(kAes + owner), 0u);
+  EXPECT_EQ(open(ta.blob, named("appd", "ata")), refused);
   for (size_t i = 0; i < ta.blob.size(); ++i) {
     EXPECT_EQ(open(Flipped(ta.blob, i), owner), refused) << i;
     EXPECT_EQ(open(ta.blob.substr(0, i), owner), refused) << i;
@@ -161,31 +176,20 @@ TEST_F(TaTest, BlobsOpenForTheirOwnersOnly) {
 
 TEST_F(TaTest, BlobsFollowTheSystemAndDoNotGoBack) {
   const struct {
-    int os_version, patchlevel;  // of the system, beside those of the key
+    uint32_t os_version, patchlevel;  // of the system, after the key was made
     keymaster_error_t use, upgrade;
-    bool is_new;
   } rows[] = {
-      {0, 0, KM_ERROR_OK, KM_ERROR_OK, false},
-      {1, 0, KM_ERROR_KEY_REQUIRES_UPGRADE, KM_ERROR_OK, true},
-      {0, 1, KM_ERROR_KEY_REQUIRES_UPGRADE, KM_ERROR_OK, true},
-      {-1, 0, KM_ERROR_INVALID_KEY_BLOB, KM_ERROR_INVALID_ARGUMENT, false},
-      {0, -1, KM_ERROR_INVALID_KEY_BLOB, KM_ERROR_INVALID_ARGUMENT, false},
-      {1, -1, KM_ERROR_INVALID_KEY_BLOB, KM_ERROR_INVALID_ARGUMENT, false},
+      {kOsVersion, kPatchlevel, KM_ERROR_OK, KM_ERROR_OK},
+      {kOsVersion + 1, kPatchlevel, KM_ERROR_KEY_REQUIRES_UPGRADE, KM_ERROR_OK},
+      {kOsVersion, kPatchlevel + 1, KM_ERROR_KEY_REQUIRES_UPGRADE, KM_ERROR_OK},
+      {kOsVersion - 1, kPatchlevel + 1, KM_ERROR_INVALID_KEY_BLOB, KM_ERROR_INVALID_ARGUMENT},
+      {kOsVersion + 1, kPatchlevel - 1, KM_ERROR_INVALID_KEY_BLOB, KM_ERROR_INVALID_ARGUMENT},
   };
   ASSERT_EQ(ta.Generate(kAes), 0u);
   for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    ASSERT_EQ(ta.Configure(kOsVersion + static_cast<uint32_t>(row.os_version),
-                           kPatchlevel + static_cast<uint32_t>(row.patchlevel)),
-              0u);
-    EXPECT_EQ(ta.TryBegin(kEncrypt, kEcb), Km(row.use));
-    ASSERT_EQ(ta.Run(kCmdUpgrade, In(ta.blob), In(Wire({})), Out(4096)), Km(row.upgrade));
-    EXPECT_EQ(!ta.slots[2].out.empty(), row.is_new);
-    if (row.is_new) {
-      Ta other;
-      other.blob = ta.slots[2].out;
-      EXPECT_EQ(other.TryBegin(kEncrypt, kEcb), 0u);
-    }
+    ASSERT_EQ(ta.Configure(row.os_version, row.patchlevel), 0u);
+    EXPECT_EQ(ta.TryBegin(kEncrypt, kEcb), Km(row.use)) << &row - rows;
+    EXPECT_EQ(ta.Run(kCmdUpgrade, In(ta.blob), In(Wire({})), Out(4096)), Km(row.upgrade));
   }
 }
 

@@ -32,18 +32,32 @@ inline const Ps kOaep = {{KM_TAG_PADDING, KM_PAD_RSA_OAEP}, kSha1};
 inline Ps Key(uint32_t algorithm, uint32_t purpose, const Ps& rest) {
   return Ps{{KM_TAG_ALGORITHM, algorithm}, {KM_TAG_PURPOSE, purpose}} + rest;
 }
+inline const P k128 = {KM_TAG_KEY_SIZE, 128};
+inline const Ps kEcb = {{KM_TAG_BLOCK_MODE, KM_MODE_ECB}, kNoPadding};
+inline const Ps kGcmMode = {{KM_TAG_BLOCK_MODE, KM_MODE_GCM}, kNoPadding};
+inline const Ps kAes = Key(KM_ALGORITHM_AES, kEncrypt, kEcb + k128);
+inline const Ps kGcm =
+    Key(KM_ALGORITHM_AES, kEncrypt, kGcmMode + k128 + P(KM_TAG_MIN_MAC_LENGTH, 104));
+inline const Ps kHmac =
+    Key(KM_ALGORITHM_HMAC, kSign, {k128, kSha256, {KM_TAG_MIN_MAC_LENGTH, 128}});
+inline const Ps kEc = Key(KM_ALGORITHM_EC, kSign, {{KM_TAG_EC_CURVE, KM_EC_CURVE_P_256}, kSha256});
+inline const Ps kRsa = kOaep + kNoPadding + kPkcs1 + P(KM_TAG_KEY_SIZE, 512) +
+                       P(KM_TAG_RSA_PUBLIC_EXPONENT, 65537) +
+                       P(KM_TAG_DIGEST, KM_DIGEST_SHA_2_384) + P(KM_TAG_DIGEST, KM_DIGEST_NONE);
+inline const Ps kRsaSign = Key(KM_ALGORITHM_RSA, kSign, kRsa);
+
+// The description with its parameters of the change's tag replaced by it.
+inline Ps With(const Ps& base, const P& change) {
+  Ps out;
+  for (const P& p : base) {
+    if (p.tag != change.tag) out.push_back(p);
+  }
+  return out + change;
+}
 
 inline Str ToStr(const test::Bytes& bytes) { return Str(bytes.begin(), bytes.end()); }
 
 inline Str Le(uint64_t value, int size) { return ToStr(test::LittleEndian(value, size)); }
-
-inline uint64_t UnLe(const Str& bytes, size_t at, size_t size) {
-  uint64_t value = 0;
-  for (size_t i = size; i > 0; --i) {
-    value = value << 8 | static_cast<uint8_t>(bytes.at(at + i - 1));
-  }
-  return value;
-}
 
 inline Str Hex(const Str& digits) {
   Str out;
@@ -61,11 +75,6 @@ inline Str Be(uint64_t value, int size) {
 inline Str Flipped(Str bytes, size_t at) {
   bytes[at] = static_cast<char>(bytes[at] ^ 1);
   return bytes;
-}
-
-// An auth token without its MAC.
-inline Str TokenHead(uint64_t challenge, uint64_t user, uint32_t type, uint64_t timestamp) {
-  return Str(1, 0) + Le(challenge, 8) + Le(user, 8) + Le(0x99, 8) + Le(type, 4) + Be(timestamp, 8);
 }
 
 // The two-list form, everything in the second list.
@@ -159,8 +168,12 @@ struct Commands {
 struct Ta : Commands {
   void* session = nullptr;
   Ta() {
-    TaParam none[4];
-    kKeymasterTrustedApp.open_session(kKeymasterLoginMethod, 0, none, &session);
+    TaParam params[4];
+    params[0].a = 5;
+    EXPECT_EQ(kKeymasterTrustedApp.open_session(kKeymasterLoginMethod, TEEC_VALUE_OUTPUT, params,
+                                                &session),
+              0u);
+    EXPECT_EQ(params[0].a, 0u);  // an ordinary session
   }
   ~Ta() override { kKeymasterTrustedApp.close_session(session); }
 
@@ -205,6 +218,10 @@ struct Instance : Ta {
   }
   ~Instance() { std::filesystem::remove_all(folder); }
   void Select() { setenv("KEYMASTER_TA_STATE", folder.c_str(), 1); }
+  Str SharingParameters() {
+    EXPECT_EQ(Run(kCmdGetHmacSharingParameters, Out(32), Out(32)), 0u);
+    return slots[0].out + slots[1].out;
+  }
   Str folder = testing::TempDir() + "ta_test_XXXXXX";
 };
 

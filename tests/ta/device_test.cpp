@@ -1,0 +1,152 @@
+// Authorization, HMAC sharing, the state of the device, and attestations that cannot be.
+#include <filesystem>
+#include <fstream>
+
+#include "tests/ta/tokens.h"
+
+namespace {
+
+constexpr uint32_t kShort = TEEC_ERROR_SHORT_BUFFER;
+const Str kPassword = Le(HW_AUTH_PASSWORD, 4), kFingerprint = Le(HW_AUTH_FINGERPRINT, 4);
+
+struct DeviceTest : TaTest {
+  uint32_t Verify(const Str& token, const Ps& params = {}) {
+    return ta.Run(kCmdVerifyAuthorization, In(Wire(params)), In(Le(0xABCDEF, 8) + token), InOut({}),
+                  Out(4096));
+  }
+};
+
+TEST_F(DeviceTest, AgreesOnAKeyWithWhoTakesItIn) {
+  const Str own = ta.SharingParameters(), others = Str(64, 'b'), token = Token(0, kPassword);
+  for (const Str& bad : {Str(), others, (others + own).substr(0, 127), others + Flipped(own, 0)}) {
+    EXPECT_EQ(ta.Run(kCmdComputeSharedHmac, In(bad), Out(32)), Km(KM_ERROR_INVALID_ARGUMENT));
+  }
+  for (const uint32_t room : {31u, 33u}) {
+    EXPECT_EQ(ta.Run(kCmdGetHmacSharingParameters, Out(room), Out(64 - room)), kShort);
+  }
+  // An agreement with nobody else changes nothing.
+  EXPECT_EQ(ta.Run(kCmdComputeSharedHmac, In(own), Out(32)), 0u);
+  EXPECT_EQ(Verify(token), 0u);
+  EXPECT_EQ(ta.Run(kCmdComputeSharedHmac, In(others + own), Out(32)), 0u);
+  EXPECT_EQ(Verify(token), Km(KM_ERROR_VERIFICATION_FAILED));
+}
+
+TEST_F(DeviceTest, ChecksATokensEveryByteAndSignsTheReply) {
+  const Str good = Token(0, kPassword);
+  for (size_t i = 0; i < good.size(); ++i) {
+    EXPECT_NE(Verify(Flipped(good, i)), 0u) << i;
+  }
+  const Str later = Flipped(good, 0).substr(0, 37);  // of another version, signed as it should be
+  for (const Str& odd : {Str(), good.substr(0, 68), good + good, later + Mac(later)}) {
+    EXPECT_EQ(Verify(odd), Km(KM_ERROR_VERIFICATION_FAILED));
+  }
+  const P timeout = {KM_TAG_AUTH_TIMEOUT, 10}, password = {KM_TAG_USER_AUTH_TYPE, 1},
+          any = {KM_TAG_USER_AUTH_TYPE, 3};
+  const struct {
+    Ps params;
+    uint64_t age;  // milliseconds
+    Str type;
+    const char* signed_as;  // DER; null for a refusal
+  } rows[] = {
+      {{{KM_TAG_MAX_USES_PER_BOOT, 1}}, 0, kPassword, ""},
+      {{timeout}, 9000, kPassword, "3007BF83790302010A"},
+      {{timeout}, 10001, kPassword, nullptr},
+      {{{KM_TAG_USER_SECURE_ID, 6}, {KM_TAG_USER_SECURE_ID, 5}},
+       0,
+       kPassword,
+       "300CBF8376083106020105020106"},
+      {{{KM_TAG_USER_SECURE_ID, 0x99}}, 0, kPassword, "300ABF837606310402020099"},
+      {{{KM_TAG_USER_SECURE_ID, 6}}, 0, kPassword, nullptr},
+      {{any}, 0, kFingerprint, "3007BF837803020103"},
+      {{password}, 0, Be(HW_AUTH_PASSWORD, 4), "3007BF837803020101"},
+      {{password}, 0, kFingerprint, nullptr},
+      {{password}, 0, Be(HW_AUTH_FINGERPRINT, 4), nullptr},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    const uint64_t before = ta::MillisSinceBoot();
+    const uint32_t result = Verify(Token(before - row.age, row.type), row.params);
+    ASSERT_EQ(result, row.signed_as != nullptr ? 0u : Km(KM_ERROR_VERIFICATION_FAILED));
+    if (row.signed_as == nullptr) continue;
+    EXPECT_EQ(ta.slots[2].out.size(), 4 + (*row.signed_as != 0 ? 16 * row.params.size() : 0));
+    const Str little = ta.slots[3].out.substr(8, 8), time(little.rbegin(), little.rend());
+    EXPECT_TRUE(Be(before, 8) <= time && time <= Be(ta::MillisSinceBoot(), 8));
+    const Str mac =
+        Mac("Auth Verification" + Be(0xABCDEF, 8) + time + Be(1, 4) + Hex(row.signed_as));
+    EXPECT_EQ(ta.slots[3].out, Le(0xABCDEF, 8) + little + Le(0, 8) + Le(1, 8) + mac);
+  }
+}
+
+TEST_F(DeviceTest, LimitsHoldForTheBootAndInSpiteOfADamagedState) {
+  const struct {
+    P limit;
+    uint32_t command;  // with which the key's use ends, after two, if it has to be told
+    Slot value;
+    keymaster_error_t error;
+  } rows[] = {
+      {{KM_TAG_UNLOCKED_DEVICE_REQUIRED, 1},
+       kCmdDeviceLocked,
+       {TEEC_VALUE_INPUT, {}, 0, 0, 0, {}},
+       KM_ERROR_DEVICE_LOCKED},
+      {{KM_TAG_MAX_USES_PER_BOOT, 2}, 0, {}, KM_ERROR_KEY_MAX_OPS_EXCEEDED},
+      {{KM_TAG_EARLY_BOOT_ONLY, 1}, kCmdEarlyBootEnded, {}, KM_ERROR_EARLY_BOOT_ENDED},
+  };
+  const Str file = ta.folder + "/boot_state", kept = file + ".kept";
+  for (const bool loses_its_file : {true, false}) {
+    const Str own = ta.SharingParameters();
+    std::vector<Str> keys;
+    for (const auto& row : rows) {
+      EXPECT_EQ(ta.Generate(kAes + row.limit), 0u);
+      for (int use = 0; use < 2; ++use) {
+        EXPECT_EQ(ta.TryBegin(kEncrypt, kEcb), 0u);
+      }
+      EXPECT_TRUE(row.command == 0 || ta.Run(row.command, row.value) == 0);
+      EXPECT_EQ(ta.TryBegin(kEncrypt, kEcb), Km(row.error));
+      keys.push_back(ta.blob);
+    }
+    EXPECT_EQ(ta.Generate(kAes + rows[2].limit), Km(KM_ERROR_EARLY_BOOT_ENDED));
+    // What cannot be read is no fresh start.
+    std::filesystem::copy_file(file, kept);
+    std::filesystem::resize_file(file, std::filesystem::file_size(file) - 1);
+    EXPECT_NE(ta.TryBegin(kEncrypt, kEcb), 0u);
+    std::filesystem::remove(file);
+    std::filesystem::create_symlink(file, file);
+    EXPECT_NE(ta.TryBegin(kEncrypt, kEcb), 0u);
+    std::filesystem::rename(kept, file);
+    EXPECT_EQ(ta.TryBegin(kEncrypt, kEcb), Km(KM_ERROR_EARLY_BOOT_ENDED));
+    if (loses_its_file) {
+      std::filesystem::remove(file);
+    } else {
+      std::fstream(file, std::ios::in | std::ios::out) << "another boot";
+    }
+    for (const Str& key : keys) {
+      ta.blob = key;
+      EXPECT_EQ(ta.TryBegin(kEncrypt, kEcb), 0u);
+    }
+    const Str next = ta.SharingParameters();
+    EXPECT_TRUE(next.substr(0, 32) == own.substr(0, 32) && next.substr(32) != own.substr(32));
+  }
+}
+
+TEST_F(DeviceTest, RefusesAttestationsOfTooLittleOrTooMuch) {
+  const auto challenge = [](size_t size) {
+    return P(KM_TAG_ATTESTATION_CHALLENGE, Str(size, 'c'));
+  };
+  const auto app = [](size_t size) { return P(KM_TAG_ATTESTATION_APPLICATION_ID, Str(size, 'a')); };
+  const struct {
+    Ps request;
+    uint32_t result;
+  } rows[] = {
+      {{app(1)}, Km(KM_ERROR_ATTESTATION_CHALLENGE_MISSING)},
+      {{challenge(1)}, Km(KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING)},
+      {{challenge(128), app(1024)}, kShort},
+      {{challenge(129), app(1)}, Km(KM_ERROR_INVALID_INPUT_LENGTH)},
+      {{challenge(1), app(1025)}, Km(KM_ERROR_INVALID_INPUT_LENGTH)},
+  };
+  ASSERT_EQ(ta.Generate(kEc), 0u);
+  for (const auto& row : rows) {
+    EXPECT_EQ(ta.Run(kCmdAttestKey, In(ta.blob), In(Wire(row.request)), Out(99)), row.result);
+  }
+}
+
+}  // namespace
