@@ -102,6 +102,13 @@ done <<'ROWS'
 2592000 1 1
 ROWS
 
+# The most that an attestation carries, and what it cannot be of.
+most=$(printf '%0128d' 0)
+app=$most$most$most$most$most$most$most$most
+ok km attest --key k.blob --app-id me --challenge $most --attest-app-id $app --out chain.pem
+for options in "--challenge 0$most" "--challenge x --attest-app-id 0$app"; do
+  refuse 'KM_ERROR_INVALID_INPUT_LENGTH (-21)' km attest --key k.blob --app-id me $options
+done
 ok km generate --algorithm aes --key aes.blob
 refuse 'KM_ERROR_INCOMPATIBLE_ALGORITHM (-5)' km attest --key aes.blob --challenge x
 traced 6

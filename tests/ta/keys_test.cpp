@@ -133,16 +133,13 @@ TEST_F(TaTest, ReadsWhatEarlierVersionsLeft) {
       "2685d4305a2d8fdef3fc30c91b66c00447a69de1bb1e7bcbc123645d358d1984886356a598d8c3caec3c7c8b29a7"
       "0af0130a58dbe80fca7a6c65e14934479e9772c27f09de1d7286d2866fb059b7918560403c6331d80c91d571e8de"
       "7d6cb3");
-  const auto write = [this](const Str& name, const Str& content) {
-    std::ofstream(ta.folder + "/" + name) << content;
-  };
-  write("device_key", Str(32, 'k'));
-  write("hmac_sharing_seed", Str(32, 's'));
+  std::ofstream(ta.folder + "/device_key") << Str(32, 'k');
+  std::ofstream(ta.folder + "/hmac_sharing_seed") << Str(32, 's');
   const Ps app = kEcb + P(KM_TAG_APPLICATION_ID, "app");
   EXPECT_EQ(ta.Operate(kEncrypt, app, Str(16, 'p'), 16), 0u);
   EXPECT_EQ(ta.output, Hex("4cd8ba79a9f1e320aa59c44334601a71"));
   EXPECT_EQ(ta.SharingParameters().substr(0, 32), Str(32, 's'));
-  write("deleted_0123456789abcdef0123456789abcdef", "");
+  std::ofstream(ta.folder + "/deleted_0123456789abcdef0123456789abcdef") << "";
   EXPECT_EQ(ta.Begin(kEncrypt, app), Km(KM_ERROR_INVALID_KEY_BLOB));
 }
 
@@ -169,9 +166,8 @@ TEST_F(TaTest, BlobsOpenForTheirOwnersOnly) {
   const Str upgraded = ta.slots[2].out;
   EXPECT_EQ(open(upgraded, owner), 0u);
   EXPECT_EQ(ta.Run(kCmdDeleteKey, In(upgraded)), 0u);
-  for (const Str& blob : {old, upgraded}) {
-    EXPECT_EQ(open(blob, owner), refused);
-  }
+  EXPECT_EQ(open(old, owner), refused);
+  EXPECT_EQ(open(upgraded, owner), refused);
 }
 
 TEST_F(TaTest, BlobsFollowTheSystemAndDoNotGoBack) {

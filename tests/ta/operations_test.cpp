@@ -2,7 +2,7 @@
 #include <atomic>
 #include <thread>
 
-#include "tests/ta/tokens.h"
+#include "tests/ta/ta_client.h"
 
 namespace {
 
@@ -130,7 +130,7 @@ TEST_F(TaTest, TakesAssociatedDataBeforeTheMessageOnly) {
     for (int i = 0; result == 0 && i < 4; ++i) {
       const Ps with = row.with[i] == nullptr ? Ps() : Ps{{KM_TAG_ASSOCIATED_DATA, row.with[i]}};
       const Str chunk(i == 1 || i == 2 ? 20 : 0, 'm');
-      result = i == 3 ? ta.Finish({}, {}, with) : ta.Update(chunk, with);
+      result = i == 3 ? ta.Finish({}, with) : ta.Update(chunk, with);
     }
     EXPECT_EQ(result, Km(row.error));
     EXPECT_EQ(row.error == KM_ERROR_OK ? ta.output : sealed, sealed);
@@ -140,18 +140,6 @@ TEST_F(TaTest, TakesAssociatedDataBeforeTheMessageOnly) {
   ASSERT_EQ(ta.Generate(kAes), 0u);
   ASSERT_EQ(ta.Begin(kEncrypt, kEcb), 0u);
   EXPECT_EQ(ta.Update("", {{KM_TAG_ASSOCIATED_DATA, "abcd"}}), Km(KM_ERROR_INVALID_TAG));
-}
-
-TEST_F(TaTest, WantsTheUsersTokenForEachOperation) {
-  const uint32_t refused = Km(KM_ERROR_KEY_USER_NOT_AUTHENTICATED);
-  ASSERT_EQ(ta.Generate(kAes + P(KM_TAG_USER_SECURE_ID, 5)), 0u);
-  for (const bool other : {false, true}) {
-    ASSERT_EQ(ta.Begin(kEncrypt, kEcb), 0u);
-    const P token = {KM_TAG_AUTH_TOKEN, Token(0, Le(1, 4), ta.handle + (other ? 1 : 0))};
-    EXPECT_EQ(ta.Update(Str(16, 'p'), {token}), other ? refused : 0u);
-    // A failed update has ended the operation; a good one does not make up for the finish.
-    EXPECT_EQ(ta.Finish(), other ? Km(KM_ERROR_INVALID_OPERATION_HANDLE) : refused);
-  }
 }
 
 TEST_F(TaTest, HoldsABoundedNumberOfOperations) {

@@ -85,14 +85,14 @@ constexpr uint32_t Km(keymaster_error_t error) { return static_cast<uint32_t>(er
 // A parameter of a command as the test wants it; out holds the reply.
 struct Slot {
   uint32_t type = TEEC_NONE;
-  Str in;
+  Str in = {};
   uint32_t capacity = 0;
   uint32_t a = 0, b = 0;
-  Str out;
+  Str out = {};
 };
-inline Slot In(Str bytes) { return {TEEC_MEMREF_TEMP_INPUT, std::move(bytes), 0, 0, 0, {}}; }
-inline Slot Out(uint32_t capacity) { return {TEEC_MEMREF_TEMP_OUTPUT, {}, capacity, 0, 0, {}}; }
-inline Slot InOut(Str in) { return {TEEC_MEMREF_TEMP_INOUT, std::move(in), 4096, 0, 0, {}}; }
+inline Slot In(Str bytes) { return {TEEC_MEMREF_TEMP_INPUT, std::move(bytes)}; }
+inline Slot Out(uint32_t capacity) { return {TEEC_MEMREF_TEMP_OUTPUT, {}, capacity}; }
+inline Slot InOut(Str in) { return {TEEC_MEMREF_TEMP_INOUT, std::move(in), 4096}; }
 
 // The TA's commands, by whichever way they reach it.
 struct Commands {
@@ -105,7 +105,7 @@ struct Commands {
                        Slot s3 = {}) = 0;
 
   uint32_t Configure(uint32_t os_version, uint32_t patchlevel) {
-    return Run(kCmdConfigure, {TEEC_VALUE_INPUT, {}, 0, os_version, patchlevel, {}});
+    return Run(kCmdConfigure, {TEEC_VALUE_INPUT, {}, 0, os_version, patchlevel});
   }
 
   Str blob;  // of the last key made
@@ -119,10 +119,8 @@ struct Commands {
 
   uint64_t handle = 0;
   uint32_t Begin(uint32_t purpose, const Ps& params) {
-    Slot value;
-    value.type = TEEC_VALUE_INOUT;
-    value.a = purpose;
-    const uint32_t result = Run(kCmdBegin, In(blob), In(Wire(params)), Out(4096), value);
+    const uint32_t result =
+        Run(kCmdBegin, In(blob), In(Wire(params)), Out(4096), {TEEC_VALUE_INOUT, {}, 0, purpose});
     if (result == 0) handle = slots[3].a | static_cast<uint64_t>(slots[3].b) << 32;
     return result;
   }
@@ -135,23 +133,21 @@ struct Commands {
 
   Str output;  // of the operation so far
   uint32_t Update(const Str& input, const Ps& params = {}) {
-    const uint32_t room = static_cast<uint32_t>(input.empty() ? 16 : (input.size() + 15) / 16 * 16);
-    return Add(Run(kCmdUpdate, In(Wire(params)), In(input), InOut(Le(handle, 8)), Out(room)));
+    return Add(Run(kCmdUpdate, In(Wire(params)), In(input), InOut(Le(handle, 8)), Out(4096)));
   }
-  uint32_t Finish(const Str& input = {}, const Str& signature = {}, const Ps& params = {}) {
-    const Str packed = ToStr(test::FinishInput(test::Text(input), test::Text(signature)));
+  uint32_t Finish(const Str& signature = {}, const Ps& params = {}) {
+    const Str packed = ToStr(test::FinishInput({}, test::Text(signature)));
     return Add(Run(kCmdFinish, In(Wire(params)), In(packed), InOut(Le(handle, 8)), Out(4096)));
   }
-  // A whole operation, fed in pieces; begin_params go to the begin, params to the first update.
-  uint32_t Operate(uint32_t purpose, const Ps& begin_params, const Str input, size_t piece,
-                   const Str& signature = {}, const Ps& params = {}) {
+  // A whole operation, fed in pieces.
+  uint32_t Operate(uint32_t purpose, const Ps& params, const Str& input, size_t piece,
+                   const Str& signature = {}) {
     output.clear();
-    uint32_t result = Begin(purpose, begin_params);
-    if (result == 0 && !params.empty()) result = Update({}, params);
+    uint32_t result = Begin(purpose, params);
     for (size_t at = 0; result == 0 && at < input.size(); at += piece) {
       result = Update(input.substr(at, piece));
     }
-    return result == 0 ? Finish({}, signature) : result;
+    return result == 0 ? Finish(signature) : result;
   }
 
  private:
