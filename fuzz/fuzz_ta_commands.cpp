@@ -1,25 +1,252 @@
 // The software TA behind its entry points: commands with made-up parameters, which may use keys of
-// a pool, what earlier commands replied, and the handles of operations that run.
+// a pool, what earlier commands replied, and the handles of operations that run. What the TA takes
+// from its system is the same in each run.
 //
 // The input: command after command. A command is its number, a byte (1: its parameter types follow,
 // else they are its usual ones) and its parameters: a value is two numbers, a reference is a source
 // and what that takes. An output is its capacity, and what is in it at first where it is in/out.
+#include <dlfcn.h>
 #include <openssl/err.h>
+#include <openssl/rand.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <trusted_app.h>
+#include <unistd.h>
 
-#include "fuzz/ta_world.h"
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+#include "fuzz/input.h"
 #include "ta/auth.h"
-#include "wire/ta_protocol.h"
+#include "tests/platform/keys.h"
+#include "tests/requests/commands.h"
 
 namespace {
 
 using fuzz::Bytes;
 using fuzz::Check;
 using fuzz::Input;
-using fuzz::Slot;
-using fuzz::World;
+using fuzz::Params;
+using namespace km41;  // the protocol's constants
+
+constexpr long kSecondsSinceBoot = 1000;
+uint8_t g_random = 0;
+
+}  // namespace
+
+// Randomness that repeats itself, a clock that stands, RSA keys that are made once a size and
+// exponent, and files that need not last.
+extern "C" {
+int RAND_bytes(unsigned char* out, int size) {
+  for (int i = 0; i < size; ++i) {
+    out[i] = ++g_random;
+  }
+  return 1;
+}
+int RAND_priv_bytes(unsigned char* out, int size) { return RAND_bytes(out, size); }
+int fsync(int) { return 0; }
+int clock_gettime(clockid_t clock, timespec* now) {
+  if (clock != CLOCK_BOOTTIME) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+  *now = {kSecondsSinceBoot, 0};
+  return 0;
+}
+int RSA_generate_key_ex(RSA* key, int bits, BIGNUM* e, BN_GENCB*) {
+  static const auto real =
+      reinterpret_cast<decltype(&RSA_generate_key_ex)>(dlsym(RTLD_NEXT, "RSA_generate_key_ex"));
+  static auto& made = *new std::map<std::pair<int, BN_ULONG>, Bytes>();
+  Bytes& der = made[{bits, BN_get_word(e)}];
+  if (der.empty()) {
+    if (real(key, bits, e, nullptr) != 1) return 0;
+    der = test::DerOf(i2d_RSAPrivateKey, key);
+  }
+  const uint8_t* at = der.data();
+  return d2i_RSAPrivateKey(&key, &at, static_cast<long>(der.size())) != nullptr ? 1 : 0;
+}
+}
+
+namespace {
 
 constexpr int kMostCommands = 12;
 constexpr size_t kMostParams = 40;
+
+// One parameter of a command, with memory of exactly its size.
+struct Slot {
+  Bytes bytes;
+  uint32_t a = 0, b = 0;
+};
+
+// ---- What an input works with
+
+namespace fs = std::filesystem;
+
+// The TA on a state folder of its own, configured, with a pool of keys, and what an input's
+// commands left.
+struct World {
+  World();
+  ~World() { fs::remove_all(folder); }
+  void OpenSession();
+  void Configure();
+  void AddKey(const Params& description);
+  // Restore ends the operations that run and takes back what was stored.
+  void Restore();
+  // Invoke sends a command, and keeps its replies and its handle.
+  TEEC_Result Invoke(uint32_t command, uint32_t types, Slot (&slots)[4]);
+  // HandleBytes returns the handle of an operation of this input; zeros before there is any.
+  Bytes HandleBytes(size_t index) const {
+    return test::Le64(handles.empty() ? 0 : handles[index % handles.size()]);
+  }
+
+  fs::path folder;
+  void* session = nullptr;
+  std::vector<Bytes> pool, replies;
+  std::vector<uint64_t> handles;
+  bool changed_device = false;
+};
+
+// UsualTypes returns the parameter types that the library gives a command; 0 for no command's
+// number.
+uint32_t UsualTypes(uint32_t command) {
+  const test::Command* found = test::FindCommand(command);
+  return found == nullptr ? 0 : test::TypesOf(*found);
+}
+
+TEEC_Result World::Invoke(uint32_t command, uint32_t types, Slot (&slots)[4]) {
+  TaParam params[4];
+  for (int i = 0; i < 4; ++i) {
+    Bytes& bytes = slots[i].bytes;
+    bytes.shrink_to_fit();
+    params[i] = {bytes.empty() ? nullptr : bytes.data(), static_cast<uint32_t>(bytes.size()),
+                 slots[i].a, slots[i].b};
+  }
+  changed_device |= command == kCmdConfigure || command == kCmdEarlyBootEnded ||
+                    command == kCmdDeviceLocked || command == kCmdComputeSharedHmac;
+  const TEEC_Result result = kKeymasterTrustedApp.invoke(session, command, types, params);
+  if (result != TEEC_SUCCESS) return result;
+  for (unsigned i = 0; i < 4; ++i) {
+    if (TEEC_PARAM_TYPE_GET(types, i) >= TEEC_MEMREF_TEMP_OUTPUT) {
+      Check(params[i].size <= slots[i].bytes.size(), "a reply fits its reference");
+      slots[i].bytes.resize(params[i].size);
+      replies.push_back(slots[i].bytes);
+    }
+  }
+  if (command == kCmdBegin) handles.push_back(params[3].a | uint64_t{params[3].b} << 32);
+  return result;
+}
+
+void World::Configure() {
+  Slot slots[4];
+  slots[0].a = 110000;
+  slots[0].b = 202101;
+  Check(Invoke(kCmdConfigure, UsualTypes(kCmdConfigure), slots) == TEEC_SUCCESS, "a configuration");
+}
+
+void World::AddKey(const Params& description) {
+  Slot slots[4];
+  slots[0].bytes = test::TwoLists({}, description);
+  slots[2].bytes.resize(kReplyCapacity);
+  slots[3].bytes.resize(kReplyCapacity);
+  Check(Invoke(kCmdGenerateKey, UsualTypes(kCmdGenerateKey), slots) == TEEC_SUCCESS, "a pool key");
+  pool.push_back(slots[2].bytes);
+}
+
+Params Each(keymaster_tag_t tag, std::initializer_list<uint64_t> values) {
+  Params params;
+  for (const uint64_t value : values) {
+    params.emplace_back(tag, value);
+  }
+  return params;
+}
+
+// The keys of the pool: all that an algorithm can do for anybody, then keys that ask for a user,
+// limit their uses, or hang on the device's state.
+std::vector<Params> PoolKeys() {
+  using test::Param;
+  const Param anybody(KM_TAG_NO_AUTH_REQUIRED, 1), user(KM_TAG_USER_SECURE_ID, 7);
+  const Params signer = Each(KM_TAG_PURPOSE, {KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY}) +
+                        Param(KM_TAG_DIGEST, KM_DIGEST_SHA_2_256);
+  const Params more_digests = Each(KM_TAG_DIGEST, {KM_DIGEST_NONE, KM_DIGEST_SHA1});
+  const Params cipher = Each(KM_TAG_PURPOSE, {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT}) +
+                        Each(KM_TAG_BLOCK_MODE, {KM_MODE_ECB, KM_MODE_CBC}) +
+                        Each(KM_TAG_PADDING, {KM_PAD_NONE, KM_PAD_PKCS7}) +
+                        Param(KM_TAG_CALLER_NONCE, 1);
+  const Params aes = cipher + Each(KM_TAG_BLOCK_MODE, {KM_MODE_CTR, KM_MODE_GCM}) +
+                     Params{{KM_TAG_ALGORITHM, KM_ALGORITHM_AES},
+                            {KM_TAG_KEY_SIZE, 128},
+                            {KM_TAG_MIN_MAC_LENGTH, 96}};
+  const Params des =
+      cipher + Params{{KM_TAG_ALGORITHM, KM_ALGORITHM_TRIPLE_DES}, {KM_TAG_KEY_SIZE, 168}};
+  const Params hmac = signer + Params{{KM_TAG_ALGORITHM, KM_ALGORITHM_HMAC},
+                                      {KM_TAG_KEY_SIZE, 128},
+                                      {KM_TAG_MIN_MAC_LENGTH, 64}};
+  const Params ec =
+      signer + more_digests + Params{{KM_TAG_ALGORITHM, KM_ALGORITHM_EC}, {KM_TAG_KEY_SIZE, 256}};
+  const Params rsa =
+      signer + more_digests +
+      Each(KM_TAG_PURPOSE, {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT, KM_PURPOSE_WRAP_KEY}) +
+      Each(KM_TAG_PADDING, {KM_PAD_NONE, KM_PAD_RSA_OAEP, KM_PAD_RSA_PSS,
+                            KM_PAD_RSA_PKCS1_1_5_ENCRYPT, KM_PAD_RSA_PKCS1_1_5_SIGN}) +
+      Params{{KM_TAG_ALGORITHM, KM_ALGORITHM_RSA},
+             {KM_TAG_KEY_SIZE, 1024},
+             {KM_TAG_RSA_PUBLIC_EXPONENT, 65537}};
+  return {
+      aes + anybody,
+      des + anybody,
+      hmac + anybody,
+      ec + anybody,
+      rsa + anybody,
+      hmac + user + Param(KM_TAG_USER_AUTH_TYPE, HW_AUTH_PASSWORD | HW_AUTH_FINGERPRINT),
+      aes + user + Params{{KM_TAG_USER_AUTH_TYPE, HW_AUTH_PASSWORD}, {KM_TAG_AUTH_TIMEOUT, 1000}},
+      hmac + anybody + Params{{KM_TAG_MAX_USES_PER_BOOT, 1}, {KM_TAG_UNLOCKED_DEVICE_REQUIRED, 1}},
+  };
+}
+
+// The key of every device that the seeds come from, so that the key blobs among them open.
+constexpr char kDeviceKey[] = "the device key of the fuzz seeds";
+
+void World::OpenSession() {
+  Check(kKeymasterTrustedApp.open_session(kKeymasterLoginMethod, 0, nullptr, &session) ==
+            TEEC_SUCCESS,
+        "a session");
+}
+
+World::World() {
+  std::string name = fs::exists("/dev/shm") ? "/dev/shm/fuzz-ta-XXXXXX" : "/tmp/fuzz-ta-XXXXXX";
+  Check(mkdtemp(name.data()) != nullptr, "a state folder");
+  folder = name;
+  setenv("KEYMASTER_TA_STATE", folder.c_str(), 1);
+  std::ofstream(folder / "device_key") << kDeviceKey;
+  OpenSession();
+  Configure();
+  for (const Params& description : PoolKeys()) {
+    AddKey(description);
+  }
+  Restore();
+}
+
+void World::Restore() {
+  for (size_t i = 0; i < handles.size(); ++i) {
+    Slot slots[4];
+    slots[0].bytes = HandleBytes(i);
+    Invoke(kCmdAbort, UsualTypes(kCmdAbort), slots);
+  }
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+    const std::string name = entry.path().filename();
+    for (const char* record : {"deleted_", "usage_", "boot_state", "hmac_sharing_seed"}) {
+      if (name.rfind(record, 0) == 0) fs::remove(entry);
+    }
+  }
+  if (changed_device) Configure();
+  // With the session goes its last error.
+  kKeymasterTrustedApp.close_session(session);
+  OpenSession();
+  handles.clear();
+  replies.clear();
+  changed_device = false;
+  g_random = 0;
+}
+
+// ---- How an input is read
 
 // An auth token without its HMAC gets it, and as its challenge, where that is all ones, the last
 // operation's handle.
@@ -27,7 +254,7 @@ Bytes CompleteToken(const World& world, Bytes token) {
   constexpr size_t kSigned = 37;
   if (token.size() != kSigned) return token;
   if (std::all_of(&token[1], &token[9], [](uint8_t byte) { return byte == 0xFF; })) {
-    const Bytes handle = fuzz::HandleBytes(world, world.handles.size() - 1);
+    const Bytes handle = world.HandleBytes(world.handles.size() - 1);
     std::copy(handle.begin(), handle.end(), &token[1]);
   }
   const auto mac = ta::SharedHmac(token);
@@ -36,7 +263,7 @@ Bytes CompleteToken(const World& world, Bytes token) {
 }
 
 Bytes ReadParameterList(const World& world, Input* input) {
-  fuzz::Params params = fuzz::ReadParams(input, kMostParams);
+  Params params = fuzz::ReadParams(input, kMostParams);
   for (test::Param& param : params) {
     if (param.tag == static_cast<uint32_t>(KM_TAG_AUTH_TOKEN)) {
       param.value = CompleteToken(world, std::get<Bytes>(param.value));
@@ -45,72 +272,60 @@ Bytes ReadParameterList(const World& world, Input* input) {
   return test::TwoLists({}, params);
 }
 
-// The last two replies, as what a keymaster shares of itself.
-Bytes LastReplies(const World& world) {
-  const size_t count = world.replies.size();
-  return count == 0   ? Bytes()
-         : count == 1 ? world.replies[0]
-                      : test::Cat({world.replies[count - 2], world.replies[count - 1]});
-}
-
 Bytes ReadBytes(const World& world, Input* input) {
+  const std::vector<Bytes>& replies = world.replies;
   switch (input->U8()) {
     case 1:
       return world.pool[input->U8() % world.pool.size()];
     case 2: {
       const uint8_t index = input->U8();
-      return world.replies.empty() ? Bytes() : world.replies[index % world.replies.size()];
+      return replies.empty() ? Bytes() : replies[index % replies.size()];
     }
     case 3:
-      return fuzz::HandleBytes(world, input->U8());
+      return world.HandleBytes(input->U8());
     case 4:
       return ReadParameterList(world, input);
     case 5: {
       const Bytes challenge = input->Read(8);
       return test::Cat({challenge, CompleteToken(world, input->ReadSized())});
     }
-    case 6:
-      return LastReplies(world);
+    case 6:  // as what a keymaster shares of itself
+      return replies.size() < 2 ? Bytes() : test::Cat({replies.end()[-2], replies.end()[-1]});
     default:
       return input->ReadSized();
   }
 }
 
-void ReadSlot(const World& world, Input* input, uint32_t type, Slot* slot) {
-  const size_t capacity =
-      type >= TEEC_MEMREF_TEMP_OUTPUT ? input->U16() % (km41::kChainCapacity + 1) : 0;
+Slot ReadSlot(const World& world, Input* input, uint32_t type) {
+  Slot slot;
+  const bool is_output = type >= TEEC_MEMREF_TEMP_OUTPUT;
+  const size_t capacity = is_output ? input->U16() % (kChainCapacity + 1) : 0;
   if (type == TEEC_MEMREF_TEMP_INPUT || type == TEEC_MEMREF_TEMP_INOUT) {
-    slot->bytes = ReadBytes(world, input);
+    slot.bytes = ReadBytes(world, input);
   }
-  if (type >= TEEC_MEMREF_TEMP_OUTPUT) slot->bytes.resize(capacity);
+  if (is_output) slot.bytes.resize(capacity);
   if (type >= TEEC_VALUE_INPUT && type <= TEEC_VALUE_INOUT) {
-    slot->a = input->U32();
-    slot->b = input->U32();
+    slot.a = input->U32();
+    slot.b = input->U32();
   }
-}
-
-void RunCommand(World* world, Input* input) {
-  const uint32_t command = input->U8();
-  const uint32_t types = input->U8() == 1 ? input->U32() : fuzz::UsualTypes(command);
-  Slot slots[4];
-  for (unsigned i = 0; i < 4; ++i) {
-    ReadSlot(*world, input, TEEC_PARAM_TYPE_GET(types, i), &slots[i]);
-  }
-  world->changed_device |= command == km41::kCmdConfigure || command == km41::kCmdEarlyBootEnded ||
-                           command == km41::kCmdDeviceLocked ||
-                           command == km41::kCmdComputeSharedHmac;
-  fuzz::Invoke(world, command, types, slots);
+  return slot;
 }
 
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static World& world = *new World(fuzz::MakeWorld());
+  static World world;
   Input input(data, size);
   for (int i = 0; i < kMostCommands && !input.empty(); ++i) {
-    RunCommand(&world, &input);
+    const uint32_t command = input.U8();
+    const uint32_t types = input.U8() == 1 ? input.U32() : UsualTypes(command);
+    Slot slots[4];
+    for (unsigned k = 0; k < 4; ++k) {
+      slots[k] = ReadSlot(world, &input, TEEC_PARAM_TYPE_GET(types, k));
+    }
+    world.Invoke(command, types, slots);
   }
   Check(ERR_peek_error() == 0, "no libcrypto error is left behind");
-  fuzz::Restore(&world);
+  world.Restore();
   return 0;
 }

@@ -4,40 +4,25 @@
 
 #include "fuzz/input.h"
 
-namespace {
-
-// Lends the fuzzer's bytes to an owning blob.
-struct Lent : keymaster::TKeymasterBlob<keymaster_key_blob_t> {
-  Lent(const uint8_t* data, size_t size) {
-    key_material = data;
-    key_material_size = size;
-  }
-  ~Lent() { key_material = nullptr; }
-};
-
-template <typename Blob>
-void CheckOutput(Blob& blob, bool parsed) {
-  const uint8_t* bytes = keymaster::BlobData(blob);
-  const size_t length = keymaster::BlobSize(blob);
-  fuzz::Check((bytes != nullptr) == parsed, "the outputs are there after a success alone");
-  if (length != 0) fuzz::CheckReadable(bytes, length);
-}
-
-}  // namespace
-
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const Lent wrapped(data, size);
+  keymaster::TKeymasterBlob<keymaster_key_blob_t> wrapped, transit_key, secure_key;
   keymaster::TKeymasterBlob<keymaster_blob_t> iv, tag, description;
-  keymaster::TKeymasterBlob<keymaster_key_blob_t> transit_key, secure_key;
   keymaster::AuthorizationSet list;
   keymaster_key_format_t format = KM_KEY_FORMAT_X509;
+  wrapped.key_material = data;
+  wrapped.key_material_size = size;
   const bool parsed = parse_wrapped_key(wrapped, &iv, &transit_key, &secure_key, &tag, &list,
                                         &format, &description) == KM_ERROR_OK;
-  for (auto* blob : {&iv, &tag, &description}) {
-    CheckOutput(*blob, parsed);
-  }
-  for (auto* blob : {&transit_key, &secure_key}) {
-    CheckOutput(*blob, parsed);
+  wrapped.key_material = nullptr;  // the fuzzer's
+
+  const keymaster_blob_t outputs[] = {iv,
+                                      tag,
+                                      description,
+                                      {transit_key.key_material, transit_key.key_material_size},
+                                      {secure_key.key_material, secure_key.key_material_size}};
+  for (const keymaster_blob_t& output : outputs) {
+    fuzz::Check((output.data != nullptr) == parsed, "the outputs are there after a success alone");
+    if (output.data_length != 0) fuzz::CheckReadable(output.data, output.data_length);
   }
   fuzz::Check(parsed || list.empty(), "a failure leaves no parameters");
   for (const keymaster_key_param_t& param : list) {

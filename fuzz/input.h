@@ -40,10 +40,10 @@ class Input {
  public:
   Input(const uint8_t* data, size_t size) : at_(data), left_(size) {}
   bool empty() const { return left_ == 0; }
-  uint8_t U8() { return static_cast<uint8_t>(Number(1)); }
-  uint16_t U16() { return static_cast<uint16_t>(Number(2)); }
-  uint32_t U32() { return static_cast<uint32_t>(Number(4)); }
-  uint64_t U64() { return Number(8); }
+  uint8_t U8() { return Number<uint8_t>(); }
+  uint16_t U16() { return Number<uint16_t>(); }
+  uint32_t U32() { return Number<uint32_t>(); }
+  uint64_t U64() { return Number<uint64_t>(); }
   // Read returns up to count bytes.
   Bytes Read(size_t count) {
     count = std::min(count, left_);
@@ -56,12 +56,11 @@ class Input {
   Bytes ReadSized() { return Read(U16()); }
 
  private:
-  uint64_t Number(size_t size) {
-    uint64_t value = 0;
-    const Bytes bytes = Read(size);
-    for (size_t i = 0; i < bytes.size(); ++i) {
-      value |= uint64_t{bytes[i]} << (8 * i);
-    }
+  template <typename T>
+  T Number() {
+    T value = 0;
+    const Bytes bytes = Read(sizeof(value));
+    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<uint8_t*>(&value));
     return value;
   }
 

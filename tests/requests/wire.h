@@ -24,16 +24,19 @@ inline Params operator+(Params a, Param b) {
 
 // AppendList writes a count and entries; the bytes of values go to the blob area.
 inline void AppendList(const Params& params, Bytes* list, Bytes* area) {
-  *list = Cat({*list, Le32(static_cast<uint32_t>(params.size()))});
+  const auto append = [list](const Bytes& bytes) {
+    list->insert(list->end(), bytes.begin(), bytes.end());
+  };
+  append(Le32(static_cast<uint32_t>(params.size())));
   for (const Param& param : params) {
     if (!IsByteValued(param.tag)) {
-      *list = Cat({*list, Entry(param.tag, std::get<uint64_t>(param.value))});
+      append(Entry(param.tag, std::get<uint64_t>(param.value)));
       continue;
     }
     const Bytes& bytes = std::get<Bytes>(param.value);
-    *list = Cat({*list, BytesEntry(param.tag, static_cast<uint32_t>(area->size()),
-                                   static_cast<uint32_t>(bytes.size()))});
-    *area = Cat({*area, bytes});
+    append(BytesEntry(param.tag, static_cast<uint32_t>(area->size()),
+                      static_cast<uint32_t>(bytes.size())));
+    area->insert(area->end(), bytes.begin(), bytes.end());
   }
 }
 // OneList is a reply of output parameters.
