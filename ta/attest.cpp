@@ -5,7 +5,6 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
-#include <cstring>
 #include <initializer_list>
 #include <set>
 
@@ -17,10 +16,6 @@ namespace ta {
 namespace {
 
 // ---- The attestation extension's ASN.1.
-
-constexpr char kKeyDescriptionOid[] = "1.3.6.1.4.1.11129.2.1.17";
-constexpr uint64_t kAttestationVersion = 4;
-constexpr uint64_t kKeymasterVersion = 41;
 
 Bytes Element(int tag, int tag_class, bool constructed, ByteView content) {
   const int length = static_cast<int>(content.size);
@@ -49,11 +44,6 @@ Bytes Enumerated(uint64_t value) { return Number(V_ASN1_ENUMERATED, value); }
 
 Bytes OctetString(ByteView content) {
   return Element(V_ASN1_OCTET_STRING, V_ASN1_UNIVERSAL, false, content);
-}
-
-Bytes Boolean(bool value) {
-  return Element(V_ASN1_BOOLEAN, V_ASN1_UNIVERSAL, false,
-                 Bytes{value ? uint8_t{0xFF} : uint8_t{0}});
 }
 
 Bytes Sequence(std::initializer_list<Bytes> elements) {
@@ -100,8 +90,8 @@ Bytes FieldValue(const ParamSet& params, keymaster_tag_t tag) {
 // unverified.
 Bytes HostRootOfTrust() {
   constexpr uint64_t kUnverified = 2;
-  const Bytes none(32);
-  return Sequence({OctetString(none), Boolean(false), Enumerated(kUnverified), OctetString(none)});
+  const Bytes none(32), is_locked = Element(V_ASN1_BOOLEAN, V_ASN1_UNIVERSAL, false, Bytes(1));
+  return Sequence({OctetString(none), is_locked, Enumerated(kUnverified), OctetString(none)});
 }
 
 }  // namespace
@@ -120,17 +110,6 @@ Bytes EncodeAuthorizationList(const ParamSet& params) {
 
 namespace {
 
-// The value of the attestation extension: Android's KeyDescription, version 4. unique_id may be
-// empty.
-Bytes EncodeKeyDescription(ByteView challenge, ByteView unique_id,
-                           const ParamSet& software_enforced, const ParamSet& tee_enforced) {
-  return Sequence({Integer(kAttestationVersion), Enumerated(KM_SECURITY_LEVEL_TRUSTED_ENVIRONMENT),
-                   Integer(kKeymasterVersion), Enumerated(KM_SECURITY_LEVEL_TRUSTED_ENVIRONMENT),
-                   OctetString(challenge), OctetString(unique_id),
-                   EncodeAuthorizationList(software_enforced),
-                   EncodeAuthorizationList(tee_enforced)});
-}
-
 // ---- What is attested.
 
 // Holds, as PEM: intermediate key and certificate, root key and certificate.
@@ -148,15 +127,8 @@ struct AttestationAuthority {
   X509Ptr root;
 };
 
-constexpr size_t kMaxChallengeSize = 128;
-constexpr size_t kMaxApplicationIdSize = 1024;
-
 // What this device can attest about itself. A tag with a null text is one it has no value for.
-struct DeviceId {
-  keymaster_tag_t tag;
-  const char* text;
-};
-constexpr DeviceId kDeviceIds[] = {
+constexpr std::pair<keymaster_tag_t, const char*> kDeviceIds[] = {
     {KM_TAG_ATTESTATION_ID_BRAND, "host"},
     {KM_TAG_ATTESTATION_ID_DEVICE, "keymaster_host"},
     {KM_TAG_ATTESTATION_ID_PRODUCT, "keymaster_host"},
@@ -167,20 +139,12 @@ constexpr DeviceId kDeviceIds[] = {
     {KM_TAG_ATTESTATION_ID_MODEL, "Keymaster Host"},
 };
 
-// A key's own list without the secure ids, which say nothing to a relying party. What an
-// attestation adds is in no key's list.
-ParamSet Attestable(ParamSet params) {
-  params.Remove(KM_TAG_USER_SECURE_ID);
-  return params;
-}
-
 // False if an id is asked for that is not this device's.
 bool AddDeviceIds(const ParamSet& request, ParamSet* tee_enforced) {
-  for (const DeviceId& id : kDeviceIds) {
-    const Param* const asked = request.Find(id.tag);
+  for (const auto& [tag, text] : kDeviceIds) {
+    const Param* const asked = request.Find(tag);
     if (asked == nullptr) continue;
-    if (id.text == nullptr || asked->bytes.size() != strlen(id.text) ||
-        !std::equal(asked->bytes.begin(), asked->bytes.end(), id.text)) {
+    if (text == nullptr || std::string(asked->bytes.begin(), asked->bytes.end()) != text) {
       return false;
     }
     tee_enforced->Add(*asked);
@@ -203,22 +167,29 @@ Bytes UniqueId(const Key& key, const ParamSet& request) {
   return Bytes(mac.begin(), mac.begin() + kUniqueIdSize);
 }
 
+// The value of the attestation extension: Android's KeyDescription.
 Bytes DescribeForAttestation(const Key& key, const ParamSet& request) {
+  constexpr uint64_t kAttestationVersion = 4, kKeymasterVersion = 41;
+  constexpr size_t kMaxChallenge = 128, kMaxApplicationId = 1024;
   const Param* const challenge = request.Find(KM_TAG_ATTESTATION_CHALLENGE);
   const Param* const application = request.Find(KM_TAG_ATTESTATION_APPLICATION_ID);
   FailIf(challenge == nullptr, KM_ERROR_ATTESTATION_CHALLENGE_MISSING);
   FailIf(application == nullptr, KM_ERROR_ATTESTATION_APPLICATION_ID_MISSING);
-  FailIf(challenge->bytes.size() > kMaxChallengeSize ||
-             application->bytes.size() > kMaxApplicationIdSize,
+  FailIf(challenge->bytes.size() > kMaxChallenge || application->bytes.size() > kMaxApplicationId,
          KM_ERROR_INVALID_INPUT_LENGTH);
 
-  ParamSet software_enforced = Attestable(key.sw_enforced);
+  // What an attestation adds is in no key's list.
+  ParamSet software_enforced = key.sw_enforced, tee_enforced = key.hw_enforced;
   software_enforced.Add(*application);
-  ParamSet tee_enforced = Attestable(key.hw_enforced);
+  // Secure ids say nothing to a relying party.
+  tee_enforced.Remove(KM_TAG_USER_SECURE_ID);
   tee_enforced.AddBytes(KM_TAG_ROOT_OF_TRUST, HostRootOfTrust());
   FailIf(!AddDeviceIds(request, &tee_enforced), KM_ERROR_CANNOT_ATTEST_IDS);
-  return EncodeKeyDescription(challenge->bytes, UniqueId(key, request), software_enforced,
-                              tee_enforced);
+  const Bytes level = Enumerated(KM_SECURITY_LEVEL_TRUSTED_ENVIRONMENT);
+  return Sequence({Integer(kAttestationVersion), level, Integer(kKeymasterVersion), level,
+                   OctetString(challenge->bytes), OctetString(UniqueId(key, request)),
+                   EncodeAuthorizationList(software_enforced),
+                   EncodeAuthorizationList(tee_enforced)});
 }
 
 // A certificate that wants its extensions and signature. Validity in seconds since 1970.
@@ -334,7 +305,7 @@ X509Ptr BuildLeaf(const AttestationAuthority& authority, const Key& key, ByteVie
             DateOf(key, KM_TAG_USAGE_EXPIRE_DATETIME, KM_TAG_USAGE_EXPIRE_DATETIME, kNoEnd));
   AddExtension(leaf.get(), issuer, "authorityKeyIdentifier", "keyid:always");
   AddKeyUsage(leaf.get(), key);
-  AddExtension(leaf.get(), issuer, kKeyDescriptionOid, "DER:" + Hex(key_description));
+  AddExtension(leaf.get(), issuer, "1.3.6.1.4.1.11129.2.1.17", "DER:" + Hex(key_description));
   RequireCrypto(X509_sign(leaf.get(), authority.intermediate_key.get(), EVP_sha256()) > 0);
   return leaf;
 }

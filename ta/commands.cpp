@@ -35,12 +35,10 @@ void Reply(ByteView bytes, TaParam* output, const char* function, uint32_t line)
 
 namespace {
 
-using Handler = void (*)(uint32_t types, TaParam params[4]);
-
 // A command, and the types of its parameters.
 struct Command {
   uint32_t id;
-  Handler handler;
+  Handler* handler;
   bool needs_configuration;
   uint32_t types[4];
 };
@@ -148,7 +146,7 @@ TEEC_Result Invoke(void* session, uint32_t command, uint32_t types, TaParam para
 ParamSet RequestOf(uint32_t types, const TaParam params[4], uint32_t index) {
   ParamSet request;
   FailIf(TEEC_PARAM_TYPE_GET(types, index) != TEEC_NONE &&
-             !ParseTwoLists(InputOf(params[index]), &request),
+             !ParseTwoLists(InputOf(params[index]), &request, &request),
          KM_ERROR_INVALID_ARGUMENT);
   return request;
 }

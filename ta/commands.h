@@ -11,31 +11,18 @@ namespace ta {
 // RequestOf reads the key parameters that a parameter carries; one that is left out has none.
 ParamSet RequestOf(uint32_t types, const TaParam params[4], uint32_t index);
 
+using Handler = void(uint32_t types, TaParam params[4]);
+
 // Configuration and keys.
-void Configure(uint32_t types, TaParam params[4]);
-void GenerateKey(uint32_t types, TaParam params[4]);
-void GetKeyCharacteristics(uint32_t types, TaParam params[4]);
-void ImportKey(uint32_t types, TaParam params[4]);
-void ExportKey(uint32_t types, TaParam params[4]);
-void AttestKey(uint32_t types, TaParam params[4]);
-void UpgradeKey(uint32_t types, TaParam params[4]);
-void DeleteKey(uint32_t types, TaParam params[4]);
-
+Handler Configure, GenerateKey, GetKeyCharacteristics, ImportKey, ExportKey, AttestKey, UpgradeKey,
+    DeleteKey;
 // Operations.
-void BeginOperation(uint32_t types, TaParam params[4]);
-void UpdateOperation(uint32_t types, TaParam params[4]);
-void FinishOperation(uint32_t types, TaParam params[4]);
-void AbortOperation(uint32_t types, TaParam params[4]);
-
+Handler BeginOperation, UpdateOperation, FinishOperation, AbortOperation;
 // Authorization, device state, HMAC sharing.
-void VerifyAuthorization(uint32_t types, TaParam params[4]);
-void EarlyBootEnded(uint32_t types, TaParam params[4]);
-void DeviceLocked(uint32_t types, TaParam params[4]);
-void GetHmacSharingParameters(uint32_t types, TaParam params[4]);
-void ComputeSharedHmac(uint32_t types, TaParam params[4]);
-
+Handler VerifyAuthorization, EarlyBootEnded, DeviceLocked, GetHmacSharingParameters,
+    ComputeSharedHmac;
 // The session's own error record.
-void GetErrorRecord(uint32_t types, TaParam params[4]);
+Handler GetErrorRecord;
 
 }  // namespace ta
 

@@ -107,11 +107,6 @@ bool ParamSet::Contains(Tag tag, uint64_t value) const {
   });
 }
 
-bool ParamSet::IsTrue(Tag tag) const {
-  const Param* param = Find(tag);
-  return param != nullptr && param->value != 0;
-}
-
 std::optional<uint64_t> ParamSet::Value(Tag tag) const {
   const Param* param = Find(tag);
   return param == nullptr ? std::nullopt : std::optional<uint64_t>(param->value);
@@ -130,8 +125,6 @@ bool ParseTwoLists(ByteView wire, ParamSet* first, ParamSet* second) {
   return Resolve(first_entries, reader.rest(), &budget, first) &&
          Resolve(second_entries, reader.rest(), &budget, second);
 }
-
-bool ParseTwoLists(ByteView wire, ParamSet* out) { return ParseTwoLists(wire, out, out); }
 
 Bytes Serialize(std::initializer_list<const ParamSet*> lists) {
   Bytes wire;

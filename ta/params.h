@@ -41,7 +41,7 @@ class ParamSet : public std::vector<Param> {
   // Count returns the number of parameters of that tag.
   size_t Count(Tag tag) const;
   // IsTrue tells whether a boolean tag is there with a value other than false.
-  bool IsTrue(Tag tag) const;
+  bool IsTrue(Tag tag) const { return Value(tag).value_or(0) != 0; }
   // Value returns the first value of that tag.
   std::optional<uint64_t> Value(Tag tag) const;
   // BytesOf returns the bytes of the first parameter of that tag, an empty view without one. The
@@ -49,11 +49,9 @@ class ParamSet : public std::vector<Param> {
   ByteView BytesOf(Tag tag) const;
 };
 
-// ParseTwoLists reads the two-list form that requests travel in, into one set, first list first.
-// False for a buffer that ends early or points outside itself; *out is then unspecified. Bytes
+// ParseTwoLists reads the two-list form that requests travel in; first and second may be one set.
+// False for a buffer that ends early or points outside itself; both are then unspecified. Bytes
 // after the last byte value are ignored.
-bool ParseTwoLists(ByteView wire, ParamSet* out);
-// ParseTwoLists, with the lists kept apart.
 bool ParseTwoLists(ByteView wire, ParamSet* first, ParamSet* second);
 // Serialize writes lists: one as output parameters travel, two as requests and characteristics do.
 Bytes Serialize(std::initializer_list<const ParamSet*> lists);
