@@ -140,21 +140,15 @@ class RsaCipherOperation : public PkeyOperation {
 // Padding and digest must go together, and fit the key.
 void CheckRsaScheme(const Scheme& scheme, size_t key_bytes) {
   const size_t digest = scheme.md == nullptr ? 0 : static_cast<size_t>(EVP_MD_size(scheme.md));
-  bool fits = false;
-  switch (scheme.padding) {
-    case KM_PAD_NONE:
-      fits = digest == 0;
-      break;
-    case KM_PAD_RSA_PKCS1_1_5_SIGN:
-      fits = digest == 0 || key_bytes >= digest + kPkcs1DigestInfo + kPkcs1Overhead;
-      break;
-    case KM_PAD_RSA_PSS:
-      fits = digest != 0 && key_bytes >= 2 * digest + 2;
-      break;
-    default:
-      Fail(KM_ERROR_UNSUPPORTED_PADDING_MODE);
+  if (scheme.padding == KM_PAD_NONE) {
+    FailIf(digest != 0, KM_ERROR_INCOMPATIBLE_DIGEST);
+  } else if (scheme.padding == KM_PAD_RSA_PKCS1_1_5_SIGN) {
+    FailIf(digest != 0 && key_bytes < digest + kPkcs1DigestInfo + kPkcs1Overhead,
+           KM_ERROR_INCOMPATIBLE_DIGEST);
+  } else {
+    FailIf(scheme.padding != KM_PAD_RSA_PSS, KM_ERROR_UNSUPPORTED_PADDING_MODE);
+    FailIf(digest == 0 || key_bytes < 2 * digest + 2, KM_ERROR_INCOMPATIBLE_DIGEST);
   }
-  FailIf(!fits, KM_ERROR_INCOMPATIBLE_DIGEST);
 }
 
 }  // namespace

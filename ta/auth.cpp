@@ -2,7 +2,6 @@
 
 #include <openssl/cmac.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <fstream>
@@ -16,7 +15,7 @@
 namespace ta {
 namespace {
 
-constexpr std::string_view kVerificationLabel = "Auth Verification";
+using std::string_view_literals::operator""sv;
 
 constexpr keymaster_tag_t kVerifiableTags[] = {KM_TAG_USER_SECURE_ID, KM_TAG_USER_AUTH_TYPE,
                                                KM_TAG_AUTH_TIMEOUT};
@@ -32,9 +31,10 @@ ParamSet Verifiable(const ParamSet& params) {
 }
 
 Bytes VerificationToken(uint64_t challenge, const ParamSet& verified) {
-  const uint64_t timestamp = MillisSinceBoot();
+  const uint64_t timestamp = Millis(CLOCK_BOOTTIME);
   constexpr uint32_t kLevel = KM_SECURITY_LEVEL_TRUSTED_ENVIRONMENT;
-  Bytes message(kVerificationLabel.begin(), kVerificationLabel.end());
+  Bytes message;
+  AppendBytes(&message, "Auth Verification"sv);
   AppendBigEndian(&message, challenge, sizeof(challenge));
   AppendBigEndian(&message, timestamp, sizeof(timestamp));
   AppendBigEndian(&message, kLevel, sizeof(kLevel));
@@ -66,10 +66,6 @@ bool Load(const std::string& boot_id, BootState* state) {
          boot_id.compare(0, boot_id.size(), state->boot_id, sizeof(state->boot_id)) == 0;
 }
 
-constexpr char kSeedFile[] = "hmac_sharing_seed";
-using std::string_view_literals::operator""sv;
-constexpr std::string_view kLabel = "KeymasterSharedMac\0"sv;
-constexpr std::string_view kCheckMessage = "Keymaster HMAC Verification";
 constexpr size_t kSharingParametersSize = kSharingSeedSize + kSharingNonceSize;
 
 using CmacPtr = std::unique_ptr<CMAC_CTX, CallFree<CMAC_CTX, CMAC_CTX_free>>;
@@ -80,7 +76,7 @@ SecureBytes DeriveSharedKey(ByteView sharing_parameters) {
   for (uint32_t i = 0; i < kSharedHmacSize / kBlock; ++i) {
     SecureBytes input;
     AppendBigEndian(&input, i + 1, 4);
-    AppendBytes(&input, kLabel);
+    AppendBytes(&input, "KeymasterSharedMac\0"sv);
     AppendBytes(&input, sharing_parameters);
     AppendBigEndian(&input, kSharedHmacSize * 8, 4);
     const CmacPtr cmac(CMAC_CTX_new());
@@ -95,7 +91,7 @@ SecureBytes DeriveSharedKey(ByteView sharing_parameters) {
 }
 
 SecureBytes OwnParameters(const BootState& state) {
-  SecureBytes own = LoadOrCreateSecret(kSeedFile);
+  SecureBytes own = LoadOrCreateSecret("hmac_sharing_seed");
   AppendBytes(&own, {state.sharing_nonce, kSharingNonceSize});
   return own;
 }
@@ -111,9 +107,9 @@ bool ContainsOwn(ByteView sharing_parameters, const SecureBytes& own) {
 
 }  // namespace
 
-uint64_t MillisSinceBoot() {
+uint64_t Millis(clockid_t clock) {
   timespec now{};
-  RequireState(clock_gettime(CLOCK_BOOTTIME, &now) == 0, "no clock");
+  RequireState(clock_gettime(clock, &now) == 0, "no clock");
   return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
 }
 
@@ -156,7 +152,7 @@ void DeviceLocked(uint32_t, TaParam params[4]) {
   UpdateBootState([needs_password](BootState* state) {
     state->locked = true;
     state->lock_needs_password = needs_password;
-    state->locked_at = MillisSinceBoot();
+    state->locked_at = Millis(CLOCK_BOOTTIME);
   });
 }
 
@@ -183,7 +179,7 @@ bool AuthTokenSatisfies(const AuthToken& token, const ParamSet& params) {
 }
 
 bool AuthTokenFresh(const AuthToken& token, uint32_t seconds) {
-  const uint64_t now = MillisSinceBoot();
+  const uint64_t now = Millis(CLOCK_BOOTTIME);
   return token.timestamp <= now && now - token.timestamp <= uint64_t{seconds} * 1000;
 }
 
@@ -210,12 +206,8 @@ SecureBytes SharedHmac(ByteView message) {
 
 void GetHmacSharingParameters(uint32_t, TaParam params[4]) {
   const SecureBytes own = OwnParameters(UpdateBootState());
-  const bool fits = params[0].size >= kSharingSeedSize && params[1].size >= kSharingNonceSize;
-  params[0].size = kSharingSeedSize;
-  params[1].size = kSharingNonceSize;
-  FailIf(!fits, TEEC_ERROR_SHORT_BUFFER);
-  std::copy_n(own.begin(), kSharingSeedSize, params[0].buffer);
-  std::copy_n(own.begin() + kSharingSeedSize, kSharingNonceSize, params[1].buffer);
+  Reply({own.data(), kSharingSeedSize}, &params[0]);
+  Reply({own.data() + kSharingSeedSize, kSharingNonceSize}, &params[1]);
 }
 
 void ComputeSharedHmac(uint32_t, TaParam params[4]) {
@@ -224,7 +216,7 @@ void ComputeSharedHmac(uint32_t, TaParam params[4]) {
       all.size % kSharingParametersSize != 0 || !ContainsOwn(all, OwnParameters(UpdateBootState())),
       KM_ERROR_INVALID_ARGUMENT);
   const SecureBytes key = DeriveSharedKey(all);
-  Reply(HmacSha256(key, kCheckMessage), &params[1]);
+  Reply(HmacSha256(key, "Keymaster HMAC Verification"sv), &params[1]);
   UpdateBootState([&key](BootState* state) {
     state->is_key_shared = true;
     std::copy(key.begin(), key.end(), state->shared_hmac_key);

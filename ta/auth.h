@@ -26,6 +26,8 @@
 #ifndef TA_AUTH_H
 #define TA_AUTH_H
 
+#include <time.h>
+
 #include <functional>
 
 #include "ta/params.h"
@@ -69,8 +71,9 @@ struct __attribute__((packed)) BootState {
   uint8_t shared_hmac_key[32];
 };
 
-// MillisSinceBoot is the clock of auth tokens, verification tokens and locks.
-uint64_t MillisSinceBoot();
+// Millis is the time in milliseconds: of CLOCK_REALTIME for a key's dates, of CLOCK_BOOTTIME for
+// auth tokens, verification tokens and locks.
+uint64_t Millis(clockid_t clock);
 
 // UpdateBootState applies change (may be null) to this boot's state, beginning a new one with a
 // random nonce when there is none, and returns the result. Threads and processes take turns:

@@ -23,22 +23,10 @@ SecureBytes HmacSha256(ByteView key, ByteView message) {
   return mac;
 }
 
-PkeyPtr ToPkey(const RsaPtr& key) {
-  PkeyPtr pkey(EVP_PKEY_new());
-  RequireCrypto(pkey != nullptr && EVP_PKEY_set1_RSA(pkey.get(), key.get()) == 1);
-  return pkey;
-}
-
-PkeyPtr ToPkey(const EcKeyPtr& key) {
-  PkeyPtr pkey(EVP_PKEY_new());
-  RequireCrypto(pkey != nullptr && EVP_PKEY_set1_EC_KEY(pkey.get(), key.get()) == 1);
-  return pkey;
-}
-
 PkeyPtr NewEcPkey(int curve) {
   const EcKeyPtr key(EC_KEY_new_by_curve_name(curve));
   RequireCrypto(key != nullptr && EC_KEY_generate_key(key.get()) == 1);
-  return ToPkey(key);
+  return ToPkey(key, EVP_PKEY_set1_EC_KEY);
 }
 
 CipherCtxPtr StartCipher(const EVP_CIPHER* cipher, const SecureBytes& key, const uint8_t* nonce,

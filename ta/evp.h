@@ -37,9 +37,13 @@ void RequireCrypto(bool success);
 void FillRandom(void* out, size_t size);
 // HmacSha256 returns 32 bytes.
 SecureBytes HmacSha256(ByteView key, ByteView message);
-// ToPkey makes a general key of an RSA or EC key.
-PkeyPtr ToPkey(const RsaPtr& key);
-PkeyPtr ToPkey(const EcKeyPtr& key);
+// ToPkey makes a general key of an RSA or EC key, with libcrypto's function for it.
+template <typename Owner, typename Set>
+PkeyPtr ToPkey(const Owner& key, Set set) {
+  PkeyPtr pkey(EVP_PKEY_new());
+  RequireCrypto(pkey != nullptr && set(pkey.get(), key.get()) == 1);
+  return pkey;
+}
 // NewEcPkey generates a key on libcrypto's curve of that number.
 PkeyPtr NewEcPkey(int curve);
 // StartCipher readies a cipher; nonce may be null for a mode without one.

@@ -6,7 +6,6 @@
 
 #include "ta/auth.h"
 #include "ta/key_description.h"
-#include "ta/key_material.h"
 #include "ta/state.h"
 
 // A blob is a version byte, a nonce, the encrypted content and the tag of AES-256-GCM, which covers
@@ -90,6 +89,9 @@ SecureBytes Unseal(ByteView blob) {
   return content;
 }
 
+// The file that says of a key, by being there, that it was deleted.
+std::string DeletionFile(const Bytes& key_id) { return "deleted_" + Hex(key_id); }
+
 // How often and when last a key was used since the device booted, as the key's file says it.
 struct Usage {
   uint64_t count = 0;
@@ -128,7 +130,7 @@ Key OpenKeyBlob(ByteView blob, const ParamSet& params) {
   key.id.assign(content.data(), binding);
   FailIf(CRYPTO_memcmp(binding, BindingOf(params).data(), kBindingSize) != 0 ||
              !DecodeKey({content.data() + bound, content.size() - bound}, &key) ||
-             IsKeyDeleted(key.id),
+             HasStateFile(DeletionFile(key.id)),
          KM_ERROR_INVALID_KEY_BLOB);
   return key;
 }
@@ -156,11 +158,9 @@ Key OpenCurrentKey(ByteView blob, const ParamSet& params) {
 }
 
 void RecordDeletion(const Bytes& key_id) {
-  CreateStateFile("deleted_" + Hex(key_id), ByteView());
+  CreateStateFile(DeletionFile(key_id), ByteView());
   unlink(StateFile("usage_" + Hex(key_id)).c_str());
 }
-
-bool IsKeyDeleted(const Bytes& key_id) { return HasStateFile("deleted_" + Hex(key_id)); }
 
 void CountUse(const Key& key) {
   const Param* max_uses = key.Find(KM_TAG_MAX_USES_PER_BOOT);
@@ -169,7 +169,7 @@ void CountUse(const Key& key) {
   const BootState boot = UpdateBootState();
   const StateLock lock;
   const std::string name = "usage_" + Hex(key.id);
-  const uint64_t now = MillisSinceBoot();
+  const uint64_t now = Millis(CLOCK_BOOTTIME);
   Usage usage;
   if (!ReadRecord(name, &usage) ||
       memcmp(usage.boot, boot.sharing_nonce, sizeof(usage.boot)) != 0) {

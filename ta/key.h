@@ -1,4 +1,4 @@
-// A key as the TA works with it, and the sealed blob that the normal world keeps of it.
+// A key as the TA works with it, its secret, and the sealed blob that the normal world keeps of it.
 #ifndef TA_KEY_H
 #define TA_KEY_H
 
@@ -47,11 +47,32 @@ int VersionOrder(const Key& key);
 
 // RecordDeletion makes every blob of a key worthless, for good.
 void RecordDeletion(const Bytes& key_id);
-bool IsKeyDeleted(const Bytes& key_id);
 // CountUse counts one use of a key that limits its uses, and rejects the use beyond
 // KM_TAG_MAX_USES_PER_BOOT or within KM_TAG_MIN_SECONDS_BETWEEN_OPS of the last one. The counts
 // hold until the device boots.
 void CountUse(const Key& key);
+
+// ---- Its secret: how it is made, how it arrives, and the raw form public halves leave in.
+
+// GenerateMaterial makes a key of the secret that the description, which has passed
+// CheckKeyDescription, asks for: with algorithm, key_size, curve and secret set.
+Key GenerateMaterial(const ParamSet& description);
+// ImportMaterial does the same with a secret that comes from outside: for RSA and EC a header of
+// lengths and big-endian integers, for all others the bytes themselves. What the description says
+// of size, curve and exponent must be so, else KM_ERROR_IMPORT_PARAMETER_MISMATCH; what it does not
+// say is added to it.
+Key ImportMaterial(ByteView material, ParamSet* description);
+// ImportRsaMaterial reads RSA key material, a header of 36 bytes with lengths and then the
+// integers, into key->pkey, with all its CRT numbers, and checks that its numbers belong together:
+// KM_ERROR_INVALID_ARGUMENT if not.
+void ImportRsaMaterial(ByteView material, Key* key);
+// ExportPublicKey writes algorithm, key size, and the lengths and bytes of n and e, or X and Y.
+Bytes ExportPublicKey(const Key& key);
+
+// EncodeSecret and DecodeSecret carry a key's secret in and out of its blob; DecodeSecret needs
+// algorithm to be set and is false for bytes that are no such secret.
+SecureBytes EncodeSecret(const Key& key);
+bool DecodeSecret(ByteView secret, Key* key);
 
 }  // namespace ta
 

@@ -2,7 +2,6 @@
 #include "ta/commands.h"
 #include "ta/key.h"
 #include "ta/key_description.h"
-#include "ta/key_material.h"
 #include "ta/state.h"
 
 namespace ta {

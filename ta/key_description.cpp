@@ -3,8 +3,8 @@
 #include <openssl/obj_mac.h>
 
 #include <algorithm>
-#include <chrono>
 
+#include "ta/auth.h"
 #include "ta/state.h"
 
 namespace ta {
@@ -27,8 +27,29 @@ const Sizes* SizesOf(uint64_t algorithm) {
   return nullptr;
 }
 
-// Whether an algorithm can have that value of a tag; of tags that no row is about, any.
-bool Knows(uint64_t algorithm, keymaster_tag_t tag, uint64_t value) {
+constexpr Curve kCurves[] = {
+    {KM_EC_CURVE_P_224, 224, NID_secp224r1},
+    {KM_EC_CURVE_P_256, 256, NID_X9_62_prime256v1},
+    {KM_EC_CURVE_P_384, 384, NID_secp384r1},
+    {KM_EC_CURVE_P_521, 521, NID_secp521r1},
+};
+
+void CheckMinMacLength(const ParamSet& description, uint32_t least, uint32_t most) {
+  const std::optional<uint64_t> length = description.Value(KM_TAG_MIN_MAC_LENGTH);
+  FailIf(!length, KM_ERROR_MISSING_MIN_MAC_LENGTH);
+  FailIf(*length < least || *length > most || *length % 8 != 0,
+         KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH);
+}
+
+void CheckHmac(const ParamSet& description) {
+  constexpr uint32_t kDigestBits[] = {0, 0, 160, 224, 256, 384, 512};
+  FailIf(description.Count(KM_TAG_DIGEST) != 1, KM_ERROR_UNSUPPORTED_DIGEST);
+  CheckMinMacLength(description, 64, kDigestBits[*description.Value(KM_TAG_DIGEST)]);
+}
+
+}  // namespace
+
+bool CanHave(uint64_t algorithm, keymaster_tag_t tag, uint64_t value) {
   // Nothing here has a destructor: commands may come while the process ends.
   using Values = std::initializer_list<uint32_t>;
   static constexpr Values kCiphers = {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT};
@@ -68,36 +89,7 @@ bool Knows(uint64_t algorithm, keymaster_tag_t tag, uint64_t value) {
     if (row.algorithm != algorithm || row.tag != tag) continue;
     return std::count(row.values.begin(), row.values.end(), value) != 0;
   }
-  return true;
-}
-
-constexpr Curve kCurves[] = {
-    {KM_EC_CURVE_P_224, 224, NID_secp224r1},
-    {KM_EC_CURVE_P_256, 256, NID_X9_62_prime256v1},
-    {KM_EC_CURVE_P_384, 384, NID_secp384r1},
-    {KM_EC_CURVE_P_521, 521, NID_secp521r1},
-};
-
-void CheckMinMacLength(const ParamSet& description, uint32_t least, uint32_t most) {
-  const std::optional<uint64_t> length = description.Value(KM_TAG_MIN_MAC_LENGTH);
-  FailIf(!length, KM_ERROR_MISSING_MIN_MAC_LENGTH);
-  FailIf(*length < least || *length > most || *length % 8 != 0,
-         KM_ERROR_UNSUPPORTED_MIN_MAC_LENGTH);
-}
-
-void CheckHmac(const ParamSet& description) {
-  constexpr uint32_t kDigestBits[] = {0, 0, 160, 224, 256, 384, 512};
-  FailIf(description.Count(KM_TAG_DIGEST) != 1, KM_ERROR_UNSUPPORTED_DIGEST);
-  CheckMinMacLength(description, 64, kDigestBits[*description.Value(KM_TAG_DIGEST)]);
-}
-
-}  // namespace
-
-uint64_t WallClockMillis() {
-  using std::chrono::system_clock;
-  return static_cast<uint64_t>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(system_clock::now().time_since_epoch())
-          .count());
+  return true;  // of tags that no row is about, any value
 }
 
 void CheckKeyDescription(const ParamSet& description) {
@@ -111,7 +103,7 @@ void CheckKeyDescription(const ParamSet& description) {
   };
   for (const auto& [tag, error] : kChecks) {
     for (const Param& param : description) {
-      FailIf(param.tag == tag && !Knows(algorithm, tag, param.value), error);
+      FailIf(param.tag == tag && !CanHave(algorithm, tag, param.value), error);
     }
   }
   FailIf(description.Contains(KM_TAG_USER_SECURE_ID) && description.IsTrue(KM_TAG_NO_AUTH_REQUIRED),
@@ -130,10 +122,6 @@ void CheckKeySize(uint32_t algorithm, uint32_t key_size) {
          KM_ERROR_UNSUPPORTED_KEY_SIZE);
 }
 
-bool HasPurpose(uint32_t algorithm, uint32_t purpose) {
-  return Knows(algorithm, KM_TAG_PURPOSE, purpose);
-}
-
 const Curve* FindCurve(uint32_t Curve::*field, uint64_t value) {
   for (const Curve& curve : kCurves) {
     if (curve.*field == value) return &curve;
@@ -150,7 +138,7 @@ void DescribeKey(const ParamSet& description, uint32_t origin, Key* key) {
     }
   }
   if (!key->sw_enforced.Contains(KM_TAG_CREATION_DATETIME)) {
-    key->sw_enforced.Add(KM_TAG_CREATION_DATETIME, WallClockMillis());
+    key->sw_enforced.Add(KM_TAG_CREATION_DATETIME, Millis(CLOCK_REALTIME));
   }
   key->hw_enforced.Set(KM_TAG_ALGORITHM, key->algorithm);
   key->hw_enforced.Set(KM_TAG_KEY_SIZE, key->key_size);

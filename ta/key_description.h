@@ -13,8 +13,9 @@ void CheckKeyDescription(const ParamSet& description);
 // CheckKeySize tells whether the TA makes keys of that algorithm and size (bits).
 void CheckKeySize(uint32_t algorithm, uint32_t key_size);
 
-// HasPurpose tells whether any key of that algorithm can have that purpose.
-bool HasPurpose(uint32_t algorithm, uint32_t purpose);
+// CanHave tells whether a key of that algorithm can have that purpose, digest, padding or block
+// mode.
+bool CanHave(uint64_t algorithm, keymaster_tag_t tag, uint64_t value);
 
 // One curve the TA knows.
 struct Curve {
@@ -98,9 +99,6 @@ void SetKeySystemVersion(Key* key);
 // EncodeAuthorizationList writes the parameters that an attestation's AuthorizationList has a field
 // for as DER, and leaves out the others. KM_TAG_ROOT_OF_TRUST is DER already.
 Bytes EncodeAuthorizationList(const ParamSet& params);
-
-// WallClockMillis is the clock of a key's dates: milliseconds since 1970.
-uint64_t WallClockMillis();
 
 }  // namespace ta
 

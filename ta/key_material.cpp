@@ -1,5 +1,3 @@
-#include "ta/key_material.h"
-
 #include <openssl/x509.h>
 
 #include "ta/key_description.h"
@@ -47,7 +45,7 @@ void GenerateRsa(const ParamSet& description, Key* key) {
   RequireCrypto(e != nullptr && rsa != nullptr && BN_set_word(e.get(), exponent) == 1 &&
                 RSA_generate_key_ex(rsa.get(), static_cast<int>(key->key_size), e.get(), nullptr) ==
                     1);
-  key->pkey = ToPkey(rsa);
+  key->pkey = ToPkey(rsa, EVP_PKEY_set1_RSA);
 }
 
 void GenerateSymmetric(Key* key) {
@@ -77,7 +75,7 @@ PkeyPtr MakeEcPkey(const Curve& curve, const SecureBytes& point, const SecureByt
       EC_POINT_oct2point(group, public_point.get(), point.data(), point.size(), nullptr) == 1 &&
       EC_KEY_set_public_key(key.get(), public_point.get()) == 1 &&
       EC_KEY_set_private_key(key.get(), number.get()) == 1 && EC_KEY_check_key(key.get()) == 1;
-  return is_pair ? ToPkey(key) : nullptr;
+  return is_pair ? ToPkey(key, EVP_PKEY_set1_EC_KEY) : nullptr;
 }
 
 void ImportEc(ByteView material, Key* key) {
@@ -122,15 +120,12 @@ Key GenerateMaterial(const ParamSet& description) {
   key.algorithm = static_cast<uint32_t>(description.Value(KM_TAG_ALGORITHM).value_or(0));
   key.key_size = static_cast<uint32_t>(description.Value(KM_TAG_KEY_SIZE).value_or(0));
   if (key.algorithm != KM_ALGORITHM_EC) CheckKeySize(key.algorithm, key.key_size);
-  switch (key.algorithm) {
-    case KM_ALGORITHM_EC:
-      GenerateEc(description, &key);
-      break;
-    case KM_ALGORITHM_RSA:
-      GenerateRsa(description, &key);
-      break;
-    default:
-      GenerateSymmetric(&key);
+  if (key.algorithm == KM_ALGORITHM_EC) {
+    GenerateEc(description, &key);
+  } else if (key.algorithm == KM_ALGORITHM_RSA) {
+    GenerateRsa(description, &key);
+  } else {
+    GenerateSymmetric(&key);
   }
   return key;
 }
@@ -138,16 +133,13 @@ Key GenerateMaterial(const ParamSet& description) {
 Key ImportMaterial(ByteView material, ParamSet* description) {
   Key key;
   key.algorithm = static_cast<uint32_t>(description->Value(KM_TAG_ALGORITHM).value_or(0));
-  switch (key.algorithm) {
-    case KM_ALGORITHM_EC:
-      ImportEc(material, &key);
-      break;
-    case KM_ALGORITHM_RSA:
-      ImportRsaMaterial(material, &key);
-      key.key_size = static_cast<uint32_t>(EVP_PKEY_bits(key.pkey.get()));
-      break;
-    default:
-      ImportSymmetric(material, &key);
+  if (key.algorithm == KM_ALGORITHM_EC) {
+    ImportEc(material, &key);
+  } else if (key.algorithm == KM_ALGORITHM_RSA) {
+    ImportRsaMaterial(material, &key);
+    key.key_size = static_cast<uint32_t>(EVP_PKEY_bits(key.pkey.get()));
+  } else {
+    ImportSymmetric(material, &key);
   }
   CheckKeySize(key.algorithm, key.key_size);
   Reconcile(KM_TAG_KEY_SIZE, key.key_size, description);

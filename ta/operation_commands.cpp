@@ -13,20 +13,11 @@ constexpr uint8_t kSignatureMarker = 1;
 // How much output may wait before more input is rejected.
 constexpr size_t kMaxPending = size_t{1} << 20;
 
-using Maker = OperationPtr (*)(const OperationRequest& request);
-
-Maker MakerOf(uint32_t algorithm, uint32_t purpose) {
-  switch (algorithm) {
-    case KM_ALGORITHM_RSA:
-      return purpose == KM_PURPOSE_SIGN || purpose == KM_PURPOSE_VERIFY ? MakeSignatureOperation
-                                                                        : MakeRsaCipherOperation;
-    case KM_ALGORITHM_EC:
-      return MakeSignatureOperation;
-    case KM_ALGORITHM_HMAC:
-      return MakeHmacOperation;
-    default:
-      return MakeCipherOperation;
-  }
+OperationPtr MakeOperation(const OperationRequest& request) {
+  const bool signs = request.purpose == KM_PURPOSE_SIGN || request.purpose == KM_PURPOSE_VERIFY;
+  if (request.key->algorithm == KM_ALGORITHM_HMAC) return MakeHmacOperation(request);
+  if (request.key->pkey == nullptr) return MakeCipherOperation(request);
+  return signs ? MakeSignatureOperation(request) : MakeRsaCipherOperation(request);
 }
 
 // Input and signature of a finish: an item each, with marker and length; no input is none of both.
@@ -147,7 +138,7 @@ void BeginOperation(uint32_t types, TaParam params[4]) {
   running->needs_token = NeedsTokenPerOperation(purpose, key);
   if (running->needs_token) running->demands = key.hw_enforced;
   ParamSet out_params;
-  running->operation = MakerOf(key.algorithm, purpose)({purpose, request, &key, &out_params});
+  running->operation = MakeOperation({purpose, request, &key, &out_params});
   Reply(out_params.empty() ? Bytes() : Serialize({&out_params}), &params[2]);
   const uint64_t handle = AddOperation(running);
   HeldOperation held(handle, running);

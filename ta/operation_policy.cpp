@@ -13,14 +13,14 @@ bool UnwrapsTransitKey(uint32_t purpose, const Key& key, const ParamSet& params)
 }
 
 void CheckPurpose(uint32_t purpose, const Key& key, const ParamSet& params) {
-  FailIf(purpose > KM_PURPOSE_VERIFY || !HasPurpose(key.algorithm, purpose),
+  FailIf(purpose > KM_PURPOSE_VERIFY || !CanHave(key.algorithm, KM_TAG_PURPOSE, purpose),
          KM_ERROR_UNSUPPORTED_PURPOSE);
   FailIf(!key.Authorizes(KM_TAG_PURPOSE, purpose) && !UnwrapsTransitKey(purpose, key, params),
          KM_ERROR_INCOMPATIBLE_PURPOSE);
 }
 
 void CheckDates(uint32_t purpose, const Key& key) {
-  const uint64_t now = WallClockMillis();
+  const uint64_t now = Millis(CLOCK_REALTIME);
   const bool originates = purpose == KM_PURPOSE_ENCRYPT || purpose == KM_PURPOSE_SIGN;
   const Param* active = key.Find(KM_TAG_ACTIVE_DATETIME);
   const Param* expires =

@@ -1,4 +1,4 @@
-#include "ta/key_material.h"
+#include "ta/key.h"
 
 namespace ta {
 namespace {
@@ -119,7 +119,7 @@ PkeyPtr PkeyOf(RsaNumbers* numbers) {
   RSA_set0_factors(rsa.get(), numbers->p.release(), numbers->q.release());
   RSA_set0_crt_params(rsa.get(), numbers->dmp1.release(), numbers->dmq1.release(),
                       numbers->iqmp.release());
-  return ToPkey(rsa);
+  return ToPkey(rsa, EVP_PKEY_set1_RSA);
 }
 
 }  // namespace

@@ -43,18 +43,6 @@ std::string EnsureFolder() {
   return folder;
 }
 
-struct File {
-  explicit File(int opened) : fd(opened) {}
-  File(const std::string& path, int flags) : File(open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
-  ~File() {
-    if (fd >= 0) close(fd);
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-
-  const int fd;
-};
-
 void WriteAll(int fd, ByteView content) {
   for (size_t done = 0; done < content.size;) {
     const ssize_t written = TEMP_FAILURE_RETRY(write(fd, content.data + done, content.size - done));
@@ -66,7 +54,7 @@ void WriteAll(int fd, ByteView content) {
 
 // Makes a new name in the folder last, whatever happens to the system.
 void SyncFolder() {
-  const File folder(EnsureFolder(), O_RDONLY | O_DIRECTORY);
+  const OpenFile folder(open(EnsureFolder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   // A file system that cannot do this says EINVAL.
   RequireState(folder.fd >= 0 && (fsync(folder.fd) == 0 || errno == EINVAL), "cannot write");
 }
@@ -74,7 +62,7 @@ void SyncFolder() {
 // Writes a file of a name nobody else uses and returns the name.
 std::string WriteTemporary(const std::string& path, ByteView content) {
   std::string name = path + ".XXXXXX";
-  const File file(mkostemp(name.data(), O_CLOEXEC));
+  const OpenFile file(mkostemp(name.data(), O_CLOEXEC));
   RequireState(file.fd >= 0, "cannot make file");
   try {
     WriteAll(file.fd, content);
@@ -107,7 +95,7 @@ void RequireState(bool success, const char* failure) {
 std::string StateFile(const std::string& name) { return EnsureFolder() + "/" + name; }
 
 bool ReadStateFile(const std::string& name, SecureBytes* out) {
-  const File file(StateFile(name), O_RDONLY);
+  const OpenFile file(open(StateFile(name).c_str(), O_RDONLY | O_CLOEXEC));
   if (file.fd < 0) {
     // What is there and cannot be read must not pass for a fresh start.
     RequireState(errno == ENOENT, "cannot read");
@@ -173,13 +161,14 @@ SecureBytes LoadOrCreateSecret(const std::string& name) {
   return secret;
 }
 
-StateLock::StateLock() : fd_(open(StateFile("lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-  if (fd_ >= 0 && TEMP_FAILURE_RETRY(flock(fd_, LOCK_EX)) == 0) return;
-  if (fd_ >= 0) close(fd_);
-  RequireState(false, "cannot lock");
+OpenFile::~OpenFile() {
+  if (fd >= 0) close(fd);
 }
 
-StateLock::~StateLock() { close(fd_); }
+StateLock::StateLock()
+    : OpenFile(open(StateFile("lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+  RequireState(fd >= 0 && TEMP_FAILURE_RETRY(flock(fd, LOCK_EX)) == 0, "cannot lock");
+}
 
 SecureBytes DeviceKey(const std::string& label) {
   return HmacSha256(LoadOrCreateSecret("device_key"), std::string_view{label});

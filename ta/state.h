@@ -49,16 +49,18 @@ void ReplaceRecord(const std::string& name, const T& record) {
   ReplaceStateFile(name, ByteView(reinterpret_cast<const uint8_t*>(&record), sizeof(T)));
 }
 
-// StateLock holds an exclusive lock of the state folder, across processes, while it lives.
-class StateLock {
- public:
-  StateLock();
-  ~StateLock();
-  StateLock(const StateLock&) = delete;
-  StateLock& operator=(const StateLock&) = delete;
+// OpenFile owns a descriptor; -1 for none.
+struct OpenFile {
+  explicit OpenFile(int opened) : fd(opened) {}
+  ~OpenFile();
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
 
- private:
-  int fd_;
+  const int fd;
+};
+// StateLock holds an exclusive lock of the state folder, across processes, while it lives.
+struct StateLock : OpenFile {
+  StateLock();
 };
 
 // DeviceKey returns 32 bytes that only this device has, others for each label.

@@ -76,13 +76,13 @@ TEST_F(DeviceTest, ChecksATokensEveryByteAndSignsTheReply) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
-    const uint64_t before = ta::MillisSinceBoot();
+    const uint64_t before = ta::Millis(CLOCK_BOOTTIME);
     const uint32_t result = Verify(Token(before - row.age, row.type), row.params);
     ASSERT_EQ(result, row.signed_as != nullptr ? 0u : Km(KM_ERROR_VERIFICATION_FAILED));
     if (row.signed_as == nullptr) continue;
     EXPECT_EQ(ta.slots[2].out.size(), 4 + (*row.signed_as != 0 ? 16 * row.params.size() : 0));
     const Str little = ta.slots[3].out.substr(8, 8), time(little.rbegin(), little.rend());
-    EXPECT_TRUE(Be(before, 8) <= time && time <= Be(ta::MillisSinceBoot(), 8));
+    EXPECT_TRUE(Be(before, 8) <= time && time <= Be(ta::Millis(CLOCK_BOOTTIME), 8));
     const Str mac =
         Mac("Auth Verification" + Be(0xABCDEF, 8) + time + Be(1, 4) + Hex(row.signed_as));
     EXPECT_EQ(ta.slots[3].out, Le(0xABCDEF, 8) + little + Le(0, 8) + Le(1, 8) + mac);
