@@ -3,6 +3,8 @@
 #include <keymaster_ts_session.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "tests/platform/keymaster_test.h"
 #include "tests/requests/commands.h"
 #include "tests/requests/wire.h"
@@ -15,7 +17,7 @@ using Session = KeymasterTest;
 using Context = KeymasterTest;
 
 TEST_F(Session, OpensToTheKeymasterTaAndOutlastsAnOverrun) {
-  platform().On(11, [](const Invocation&) {
+  platform().On(kCmdAbort, [](const Invocation&) {
     const Bracket bracket = platform().brackets.back();
     bracket.callback(bracket.arg);
     return Reply::Fail(0xFFFF0005);
@@ -51,24 +53,40 @@ struct Record : KeymasterTest {
     uint32_t out_len = 8;
     EXPECT_EQ(result, TeeAttestKey(bytes, 4, bytes, 4, out, &out_len));
   }
-  const Reply longest = Reply::Ok().Out(0, Cat({test::ErrorRecord(7, 8, "fn"), Bytes(1010)}));
+  const Reply longest = Reply::Ok().Out(0, Cat({ErrorRecord(7, 8, "fn"), Bytes(1010)}));
 };
 
-TEST_F(Record, IsReportedWithinItsBuffer) {
-  Fail(5, longest);
-  EXPECT_EQ(Lines{"3808d171 RET=7 CMD_ID=6 LINE=8 FUNC=fn TAINFO= CAINFO=KEYMASTER_TS sent"},
-            Events());
-  Fail(5, Reply(longest).Size(0, 1025));
-  EXPECT_EQ(Lines(), Events());
-  EXPECT_EQ("E -:  error_len is to long -- len = 1025 ", Log().at(4));
+// It is fetched without a watchdog, and a session that is the TA's first stays open.
+TEST_F(Record, ComesBeforeTheSessionIsClosed) {
+  for (const uint32_t first : {0u, 1u, 2u}) {
+    platform().first_session = first;
+    Fail(5, longest);
+    EXPECT_EQ(Lines{"3808d171 RET=7 CMD_ID=6 LINE=8 FUNC=fn TAINFO= CAINFO=KEYMASTER_TS sent"},
+              Events());
+    EXPECT_EQ(std::string("zubrel_init, [OpenKmSession, open, OpenKmSession], "
+                          "[TeeAttestKey, invoke 6, TeeAttestKey], invoke 66, event") +
+                  (first == 1 ? "" : ", [CloseKmSession, close, CloseKmSession]"),
+              Journal());
+    const Lines log = Log();
+    EXPECT_EQ(first == 1, log.at(2) == "I KeyMaster: open first km session");
+    EXPECT_EQ("E KeyMaster: invoke km command failed, cmd = 6, ret = 0x5, retOrigin = 4",
+              log.at(first == 1 ? 3 : 2));
+    if (first == 1) free(platform().opens[0].block);
+  }
 }
 
 TEST_F(Record, IsNotMadeUp) {
-  Fail(5, Reply(longest).Size(0, 0));
-  EXPECT_EQ(Lines(), Events());
-  Fail(5, Reply::Fail(0xFFFF0008).Out(0, Bytes(14)));
-  EXPECT_EQ(Lines(), Events());
-  EXPECT_EQ("E KeyMaster: ObtainTaErrorCode return failed error code = -65528", Log().back());
+  const std::pair<Reply, const char*> kRows[] = {
+      {Reply(longest).Size(0, 1025), "E -:  error_len is to long -- len = 1025 "},
+      {Reply(longest).Size(0, 0), "I KeyMaster: ObtainTaErrorCode begin!!!"},
+      {Reply::Fail(0xFFFF0008).Out(0, Bytes(14)),
+       "E KeyMaster: ObtainTaErrorCode return failed error code = -65528"}};
+  for (const auto& [record, message] : kRows) {
+    Fail(5, record);
+    EXPECT_EQ(Lines(), Events());
+    const Lines log = Log();
+    EXPECT_EQ(1, std::count(log.begin() + 3, log.end(), message)) << message;
+  }
 }
 
 TEST_F(Record, IsNotAskedForWhenTheResultSaysAll) {
