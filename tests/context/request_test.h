@@ -1,20 +1,16 @@
 // The base of the requests' tests: arguments by name, the outputs of the last call, and what the TA
-// and the log got of it.
+// got of it.
 #ifndef TESTS_CONTEXT_REQUEST_TEST_H
 #define TESTS_CONTEXT_REQUEST_TEST_H
 
 #include <keymaster_tivas_context.h>
 #include <keymaster_ts.h>
 
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "tests/platform/keymaster_test.h"
 #include "tests/platform/keys.h"
+#include "tests/requests/commands.h"
 #include "tests/requests/requests.h"
 #include "tests/requests/wire.h"
-#include "wire/ta_protocol.h"
 
 namespace test {
 
@@ -22,9 +18,11 @@ using namespace km41;
 
 using CommandIds = std::vector<uint32_t>;
 using Parts = std::vector<Bytes>;
+using Set = std::function<void(Args* args)>;
 
 constexpr int32_t kNullPointer = KM_ERROR_UNEXPECTED_NULL_POINTER,
                   kNoMemory = KM_ERROR_MEMORY_ALLOCATION_FAILED,
+                  kBadArgument = KM_ERROR_INVALID_ARGUMENT, kUnknown = KM_ERROR_UNKNOWN_ERROR,
                   kBadParameters = static_cast<int32_t>(TEEC_ERROR_BAD_PARAMETERS);
 
 // What says that it holds something and does not.
@@ -33,38 +31,67 @@ constexpr keymaster_key_param_set_t kHollowSet = {nullptr, 1}, kEmptySet = {null
 
 class RequestTest : public KeymasterTest {
  protected:
+  // The TA answers well.
+  void SetUp() override {
+    KeymasterTest::SetUp();
+    for (const Command& command : kCommands) {
+      platform().On(command.id, [](const Invocation& invocation) {
+        const Answer answer = AnswerTo(invocation.command, *invocation.operation);
+        Reply reply = Reply::Fail(answer.result);
+        for (const auto& [param, bytes] : answer.outputs) {
+          reply.Out(static_cast<int>(param), bytes);
+        }
+        return answer.value ? reply.Value(3, answer.value->a, answer.value->b) : reply;
+      });
+    }
+  }
   void TearDown() override {
-    Renew();
+    StateOf(kData);
     KeymasterTest::TearDown();
   }
-
-  // Renew releases the outputs, makes them garbage again and forgets what was recorded.
-  void Renew();
-  void SetParams(const Params& params);
-  // Call makes a request with the arguments as they stand, on new outputs.
-  int32_t Call(const std::string& method) {
-    Renew();
-    return FindMethod(method).call(args);
-  }
-  // StateOf releases the outputs, as Renew does, and says what became of one.
-  States StateOf(Output output);
 
   // ReplyTo has the TA give one reply to all of a command.
   static void ReplyTo(uint32_t command, const Reply& reply) {
     platform().On(command, [reply](const Invocation&) { return reply; });
   }
-  // Sent is what a command of the last call brought the TA: its values and the bytes of its inputs,
-  // of inputs that are outputs too the first 8; empty ones are left out.
-  static Parts Sent(size_t index = 0);
-  // Logged is what the requests logged: "I KmBegin start", "E [error] : keyBlob is NULL".
-  static Lines Logged();
+  // Make makes a request, with arguments that set changes, on new outputs and records.
+  int32_t Make(const char* name, const Set& set = {}) {
+    StateOf(kData);
+    Args args(&outputs);
+    const Request& request = FindRequest(name);
+    request.Prepare(&args);
+    if (set) set(&args);
+    return request.method->call(args);
+  }
+  // StateOf says what became of an output; it releases all, and forgets what was recorded.
+  States StateOf(Output output) {
+    const Observed observed = Observe(&outputs, kPlainBlocks);
+    const Outputs garbage;
+    outputs = garbage;
+    outputs.token.parameters_verified = &outputs.params;
+    platform().ClearRecords();
+    return observed.states[output];
+  }
+  // Sent is what a command of the last request brought the TA: its values and the bytes of its
+  // inputs, of inputs that are outputs too the first 8; empty ones are left out.
+  static Parts Sent(size_t index = 0) {
+    Parts parts;
+    const Invocation& seen = platform().invocations.at(index);
+    for (unsigned i = 0; i < 4; ++i) {
+      const uint32_t type = TEEC_PARAM_TYPE_GET(seen.param_types, i);
+      const SeenParam& param = seen.params[i];
+      Bytes part = param.in;
+      if (type == kInOut) part.resize(8);
+      if (type == kValue || type == kValueInOut) {
+        part = Cat({Le32(param.value.a), Le32(param.value.b)});
+      }
+      if (!part.empty()) parts.push_back(part);
+    }
+    return parts;
+  }
 
   keymaster::KeymasterTivasContext km;
   Outputs outputs;
-  Args args{&outputs};
-
- private:
-  std::optional<ParamSet> params_;
 };
 
 }  // namespace test

@@ -1,89 +1,123 @@
-// Each request against a TA that answers well: what it sends and returns.
+// Requests to a TA that answers well: what they send, for which arguments, and what they return.
 #include "tests/context/request_test.h"
 
 namespace test {
 namespace {
 
-struct Requests : RequestTest {
-  // Makes a request of a TA that answers well, but that one output of its replies, if any, is
-  // filled up with zeros.
-  int32_t Make(const char* name, unsigned filled = 4) {
-    Renew();
-    args = Args(&outputs);
-    const Request& request = FindRequest(name);
-    request.Prepare(&args);
-    for (const uint32_t command : request.commands) {
-      platform().On(command, [filled](const Invocation& invocation) {
-        Answer answer = AnswerTo(invocation.command, *invocation.operation);
-        Reply reply = Reply::Fail(answer.result);
-        for (auto& [param, bytes] : answer.outputs) {
-          if (param == filled) bytes.resize(invocation.params[param].size);
-          reply.Out(static_cast<int>(param), bytes);
-        }
-        if (answer.value) reply.Value(3, answer.value->a, answer.value->b);
-        return reply;
-      });
-    }
-    return request.method->call(args);
-  }
+using Requests = RequestTest;
+
+struct Row {
+  const char* request;
+  Parts sent;                         // with the first command
+  void (*set)(Args* args) = nullptr;  // what differs from the request's arguments, and
+  Params params = {};                 // its parameters, when there are any here
 };
 
-TEST_F(Requests, SendTheirInputs) {
-  const Bytes key = BlobBytes(fixture().blob.key), input = BlobBytes(fixture().input.blob),
-              secret = fixture().secrets.at("parameter"),
-              ec = TwoLists({{KM_TAG_ALGORITHM, 3}, {KM_TAG_KEY_SIZE, 256}},
-                            {{KM_TAG_APPLICATION_ID, secret}}),
-              client = TwoLists(
-                  {}, {{KM_TAG_APPLICATION_ID, secret}, {KM_TAG_APPLICATION_DATA, secret}}),
-              operation =
-                  TwoLists({}, {{KM_TAG_NONCE, Ramp(9, 12)}, {KM_TAG_ASSOCIATED_DATA, secret}}),
-              first_chunk(fixture().long_input.data(), fixture().long_input.data() + 0x80000);
-  const struct {
-    const char* request;
-    Parts sent;  // with the first command
-  } kRows[] = {
-      {"Initialize", {Cat({Le32(120000), Le32(202211)})}},
-      {"Configure", {Cat({Le32(130000), Le32(202211)})}},
-      {"GenerateEc", {ec}},
-      {"ImportRaw", {ec, BlobBytes(fixture().mask.blob), Le64(1)}},
-      {"ExportRsa", {key, client}},
-      {"ExportEc", {Text("an EC key"), client}},
-      {"GetKeyCharacteristics", {key, client}},
-      {"UpgradeKey", {key, operation}},
-      {"Deletekey", {key}},
-      {"AttestKey", {key, operation}},
-      {"Begin", {key, operation, Le64(KM_PURPOSE_SIGN)}},
-      {"Update", {operation, first_chunk, Le64(7)}},
-      {"UpdateAssociatedData", {operation, Le64(7)}},
-      {"Finish", {operation, FinishInput(input, input), Le64(7)}},
-      {"Abort", {Le64(7)}},
-      {"VerifyAuthorization", {operation, Cat({Le64(5), AuthToken(5, 7, 2)}), Bytes(8)}},
-      {"EarlyBootEnded", {}},
-      {"DeviceLocked", {Le64(1)}},
-      {"GetHmacSharingParameters", {}},
-      {"ComputeSharedHmac", {input}},
-  };
-  const std::map<uint32_t, uint32_t> kOtherRooms = {{kCmdAttestKey, 8192},
-                                                    {kCmdGetHmacSharingParameters, 32}};
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.request);
-    EXPECT_EQ(0, Make(row.request));
-    EXPECT_TRUE(row.sent == Sent());
-    const Invocation& seen = platform().invocations[0];
-    const auto other = kOtherRooms.find(seen.command);
-    for (unsigned i = 0; i < 4; ++i) {
-      const uint32_t type = TEEC_PARAM_TYPE_GET(seen.param_types, i);
-      const bool output = type == TEEC_MEMREF_TEMP_OUTPUT || type == TEEC_MEMREF_TEMP_INOUT;
-      // An update's data has room of its own.
-      if (output && (seen.command != kCmdUpdate || i == 2)) {
-        EXPECT_EQ(other != kOtherRooms.end() ? other->second : 4096, seen.params[i].size) << i;
-      }
+const Bytes kKey = BlobBytes(fixture().blob.key), kInput = BlobBytes(fixture().input.blob),
+            kSecret = fixture().secrets.at("parameter"),
+            kEc = TwoLists({{KM_TAG_ALGORITHM, 3}, {KM_TAG_KEY_SIZE, 256}},
+                           {{KM_TAG_APPLICATION_ID, kSecret}}),
+            kOperation =
+                TwoLists({}, {{KM_TAG_NONCE, Ramp(9, 12)}, {KM_TAG_ASSOCIATED_DATA, kSecret}});
+const Param kClient(KM_TAG_APPLICATION_ID, kSecret), kApp(KM_TAG_APPLICATION_DATA, kSecret),
+    kNoId(KM_TAG_APPLICATION_ID, Bytes());
+const Bytes kBoth = TwoLists({}, {kClient, kApp}), kAppOnly = TwoLists({}, {kApp}),
+            kEmptyId = TwoLists({}, {kNoId, kApp});
+constexpr keymaster_blob_t kEmptyBlob = {nullptr, 0};
+constexpr int64_t kOs = KM_TAG_OS_VERSION, kPatch = KM_TAG_OS_PATCHLEVEL;
+
+Bytes Versions(uint32_t os, uint32_t patch) { return Cat({Le32(os), Le32(patch)}); }
+
+void NoParams(Args* a) { a->params = nullptr; }
+void NoClient(Args* a) { a->client_id = nullptr; }
+void NoClientNorData(Args* a) { a->client_id = a->app_data = nullptr; }
+void EmptyClient(Args* a) { a->client_id = &kEmptyBlob; }
+void NoSignature(Args* a) { a->signature = nullptr; }
+
+template <size_t kLength>
+void InputOf(Args* a) {
+  static const keymaster_blob_t input = {fixture().long_input.data(), kLength};
+  a->input = &input;
+}
+
+Bytes Begin(const Fenced& bytes, size_t length) { return {bytes.data(), bytes.data() + length}; }
+
+// clang-format off
+const Row kRows[] = {
+    {"Initialize", {Versions(120000, 202211)}},
+    {"Configure", {Versions(130000, 202211)}},
+    // The walk over the parameters ends where both are found.
+    {"Configure", {Versions(2, 3)}, nullptr, {{kOs, 1}, {kOs, 2}, {kPatch, 3}}},
+    {"Configure", {Versions(1, 3)}, nullptr, {{kPatch, 3}, {kOs, 1}, {kOs, 2}}},
+    {"Configure", {Versions(1, 3)}, nullptr, {{kOs, 1}, {kPatch, 3}, {kPatch, 4}}},
+    {"Configure", {Versions(1, 4)}, nullptr, {{kPatch, 3}, {kPatch, 4}, {kOs, 1}, {kPatch, 5}}},
+    {"Configure", {Versions(~0u, 0)}, nullptr, {{KM_TAG_KEY_SIZE, 9}, {kOs, ~0u}, {kPatch, 0}}},
+    {"GenerateEc", {kEc}},
+    {"ImportRaw", {kEc, BlobBytes(fixture().mask.blob), Le64(1)}},
+    {"ExportRsa", {kKey, kBoth}},
+    {"ExportRsa", {kKey, kAppOnly}, NoClient},
+    {"ExportRsa", {kKey}, NoClientNorData},
+    {"ExportRsa", {kKey, kEmptyId}, EmptyClient},
+    {"ExportEc", {Text("an EC key"), kBoth}},
+    {"GetKeyCharacteristics", {kKey, kBoth}},
+    {"GetKeyCharacteristics", {kKey, kAppOnly}, NoClient},
+    {"GetKeyCharacteristics", {kKey}, NoClientNorData},
+    {"GetKeyCharacteristics", {kKey, kEmptyId}, EmptyClient},
+    {"UpgradeKey", {kKey, kOperation}},
+    {"Deletekey", {kKey}},
+    {"AttestKey", {kKey, kOperation}},
+    {"Begin", {kKey, kOperation, Le64(KM_PURPOSE_SIGN)}},
+    {"Begin", {kKey, Le64(KM_PURPOSE_SIGN)}, NoParams},
+    {"Update", {kOperation, Begin(fixture().long_input, 0x80000), Le64(7)}},
+    {"UpdateAssociatedData", {kOperation, Le64(7)}},
+    {"Finish", {kOperation, FinishInput(kInput, kInput), Le64(7)}},
+    {"Finish", {FinishInput(kInput, kInput), Le64(7)}, NoParams},
+    {"Finish", {kOperation, FinishInput(kInput, {}), Le64(7)}, NoSignature},
+    {"Finish", {kOperation, FinishInput(Begin(fixture().long_input, 4096), kInput), Le64(7)},
+     InputOf<4096>},
+    {"Finish", {kOperation, FinishInput({}, kInput), Le64(7)}, [](Args* a) { a->input = nullptr; }},
+    {"Finish", {kOperation, FinishInput({}, {}), Le64(7)},
+     [](Args* a) { InputOf<0>(a); NoSignature(a); }},
+    {"Finish", {kOperation, Le64(7)}, [](Args* a) { a->input = a->signature = nullptr; }},
+    {"Finish", {kOperation, Le64(7)}, [](Args* a) { a->input = a->signature = &kHollowBlob; }},
+    {"Abort", {Le64(0x0123456789ABCDEF)}, [](Args* a) { a->handle = 0x0123456789ABCDEF; }},
+    {"VerifyAuthorization", {kOperation, Cat({Le64(5), AuthToken(5, 7, 2)}), Bytes(8)}},
+    {"EarlyBootEnded", {}},
+    {"DeviceLocked", {Le64(1)}},
+    {"DeviceLocked", {Bytes(8)}, [](Args* a) { a->password_only = false; }},
+    {"GetHmacSharingParameters", {}},
+    {"ComputeSharedHmac", {kInput}},
+};
+// clang-format on
+
+// The room for each output; an update's data has room of its own.
+void ExpectRoom(const Invocation& seen) {
+  for (unsigned i = 0; i < 4; ++i) {
+    const uint32_t type = TEEC_PARAM_TYPE_GET(seen.param_types, i);
+    const bool output = type == kOut || type == kInOut;
+    if (output && (seen.command != kCmdUpdate || i == 2)) {
+      EXPECT_EQ(seen.command == kCmdAttestKey                  ? 8192u
+                : seen.command == kCmdGetHmacSharingParameters ? 32u
+                                                               : 4096u,
+                seen.params[i].size);
     }
   }
 }
 
+TEST_F(Requests, SendTheirInputs) {
+  for (const Row& row : kRows) {
+    SCOPED_TRACE(std::string(row.request) + ", row " + std::to_string(&row - kRows));
+    const ParamSet params(row.params);
+    EXPECT_EQ(0, Make(row.request, [&](Args* args) {
+                if (row.set != nullptr) row.set(args);
+                if (!row.params.empty()) args->params = params.get();
+              }));
+    EXPECT_TRUE(row.sent == Sent());
+    ExpectRoom(platform().invocations[0]);
+  }
+}
+
 TEST_F(Requests, ReturnWhatTheTaWrote) {
-  const Bytes key = BlobBytes(fixture().blob.key);
   for (const char* name : {"GenerateEc", "GenerateRsa", "ImportRaw", "GetKeyCharacteristics"}) {
     EXPECT_EQ(0, Make(name));
     EXPECT_EQ("20000001=5 90000259:61707064", Describe(outputs.characteristics.hw_enforced));
@@ -94,29 +128,45 @@ TEST_F(Requests, ReturnWhatTheTaWrote) {
     EXPECT_EQ("900003e9:28292a2b2c2d2e2f30313233 300003eb=80", Describe(outputs.params));
   }
   for (const char* name : {"GenerateEc", "GenerateRsa", "ImportRaw", "UpgradeKey"}) {
-    EXPECT_EQ(0, Make(name));
-    EXPECT_EQ(key, BlobBytes(outputs.key_blob));
+    EXPECT_EQ(0, Make(name, [](Args* args) { args->characteristics = nullptr; }));
+    EXPECT_EQ(kKey, BlobBytes(outputs.key_blob));
   }
+  EXPECT_EQ(0, Make("Begin", [](Args* args) { args->out_params = nullptr; }));
+  EXPECT_EQ(0x5566778811223344u, outputs.number);
+  EXPECT_EQ(0, Make("Finish", [](Args* args) { args->out_params = nullptr; }));
+  EXPECT_EQ(fixture().secrets.at("finish output, unwrapped key"), BlobBytes(outputs.data));
+  EXPECT_EQ(0, Make("Finish", [](Args* args) { args->data = nullptr; }));
 }
 
 TEST_F(Requests, AcceptRepliesThatFillTheirBuffer) {
-  constexpr std::pair<const char*, unsigned> kRows[] = {{"GenerateEc", 2},
-                                                        {"GenerateEc", 3},
-                                                        {"GenerateRsa", 2},
-                                                        {"GenerateRsa", 3},
-                                                        {"ImportRaw", 2},
-                                                        {"ImportRaw", 3},
-                                                        {"GetKeyCharacteristics", 2},
-                                                        {"UpgradeKey", 2},
-                                                        {"AttestKey", 2},
-                                                        {"Begin", 2},
-                                                        {"Update", 2},
-                                                        {"Finish", 2},
-                                                        {"Finish", 3},
-                                                        {"VerifyAuthorization", 2},
-                                                        {"ComputeSharedHmac", 1}};
-  for (const auto& [request, param] : kRows) {
-    EXPECT_EQ(0, Make(request, param)) << request << ", parameter " << param;
+  constexpr std::pair<const char*, unsigned> kFilled[] = {{"GenerateEc", 2},
+                                                          {"GenerateEc", 3},
+                                                          {"GenerateRsa", 2},
+                                                          {"GenerateRsa", 3},
+                                                          {"ImportRaw", 2},
+                                                          {"ImportRaw", 3},
+                                                          {"GetKeyCharacteristics", 2},
+                                                          {"UpgradeKey", 2},
+                                                          {"AttestKey", 2},
+                                                          {"Begin", 2},
+                                                          {"Update", 2},
+                                                          {"Finish", 2},
+                                                          {"Finish", 3},
+                                                          {"VerifyAuthorization", 2},
+                                                          {"ComputeSharedHmac", 1}};
+  for (const auto& [request, filled] : kFilled) {
+    const uint32_t command = FindRequest(request).commands[0];
+    const unsigned param = filled;
+    platform().On(command, [param](const Invocation& invocation) {
+      Answer answer = AnswerTo(invocation.command, *invocation.operation);
+      Reply reply = Reply::Ok();
+      for (auto& [at, bytes] : answer.outputs) {
+        if (at == param) bytes.resize(invocation.params[at].size);
+        reply.Out(static_cast<int>(at), bytes);
+      }
+      return reply;
+    });
+    EXPECT_EQ(0, Make(request)) << request << ", parameter " << param;
   }
 }
 
