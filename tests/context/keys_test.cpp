@@ -45,8 +45,9 @@ TEST_F(Generate, JudgesTheFirstExponentBeforeTheFirstSize) {
     EXPECT_EQ(result, Run(params)) << params.size();
     EXPECT_EQ(CommandIds(), Commands());
   }
-  EXPECT_EQ("E KeyMaster_Ts: [error] : Invalid key size of 15 bits specified for RSA key generation",
-            Log().back());
+  EXPECT_EQ(
+      "E KeyMaster_Ts: [error] : Invalid key size of 15 bits specified for RSA key generation",
+      Log().back());
 }
 
 // That the numbers fit each other shows where the keys are used.
@@ -258,8 +259,7 @@ TEST_F(WrappedImport, PrefersTheCallersUnwrappingParameters) {
   const ParamSet own({{KM_TAG_DIGEST, KM_DIGEST_SHA_2_256}});
   EXPECT_EQ(0, Make("ImportWrappedKey", [&](Args* args) { args->unwrapping_params = own.get(); }));
   EXPECT_EQ(TwoLists({{KM_TAG_DIGEST, 4}}, {}), Sent(1)[1]);
-  EXPECT_EQ(0,
-            Make("ImportWrappedKey", [](Args* args) { args->unwrapping_params = &kHollowSet; }));
+  EXPECT_EQ(0, Make("ImportWrappedKey", [](Args* args) { args->unwrapping_params = &kHollowSet; }));
   EXPECT_EQ(6, Sent(1)[1][0]) << "the count of its own";
 }
 

@@ -77,7 +77,8 @@ TEST_F(Operation, UpdateNeedsNoPlaceForItsOutput) {
   EXPECT_EQ(16u, platform().invocations[0].params[3].size);
   EXPECT_EQ(kEmpty, StateOf(kData)) << "what it produces is dropped";
   for (const char* request : {"UpdateAssociatedData", "Update"}) {
-    EXPECT_EQ(0, Make(request, [](Args* args) { args->out_params = nullptr, args->data = nullptr; }));
+    EXPECT_EQ(0,
+              Make(request, [](Args* args) { args->out_params = nullptr, args->data = nullptr; }));
   }
 }
 

@@ -28,18 +28,7 @@ Bytes Built(int32_t result, Build build) {
   return bytes;
 }
 
-Bytes FinalInput(const keymaster_blob_t* input, const keymaster_blob_t* signature,
-                 int32_t result = 0) {
-  return Built(result, [&](auto* built) { return BuildFinalInput(input, signature, built); });
-}
-
-// What of either is there: an operation's test.
-TEST_F(Inputs, FinishPacksNothingToo) {
-  const keymaster_blob_t no_data{nullptr, 5};
-  EXPECT_EQ((Bytes{0, 0, 0, 0, 0, 1, 0, 0, 0, 0}), FinalInput(&no_data, &no_data));
-  EXPECT_EQ(-EINVAL, BuildFinalInput(nullptr, nullptr, nullptr));
-}
-
+// What of either is there: the requests' tests.
 TEST_F(Inputs, FinishRejectsLengthsThatWrapAndAllocatesAllOthers) {
   const struct {
     uint64_t input, signature;
@@ -50,41 +39,35 @@ TEST_F(Inputs, FinishRejectsLengthsThatWrapAndAllocatesAllOthers) {
   for (const auto& row : kRows) {
     SCOPED_TRACE(&row - kRows);
     const keymaster_blob_t input{&kByte, row.input}, signature{&kByte, row.signature};
-    FinalInput(&input, &signature, row.result);
+    Built(row.result, [&](auto* built) { return BuildFinalInput(&input, &signature, built); });
     EXPECT_EQ(row.result == -ENOMEM ? 1u : 0u, Log().size());
   }
+  const keymaster_blob_t no_data{nullptr, 5};
+  EXPECT_EQ((Bytes{0, 0, 0, 0, 0, 1, 0, 0, 0, 0}),
+            Built(0, [&](auto* built) { return BuildFinalInput(&no_data, &no_data, built); }));
+  EXPECT_EQ(-EINVAL, BuildFinalInput(nullptr, nullptr, nullptr));
 }
 
-TEST_F(Inputs, VerifyAuthorizationPacksChallengeAndToken) {
+// The packed bytes of a usual token: the requests' tests.
+TEST_F(Inputs, VerifyAuthorizationNeedsATokenThatFits) {
   constexpr int32_t kNoMemory = KM_ERROR_MEMORY_ALLOCATION_FAILED,
                     kCopyFailed = KM_ERROR_UNKNOWN_ERROR;
-  const Bytes ramp = Ramp(1, 69), eight = {8, 7, 6, 5, 4, 3, 2, 1};
   const uint64_t challenge = 0x0102030405060708;
-  const struct {
-    keymaster_blob_t token;
-    int32_t result;
-    Bytes bytes = {};
-    const char* log = "";
-  } kRows[] = {
-      {{ramp.data(), 69}, 0, Cat({eight, ramp})},
-      {{&kByte, 0}, 0, eight},
-      {{nullptr, 5}, kCopyFailed, {}, "memcpy_s hwAuthToken failed.\n"},
-      {{&kByte, kFourGiB}, kCopyFailed, {}, "memcpy_s hwAuthToken failed.\n"},
-      {{&kByte, kFourGiB + 3}, kCopyFailed, {}, "memcpy_s hwAuthToken failed.\n"},
-      {{&kByte, 0xFFFFFFF7}, kNoMemory, {}, "build final input malloc failed.\n"},
-      {{&kByte, 0xFFFFFFFC}, kCopyFailed, {}, "memcpy_s challenge failed.\n"},
-  };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
-    EXPECT_EQ(row.bytes, Built(row.result, [&](auto* built) {
-                return BuildVerifyAuthInput(&challenge, &row.token, built);
+  const std::pair<keymaster_blob_t, int32_t> kRows[] = {
+      {{&kByte, 0}, 0},
+      {{nullptr, 5}, kCopyFailed},
+      {{&kByte, kFourGiB}, kCopyFailed},
+      {{&kByte, kFourGiB + 3}, kCopyFailed},
+      {{&kByte, 0xFFFFFFF7}, kNoMemory},
+      {{&kByte, 0xFFFFFFFC}, kCopyFailed}};  // no room for the challenge
+  for (const auto& [token, result] : kRows) {
+    EXPECT_EQ(result == 0 ? Bytes({8, 7, 6, 5, 4, 3, 2, 1}) : Bytes(),
+              Built(result, [&, &blob = token](auto* built) {
+                return BuildVerifyAuthInput(&challenge, &blob, built);
               }));
-    EXPECT_EQ(row.result == 0 ? Lines() : Lines{std::string("E KeyMaster_Ts: ") + row.log}, Log());
+    EXPECT_EQ(result == 0 ? 0u : 1u, Log().size());
   }
-}
-
-TEST_F(Inputs, VerifyAuthorizationNeedsAllItsArguments) {
-  const uint64_t challenge = 5;
+  platform().ClearRecords();
   const keymaster_blob_t token{&kByte, 1};
   keymaster_blob_t built;
   EXPECT_EQ(-32, BuildVerifyAuthInput(nullptr, &token, &built));
@@ -100,42 +83,29 @@ TEST_F(Inputs, SecureIdFollowsTheFirstTokensAuthenticator) {
     return Param(KM_TAG_AUTH_TOKEN, bytes);
   };
   const Param id(KM_TAG_USER_SECURE_ID, 7), second(KM_TAG_USER_SECURE_ID, 8);
-  const struct {
-    Params params;
-    uint64_t first_id;
-  } kRows[] = {
-      {{id, token(1)}, 1000},
-      {{id, token(2)}, 2000},
-      {{token(2), id, second}, 2000},
-      {{id, token(0)}, 7},
-      {{id, token(3)}, 7},
-      {{id, token(0x01000000)}, 7},
-      {{id, token(1), token(2)}, 1000},
-      {{id, token(0), token(2)}, 7},
-      {{id, {KM_TAG_NONCE, Bytes(69, 1)}}, 7},
-      {{id, token(1, 29)}, 1000},
-      {{id, token(1, 28)}, 7},
-      {{id, token(1, 0)}, 7},
-      {{{KM_TAG_USER_ID, 7}, token(1)}, 7},
-  };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
-    ParamSet set(row.params), expected(row.params);
+  const std::pair<Params, uint64_t> kRows[] = {{{id, token(1)}, 1000},
+                                               {{token(2), id, second}, 2000},
+                                               {{id, token(3)}, 7},
+                                               {{id, token(0x01000000)}, 7},
+                                               {{id, token(1), token(2)}, 1000},
+                                               {{id, token(0), token(2)}, 7},
+                                               {{id, {KM_TAG_NONCE, Bytes(69, 1)}}, 7},
+                                               {{id, token(1, 29)}, 1000},
+                                               {{id, token(1, 28)}, 7},
+                                               {{{KM_TAG_USER_ID, 7}, token(1)}, 7},
+                                               {{id}, 7}};
+  for (const auto& [params, first_id] : kRows) {
+    ParamSet set(params), expected(params);
     UpdateParamsForSecureid(set.get(), 1000, 2000);
-    expected[expected[0].tag == KM_TAG_AUTH_TOKEN].long_integer = row.first_id;
+    expected[expected[0].tag == KM_TAG_AUTH_TOKEN].long_integer = first_id;
     EXPECT_EQ(Describe(*expected.get()), Describe(*set.get()));
   }
-}
-
-TEST_F(Inputs, SecureIdStaysWithoutATokenToRead) {
-  ParamSet set({{KM_TAG_USER_SECURE_ID, 7}, {KM_TAG_AUTH_TOKEN, AuthToken(0, 0, 1)}});
-  keymaster_key_param_set_t first = {&set[0], 1}, none = {&set[0], 0}, no_array = {nullptr, 2};
-  UpdateParamsForSecureid(&first, 1000, 2000);
-  UpdateParamsForSecureid(&none, 1000, 2000);
-  UpdateParamsForSecureid(&no_array, 1000, 2000);
-  UpdateParamsForSecureid(nullptr, 1000, 2000);
+  ParamSet set({id, token(1)});
   set[1].blob.data = nullptr;
-  UpdateParamsForSecureid(set.get(), 1000, 2000);
+  keymaster_key_param_set_t none = {&set[0], 0}, no_array = {nullptr, 2};
+  for (keymaster_key_param_set_t* params : {set.get(), &none, &no_array, {nullptr}}) {
+    UpdateParamsForSecureid(params, 1000, 2000);
+  }
   EXPECT_EQ(7u, set[0].long_integer);
 }
 
@@ -143,9 +113,9 @@ TEST_F(Inputs, UpdateArgumentsAreChecked) {
   const size_t consumed = 0;
   for (const uint64_t length : {0ul, 0xFFFFFFEFul, 0xFFFFFFF0ul, 0xFFFFFFFFul, kFourGiB}) {
     const keymaster_blob_t input{nullptr, length};
-    const bool refused = length == 0xFFFFFFF0 || length == 0xFFFFFFFF;
-    EXPECT_EQ(refused ? -32 : 0, ParamsCheck(&input, &consumed)) << length;
-    EXPECT_EQ(refused ? -32 : -27, ParamsCheck(&input, nullptr)) << length;
+    const bool rejected = length == 0xFFFFFFF0 || length == 0xFFFFFFFF;
+    EXPECT_EQ(rejected ? -32 : 0, ParamsCheck(&input, &consumed)) << length;
+    EXPECT_EQ(rejected ? -32 : -27, ParamsCheck(&input, nullptr)) << length;
   }
   EXPECT_EQ(-32, ParamsCheck(nullptr, nullptr));
 }
