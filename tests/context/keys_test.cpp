@@ -135,6 +135,7 @@ struct Attest : RequestTest {
   }
 };
 
+// One of the replies fills its buffer.
 TEST_F(Attest, ReturnsTheCertificatesInOrder) {
   for (const Parts& sent : {Parts{{1, 2, 3}, {4, 5, 6, 7, 8}}, {Ramp(0, 8170), {1}}, {{1}, {2}}}) {
     EXPECT_EQ(0, Run(Cat({CertificateChain(sent), Ramp(1, 9)}))) << "bytes behind the end";

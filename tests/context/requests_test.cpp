@@ -138,37 +138,5 @@ TEST_F(Requests, ReturnWhatTheTaWrote) {
   EXPECT_EQ(0, Make("Finish", [](Args* args) { args->data = nullptr; }));
 }
 
-TEST_F(Requests, AcceptRepliesThatFillTheirBuffer) {
-  constexpr std::pair<const char*, unsigned> kFilled[] = {{"GenerateEc", 2},
-                                                          {"GenerateEc", 3},
-                                                          {"GenerateRsa", 2},
-                                                          {"GenerateRsa", 3},
-                                                          {"ImportRaw", 2},
-                                                          {"ImportRaw", 3},
-                                                          {"GetKeyCharacteristics", 2},
-                                                          {"UpgradeKey", 2},
-                                                          {"AttestKey", 2},
-                                                          {"Begin", 2},
-                                                          {"Update", 2},
-                                                          {"Finish", 2},
-                                                          {"Finish", 3},
-                                                          {"VerifyAuthorization", 2},
-                                                          {"ComputeSharedHmac", 1}};
-  for (const auto& [request, filled] : kFilled) {
-    const uint32_t command = FindRequest(request).commands[0];
-    const unsigned param = filled;
-    platform().On(command, [param](const Invocation& invocation) {
-      Answer answer = AnswerTo(invocation.command, *invocation.operation);
-      Reply reply = Reply::Ok();
-      for (auto& [at, bytes] : answer.outputs) {
-        if (at == param) bytes.resize(invocation.params[at].size);
-        reply.Out(static_cast<int>(at), bytes);
-      }
-      return reply;
-    });
-    EXPECT_EQ(0, Make(request)) << request << ", parameter " << param;
-  }
-}
-
 }  // namespace
 }  // namespace test

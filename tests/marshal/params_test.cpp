@@ -16,21 +16,22 @@ constexpr uint32_t kFirstListTags[] = {0x10000002, 0x1000000A, 0x1000012D, 0x200
                                        0x20000004, 0x20000005, 0x20000006, 0x30000003,
                                        0x500000C8, 0x70000007, 0x7000012E, 0x7000012F};
 
-// The bytes that serialise(&out, &length) made, released.
+// The bytes that serialise(&out, &length) made, released; a failure leaves both untouched.
 template <typename Serialise>
-Bytes Made(Serialise serialise) {
+Bytes Made(int32_t result, Serialise serialise) {
   uint8_t* out = nullptr;
-  uint32_t length = 0;
-  EXPECT_EQ(0, serialise(&out, &length));
-  const Bytes bytes(out, out + length);
+  uint32_t length = 77;
+  EXPECT_EQ(result, serialise(&out, &length));
+  EXPECT_TRUE(result == 0 || (out == nullptr && length == 77));
+  const Bytes bytes(out, out == nullptr ? out : out + length);
   free(out);
   return bytes;
 }
-Bytes Build(ParamSet& set) {
-  return Made([&](auto... out) { return BuildKmParams(set.get(), out...); });
+Bytes Build(const keymaster_key_param_set_t* set, int32_t result = 0) {
+  return Made(result, [=](auto... out) { return BuildKmParams(set, out...); });
 }
-Bytes Join(const KmParams* first, KmParams* second) {
-  return Made([&](auto... out) { return SerializeKmParams(first, second, out...); });
+Bytes Join(const KmParams* first, KmParams* second, int32_t result = 0) {
+  return Made(result, [=](auto... out) { return SerializeKmParams(first, second, out...); });
 }
 
 // A KmParams that ends with its test. Add returns what AddKmParams does.
@@ -73,16 +74,15 @@ constexpr char kInvalid[] = "-22", kNoMemory[] = "-12";
 
 TEST_F(Serialise, FollowsTheTypeOfEachTagAsDecodingDoes) {
   const uint64_t wide = 0x1122334455667702, narrow = 0x55667702, three = 3ull << 32;
-  const uint64_t kSent[16] = {0,     narrow, narrow, narrow, narrow, wide, wide, 2,
-                              three, three,  wide};
+  const uint64_t kSent[16] = {0, narrow, narrow, narrow, narrow, wide, wide, 2, three, three, wide};
   const std::string n = "=55667702", w = "=1122334455667702";
-  const std::string kRead[] = {"=0", n, n,    n,    n,    w,    w,    "=1",
+  const std::string kRead[] = {"=0", n,   n, n,    n,    w,    w,    "=1",
                                ":",  ":", w, "=0", "=0", "=0", "=0", "=0"};
   for (uint32_t type = 0; type < 16; ++type) {
     const uint32_t tag = type << 28 | 0x321;
     const Bytes bytes = IsByteValued(tag) ? Ramp(1, 3) : Bytes();
-    ParamSet set({bytes.empty() ? Param(tag, wide) : Param(tag, bytes)});
-    EXPECT_EQ(Cat({Le32(0), Le32(1), Entry(tag, kSent[type]), bytes}), Build(set));
+    const ParamSet set({bytes.empty() ? Param(tag, wide) : Param(tag, bytes)});
+    EXPECT_EQ(Cat({Le32(0), Le32(1), Entry(tag, kSent[type]), bytes}), Build(set.get()));
     // Empty bytes decode whatever their offset and without any blob area.
     const Bytes list = WireList({IsByteValued(tag) ? BytesEntry(tag, 99, 0) : Entry(tag, wide)});
     const std::string name = type == 0 ? "321" : "0123456789abcdef"[type] + std::string("0000321"),
@@ -90,8 +90,7 @@ TEST_F(Serialise, FollowsTheTypeOfEachTagAsDecodingDoes) {
     EXPECT_EQ(param + " | ", Decoded(1, list));
     EXPECT_EQ(param + " | " + param, Decoded(2, Cat({list, list})));
   }
-  ParamSet none({});
-  EXPECT_EQ(Bytes(8), Build(none));
+  EXPECT_EQ(Bytes(8), Build(ParamSet().get()));
   EXPECT_EQ(" | ", Decoded(1, Bytes(4)));
   EXPECT_EQ(" | ", Decoded(2, Bytes(8)));
 }
@@ -99,21 +98,17 @@ TEST_F(Serialise, FollowsTheTypeOfEachTagAsDecodingDoes) {
 // ---- To bytes
 
 TEST_F(Serialise, SortsTheTwelveKeyDefinitionTagsFirst) {
-  ParamSet set({});
-  Bytes first = Le32(12), second = Le32(37);
-  const auto add = [&set](uint32_t tag, Bytes* list) {
-    set.Add({tag, 1});
-    *list = Cat({*list, Entry(tag, 1)});
-  };
-  add(0x20000003, &second);
+  Params all = {{0x20000003, 1}}, first, second = all;
   for (const uint32_t tag : kFirstListTags) {
     // Neither the neighbours nor the same number under another type belong to the first list.
     for (const uint32_t other : {tag + 0x100, tag ^ 0x40000, (tag & 0x0FFFFFFF) | 0xA0000000}) {
-      add(other, &second);
+      second.push_back({other, 1});
+      all.push_back({other, 1});
     }
-    add(tag, &first);
+    first.push_back({tag, 1});
+    all.push_back({tag, 1});
   }
-  EXPECT_EQ(Cat({first, second}), Build(set));
+  EXPECT_EQ(TwoLists(first, second), Build(ParamSet(all).get()));
 }
 
 TEST_F(Serialise, RebasesTheSecondListOnTheFirstOnesBytes) {
@@ -134,15 +129,12 @@ TEST_F(Serialise, RebasesTheSecondListOnTheFirstOnesBytes) {
 
 TEST_F(Serialise, GrowsBySixteen) {
   Record record;
-  Bytes entries, data;
+  Params params;
   for (uint32_t i = 1; i <= 49; ++i) {
-    const auto offset = static_cast<uint32_t>(data.size());
-    const bool bytes = i % 3 == 0;
-    ASSERT_EQ(0, record.Add(bytes ? Param(kBytesTag + i, Ramp(1, i)) : Param(i << 8, 0)));
+    params.push_back(i % 3 == 0 ? Param(kBytesTag + i, Ramp(1, i)) : Param(i << 8, 0));
+    ASSERT_EQ(0, record.Add(params.back()));
     EXPECT_EQ(i <= 16 ? 16u : i <= 32 ? 32u : i <= 48 ? 48u : 64u, record.capacity);
-    entries = Cat({entries, bytes ? BytesEntry(kBytesTag + i, offset, i) : Entry(i << 8)});
-    if (bytes) data = Cat({data, Ramp(1, i)});
-    ASSERT_EQ(Cat({Le32(0), Le32(i), entries, data}), Join(nullptr, &record)) << i;
+    ASSERT_EQ(TwoLists({}, params), Join(nullptr, &record)) << i;
   }
 }
 
@@ -188,12 +180,9 @@ TEST_F(Serialise, RejectsSizesThatWrap) {
       {0, 0xFFFFFFFF, 0, 0xFFFFFFFF}, {1, 0x80000000, 1, 0x7FFFFFD7}};
   for (const auto& [len1, data1, len2, data2] : kTotals) {
     KmParams one{len1, len1, data1, never, &byte}, two{len2, len2, data2, never, &byte};
-    uint8_t* out = nullptr;
-    uint32_t length = 77;
     FailCall(Call::kMalloc, 0);
-    EXPECT_EQ(-12, SerializeKmParams(&one, &two, &out, &length));
+    Join(&one, &two, -12);
     EXPECT_EQ(data2 == 0x7FFFFFD7, CallCount(Call::kMalloc) == 1) << data2;
-    EXPECT_TRUE(out == nullptr && length == 77);
   }
 }
 
@@ -222,10 +211,7 @@ TEST_F(Serialise, RejectsByteValuesThatDoNotFit) {
     // The same in one set, where every such failure is the same.
     params[1].blob = {row.data, row.stored};
     const keymaster_key_param_set_t set{params, 2};
-    uint8_t* out = nullptr;
-    uint32_t length = 77;
-    EXPECT_EQ(-12, BuildKmParams(&set, &out, &length));
-    EXPECT_TRUE(out == nullptr && length == 77);
+    Build(&set, -12);
   }
 }
 
@@ -251,10 +237,8 @@ TEST_F(Serialise, AFailedStepLeavesTheEntriesAsTheyWere) {
   Record second({{kBytesTag, Ramp(1, 3)}, {kBytesTag, Ramp(1, 5)}});
   const Bytes before = Join(nullptr, &second);
   for (int nth = 1; nth <= 6; ++nth) {
-    uint8_t* out = nullptr;
-    uint32_t length = 0;
     FailCall(Call::kMemcpyS, nth);
-    EXPECT_EQ(-12, SerializeKmParams(&first, &second, &out, &length)) << nth;
+    Join(&first, &second, -12);
     EXPECT_EQ(before, Join(nullptr, &second)) << nth;
   }
 }
@@ -279,35 +263,27 @@ TEST_F(Decode, RejectsBadArgumentsWithoutTouchingTheOutput) {
 }
 
 TEST_F(Decode, SaysWhereAReplyIsTruncated) {
-  const struct {
-    int lists;
-    size_t length;
-    std::string result;
-    Lines log;
-  } kRows[] = {
-      {2, 4, kInvalid, {"1 invalid key character size, 4-2-4", "Proc hw enforce failed, err=-22"}},
-      {2,
-       35,
-       kInvalid,
-       {"1 invalid key character size, 4-2-35", "Proc hw enforce failed, err=-22"}},
-      {2, 39, kInvalid, {"2 invalid key character size, 36-39"}},
-      {2, 55, kInvalid, {"3 invalid key character size, 40-1-55"}},
-      {2, 63, kNoMemory, {}},
-      {2, 64, "20000001=2 90000259:101112 | 900003e9:1314151617", {}},
-      {2, 66, "20000001=2 90000259:101112 | 900003e9:1314151617", {}},
-      {1, 35, kNoMemory, {"invalid copy size, 2-35"}}};
-  // Two hardware entries, one of them bytes, one software entry of bytes, and bytes nobody asks
-  // for.
+  // Two hardware entries, one of them bytes, one software entry of bytes, and bytes for nobody.
   const Bytes whole = Cat({TwoLists({{KM_TAG_PURPOSE, 2}, {KM_TAG_APPLICATION_ID, Ramp(0x10, 3)}},
                                     {{KM_TAG_NONCE, Ramp(0x13, 5)}}),
                            Bytes(2, 0xEE)});
+  const std::string lists = "20000001=2 90000259:101112 | 900003e9:1314151617",
+                    log = "E KeyMaster_Ts: ";
+  const struct {
+    int lists;
+    size_t length;
+    std::string result, log;
+  } kRows[] = {{2, 4, kInvalid, log + "1 invalid key character size, 4-2-4"},
+               {2, 35, kInvalid, log + "1 invalid key character size, 4-2-35"},
+               {2, 39, kInvalid, log + "2 invalid key character size, 36-39"},
+               {2, 55, kInvalid, log + "3 invalid key character size, 40-1-55"},
+               {2, 63, kNoMemory, ""},
+               {2, 64, lists, ""},
+               {2, 66, lists, ""},
+               {1, 35, kNoMemory, log + "invalid copy size, 2-35"}};
   for (const auto& row : kRows) {
     EXPECT_EQ(row.result, Decoded(row.lists, Bytes(whole.data(), whole.data() + row.length)));
-    Lines log;
-    for (const std::string& line : row.log) {
-      log.push_back("E KeyMaster_Ts: " + line);
-    }
-    EXPECT_EQ(log, Log());
+    EXPECT_EQ(row.log, Log().empty() ? "" : Log()[0]);
   }
 }
 
