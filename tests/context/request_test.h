@@ -63,6 +63,11 @@ class RequestTest : public KeymasterTest {
     if (set) set(&args);
     return request.method->call(args);
   }
+  // MakeOf does so where params[2] of the reply to its first command is this.
+  int32_t MakeOf(const char* name, const Bytes& reply) {
+    ReplyTo(FindRequest(name).commands[0], Reply::Ok().Out(2, reply));
+    return Make(name);
+  }
   // StateOf says what became of an output; it releases all, and forgets what was recorded.
   States StateOf(Output output) {
     const Observed observed = Observe(&outputs, kPlainBlocks);
