@@ -200,17 +200,15 @@ TEST_F(WrappedImport, SendsSevenCommands) {
   const Bytes wrapping = BlobBytes(fixture().blob.key);
   const Param aes(KM_TAG_ALGORITHM, 32), gcm(KM_TAG_BLOCK_MODE, 32), unpadded(KM_TAG_PADDING, 1),
       bits(KM_TAG_KEY_SIZE, 256);
+  const Params unwrapping = {{KM_TAG_DIGEST, 2},
+                             {KM_TAG_ALGORITHM, 1},
+                             {KM_TAG_PADDING, 2},
+                             {KM_TAG_KEY_SIZE, 2048},
+                             {KM_TAG_RSA_PUBLIC_EXPONENT, 4096},
+                             {KM_TAG_PURPOSE, 5}};
   const Parts kSent[] = {
       {wrapping},
-      {wrapping,
-       TwoLists({{KM_TAG_DIGEST, 2},
-                 {KM_TAG_ALGORITHM, 1},
-                 {KM_TAG_PADDING, 2},
-                 {KM_TAG_KEY_SIZE, 2048},
-                 {KM_TAG_RSA_PUBLIC_EXPONENT, 4096},
-                 {KM_TAG_PURPOSE, 5}},
-                {}),
-       Le64(1)},  // decryption
+      {wrapping, TwoLists(unwrapping, {}), Le64(1)},  // decryption
       {FinishInput(wrapper.transit_key, {}), Le64(1)},
       {TwoLists({{KM_TAG_PURPOSE, 1}, aes, unpadded, gcm, {KM_TAG_CALLER_NONCE, 1}, bits},
                 {{KM_TAG_MIN_MAC_LENGTH, 128}}),
@@ -258,12 +256,9 @@ TEST_F(WrappedImport, UnwrappingNeedsPlacesForListAndFormat) {
   keymaster::TKeymasterBlob<keymaster_key_blob_t> wrapped;
   keymaster::AuthorizationSet list;
   keymaster_key_format_t format;
-  keymaster_key_blob_t key = fixture().blob.key;
-  keymaster_key_param_set_t none = kEmptySet;
-  EXPECT_EQ(kNullPointer,
-            km.TivasKmUnwrappedKey(&wrapped, &key, &none, &key, nullptr, &format, &outputs.data));
-  EXPECT_EQ(kNullPointer,
-            km.TivasKmUnwrappedKey(&wrapped, &key, &none, &key, &list, nullptr, &outputs.data));
+  keymaster_blob_t* const out = &outputs.data;
+  EXPECT_EQ(kNullPointer, km.TivasKmUnwrappedKey(&wrapped, {}, {}, {}, nullptr, &format, out));
+  EXPECT_EQ(kNullPointer, km.TivasKmUnwrappedKey(&wrapped, {}, {}, {}, &list, nullptr, out));
   EXPECT_EQ(Lines(), Log());
 }
 

@@ -22,12 +22,11 @@ using Set = std::function<void(Args* args)>;
 
 constexpr int32_t kNullPointer = KM_ERROR_UNEXPECTED_NULL_POINTER,
                   kNoMemory = KM_ERROR_MEMORY_ALLOCATION_FAILED,
-                  kBadArgument = KM_ERROR_INVALID_ARGUMENT, kUnknown = KM_ERROR_UNKNOWN_ERROR,
-                  kBadParameters = static_cast<int32_t>(TEEC_ERROR_BAD_PARAMETERS);
+                  kBadArgument = KM_ERROR_INVALID_ARGUMENT, kUnknown = KM_ERROR_UNKNOWN_ERROR;
 
 // What says that it holds something and does not.
 constexpr keymaster_blob_t kHollowBlob = {nullptr, 32};
-constexpr keymaster_key_param_set_t kHollowSet = {nullptr, 1}, kEmptySet = {nullptr, 0};
+constexpr keymaster_key_param_set_t kHollowSet = {nullptr, 1};
 
 class RequestTest : public KeymasterTest {
  protected:
