@@ -21,29 +21,25 @@ struct Generate : RequestTest {
   }
 };
 
-TEST_F(Generate, MakesRsaKeysInSoftwareAndAllOthersInTheTa) {
-  const std::pair<Params, uint32_t> kRows[] = {
-      {{{KM_TAG_ALGORITHM, KM_ALGORITHM_AES}, Bits(7), Exponent(1ull << 40)}, kCmdGenerateKey},
-      {{}, kCmdGenerateKey},
-      {{Bits(512), Exponent(3), {KM_TAG_PURPOSE, KM_ALGORITHM_RSA}}, kCmdGenerateKey},
-      {{kEc, Bits(512), Exponent(3), kRsa}, kCmdImportKey}};
-  for (const auto& [params, command] : kRows) {
-    EXPECT_EQ(0, Run(params));
-    EXPECT_EQ(CommandIds{command}, Commands());
-  }
-}
-
-TEST_F(Generate, JudgesTheFirstExponentBeforeTheFirstSize) {
+TEST_F(Generate, MakesRsaKeysInSoftwareIfTheFirstExponentAndThenTheFirstSizeAllow) {
   constexpr int32_t kSize = KM_ERROR_UNSUPPORTED_KEY_SIZE;
-  const std::pair<Params, int32_t> kRows[] = {
+  const struct {
+    Params params;
+    int32_t result;
+    CommandIds commands = {};
+  } kRows[] = {
+      {{{KM_TAG_ALGORITHM, KM_ALGORITHM_AES}, Bits(7), Exponent(1ull << 40)}, 0, {kCmdGenerateKey}},
+      {{}, 0, {kCmdGenerateKey}},
+      {{Bits(512), Exponent(3), {KM_TAG_PURPOSE, KM_ALGORITHM_RSA}}, 0, {kCmdGenerateKey}},
+      {{kEc, Bits(512), Exponent(3), kRsa}, 0, {kCmdImportKey}},
       {{kRsa, Bits(8)}, kBadArgument},
       {{kRsa, Exponent(0x100000000), Exponent(3), Bits(8)}, kBadArgument},
       {{kRsa, Exponent(3), Bits(16)}, kUnknown},  // what libcrypto does not make
       {{kRsa, Exponent(3), Bits(0xFFFFFFF8)}, kSize},
       {{kRsa, Exponent(3), Exponent(1ull << 63), Bits(15), Bits(512)}, kSize}};
-  for (const auto& [params, result] : kRows) {
-    EXPECT_EQ(result, Run(params)) << params.size();
-    EXPECT_EQ(CommandIds(), Commands());
+  for (const auto& row : kRows) {
+    EXPECT_EQ(row.result, Run(row.params)) << &row - kRows;
+    EXPECT_EQ(row.commands, Commands());
   }
   EXPECT_EQ(
       "E KeyMaster_Ts: [error] : Invalid key size of 15 bits specified for RSA key generation",
@@ -53,10 +49,9 @@ TEST_F(Generate, JudgesTheFirstExponentBeforeTheFirstSize) {
 // That the numbers fit each other shows where the keys are used.
 TEST_F(Generate, SendsRsaKeysInCrtForm) {
   EXPECT_EQ(0, Run({kRsa, Bits(1024), Exponent(0xFFFFFFFF), {KM_TAG_ORIGIN, 1}}));
-  const Bytes material = Sent().at(1);
-  EXPECT_EQ((Parts{TwoLists({kRsa, Bits(1024), Exponent(0xFFFFFFFF)}, {{KM_TAG_ORIGIN, 1}}),
-                   material, Bytes(8)}),
-            Sent());
+  const Bytes material = Sent().at(1),
+              params = TwoLists({kRsa, Bits(1024), Exponent(0xFFFFFFFF)}, {{KM_TAG_ORIGIN, 1}});
+  EXPECT_EQ((Parts{params, material, Bytes(8)}), Sent());
   EXPECT_EQ(Cat({Le32(2), Le32(128), Le32(128), Le32(4)}),
             Bytes(material.begin(), material.begin() + 16));
   EXPECT_LE(0x80, material.at(36)) << "the modulus has all its bits";
@@ -185,11 +180,7 @@ TEST_F(Export, RejectsLengthsThatAreNotTheReplys) {
 
 // ---- The import of wrapped keys, command by command
 
-struct WrappedImport : RequestTest {
-  static void DescribeKey(const Params& hardware, const Params& software) {
-    ReplyTo(kCmdGetKeyCharacteristics, Reply::Ok().Out(2, TwoLists(hardware, software)));
-  }
-};
+using WrappedImport = RequestTest;
 
 TEST_F(WrappedImport, SendsSevenCommands) {
   platform().Queue(kCmdBegin, Reply::Ok().Value(3, 1, 0));
@@ -228,10 +219,9 @@ TEST_F(WrappedImport, SendsSevenCommands) {
 
 TEST_F(WrappedImport, NeedsAKeyThatMayWrap) {
   const Param wrap(KM_TAG_PURPOSE, 5), decrypt(KM_TAG_PURPOSE, 1), other(KM_TAG_ALGORITHM, 5);
-  DescribeKey({}, {other, decrypt, wrap});
-  EXPECT_EQ(0, Make("ImportWrappedKey"));
-  DescribeKey({other, decrypt}, {other, decrypt});
-  EXPECT_EQ(KM_ERROR_INCOMPATIBLE_PURPOSE, Make("ImportWrappedKey"));
+  EXPECT_EQ(0, MakeOf("ImportWrappedKey", TwoLists({}, {other, decrypt, wrap})));
+  EXPECT_EQ(KM_ERROR_INCOMPATIBLE_PURPOSE,
+            MakeOf("ImportWrappedKey", TwoLists({other, decrypt}, {other, decrypt})));
   EXPECT_EQ(CommandIds{kCmdGetKeyCharacteristics}, Commands());
 }
 
