@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -84,14 +83,11 @@ TEST_F(Worker, TheWorkerEndsChannelsThatKeepNoRulesAndServesOn) {
                       {false, open, sizeof(open), 4096, false, false},
                       {false, open, sizeof(open), 4095, true, false},
                       {false, open, sizeof(open), kMaxSharedSize + 1, true, false},
-                      {false, open, sizeof(open), 0, true, false},
                       {false, open, sizeof(open) - 1, 4096, true, false},
                       {false, RequestOf(kOpen, 4096, 1), sizeof(open), 4096, true, false},
                       {false, RequestOf(kOpen, UINT32_MAX), sizeof(open), 4096, true, false},
                       {false, sparse, sizeof(open), 4096, true, true},
                       {false, RequestOf(kInvoke, 0), sizeof(open), 0, true, false},
-                      {false, RequestOf(kClose, 0), sizeof(open), 0, true, false},
-                      {true, open, sizeof(open), 0, true, false},
                       {true, RequestOf(kInvoke, 4096), sizeof(open), 0, true, true},
                       {true, RequestOf(kInvoke, 4097), sizeof(open), 0, true, false},
                       {true, RequestOf(kInvoke, 4097), sizeof(open), 8192, true, true},
@@ -119,26 +115,10 @@ TEST_F(Worker, TheWorkerEndsChannelsThatKeepNoRulesAndServesOn) {
   EXPECT_TRUE(worker->IsAlive());
 }
 
-// Sends a record with the socket itself twice.
-bool SendWithTwo(int socket, const void* record, size_t size) {
-  iovec part = {const_cast<void*>(record), size};
-  alignas(cmsghdr) char room[CMSG_SPACE(2 * sizeof(int))] = {};
-  msghdr message = {};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = room;
-  message.msg_controllen = sizeof(room);
-  cmsghdr* header = CMSG_FIRSTHDR(&message);
-  *header = {CMSG_LEN(2 * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-  const int both[] = {socket, socket};
-  memcpy(CMSG_DATA(header), both, sizeof(both));
-  return sendmsg(socket, &message, 0) > 0;
-}
-
 // Plays the worker with a script that gets the channel of the one connection.
 class PlayedWorker {
  public:
-  explicit PlayedWorker(std::function<void(FileDescriptor)> script) {
+  explicit PlayedWorker(std::function<void(const Channel&)> script) {
     FileDescriptor ours, theirs;
     EXPECT_TRUE(Channel::MakePair(&ours, &theirs));
     // No process: there is nothing to wait for, or to kill.
@@ -148,7 +128,7 @@ class PlayedWorker {
       char greeting = 0;
       FileDescriptor socket;
       EXPECT_TRUE(control.Receive(&greeting, 1, &socket, 10000));
-      script(std::move(socket));
+      script(Channel(std::move(socket)));
     });
   }
   ~PlayedWorker() {
@@ -179,22 +159,17 @@ TEST_F(Worker, TheClientBelievesNoReply) {
     const WorkerReply& reply;
     size_t size;
     uint32_t result;
-    int descriptors;
-  } const kCases[] = {{honest, sizeof(honest), 0, 0},
-                      {honest, sizeof(honest) - 1, kDead, 0},
-                      {magic, sizeof(honest), kDead, 0},
-                      {big, sizeof(honest), kShort, 0},
-                      {honest, sizeof(honest), kDead, 2}};
+  } const kCases[] = {{honest, sizeof(honest), 0},
+                      {honest, sizeof(honest) - 1, kDead},
+                      {magic, sizeof(honest), kDead},
+                      {big, sizeof(honest), kShort}};
   for (const auto& row : kCases) {
     SCOPED_TRACE(&row - kCases);
-    PlayedWorker worker([&](FileDescriptor socket) {
-      const int fd = socket.get();
-      const Channel channel(std::move(socket));
+    PlayedWorker worker([&](const Channel& channel) {
       WorkerRequest request = {};
       FileDescriptor memory;
       EXPECT_TRUE(channel.Receive(&request, sizeof(request), &memory, 10000));
-      EXPECT_TRUE(row.descriptors == 0 ? channel.Send(&row.reply, row.size, -1)
-                                       : SendWithTwo(fd, &row.reply, row.size));
+      EXPECT_TRUE(channel.Send(&row.reply, row.size, -1));
     });
     Session session = worker.NewSession();
     Str buffer(8, 0);
@@ -206,8 +181,7 @@ TEST_F(Worker, TheClientBelievesNoReply) {
 TEST_F(Worker, ClosedSessionsLeaveTheirConnectionButNoBytes) {
   Str texts[] = {"first", Str(50000, 'x'), "third"};
   std::atomic<const Str*> checked{nullptr};
-  PlayedWorker worker([&](FileDescriptor socket) {
-    const Channel channel(std::move(socket));
+  PlayedWorker worker([&](const Channel& channel) {
     const WorkerReply reply = {kWorkerMagic, 0, 4, {}};
     WorkerRequest request = {};
     FileDescriptor memory, more;
