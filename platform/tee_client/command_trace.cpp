@@ -1,12 +1,11 @@
 #include "platform/tee_client/command_trace.h"
 
-#include <hardware/keymaster_defs.h>
+#include <constant_names.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
-#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -48,44 +47,14 @@ constexpr CommandName kCommands[] = {
 };
 constexpr CommandName kUnknown = {0, "?", {kHidden, kHidden, kHidden, kHidden}};
 
-// The names of tags whose numbers, without the type, follow one another.
-constexpr struct {
-  uint32_t first;
-  const char* names;
-} kTags[] = {
-    {0,
-     "INVALID PURPOSE ALGORITHM KEY_SIZE BLOCK_MODE DIGEST PADDING CALLER_NONCE MIN_MAC_LENGTH KDF "
-     "EC_CURVE"},
-    {200, "RSA_PUBLIC_EXPONENT ECIES_SINGLE_HASH_MODE INCLUDE_UNIQUE_ID"},
-    {301, "BLOB_USAGE_REQUIREMENTS BOOTLOADER_ONLY ROLLBACK_RESISTANCE ? EARLY_BOOT_ONLY"},
-    {400,
-     "ACTIVE_DATETIME ORIGINATION_EXPIRE_DATETIME USAGE_EXPIRE_DATETIME MIN_SECONDS_BETWEEN_OPS "
-     "MAX_USES_PER_BOOT"},
-    {500,
-     "ALL_USERS USER_ID USER_SECURE_ID NO_AUTH_REQUIRED USER_AUTH_TYPE AUTH_TIMEOUT "
-     "ALLOW_WHILE_ON_BODY TRUSTED_USER_PRESENCE_REQUIRED TRUSTED_CONFIRMATION_REQUIRED "
-     "UNLOCKED_DEVICE_REQUIRED"},
-    {600, "ALL_APPLICATIONS APPLICATION_ID EXPORTABLE"},
-    {700,
-     "APPLICATION_DATA CREATION_DATETIME ORIGIN ROLLBACK_RESISTANT ROOT_OF_TRUST OS_VERSION "
-     "OS_PATCHLEVEL UNIQUE_ID ATTESTATION_CHALLENGE ATTESTATION_APPLICATION_ID "
-     "ATTESTATION_ID_BRAND ATTESTATION_ID_DEVICE ATTESTATION_ID_PRODUCT ATTESTATION_ID_SERIAL "
-     "ATTESTATION_ID_IMEI ATTESTATION_ID_MEID ATTESTATION_ID_MANUFACTURER ATTESTATION_ID_MODEL "
-     "VENDOR_PATCHLEVEL BOOT_PATCHLEVEL DEVICE_UNIQUE_ATTESTATION IDENTITY_CREDENTIAL_KEY "
-     "STORAGE_KEY"},
-    {1000,
-     "ASSOCIATED_DATA NONCE AUTH_TOKEN MAC_LENGTH RESET_SINCE_ID_ROTATION CONFIRMATION_TOKEN"}};
-
 // NameOfTag returns a tag's name, "?" when there is none, and its number.
 std::string NameOfTag(uint32_t tag) {
-  const uint32_t number = tag & 0x0FFFFFFF;
+  constexpr char kPrefix[] = "KM_TAG_";
+  constexpr size_t kLength = sizeof(kPrefix) - 1;
   std::string name = "?";
-  for (const auto& group : kTags) {
-    std::istringstream names(group.names);
-    std::string candidate;
-    for (uint32_t i = group.first; names >> candidate; ++i) {
-      if (i == number) name = candidate;
-    }
+  for (const ConstantName& constant : kConstantNames) {
+    const bool is_tag = std::strncmp(constant.name, kPrefix, kLength) == 0;
+    if (is_tag && constant.value == tag) name = constant.name + kLength;
   }
   char text[16];
   (void)snprintf(text, sizeof(text), " (0x%08x)", tag);

@@ -1,6 +1,8 @@
 #include "tools/keymasterctl/names.h"
 
+#include <constant_names.h>
 #include <ctype.h>
+#include <string.h>
 
 #include <algorithm>
 #include <map>
@@ -9,6 +11,11 @@
 #include "tools/keymasterctl/errors.h"
 
 namespace {
+
+struct Named {
+  std::string name;
+  uint32_t value;
+};
 
 // Constants and their names, which come as one text with commas between.
 std::vector<Named> Name(const std::vector<int64_t>& values, const std::string& names) {
@@ -25,9 +32,9 @@ std::vector<Named> Name(const std::vector<int64_t>& values, const std::string& n
 // The constants whose names begin so.
 std::vector<Named> Beginning(const std::string& prefix) {
   std::vector<Named> out;
-  std::copy_if(
-      Constants().begin(), Constants().end(), std::back_inserter(out),
-      [&prefix](const Named& one) { return one.name.compare(0, prefix.size(), prefix) == 0; });
+  for (const auto& [name, value] : kConstantNames) {
+    if (strncmp(name, prefix.c_str(), prefix.size()) == 0) out.push_back({name, value});
+  }
   return out;
 }
 

@@ -13,13 +13,6 @@
 // "pkcs1" as a padding: the signing or the encryption one, as the use says.
 constexpr uint32_t kPadPkcs1ByUse = 0x10000;
 
-struct Named {
-  std::string name;
-  uint32_t value;
-};
-// Constants returns every tag and result of keymaster_defs.h under its own name.
-const std::vector<Named>& Constants();
-
 // TagName returns the tag's name, such as "key-size".
 std::string TagName(keymaster_tag_t tag);
 // TagByName finds a tag by its name; throws a Failure for an unknown one.
