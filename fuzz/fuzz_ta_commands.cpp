@@ -1,6 +1,6 @@
-// The software TA behind its entry points: commands with made-up parameters, which may use keys of
-// a pool, what earlier commands replied, and the handles of operations that run. What the TA takes
-// from its system is the same in each run.
+// The software TA behind its entry points: commands with made-up parameters, which may use the
+// keys of fuzz/keys, what earlier commands replied, and the handles of operations that run. What
+// the TA takes from its system is the same in each run.
 //
 // The input: command after command. A command is its number, a byte (1: its parameter types follow,
 // else they are its usual ones) and its parameters: a value is two numbers, a reference is a source
@@ -80,30 +80,6 @@ struct Slot {
 
 namespace fs = std::filesystem;
 
-// The TA on a state folder of its own, configured, with a pool of keys, and what an input's
-// commands left.
-struct World {
-  World();
-  ~World() { fs::remove_all(folder); }
-  void OpenSession();
-  void Configure();
-  void AddKey(const Params& description);
-  // Restore ends the operations that run and takes back what was stored.
-  void Restore();
-  // Invoke sends a command, and keeps its replies and its handle.
-  TEEC_Result Invoke(uint32_t command, uint32_t types, Slot (&slots)[4]);
-  // HandleBytes returns the handle of an operation of this input; zeros before there is any.
-  Bytes HandleBytes(size_t index) const {
-    return test::Le64(handles.empty() ? 0 : handles[index % handles.size()]);
-  }
-
-  fs::path folder;
-  void* session = nullptr;
-  std::vector<Bytes> pool, replies;
-  std::vector<uint64_t> handles;
-  bool changed_device = false;
-};
-
 // UsualTypes returns the parameter types that the library gives a command; 0 for no command's
 // number.
 uint32_t UsualTypes(uint32_t command) {
@@ -111,140 +87,101 @@ uint32_t UsualTypes(uint32_t command) {
   return found == nullptr ? 0 : test::TypesOf(*found);
 }
 
-TEEC_Result World::Invoke(uint32_t command, uint32_t types, Slot (&slots)[4]) {
-  TaParam params[4];
-  for (int i = 0; i < 4; ++i) {
-    Bytes& bytes = slots[i].bytes;
-    bytes.shrink_to_fit();
-    params[i] = {bytes.empty() ? nullptr : bytes.data(), static_cast<uint32_t>(bytes.size()),
-                 slots[i].a, slots[i].b};
-  }
-  changed_device |= command == kCmdConfigure || command == kCmdEarlyBootEnded ||
-                    command == kCmdDeviceLocked || command == kCmdComputeSharedHmac;
-  const TEEC_Result result = kKeymasterTrustedApp.invoke(session, command, types, params);
-  if (result != TEEC_SUCCESS) return result;
-  for (unsigned i = 0; i < 4; ++i) {
-    if (TEEC_PARAM_TYPE_GET(types, i) >= TEEC_MEMREF_TEMP_OUTPUT) {
-      Check(params[i].size <= slots[i].bytes.size(), "a reply fits its reference");
-      slots[i].bytes.resize(params[i].size);
-      replies.push_back(slots[i].bytes);
-    }
-  }
-  if (command == kCmdBegin) handles.push_back(params[3].a | uint64_t{params[3].b} << 32);
-  return result;
-}
-
-void World::Configure() {
-  Slot slots[4];
-  slots[0].a = 110000;
-  slots[0].b = 202101;
-  Check(Invoke(kCmdConfigure, UsualTypes(kCmdConfigure), slots) == TEEC_SUCCESS, "a configuration");
-}
-
-void World::AddKey(const Params& description) {
-  Slot slots[4];
-  slots[0].bytes = test::TwoLists({}, description);
-  slots[2].bytes.resize(kReplyCapacity);
-  slots[3].bytes.resize(kReplyCapacity);
-  Check(Invoke(kCmdGenerateKey, UsualTypes(kCmdGenerateKey), slots) == TEEC_SUCCESS, "a pool key");
-  pool.push_back(slots[2].bytes);
-}
-
-Params Each(keymaster_tag_t tag, std::initializer_list<uint64_t> values) {
-  Params params;
-  for (const uint64_t value : values) {
-    params.emplace_back(tag, value);
-  }
-  return params;
-}
-
-// The keys of the pool: all that an algorithm can do for anybody, then keys that ask for a user,
-// limit their uses, or hang on the device's state.
-std::vector<Params> PoolKeys() {
-  using test::Param;
-  const Param anybody(KM_TAG_NO_AUTH_REQUIRED, 1), user(KM_TAG_USER_SECURE_ID, 7);
-  const Params signer = Each(KM_TAG_PURPOSE, {KM_PURPOSE_SIGN, KM_PURPOSE_VERIFY}) +
-                        Param(KM_TAG_DIGEST, KM_DIGEST_SHA_2_256);
-  const Params more_digests = Each(KM_TAG_DIGEST, {KM_DIGEST_NONE, KM_DIGEST_SHA1});
-  const Params cipher = Each(KM_TAG_PURPOSE, {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT}) +
-                        Each(KM_TAG_BLOCK_MODE, {KM_MODE_ECB, KM_MODE_CBC}) +
-                        Each(KM_TAG_PADDING, {KM_PAD_NONE, KM_PAD_PKCS7}) +
-                        Param(KM_TAG_CALLER_NONCE, 1);
-  const Params aes = cipher + Each(KM_TAG_BLOCK_MODE, {KM_MODE_CTR, KM_MODE_GCM}) +
-                     Params{{KM_TAG_ALGORITHM, KM_ALGORITHM_AES},
-                            {KM_TAG_KEY_SIZE, 128},
-                            {KM_TAG_MIN_MAC_LENGTH, 96}};
-  const Params des =
-      cipher + Params{{KM_TAG_ALGORITHM, KM_ALGORITHM_TRIPLE_DES}, {KM_TAG_KEY_SIZE, 168}};
-  const Params hmac = signer + Params{{KM_TAG_ALGORITHM, KM_ALGORITHM_HMAC},
-                                      {KM_TAG_KEY_SIZE, 128},
-                                      {KM_TAG_MIN_MAC_LENGTH, 64}};
-  const Params ec =
-      signer + more_digests + Params{{KM_TAG_ALGORITHM, KM_ALGORITHM_EC}, {KM_TAG_KEY_SIZE, 256}};
-  const Params rsa =
-      signer + more_digests +
-      Each(KM_TAG_PURPOSE, {KM_PURPOSE_ENCRYPT, KM_PURPOSE_DECRYPT, KM_PURPOSE_WRAP_KEY}) +
-      Each(KM_TAG_PADDING, {KM_PAD_NONE, KM_PAD_RSA_OAEP, KM_PAD_RSA_PSS,
-                            KM_PAD_RSA_PKCS1_1_5_ENCRYPT, KM_PAD_RSA_PKCS1_1_5_SIGN}) +
-      Params{{KM_TAG_ALGORITHM, KM_ALGORITHM_RSA},
-             {KM_TAG_KEY_SIZE, 1024},
-             {KM_TAG_RSA_PUBLIC_EXPONENT, 65537}};
-  return {
-      aes + anybody,
-      des + anybody,
-      hmac + anybody,
-      ec + anybody,
-      rsa + anybody,
-      hmac + user + Param(KM_TAG_USER_AUTH_TYPE, HW_AUTH_PASSWORD | HW_AUTH_FINGERPRINT),
-      aes + user + Params{{KM_TAG_USER_AUTH_TYPE, HW_AUTH_PASSWORD}, {KM_TAG_AUTH_TIMEOUT, 1000}},
-      hmac + anybody + Params{{KM_TAG_MAX_USES_PER_BOOT, 1}, {KM_TAG_UNLOCKED_DEVICE_REQUIRED, 1}},
-  };
-}
-
-// The key of every device that the seeds come from, so that the key blobs among them open.
+// The key of every device that the seeds and the keys come from, so that key blobs open.
 constexpr char kDeviceKey[] = "the device key of the fuzz seeds";
 
-void World::OpenSession() {
-  Check(kKeymasterTrustedApp.open_session(kKeymasterLoginMethod, 0, nullptr, &session) ==
-            TEEC_SUCCESS,
-        "a session");
-}
-
-World::World() {
-  std::string name = fs::exists("/dev/shm") ? "/dev/shm/fuzz-ta-XXXXXX" : "/tmp/fuzz-ta-XXXXXX";
-  Check(mkdtemp(name.data()) != nullptr, "a state folder");
-  folder = name;
-  setenv("KEYMASTER_TA_STATE", folder.c_str(), 1);
-  std::ofstream(folder / "device_key") << kDeviceKey;
-  OpenSession();
-  Configure();
-  for (const Params& description : PoolKeys()) {
-    AddKey(description);
-  }
-  Restore();
-}
-
-void World::Restore() {
-  for (size_t i = 0; i < handles.size(); ++i) {
-    Slot slots[4];
-    slots[0].bytes = HandleBytes(i);
-    Invoke(kCmdAbort, UsualTypes(kCmdAbort), slots);
-  }
-  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
-    const std::string name = entry.path().filename();
-    for (const char* record : {"deleted_", "usage_", "boot_state", "hmac_sharing_seed"}) {
-      if (name.rfind(record, 0) == 0) fs::remove(entry);
+// The TA on a state folder of its own, configured, with the keys of fuzz/keys, and what an input's
+// commands left.
+struct World {
+  World() {
+    std::string name = fs::exists("/dev/shm") ? "/dev/shm/fuzz-ta-XXXXXX" : "/tmp/fuzz-ta-XXXXXX";
+    Check(mkdtemp(name.data()) != nullptr, "a state folder");
+    folder = name;
+    setenv("KEYMASTER_TA_STATE", folder.c_str(), 1);
+    std::ofstream(folder / "device_key") << kDeviceKey;
+    for (const fs::directory_entry& entry : fs::directory_iterator(KEYS)) {
+      std::ifstream file(entry.path());
+      keys[entry.path()].assign(std::istreambuf_iterator<char>(file), {});
     }
+    Check(!keys.empty(), "keys");
+    OpenSession();
+    Configure();
   }
-  if (changed_device) Configure();
-  // With the session goes its last error.
-  kKeymasterTrustedApp.close_session(session);
-  OpenSession();
-  handles.clear();
-  replies.clear();
-  changed_device = false;
-  g_random = 0;
-}
+  ~World() { fs::remove_all(folder); }
+
+  void OpenSession() {
+    Check(kKeymasterTrustedApp.open_session(kKeymasterLoginMethod, 0, nullptr, &session) ==
+              TEEC_SUCCESS,
+          "a session");
+  }
+
+  void Configure() {
+    Slot slots[4];
+    slots[0].a = 110000;
+    slots[0].b = 202101;
+    Check(Invoke(kCmdConfigure, UsualTypes(kCmdConfigure), slots) == TEEC_SUCCESS,
+          "a configuration");
+  }
+
+  // Invoke sends a command, and keeps its replies and its handle.
+  TEEC_Result Invoke(uint32_t command, uint32_t types, Slot (&slots)[4]) {
+    TaParam params[4];
+    for (int i = 0; i < 4; ++i) {
+      Bytes& bytes = slots[i].bytes;
+      bytes.shrink_to_fit();
+      params[i] = {bytes.empty() ? nullptr : bytes.data(), static_cast<uint32_t>(bytes.size()),
+                   slots[i].a, slots[i].b};
+    }
+    changed_device |= command == kCmdConfigure || command == kCmdEarlyBootEnded ||
+                      command == kCmdDeviceLocked || command == kCmdComputeSharedHmac;
+    const TEEC_Result result = kKeymasterTrustedApp.invoke(session, command, types, params);
+    if (result != TEEC_SUCCESS) return result;
+    for (unsigned i = 0; i < 4; ++i) {
+      if (TEEC_PARAM_TYPE_GET(types, i) >= TEEC_MEMREF_TEMP_OUTPUT) {
+        Check(params[i].size <= slots[i].bytes.size(), "a reply fits its reference");
+        slots[i].bytes.resize(params[i].size);
+        replies.push_back(slots[i].bytes);
+      }
+    }
+    if (command == kCmdBegin) handles.push_back(params[3].a | uint64_t{params[3].b} << 32);
+    return result;
+  }
+
+  // HandleBytes returns the handle of an operation of this input; zeros before there is any.
+  Bytes HandleBytes(size_t index) const {
+    return test::Le64(handles.empty() ? 0 : handles[index % handles.size()]);
+  }
+
+  // Restore ends the operations that run and takes back what was stored.
+  void Restore() {
+    for (size_t i = 0; i < handles.size(); ++i) {
+      Slot slots[4];
+      slots[0].bytes = HandleBytes(i);
+      Invoke(kCmdAbort, UsualTypes(kCmdAbort), slots);
+    }
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+      const std::string name = entry.path().filename();
+      for (const char* record : {"deleted_", "usage_", "boot_state", "hmac_sharing_seed"}) {
+        if (name.rfind(record, 0) == 0) fs::remove(entry);
+      }
+    }
+    if (changed_device) Configure();
+    // With the session goes its last error.
+    kKeymasterTrustedApp.close_session(session);
+    OpenSession();
+    handles.clear();
+    replies.clear();
+    changed_device = false;
+    g_random = 0;
+  }
+
+  fs::path folder;
+  void* session = nullptr;
+  std::map<std::string, Bytes> keys;
+  std::vector<Bytes> replies;
+  std::vector<uint64_t> handles;
+  bool changed_device = false;
+};
 
 // ---- How an input is read
 
@@ -276,7 +213,8 @@ Bytes ReadBytes(const World& world, Input* input) {
   const std::vector<Bytes>& replies = world.replies;
   switch (input->U8()) {
     case 1:
-      return world.pool[input->U8() % world.pool.size()];
+      return std::next(world.keys.begin(), input->U8() % static_cast<int>(world.keys.size()))
+          ->second;
     case 2: {
       const uint8_t index = input->U8();
       return replies.empty() ? Bytes() : replies[index % replies.size()];
