@@ -114,10 +114,8 @@ TEST_F(RequestTest, UpgradeThatIsNotNeededLeavesTheOutput) {
 
 // ---- Attestation
 
-using Attest = RequestTest;
-
 // One of the replies fills its buffer.
-TEST_F(Attest, ReturnsTheCertificatesInOrder) {
+TEST_F(RequestTest, AttestReturnsTheCertificatesInOrder) {
   for (const Parts& sent : {Parts{{1, 2, 3}, {4, 5, 6, 7, 8}}, {Ramp(0, 8170), {1}}, {{1}, {2}}}) {
     EXPECT_EQ(0, MakeOf("AttestKey", Cat({CertificateChain(sent), Ramp(1, 9)})))
         << "bytes behind the end";
@@ -130,7 +128,7 @@ TEST_F(Attest, ReturnsTheCertificatesInOrder) {
   EXPECT_EQ(0, MakeOf("AttestKey", CertificateChain({{1}, {2}})));
 }
 
-TEST_F(Attest, RejectsAChainThatDoesNotHoldItsCertificates) {
+TEST_F(RequestTest, AttestRejectsAChainThatDoesNotHoldItsCertificates) {
   const Bytes kBad[] = {
       CertificateChain({{1}}), CertificateChain({{1, 2, 3}, {}}), CertificateChain({{}, {4}}),
       Cat({Le32(0x10000000), Le32(1), {1}, Le32(1), {2}}), Cat({Le32(2), Le32(~0u), Bytes(2)})};
@@ -142,9 +140,7 @@ TEST_F(Attest, RejectsAChainThatDoesNotHoldItsCertificates) {
 
 // ---- Export: numbers of the TA become a DER encoding
 
-using Export = RequestTest;
-
-TEST_F(Export, EncodesRsaKeys) {
+TEST_F(RequestTest, ExportEncodesRsaKeys) {
   const Pkey rsa = NewRsaKey(2048);
   auto numbers = NumbersOf(rsa.get());
   const Bytes n = numbers["n"], e = numbers["e"];
@@ -155,7 +151,7 @@ TEST_F(Export, EncodesRsaKeys) {
   }
 }
 
-TEST_F(Export, EncodesEcKeysOfTheCurvesThatLibcryptoHas) {
+TEST_F(RequestTest, ExportEncodesEcKeysOfTheCurvesThatLibcryptoHas) {
   const std::pair<int, uint32_t> kCurves[] = {{709, 160}, {711, 192}, {713, 224},
                                               {415, 256}, {715, 384}, {716, 521}};
   for (const auto& [nid, bits] : kCurves) {
@@ -169,7 +165,7 @@ TEST_F(Export, EncodesEcKeysOfTheCurvesThatLibcryptoHas) {
 }
 
 // Truncated ones and others: the sweep.
-TEST_F(Export, RejectsLengthsThatAreNotTheReplys) {
+TEST_F(RequestTest, ExportRejectsLengthsThatAreNotTheReplys) {
   const Bytes x = Ramp(1, 32), good = PublicKey(KM_ALGORITHM_RSA, 2048, x, {1, 0, 1}),
               wrapping = Cat({Le32(1), Le32(0), Le32(~0u), Le32(5), Bytes(4)});
   for (const Bytes& reply : {Bytes(good.begin(), good.end() - 1), Cat({good, {0}}), wrapping}) {
@@ -180,9 +176,7 @@ TEST_F(Export, RejectsLengthsThatAreNotTheReplys) {
 
 // ---- The import of wrapped keys, command by command
 
-using WrappedImport = RequestTest;
-
-TEST_F(WrappedImport, SendsSevenCommands) {
+TEST_F(RequestTest, WrappedImportSendsSevenCommands) {
   platform().Queue(kCmdBegin, Reply::Ok().Value(3, 1, 0));
   platform().Queue(kCmdBegin, Reply::Ok().Value(3, 2, 0));
   platform().Queue(kCmdImportKey, Reply::Ok().Out(2, Text("transit")));
@@ -217,7 +211,7 @@ TEST_F(WrappedImport, SendsSevenCommands) {
   }
 }
 
-TEST_F(WrappedImport, NeedsAKeyThatMayWrap) {
+TEST_F(RequestTest, WrappedImportNeedsAKeyThatMayWrap) {
   const Param wrap(KM_TAG_PURPOSE, 5), decrypt(KM_TAG_PURPOSE, 1), other(KM_TAG_ALGORITHM, 5);
   EXPECT_EQ(0, MakeOf("ImportWrappedKey", TwoLists({}, {other, decrypt, wrap})));
   EXPECT_EQ(KM_ERROR_INCOMPATIBLE_PURPOSE,
@@ -225,7 +219,7 @@ TEST_F(WrappedImport, NeedsAKeyThatMayWrap) {
   EXPECT_EQ(CommandIds{kCmdGetKeyCharacteristics}, Commands());
 }
 
-TEST_F(WrappedImport, PrefersTheCallersUnwrappingParameters) {
+TEST_F(RequestTest, WrappedImportPrefersTheCallersUnwrappingParameters) {
   const ParamSet own({{KM_TAG_DIGEST, KM_DIGEST_SHA_2_256}});
   EXPECT_EQ(0, Make("ImportWrappedKey", [&](Args* args) { args->unwrapping_params = own.get(); }));
   EXPECT_EQ(TwoLists({{KM_TAG_DIGEST, 4}}, {}), Sent(1)[1]);
@@ -233,7 +227,7 @@ TEST_F(WrappedImport, PrefersTheCallersUnwrappingParameters) {
   EXPECT_EQ(6, Sent(1)[1][0]) << "the count of its own";
 }
 
-TEST_F(WrappedImport, NeedsAMaskAsLongAsTheTransitKey) {
+TEST_F(RequestTest, WrappedImportNeedsAMaskAsLongAsTheTransitKey) {
   const Bytes longer(33);
   const keymaster_key_blob_t mask = KeyBlob(longer), none = {nullptr, 0};
   EXPECT_EQ(kBadArgument, Make("ImportWrappedKey", [&](Args* args) { args->mask = &mask; }));
@@ -242,7 +236,7 @@ TEST_F(WrappedImport, NeedsAMaskAsLongAsTheTransitKey) {
       << "nothing to unmask";
 }
 
-TEST_F(WrappedImport, UnwrappingNeedsPlacesForListAndFormat) {
+TEST_F(RequestTest, UnwrappingNeedsPlacesForListAndFormat) {
   keymaster::TKeymasterBlob<keymaster_key_blob_t> wrapped;
   keymaster::AuthorizationSet list;
   keymaster_key_format_t format;

@@ -62,8 +62,6 @@ const Row kRows[] = {
     {"ExportEc", {Text("an EC key"), kBoth}},
     {"GetKeyCharacteristics", {kKey, kBoth}},
     {"GetKeyCharacteristics", {kKey, kAppOnly}, NoClient},
-    {"GetKeyCharacteristics", {kKey}, NoClientNorData},
-    {"GetKeyCharacteristics", {kKey, kEmptyId}, EmptyClient},
     {"UpgradeKey", {kKey, kOperation}},
     {"Deletekey", {kKey}},
     {"AttestKey", {kKey, kOperation}, nullptr, {}, 8192},

@@ -30,17 +30,14 @@ Bytes Built(int32_t result, Build build) {
 
 // What of either is there: the requests' tests.
 TEST_F(Inputs, FinishRejectsLengthsThatWrapAndAllocatesAllOthers) {
-  const struct {
-    uint64_t input, signature;
-    int32_t result;
-  } kRows[] = {{kFourGiB, 0, -EINVAL},   {0, kFourGiB, -EINVAL},   {0xFFFFFFF6, 0, -EINVAL},
-               {0, 0xFFFFFFF6, -EINVAL}, {0xFFFFFFF5, 1, -EINVAL}, {1, 0xFFFFFFF5, -EINVAL},
-               {0xFFFFFFF5, 0, -ENOMEM}, {0, 0xFFFFFFF5, -ENOMEM}};
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
-    const keymaster_blob_t input{&kByte, row.input}, signature{&kByte, row.signature};
-    Built(row.result, [&](auto* built) { return BuildFinalInput(&input, &signature, built); });
-    EXPECT_EQ(row.result == -ENOMEM ? 1u : 0u, Log().size());
+  const std::tuple<uint64_t, uint64_t, int32_t> kRows[] = {
+      {kFourGiB, 0, -EINVAL},   {0, kFourGiB, -EINVAL},   {0xFFFFFFF6, 0, -EINVAL},
+      {0, 0xFFFFFFF6, -EINVAL}, {0xFFFFFFF5, 1, -EINVAL}, {1, 0xFFFFFFF5, -EINVAL},
+      {0xFFFFFFF5, 0, -ENOMEM}, {0, 0xFFFFFFF5, -ENOMEM}};
+  for (const auto& [input_length, signature_length, result] : kRows) {
+    const keymaster_blob_t input{&kByte, input_length}, signature{&kByte, signature_length};
+    Built(result, [&](auto* built) { return BuildFinalInput(&input, &signature, built); });
+    EXPECT_EQ(result == -ENOMEM ? 1u : 0u, Log().size()) << input_length << signature_length;
   }
   const keymaster_blob_t no_data{nullptr, 5};
   EXPECT_EQ((Bytes{0, 0, 0, 0, 0, 1, 0, 0, 0, 0}),

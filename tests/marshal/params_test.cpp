@@ -188,28 +188,26 @@ TEST_F(Serialise, RejectsSizesThatWrap) {
 
 TEST_F(Serialise, RejectsByteValuesThatDoNotFit) {
   uint8_t byte = 0;
-  const struct {
-    uint64_t stored, length;  // bytes already in the store, and of the value
-    int32_t result;
-    const uint8_t* data;
-  } kRows[] = {{0xFFFFFFFF, 1, -22, &byte}, {0xFFFFFFF0, 0x20, -22, &byte},
-               {1, 0xFFFFFFFF, -22, &byte}, {0, 1ul << 32, -22, &byte},
-               {1, 1ul << 32, -12, &byte},  {0, (1ul << 32) + 1, -12, &byte},
-               {0, 0xFFFFFFFF, -12, &byte}, {0, 3, -12, nullptr}};
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
+  // Bytes already in the store, and of the value; the result, and the value's bytes.
+  const std::tuple<uint64_t, uint64_t, int32_t, const uint8_t*> kRows[] = {
+      {0xFFFFFFFF, 1, -22, &byte}, {0xFFFFFFF0, 0x20, -22, &byte},
+      {1, 0xFFFFFFFF, -22, &byte}, {0, 1ul << 32, -22, &byte},
+      {1, 1ul << 32, -12, &byte},  {0, (1ul << 32) + 1, -12, &byte},
+      {0, 0xFFFFFFFF, -12, &byte}, {0, 3, -12, nullptr}};
+  for (const auto& [stored, length, result, data] : kRows) {
+    SCOPED_TRACE(std::to_string(stored) + " " + std::to_string(length));
     Record record;
-    uint8_t* const store = row.stored == 0 ? nullptr : &byte;
-    record.data_len = static_cast<uint32_t>(row.stored);
+    uint8_t* const store = stored == 0 ? nullptr : &byte;
+    record.data_len = static_cast<uint32_t>(stored);
     record.data = store;
     keymaster_key_param_t params[2]{};
     params[0].tag = params[1].tag = KM_TAG_APPLICATION_ID;
-    params[0].blob = {row.data, row.length};
-    EXPECT_EQ(row.result, AddKmParams(&record, params));
-    EXPECT_TRUE(record.len == 0 && record.data_len == row.stored && record.data == store);
+    params[0].blob = {data, length};
+    EXPECT_EQ(result, AddKmParams(&record, params));
+    EXPECT_TRUE(record.len == 0 && record.data_len == stored && record.data == store);
     record.data = nullptr;
     // The same in one set, where every such failure is the same.
-    params[1].blob = {row.data, row.stored};
+    params[1].blob = {data, stored};
     const keymaster_key_param_set_t set{params, 2};
     Build(&set, -12);
   }
@@ -304,24 +302,22 @@ TEST_F(Decode, RejectsCountsThatTheReplyCannotHoldBeforeItAllocates) {
 
 TEST_F(Decode, RejectsBytesOutsideTheBlobArea) {
   const Bytes other = WireList({BytesEntry(KM_TAG_NONCE, 0, 2)}), area = Ramp(1, 8);
-  const struct {
-    uint32_t offset, length;
-    bool fits;
-  } kRows[] = {{0, 8, true},           {7, 1, true},           {8, 0, true},
-               {0xFFFFFFFF, 0, true},  {1, 8, false},          {0, 9, false},
-               {8, 1, false},          {9, 1, false},          {0xFFFFFFFF, 1, false},
-               {0xFFFFFFFF, 2, false}, {1, 0xFFFFFFFF, false}, {0x80000000, 0x80000000, false}};
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(std::to_string(row.offset) + " " + std::to_string(row.length));
+  const std::tuple<uint32_t, uint32_t, bool> kRows[] = {
+      {0, 8, true},           {7, 1, true},           {8, 0, true},
+      {0xFFFFFFFF, 0, true},  {1, 8, false},          {0, 9, false},
+      {8, 1, false},          {9, 1, false},          {0xFFFFFFFF, 1, false},
+      {0xFFFFFFFF, 2, false}, {1, 0xFFFFFFFF, false}, {0x80000000, 0x80000000, false}};
+  for (const auto& [offset, length, fits] : kRows) {
+    SCOPED_TRACE(std::to_string(offset) + " " + std::to_string(length));
     for (const uint32_t tag : {0x80000001u, 0x90000001u}) {
       const Bytes list =
-          WireList({BytesEntry(KM_TAG_NONCE, 0, 2), BytesEntry(tag, row.offset, row.length)});
+          WireList({BytesEntry(KM_TAG_NONCE, 0, 2), BytesEntry(tag, offset, length)});
       ParamSet params({{KM_TAG_NONCE, Ramp(1, 2)}});
-      if (row.fits) params.Add({tag, Ramp(static_cast<uint8_t>(row.offset + 1), row.length)});
+      if (fits) params.Add({tag, Ramp(static_cast<uint8_t>(offset + 1), length)});
       const std::string text = Describe(*params.get()), first = "900003e9:0102";
-      EXPECT_EQ(row.fits ? text + " | " : kNoMemory, Decoded(1, Cat({list, area})));
-      EXPECT_EQ(row.fits ? text + " | " + first : kNoMemory, Decoded(2, Cat({list, other, area})));
-      EXPECT_EQ(row.fits ? first + " | " + text : kNoMemory, Decoded(2, Cat({other, list, area})));
+      EXPECT_EQ(fits ? text + " | " : kNoMemory, Decoded(1, Cat({list, area})));
+      EXPECT_EQ(fits ? text + " | " + first : kNoMemory, Decoded(2, Cat({list, other, area})));
+      EXPECT_EQ(fits ? first + " | " + text : kNoMemory, Decoded(2, Cat({other, list, area})));
     }
   }
 }
