@@ -24,10 +24,6 @@ constexpr int32_t kNullPointer = KM_ERROR_UNEXPECTED_NULL_POINTER,
                   kNoMemory = KM_ERROR_MEMORY_ALLOCATION_FAILED,
                   kBadArgument = KM_ERROR_INVALID_ARGUMENT, kUnknown = KM_ERROR_UNKNOWN_ERROR;
 
-// What says that it holds something and does not.
-constexpr keymaster_blob_t kHollowBlob = {nullptr, 32};
-constexpr keymaster_key_param_set_t kHollowSet = {nullptr, 1};
-
 class RequestTest : public KeymasterTest {
  protected:
   // The TA answers well.

@@ -20,11 +20,10 @@ const Bytes kKey = BlobBytes(fixture().blob.key), kInput = BlobBytes(fixture().i
                            {{KM_TAG_APPLICATION_ID, kSecret}}),
             kOperation =
                 TwoLists({}, {{KM_TAG_NONCE, Ramp(9, 12)}, {KM_TAG_ASSOCIATED_DATA, kSecret}});
-const Param kClient(KM_TAG_APPLICATION_ID, kSecret), kApp(KM_TAG_APPLICATION_DATA, kSecret),
-    kNoId(KM_TAG_APPLICATION_ID, Bytes());
+const Param kClient(KM_TAG_APPLICATION_ID, kSecret), kApp(KM_TAG_APPLICATION_DATA, kSecret);
 const Bytes kBoth = TwoLists({}, {kClient, kApp}), kAppOnly = TwoLists({}, {kApp}),
-            kEmptyId = TwoLists({}, {kNoId, kApp});
-constexpr keymaster_blob_t kEmptyBlob = {nullptr, 0};
+            kEmptyId = TwoLists({}, {{KM_TAG_APPLICATION_ID, Bytes()}, kApp});
+constexpr keymaster_blob_t kEmptyBlob = {nullptr, 0}, kHollowBlob = {nullptr, 32};
 constexpr int64_t kOs = KM_TAG_OS_VERSION, kPatch = KM_TAG_OS_PATCHLEVEL;
 
 Bytes Versions(uint32_t os, uint32_t patch) { return Cat({Le32(os), Le32(patch)}); }
