@@ -11,8 +11,9 @@ says() {
   shift 2
   ok km characteristics --json --key "$key" "$@"
   python3 -c 'import json, sys
-hw = json.load(open("out"))["hardware_enforced"]
-assert eval(f"({sys.argv[1]})"), hw' "$expression" 2>judged || fail "$key: $(tail -n 1 judged)"
+o = json.load(open("out"))
+hw, sw = o["hardware_enforced"], o["software_enforced"]
+assert eval(f"({sys.argv[1]})"), o' "$expression" 2>judged || fail "$key: $(tail -n 1 judged)"
 }
 
 # Every kind of private key in every encoding that openssl writes comes back as its public half.
@@ -40,6 +41,24 @@ judge '(3072 bit)' openssl pkey -pubin -in public.pem -noout -text
 says 'hw["origin"] == "generated" and hw["key_size"] == 3072' k.blob
 ok km generate --algorithm aes --key aes.blob
 refuse 'KM_ERROR_UNSUPPORTED_KEY_FORMAT (-17)' km export --key aes.blob
+
+# What a description may say of a key is kept, in the list of who enforces it.
+ok km generate --algorithm ec --rollback-resistant --early-boot --unlocked-device --min-seconds 1 \
+  --max-uses 9 --valid-from 2020-01-01 --valid-until 2100-01-01 --use-until 2100-01-01 --auth-sid 42 \
+  --auth-timeout 9 --param padding=none --param block-mode=gcm --param min-mac-length=128 \
+  --param caller-nonce=yes --param rsa-public-exponent=3 --param include-unique-id=yes \
+  --param blob-usage-requirements=standalone --param bootloader-only=yes --param storage-key=yes \
+  --param identity-credential-key=yes --param trusted-user-presence-required=yes \
+  --param trusted-confirmation-required=yes --param user-id=5 --param all-users=yes \
+  --param allow-while-on-body=yes --param all-applications=yes --param exportable=yes --key all.blob
+says 'set(sw) == {"active_datetime", "origination_expire_datetime", "usage_expire_datetime",
+  "creation_datetime", "user_id", "all_users", "allow_while_on_body", "all_applications", "exportable"}
+  and set(hw) == {"algorithm", "key_size", "ec_curve", "origin", "os_version", "os_patchlevel", "purpose",
+  "digest", "padding", "block_mode", "min_mac_length", "caller_nonce", "rsa_public_exponent",
+  "include_unique_id", "blob_usage_requirements", "bootloader_only", "rollback_resistance",
+  "early_boot_only", "unlocked_device_required", "min_seconds_between_ops", "max_uses_per_boot",
+  "user_secure_id", "user_auth_type", "auth_timeout", "trusted_user_presence_required",
+  "trusted_confirmation_required", "identity_credential_key", "storage_key"}' all.blob
 
 # The owner of a key has to be told, and is not told on.
 ok km generate --force --algorithm ec --curve p384 --app-id me --app-data 0x00ff --purpose sign,verify \
