@@ -7,9 +7,10 @@
 
 namespace test {
 
-// kMalloc counts only what libkeymaster41_ts.so allocates; a failing TEEC call (kInitContext,
-// kOpenSession, kInvoke) returns kInjectedTeeError.
+// kCrypto is all calls into libcrypto that can fail, as they come; a failing TEEC call
+// (kInitContext, kOpenSession, kInvoke) returns kInjectedTeeError.
 enum class Call {
+  kCrypto,
   kMalloc,
   kMemcpyS,
   kMemsetS,
@@ -35,7 +36,7 @@ void FailCall(Call call, int nth, bool and_later = false);
 int CallCount(Call call);
 // ClearFaults lets all calls succeed and restarts all counts.
 void ClearFaults();
-// TakeFault counts a call and tells whether it is to fail. For the doubles.
+// TakeFault counts a call and tells whether it is to fail. For the doubles and hooks.
 bool TakeFault(Call call);
 
 }  // namespace test

@@ -10,6 +10,7 @@
 #include "tests/platform/bytes.h"
 #include "tests/platform/doubles.h"
 #include "tests/platform/faults.h"
+#include "tests/platform/library_hooks.h"
 
 namespace test {
 
@@ -20,6 +21,7 @@ using Lines = std::vector<std::string>;
 // ended, and every event destroyed.
 class KeymasterTest : public ::testing::Test {
  protected:
+  KeymasterTest() { HookLibrary(); }
   void SetUp() override;
   void TearDown() override;
 };

@@ -5,7 +5,6 @@
 
 #include "tests/platform/keys.h"
 #include "tests/requests/commands.h"
-#include "tests/sweep/library_hooks.h"
 
 namespace test {
 namespace {

@@ -6,7 +6,8 @@
 #include <map>
 #include <vector>
 
-#include "tests/platform/doubles.h"
+#include "tests/platform/keymaster_test.h"
+#include "tests/platform/library_hooks.h"
 #include "tests/requests/requests.h"
 
 namespace test {
@@ -31,6 +32,11 @@ struct TaScript {
 TaScript& ta();
 // InstallTa has the doubles ask this TA.
 void InstallTa();
+
+// TrackedTest has the library's blocks tracked from the first on.
+struct TrackedTest : KeymasterTest {
+  TrackedTest() { TrackBlocks(); }
+};
 
 struct Outcome {
   int32_t result;

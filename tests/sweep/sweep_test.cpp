@@ -14,7 +14,6 @@
 #include "tests/requests/contract.h"
 #include "tests/requests/wire.h"
 #include "tests/sweep/failures.h"
-#include "tests/sweep/library_hooks.h"
 #include "tests/sweep/scenario.h"
 #include "wire/little_endian.h"
 
@@ -31,36 +30,17 @@ inline void PrintTo(const Outcome& outcome, std::ostream* out) {
 
 namespace {
 
-// A call that can be made to fail.
-struct FailingCall {
-  std::string kind;
-  std::function<void(int nth, bool and_later)> fail;
-  std::function<int()> count;
-};
+// The calls that can be made to fail, in the order of Call.
+constexpr const char* kCalls[] = {"crypto",      "malloc",     "memcpy_s",  "memset_s",
+                                  "init",        "open",       "invoke",    "create_event",
+                                  "set_integer", "set_string", "set_param", "send_event"};
+static_assert(std::size(kCalls) == static_cast<size_t>(Call::kEnd));
 
 using Column = States Contract::*;
 constexpr Column kColumns[] = {&Contract::success,     &Contract::preparing,    &Contract::tee,
                                &Contract::first_reply, &Contract::second_reply, &Contract::copying};
 
-const std::vector<FailingCall>& FailingCalls() {
-  // In the order of Call.
-  static constexpr const char* kKinds[] = {"malloc",     "memcpy_s",  "memset_s",     "init",
-                                           "open",       "invoke",    "create_event", "set_integer",
-                                           "set_string", "set_param", "send_event"};
-  static_assert(std::size(kKinds) == static_cast<size_t>(Call::kEnd));
-  static const std::vector<FailingCall> calls = [] {
-    std::vector<FailingCall> all = {{"crypto", FailCrypto, CryptoCount}};
-    for (size_t i = 0; i < std::size(kKinds); ++i) {
-      const Call call = static_cast<Call>(i);
-      all.push_back({kKinds[i], [call](int nth, bool and_later) { FailCall(call, nth, and_later); },
-                     [call] { return CallCount(call); }});
-    }
-    return all;
-  }();
-  return calls;
-}
-
-class Sweep : public HookedTest, public ::testing::WithParamInterface<Request> {
+class Sweep : public TrackedTest, public ::testing::WithParamInterface<Request> {
  protected:
   void SetUp() override {
     KeymasterTest::SetUp();
@@ -159,10 +139,8 @@ class Sweep : public HookedTest, public ::testing::WithParamInterface<Request> {
   // scenario stays the same. Returns how many failures it met.
   int FailEachCall(const Kinds& also) {
     int hits = 0;
-    for (size_t i = 0; i < 2 * FailingCalls().size(); ++i) {
-      const FailingCall& call = FailingCalls()[i / 2];
-      const bool and_later = i % 2 != 0;
-      for (int nth = 1; FailCallOnce(call, nth, and_later, also); ++nth) {
+    for (size_t i = 0; i < 2 * std::size(kCalls); ++i) {
+      for (int nth = 1; FailCallOnce(i / 2, nth, i % 2 != 0, also); ++nth) {
         ++hits;
         if (HasFailure()) return hits;
       }
@@ -171,15 +149,17 @@ class Sweep : public HookedTest, public ::testing::WithParamInterface<Request> {
   }
 
   // Returns false when there is no such call any more.
-  bool FailCallOnce(const FailingCall& call, int nth, bool and_later, Kinds kinds) {
-    SCOPED_TRACE(call.kind + " " + std::to_string(nth) + (and_later ? " and later" : ""));
-    call.fail(nth, and_later);
+  bool FailCallOnce(size_t which, int nth, bool and_later, Kinds kinds) {
+    const std::string kind = kCalls[which];
+    const auto call = static_cast<Call>(which);
+    SCOPED_TRACE(kind + " " + std::to_string(nth) + (and_later ? " and later" : ""));
+    FailCall(call, nth, and_later);
     const Outcome outcome = RunTidily();
-    const bool hit = call.count() >= nth;
-    kinds.insert(call.kind == "crypto" ? FailedCrypto() : call.kind);
-    call.fail(0, false);
+    const bool hit = CallCount(call) >= nth;
+    kinds.insert(call == Call::kCrypto ? FailedCrypto() : kind);
+    FailCall(call, 0);
     if (!hit) return false;
-    ++Counts()[call.kind];
+    ++Counts()[kind];
     ExpectOutcome(outcome, kinds);
     const int failing = std::exchange(ta().failing, -1);
     ExpectServesNext();
@@ -302,7 +282,7 @@ TEST_P(Sweep, EveryReplyIsCorrupted) {
 }
 
 // A TA may write more than it reports.
-TEST_F(HookedTest, UnreportedOutputIsWiped) {
+TEST_F(TrackedTest, UnreportedOutputIsWiped) {
   keymaster::KeymasterTivasContext km;
   const Bytes& secret = fixture().secrets.at("transit key");
   const Bytes input(0x80001);
@@ -323,7 +303,7 @@ TEST_F(HookedTest, UnreportedOutputIsWiped) {
 }
 
 // What stands behind a decoded list must not count.
-TEST_F(HookedTest, AKeyWithoutThePurposeDoesNotWrap) {
+TEST_F(TrackedTest, AKeyWithoutThePurposeDoesNotWrap) {
   InstallTa();
   GuardWithPurpose(true);
   ta() = TaScript();

@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "tests/platform/keymaster_test.h"
-#include "tests/sweep/library_hooks.h"
 #include "tests/sweep/scenario.h"
 
 namespace test {
@@ -14,7 +13,7 @@ namespace {
 
 constexpr size_t kThreads = 8, kRequestsPerThread = 2500;
 
-TEST_F(HookedTest, ThreadsServeMixedRequests) {
+TEST_F(TrackedTest, ThreadsServeMixedRequests) {
   InstallTa();
   std::vector<const Request*> requests, imports;
   std::map<const Request*, Outcome> expected;

@@ -1,4 +1,4 @@
-#include "tests/sweep/library_hooks.h"
+#include "tests/platform/library_hooks.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -11,10 +11,9 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <iterator>
+#include <initializer_list>
 #include <map>
 #include <mutex>
-#include <sstream>
 #include <utility>
 
 #include "tests/platform/doubles.h"
@@ -26,25 +25,52 @@ namespace {
 
 using Word = uintptr_t;
 
+using Names = std::initializer_list<const char*>;
 // The calls into libcrypto that fail with null or 0. All take at most six words and return one.
-constexpr char kCrypto[] =
-    "RSA_generate_key_ex RSA_new RSA_set0_key BN_new BN_bin2bn BN_set_word EVP_PKEY_new "
-    "EVP_PKEY_assign EVP_PKEY_assign_RSA EVP_PKEY_set1_EC_KEY EVP_PKEY_get1_RSA "
-    "EVP_PKEY_get1_EC_KEY EVP_PKCS82PKEY "
-    "EC_KEY_new_by_curve_name EC_KEY_set_public_key_affine_coordinates d2i_PKCS8_PRIV_KEY_INFO "
-    "EC_POINT_get_affine_coordinates_GFp i2d_PUBKEY "
-    "_ZN9keymaster10dup_bufferEPKvm";  // no part of it, and allocates as unseen
+constexpr Names kCrypto = {
+    "RSA_generate_key_ex",
+    "RSA_new",
+    "RSA_set0_key",
+    "BN_new",
+    "BN_bin2bn",
+    "BN_set_word",
+    "EVP_PKEY_new",
+    "EVP_PKEY_assign",
+    "EVP_PKEY_assign_RSA",
+    "EVP_PKEY_set1_EC_KEY",
+    "EVP_PKEY_get1_RSA",
+    "EVP_PKEY_get1_EC_KEY",
+    "EVP_PKCS82PKEY",
+    "EC_KEY_new_by_curve_name",
+    "EC_KEY_set_public_key_affine_coordinates",
+    "d2i_PKCS8_PRIV_KEY_INFO",
+    "EC_POINT_get_affine_coordinates_GFp",
+    "i2d_PUBKEY",
+    "_ZN9keymaster10dup_bufferEPKvm"};  // no part of it, and allocates as unseen
 // Those that cannot.
-constexpr char kInfallible[] =
-    "BN_bn2bin BN_free BN_num_bits BN_num_bytes EC_GROUP_get_curve_name EC_KEY_free "
-    "EC_KEY_get0_group "
-    "EC_KEY_get0_private_key EC_KEY_get0_public_key EC_KEY_get_conv_form EC_KEY_set_conv_form "
-    "EVP_PKEY_free EVP_PKEY_get_id EVP_PKEY_id PKCS8_PRIV_KEY_INFO_free RSA_free "
-    "RSA_get0_crt_params RSA_get0_factors RSA_get0_key";
+constexpr Names kInfallible = {"BN_bn2bin",
+                               "BN_free",
+                               "BN_num_bits",
+                               "BN_num_bytes",
+                               "EC_GROUP_get_curve_name",
+                               "EC_KEY_free",
+                               "EC_KEY_get0_group",
+                               "EC_KEY_get0_private_key",
+                               "EC_KEY_get0_public_key",
+                               "EC_KEY_get_conv_form",
+                               "EC_KEY_set_conv_form",
+                               "EVP_PKEY_free",
+                               "EVP_PKEY_get_id",
+                               "EVP_PKEY_id",
+                               "PKCS8_PRIV_KEY_INFO_free",
+                               "RSA_free",
+                               "RSA_get0_crt_params",
+                               "RSA_get0_factors",
+                               "RSA_get0_key"};
 // What would escape the count of allocations.
-constexpr char kUnwanted[] =
-    "calloc realloc strdup strndup aligned_alloc posix_memalign _Znwm _Znam";
-constexpr size_t kCryptoCount = 19, kGenerateRsa = 0, kNoCrypto = SIZE_MAX;
+constexpr Names kUnwanted = {"calloc",        "realloc",        "strdup", "strndup",
+                             "aligned_alloc", "posix_memalign", "_Znwm",  "_Znam"};
+constexpr size_t kGenerateRsa = 0;
 constexpr size_t kPiece = 16;
 
 // Behind each block stands what must be neither read nor written. To who reads one entry beyond an
@@ -61,23 +87,19 @@ constexpr size_t kGuardSize = sizeof(Guard);
 #endif
 std::atomic<const Guard*> g_guard{&kBytesGuard};
 
-Word g_real[kCryptoCount];
-std::atomic<int> g_crypto_calls{0};
-int g_fail_at = 0;
-bool g_fail_later = false;
-size_t g_failed_crypto = kNoCrypto;
+Word g_real[kCrypto.size()];
+std::string g_failed_crypto;
 
 std::mutex g_mutex;
 std::map<const void*, size_t> g_live;
 std::vector<std::pair<std::string, Bytes>> g_secrets;
 std::vector<std::string> g_unwiped;
-std::atomic<bool> g_watching{false};
+std::atomic<bool> g_tracking{false}, g_watching{false};
 
 template <size_t kIndex>
 Word CryptoHook(Word a, Word b, Word c, Word d, Word e, Word f) {
-  const int now = ++g_crypto_calls;
-  if (now == g_fail_at || (g_fail_later && now > g_fail_at)) {
-    g_failed_crypto = g_failed_crypto == kNoCrypto ? kIndex : g_failed_crypto;
+  if (TakeFault(Call::kCrypto)) {
+    if (g_failed_crypto.empty()) g_failed_crypto = kCrypto.begin()[kIndex];
     return 0;
   }
   const auto real = reinterpret_cast<Word (*)(Word, Word, Word, Word, Word, Word)>(g_real[kIndex]);
@@ -92,7 +114,7 @@ Word CryptoHook(Word a, Word b, Word c, Word d, Word e, Word f) {
 }
 
 template <size_t... kIndex>
-std::array<Word, kCryptoCount> CryptoHooks(std::index_sequence<kIndex...>) {
+std::array<Word, kCrypto.size()> CryptoHooks(std::index_sequence<kIndex...>) {
   return {reinterpret_cast<Word>(&CryptoHook<kIndex>)...};
 }
 
@@ -103,6 +125,7 @@ void* MallocHook(size_t size) {
   if (block == nullptr) return nullptr;
   memset(block, 0xA5, size);  // fresh memory looks neither cleared nor like an old secret
   memcpy(static_cast<uint8_t*>(block) + size, g_guard.load()->data(), kGuardSize);
+  if (!g_tracking) return block;
   const std::lock_guard<std::mutex> lock(g_mutex);
   g_live[block] = size;
   return block;
@@ -123,7 +146,7 @@ void FreeHook(void* block) {
     const std::lock_guard<std::mutex> lock(g_mutex);
     // Only of its own blocks is it known that nobody else left something in them.
     const auto found = g_live.find(block);
-    if (block != nullptr && by_holder != (found == g_live.end())) {
+    if (g_tracking && block != nullptr && by_holder != (found == g_live.end())) {
       ADD_FAILURE() << "the library's memory freed as the platform's, or the other way round";
     }
     for (const auto& [label, piece] : g_secrets) {
@@ -155,30 +178,25 @@ void Redirect(Word* slot, Word hook) {
 }
 
 void RedirectNamed(const std::string& name, Word* slot) {
-  static const auto hooks = CryptoHooks(std::make_index_sequence<kCryptoCount>());
+  static const auto hooks = CryptoHooks(std::make_index_sequence<kCrypto.size()>());
   if (name == "malloc") Redirect(slot, reinterpret_cast<Word>(&MallocHook));
   if (name == "free") Redirect(slot, reinterpret_cast<Word>(&FreeHook));
   if (name == "explicit_bzero" || name == "__explicit_bzero_chk") {
     Redirect(slot, reinterpret_cast<Word>(&ExplicitBzeroHook));
   }
-  std::istringstream names(kCrypto);
-  size_t i = 0;
-  for (std::string each; names >> each; ++i) {
-    if (name == each) {
-      g_real[i] = *slot;
-      Redirect(slot, hooks[i]);
-    }
-  }
-  if (i != kCryptoCount) abort();
-  const auto is_in = [&name](const char* list) {
-    std::istringstream all(list);
-    return std::find(std::istream_iterator<std::string>(all), {}, name) !=
-           std::istream_iterator<std::string>();
+  const auto is_in = [&name](Names list) {
+    return std::find(list.begin(), list.end(), name) != list.end();
   };
+  if (is_in(kCrypto)) {
+    const auto i = std::find(kCrypto.begin(), kCrypto.end(), name) - kCrypto.begin();
+    g_real[i] = *slot;
+    Redirect(slot, hooks[static_cast<size_t>(i)]);
+    return;
+  }
   const std::string prefix = name.substr(0, name.find('_'));
   const auto prefixes = {"BN", "EC", "EVP", "RSA", "PKCS8", "d2i", "i2d"};
   const bool crypto = std::find(prefixes.begin(), prefixes.end(), prefix) != prefixes.end();
-  if (is_in(kUnwanted) || (crypto && !is_in(kCrypto) && !is_in(kInfallible))) {
+  if (is_in(kUnwanted) || (crypto && !is_in(kInfallible))) {
     ADD_FAILURE() << name << " is not hooked";
   }
 }
@@ -209,31 +227,20 @@ bool RedirectLibrary() {
 
 }  // namespace
 
-void HookLibrary() {
-  [[maybe_unused]] static const bool hooked = RedirectLibrary();
+void HookLibrary() { [[maybe_unused]] static const bool hooked = RedirectLibrary(); }
+
+void TrackBlocks() {
+  g_tracking = true;
   platform().judge_bound = FitsBlock;
 }
 
-void FailCrypto(int nth, bool and_later) {
-  g_crypto_calls = 0;
-  g_fail_at = nth;
-  g_fail_later = and_later;
-  g_failed_crypto = kNoCrypto;
-}
-
 std::string FailedCrypto() {
-  std::istringstream names(kCrypto);
-  std::string name;
-  for (size_t i = 0; g_failed_crypto != kNoCrypto && i <= g_failed_crypto; ++i) {
-    names >> name;
-  }
+  const std::string name = std::exchange(g_failed_crypto, "");
   if (name == "EVP_PKEY_assign_RSA") {
     return "EVP_PKEY_assign";  // what it is in the other flavour of libcrypto
   }
   return name.compare(0, 2, "_Z") == 0 ? "dup_buffer" : name;
 }
-
-int CryptoCount() { return g_crypto_calls; }
 
 void GuardWithPurpose(bool with) { g_guard = with ? &kPurposeGuard : &kBytesGuard; }
 

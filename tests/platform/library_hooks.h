@@ -1,30 +1,25 @@
 // Hooks on what libkeymaster41_ts.so itself calls: malloc, free and libcrypto. Its relocated
 // references are redirected, so that no other caller is touched and no tail call escapes.
-#ifndef TESTS_SWEEP_LIBRARY_HOOKS_H
-#define TESTS_SWEEP_LIBRARY_HOOKS_H
+#ifndef TESTS_PLATFORM_LIBRARY_HOOKS_H
+#define TESTS_PLATFORM_LIBRARY_HOOKS_H
 
 #include <stddef.h>
 
 #include <string>
 #include <vector>
 
-#include "tests/platform/keymaster_test.h"
+#include "tests/platform/bytes.h"
 
 namespace test {
 
-// HookLibrary installs the hooks; more calls do nothing. From then on Call::kMalloc of faults.h
-// is counted here, and what the library frees must be its own, what the holders free the
-// platform's.
+// HookLibrary installs the hooks; more calls do nothing. KeymasterTest does, so that Call::kMalloc
+// and Call::kCrypto of faults.h are the library's alone.
 void HookLibrary();
-// HookedTest hooks it before it first allocates.
-struct HookedTest : KeymasterTest {
-  HookedTest() { HookLibrary(); }
-};
+// TrackBlocks has all that stands below watched from now on, and also that the library frees its
+// own memory and the holders the platform's. Before the library first allocates.
+void TrackBlocks();
 
-// As FailCall and CallCount, for all calls into libcrypto that can fail, as they come.
-void FailCrypto(int nth, bool and_later);
-int CryptoCount();
-// FailedCrypto is the name of the first that failed since the last FailCrypto.
+// FailedCrypto is the name of the first of Call::kCrypto that failed since it was last asked.
 std::string FailedCrypto();
 
 // GuardWithPurpose has the guard behind each new block look like the purpose of a wrapping key,
@@ -46,4 +41,4 @@ std::vector<std::string> Unwiped();
 
 }  // namespace test
 
-#endif  // TESTS_SWEEP_LIBRARY_HOOKS_H
+#endif  // TESTS_PLATFORM_LIBRARY_HOOKS_H
