@@ -22,9 +22,9 @@ bool IsReply(uint32_t types, unsigned index) {
 }
 
 Exchange Answered(uint32_t command, const TEEC_Operation& operation) {
-  test::Answer answer = test::AnswerTo(command, operation);
+  test::Reply answer = test::AnswerTo(command, operation);
   if (answer.result != TEEC_SUCCESS) abort();
-  Exchange exchange = {command, operation.paramTypes, {}, {}, answer.value.value_or(TEEC_Value())};
+  Exchange exchange = {command, operation.paramTypes, {}, {}, answer.values[3]};
   for (unsigned i = 0; i < 4; ++i) {
     if (IsReference(exchange.types, i)) {
       exchange.sizes[i] = operation.params[i].tmpref.size;

@@ -28,7 +28,10 @@ namespace {
 using fuzz::Bytes;
 using fuzz::Check;
 using fuzz::Input;
+using fuzz::platform;
+using fuzz::Reply;
 using test::Args;
+using test::Invocation;
 using test::Request;
 
 constexpr int kMostRequests = 6;
@@ -46,10 +49,9 @@ TEEC_Result ReadResult(Input* input, uint8_t kind) {
   return kind < kFailure ? TEEC_SUCCESS : std::max(1u, input->U32());
 }
 
-TEEC_Result Open(Input* input, TEEC_Operation* operation) {
+Reply Open(Input* input) {
   const uint8_t kind = input->U8();
-  operation->params[0].value.a = kind;
-  return ReadResult(input, kind);
+  return Reply::Fail(ReadResult(input, kind)).Value(0, kind, 0);
 }
 
 // No byte is that of unwritten outputs, so that what was written shows.
@@ -59,52 +61,44 @@ Bytes Written(Bytes bytes) {
   return bytes;
 }
 
-// Answers into one reference: the bytes and their number, or a number of the fuzzer's.
-void AnswerReference(Input* input, const Bytes& usual, TEEC_TempMemoryReference* output) {
+// Has one reference get the usual bytes and their number, or others or a number of the fuzzer's.
+void AnswerReference(Input* input, unsigned index, const test::SeenParam& output, Reply* reply) {
   const uint8_t kind = input->U8();
-  Bytes bytes = usual;
+  Bytes& bytes = reply->outputs[index];
   if (kind == kChanged) {
-    const size_t at = std::min<size_t>(input->U16(), usual.size());
+    const size_t at = std::min<size_t>(input->U16(), bytes.size());
     const Bytes change = input->ReadSized();
-    std::copy_n(change.begin(), std::min(change.size(), usual.size() - at),
+    std::copy_n(change.begin(), std::min(change.size(), bytes.size() - at),
                 bytes.begin() + static_cast<ptrdiff_t>(at));
   } else if (kind != kUsual) {
     bytes = input->ReadSized();
   }
-  fuzz::Write(Written(bytes), output);
-  if (kind >= kFailure) output->size = input->U32();
+  bytes = fuzz::Truncate(Written(bytes), output);
+  if (kind >= kFailure) reply->Size(index, input->U32());
 }
 
-void AnswerValue(Input* input, TEEC_Value* output) {
+void AnswerValue(Input* input, unsigned index, Reply* reply) {
   const Bytes bytes = Written(test::Le64(input->U64()));
-  *output = {km41::GetU32(&bytes[0]), km41::GetU32(&bytes[4])};
+  reply->Value(index, km41::GetU32(&bytes[0]), km41::GetU32(&bytes[4]));
   g_value = km41::GetU64(&bytes[0]);
 }
 
-TEEC_Result Invoke(Input* input, uint32_t command, TEEC_Operation* operation) {
-  test::Answer usual = test::AnswerTo(command, *operation);
-  const TEEC_Result result = ReadResult(input, input->U8());
-  for (unsigned i = 0; i < 4; ++i) {
-    const uint32_t type = TEEC_PARAM_TYPE_GET(operation->paramTypes, i);
-    if (type == TEEC_VALUE_OUTPUT || type == TEEC_VALUE_INOUT) {
-      AnswerValue(input, &operation->params[i].value);
-    } else if (fuzz::IsOutput(operation->paramTypes, i)) {
-      AnswerReference(input, usual.outputs[i], &operation->params[i].tmpref);
-    }
-  }
-  return result;
+Reply AnswerWell(const Invocation& invocation) {
+  return test::AnswerTo(invocation.command, *invocation.operation);
 }
 
-// The TA of the table, which is well-behaved.
-TEEC_Result AnswerWell(uint32_t command, TEEC_Operation* operation) {
-  test::Answer answer = test::AnswerTo(command, *operation);
+Reply Answer(Input* input, const Invocation& invocation) {
+  Reply reply = AnswerWell(invocation);
+  reply.result = ReadResult(input, input->U8());
   for (unsigned i = 0; i < 4; ++i) {
-    if (fuzz::IsOutput(operation->paramTypes, i)) {
-      fuzz::Write(answer.outputs[i], &operation->params[i].tmpref);
+    const uint32_t type = TEEC_PARAM_TYPE_GET(invocation.param_types, i);
+    if (type == TEEC_VALUE_OUTPUT || type == TEEC_VALUE_INOUT) {
+      AnswerValue(input, i, &reply);
+    } else if (type >= TEEC_MEMREF_TEMP_OUTPUT) {
+      AnswerReference(input, i, invocation.params[i], &reply);
     }
   }
-  operation->params[3].value = answer.value.value_or(operation->params[3].value);
-  return answer.result;
+  return reply;
 }
 
 // ---- Requests
@@ -127,7 +121,7 @@ const std::vector<Request>& AllRequests() {
 
 // A change of a request's arguments, in which a number may make a difference.
 struct Variant {
-  const char* methods;
+  std::vector<std::string_view> methods;
   void (*set)(Args* args, uint8_t number);
 };
 
@@ -154,34 +148,33 @@ void SetRsaSize(Args* args, uint8_t number) {
 }
 
 const Variant kVariants[] = {
-    {"TivasKmGenerateKey", SetRsaSize},
-    {"TivasKmGenerateKey TivasKmImportKey TivasKmImportWrappedKeyNew",
+    {{"TivasKmGenerateKey"}, SetRsaSize},
+    {{"TivasKmGenerateKey", "TivasKmImportKey", "TivasKmImportWrappedKeyNew"},
      [](Args* args, uint8_t) { args->characteristics = nullptr; }},
-    {"TivasKmImportWrappedKeyNew TivasKmUnwrappedKey", SetMaskLength},
-    {"TivasKmExportKey TivasKmGetKeyCharacteristics",
+    {{"TivasKmImportWrappedKeyNew", "TivasKmUnwrappedKey"}, SetMaskLength},
+    {{"TivasKmExportKey", "TivasKmGetKeyCharacteristics"},
      [](Args* args, uint8_t) { args->client_id = nullptr; }},
-    {"TivasKmExportKey TivasKmGetKeyCharacteristics",
+    {{"TivasKmExportKey", "TivasKmGetKeyCharacteristics"},
      [](Args* args, uint8_t) { args->app_data = nullptr; }},
-    {"TivasKmUpdate TivasKmFinishNew TivasKmFinishLarge", SetInputLength},
-    {"TivasKmBegin TivasKmFinish TivasKmFinishNew",
+    {{"TivasKmUpdate", "TivasKmFinishNew", "TivasKmFinishLarge"}, SetInputLength},
+    {{"TivasKmBegin", "TivasKmFinish", "TivasKmFinishNew"},
      [](Args* args, uint8_t) { args->params = nullptr; }},
-    {"TivasKmBegin TivasKmUpdate TivasKmFinish TivasKmFinishNew TivasKmFinishLarge",
+    {{"TivasKmBegin", "TivasKmUpdate", "TivasKmFinish", "TivasKmFinishNew", "TivasKmFinishLarge"},
      [](Args* args, uint8_t) { args->out_params = nullptr; }},
-    {"TivasKmUpdate TivasKmFinish TivasKmFinishNew",
+    {{"TivasKmUpdate", "TivasKmFinish", "TivasKmFinishNew"},
      [](Args* args, uint8_t) { args->data = nullptr; }},
-    {"TivasKmFinish TivasKmFinishNew", [](Args* args, uint8_t) { args->input = nullptr; }},
-    {"TivasKmFinish TivasKmFinishNew TivasKmFinishLarge",
+    {{"TivasKmFinish", "TivasKmFinishNew"}, [](Args* args, uint8_t) { args->input = nullptr; }},
+    {{"TivasKmFinish", "TivasKmFinishNew", "TivasKmFinishLarge"},
      [](Args* args, uint8_t) { args->signature = nullptr; }},
-    {"TivasKmDeviceLocked", [](Args* args, uint8_t) { args->password_only = false; }},
+    {{"TivasKmDeviceLocked"}, [](Args* args, uint8_t) { args->password_only = false; }},
 };
 
 // Has one variant of the request, or none.
-void Vary(const std::string& method, uint8_t number, Args* args) {
+void Vary(std::string_view method, uint8_t number, Args* args) {
   std::vector<const Variant*> fitting = {nullptr};
   for (const Variant& variant : kVariants) {
-    if ((std::string(variant.methods) + " ").find(method + " ") != std::string::npos) {
-      fitting.push_back(&variant);
-    }
+    const auto& methods = variant.methods;
+    if (std::count(methods.begin(), methods.end(), method) != 0) fitting.push_back(&variant);
   }
   const auto count = static_cast<uint8_t>(fitting.size());
   if (const Variant* variant = fitting[number % count]) variant->set(args, number / count);
@@ -189,20 +182,30 @@ void Vary(const std::string& method, uint8_t number, Args* args) {
 
 // What the contract does not say: whose numbers they are, and that the TA hears of an operation
 // that nobody will use.
-void CheckOperation(const std::string& method, int32_t result, const Args& args) {
+void CheckOperation(std::string_view method, int32_t result, const Args& args) {
   const bool begin = method == "TivasKmBegin";
   if (!begin && (method != "TivasKmUpdate" || args.input == nullptr)) return;
   if (result == 0) {
     Check(*args.number == (begin ? g_value : args.input->data_length),
           begin ? "the handle is the TA's" : "all input is consumed");
-  } else if (result == KM_ERROR_MEMORY_ALLOCATION_FAILED && fuzz::tee_record().failures.empty()) {
-    Check(fuzz::tee_record().aborts == 1, "what cannot be decoded ends its operation");
+    return;
+  }
+  // Of the command itself: an abort answers for itself alone.
+  const auto& answers = platform().answers;
+  const auto failed = [](const auto& answer) {
+    return answer.second != TEEC_SUCCESS && answer.first != km41::kCmdAbort;
+  };
+  if (result == KM_ERROR_MEMORY_ALLOCATION_FAILED &&
+      std::none_of(answers.begin(), answers.end(), failed)) {
+    const auto ends = [](const auto& answer) { return answer.first == km41::kCmdAbort; };
+    Check(std::count_if(answers.begin(), answers.end(), ends) == 1,
+          "what cannot be decoded ends its operation");
   }
 }
 
 fuzz::Served ServeWell(const Request& request) {
-  fuzz::tee() = {};
-  fuzz::tee().invoke = AnswerWell;
+  static_cast<test::Script&>(platform()) = {};
+  platform().any = AnswerWell;
   fuzz::EnsureTeeContext();
   return fuzz::Serve(request);
 }
@@ -229,22 +232,19 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool served_all = (CheckServed(0), true);
   Check(served_all, "all requests are served at first");
   Input input(data, size);
-  fuzz::tee().initialize = [&input] { return ReadResult(&input, input.U8()); };
-  fuzz::tee().open = [&input](TEEC_Operation* operation) { return Open(&input, operation); };
-  fuzz::tee().invoke = [&input](uint32_t command, TEEC_Operation* operation) {
-    return Invoke(&input, command, operation);
-  };
+  platform().init = [&input] { return Reply::Fail(ReadResult(&input, input.U8())); };
+  platform().open = [&input] { return Open(&input); };
+  platform().any = [&input](const Invocation& invocation) { return Answer(&input, invocation); };
   size_t number = 0;
   for (int i = 0; i < kMostRequests && !input.empty(); ++i) {
     number = input.U8() % AllRequests().size();
     const Request& request = AllRequests()[number];
-    const std::string method = request.method->name;
+    const std::string_view method = request.method->name;
     const uint8_t variant = input.U8();
     fuzz::Serve(
         request, [&](Args* args) { Vary(method, variant, args); },
         [&](int32_t result, const Args& args) { CheckOperation(method, result, args); });
   }
-  fuzz::DropFirstSessions();
   CheckServed(number);
   return 0;
 }

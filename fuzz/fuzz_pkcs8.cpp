@@ -11,8 +11,8 @@ const Bytes kKeyBlob = {1, 2, 3};
 
 // Key material is its header and as many bytes as the header's lengths add up to. The headers: RSA
 // is form (1 or 2), n, n, e and up to five lengths more; EC is key size, point form, x, y, scalar.
-bool AddsUp(const uint8_t* bytes, size_t size) {
-  fuzz::Input input(bytes, size);
+bool AddsUp(const Bytes& material) {
+  fuzz::Input input(material.data(), material.size());
   std::vector<uint32_t> field;
   while (!input.empty() && field.size() < km41::kRsaMaterialHeader / 4) {
     field.push_back(input.U32());
@@ -22,28 +22,25 @@ bool AddsUp(const uint8_t* bytes, size_t size) {
     for (size_t i = first; i < last; ++i) {
       total += field[i];
     }
-    return total == size;
+    return total == material.size();
   };
   const bool rsa = field.size() == 9 && (field[0] == 1 || field[0] == 2);
   return rsa ? field[1] == field[2] && sum(2, 9) : field.size() >= 5 && sum(2, 5);
 }
 
-TEEC_Result Import(uint32_t command, TEEC_Operation* operation) {
-  Check(command == km41::kCmdImportKey, "an import is one command");
-  const TEEC_TempMemoryReference& material = operation->params[1].tmpref;
-  Check(material.size <= km41::kKeyMaterialCapacity, "key material has its limit");
-  Check(AddsUp(static_cast<const uint8_t*>(material.buffer), material.size),
-        "the lengths in the header are those of the material");
-  fuzz::Write(kKeyBlob, &operation->params[2].tmpref);
-  fuzz::Write(test::TwoLists({}, {}), &operation->params[3].tmpref);
-  return TEEC_SUCCESS;
+fuzz::Reply Import(const test::Invocation& invocation) {
+  Check(invocation.command == km41::kCmdImportKey, "an import is one command");
+  const Bytes& material = invocation.params[1].in;
+  Check(material.size() <= km41::kKeyMaterialCapacity, "key material has its limit");
+  Check(AddsUp(material), "the lengths in the header are those of the material");
+  return fuzz::Reply::Ok().Out(2, kKeyBlob).Out(3, test::TwoLists({}, {}));
 }
 
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::EnsureTeeContext();
-  fuzz::tee().invoke = Import;
+  fuzz::platform().any = Import;
   const keymaster_blob_t pkcs8 = {data, size};
   fuzz::Serve(
       test::FindRequest("ImportRsa"), [&](test::Args* args) { args->input = &pkcs8; },

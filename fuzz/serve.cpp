@@ -1,9 +1,11 @@
 #include "fuzz/serve.h"
 
+#include <keymaster_ts.h>
 #include <openssl/err.h>
 #include <sanitizer/allocator_interface.h>
 
 #include "tests/requests/contract.h"
+#include "wire/ta_protocol.h"
 
 namespace fuzz {
 namespace {
@@ -30,13 +32,34 @@ States AllowedAfter(int32_t result, const test::Request& request, test::Output o
     return test::Allowed(request.method->name, output, failure);
   };
   if (result == 0) return column(&Contract::success);
-  if (tee_record().failures.count(static_cast<uint32_t>(result)) != 0) {
-    return column(&Contract::tee);
+  int replies = 0;
+  for (const auto& [command, answer] : platform().answers) {
+    if (command == km41::kCmdGetErrorRecord) continue;  // nobody gets its result, nor an abort's
+    if (static_cast<int32_t>(answer) == result && command != km41::kCmdAbort) {
+      return column(&Contract::tee);
+    }
+    replies += command != 0 && answer == TEEC_SUCCESS;
   }
-  if (tee_record().answers == 0) return column(&Contract::preparing);
+  if (replies == 0) return column(&Contract::preparing);
   const States replied =
       column(&Contract::first_reply) | column(&Contract::second_reply) | column(&Contract::copying);
   return request.commands.size() == 1 ? replied : replied | column(&Contract::preparing);
+}
+
+// Looks for what no request may do with the TEE, and drops the TA's first sessions, which are kept.
+void CheckPlatform() {
+  for (const std::string& problem : platform().problems) {
+    Check(false, problem.c_str());
+  }
+  for (const test::Opened& opened : platform().opens) {
+    Check(opened.open == opened.first, "every session but the TA's first is closed");
+    if (opened.first) free(opened.block);
+  }
+}
+
+bool IsReadable(const void* bytes, size_t length) {
+  return bytes == nullptr || length == 0 ||
+         __asan_region_is_poisoned(const_cast<void*>(bytes), length) == nullptr;
 }
 
 }  // namespace
@@ -48,7 +71,8 @@ Served Serve(const test::Request& request, const Change& change, const Look& loo
   if (change) change(&args);
   const void* const given[test::kOutputs] = {args.key_blob,   args.characteristics, args.data,
                                              args.out_params, args.chain,           outputs.hmac};
-  tee_record() = {};
+  platform().judge_bound = IsReadable;
+  platform().ClearRecords();
   const int32_t result = request.method->call(args);
   if (look) look(result, args);
   const Served served = {result, ObserveBlocks(&outputs)};
@@ -61,7 +85,7 @@ Served Serve(const test::Request& request, const Change& change, const Look& loo
       abort();
     }
   }
-  Check(OpenSessions() == 0, "every session but the TA's first is closed");
+  CheckPlatform();
   ERR_clear_error();
   return served;
 }
@@ -69,7 +93,9 @@ Served Serve(const test::Request& request, const Change& change, const Look& loo
 Served ServeReply(const char* request, unsigned index, const Bytes& reply, const Look& look) {
   EnsureTeeContext();
   const test::Request& row = test::FindRequest(request);
-  AnswerWith(row.commands[0], index, reply);
+  platform().On(row.commands[0], [&](const test::Invocation& invocation) {
+    return Reply::Ok().Out(index, Truncate(reply, invocation.params[index]));
+  });
   return Serve(row, {}, look);
 }
 
@@ -77,6 +103,10 @@ void Judge(test::Outputs* outputs, test::Output output, int32_t result) {
   const States state = ObserveBlocks(outputs).states[output];
   Check(state == test::kEmpty || (result == 0 && state == test::kWhole),
         "an output is whole, or empty, and empty after a failure");
+}
+
+void EnsureTeeContext() {
+  if (platform().live_contexts == 0) Check(Ts_Initcontext() == TEEC_SUCCESS, "a TEE context");
 }
 
 }  // namespace fuzz

@@ -37,7 +37,7 @@ TEST_F(Operation, UpdateSendsItsInputInChunks) {
     const Chunks& chunks = in_chunks;
     // The TA gives back what it was given. Only the parameters of the last reply are read.
     platform().On(kCmdUpdate, [&](const Invocation& seen) {
-      const bool last = platform().invocations.size() == chunks.size();
+      const bool last = platform().invocations.size() + 1 == chunks.size();
       return Reply::Ok().Out(2, last ? kNonce : kTruncated).Out(3, seen.params[1].in);
     });
     EXPECT_EQ(0, MakeWith("Update", length));

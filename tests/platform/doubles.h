@@ -8,6 +8,7 @@
 
 #include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -21,38 +22,30 @@ namespace test {
 
 // Reply is the TA's answer to one command. Output references that it does not name come back with
 // size 0, values unchanged. It is applied whatever the result, as a real TEE may.
-class Reply {
- public:
-  static Reply Ok() { return Reply(0, TEEC_ORIGIN_TRUSTED_APP); }
+struct Reply {
+  static Reply Ok() { return {}; }
   static Reply Fail(TEEC_Result result, uint32_t origin = TEEC_ORIGIN_TRUSTED_APP) {
-    return Reply(result, origin);
+    return {result, origin, {}, {}, {}};
   }
   // Writes bytes (as far as they fit) into an output reference and reports their number.
-  Reply& Out(int index, Bytes bytes) { return Set(answers_[index].bytes, std::move(bytes)); }
+  Reply& Out(unsigned index, Bytes bytes) { return Set(&outputs[index], std::move(bytes)); }
   // Reports a size whatever was written: it may lie. Only outputs take a size or value.
-  Reply& Size(int index, uint32_t size) { return Set(answers_[index].size, size); }
-  Reply& Value(int index, uint32_t a, uint32_t b) {
-    return Set(answers_[index].value, TEEC_Value{a, b});
-  }
-
-  TEEC_Result result;
-  uint32_t origin;
-
- private:
-  friend void Apply(const Reply& reply, TEEC_Operation* operation);
-  struct Answer {
-    std::optional<Bytes> bytes;
-    std::optional<uint32_t> size;
-    std::optional<TEEC_Value> value;
-  };
-  Reply(TEEC_Result r, uint32_t o) : result(r), origin(o) {}
+  Reply& Size(unsigned index, uint32_t size) { return Set(&sizes[index], size); }
+  Reply& Value(unsigned index, uint32_t a, uint32_t b) { return Set(&values[index], {a, b}); }
   template <typename T>
-  Reply& Set(std::optional<T>& field, T value) {
-    field = std::move(value);
+  Reply& Set(T* field, T value) {
+    *field = std::move(value);
     return *this;
   }
-  Answer answers_[4];
+
+  TEEC_Result result = TEEC_SUCCESS;
+  uint32_t origin = TEEC_ORIGIN_TRUSTED_APP;
+  // By parameter.
+  std::map<unsigned, Bytes> outputs;
+  std::map<unsigned, uint32_t> sizes;
+  std::map<unsigned, TEEC_Value> values;
 };
+void Apply(const Reply& reply, TEEC_Operation* operation);
 
 // One parameter of an operation as the library filled it.
 struct SeenParam {
@@ -66,7 +59,7 @@ struct Invocation {
   uint32_t command = 0, param_types = 0;
   SeenParam params[4];
   size_t session = 0;                         // which open it ran on, from 0
-  const TEEC_Operation* operation = nullptr;  // itself, while a handler runs
+  const TEEC_Operation* operation = nullptr;  // itself, only while a handler runs
 };
 
 struct Opened {
@@ -109,17 +102,21 @@ struct Script {
   TEEC_Result init_result = 0;
   uint32_t first_session = 0;                    // params[0].value.a of every open
   std::map<uint32_t, std::deque<Reply>> queued;  // by command; before the handler
-  std::map<uint32_t, Handler> handlers;          // by command; default: Reply::Ok()
+  std::map<uint32_t, Handler> handlers;          // by command
+  Handler any;                                   // for the others; default: Reply::Ok()
+  // Instead of init_result and first_session: the result, and params[0] of an open.
+  std::function<Reply()> init, open;
   uint32_t os_version = 120000, os_patchlevel = 202211;
 };
 
 // What was seen.
 struct Records {
+  std::vector<std::pair<uint32_t, TEEC_Result>> answers;  // by command; of init and open 0
   std::vector<Opened> opens;
-  std::vector<Invocation> invocations;
+  std::vector<Invocation> invocations;  // that were answered
   std::vector<Bracket> brackets;
   std::vector<LogLine> log;
-  std::deque<Event> events;
+  std::list<Event> events;
   std::vector<std::string> journal;   // all TEE and watchdog calls in order
   std::vector<std::string> problems;  // misuse, such as a session closed twice
 };

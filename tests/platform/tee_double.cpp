@@ -25,18 +25,19 @@ std::unique_lock<std::mutex> Note(const std::string& entry) {
 }
 
 void Apply(const Reply& reply, TEEC_Operation* operation) {
+  static const Bytes kNothing;
   for (unsigned i = 0; i < 4; ++i) {
-    const Reply::Answer& answer = reply.answers_[i];
     const uint32_t type = TEEC_PARAM_TYPE_GET(operation->paramTypes, i);
     TEEC_TempMemoryReference& ref = operation->params[i].tmpref;
     if (type == TEEC_MEMREF_TEMP_OUTPUT || type == TEEC_MEMREF_TEMP_INOUT) {
-      const Bytes bytes = answer.bytes.value_or(Bytes());
+      const auto output = reply.outputs.find(i);
+      const Bytes& bytes = output == reply.outputs.end() ? kNothing : output->second;
       const size_t fits = std::min<size_t>(bytes.size(), ref.size);
       if (fits > 0) memcpy(ref.buffer, bytes.data(), fits);
-      ref.size = answer.size.value_or(static_cast<uint32_t>(bytes.size()));
-    }
-    if (answer.value && (type == TEEC_VALUE_OUTPUT || type == TEEC_VALUE_INOUT)) {
-      operation->params[i].value = *answer.value;
+      const auto size = reply.sizes.find(i);
+      ref.size = size == reply.sizes.end() ? static_cast<uint32_t>(bytes.size()) : size->second;
+    } else if ((type == TEEC_VALUE_OUTPUT || type == TEEC_VALUE_INOUT) && reply.values.count(i)) {
+      operation->params[i].value = reply.values.at(i);
     }
   }
 }
@@ -88,15 +89,21 @@ size_t SessionIndex(const TEEC_Session* session) {
   return open ? index : opens.size();
 }
 
+TEEC_Result Answered(uint32_t command, TEEC_Result result) {
+  platform().answers.emplace_back(command, result);
+  return result;
+}
+
 Reply NextReply(const Invocation& invocation) {
   std::unique_lock<std::mutex> lock(platform().mutex);
-  std::deque<Reply>& queued = platform().queued[invocation.command];
-  if (!queued.empty()) {
-    const Reply reply = queued.front();
-    queued.pop_front();
+  const auto queued = platform().queued.find(invocation.command);
+  if (queued != platform().queued.end() && !queued->second.empty()) {
+    Reply reply = std::move(queued->second.front());
+    queued->second.pop_front();
     return reply;
   }
-  const Handler handler = platform().handlers[invocation.command];
+  const auto found = platform().handlers.find(invocation.command);
+  const Handler handler = found != platform().handlers.end() ? found->second : platform().any;
   lock.unlock();
   return handler ? handler(invocation) : Reply::Ok();
 }
@@ -107,8 +114,11 @@ extern "C" {
 
 TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
   const auto lock = Note(name == nullptr ? "init" : "init of a named TEE");
-  if (TakeFault(Call::kInitContext)) return kInjectedTeeError;
-  if (platform().init_result != 0) return platform().init_result;
+  const bool fails = TakeFault(Call::kInitContext);
+  const TEEC_Result result = fails             ? kInjectedTeeError
+                             : platform().init ? platform().init().result
+                                               : platform().init_result;
+  if (Answered(0, result) != 0) return result;
   context->imp = Token(kContextToken);
   ++platform().live_contexts;
   return 0;
@@ -131,11 +141,15 @@ TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
   Expect(operation->started == 1, "open operation not started");
   if (return_origin != nullptr) *return_origin = TEEC_ORIGIN_TEE;
   p.opens.push_back({*operation, *destination, connection_method, connection_data, session});
-  if (TakeFault(Call::kOpenSession)) return kInjectedTeeError;
+  const bool fails = TakeFault(Call::kOpenSession);
+  const Reply reply = fails    ? Reply::Fail(kInjectedTeeError)
+                      : p.open ? p.open()
+                               : Reply::Ok().Value(0, p.first_session, 0);
+  Apply(reply, operation);
+  if (Answered(0, reply.result) != 0) return reply.result;
   p.opens.back().open = true;
-  p.opens.back().first = p.first_session == 1;
+  p.opens.back().first = operation->params[0].value.a == 1;
   session->imp = Token(kSessionToken + p.opens.size() - 1);
-  operation->params[0].value.a = p.first_session;
   return 0;
 }
 
@@ -150,22 +164,21 @@ void TEEC_CloseSession(TEEC_Session* session) {
 
 TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t command, TEEC_Operation* operation,
                                uint32_t* return_origin) {
-  Invocation invocation{command, operation->paramTypes, {}, 0, operation};
+  Invocation seen{command, operation->paramTypes, {}, 0, operation};
   for (unsigned i = 0; i < 4; ++i) {
-    invocation.params[i] = See(*operation, i);
+    seen.params[i] = See(*operation, i);
   }
-  {
-    const auto lock = Note("invoke " + std::to_string(command));
-    ExpectClean(*operation);
-    invocation.session = SessionIndex(session);
-    platform().invocations.push_back(invocation);
-    platform().invocations.back().operation = nullptr;
-  }
+  std::unique_lock<std::mutex> lock = Note("invoke " + std::to_string(command));
+  ExpectClean(*operation);
+  seen.session = SessionIndex(session);
+  lock.unlock();
   const Reply reply = TakeFault(Call::kInvoke) ? Reply::Fail(kInjectedTeeError, TEEC_ORIGIN_COMMS)
-                                               : NextReply(invocation);
+                                               : NextReply(seen);
   Apply(reply, operation);
   if (return_origin != nullptr) *return_origin = reply.origin;
-  return reply.result;
+  lock.lock();
+  platform().invocations.push_back(std::move(seen));
+  return Answered(command, reply.result);
 }
 
 }  // extern "C"

@@ -47,7 +47,7 @@ const std::vector<Contract> kContracts = {
 
 const std::vector<Contract>& Contracts() { return kContracts; }
 
-States Allowed(const std::string& method, Output output, States Contract::*failure) {
+States Allowed(std::string_view method, Output output, States Contract::*failure) {
   for (const Contract& contract : kContracts) {
     if (contract.output == output && contract.method == method) return contract.*failure;
   }

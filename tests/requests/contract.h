@@ -3,14 +3,14 @@
 #ifndef TESTS_REQUESTS_CONTRACT_H
 #define TESTS_REQUESTS_CONTRACT_H
 
-#include <string>
+#include <string_view>
 
 #include "tests/requests/requests.h"
 
 namespace test {
 
 struct Contract {
-  const char* method;
+  std::string_view method;
   Output output;
   States success;       // of each kind, 0 where it cannot be
   States preparing;     // serialising or allocating, before the last command was answered
@@ -24,7 +24,7 @@ const std::vector<Contract>& Contracts();
 
 // Allowed is what an output may hold: Allowed("TivasKmBegin", kParams, &Contract::tee). An output
 // that the contract does not name stays untouched.
-States Allowed(const std::string& method, Output output, States Contract::*failure);
+States Allowed(std::string_view method, Output output, States Contract::*failure);
 
 }  // namespace test
 

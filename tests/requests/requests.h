@@ -1,10 +1,10 @@
-// Every request of the library in one table, for tests, fuzz targets and benchmarks alike. It needs
-// neither GoogleTest nor the doubles.
+// Every request of the library in one table, for tests, fuzz targets and benchmarks alike. Of the
+// doubles it needs the header alone, and nothing of GoogleTest.
 //
 //   Args      the arguments of every method by name: inputs that are good, outputs that are garbage
 //   Method    a method of the class, called with what it needs of Args
 //   Request   a method, what it changes in Args, and the commands that it sends when all is well
-//   Answer    what a well-behaved TA answers to the commands of these requests (scripted_ta.cpp)
+//   AnswerTo  what a well-behaved TA answers to the commands of these requests (scripted_ta.cpp)
 //   ArgumentCase  a request with arguments that are not accepted, or only just (argument_cases.cpp)
 //   Contract  what each output holds after a failure (contract.h)
 //
@@ -20,15 +20,13 @@
 #define TESTS_REQUESTS_REQUESTS_H
 
 #include <keymaster_tivas_context.h>
-#include <tee_client_api.h>
 
 #include <array>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "tests/platform/bytes.h"
+#include "tests/platform/doubles.h"
 #include "wire/ta_protocol.h"
 
 namespace test {
@@ -151,12 +149,7 @@ const std::vector<ArgumentCase>& ArgumentCases();
 
 constexpr uint32_t kUnexpectedInput = 0xF00D0002;  // the TA got what it must not get
 
-struct Answer {
-  TEEC_Result result = TEEC_SUCCESS;
-  std::map<unsigned, Bytes> outputs;  // by parameter
-  std::optional<TEEC_Value> value;    // of params[3]
-};
-Answer AnswerTo(uint32_t command, const TEEC_Operation& operation);
+Reply AnswerTo(uint32_t command, const TEEC_Operation& operation);
 
 }  // namespace test
 

@@ -109,12 +109,12 @@ bool Accepts(uint32_t command, const TEEC_Operation& operation) {
 
 }  // namespace
 
-Answer AnswerTo(uint32_t command, const TEEC_Operation& operation) {
-  Answer answer;
-  answer.result = Accepts(command, operation) ? TEEC_SUCCESS : kUnexpectedInput;
-  answer.outputs = OutputsOf(command, operation);
-  if (command == km41::kCmdBegin) answer.value = TEEC_Value{0x11223344, 0x55667788};
-  return answer;
+Reply AnswerTo(uint32_t command, const TEEC_Operation& operation) {
+  Reply reply;
+  reply.result = Accepts(command, operation) ? TEEC_SUCCESS : kUnexpectedInput;
+  reply.outputs = OutputsOf(command, operation);
+  if (command == km41::kCmdBegin) reply.Value(3, 0x11223344, 0x55667788);
+  return reply;
 }
 
 }  // namespace test

@@ -4,7 +4,6 @@
 #include <openssl/err.h>
 
 #include "tests/platform/keys.h"
-#include "tests/requests/commands.h"
 
 namespace test {
 namespace {
@@ -12,17 +11,9 @@ namespace {
 Reply Serve(const Invocation& invocation) {
   TaScript& script = ta();
   const int index = static_cast<int>(script.answers.size());
-  const Answer answer = AnswerTo(invocation.command, *invocation.operation);
-  const TEEC_Result result = index == script.failing ? kTaError : answer.result;
-  script.answers.push_back({invocation.command, result, answer.outputs, {}});
-  for (int i = 0; i < 4; ++i) {
-    script.answers.back().capacity[i] = invocation.params[i].size;
-  }
-  Reply reply = Reply::Fail(result);
-  for (const auto& [param, bytes] : answer.outputs) {
-    reply.Out(static_cast<int>(param), bytes);
-  }
-  if (answer.value) reply.Value(3, answer.value->a, answer.value->b);
+  Reply reply = AnswerTo(invocation.command, *invocation.operation);
+  if (index == script.failing) reply.result = kTaError;
+  script.answers.push_back({invocation, reply});
   if (index == script.corrupted) script.corrupt(&reply);
   return reply;
 }
@@ -36,11 +27,7 @@ TaScript& ta() {
   return script;
 }
 
-void InstallTa() {
-  for (const Command& command : kCommands) {
-    platform().On(command.id, Serve);
-  }
-}
+void InstallTa() { platform().any = Serve; }
 
 Outcome Perform(const Request& request, const ArgumentCase* argument_case) {
   Outputs outputs;

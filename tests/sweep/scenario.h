@@ -14,12 +14,10 @@ namespace test {
 
 constexpr uint32_t kTaError = 0xF00D0001;
 
-// One answer of the TA: to what, what it wrote, and the room it had.
+// One answer of the TA, before it was corrupted, and what to.
 struct Answered {
-  uint32_t command;
-  TEEC_Result result;
-  std::map<unsigned, Bytes> written;
-  uint32_t capacity[4];
+  Invocation to;
+  Reply reply;
 };
 
 // Script of the TA for the requests of this thread. Answers are numbered from 0 in each.

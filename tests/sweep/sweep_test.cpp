@@ -101,11 +101,11 @@ class Sweep : public TrackedTest, public ::testing::WithParamInterface<Request> 
         result == static_cast<int32_t>(kInjectedTeeError)) {
       return &Contract::tee;
     }
-    if (answers.size() < needed || (needed > 0 && answers[needed - 1].result != 0)) {
+    if (answers.size() < needed || (needed > 0 && answers[needed - 1].reply.result != 0)) {
       return &Contract::preparing;
     }
     if (ta().corrupted < 0) return &Contract::copying;
-    const bool first = corrupted_param_ == answers[needed - 1].written.begin()->first;
+    const bool first = corrupted_param_ == answers[needed - 1].reply.outputs.begin()->first;
     return first ? &Contract::first_reply : &Contract::second_reply;
   }
 
@@ -119,7 +119,7 @@ class Sweep : public TrackedTest, public ::testing::WithParamInterface<Request> 
   void ExpectOutcome(const Outcome& outcome, const Kinds& kinds) {
     if (outcome.result != 0 || kinds.count("reply") == 0) ExpectDocumented(outcome.result, kinds);
     const Column column = ColumnOf(outcome.result);
-    const std::string method = GetParam().method->name;
+    const std::string_view method = GetParam().method->name;
     for (int i = 0; i < kOutputs; ++i) {
       const auto output = static_cast<Output>(i);
       const States state = outcome.observed.states[i], allowed = Allowed(method, output, column);
@@ -130,8 +130,8 @@ class Sweep : public TrackedTest, public ::testing::WithParamInterface<Request> 
   }
 
   // What was seen of an output, as a row of the contract.
-  static Contract& SeenOf(const std::string& method, Output output) {
-    static std::map<std::pair<std::string, Output>, Contract> seen;
+  static Contract& SeenOf(std::string_view method, Output output) {
+    static std::map<std::pair<std::string_view, Output>, Contract> seen;
     return seen[{method, output}];
   }
 
@@ -182,12 +182,11 @@ class Sweep : public TrackedTest, public ::testing::WithParamInterface<Request> 
     Kinds longer = kinds;
     longer.insert("longer");
     kinds.insert("reply");
-    for (const auto& [param, bytes] : answered.written) {
-      SCOPED_TRACE(std::string(FindCommand(answered.command)->name) + ", params[" +
+    for (const auto& [param, bytes] : answered.reply.outputs) {
+      SCOPED_TRACE(std::string(FindCommand(answered.to.command)->name) + ", params[" +
                    std::to_string(param) + "]");
       corrupted_param_ = param;
-      const int index = static_cast<int>(param);
-      const auto write = [index](const Bytes& changed) {
+      const auto write = [index = param](const Bytes& changed) {
         return [=](Reply* reply) { reply->Out(index, changed); };
       };
       const auto full = static_cast<uint32_t>(bytes.size());
@@ -206,9 +205,9 @@ class Sweep : public TrackedTest, public ::testing::WithParamInterface<Request> 
                   write(changed));
         }
       }
-      for (const uint32_t size : {answered.capacity[param] + 1, 1u << 31, 0xFFFFFFFFu}) {
+      for (const uint32_t size : {answered.to.params[param].size + 1, 1u << 31, 0xFFFFFFFFu}) {
         Corrupt(answer, longer, "reported length " + std::to_string(size),
-                [index, size](Reply* reply) { reply->Size(index, size); });
+                [index = param, size](Reply* reply) { reply->Size(index, size); });
       }
     }
   }
