@@ -134,29 +134,59 @@ KM_ERROR_INCOMPATIBLE_PURPOSE plain.blob wrapped mask
 ROWS
 [ ! -e none.blob ] || fail 'a refused wrapped key left a key file'
 
-# The system moves on, keys follow, and none goes back.
+# The system moves on, keys follow, and none goes back in any part of its version.
+system() { export KEYMASTER_OS_VERSION=$1 KEYMASTER_OS_PATCHLEVEL=$2; }
 ok km generate --force --algorithm ec --key old.blob
 cp old.blob new.blob
 judge 'needs no upgrade' km upgrade --key new.blob
-export KEYMASTER_OS_PATCHLEVEL=202203
-refuse 'KM_ERROR_KEY_REQUIRES_UPGRADE (-62)' km sign --key new.blob --in text
-ok km upgrade --key new.blob
-says 'hw["os_patchlevel"] == 202203' new.blob
-ok km sign --key new.blob --in text --out sig
-ok km verify --key new.blob --in text --signature sig
-unset KEYMASTER_OS_PATCHLEVEL
-refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km sign --key new.blob --in text
-said 'of a later system version'
+for version in '120000 202101' '110000 202203'; do
+  system $version
+  cp old.blob new.blob
+  refuse 'KM_ERROR_KEY_REQUIRES_UPGRADE (-62)' km sign --key new.blob --in text
+  ok km upgrade --key new.blob
+  says "hw['os_version'] == ${version% *} and hw['os_patchlevel'] == ${version#* }" new.blob
+  ok km sign --key new.blob --in text --out sig
+  ok km verify --key new.blob --in text --signature sig
+done
+for version in '100000 202204' '120000 202202' '110000 202101'; do
+  system $version
+  refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km sign --key new.blob --in text
+  said 'of a later system version'
+  refuse 'KM_ERROR_INVALID_ARGUMENT (-38)' km upgrade --key new.blob
+done
 (TEE_FAULT=cmd=8,code=0xFFFFFFDF refuse 'run the same command again' km sign --key old.blob --in text)
-refuse 'KM_ERROR_INVALID_ARGUMENT (-38)' km upgrade --key new.blob
 ok km sign --key old.blob --in text --out sig
 
-ok km generate --force --algorithm ec --rollback-resistant --key gone.blob
-cp gone.blob copy.blob
-ok km delete --key gone.blob
-[ ! -e gone.blob ] || fail 'delete left the key file'
-refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km sign --key copy.blob --in text
+# A deletion reaches every file of the key.
+ok km delete --key new.blob
+[ ! -e new.blob ] || fail 'delete left the key file'
+refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km sign --key old.blob --in text
 said 'was deleted in the TA'
+
+# What earlier versions left still works: a state folder, and a file of AES key 00 to 0f that Python's
+# cryptography sealed under its device key, of id 0123456789abcdef twice.
+mkdir -m 700 earlier
+head -c 32 /dev/zero | tr '\0' k >earlier/device_key
+head -c 32 /dev/zero | tr '\0' s >earlier/hmac_sharing_seed
+python3 -c 'import sys
+open(sys.argv[1], "wb").write(bytes.fromhex(sys.stdin.read()))' earlier.blob <<'HEX'
+016e6e6e6e6e6e6e6e6e6e6e6e99a261044edd1c82526fbf9605f080fedc41aece6d9e017d33983b4a6216916775a3a3b4bb43
+6b38107c30b173e8ad17bd9f41d6a689b9e40585e6f0a814c20b9b932b9a32b701726eb2872bd3fd9b8de856765229ba2f68ab
+7167e83a602e6e524632b879e9f2a19c2edb813506123ead6033b0175004a028be465ec02685d4305a2d8fdef3fc30c91b66c0
+0447a69de1bb1e7bcbc123645d358d1984886356a598d8c3caec3c7c8b29a70af0130a58dbe80fca7a6c65e14934479e9772c2
+7f09de1d7286d2866fb059b7918560403c6331d80c91d571e8de7d6cb3
+HEX
+state=earlier
+system 110000 202111
+printf 0123456789abcdef >block
+ok km encrypt --key earlier.blob --app-id app --mode ecb --padding none --in block --out sealed
+openssl enc -aes-128-ecb -K $secret -nopad -in block -out judged
+same sealed judged 'a key of an earlier version'
+[ "$(km hmac-sharing | head -c 64)" = "$(hex earlier/hmac_sharing_seed)" ] || fail 'another seed'
+: >earlier/deleted_0123456789abcdef0123456789abcdef
+refuse 'KM_ERROR_INVALID_KEY_BLOB (-33)' km encrypt --key earlier.blob --app-id app --mode ecb --in block
+state=state
+unset KEYMASTER_OS_VERSION KEYMASTER_OS_PATCHLEVEL
 
 # A failed command leaves one event: what the TA found, where, and in which command.
 export QAVIX_EVENTS=events

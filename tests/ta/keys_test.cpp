@@ -1,8 +1,6 @@
 // The keys that can be, and the blobs that they are kept in.
 #include "tests/platform/keys.h"
 
-#include <fstream>
-
 #include "tests/ta/ta_client.h"
 
 namespace {
@@ -123,26 +121,6 @@ TEST_F(TaTest, RsaTakesBothFormsOfMaterialAndNothingAltered) {
   }
 }
 
-TEST_F(TaTest, ReadsWhatEarlierVersionsLeft) {
-  // A blob of AES key 00 to 0f for application "app", of id 0123456789abcdef twice,
-  // sealed under a device key "kkkk.." by Python's cryptography; and what the key makes of a block.
-  ta.blob = Hex(
-      "016e6e6e6e6e6e6e6e6e6e6e6e99a261044edd1c82526fbf9605f080fedc41aece6d9e017d33983b4a6216916775"
-      "a3a3b4bb436b38107c30b173e8ad17bd9f41d6a689b9e40585e6f0a814c20b9b932b9a32b701726eb2872bd3fd9b"
-      "8de856765229ba2f68ab7167e83a602e6e524632b879e9f2a19c2edb813506123ead6033b0175004a028be465ec0"
-      "2685d4305a2d8fdef3fc30c91b66c00447a69de1bb1e7bcbc123645d358d1984886356a598d8c3caec3c7c8b29a7"
-      "0af0130a58dbe80fca7a6c65e14934479e9772c27f09de1d7286d2866fb059b7918560403c6331d80c91d571e8de"
-      "7d6cb3");
-  std::ofstream(ta.folder + "/device_key") << Str(32, 'k');
-  std::ofstream(ta.folder + "/hmac_sharing_seed") << Str(32, 's');
-  const Ps app = kEcb + P(KM_TAG_APPLICATION_ID, "app");
-  EXPECT_EQ(ta.Operate(kEncrypt, app, Str(16, 'p'), 16), 0u);
-  EXPECT_EQ(ta.output, Hex("4cd8ba79a9f1e320aa59c44334601a71"));
-  EXPECT_EQ(ta.SharingParameters().substr(0, 32), Str(32, 's'));
-  std::ofstream(ta.folder + "/deleted_0123456789abcdef0123456789abcdef") << "";
-  EXPECT_EQ(ta.Begin(kEncrypt, app), Km(KM_ERROR_INVALID_KEY_BLOB));
-}
-
 TEST_F(TaTest, BlobsOpenForTheirOwnersOnly) {
   const auto named = [](const Str& id, const Str& data) {
     return Ps{{KM_TAG_APPLICATION_ID, id}, {KM_TAG_APPLICATION_DATA, data}};
@@ -158,34 +136,6 @@ TEST_F(TaTest, BlobsOpenForTheirOwnersOnly) {
     EXPECT_EQ(open(Flipped(ta.blob, i), owner), refused) << i;
     EXPECT_EQ(open(ta.blob.substr(0, i), owner), refused) << i;
     EXPECT_EQ(ta.Run(kCmdDeleteKey, In(Flipped(ta.blob, i))), refused) << i;
-  }
-  // A deletion reaches the blobs of both system versions.
-  const Str old = ta.blob;
-  ASSERT_EQ(ta.Configure(kOsVersion, kPatchlevel + 1), 0u);
-  ASSERT_EQ(ta.Run(kCmdUpgrade, In(old), In(Wire(owner)), Out(4096)), 0u);
-  const Str upgraded = ta.slots[2].out;
-  EXPECT_EQ(open(upgraded, owner), 0u);
-  EXPECT_EQ(ta.Run(kCmdDeleteKey, In(upgraded)), 0u);
-  EXPECT_EQ(open(old, owner), refused);
-  EXPECT_EQ(open(upgraded, owner), refused);
-}
-
-TEST_F(TaTest, BlobsFollowTheSystemAndDoNotGoBack) {
-  const struct {
-    uint32_t os_version, patchlevel;  // of the system, after the key was made
-    keymaster_error_t use, upgrade;
-  } rows[] = {
-      {kOsVersion, kPatchlevel, KM_ERROR_OK, KM_ERROR_OK},
-      {kOsVersion + 1, kPatchlevel, KM_ERROR_KEY_REQUIRES_UPGRADE, KM_ERROR_OK},
-      {kOsVersion, kPatchlevel + 1, KM_ERROR_KEY_REQUIRES_UPGRADE, KM_ERROR_OK},
-      {kOsVersion - 1, kPatchlevel + 1, KM_ERROR_INVALID_KEY_BLOB, KM_ERROR_INVALID_ARGUMENT},
-      {kOsVersion + 1, kPatchlevel - 1, KM_ERROR_INVALID_KEY_BLOB, KM_ERROR_INVALID_ARGUMENT},
-  };
-  ASSERT_EQ(ta.Generate(kAes), 0u);
-  for (const auto& row : rows) {
-    ASSERT_EQ(ta.Configure(row.os_version, row.patchlevel), 0u);
-    EXPECT_EQ(ta.TryBegin(kEncrypt, kEcb), Km(row.use)) << &row - rows;
-    EXPECT_EQ(ta.Run(kCmdUpgrade, In(ta.blob), In(Wire({})), Out(4096)), Km(row.upgrade));
   }
 }
 

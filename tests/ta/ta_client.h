@@ -209,15 +209,10 @@ constexpr uint32_t kPatchlevel = 202111;
 struct Instance : Ta {
   explicit Instance(bool configures = true) {
     EXPECT_NE(mkdtemp(folder.data()), nullptr);
-    Select();
+    setenv("KEYMASTER_TA_STATE", folder.c_str(), 1);
     EXPECT_EQ(configures ? Configure(kOsVersion, kPatchlevel) : 0u, 0u);
   }
   ~Instance() { std::filesystem::remove_all(folder); }
-  void Select() { setenv("KEYMASTER_TA_STATE", folder.c_str(), 1); }
-  Str SharingParameters() {
-    EXPECT_EQ(Run(kCmdGetHmacSharingParameters, Out(32), Out(32)), 0u);
-    return slots[0].out + slots[1].out;
-  }
   Str folder = testing::TempDir() + "ta_test_XXXXXX";
 };
 
