@@ -32,11 +32,10 @@ TEST_F(Operation, UpdateSendsItsInputInChunks) {
                                              {17, {{17, 32}}},
                                              {kChunk + 1, {{kChunk, kChunk}, {1, 16}}},
                                              {2 * kChunk, {{kChunk, kChunk}, {kChunk, kChunk}}}};
-  for (const auto& [length, in_chunks] : kRows) {
+  for (const auto& [length, chunks] : kRows) {
     SCOPED_TRACE(length);
-    const Chunks& chunks = in_chunks;
     // The TA gives back what it was given. Only the parameters of the last reply are read.
-    platform().On(kCmdUpdate, [&](const Invocation& seen) {
+    platform().On(kCmdUpdate, [&chunks = chunks](const Invocation& seen) {
       const bool last = platform().invocations.size() + 1 == chunks.size();
       return Reply::Ok().Out(2, last ? kNonce : kTruncated).Out(3, seen.params[1].in);
     });

@@ -18,7 +18,6 @@ using namespace km41;
 
 using CommandIds = std::vector<uint32_t>;
 using Parts = std::vector<Bytes>;
-using Set = std::function<void(Args* args)>;
 
 constexpr int32_t kNullPointer = KM_ERROR_UNEXPECTED_NULL_POINTER,
                   kNoMemory = KM_ERROR_MEMORY_ALLOCATION_FAILED,
@@ -43,7 +42,7 @@ class RequestTest : public KeymasterTest {
     platform().On(command, [reply](const Invocation&) { return reply; });
   }
   // Make makes a request, with arguments that set changes, on new outputs and records.
-  int32_t Make(const char* name, const Set& set = {}) {
+  int32_t Make(const char* name, const std::function<void(Args*)>& set = {}) {
     StateOf(kData);
     Args args(&outputs);
     const Request& request = FindRequest(name);

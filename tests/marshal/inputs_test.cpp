@@ -100,9 +100,10 @@ TEST_F(Inputs, SecureIdFollowsTheFirstTokensAuthenticator) {
   ParamSet set({id, token(1)});
   set[1].blob.data = nullptr;
   keymaster_key_param_set_t none = {&set[0], 0}, no_array = {nullptr, 2};
-  for (keymaster_key_param_set_t* params : {set.get(), &none, &no_array, {nullptr}}) {
+  for (keymaster_key_param_set_t* params : {set.get(), &none, &no_array}) {
     UpdateParamsForSecureid(params, 1000, 2000);
   }
+  UpdateParamsForSecureid(nullptr, 1000, 2000);
   EXPECT_EQ(7u, set[0].long_integer);
 }
 

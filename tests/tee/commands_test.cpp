@@ -265,7 +265,8 @@ TEST_F(Session, OpensToTheKeymasterTaAndOutlastsAnOverrun) {
   EXPECT_EQ(0, memcmp(uuid.data(), &opened.uuid, 16));
   EXPECT_EQ(7u, opened.method);
   EXPECT_EQ(nullptr, opened.connection_data);
-  TEEC_Operation operation{};
+  TEEC_Operation operation;
+  memset(&operation, 0, sizeof(operation));
   operation.started = 1;
   operation.paramTypes = 0x5512;
   EXPECT_EQ(0, memcmp(&operation, &opened.operation, sizeof(operation)));
