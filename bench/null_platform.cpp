@@ -128,13 +128,13 @@ int32_t RawCommand(uint32_t command, TEEC_Operation* operation) {
   return static_cast<int32_t>(result);
 }
 
-RepeatedRequest::RepeatedRequest(const test::Request& request) : method_(*request.method) {
+RepeatedRequest::RepeatedRequest(const test::Request& request) : call_(request.call) {
   Clear(&outputs_);
   request.Prepare(&args_);
 }
 
 int32_t RepeatedRequest::Run(const Script* raw) {
-  const int32_t result = raw == nullptr ? method_.call(args_) : RawCommands(*raw);
+  const int32_t result = raw == nullptr ? call_(args_) : RawCommands(*raw);
   Free(outputs_);
   Clear(&outputs_);
   return result;
@@ -144,7 +144,7 @@ std::vector<test::Request> MeasuredRequests() {
   std::vector<test::Request> measured;
   for (const test::Request& request : test::Requests()) {
     const std::string name = request.name;
-    if (strncmp(request.method->name, "Tivas", 5) == 0 && name != "GenerateRsa") {
+    if (strncmp(request.method, "Tivas", 5) == 0 && name != "GenerateRsa") {
       measured.push_back(request);
       measured.back().set = name == "Update" ? nullptr : request.set;
     }

@@ -40,7 +40,7 @@ class RepeatedRequest {
   int32_t Run(const Script* raw);
 
  private:
-  const test::Method& method_;
+  int32_t (*const call_)(const test::Args&);
   test::Outputs outputs_;
   test::Args args_{&outputs_};
 };

@@ -106,14 +106,18 @@ Reply Answer(Input* input, const Invocation& invocation) {
 // The table's, and the two that no TA sees.
 const std::vector<Request>& AllRequests() {
   static keymaster::KeymasterTivasContext km;
-  static const test::Method init = {"InitTeeContext",
-                                    [](const Args&) { return km.InitTeeContext(); }};
-  static const test::Method finish = {"FinishTeeContext",
-                                      [](const Args&) { return km.FinishTeeContext(); }};
   static const std::vector<Request> all = [] {
     std::vector<Request> requests = test::Requests();
-    requests.push_back({init.name, &init, nullptr, {}});
-    requests.push_back({finish.name, &finish, nullptr, {}});
+    requests.push_back({"InitTeeContext",
+                        "InitTeeContext",
+                        [](const Args&) { return km.InitTeeContext(); },
+                        nullptr,
+                        {}});
+    requests.push_back({"FinishTeeContext",
+                        "FinishTeeContext",
+                        [](const Args&) { return km.FinishTeeContext(); },
+                        nullptr,
+                        {}});
     return requests;
   }();
   return all;
@@ -239,7 +243,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (int i = 0; i < kMostRequests && !input.empty(); ++i) {
     number = input.U8() % AllRequests().size();
     const Request& request = AllRequests()[number];
-    const std::string_view method = request.method->name;
+    const std::string_view method = request.method;
     const uint8_t variant = input.U8();
     fuzz::Serve(
         request, [&](Args* args) { Vary(method, variant, args); },

@@ -4,7 +4,6 @@
 #include <openssl/err.h>
 #include <sanitizer/allocator_interface.h>
 
-#include "tests/requests/contract.h"
 #include "wire/ta_protocol.h"
 
 namespace fuzz {
@@ -29,7 +28,7 @@ test::Observed ObserveBlocks(test::Outputs* outputs) {
 
 States AllowedAfter(int32_t result, const test::Request& request, test::Output output) {
   const auto column = [&](States Contract::*failure) {
-    return test::Allowed(request.method->name, output, failure);
+    return test::Allowed(request.method, output, failure);
   };
   if (result == 0) return column(&Contract::success);
   int replies = 0;
@@ -73,7 +72,7 @@ Served Serve(const test::Request& request, const Change& change, const Look& loo
                                              args.out_params, args.chain,           outputs.hmac};
   platform().judge_bound = IsReadable;
   platform().ClearRecords();
-  const int32_t result = request.method->call(args);
+  const int32_t result = request.call(args);
   if (look) look(result, args);
   const Served served = {result, ObserveBlocks(&outputs)};
   for (int i = 0; i < test::kOutputs; ++i) {

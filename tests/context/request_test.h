@@ -48,7 +48,7 @@ class RequestTest : public KeymasterTest {
     const Request& request = FindRequest(name);
     request.Prepare(&args);
     if (set) set(&args);
-    return request.method->call(args);
+    return request.call(args);
   }
   // MakeOf does so where params[2] of the reply to its first command is this.
   int32_t MakeOf(const char* name, const Bytes& reply) {

@@ -23,22 +23,12 @@ const Bytes kKey = BlobBytes(fixture().blob.key), kInput = BlobBytes(fixture().i
 const Param kClient(KM_TAG_APPLICATION_ID, kSecret), kApp(KM_TAG_APPLICATION_DATA, kSecret);
 const Bytes kBoth = TwoLists({}, {kClient, kApp}), kAppOnly = TwoLists({}, {kApp}),
             kEmptyId = TwoLists({}, {{KM_TAG_APPLICATION_ID, Bytes()}, kApp});
-constexpr keymaster_blob_t kEmptyBlob = {nullptr, 0}, kHollowBlob = {nullptr, 32};
+constexpr keymaster_blob_t kEmptyBlob = {nullptr, 0};
 constexpr int64_t kOs = KM_TAG_OS_VERSION, kPatch = KM_TAG_OS_PATCHLEVEL;
 
 Bytes Versions(uint32_t os, uint32_t patch) { return Cat({Le32(os), Le32(patch)}); }
 
-void NoParams(Args* a) { a->params = nullptr; }
-void NoClient(Args* a) { a->client_id = nullptr; }
-void NoClientNorData(Args* a) { a->client_id = a->app_data = nullptr; }
 void EmptyClient(Args* a) { a->client_id = &kEmptyBlob; }
-void NoSignature(Args* a) { a->signature = nullptr; }
-
-template <size_t kLength>
-void InputOf(Args* a) {
-  static const keymaster_blob_t input = {fixture().long_input.data(), kLength};
-  a->input = &input;
-}
 
 Bytes Begin(const Fenced& bytes, size_t length) { return {bytes.data(), bytes.data() + length}; }
 
@@ -55,29 +45,29 @@ const Row kRows[] = {
     {"GenerateEc", {kEc}},
     {"ImportRaw", {kEc, BlobBytes(fixture().mask.blob), Le64(1)}},
     {"ExportRsa", {kKey, kBoth}},
-    {"ExportRsa", {kKey, kAppOnly}, NoClient},
-    {"ExportRsa", {kKey}, NoClientNorData},
+    {"ExportRsa", {kKey, kAppOnly}, No<&Args::client_id>},
+    {"ExportRsa", {kKey}, No<&Args::client_id, &Args::app_data>},
     {"ExportRsa", {kKey, kEmptyId}, EmptyClient},
     {"ExportEc", {Text("an EC key"), kBoth}},
     {"GetKeyCharacteristics", {kKey, kBoth}},
-    {"GetKeyCharacteristics", {kKey, kAppOnly}, NoClient},
+    {"GetKeyCharacteristics", {kKey, kAppOnly}, No<&Args::client_id>},
     {"UpgradeKey", {kKey, kOperation}},
     {"Deletekey", {kKey}},
     {"AttestKey", {kKey, kOperation}, nullptr, {}, 8192},
     {"Begin", {kKey, kOperation, Le64(KM_PURPOSE_SIGN)}},
-    {"Begin", {kKey, Le64(KM_PURPOSE_SIGN)}, NoParams},
+    {"Begin", {kKey, Le64(KM_PURPOSE_SIGN)}, No<&Args::params>},
     {"Update", {kOperation, Begin(fixture().long_input, 0x80000), Le64(7)}},
     {"UpdateAssociatedData", {kOperation, Le64(7)}},
     {"Finish", {kOperation, FinishInput(kInput, kInput), Le64(7)}},
-    {"Finish", {FinishInput(kInput, kInput), Le64(7)}, NoParams},
-    {"Finish", {kOperation, FinishInput(kInput, {}), Le64(7)}, NoSignature},
+    {"Finish", {FinishInput(kInput, kInput), Le64(7)}, No<&Args::params>},
+    {"Finish", {kOperation, FinishInput(kInput, {}), Le64(7)}, No<&Args::signature>},
     {"Finish", {kOperation, FinishInput(Begin(fixture().long_input, 4096), kInput), Le64(7)},
      InputOf<4096>},
-    {"Finish", {kOperation, FinishInput({}, kInput), Le64(7)}, [](Args* a) { a->input = nullptr; }},
+    {"Finish", {kOperation, FinishInput({}, kInput), Le64(7)}, No<&Args::input>},
     {"Finish", {kOperation, FinishInput({}, {}), Le64(7)},
-     [](Args* a) { InputOf<0>(a); NoSignature(a); }},
-    {"Finish", {kOperation, Le64(7)}, [](Args* a) { a->input = a->signature = nullptr; }},
-    {"Finish", {kOperation, Le64(7)}, [](Args* a) { a->input = a->signature = &kHollowBlob; }},
+     [](Args* a) { InputOf<0>(a); a->signature = nullptr; }},
+    {"Finish", {kOperation, Le64(7)}, No<&Args::input, &Args::signature>},
+    {"Finish", {kOperation, Le64(7)}, [](Args* a) { Hollow<&Args::input>(a); a->signature = a->input; }},
     {"Abort", {Le64(0x0123456789ABCDEF)}, [](Args* a) { a->handle = 0x0123456789ABCDEF; }},
     {"VerifyAuthorization", {kOperation, Cat({Le64(5), AuthToken(5, 7, 2)}), Bytes(8)}},
     {"EarlyBootEnded", {}},

@@ -15,38 +15,12 @@ constexpr int32_t kNullPointer = KM_ERROR_UNEXPECTED_NULL_POINTER,
                   kUnimplemented = KM_ERROR_UNIMPLEMENTED,
                   kTeeBadParameters = static_cast<int32_t>(0xFFFF0006);
 
-// Blobs and sets that say they hold something and do not.
-constexpr keymaster_key_blob_t kHollowKey = {nullptr, 32};
-constexpr keymaster_blob_t kHollowBlob = {nullptr, 32};
-constexpr keymaster_key_param_set_t kHollowSet = {nullptr, 1}, kEmptySet = {nullptr, 0};
+void EmptyParams(Args* a) { a->params = fixture().none.get(); }
 
-void NoParams(Args* a) { a->params = nullptr; }
-void HollowParams(Args* a) { a->params = &kHollowSet; }
-void EmptyParams(Args* a) { a->params = &kEmptySet; }
-void NoKey(Args* a) { a->key = nullptr; }
-void HollowKey(Args* a) { a->key = &kHollowKey; }
-void NoMask(Args* a) { a->mask = nullptr; }
-void NoWrapped(Args* a) { a->wrapped = nullptr; }
-void NoUnwrappingParams(Args* a) { a->unwrapping_params = nullptr; }
-void NoInput(Args* a) { a->input = nullptr; }
-void HollowInput(Args* a) { a->input = &kHollowBlob; }
-void NoKeyBlob(Args* a) { a->key_blob = nullptr; }
-void NoCharacteristics(Args* a) { a->characteristics = nullptr; }
-void NoData(Args* a) { a->data = nullptr; }
-void NoNumber(Args* a) { a->number = nullptr; }
-void NoChain(Args* a) { a->chain = nullptr; }
-void NoToken(Args* a) { a->token = nullptr; }
-void NoHmac1(Args* a) { a->hmac1 = nullptr; }
-void NoHmac2(Args* a) { a->hmac2 = nullptr; }
-void NoSharingParams(Args* a) { a->sharing_params = nullptr; }
-void HollowWrapped(Args* a) { a->wrapped = &kHollowKey; }
-void NoIv(Args* a) { a->iv = nullptr; }
-void NoDescription(Args* a) { a->description = nullptr; }
-void AsPkcs8(Args* a) { a->format = KM_KEY_FORMAT_PKCS8; }
-void AsX509(Args* a) { a->format = KM_KEY_FORMAT_X509; }
-void AsRaw(Args* a) { a->format = KM_KEY_FORMAT_RAW; }
-
-void HollowClient(Args* a) { a->client_id = &kHollowBlob; }
+template <keymaster_key_format_t kFormat>
+void As(Args* a) {
+  a->format = kFormat;
+}
 
 // What is missing last shows in which order the arguments are looked at.
 template <auto... kSets>
@@ -55,25 +29,10 @@ void All(Args* a) {
 }
 
 template <size_t kLength>
-void InputOf(Args* a) {
-  static const keymaster_blob_t input = {fixture().long_input.data(), kLength};
-  a->input = &input;
-}
-
-// Says it is longer than it is: refused before it is read.
-template <size_t kLength>
-void ClaimedInput(Args* a) {
-  static const keymaster_blob_t input = {fixture().input.data(), kLength};
-  a->input = &input;
-}
-
-template <size_t kLength>
 void MaskOf(Args* a) {
   static const keymaster_key_blob_t mask = {fixture().mask.data(), kLength};
   a->mask = &mask;
 }
-
-void HollowMask(Args* a) { a->mask = &kHollowKey; }
 
 // An Ed25519 key, which no import takes.
 void Ed25519(Args* a) {
@@ -101,16 +60,17 @@ Params RsaOf(uint64_t bits, uint64_t exponent) {
 
 // clang-format off
 const std::vector<ArgumentCase> kCases = {
-    {"Configure", "no set", kNullPointer, NoParams},
-    {"Configure", "a set without its array", kNullPointer, HollowParams},
+    {"Configure", "no set", kNullPointer, No<&Args::params>},
+    {"Configure", "a set without its array", kNullPointer, Hollow<&Args::params>},
     {"Configure", "an empty set", kInvalid, EmptyParams},
     {"Configure", "no patch level", kInvalid, nullptr, {{KM_TAG_OS_VERSION, 130000}}},
     {"Configure", "no version", kInvalid, nullptr, {{KM_TAG_OS_PATCHLEVEL, 202211}}},
 
-    {"GenerateEc", "neither set nor key blob", kNullPointer, All<NoParams, NoKeyBlob>},
-    {"GenerateEc", "a set without its array", kNullPointer, HollowParams},
-    {"GenerateEc", "no array and no key blob", kNullOutput, All<HollowParams, NoKeyBlob>},
-    {"GenerateRsa", "no key blob", kNullOutput, NoKeyBlob},
+    {"GenerateEc", "neither set nor key blob", kNullPointer, No<&Args::params, &Args::key_blob>},
+    {"GenerateEc", "a set without its array", kNullPointer, Hollow<&Args::params>},
+    {"GenerateEc", "no array and no key blob", kNullOutput,
+     All<Hollow<&Args::params>, No<&Args::key_blob>>},
+    {"GenerateRsa", "no key blob", kNullOutput, No<&Args::key_blob>},
     {"GenerateRsa", "no exponent and no size", kInvalid, nullptr, {{KM_TAG_ALGORITHM, 1}}},
     {"GenerateRsa", "an exponent of 33 bits", kInvalid, nullptr, RsaOf(512, 1ull << 32)},
     {"GenerateRsa", "an exponent of 32 bits", 0, nullptr, RsaOf(512, 0xFFFFFFFF), {}, 1},
@@ -123,107 +83,118 @@ const std::vector<ArgumentCase> kCases = {
     {"GenerateRsa", "an even exponent", KM_ERROR_UNKNOWN_ERROR, nullptr, RsaOf(512, 4)},
     {"GenerateRsa", "the largest size", KM_ERROR_UNKNOWN_ERROR, nullptr, RsaOf(4096, 4)},
 
-    {"ImportRaw", "neither set nor key blob", kNullPointer, All<NoParams, NoKeyBlob>},
-    {"ImportRaw", "neither key nor key blob", kNullPointer, All<NoInput, NoKeyBlob>},
-    {"ImportRaw", "no array and no key blob", kNullOutput, All<HollowParams, NoKeyBlob>},
-    {"ImportRaw", "a set without its array", kMemory, HollowParams},
-    {"ImportRaw", "X.509", kBadFormat, AsX509},
-    {"ImportRaw", "a key without its bytes", kTeeBadParameters, HollowInput},
-    {"ImportEc", "a key without its bytes", kBadFormat, HollowInput},
+    {"ImportRaw", "neither set nor key blob", kNullPointer, No<&Args::params, &Args::key_blob>},
+    {"ImportRaw", "neither key nor key blob", kNullPointer, No<&Args::input, &Args::key_blob>},
+    {"ImportRaw", "no array and no key blob", kNullOutput,
+     All<Hollow<&Args::params>, No<&Args::key_blob>>},
+    {"ImportRaw", "a set without its array", kMemory, Hollow<&Args::params>},
+    {"ImportRaw", "X.509", kBadFormat, As<KM_KEY_FORMAT_X509>},
+    {"ImportRaw", "a key without its bytes", kTeeBadParameters, Hollow<&Args::input>},
+    {"ImportEc", "a key without its bytes", kBadFormat, Hollow<&Args::input>},
     {"ImportEc", "no PKCS#8 at all", kBadFormat, InputOf<64>},
     {"ImportEc", "Ed25519", kBadFormat, Ed25519},
 
-    {"ExportRsa", "neither key nor output", kNullPointer, All<NoKey, NoData>},
-    {"ExportRsa", "a key without its bytes", kNullPointer, HollowKey},
-    {"ExportRsa", "no bytes of a client and no output", kNullOutput, All<HollowClient, NoData>},
-    {"ExportRsa", "a client without its bytes", kMemory, HollowClient, {}, {kData}},
-    {"ExportRsa", "PKCS#8", kBadFormat, AsPkcs8, {}, {kData}},
-    {"ExportRsa", "raw", kBadFormat, AsRaw, {}, {kData}},
+    {"ExportRsa", "neither key nor output", kNullPointer, No<&Args::key, &Args::data>},
+    {"ExportRsa", "a key without its bytes", kNullPointer, Hollow<&Args::key>},
+    {"ExportRsa", "no bytes of a client and no output", kNullOutput,
+     All<Hollow<&Args::client_id>, No<&Args::data>>},
+    {"ExportRsa", "a client without its bytes", kMemory, Hollow<&Args::client_id>, {}, {kData}},
+    {"ExportRsa", "PKCS#8", kBadFormat, As<KM_KEY_FORMAT_PKCS8>, {}, {kData}},
+    {"ExportRsa", "raw", kBadFormat, As<KM_KEY_FORMAT_RAW>, {}, {kData}},
 
-    {"GetKeyCharacteristics", "neither key nor output", kNullPointer, All<NoKey, NoCharacteristics>},
-    {"GetKeyCharacteristics", "a key without its bytes", kNullPointer, HollowKey},
+    {"GetKeyCharacteristics", "neither key nor output", kNullPointer,
+     No<&Args::key, &Args::characteristics>},
+    {"GetKeyCharacteristics", "a key without its bytes", kNullPointer, Hollow<&Args::key>},
     {"GetKeyCharacteristics", "no bytes of a client and no output", kNullOutput,
-     All<HollowClient, NoCharacteristics>},
-    {"GetKeyCharacteristics", "a client without its bytes", kMemory, HollowClient},
+     All<Hollow<&Args::client_id>, No<&Args::characteristics>>},
+    {"GetKeyCharacteristics", "a client without its bytes", kMemory, Hollow<&Args::client_id>},
 
-    {"UpgradeKey", "neither key nor output", kNullPointer, All<NoKey, NoKeyBlob>},
-    {"UpgradeKey", "a key without its bytes", kTeeBadParameters, HollowKey},
-    {"UpgradeKey", "neither set nor output", kNullPointer, All<NoParams, NoKeyBlob>},
-    {"UpgradeKey", "no array and no output", kNullOutput, All<HollowParams, NoKeyBlob>},
-    {"UpgradeKey", "a set without its array", kMemory, HollowParams},
+    {"UpgradeKey", "neither key nor output", kNullPointer, No<&Args::key, &Args::key_blob>},
+    {"UpgradeKey", "a key without its bytes", kTeeBadParameters, Hollow<&Args::key>},
+    {"UpgradeKey", "neither set nor output", kNullPointer, No<&Args::params, &Args::key_blob>},
+    {"UpgradeKey", "no array and no output", kNullOutput,
+     All<Hollow<&Args::params>, No<&Args::key_blob>>},
+    {"UpgradeKey", "a set without its array", kMemory, Hollow<&Args::params>},
 
-    {"Deletekey", "no key", kUnimplemented, NoKey},
-    {"Deletekey", "a key without its bytes", kUnimplemented, HollowKey},
+    {"Deletekey", "no key", kUnimplemented, No<&Args::key>},
+    {"Deletekey", "a key without its bytes", kUnimplemented, Hollow<&Args::key>},
 
-    {"AttestKey", "no key", kNullPointer, NoKey},
-    {"AttestKey", "a key without its bytes", kTeeBadParameters, HollowKey},
-    {"AttestKey", "no set", kNullPointer, NoParams},
-    {"AttestKey", "a set without its array", kNullPointer, HollowParams},
-    {"AttestKey", "no output", kNullPointer, NoChain},
+    {"AttestKey", "no key", kNullPointer, No<&Args::key>},
+    {"AttestKey", "a key without its bytes", kTeeBadParameters, Hollow<&Args::key>},
+    {"AttestKey", "no set", kNullPointer, No<&Args::params>},
+    {"AttestKey", "a set without its array", kNullPointer, Hollow<&Args::params>},
+    {"AttestKey", "no output", kNullPointer, No<&Args::chain>},
     {"AttestKey", "device-unique attestation, even if false", kUnimplemented, nullptr,
      {{KM_TAG_OS_VERSION, 1}, {KM_TAG_DEVICE_UNIQUE_ATTESTATION, 0}}},
 
-    {"Begin", "neither key nor handle", kNullPointer, All<NoKey, NoNumber>},
-    {"Begin", "no bytes of a key and no handle", kNullPointer, All<HollowKey, NoNumber>},
-    {"Begin", "a set without its array", kMemory, HollowParams, {}, {kParams}},
-    {"Begin", "no handle", kMemory, NoNumber},
+    {"Begin", "neither key nor handle", kNullPointer, No<&Args::key, &Args::number>},
+    {"Begin", "no bytes of a key and no handle", kNullPointer,
+     All<Hollow<&Args::key>, No<&Args::number>>},
+    {"Begin", "a set without its array", kMemory, Hollow<&Args::params>, {}, {kParams}},
+    {"Begin", "no handle", kMemory, No<&Args::number>},
 
-    {"Update", "nowhere to count", kNullOutput, NoNumber},
-    {"Update", "a length near 2^32", kNullPointer, ClaimedInput<0xFFFFFFF0>},
-    {"Update", "a length of 2^32", kBadLength, ClaimedInput<0x100000000>},
-    {"UpdateAssociatedData", "no set", kNullPointer, NoParams},
+    {"Update", "nowhere to count", kNullOutput, No<&Args::number>},
+    {"Update", "a length near 2^32", kNullPointer, InputOf<0xFFFFFFF0>},
+    {"Update", "a length of 2^32", kBadLength, InputOf<0x100000000>},
+    {"UpdateAssociatedData", "no set", kNullPointer, No<&Args::params>},
     {"UpdateAssociatedData", "an empty set", kNullPointer, EmptyParams},
-    {"UpdateAssociatedData", "a set without its array", kNullPointer, HollowParams},
+    {"UpdateAssociatedData", "a set without its array", kNullPointer, Hollow<&Args::params>},
     {"UpdateAssociatedData", "no such data", kNullPointer, nullptr, {{KM_TAG_KEY_SIZE, 1}}},
 
     {"Finish", "4096 bytes", 0, InputOf<4096>, {}, {}, 1},
     {"Finish", "4097 bytes", kBadLength, InputOf<4097>, {}, {kParams}},
     {"FinishNew", "4032 bytes", 0, InputOf<4032>, {}, {}, 1},
     {"FinishNew", "4033 bytes", 0, InputOf<4033>, {}, {}, 2},
-    {"FinishLarge", "no input", kNullPointer, NoInput, {}, {kParams, kData}},
-    {"FinishLarge", "an input without its bytes", kNullPointer, HollowInput, {}, {kParams, kData}},
+    {"FinishLarge", "no input", kNullPointer, No<&Args::input>, {}, {kParams, kData}},
+    {"FinishLarge", "an input without its bytes", kNullPointer, Hollow<&Args::input>, {}, {kParams,
+     kData}},
     {"FinishLarge", "4032 bytes", kBadLength, InputOf<4032>, {}, {kParams, kData}},
-    {"FinishLarge", "no output", kNullPointer, NoData, {}, {kParams}, 2},
+    {"FinishLarge", "no output", kNullPointer, No<&Args::data>, {}, {kParams}, 2},
 
-    {"VerifyAuthorization", "no set", kNullPointer, NoParams, {}, {kParams}},
-    {"VerifyAuthorization", "no auth token", kNullPointer, NoInput, {}, {kParams}},
-    {"VerifyAuthorization", "no token", kNullPointer, NoToken, {}, {kParams}},
-    {"VerifyAuthorization", "an auth token without its bytes", kMemory, HollowInput, {}, {kParams}},
-    {"GetHmacSharingParameters", "no first buffer", kTeeBadParameters, NoHmac1},
-    {"GetHmacSharingParameters", "no second buffer", kTeeBadParameters, NoHmac2},
-    {"ComputeSharedHmac", "no parameters", kNullPointer, NoSharingParams},
-    {"ComputeSharedHmac", "no output", kNullPointer, NoData},
+    {"VerifyAuthorization", "no set", kNullPointer, No<&Args::params>, {}, {kParams}},
+    {"VerifyAuthorization", "no auth token", kNullPointer, No<&Args::input>, {}, {kParams}},
+    {"VerifyAuthorization", "no token", kNullPointer, No<&Args::token>, {}, {kParams}},
+    {"VerifyAuthorization", "an auth token without its bytes", kMemory, Hollow<&Args::input>, {},
+     {kParams}},
+    {"GetHmacSharingParameters", "no first buffer", kTeeBadParameters, No<&Args::hmac1>},
+    {"GetHmacSharingParameters", "no second buffer", kTeeBadParameters, No<&Args::hmac2>},
+    {"ComputeSharedHmac", "no parameters", kNullPointer, No<&Args::sharing_params>},
+    {"ComputeSharedHmac", "no output", kNullPointer, No<&Args::data>},
 
-    {"ImportWrappedKey", "no wrapper", kNullPointer, NoWrapped},
+    {"ImportWrappedKey", "no wrapper", kNullPointer, No<&Args::wrapped>},
     {"ImportWrappedKey", "no bytes of a wrapper and no key blob", kNullPointer,
-     All<HollowWrapped, NoKeyBlob>},
-    {"ImportWrappedKey", "no wrapping key", kNullPointer, NoKey},
-    {"ImportWrappedKey", "no mask", kNullPointer, NoMask},
-    {"ImportWrappedKey", "no key blob and no set", kNullOutput, All<NoUnwrappingParams, NoKeyBlob>},
-    {"ImportWrappedKey", "no unwrapping set", kNullPointer, NoUnwrappingParams, {}, {}, 1},
+     All<Hollow<&Args::wrapped>, No<&Args::key_blob>>},
+    {"ImportWrappedKey", "no wrapping key", kNullPointer, No<&Args::key>},
+    {"ImportWrappedKey", "no mask", kNullPointer, No<&Args::mask>},
+    {"ImportWrappedKey", "no key blob and no set", kNullOutput,
+     No<&Args::unwrapping_params, &Args::key_blob>},
+    {"ImportWrappedKey", "no unwrapping set", kNullPointer, No<&Args::unwrapping_params>, {}, {},
+     1},
     {"ImportWrappedKey", "a mask of 31 bytes", kInvalid, MaskOf<31>, {}, {}, 3},
 
-    {"UnwrappedKey", "no wrapper", kNullPointer, NoWrapped},
-    {"UnwrappedKey", "no output", kNullPointer, NoData},
-    {"UnwrappedKey", "no wrapping key", kNullPointer, NoKey},
-    {"UnwrappedKey", "no mask", kNullPointer, NoMask, {}, {}, 3},
-    {"UnwrappedKey", "a mask without its bytes", kNullPointer, HollowMask, {}, {}, 3},
+    {"UnwrappedKey", "no wrapper", kNullPointer, No<&Args::wrapped>},
+    {"UnwrappedKey", "no output", kNullPointer, No<&Args::data>},
+    {"UnwrappedKey", "no wrapping key", kNullPointer, No<&Args::key>},
+    {"UnwrappedKey", "no mask", kNullPointer, No<&Args::mask>, {}, {}, 3},
+    {"UnwrappedKey", "a mask without its bytes", kNullPointer, Hollow<&Args::mask>, {}, {}, 3},
     {"UnwrappedKey", "neither material nor tag", kBadLength, Wrapped<0, 0>, {}, {}, 3},
     {"UnwrappedKey", "no material", 0, Wrapped<0, 16>, {}, {}, 6},
     {"UnwrappedKey", "one byte of material", 0, Wrapped<1, 0>, {}, {}, 6},
     {"UnwrappedKey", "one byte of tag", 0, Wrapped<0, 1>, {}, {}, 6},
 
-    {"DecryptTransitKeyMaterial", "no set", kNullPointer, NoUnwrappingParams, {}, {kData}},
-    {"DecryptTransitKeyMaterial", "no encrypted key", kNullPointer, NoWrapped, {}, {kData}},
-    {"DecryptTransitKeyMaterial", "no output", kNullPointer, NoData},
-    {"TransitKeyRsaDecrypt", "no wrapping key", kNullPointer, NoKey},
-    {"TransitKeyRsaDecrypt", "no encrypted key", kNullPointer, NoWrapped},
-    {"TransitKeyRsaDecrypt", "no output", kNullPointer, NoData},
-    {"WrappedKeyAesGcmDecrypt", "no transit key", kNullPointer, NoInput},
-    {"WrappedKeyAesGcmDecrypt", "no IV", kNullPointer, NoIv},
-    {"WrappedKeyAesGcmDecrypt", "no description", kNullPointer, NoDescription},
-    {"WrappedKeyAesGcmDecrypt", "no payload", kNullPointer, NoWrapped},
-    {"WrappedKeyAesGcmDecrypt", "no output", kNullPointer, NoData},
+    {"DecryptTransitKeyMaterial", "no set", kNullPointer, No<&Args::unwrapping_params>, {},
+     {kData}},
+    {"DecryptTransitKeyMaterial", "no encrypted key", kNullPointer, No<&Args::wrapped>, {},
+     {kData}},
+    {"DecryptTransitKeyMaterial", "no output", kNullPointer, No<&Args::data>},
+    {"TransitKeyRsaDecrypt", "no wrapping key", kNullPointer, No<&Args::key>},
+    {"TransitKeyRsaDecrypt", "no encrypted key", kNullPointer, No<&Args::wrapped>},
+    {"TransitKeyRsaDecrypt", "no output", kNullPointer, No<&Args::data>},
+    {"WrappedKeyAesGcmDecrypt", "no transit key", kNullPointer, No<&Args::input>},
+    {"WrappedKeyAesGcmDecrypt", "no IV", kNullPointer, No<&Args::iv>},
+    {"WrappedKeyAesGcmDecrypt", "no description", kNullPointer, No<&Args::description>},
+    {"WrappedKeyAesGcmDecrypt", "no payload", kNullPointer, No<&Args::wrapped>},
+    {"WrappedKeyAesGcmDecrypt", "no output", kNullPointer, No<&Args::data>},
 };
 // clang-format on
 

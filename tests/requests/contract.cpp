@@ -1,4 +1,4 @@
-#include "tests/requests/contract.h"
+#include "tests/requests/requests.h"
 
 namespace test {
 namespace {

@@ -11,7 +11,6 @@
 
 #include "tests/platform/keymaster_test.h"
 #include "tests/requests/commands.h"
-#include "tests/requests/contract.h"
 #include "tests/requests/wire.h"
 #include "tests/sweep/failures.h"
 #include "tests/sweep/scenario.h"
@@ -119,7 +118,7 @@ class Sweep : public TrackedTest, public ::testing::WithParamInterface<Request> 
   void ExpectOutcome(const Outcome& outcome, const Kinds& kinds) {
     if (outcome.result != 0 || kinds.count("reply") == 0) ExpectDocumented(outcome.result, kinds);
     const Column column = ColumnOf(outcome.result);
-    const std::string_view method = GetParam().method->name;
+    const std::string_view method = GetParam().method;
     for (int i = 0; i < kOutputs; ++i) {
       const auto output = static_cast<Output>(i);
       const States state = outcome.observed.states[i], allowed = Allowed(method, output, column);
