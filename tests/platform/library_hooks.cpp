@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <initializer_list>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -25,52 +25,15 @@ namespace {
 
 using Word = uintptr_t;
 
-using Names = std::initializer_list<const char*>;
-// The calls into libcrypto that fail with null or 0. All take at most six words and return one.
-constexpr Names kCrypto = {
-    "RSA_generate_key_ex",
-    "RSA_new",
-    "RSA_set0_key",
-    "BN_new",
-    "BN_bin2bn",
-    "BN_set_word",
-    "EVP_PKEY_new",
-    "EVP_PKEY_assign",
-    "EVP_PKEY_assign_RSA",
-    "EVP_PKEY_set1_EC_KEY",
-    "EVP_PKEY_get1_RSA",
-    "EVP_PKEY_get1_EC_KEY",
-    "EVP_PKCS82PKEY",
-    "EC_KEY_new_by_curve_name",
-    "EC_KEY_set_public_key_affine_coordinates",
-    "d2i_PKCS8_PRIV_KEY_INFO",
-    "EC_POINT_get_affine_coordinates_GFp",
-    "i2d_PUBKEY",
-    "_ZN9keymaster10dup_bufferEPKvm"};  // no part of it, and allocates as unseen
-// Those that cannot.
-constexpr Names kInfallible = {"BN_bn2bin",
-                               "BN_free",
-                               "BN_num_bits",
-                               "BN_num_bytes",
-                               "EC_GROUP_get_curve_name",
-                               "EC_KEY_free",
-                               "EC_KEY_get0_group",
-                               "EC_KEY_get0_private_key",
-                               "EC_KEY_get0_public_key",
-                               "EC_KEY_get_conv_form",
-                               "EC_KEY_set_conv_form",
-                               "EVP_PKEY_free",
-                               "EVP_PKEY_get_id",
-                               "EVP_PKEY_id",
-                               "PKCS8_PRIV_KEY_INFO_free",
-                               "RSA_free",
-                               "RSA_get0_crt_params",
-                               "RSA_get0_factors",
-                               "RSA_get0_key"};
+// All that the library calls of libcrypto fails with null or 0, takes at most six words and returns
+// one, but for what has one of these in its name, which cannot fail.
+constexpr const char* kInfallible[] = {"_free",     "_get0_",         "_num_",   "BN_bn2bin",
+                                       "conv_form", "get_curve_name", "PKEY_id", "PKEY_get_id"};
+// No part of libcrypto, and allocates as unseen.
+constexpr char kDupBuffer[] = "_ZN9keymaster10dup_bufferEPKvm";
 // What would escape the count of allocations.
-constexpr Names kUnwanted = {"calloc",        "realloc",        "strdup", "strndup",
-                             "aligned_alloc", "posix_memalign", "_Znwm",  "_Znam"};
-constexpr size_t kGenerateRsa = 0;
+constexpr const char* kUnwanted[] = {"calloc",        "realloc",        "strdup", "strndup",
+                                     "aligned_alloc", "posix_memalign", "_Znwm",  "_Znam"};
 constexpr size_t kPiece = 16;
 
 // Behind each block stands what must be neither read nor written. To who reads one entry beyond an
@@ -87,7 +50,13 @@ constexpr size_t kGuardSize = sizeof(Guard);
 #endif
 std::atomic<const Guard*> g_guard{&kBytesGuard};
 
-Word g_real[kCrypto.size()];
+// The calls into libcrypto that fail, as they were found.
+struct Crypto {
+  std::string name;
+  Word real;
+};
+Crypto g_crypto[32];
+size_t g_crypto_count = 0;
 std::string g_failed_crypto;
 
 std::mutex g_mutex;
@@ -98,13 +67,14 @@ std::atomic<bool> g_tracking{false}, g_watching{false};
 
 template <size_t kIndex>
 Word CryptoHook(Word a, Word b, Word c, Word d, Word e, Word f) {
+  const Crypto& call = g_crypto[kIndex];
   if (TakeFault(Call::kCrypto)) {
-    if (g_failed_crypto.empty()) g_failed_crypto = kCrypto.begin()[kIndex];
+    if (g_failed_crypto.empty()) g_failed_crypto = call.name;
     return 0;
   }
-  const auto real = reinterpret_cast<Word (*)(Word, Word, Word, Word, Word, Word)>(g_real[kIndex]);
+  const auto real = reinterpret_cast<Word (*)(Word, Word, Word, Word, Word, Word)>(call.real);
   const Word result = real(a, b, c, d, e, f);
-  if (kIndex != kGenerateRsa || !g_watching) return result;
+  if (!g_watching || call.name != "RSA_generate_key_ex") return result;
   const RSA* key = reinterpret_cast<const RSA*>(a);
   for (const BIGNUM* number : {RSA_get0_d(key), RSA_get0_p(key), RSA_get0_q(key),
                                RSA_get0_dmp1(key), RSA_get0_dmq1(key), RSA_get0_iqmp(key)}) {
@@ -114,8 +84,9 @@ Word CryptoHook(Word a, Word b, Word c, Word d, Word e, Word f) {
 }
 
 template <size_t... kIndex>
-std::array<Word, kCrypto.size()> CryptoHooks(std::index_sequence<kIndex...>) {
-  return {reinterpret_cast<Word>(&CryptoHook<kIndex>)...};
+Word CryptoHookAt(size_t index, std::index_sequence<kIndex...>) {
+  constexpr Word (*kHooks[])(Word, Word, Word, Word, Word, Word) = {CryptoHook<kIndex>...};
+  return reinterpret_cast<Word>(kHooks[index]);
 }
 
 void* MallocHook(size_t size) {
@@ -177,28 +148,25 @@ void Redirect(Word* slot, Word hook) {
   *slot = hook;
 }
 
+bool IsCrypto(const std::string& name) {
+  const auto prefixes = {"BN", "EC", "EVP", "RSA", "PKCS8", "d2i", "i2d"};
+  const std::string prefix = name.substr(0, name.find('_'));
+  return std::find(prefixes.begin(), prefixes.end(), prefix) != prefixes.end();
+}
+
 void RedirectNamed(const std::string& name, Word* slot) {
-  static const auto hooks = CryptoHooks(std::make_index_sequence<kCrypto.size()>());
+  const auto holds = [&name](const char* part) { return name.find(part) != std::string::npos; };
   if (name == "malloc") Redirect(slot, reinterpret_cast<Word>(&MallocHook));
   if (name == "free") Redirect(slot, reinterpret_cast<Word>(&FreeHook));
-  if (name == "explicit_bzero" || name == "__explicit_bzero_chk") {
-    Redirect(slot, reinterpret_cast<Word>(&ExplicitBzeroHook));
-  }
-  const auto is_in = [&name](Names list) {
-    return std::find(list.begin(), list.end(), name) != list.end();
-  };
-  if (is_in(kCrypto)) {
-    const auto i = std::find(kCrypto.begin(), kCrypto.end(), name) - kCrypto.begin();
-    g_real[i] = *slot;
-    Redirect(slot, hooks[static_cast<size_t>(i)]);
-    return;
-  }
-  const std::string prefix = name.substr(0, name.find('_'));
-  const auto prefixes = {"BN", "EC", "EVP", "RSA", "PKCS8", "d2i", "i2d"};
-  const bool crypto = std::find(prefixes.begin(), prefixes.end(), prefix) != prefixes.end();
-  if (is_in(kUnwanted) || (crypto && !is_in(kInfallible))) {
+  if (holds("explicit_bzero")) Redirect(slot, reinterpret_cast<Word>(&ExplicitBzeroHook));
+  if (std::count(std::begin(kUnwanted), std::end(kUnwanted), name) != 0) {
     ADD_FAILURE() << name << " is not hooked";
   }
+  const bool fails = std::none_of(std::begin(kInfallible), std::end(kInfallible), holds);
+  if (name != kDupBuffer && !(IsCrypto(name) && fails)) return;
+  if (g_crypto_count == std::size(g_crypto)) abort();
+  g_crypto[g_crypto_count] = {name, *slot};
+  Redirect(slot, CryptoHookAt(g_crypto_count++, std::make_index_sequence<std::size(g_crypto)>()));
 }
 
 bool RedirectLibrary() {
@@ -239,7 +207,7 @@ std::string FailedCrypto() {
   if (name == "EVP_PKEY_assign_RSA") {
     return "EVP_PKEY_assign";  // what it is in the other flavour of libcrypto
   }
-  return name.compare(0, 2, "_Z") == 0 ? "dup_buffer" : name;
+  return name == kDupBuffer ? "dup_buffer" : name;
 }
 
 void GuardWithPurpose(bool with) { g_guard = with ? &kPurposeGuard : &kBytesGuard; }
