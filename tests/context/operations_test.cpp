@@ -155,14 +155,14 @@ TEST_F(RequestTest, AFailedConfigurationLeavesTheContext) {
 
 TEST_F(RequestTest, ContextIsReplacedAndFinishedOnce) {
   EXPECT_EQ(0, km.InitTeeContext());
-  platform().init_result = 0xFFFF0001;
+  platform().init = [] { return Reply::Fail(0xFFFF0001); };
   EXPECT_EQ(0xFFFF0001, static_cast<uint32_t>(km.InitTeeContext()));
   EXPECT_EQ("finalize, init, finalize, init", Journal());
   ::testing::internal::CaptureStdout();
   EXPECT_EQ(0xFFFF0006, static_cast<uint32_t>(km.FinishTeeContext()))
       << "a failed replacement leaves none";
   EXPECT_EQ("unexpected NULL!\n", ::testing::internal::GetCapturedStdout());
-  platform().init_result = 0;
+  platform().init = {};
   EXPECT_EQ(0, km.InitTeeContext());
   { keymaster::KeymasterTivasContext other; }
   EXPECT_EQ(1u, platform().live_contexts) << "a destructor leaves the context";

@@ -63,22 +63,9 @@ struct Invocation {
 };
 
 struct Opened {
-  TEEC_Operation operation{};  // as the library filled it
-  TEEC_UUID uuid{};
-  uint32_t method = 0;
-  const void* connection_data = nullptr;
   TEEC_Session* block = nullptr;     // the library's
   bool open = false, first = false;  // a first one is never closed or freed by the library
   std::thread::id thread = std::this_thread::get_id();
-};
-
-struct Bracket {
-  std::string label;
-  unsigned timeout = 0;
-  void (*callback)(void*) = nullptr;
-  void* arg = nullptr;
-  unsigned flags = 0;
-  bool ended = false;
 };
 
 struct LogLine {
@@ -99,13 +86,10 @@ using Handler = std::function<Reply(const Invocation&)>;
 
 // What to answer.
 struct Script {
-  TEEC_Result init_result = 0;
-  uint32_t first_session = 0;                    // params[0].value.a of every open
   std::map<uint32_t, std::deque<Reply>> queued;  // by command; before the handler
   std::map<uint32_t, Handler> handlers;          // by command
   Handler any;                                   // for the others; default: Reply::Ok()
-  // Instead of init_result and first_session: the result, and params[0] of an open.
-  std::function<Reply()> init, open;
+  std::function<Reply()> init, open;             // the result, and params[0] of an open
   uint32_t os_version = 120000, os_patchlevel = 202211;
 };
 
@@ -114,7 +98,8 @@ struct Records {
   std::vector<std::pair<uint32_t, TEEC_Result>> answers;  // by command; of init and open 0
   std::vector<Opened> opens;
   std::vector<Invocation> invocations;  // that were answered
-  std::vector<Bracket> brackets;
+  std::map<int, std::string> brackets;  // the labels of those that did not end, by id
+  int next_bracket = 40;
   std::vector<LogLine> log;
   std::list<Event> events;
   std::vector<std::string> journal;   // all TEE and watchdog calls in order
@@ -141,7 +126,39 @@ struct Platform : Script, Records {
   std::mutex mutex;  // for the doubles
 };
 
-// The one platform of the process.
+// ---- Faults: the n-th call of a platform function, or from the library, fails.
+
+// kCrypto is all calls into libcrypto that can fail, as they come; a failing TEEC call
+// (kInitContext, kOpenSession, kInvoke) returns kInjectedTeeError.
+enum class Call {
+  kCrypto,
+  kMalloc,
+  kMemcpyS,
+  kMemsetS,
+  kInitContext,
+  kOpenSession,
+  kInvoke,
+  kCreateEvent,
+  kSetInteger,
+  kSetString,
+  kSetParam,
+  kSendEvent,
+  kEnd
+};
+constexpr uint32_t kInjectedTeeError = 0xFFFF000Eu;
+
+// FailCall restarts the count of a call and makes its nth (from 1) fail, and, if asked, all later
+// ones. 0 fails none.
+void FailCall(Call call, int nth, bool and_later = false);
+// CallCount tells how often a call was made since ClearFaults or its last FailCall.
+int CallCount(Call call);
+// ClearFaults lets all calls succeed and restarts all counts.
+void ClearFaults();
+// TakeFault counts a call and tells whether it is to fail. For the doubles and hooks.
+bool TakeFault(Call call);
+
+// ---- The one platform of the process.
+
 Platform& platform();
 // Note is how a double begins: it locks the platform, for as long as the result lives, and puts
 // entry, if there is one, in the journal.

@@ -9,7 +9,6 @@
 
 #include "tests/platform/bytes.h"
 #include "tests/platform/doubles.h"
-#include "tests/platform/faults.h"
 #include "tests/platform/library_hooks.h"
 
 namespace test {
@@ -17,8 +16,8 @@ namespace test {
 using Lines = std::vector<std::string>;
 
 // KeymasterTest gives each test fresh doubles and a TEE context whose making is not on record. At
-// its end every session but first ones must be closed, every watchdog bracket well formed and
-// ended, and every event destroyed.
+// its end every session but first ones must be closed, every watchdog bracket ended, every event
+// destroyed, and no double misused.
 class KeymasterTest : public ::testing::Test {
  protected:
   KeymasterTest() { HookLibrary(); }
@@ -26,6 +25,8 @@ class KeymasterTest : public ::testing::Test {
   void TearDown() override;
 };
 
+// ExpectTidy expects of what was recorded what KeymasterTest says of its end, and forgets it.
+void ExpectTidy();
 // Log is the messages since the last ClearRecords as "E KeyMaster: text"; a null tag is "-".
 Lines Log();
 // Journal is the TEE and watchdog calls in order, joined by ", "; "[label" and "label]" stand for

@@ -17,13 +17,15 @@
 #include <utility>
 
 #include "tests/platform/doubles.h"
-#include "tests/platform/faults.h"
 #include "tests/platform/keys.h"
 
 namespace test {
 namespace {
 
 using Word = uintptr_t;
+
+// Allocations above this fail, so that a length field alone cannot exhaust the machine.
+constexpr size_t kLargestAllocation = size_t{256} << 20;
 
 // All that the library calls of libcrypto fails with null or 0, takes at most six words and returns
 // one, but for what has one of these in its name, which cannot fail.

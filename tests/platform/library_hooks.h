@@ -13,7 +13,7 @@
 namespace test {
 
 // HookLibrary installs the hooks; more calls do nothing. KeymasterTest does, so that Call::kMalloc
-// and Call::kCrypto of faults.h are the library's alone.
+// and Call::kCrypto of doubles.h are the library's alone.
 void HookLibrary();
 // TrackBlocks has all that stands below watched from now on, and also that the library frees its
 // own memory and the holders the platform's. Before the library first allocates.

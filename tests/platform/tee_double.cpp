@@ -1,11 +1,44 @@
 #include <string.h>
 
 #include <algorithm>
+#include <atomic>
+#include <climits>
 
 #include "tests/platform/doubles.h"
-#include "tests/platform/faults.h"
 
 namespace test {
+namespace {
+
+struct Fault {
+  std::atomic<int> calls{0}, first{0}, last{0};
+};
+
+Fault& FaultOf(Call call) {
+  static Fault faults[static_cast<size_t>(Call::kEnd)];
+  return faults[static_cast<size_t>(call)];
+}
+
+}  // namespace
+
+void FailCall(Call call, int nth, bool and_later) {
+  FaultOf(call).calls = 0;
+  FaultOf(call).first = nth;
+  FaultOf(call).last = and_later ? INT_MAX : nth;
+}
+
+int CallCount(Call call) { return FaultOf(call).calls; }
+
+void ClearFaults() {
+  for (size_t i = 0; i < static_cast<size_t>(Call::kEnd); ++i) {
+    FailCall(static_cast<Call>(i), 0);
+  }
+}
+
+bool TakeFault(Call call) {
+  Fault& fault = FaultOf(call);
+  const int now = ++fault.calls;
+  return fault.first <= now && now <= fault.last;
+}
 
 Platform& platform() {
   static Platform instance;
@@ -114,11 +147,9 @@ extern "C" {
 
 TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
   const auto lock = Note(name == nullptr ? "init" : "init of a named TEE");
-  const bool fails = TakeFault(Call::kInitContext);
-  const TEEC_Result result = fails             ? kInjectedTeeError
-                             : platform().init ? platform().init().result
-                                               : platform().init_result;
-  if (Answered(0, result) != 0) return result;
+  Reply reply = platform().init ? platform().init() : Reply::Ok();
+  if (TakeFault(Call::kInitContext)) reply.result = kInjectedTeeError;
+  if (Answered(0, reply.result) != 0) return reply.result;
   context->imp = Token(kContextToken);
   ++platform().live_contexts;
   return 0;
@@ -138,13 +169,17 @@ TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
   const auto lock = Note("open");
   Platform& p = platform();
   Expect(context->imp == Token(kContextToken), "unknown context");
-  Expect(operation->started == 1, "open operation not started");
+  TEEC_Operation usual;
+  memset(&usual, 0, sizeof(usual));
+  usual.started = 1;
+  usual.paramTypes = 0x5512;
+  Expect(memcmp(operation, &usual, sizeof(usual)) == 0, "open operation not as usual");
+  Expect(memcmp(destination, Bytes(16, 7).data(), 16) == 0, "session of another TA");
+  Expect(connection_method == 7 && connection_data == nullptr, "session opened by another method");
   if (return_origin != nullptr) *return_origin = TEEC_ORIGIN_TEE;
-  p.opens.push_back({*operation, *destination, connection_method, connection_data, session});
-  const bool fails = TakeFault(Call::kOpenSession);
-  const Reply reply = fails    ? Reply::Fail(kInjectedTeeError)
-                      : p.open ? p.open()
-                               : Reply::Ok().Value(0, p.first_session, 0);
+  p.opens.push_back({session});
+  Reply reply = p.open ? p.open() : Reply::Ok();
+  if (TakeFault(Call::kOpenSession)) reply.result = kInjectedTeeError;
   Apply(reply, operation);
   if (Answered(0, reply.result) != 0) return reply.result;
   p.opens.back().open = true;

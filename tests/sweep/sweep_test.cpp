@@ -66,21 +66,11 @@ class Sweep : public TrackedTest, public ::testing::WithParamInterface<Request> 
 
   // Looks for what no run may leave, and keeps its log.
   void CheckRun() {
-    EXPECT_EQ(Lines(), platform().problems);
-    for (const Opened& opened : platform().opens) {
-      EXPECT_FALSE(opened.open);
-    }
-    for (const Bracket& bracket : platform().brackets) {
-      EXPECT_TRUE(bracket.ended) << bracket.label;
-    }
-    for (const Event& event : platform().events) {
-      EXPECT_TRUE(event.destroyed) << event.params;
-    }
     // The library keeps nothing but its TEE context.
     EXPECT_EQ(platform().live_contexts, LiveBlocks()) << "leaked";
     EXPECT_EQ(Lines(), Unwiped()) << "freed with a secret in it";
     log_ = Logged(&LogLine::format);
-    platform().ClearRecords();
+    ExpectTidy();
   }
 
   void ExpectServesNext() {
