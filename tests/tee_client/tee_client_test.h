@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <vector>
@@ -17,43 +18,39 @@ inline Slot Value(uint32_t a, uint32_t b = 0, uint32_t type = TEEC_VALUE_INPUT) 
   return {type, {}, 0, a, b};
 }
 
-struct Client : Commands {
+// A client of the test TA. After a command its slots hold what came back: whole buffers, and the
+// sizes reported as their capacities.
+struct Client {
   TEEC_Context context = {};
   TEEC_Session session = {};
   uint32_t origin = 0;
-  Str whole[4];  // the buffers after the call, beyond what was reported too
-  explicit Client(const TEEC_UUID& app = kTestApp, uint32_t opened = 0) {
+  Slot slots[4];
+  explicit Client(uint32_t opened = 0) {
     EXPECT_EQ(TEEC_InitializeContext(nullptr, &context), 0u);
-    EXPECT_EQ(Open(&session, app), opened);
+    EXPECT_EQ(Open(&session), opened);
   }
-  ~Client() override { TEEC_FinalizeContext(&context); }
+  ~Client() { TEEC_FinalizeContext(&context); }
 
-  uint32_t Open(TEEC_Session* opened, const TEEC_UUID& app = kTestApp, uint32_t login = 7,
+  uint32_t Open(TEEC_Session* opened, const TEEC_UUID& app = kTestApp,
                 TEEC_Operation* operation = nullptr) {
-    return TEEC_OpenSession(&context, opened, &app, login, nullptr, operation, &origin);
+    return TEEC_OpenSession(&context, opened, &app, 7, nullptr, operation, &origin);
   }
-  uint32_t Run(uint32_t command, Slot s0 = {}, Slot s1 = {}, Slot s2 = {}, Slot s3 = {}) override {
-    return RunOn(&session, command, {s0, s1, s2, s3});
-  }
-  uint32_t RunOn(TEEC_Session* on, uint32_t command, const std::vector<Slot>& given) {
-    TEEC_Operation operation = {};
-    operation.started = 1;
+  // Run runs a command on the client's session, or on another.
+  uint32_t Run(uint32_t command, const std::vector<Slot>& given = {}, TEEC_Session* on = nullptr) {
+    TEEC_Operation operation = {1, 0, {}, nullptr, 0};
     for (uint32_t i = 0; i < given.size(); ++i) {
       Slot& slot = slots[i] = given[i];
-      slot.out =
-          slot.in + Str(slot.capacity > slot.in.size() ? slot.capacity - slot.in.size() : 0, '?');
+      slot.out = slot.in;
+      slot.out.resize(std::max<size_t>(slot.in.size(), slot.capacity), '?');
       operation.paramTypes |= slot.type << (4 * i);
       operation.params[i].value = {slot.a, slot.b};
-      if (slot.type < 4) continue;
+      if (slot.type < TEEC_MEMREF_TEMP_INPUT) continue;
       operation.params[i].tmpref = {slot.out.data(), static_cast<uint32_t>(slot.out.size())};
     }
-    const uint32_t result = TEEC_InvokeCommand(on, command, &operation, &origin);
+    const uint32_t result =
+        TEEC_InvokeCommand(on == nullptr ? &session : on, command, &operation, &origin);
     for (uint32_t i = 0; i < given.size(); ++i) {
-      whole[i] = slots[i].out;
       slots[i].capacity = operation.params[i].tmpref.size;
-      slots[i].a = operation.params[i].value.a;
-      slots[i].b = operation.params[i].value.b;
-      if (slots[i].type > 4 && result == 0) slots[i].out.resize(slots[i].capacity);
     }
     return result;
   }
@@ -83,8 +80,6 @@ class TeeClientTest : public testing::Test {
  protected:
   void SetUp() override {
     UseHost("process");
-    Str folder = testing::TempDir() + "tee_client_XXXXXX";
-    setenv("KEYMASTER_TA_STATE", mkdtemp(folder.data()), 1);
     for (const char* name : {"TEE_FAULT", "TEE_TRACE", "TEE_TIMEOUT_MS"}) {
       unsetenv(name);
     }
@@ -95,7 +90,6 @@ class TeeClientTest : public testing::Test {
   void TearDown() override {
     EXPECT_EQ(Children(), std::vector<pid_t>());
     EXPECT_EQ(Entries("/proc/self/fd").size(), files_);
-    std::filesystem::remove_all(getenv("KEYMASTER_TA_STATE"));
   }
   // The test TA runs in a worker, or in the caller's own process.
   static void UseHost(const char* host) { setenv("TEE_HOST", host, 1); }

@@ -1,20 +1,15 @@
 #include "tests/tee_client/test_app.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
-#include <string>
 
 #include "platform/tee_client/built_in_apps.h"
 
 namespace {
-
-std::atomic<bool> g_notes_close{false};
 
 // A session is a heap block, so that one that is not closed is a leak.
 TEEC_Result Open(uint32_t, uint32_t, TaParam* params, void** session) {
@@ -23,22 +18,7 @@ TEEC_Result Open(uint32_t, uint32_t, TaParam* params, void** session) {
   return TEEC_SUCCESS;
 }
 
-void Close(void* session) {
-  delete static_cast<std::atomic<int>*>(session);
-  if (g_notes_close) {
-    usleep(50000);
-    close(creat((std::string(getenv("KEYMASTER_TA_STATE")) + "/closed").c_str(), 0600));
-  }
-}
-
-TEEC_Result Meet(uint32_t expected) {
-  static std::atomic<uint32_t> here{0};
-  ++here;
-  for (int wait = 0; here < expected && wait < 10000; ++wait) {
-    usleep(1000);
-  }
-  return here < expected ? TEEC_ERROR_BUSY : TEEC_SUCCESS;
-}
+void Close(void* session) { delete static_cast<std::atomic<int>*>(session); }
 
 TEEC_Result Echo(TaParam* from, TaParam* to) {
   const uint32_t room = to->size;
@@ -57,32 +37,20 @@ TEEC_Result Pass(TaParam params[4]) {
   if (full != memory.size) return TEEC_ERROR_SECURITY;
   std::fill_n(memory.buffer, memory.size, uint8_t{0x22});
   memory.size = params[1].b;
-  ++params[3].a;
   return params[2].a;
-}
-
-TEEC_Result Fill(TaParam* to) {
-  usleep(20);  // so that calls that need not take turns overlap
-  if (to->size >= 5) std::memset(to->buffer, 0x22, 5);
-  to->size = 5;
-  return TEEC_SUCCESS;
 }
 
 TEEC_Result Serve(uint32_t command, TaParam params[4]) {
   switch (command) {
     case kFill:
-      return Fill(&params[0]);
+      usleep(20);  // so that calls that need not take turns overlap
+      if (params[0].size >= 5) std::memset(params[0].buffer, 0x22, 5);
+      params[0].size = 5;
+      return TEEC_SUCCESS;
     case kEcho:
       return Echo(&params[0], &params[1]);
-    case kMeet:
-      return Meet(params[1].a);
     case kPass:
       return Pass(params);
-    case kNoteClose:
-      g_notes_close = true;
-      return TEEC_SUCCESS;
-    case kAbort:
-      abort();
     case kThrow:
       throw std::runtime_error("thrown by the TA");
     case kHang:

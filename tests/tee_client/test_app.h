@@ -8,15 +8,12 @@ constexpr TEEC_UUID kTestApp = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
 
 // A session is opened unless params[1].a says with which result not. It takes one call at a time.
 enum TestCommand : uint32_t {
-  kFill = 1,       // five bytes of 0x22 into params[0]
-  kEcho = 2,       // params[0] to params[1], whose room it wants zeroed; leaves 0x33 in both
-  kMeet = 3,       // success once params[1].a calls are here together
-  kPass = 6,       // wants params[0] full of params[1].a and fills it with 0x22, reports the length
-                   // params[1].b, adds 1 to params[3].a, and returns params[2].a
-  kNoteClose = 5,  // closing takes its time now, and leaves a file "closed" with the TA's state
-  kAbort = 100,    // ends the process
-  kHang = 101,     // never answers
-  kThrow = 102,
+  kFill = 1,    // five bytes of 0x22 into params[0]
+  kEcho = 2,    // params[0] to params[1], whose room it wants zeroed; leaves 0x33 in both
+  kPass = 3,    // wants params[0] full of params[1].a and fills it with 0x22, reports the length
+                // params[1].b, and returns params[2].a
+  kHang = 100,  // never answers
+  kThrow = 101,
 };
 
 #endif  // TESTS_TEE_CLIENT_TEST_APP_H
