@@ -37,41 +37,32 @@ int Append(const char* path, const std::string& line) {
   return written == static_cast<ssize_t>(line.size()) ? 0 : kFailed;
 }
 
-// Guarded keeps exceptions, which can only be a lack of memory here, on this side of the C face.
-template <typename Body>
-int Guarded(Body body) {
-  try {
-    return body();
-  } catch (const std::exception&) {
-    return kFailed;
-  }
-}
-
 // A parameter that is set twice keeps its place and takes the later value.
 template <typename Value>
-int Set(void* event, const char* name, Value value) {
+int Set(void* event, const char* name, Value value) try {
   if (event == nullptr || name == nullptr) return kFailed;
-  return Guarded([&] {
-    static_cast<Event*>(event)->params[name] = value;
-    return 0;
-  });
+  static_cast<Event*>(event)->params[name] = value;
+  return 0;
+} catch (const std::exception&) {
+  return kFailed;
 }
 
 }  // namespace
 
-void* qavix_create_eventobj(unsigned id) {
-  try {
-    return new Event{id};
-  } catch (const std::exception&) {
-    return nullptr;
-  }
+// An exception, which can only be a lack of memory, stays on this side of the C face.
+void* qavix_create_eventobj(unsigned id) try {
+  return new Event{id};
+} catch (const std::exception&) {
+  return nullptr;
 }
 
-int qavix_send_event(void* event) {
+int qavix_send_event(void* event) try {
   if (event == nullptr) return kFailed;
   const char* sink = getenv("QAVIX_EVENTS");
   if (sink == nullptr || *sink == '\0') return 0;
-  return Guarded([&] { return Append(sink, ToLine(*static_cast<Event*>(event))); });
+  return Append(sink, ToLine(*static_cast<Event*>(event)));
+} catch (const std::exception&) {
+  return kFailed;
 }
 
 void qavix_destroy_eventobj(void* event) { delete static_cast<Event*>(event); }

@@ -16,12 +16,10 @@
 namespace {
 
 constexpr std::string_view kLetters = "??VDIWEFS";
-constexpr std::string_view kAnyTag = "*";
 
 char LetterOf(int priority) {
-  return priority < 0 || static_cast<size_t>(priority) >= kLetters.size()
-             ? '?'
-             : kLetters[static_cast<size_t>(priority)];
+  const auto at = static_cast<size_t>(priority);  // beyond all letters if negative
+  return at < kLetters.size() ? kLetters[at] : '?';
 }
 
 // PriorityOf returns the priority a filter's letter names, ANDROID_LOG_UNKNOWN for none.
@@ -40,12 +38,12 @@ int ThresholdFor(const char* filter, std::string_view tag) {
   for (std::string item; items >> item;) {
     const size_t colon = item.rfind(':');
     const std::string item_tag = item.substr(0, colon);
-    int priority = item_tag == kAnyTag ? ANDROID_LOG_DEBUG : ANDROID_LOG_VERBOSE;
+    int priority = item_tag == "*" ? ANDROID_LOG_DEBUG : ANDROID_LOG_VERBOSE;
     if (colon != std::string::npos) {
       priority = item.size() == colon + 2 ? PriorityOf(item.back()) : ANDROID_LOG_UNKNOWN;
     }
     if (priority == ANDROID_LOG_UNKNOWN) continue;
-    if (item_tag == kAnyTag) {
+    if (item_tag == "*") {
       any = priority;
     } else if (item_tag == tag) {
       own = priority;

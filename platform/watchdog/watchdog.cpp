@@ -51,7 +51,6 @@ class Watchdog {
   bool StartThread();
   void Run();
   void Expire(std::unique_lock<std::mutex>* lock, int id);
-  int FreeId();
 
   std::mutex mutex_;
   std::condition_variable earlier_deadline_;
@@ -62,13 +61,6 @@ class Watchdog {
   int last_id_ = 0;
   int calling_back_ = 0;  // the bracket whose callback runs
 };
-
-int Watchdog::FreeId() {
-  do {
-    last_id_ = last_id_ == INT_MAX ? 1 : last_id_ + 1;
-  } while (brackets_.count(last_id_) != 0);
-  return last_id_;
-}
 
 // The host's signal handlers must not run on this thread, so it starts with all signals blocked.
 bool Watchdog::StartThread() {
@@ -92,13 +84,14 @@ int Watchdog::Open(Bracket bracket) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!StartThread()) return kFailed;
   const Clock::time_point deadline = bracket.deadline;
-  const int id = FreeId();
-  brackets_.emplace(id, std::move(bracket));
+  do {
+    last_id_ = last_id_ == INT_MAX ? 1 : last_id_ + 1;
+  } while (!brackets_.try_emplace(last_id_, std::move(bracket)).second);
   if (deadline < wake_at_) {
     wake_at_ = deadline;
     earlier_deadline_.notify_one();
   }
-  return id;
+  return last_id_;
 }
 
 int Watchdog::Close(int id) {
@@ -156,19 +149,13 @@ Watchdog& TheWatchdog() {
 int zubrel_init(void) { return 0; }
 
 int __zubrel_start_ex(const char* label, unsigned timeout, void (*callback)(void*), void* arg,
-                      unsigned flags) {
+                      unsigned flags) try {
   if (label == nullptr || callback == nullptr) return kFailed;
-  try {
-    return TheWatchdog().Open({label, timeout, callback, arg, flags, DeadlineOf(timeout)});
-  } catch (const std::exception&) {
-    return kFailed;
-  }
+  return TheWatchdog().Open({label, timeout, callback, arg, flags, DeadlineOf(timeout)});
+} catch (const std::exception&) {
+  return kFailed;
 }
 
-int zubrel_end(int id) {
-  try {
-    return TheWatchdog().Close(id);
-  } catch (const std::exception&) {
-    return kFailed;
-  }
+int zubrel_end(int id) try { return TheWatchdog().Close(id); } catch (const std::exception&) {
+  return kFailed;
 }

@@ -24,7 +24,6 @@ class __attribute__((visibility("default"))) AuthorizationSet {
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
   keymaster_key_param_t& operator[](size_t index) { return elements_[index]; }
-  const keymaster_key_param_t& operator[](size_t index) const { return elements_[index]; }
   const keymaster_key_param_t* begin() const { return elements_; }
   const keymaster_key_param_t* end() const { return elements_ + size_; }
 
