@@ -1,11 +1,8 @@
-#include "platform/tee_client/built_in_apps.h"
-
 #include <cstring>
 
+#include "platform/tee_client/sessions.h"
+
 const TrustedApp* FindBuiltInApp(const TEEC_UUID& uuid) {
-  static const TrustedApp* const kApps[] = {&kKeymasterTrustedApp};
-  for (const TrustedApp* app : kApps) {
-    if (std::memcmp(&app->uuid, &uuid, sizeof(uuid)) == 0) return app;
-  }
-  return nullptr;
+  const bool is_found = std::memcmp(&kKeymasterTrustedApp.uuid, &uuid, sizeof(uuid)) == 0;
+  return is_found ? &kKeymasterTrustedApp : nullptr;
 }

@@ -61,13 +61,6 @@ std::string NameOfTag(uint32_t tag) {
   return name + text;
 }
 
-// IsSecretTag tells whether whoever knows the value may use the key it is for.
-bool IsSecretTag(uint32_t tag) {
-  constexpr keymaster_tag_t kSecret[] = {KM_TAG_APPLICATION_ID, KM_TAG_APPLICATION_DATA,
-                                         KM_TAG_ASSOCIATED_DATA, KM_TAG_AUTH_TOKEN};
-  return std::count(std::begin(kSecret), std::end(kSecret), static_cast<keymaster_tag_t>(tag)) != 0;
-}
-
 // "?", with secret parameters, for a command that is not known.
 const CommandName& NameOfCommand(uint32_t id) {
   const auto* const found = std::find_if(std::begin(kCommands), std::end(kCommands),
@@ -106,10 +99,15 @@ struct Blobs {
 };
 
 std::string BytesText(uint32_t tag, uint64_t offset, uint64_t length, const Blobs& blobs) {
+  // Whoever knows their values may use the key that they are for.
+  constexpr keymaster_tag_t kSecret[] = {KM_TAG_APPLICATION_ID, KM_TAG_APPLICATION_DATA,
+                                         KM_TAG_ASSOCIATED_DATA, KM_TAG_AUTH_TOKEN};
+  const bool is_secret =
+      std::count(std::begin(kSecret), std::end(kSecret), static_cast<keymaster_tag_t>(tag)) != 0;
   std::string text = std::to_string(length) + " bytes";
   if (length == 0) return text;
   if (offset > blobs.size || length > blobs.size - offset) return text + " outside the buffer";
-  if (IsSecretTag(tag) && !blobs.with_secrets) return text;
+  if (is_secret && !blobs.with_secrets) return text;
   return text + " " + FirstBytes(blobs.data + offset, static_cast<uint32_t>(length));
 }
 
@@ -219,12 +217,12 @@ std::string DumpBuffers(const CommandParameters& parameters, bool inputs, Reply 
   return text;
 }
 
-}  // namespace
+enum class TraceLevel { kOff, kCommand, kParams, kSecrets, kFull };
 
 TraceLevel TraceLevelNow() {
   constexpr std::pair<const char*, TraceLevel> kLevels[] = {{"", TraceLevel::kOff},
                                                             {"0", TraceLevel::kOff},
-                                                            {"1", TraceLevel::kCommands},
+                                                            {"1", TraceLevel::kCommand},
                                                             {"params", TraceLevel::kParams},
                                                             {"secrets", TraceLevel::kSecrets},
                                                             {"full", TraceLevel::kFull}};
@@ -235,6 +233,8 @@ TraceLevel TraceLevelNow() {
   RejectWord("TEE_TRACE", text, "0, 1, params, secrets, full");
 }
 
+}  // namespace
+
 void TraceInputs(uint32_t command, const CommandParameters& parameters) {
   if (TraceLevelNow() == TraceLevel::kFull) {
     const std::string buffers = DumpBuffers(parameters, true, {});
@@ -244,8 +244,11 @@ void TraceInputs(uint32_t command, const CommandParameters& parameters) {
 }
 
 void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply reply,
-                  std::chrono::microseconds duration) {
+                  std::chrono::steady_clock::time_point start) {
   const TraceLevel level = TraceLevelNow();
+  if (level == TraceLevel::kOff) return;
+  const auto duration = std::chrono::duration_cast<std::chrono::microseconds>(
+      std::chrono::steady_clock::now() - start);
   const CommandName& name = NameOfCommand(command);
   std::string types;
   for (uint32_t i = 0; i < CommandParameters::kCount; ++i) {

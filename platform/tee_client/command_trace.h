@@ -10,16 +10,12 @@
 
 #include "platform/tee_client/command_parameters.h"
 
-enum class TraceLevel { kOff, kCommands, kParams, kSecrets, kFull };
-
-TraceLevel TraceLevelNow();
-
 // TraceInputs prints the inputs of a command that is about to run, when the trace is full.
 void TraceInputs(uint32_t command, const CommandParameters& parameters);
 // TraceCommand prints a command's name, its parameters with their first bytes, result, origin and
-// duration.
+// duration since its start, if there is a trace.
 void TraceCommand(uint32_t command, const CommandParameters& parameters, Reply reply,
-                  std::chrono::microseconds duration);
+                  std::chrono::steady_clock::time_point start);
 // TraceEvent prints a line about something else, if there is a trace.
 void TraceEvent(const std::string& text);
 

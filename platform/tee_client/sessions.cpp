@@ -3,22 +3,11 @@
 #include <chrono>
 #include <thread>
 
-#include "platform/tee_client/built_in_apps.h"
 #include "platform/tee_client/command_trace.h"
 #include "platform/tee_client/environment.h"
 #include "platform/tee_client/fault_plan.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-bool HasWorker() {
-  const std::string host = VariableText("TEE_HOST");
-  if (!host.empty() && host != "process" && host != "caller") {
-    RejectWord("TEE_HOST", host, "process, caller");
-  }
-  return host == "process";
-}
 
 template <typename Call>
 Reply CallApp(Call call) {
@@ -72,14 +61,17 @@ std::shared_ptr<WorkerProcess> AppHost::LiveWorker() {
 }
 
 Reply AppHost::MakeSession(const TEEC_UUID& uuid, std::unique_ptr<AppSession>* session) {
-  if (HasWorker()) {
+  const std::string where = VariableText("TEE_HOST");
+  if (where == "process") {
     const std::shared_ptr<WorkerProcess> worker = LiveWorker();
     if (worker == nullptr) return {TEEC_ERROR_COMMUNICATION, TEEC_ORIGIN_COMMS};
     *session = std::make_unique<RemoteSession>(worker, uuid);
-  } else {
+  } else if (where.empty() || where == "caller") {
     const TrustedApp* app = FindBuiltInApp(uuid);
     if (app == nullptr) return {TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE};
     *session = std::make_unique<InlineSession>(*app, pool_);
+  } else {
+    RejectWord("TEE_HOST", where, "process, caller");
   }
   return {TEEC_SUCCESS, TEEC_ORIGIN_TEE};
 }
@@ -134,16 +126,13 @@ Reply Session::Invoke(uint32_t command, CommandParameters* parameters, TEEC_Oper
   const LentMemory memory = Lend(parameters, &reply);
   if (memory == nullptr) return reply;
   TraceInputs(command, *parameters);
-  const Clock::time_point start = Clock::now();
+  const auto start = std::chrono::steady_clock::now();
   reply = state_ == State::kDead ? kTargetDead : CallApp(command, parameters);
   if (reply.result == kTargetDead.result && reply.origin == kTargetDead.origin) {
     state_ = State::kDead;
   }
   reply = parameters->CopyOut(reply, operation);
-  if (TraceLevelNow() != TraceLevel::kOff) {
-    TraceCommand(command, *parameters, reply,
-                 std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start));
-  }
+  TraceCommand(command, *parameters, reply, start);
   return reply;
 }
 

@@ -10,6 +10,26 @@
 
 #include "platform/tee_client/worker.h"
 
+// FindBuiltInApp returns the TA of that UUID that this build hosts, null when there is none.
+const TrustedApp* FindBuiltInApp(const TEEC_UUID& uuid);
+
+// InlineSession calls a TA in this process. An exception is a TA that crashed.
+class InlineSession : public AppSession {
+ public:
+  InlineSession(const TrustedApp& app, std::shared_ptr<MemoryPool> pool);
+  CommandMemory* Memory() override { return memory_.get(); }
+  Reply Open(uint32_t login, CommandParameters* parameters) override;
+  Reply Invoke(uint32_t command, CommandParameters* parameters) override;
+  void Close() override;
+  void Kill() override {}
+
+ private:
+  const TrustedApp& app_;
+  const std::shared_ptr<MemoryPool> pool_;
+  std::unique_ptr<CommandMemory> memory_;
+  void* ta_session_ = nullptr;
+};
+
 // Where the TAs run: in this process, or in a worker process while TEE_HOST is "process".
 // AppHost is shared by the contexts of this process and ends, with its worker, with the last of
 // them. It may be used from several threads.

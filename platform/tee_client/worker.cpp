@@ -83,8 +83,7 @@ void ReadReply(const WorkerReply& reply, CommandParameters* parameters) {
 
 std::shared_ptr<WorkerProcess> WorkerProcess::Start() {
   const std::string path = WorkerPath();
-  FileDescriptor ours;
-  FileDescriptor theirs;
+  FileDescriptor ours, theirs;
   pid_t pid = -1;
   const int error = Channel::MakePair(&ours, &theirs) ? Spawn(path, theirs.get(), &pid) : errno;
   FileDescriptor process(error == 0 ? pidfd_open(pid, 0) : -1);
@@ -126,8 +125,6 @@ WorkerProcess::~WorkerProcess() {
   }
 }
 
-bool WorkerProcess::IsOurs() const { return client_ == getpid(); }
-
 bool WorkerProcess::IsAlive() {
   if (!IsOurs()) return false;
   if (WaitReadable(process_.get(), 0)) Kill();
@@ -153,8 +150,7 @@ std::unique_ptr<WorkerConnection> WorkerProcess::Connect() {
   if (!IsOurs()) return nullptr;
   std::unique_ptr<WorkerConnection> connection = idle_.Take();
   if (connection != nullptr) return connection;
-  FileDescriptor ours;
-  FileDescriptor theirs;
+  FileDescriptor ours, theirs;
   const char greeting = 0;
   if (!Channel::MakePair(&ours, &theirs) ||
       !control_.Send(&greeting, sizeof(greeting), theirs.get())) {

@@ -10,12 +10,13 @@
 #ifndef PLATFORM_TEE_CLIENT_WORKER_H
 #define PLATFORM_TEE_CLIENT_WORKER_H
 
-#include <sys/types.h>
+#include <unistd.h>
 
 #include <memory>
 #include <mutex>
 
-#include "platform/tee_client/app_session.h"
+#include "platform/tee_client/command_memory.h"
+#include "platform/tee_client/command_parameters.h"
 
 constexpr uint32_t kWorkerMagic = 0x54454532;
 
@@ -64,7 +65,7 @@ class WorkerProcess {
   WorkerProcess& operator=(const WorkerProcess&) = delete;
 
   // IsOurs is false in a child of the process that started the worker.
-  bool IsOurs() const;
+  bool IsOurs() const { return client_ == getpid(); }
   // IsAlive is false for a worker that is not ours, too.
   bool IsAlive();
   // Kill ends the worker at once and leaves no zombie. A worker that is dead already is reaped.
@@ -82,6 +83,25 @@ class WorkerProcess {
   IdlePool<WorkerConnection> idle_;
   std::mutex mutex_;
   bool reaped_ = false;
+};
+
+// A session to a TA, wherever the TA runs.
+
+// What a call is answered with when the TA ended under it.
+constexpr Reply kTargetDead = {TEEC_ERROR_TARGET_DEAD, TEEC_ORIGIN_TEE};
+
+// AppSession is called by one thread at a time. Invoke and Close follow an Open that succeeded, and
+// nothing follows Close.
+class AppSession {
+ public:
+  virtual ~AppSession() = default;
+  // Memory is where the parameters of an open or of a command lie; null when the TA is dead.
+  virtual CommandMemory* Memory() = 0;
+  virtual Reply Open(uint32_t login, CommandParameters* parameters) = 0;
+  virtual Reply Invoke(uint32_t command, CommandParameters* parameters) = 0;
+  virtual void Close() = 0;
+  // Kill ends the TA as a crash would. Only Close may follow.
+  virtual void Kill() = 0;
 };
 
 // RemoteSession kills a worker that breaks off, answers something else, or does not answer within

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -13,15 +12,11 @@
 #include <thread>
 #include <utility>
 
-#include "platform/tee_client/built_in_apps.h"
 #include "platform/tee_client/sessions.h"
 
 namespace {
 
 constexpr int kNoLimit = -1;
-// Above what the client allows itself: a thread may outlast its connection for a moment.
-constexpr int kMaxThreads = 2 * static_cast<int>(SessionTable::kMaxSessions);
-std::atomic<int> g_threads{0};
 
 // A TA's large buffers stay with the process for the next command.
 void KeepFreedMemory() {
@@ -30,10 +25,8 @@ void KeepFreedMemory() {
   mallopt(M_TRIM_THRESHOLD, kKept);
 }
 
-std::shared_ptr<MemoryPool> Pool() {
-  static const auto* const pool = new std::shared_ptr<MemoryPool>(std::make_shared<MemoryPool>());
-  return *pool;
-}
+// Outlives the threads: the process ends without destructors.
+const auto g_pool = std::make_shared<MemoryPool>();
 
 // ServedConnection has one session at a time.
 class ServedConnection {
@@ -85,7 +78,7 @@ class ServedConnection {
              TEEC_Operation* operation) {
     const TrustedApp* app = FindBuiltInApp(request.uuid);
     if (app == nullptr) return {TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE};
-    session_ = std::make_unique<Session>(std::make_unique<InlineSession>(*app, Pool()), 0);
+    session_ = std::make_unique<Session>(std::make_unique<InlineSession>(*app, g_pool), 0);
     const Reply reply = session_->Open(request.code, parameters, operation);
     if (reply.result != TEEC_SUCCESS) session_ = nullptr;
     return reply;
@@ -110,13 +103,8 @@ void Serve(const Channel& channel) {
 
 // The client sees the channel end when no thread can be had for it.
 void StartThread(FileDescriptor socket) try {
-  ++g_threads;
-  std::thread([channel = Channel(std::move(socket))] {
-    Serve(channel);
-    --g_threads;
-  }).detach();
+  std::thread([channel = Channel(std::move(socket))] { Serve(channel); }).detach();
 } catch (const std::system_error&) {
-  --g_threads;
 }
 
 }  // namespace
@@ -132,7 +120,7 @@ int main() {
   FileDescriptor socket;
   while (control.Receive(&greeting, sizeof(greeting), &socket, kNoLimit)) {
     served = true;
-    if (socket.get() >= 0 && g_threads < kMaxThreads) {
+    if (socket.get() >= 0) {
       StartThread(std::exchange(socket, FileDescriptor()));
     }
     socket.Reset();

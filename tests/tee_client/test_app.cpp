@@ -7,7 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "platform/tee_client/built_in_apps.h"
+#include "platform/tee_client/sessions.h"
 
 namespace {
 
