@@ -80,10 +80,14 @@ TEST_F(KeyMaterial, RsaNumbersMustFitTheBuffer) {
   }
   EXPECT_EQ(-1000, km41::BuildRsaKeyMaterial(buffer.data(), RsaOf({5, 1}).get(), &length));
   EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), RsaOf({}).get(), &length));
+  const auto rsa = RsaOf({5, 1, 4});
+  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(nullptr, rsa.get(), &length));
+  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), nullptr, &length));
+  EXPECT_EQ(-32, km41::BuildRsaKeyMaterial(buffer.data(), rsa.get(), nullptr));
 }
 
 // The three numbers at their places: an import's test.
-TEST_F(KeyMaterial, EcHeaderTellsCurveAndForm) {
+TEST_F(KeyMaterial, EcHeaderTellsCurveAndFormOfAWholeKey) {
   Bytes buffer(4096, 0xEE);
   uint32_t length = 0;
   const std::tuple<int, point_conversion_form_t, uint32_t> kRows[] = {
@@ -100,9 +104,15 @@ TEST_F(KeyMaterial, EcHeaderTellsCurveAndForm) {
     EXPECT_EQ(0, km41::BuildEcKeyMaterial(buffer.data(), key, &length));
     EXPECT_EQ(Cat({Le32(bits), Le32(form)}), Bytes(buffer.begin(), buffer.begin() + 8));
   }
-  const std::unique_ptr<EC_KEY, Free> no_point(EC_KEY_new_by_curve_name(NID_X9_62_prime256v1));
-  EXPECT_EQ(-1000, km41::BuildEcKeyMaterial(buffer.data(), no_point.get(), &length));
+  const std::unique_ptr<EC_KEY, Free> bare(EC_KEY_new_by_curve_name(NID_X9_62_prime256v1));
+  EXPECT_EQ(-1000, km41::BuildEcKeyMaterial(buffer.data(), bare.get(), &length));
   EXPECT_EQ("E KeyMaster_Ts: [error] : EC_KEY_get0_public_key error\n", Log().back());
+  EC_KEY_set_public_key(bare.get(), EC_GROUP_get0_generator(EC_KEY_get0_group(bare.get())));
+  EXPECT_EQ(-1000, km41::BuildEcKeyMaterial(buffer.data(), bare.get(), &length));
+  EXPECT_EQ("E KeyMaster_Ts: bn or name is NULL", Log().back()) << "the private number";
+  EXPECT_EQ(-1000, km41::BuildEcKeyMaterial(nullptr, bare.get(), &length));
+  EXPECT_EQ(-1000, km41::BuildEcKeyMaterial(buffer.data(), nullptr, &length));
+  EXPECT_EQ(-1000, km41::BuildEcKeyMaterial(buffer.data(), bare.get(), nullptr));
 }
 
 TEST_F(KeyMaterial, NumbersFitBehindTheirOffset) {

@@ -155,6 +155,9 @@ TEST_F(Serialise, RejectsBadArguments) {
   }
   FreeKmParams(nullptr);
   EXPECT_EQ(Lines(), Log());
+  KmParams fresh;
+  FailCall(Call::kMalloc, 1);
+  EXPECT_EQ(-12, InitKmParams(&fresh));
   EXPECT_EQ(-12, InitKmParams(nullptr));
   EXPECT_EQ(Lines{"E KeyMaster_Ts: km_params is null, please check!\n"}, Log());
   EXPECT_TRUE(out == nullptr && length == 77);
