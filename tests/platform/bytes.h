@@ -13,6 +13,8 @@
 #include <initializer_list>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <variant>
 #include <vector>
 
@@ -94,6 +96,10 @@ class Fenced {
 struct Param {
   Param(int64_t t, uint64_t number) : tag(static_cast<uint32_t>(t)), value(number) {}
   Param(int64_t t, Bytes bytes) : tag(static_cast<uint32_t>(t)), value(std::move(bytes)) {}
+  // A template, so that bytes in braces are no text.
+  template <typename T,
+            std::enable_if_t<std::is_convertible_v<const T&, std::string_view>, int> = 0>
+  Param(int64_t t, const T& text) : Param(t, Text(text)) {}
   uint32_t tag;
   std::variant<uint64_t, Bytes> value;
 };

@@ -13,6 +13,14 @@ namespace test {
 // ---- Lists of parameters
 
 using Params = std::vector<Param>;
+inline Params operator+(Params a, const Params& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+inline Params operator+(Params a, Param b) {
+  a.push_back(std::move(b));
+  return a;
+}
 
 // AppendList writes a count and entries; the bytes of values go to the blob area.
 inline void AppendList(const Params& params, Bytes* list, Bytes* area) {
