@@ -2,26 +2,12 @@
 // Whatever it does, outputs are as their contract says, sessions are closed, and the library serves
 // the next request.
 //
-// The input: a request's number in the table, a byte of its variant, then what the TEE answers to
-// its calls, and the next request. An open is one byte, 1 for the TA's first session; an answer is
-// a byte and for each output a byte and its bytes. A first byte from kFailure on stands for a
-// failure, and its code follows.
-#include <openssl/rsa.h>
-
+// The input: a request's number in the table (255 ends the TEE context), a byte of its variant,
+// then what the TEE answers to its calls, and the next request. An open is one byte, 1 for the TA's
+// first session; an answer is a byte and for each output a byte and its bytes. A first byte from
+// kFailure on stands for a failure, and its code follows.
 #include "fuzz/serve.h"
 #include "wire/little_endian.h"
-
-// Makes an RSA key of that size at once: the numbers are no key's.
-int RSA_generate_key_ex(RSA* key, int bits, BIGNUM* e, BN_GENCB*) {
-  const auto number = [](int size) {
-    BIGNUM* out = BN_new();
-    if (BN_set_word(out, 1) != 1 || BN_lshift(out, out, size - 1) != 1) abort();
-    return out;
-  };
-  return RSA_set0_key(key, number(bits), BN_dup(e), number(bits)) == 1 &&
-         RSA_set0_factors(key, number(bits / 2), number(bits / 2)) == 1 &&
-         RSA_set0_crt_params(key, number(bits / 2), number(bits / 2), number(bits / 2)) == 1;
-}
 
 namespace {
 
@@ -35,6 +21,7 @@ using test::Invocation;
 using test::Request;
 
 constexpr int kMostRequests = 6;
+constexpr uint8_t kEndContext = 0xFF;  // in place of a request's number
 
 // ---- The TEE
 
@@ -103,86 +90,20 @@ Reply Answer(Input* input, const Invocation& invocation) {
 
 // ---- Requests
 
-// The table's, and the two that no TA sees.
-const std::vector<Request>& AllRequests() {
-  static keymaster::KeymasterTivasContext km;
-  static const std::vector<Request> all = [] {
-    std::vector<Request> requests = test::Requests();
-    requests.push_back({"InitTeeContext",
-                        "InitTeeContext",
-                        [](const Args&) { return km.InitTeeContext(); },
-                        nullptr,
-                        {}});
-    requests.push_back({"FinishTeeContext",
-                        "FinishTeeContext",
-                        [](const Args&) { return km.FinishTeeContext(); },
-                        nullptr,
-                        {}});
-    return requests;
-  }();
-  return all;
-}
-
-// A change of a request's arguments, in which a number may make a difference.
-struct Variant {
-  std::vector<std::string_view> methods;
-  void (*set)(Args* args, uint8_t number);
+// What an input may change of a request's arguments. Most can be left out of some requests.
+constexpr void (*kVariants[])(Args*) = {
+    [](Args*) {},
+    test::No<&Args::characteristics>,
+    test::No<&Args::client_id>,
+    test::No<&Args::app_data>,
+    test::No<&Args::params>,
+    test::No<&Args::out_params>,
+    test::No<&Args::data>,
+    test::No<&Args::input>,
+    [](Args* args) { args->input = &test::fixture().long_input.blob; },
+    test::No<&Args::signature>,
+    [](Args* args) { args->password_only = false; },
 };
-
-void SetInputLength(Args* args, uint8_t number) {
-  static const Bytes bytes(0x80000 + 1);
-  constexpr size_t kLengths[] = {0, 1, 16, 32, 4032, 4033, 4096, 8000, 0x80000 + 1};
-  static keymaster_blob_t input;
-  input = {bytes.data(), kLengths[number % std::size(kLengths)]};
-  args->input = args->input != nullptr ? &input : nullptr;
-}
-
-void SetMaskLength(Args* args, uint8_t number) {
-  static keymaster_key_blob_t mask;
-  mask = {args->mask->key_material, number % (args->mask->key_material_size + 1)};
-  args->mask = &mask;
-}
-
-void SetRsaSize(Args* args, uint8_t number) {
-  static test::ParamSet params({{KM_TAG_ALGORITHM, KM_ALGORITHM_RSA},
-                                {KM_TAG_KEY_SIZE, 0},
-                                {KM_TAG_RSA_PUBLIC_EXPONENT, 65537}});
-  params[1].integer = 128u * number;
-  args->params = params.get();
-}
-
-const Variant kVariants[] = {
-    {{"TivasKmGenerateKey"}, SetRsaSize},
-    {{"TivasKmGenerateKey", "TivasKmImportKey", "TivasKmImportWrappedKeyNew"},
-     [](Args* args, uint8_t) { args->characteristics = nullptr; }},
-    {{"TivasKmImportWrappedKeyNew", "TivasKmUnwrappedKey"}, SetMaskLength},
-    {{"TivasKmExportKey", "TivasKmGetKeyCharacteristics"},
-     [](Args* args, uint8_t) { args->client_id = nullptr; }},
-    {{"TivasKmExportKey", "TivasKmGetKeyCharacteristics"},
-     [](Args* args, uint8_t) { args->app_data = nullptr; }},
-    {{"TivasKmUpdate", "TivasKmFinishNew", "TivasKmFinishLarge"}, SetInputLength},
-    {{"TivasKmBegin", "TivasKmFinish", "TivasKmFinishNew"},
-     [](Args* args, uint8_t) { args->params = nullptr; }},
-    {{"TivasKmBegin", "TivasKmUpdate", "TivasKmFinish", "TivasKmFinishNew", "TivasKmFinishLarge"},
-     [](Args* args, uint8_t) { args->out_params = nullptr; }},
-    {{"TivasKmUpdate", "TivasKmFinish", "TivasKmFinishNew"},
-     [](Args* args, uint8_t) { args->data = nullptr; }},
-    {{"TivasKmFinish", "TivasKmFinishNew"}, [](Args* args, uint8_t) { args->input = nullptr; }},
-    {{"TivasKmFinish", "TivasKmFinishNew", "TivasKmFinishLarge"},
-     [](Args* args, uint8_t) { args->signature = nullptr; }},
-    {{"TivasKmDeviceLocked"}, [](Args* args, uint8_t) { args->password_only = false; }},
-};
-
-// Has one variant of the request, or none.
-void Vary(std::string_view method, uint8_t number, Args* args) {
-  std::vector<const Variant*> fitting = {nullptr};
-  for (const Variant& variant : kVariants) {
-    const auto& methods = variant.methods;
-    if (std::count(methods.begin(), methods.end(), method) != 0) fitting.push_back(&variant);
-  }
-  const auto count = static_cast<uint8_t>(fitting.size());
-  if (const Variant* variant = fitting[number % count]) variant->set(args, number / count);
-}
 
 // What the contract does not say: whose numbers they are, and that the TA hears of an operation
 // that nobody will use.
@@ -214,41 +135,38 @@ fuzz::Served ServeWell(const Request& request) {
   return fuzz::Serve(request);
 }
 
-// The request of that number is served as it was before any other.
-void CheckServed(size_t number) {
-  static const std::vector<fuzz::Served> expected = [] {
-    std::vector<fuzz::Served> all;
-    for (const Request& request : test::Requests()) {
-      all.push_back(ServeWell(request));
-      Check(all.back().result == 0, "every request is served");
-    }
-    return all;
-  }();
-  number %= expected.size();
-  const fuzz::Served served = ServeWell(test::Requests()[number]);
-  Check(served.result == 0 && served.observed == expected[number].observed,
-        "the next request has its answer");
+std::vector<fuzz::Served> ServeAllWell() {
+  std::vector<fuzz::Served> all;
+  for (const Request& request : test::Requests()) {
+    all.push_back(ServeWell(request));
+    Check(all.back().result == 0, "every request is served");
+  }
+  return all;
 }
 
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool served_all = (CheckServed(0), true);
-  Check(served_all, "all requests are served at first");
+  static const std::vector<fuzz::Served> expected = ServeAllWell();
   Input input(data, size);
   platform().init = [&input] { return Reply::Fail(ReadResult(&input, input.U8())); };
   platform().open = [&input] { return Open(&input); };
   platform().any = [&input](const Invocation& invocation) { return Answer(&input, invocation); };
   size_t number = 0;
   for (int i = 0; i < kMostRequests && !input.empty(); ++i) {
-    number = input.U8() % AllRequests().size();
-    const Request& request = AllRequests()[number];
-    const std::string_view method = request.method;
-    const uint8_t variant = input.U8();
+    const uint8_t chosen = input.U8(), variant = input.U8();
+    if (chosen == kEndContext) {
+      (void)keymaster::KeymasterTivasContext().FinishTeeContext();
+      continue;
+    }
+    number = chosen % test::Requests().size();
+    const Request& request = test::Requests()[number];
     fuzz::Serve(
-        request, [&](Args* args) { Vary(method, variant, args); },
-        [&](int32_t result, const Args& args) { CheckOperation(method, result, args); });
+        request, kVariants[variant % std::size(kVariants)],
+        [&](int32_t result, const Args& args) { CheckOperation(request.method, result, args); });
   }
-  CheckServed(number);
+  const fuzz::Served served = ServeWell(test::Requests()[number]);
+  Check(served.result == 0 && served.observed == expected[number].observed,
+        "the next request is served as it was before any other");
   return 0;
 }

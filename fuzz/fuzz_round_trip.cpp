@@ -73,7 +73,12 @@ void CheckTwoLists(const Params (&sent)[2], const Bytes& wire) {
   fuzz::Judge(&outputs, test::kCharacteristics, 0);
 }
 
-Bytes Released(uint8_t* buffer, uint32_t size) {
+// Bytes that a serialiser makes.
+template <typename Serialise>
+Bytes Serialised(Serialise serialise) {
+  uint8_t* buffer = nullptr;
+  uint32_t size = 0;
+  Check(serialise(&buffer, &size) == 0, "any parameters are serialised");
   const Bytes out(buffer, buffer + size);
   free(buffer);
   return out;
@@ -89,13 +94,13 @@ Bytes AddOneByOne(const Params (&given)[2]) {
       Check(AddKmParams(&lists[i], &added) == 0, "a parameter is added");
     }
   }
-  uint8_t* buffer = nullptr;
-  uint32_t size = 0;
-  Check(SerializeKmParams(&lists[0], &lists[1], &buffer, &size) == 0, "both are serialised");
+  const Bytes out = Serialised([&](uint8_t** buffer, uint32_t* size) {
+    return SerializeKmParams(&lists[0], &lists[1], buffer, size);
+  });
   for (KmParams& list : lists) {
     FreeKmParams(&list);
   }
-  return Released(buffer, size);
+  return out;
 }
 
 Bytes AddAtOnce(const Params& params) {
@@ -104,10 +109,8 @@ Bytes AddAtOnce(const Params& params) {
     array.push_back(PlatformParam(param));
   }
   const keymaster_key_param_set_t set = {array.data(), array.size()};
-  uint8_t* buffer = nullptr;
-  uint32_t size = 0;
-  Check(BuildKmParams(&set, &buffer, &size) == 0, "any set is serialised");
-  return Released(buffer, size);
+  return Serialised(
+      [&](uint8_t** buffer, uint32_t* size) { return BuildKmParams(&set, buffer, size); });
 }
 
 }  // namespace

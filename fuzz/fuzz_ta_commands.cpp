@@ -5,7 +5,6 @@
 // The input: command after command. A command is its number, a byte (1: its parameter types follow,
 // else they are its usual ones) and its parameters: a value is two numbers, a reference is a source
 // and what that takes. An output is its capacity, and what is in it at first where it is in/out.
-#include <dlfcn.h>
 #include <openssl/err.h>
 #include <openssl/rand.h>
 #include <sys/syscall.h>
@@ -19,7 +18,6 @@
 
 #include "fuzz/input.h"
 #include "ta/auth.h"
-#include "tests/platform/keys.h"
 #include "tests/requests/commands.h"
 
 namespace {
@@ -35,8 +33,7 @@ uint8_t g_random = 0;
 
 }  // namespace
 
-// Randomness that repeats itself, a clock that stands, RSA keys that are made once a size and
-// exponent, and files that need not last.
+// Randomness that repeats itself, a clock that stands, and files that need not last.
 extern "C" {
 int RAND_bytes(unsigned char* out, int size) {
   for (int i = 0; i < size; ++i) {
@@ -50,18 +47,6 @@ int clock_gettime(clockid_t clock, timespec* now) {
   if (clock != CLOCK_BOOTTIME) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
   *now = {kSecondsSinceBoot, 0};
   return 0;
-}
-int RSA_generate_key_ex(RSA* key, int bits, BIGNUM* e, BN_GENCB*) {
-  static const auto real =
-      reinterpret_cast<decltype(&RSA_generate_key_ex)>(dlsym(RTLD_NEXT, "RSA_generate_key_ex"));
-  static auto& made = *new std::map<std::pair<int, BN_ULONG>, Bytes>();
-  Bytes& der = made[{bits, BN_get_word(e)}];
-  if (der.empty()) {
-    if (real(key, bits, e, nullptr) != 1) return 0;
-    der = test::DerOf(i2d_RSAPrivateKey, key);
-  }
-  const uint8_t* at = der.data();
-  return d2i_RSAPrivateKey(&key, &at, static_cast<long>(der.size())) != nullptr ? 1 : 0;
 }
 }
 
