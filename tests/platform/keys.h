@@ -40,10 +40,7 @@ inline Pkey NewRsaKey(int bits, uint64_t exponent = 65537) {
 // ReadPkcs8 decodes a PrivateKeyInfo.
 inline Pkey ReadPkcs8(const Bytes& der) {
   const uint8_t* at = der.data();
-  const std::unique_ptr<PKCS8_PRIV_KEY_INFO, void (*)(PKCS8_PRIV_KEY_INFO*)> info(
-      d2i_PKCS8_PRIV_KEY_INFO(nullptr, &at, static_cast<long>(der.size())),
-      PKCS8_PRIV_KEY_INFO_free);
-  return Pkey(EVP_PKCS82PKEY(info.get()));
+  return Pkey(d2i_AutoPrivateKey(nullptr, &at, static_cast<long>(der.size())));
 }
 
 // NewEcKey is null for a curve that libcrypto lacks.
@@ -91,11 +88,6 @@ Bytes DerOf(int (*encode)(T*, uint8_t**), From* object) {
   return out;
 }
 inline Bytes Spki(const EVP_PKEY* key) { return DerOf(i2d_PUBKEY, key); }
-inline Bytes Pkcs8(EVP_PKEY* key) {
-  const std::unique_ptr<PKCS8_PRIV_KEY_INFO, void (*)(PKCS8_PRIV_KEY_INFO*)> info(
-      EVP_PKEY2PKCS8(key), PKCS8_PRIV_KEY_INFO_free);
-  return DerOf(i2d_PKCS8_PRIV_KEY_INFO, info.get());
-}
 
 }  // namespace test
 

@@ -139,11 +139,10 @@ void Authorization(Args* a) {
 
 const std::vector<Request>& Requests() {
   // clang-format off
-  static const std::vector<uint32_t> unwrap = {
-      kCmdGetKeyCharacteristics, kCmdBegin, kCmdFinish, kCmdImportKey, kCmdBegin, kCmdFinish};
   static const std::vector<uint32_t> import_wrapped = {
       kCmdGetKeyCharacteristics, kCmdBegin, kCmdFinish, kCmdImportKey, kCmdBegin, kCmdFinish,
       kCmdImportKey};
+  static const std::vector<uint32_t> unwrap(import_wrapped.begin(), import_wrapped.end() - 1);
   static const std::vector<Request> all = {
       {"Initialize", "Initialize", Initialize, nullptr, {kCmdConfigure}},
       {"Configure", "TivasKmConfigure", Configure, NewVersion, {kCmdConfigure}},

@@ -7,7 +7,7 @@
 //             that it sends when all is well
 //   AnswerTo  what a well-behaved TA answers to the commands of these requests (scripted_ta.cpp)
 //   ArgumentCase  a request with arguments that are not accepted, or only just (argument_cases.cpp)
-//   Contract  what each output holds after a failure (contract.cpp)
+//   Contract  what each output holds after a failure (arguments.cpp)
 //
 // To make a request, with a change of one's own:
 //   Outputs outputs;

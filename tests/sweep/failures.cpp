@@ -1,5 +1,3 @@
-#include "tests/sweep/failures.h"
-
 #include <android/log.h>
 
 #include <fstream>

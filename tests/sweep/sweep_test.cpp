@@ -11,7 +11,6 @@
 #include "tests/platform/keymaster_test.h"
 #include "tests/requests/commands.h"
 #include "tests/requests/wire.h"
-#include "tests/sweep/failures.h"
 #include "tests/sweep/scenario.h"
 #include "wire/little_endian.h"
 

@@ -14,13 +14,11 @@ constexpr size_t kThreads = 8, kRequestsPerThread = 2500;
 
 TEST_F(TrackedTest, ThreadsServeMixedRequests) {
   InstallTa();
-  std::vector<const Request*> requests, imports;
+  std::vector<const Request*> requests;
   std::map<const Request*, Outcome> expected;
   for (const Request& request : Requests()) {
-    const std::string name = request.name;
-    if (name == "Initialize") continue;  // it replaces the context
+    if (request.name == std::string("Initialize")) continue;  // it replaces the context
     requests.push_back(&request);
-    if (name.compare(0, 6, "Import") == 0) imports.push_back(&request);
     expected.emplace(&request, Perform(request));
   }
   const size_t blocks = LiveBlocks();
@@ -28,12 +26,8 @@ TEST_F(TrackedTest, ThreadsServeMixedRequests) {
   for (size_t thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       for (size_t i = 0; i < kRequestsPerThread; ++i) {
-        const auto& pool = i % 2 == 0 ? imports : requests;
-        const Request* request = pool[(i / 2 + thread) % pool.size()];
-        if (!(Perform(*request) == expected.at(request))) {
-          ADD_FAILURE() << request->name;
-          return;
-        }
+        const Request* request = requests[(i + thread * thread) % requests.size()];
+        EXPECT_TRUE(Perform(*request) == expected.at(request)) << request->name;
       }
     });
   }
@@ -41,7 +35,6 @@ TEST_F(TrackedTest, ThreadsServeMixedRequests) {
     thread.join();
   }
   EXPECT_EQ(blocks, LiveBlocks());
-  EXPECT_LT(kThreads * kRequestsPerThread, platform().opens.size());
 }
 
 }  // namespace

@@ -1,7 +1,4 @@
 // The uses that a key allows, and the operations that they begin.
-#include <atomic>
-#include <thread>
-
 #include "tests/ta/ta_client.h"
 
 namespace {
@@ -154,26 +151,6 @@ TEST_F(TaTest, HoldsABoundedNumberOfOperations) {
     EXPECT_EQ(Ta().Run(kCmdAbort, In(Le(handle, 8))), 0u);  // from another session
     EXPECT_EQ(ta.Run(kCmdAbort, In(Le(handle, 8))), Km(KM_ERROR_INVALID_OPERATION_HANDLE));
   }
-}
-
-TEST_F(TaTest, LetsOneThreadFinishAnOperation) {
-  ASSERT_EQ(ta.Generate(kAes), 0u);
-  ASSERT_EQ(ta.Begin(kEncrypt, kEcb), 0u);
-  std::atomic<int> finished{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      Ta own;
-      own.handle = ta.handle;
-      while (own.Update(Str(16, 'p')) == 0 && own.output.size() < 320) {
-      }
-      if (own.Finish() == 0) ++finished;
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  EXPECT_EQ(finished, 1);
 }
 
 }  // namespace
