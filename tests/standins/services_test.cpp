@@ -8,7 +8,6 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 

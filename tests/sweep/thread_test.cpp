@@ -4,7 +4,6 @@
 
 #include <thread>
 
-#include "tests/platform/keymaster_test.h"
 #include "tests/sweep/scenario.h"
 
 namespace test {

@@ -50,12 +50,14 @@ TEST_F(TaTest, SurvivesRequestsCutShortAndTypesOfAnyKind) {
 }
 
 TEST_F(TaTest, BoundsTheMemoryThatARequestMayTake) {
-  // Values that share their bytes.
-  Str shared = Wire(kAes + P(KM_TAG_APPLICATION_ID, "id") + P(KM_TAG_APPLICATION_DATA, "da"));
-  shared.resize(shared.size() - 2);
-  shared.replace(shared.size() - 2 - 8, 4, Le(0, 4));
-  EXPECT_EQ(ta.Run(kCmdGenerateKey, In(shared), {}, Out(4096), Out(4096)),
-            Km(KM_ERROR_INVALID_ARGUMENT));
+  // Values that share their bytes, or end beyond them.
+  for (const uint32_t offset : {0u, 3u, 5u}) {
+    Str request = Wire(kAes + P(KM_TAG_APPLICATION_ID, "id") + P(KM_TAG_APPLICATION_DATA, "da"));
+    request.replace(request.size() - 4 - 8, 4, Le(offset, 4));
+    if (offset == 0) request.resize(request.size() - 2);
+    EXPECT_EQ(ta.Run(kCmdGenerateKey, In(request), {}, Out(4096), Out(4096)),
+              Km(KM_ERROR_INVALID_ARGUMENT));
+  }
   // Output that nobody takes.
   ASSERT_EQ(ta.Generate(kAes), 0u);
   ASSERT_EQ(ta.Begin(kEncrypt, kEcb), 0u);
