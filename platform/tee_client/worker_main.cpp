@@ -25,9 +25,6 @@ void KeepFreedMemory() {
   mallopt(M_TRIM_THRESHOLD, kKept);
 }
 
-// Outlives the threads: the process ends without destructors.
-const auto g_pool = std::make_shared<MemoryPool>();
-
 // ServedConnection has one session at a time.
 class ServedConnection {
  public:
@@ -78,7 +75,9 @@ class ServedConnection {
              TEEC_Operation* operation) {
     const TrustedApp* app = FindBuiltInApp(request.uuid);
     if (app == nullptr) return {TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE};
-    session_ = std::make_unique<Session>(std::make_unique<InlineSession>(*app, g_pool), 0);
+    // Outlives the threads: the process ends without destructors.
+    static const auto pool = std::make_shared<MemoryPool>();
+    session_ = std::make_unique<Session>(std::make_unique<InlineSession>(*app, pool), 0);
     const Reply reply = session_->Open(request.code, parameters, operation);
     if (reply.result != TEEC_SUCCESS) session_ = nullptr;
     return reply;

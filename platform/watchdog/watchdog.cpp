@@ -44,7 +44,7 @@ Clock::time_point DeadlineOf(unsigned timeout) {
 // that deadline comes, so in a run of short calls it wakes once a time-out and not once a call.
 class Watchdog {
  public:
-  int Open(Bracket bracket);
+  int Open(const Bracket& bracket);
   int Close(int id);
 
  private:
@@ -80,15 +80,14 @@ bool Watchdog::StartThread() {
   return thread_ != std::thread::id();
 }
 
-int Watchdog::Open(Bracket bracket) {
+int Watchdog::Open(const Bracket& bracket) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!StartThread()) return kFailed;
-  const Clock::time_point deadline = bracket.deadline;
   do {
     last_id_ = last_id_ == INT_MAX ? 1 : last_id_ + 1;
-  } while (!brackets_.try_emplace(last_id_, std::move(bracket)).second);
-  if (deadline < wake_at_) {
-    wake_at_ = deadline;
+  } while (!brackets_.try_emplace(last_id_, bracket).second);
+  if (bracket.deadline < wake_at_) {
+    wake_at_ = bracket.deadline;
     earlier_deadline_.notify_one();
   }
   return last_id_;
