@@ -130,10 +130,10 @@ TEST_F(Serialise, RebasesTheSecondListOnTheFirstOnesBytes) {
 TEST_F(Serialise, GrowsBySixteen) {
   Record record;
   Params params;
-  for (uint32_t i = 1; i <= 49; ++i) {
+  for (uint32_t i = 1; i <= 50; ++i) {
+    EXPECT_EQ(16 * std::max(1u, (i + 14) / 16), record.capacity);
     params.push_back(i % 3 == 0 ? Param(kBytesTag + i, Ramp(1, i)) : Param(i << 8, 0));
     ASSERT_EQ(0, record.Add(params.back()));
-    EXPECT_EQ(i <= 16 ? 16u : i <= 32 ? 32u : i <= 48 ? 48u : 64u, record.capacity);
     ASSERT_EQ(TwoLists({}, params), Join(nullptr, &record)) << i;
   }
 }

@@ -28,7 +28,7 @@ const struct {
     {kRsaSign, {KM_TAG_KEY_SIZE, 504}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
     {kRsaSign, {KM_TAG_KEY_SIZE, 4104}, KM_ERROR_UNSUPPORTED_KEY_SIZE},
     {kRsaSign, {KM_TAG_RSA_PUBLIC_EXPONENT, 65536}, KM_ERROR_INVALID_ARGUMENT},
-    {kRsaSign, {KM_TAG_RSA_PUBLIC_EXPONENT, 1}, KM_ERROR_INVALID_ARGUMENT},
+    {kRsaSign, {KM_TAG_RSA_PUBLIC_EXPONENT, 3}, KM_ERROR_OK},
 };
 
 // The numbers that a description can have, of all from 0 on.
