@@ -230,7 +230,7 @@ TEST_F(RequestTest, WrappedImportPrefersTheCallersUnwrappingParameters) {
 
 TEST_F(RequestTest, WrappedImportNeedsAMaskAsLongAsTheTransitKey) {
   const Bytes longer(33);
-  const keymaster_key_blob_t mask = KeyBlob(longer), none = {nullptr, 0};
+  const keymaster_key_blob_t mask = {longer.data(), longer.size()}, none = {nullptr, 0};
   EXPECT_EQ(kBadArgument, Make("ImportWrappedKey", [&](Args* args) { args->mask = &mask; }));
   ReplyTo(kCmdFinish, Reply::Ok());
   // Nothing to unmask, and nothing to import.

@@ -60,7 +60,6 @@ inline Bytes BlobBytes(const keymaster_key_blob_t& blob) {
 
 // A blob structure that points at bytes; the bytes must outlive it.
 inline keymaster_blob_t Blob(const Bytes& bytes) { return {bytes.data(), bytes.size()}; }
-inline keymaster_key_blob_t KeyBlob(const Bytes& bytes) { return {bytes.data(), bytes.size()}; }
 
 // Fenced is a copy of bytes that ends where readable memory ends: who reads one more is killed.
 class Fenced {

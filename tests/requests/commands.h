@@ -2,7 +2,6 @@
 #ifndef TESTS_REQUESTS_COMMANDS_H
 #define TESTS_REQUESTS_COMMANDS_H
 
-#include <stdlib.h>
 #include <tee_client_api.h>
 
 #include "wire/ta_protocol.h"

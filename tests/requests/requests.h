@@ -186,8 +186,6 @@ States Allowed(std::string_view method, Output output, States Contract::*failure
 
 // ---- The TA
 
-constexpr uint32_t kUnexpectedInput = 0xF00D0002;  // the TA got what it must not get
-
 Reply AnswerTo(uint32_t command, const TEEC_Operation& operation);
 
 }  // namespace test

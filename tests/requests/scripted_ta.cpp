@@ -111,7 +111,7 @@ bool Accepts(uint32_t command, const TEEC_Operation& operation) {
 
 Reply AnswerTo(uint32_t command, const TEEC_Operation& operation) {
   Reply reply;
-  reply.result = Accepts(command, operation) ? TEEC_SUCCESS : kUnexpectedInput;
+  reply.result = Accepts(command, operation) ? TEEC_SUCCESS : 0xF00D0002;  // no code of the TEE's
   reply.outputs = OutputsOf(command, operation);
   if (command == km41::kCmdBegin) reply.Value(3, 0x11223344, 0x55667788);
   return reply;

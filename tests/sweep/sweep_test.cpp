@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <iostream>
 
-#include "tests/platform/keymaster_test.h"
 #include "tests/requests/commands.h"
 #include "tests/requests/wire.h"
 #include "tests/sweep/scenario.h"

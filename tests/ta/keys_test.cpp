@@ -56,6 +56,10 @@ TEST_F(TaTest, MakesTheKeysThatCanBe) {
     }
   }
   EXPECT_EQ(ta.Generate(kHmac + kSha1), Km(KM_ERROR_UNSUPPORTED_DIGEST));
+  const auto blob_size = [this](uint64_t bits) {
+    return ta.Generate(With(kHmac, {KM_TAG_KEY_SIZE, bits})) == 0 ? ta.blob.size() : 0;
+  };
+  EXPECT_EQ(blob_size(64) + 56, blob_size(512)) << "a key is as long as it says";
   // For a user, and for anybody.
   EXPECT_EQ(ta.Generate(kAes + P(KM_TAG_USER_SECURE_ID, 7) + P(KM_TAG_NO_AUTH_REQUIRED, 1)),
             Km(KM_ERROR_INVALID_ARGUMENT));
