@@ -49,16 +49,10 @@ constexpr CommandName kUnknown = {0, "?", {kHidden, kHidden, kHidden, kHidden}};
 
 // NameOfTag returns a tag's name, "?" when there is none, and its number.
 std::string NameOfTag(uint32_t tag) {
-  constexpr char kPrefix[] = "KM_TAG_";
-  constexpr size_t kLength = sizeof(kPrefix) - 1;
-  std::string name = "?";
-  for (const ConstantName& constant : kConstantNames) {
-    const bool is_tag = std::strncmp(constant.name, kPrefix, kLength) == 0;
-    if (is_tag && constant.value == tag) name = constant.name + kLength;
-  }
+  const char* const name = FindConstantName("KM_TAG_", tag);
   char text[16];
   (void)snprintf(text, sizeof(text), " (0x%08x)", tag);
-  return name + text;
+  return (name != nullptr ? name : "?") + std::string(text);
 }
 
 // "?", with secret parameters, for a command that is not known.

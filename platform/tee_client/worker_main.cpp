@@ -119,10 +119,7 @@ int main() {
   FileDescriptor socket;
   while (control.Receive(&greeting, sizeof(greeting), &socket, kNoLimit)) {
     served = true;
-    if (socket.get() >= 0) {
-      StartThread(std::exchange(socket, FileDescriptor()));
-    }
-    socket.Reset();
+    if (socket.get() >= 0) StartThread(std::exchange(socket, FileDescriptor()));
   }
   if (!served) (void)fprintf(stderr, "tee-worker: to be started by the TEE client library only\n");
   // Threads may be inside a TA: nothing of theirs is torn down under them.

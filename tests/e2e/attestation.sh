@@ -12,7 +12,8 @@ attest() {
   told=$(openssl asn1parse -in cert.1 | grep -A1 ':1\.3\.6\.1\.4\.1\.11129\.2\.1\.17$' | sed '1d;s/.*://')
 }
 
-# described leaves in seen what openssl says of the three certificates.
+# described BEFORE AFTER USAGE: what openssl says of the three certificates, the leaf valid between these
+# and for that use.
 described() {
   local n
   ok km export --key k.blob --out public.pem
@@ -23,6 +24,13 @@ described() {
     openssl x509 -in cert.$n -noout -nameopt RFC2253 -subject -serial -startdate -enddate \
       -ext basicConstraints,keyUsage
   done >seen
+  same seen <(echo "subject=CN=Android Keystore Key
+serial=01
+notBefore=$1 GMT
+notAfter=$2 GMT
+X509v3 Key Usage: critical
+    $3
+$authorities") "the certificates: $(cat seen)"
 }
 authorities='subject=CN=Keymaster Host Attestation Intermediate
 serial=02
@@ -53,14 +61,7 @@ ok km generate --algorithm ec --purpose sign,verify --param creation-datetime=16
 attest --param attestation-id-brand=host
 [ "$told" = "3081CD${head}3015$created${application}30819AA1083106020102020103A203020103A30402020100\
 A5053103020104AA03020101BF8377020500$origin${system}BF8546060404686F7374" ] || fail "of an EC key: $told"
-described
-same seen <(echo "subject=CN=Android Keystore Key
-serial=01
-notBefore=Sep 13 12:26:40 2020 GMT
-notAfter=Dec 31 23:59:59 9999 GMT
-X509v3 Key Usage: critical
-    Digital Signature
-$authorities") "the certificates of an EC key: $(cat seen)"
+described 'Sep 13 12:26:40 2020' 'Dec 31 23:59:59 9999' 'Digital Signature'
 for id in serial=not-mine brand=hosts; do
   refuse 'KM_ERROR_CANNOT_ATTEST_IDS (-66)' \
     km attest --key k.blob --challenge x --param attestation-id-$id
@@ -76,14 +77,7 @@ attest
 30819CA1053103020105A203020101A30402021000A5083106020102020104A6053103020102BF8148050203010001\
 BF837803020103$origin$system" ] ||
   fail "of an RSA key: $told"
-described
-same seen <(echo "subject=CN=Android Keystore Key
-serial=01
-notBefore=Jul 14 02:40:00 2017 GMT
-notAfter=Jan  1 00:00:00 2100 GMT
-X509v3 Key Usage: critical
-    Key Encipherment
-$authorities") "the certificates of an RSA key: $(cat seen)"
+described 'Jul 14 02:40:00 2017' 'Jan  1 00:00:00 2100' 'Key Encipherment'
 
 # A key that is to have it gets a unique id: the application's, another one every 30 days and after
 # the user's reset.

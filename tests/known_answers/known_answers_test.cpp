@@ -15,10 +15,8 @@
 namespace {
 
 using Str = std::string;
-using test::Bytes;
+using test::Bytes, test::Params, test::ParamSet;
 using Key = keymaster::TKeymasterBlob<keymaster_key_blob_t>;
-using test::Params;
-using test::ParamSet;
 
 // ---- The vectors
 

@@ -4,7 +4,6 @@
 #define TESTS_SWEEP_SCENARIO_H
 
 #include <functional>
-#include <map>
 #include <set>
 #include <string>
 #include <vector>

@@ -2,7 +2,6 @@
 
 #include <constant_names.h>
 #include <ctype.h>
-#include <string.h>
 
 #include <algorithm>
 #include <map>
@@ -27,20 +26,6 @@ std::vector<Named> Name(const std::vector<int64_t>& values, const std::string& n
     start = names.find_first_not_of(", ", end);
   }
   return out;
-}
-
-// The constants whose names begin so.
-std::vector<Named> Beginning(const std::string& prefix) {
-  std::vector<Named> out;
-  for (const auto& [name, value] : kConstantNames) {
-    if (strncmp(name, prefix.c_str(), prefix.size()) == 0) out.push_back({name, value});
-  }
-  return out;
-}
-
-const std::vector<Named>& Tags() {
-  static const std::vector<Named> tags = Beginning("KM_TAG_");
-  return tags;
 }
 
 // From 0xFFFF0000 on, as the TEE client numbers them.
@@ -99,9 +84,10 @@ std::string Plain(const std::string& text) {
   return out;
 }
 
-// KM_TAG_KEY_SIZE is "key-size".
-std::string NameOf(const Named& tag) {
-  std::string name = tag.name.substr(sizeof("KM_TAG_") - 1);
+constexpr const char* kTagPrefix = "KM_TAG_";
+
+// KEY_SIZE is "key-size".
+std::string Written(std::string name) {
   for (char& c : name) {
     c = c == '_' ? '-' : static_cast<char>(tolower(static_cast<unsigned char>(c)));
   }
@@ -132,17 +118,16 @@ size_t Distance(const std::string& from, const std::string& to) {
 }  // namespace
 
 std::string TagName(keymaster_tag_t tag) {
-  for (const Named& row : Tags()) {
-    if (row.value == static_cast<uint32_t>(tag)) return NameOf(row);
-  }
-  return "tag-" + std::to_string(static_cast<uint32_t>(tag));
+  const char* const name = FindConstantName(kTagPrefix, static_cast<uint32_t>(tag));
+  return name != nullptr ? Written(name) : "tag-" + std::to_string(static_cast<uint32_t>(tag));
 }
 
 keymaster_tag_t TagByName(const std::string& name) {
   std::vector<std::string> names;
-  for (const Named& row : Tags()) {
-    names.push_back(NameOf(row));
-    if (Plain(names.back()) == Plain(name)) return static_cast<keymaster_tag_t>(row.value);
+  for (const ConstantName& constant : kConstantNames) {
+    if (FindConstantName(kTagPrefix, constant.value) == nullptr) continue;
+    names.push_back(TagName(static_cast<keymaster_tag_t>(constant.value)));
+    if (Plain(names.back()) == Plain(name)) return static_cast<keymaster_tag_t>(constant.value);
   }
   const std::string near = Nearest(name, names);
   throw UsageFailure("no parameter is named '" + name + "'",
@@ -191,9 +176,8 @@ std::string ResultName(int32_t result) {
   if (IsTeeResult(result) && (code & 0xFFFF) < std::size(kTeeResults)) {
     return std::string("TEEC_ERROR_") + kTeeResults[code & 0xFFFF];
   }
-  for (const Named& row : Beginning("KM_ERROR_")) {
-    if (row.value == code) return row.name;
-  }
+  const char* const name = FindConstantName("KM_ERROR_", code);
+  if (name != nullptr) return std::string("KM_ERROR_") + name;
   return code == 0xFFFF3024u ? "TEEC_ERROR_TARGET_DEAD" : "";
 }
 

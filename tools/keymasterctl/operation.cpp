@@ -252,8 +252,8 @@ void Progress::Add(size_t bytes) {
   next_ = Clock::now() + kInterval;
   drawn_ = true;
   const uint64_t total = total_.value_or(0);
-  const std::string line =
-      total == 0 ? MiB(done_)
-                 : std::to_string(done_ * 100 / total) + "%  " + MiB(done_) + " of " + MiB(total);
+  const std::string line = total == 0 ? MiB(done_)
+                                      : std::to_string(std::min(done_, total) * 100 / total) +
+                                            "%  " + MiB(done_) + " of " + MiB(total);
   fprintf(stderr, "\r%s MiB\x1b[K", line.c_str());
 }
