@@ -136,7 +136,9 @@ fi
 unusable "$PWD/closed" 'Permission denied'
 emulator=${KM_EMULATOR:-}
 
-# Doctor finds each damaged file by its name, and changes nothing.
+# Doctor finds each damaged file by its name, changes nothing, and leaves no copy of the state.
+copies() { compgen -G '/dev/shm/keymasterctl-*' || true; }
+copies >copies_before
 ok km attest --key k.blob --challenge x --out chain
 ok km hmac-sharing
 ok km generate --algorithm hmac --max-uses 9 --key limited.blob
@@ -167,4 +169,11 @@ state state >after
 same before after 'doctor changed a sound state'
 state=none ok km doctor
 [ ! -e none ] || fail 'doctor made a state folder'
-! compgen -G '/dev/shm/keymasterctl-*' >left || fail "a copy of the state was left: $(cat left)"
+# Copies that other processes work on at this moment go by themselves.
+for copy in $(copies | grep -vxFf copies_before || true); do
+  for _ in {1..100}; do
+    [ -e "$copy" ] || continue 2
+    sleep 0.1
+  done
+  fail "a copy of the state was left: $copy"
+done
