@@ -26,7 +26,7 @@ int32_t KeymasterTivasContext::TivasKmGetKeyCharacteristics(
   if (tee_result != 0) {
     return ReportFailure("%s : TeeGetKeyCharacteristics failed, ret=0x%x", tee_result);
   }
-  if (DecodeCharacteristics(reply, characteristics) != Decoded::kFilled) {
+  if (!DecodeCharacteristics(reply, characteristics)) {
     // Emptied here too, where a reply of 3 bytes or fewer left them untouched.
     *characteristics = keymaster_key_characteristics_t{};
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;

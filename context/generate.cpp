@@ -131,8 +131,7 @@ int32_t GenerateInTa(const keymaster_key_param_set_t& params, keymaster_key_blob
   if (tee_result != 0) return ReportFailure("%s : TeeGenerateKey failed, ret=0x%x", tee_result);
   const int32_t result = CopyGeneratedKey(blob_reply, key_blob);
   if (result != KM_ERROR_OK) return result;
-  if (characteristics != nullptr &&
-      DecodeCharacteristics(character_reply, characteristics) != Decoded::kFilled) {
+  if (characteristics != nullptr && !DecodeCharacteristics(character_reply, characteristics)) {
     WithdrawKeyBlob(key_blob);
     return KM_ERROR_MEMORY_ALLOCATION_FAILED;
   }

@@ -70,23 +70,18 @@ void WithdrawKeyBlob(keymaster_key_blob_t* key_blob) {
   *key_blob = keymaster_key_blob_t{};
 }
 
-Decoded DecodeCharacteristics(const Reply& reply,
-                              keymaster_key_characteristics_t* characteristics) {
+bool DecodeCharacteristics(const Reply& reply, keymaster_key_characteristics_t* characteristics) {
   ReplyReader reader;
   if (!reply.Read(&reader)) {
     *characteristics = keymaster_key_characteristics_t{};
-    return Decoded::kEmptied;
+    return false;
   }
-  if (BuildKeyCharacter(reader.rest(), reader.remaining(), characteristics) == 0) {
-    return Decoded::kFilled;
-  }
-  return reader.remaining() < sizeof(uint32_t) ? Decoded::kUntouched : Decoded::kEmptied;
+  return BuildKeyCharacter(reader.rest(), reader.remaining(), characteristics) == 0;
 }
 
 int32_t FillKeyCharacteristics(const Reply& reply, keymaster_key_blob_t* key_blob,
                                keymaster_key_characteristics_t* characteristics) {
-  if (characteristics == nullptr ||
-      DecodeCharacteristics(reply, characteristics) == Decoded::kFilled) {
+  if (characteristics == nullptr || DecodeCharacteristics(reply, characteristics)) {
     return KM_ERROR_OK;
   }
   WithdrawKeyBlob(key_blob);

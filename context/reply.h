@@ -83,14 +83,11 @@ void WithdrawKeyBlob(keymaster_key_blob_t* key_blob);
 
 // ---- Characteristics and output parameters
 
-// What a decoding leaves in the caller's lists.
-enum class Decoded { kFilled, kEmptied, kUntouched };
-
-// DecodeCharacteristics decodes a reply into the caller's lists. One that does not decode, or whose
-// reported length is beyond its buffer, empties them; one too short for a count leaves them
-// untouched.
-[[nodiscard]] Decoded DecodeCharacteristics(const Reply& reply,
-                                            keymaster_key_characteristics_t* characteristics);
+// DecodeCharacteristics decodes a reply into the caller's lists. False for one that does not
+// decode, or whose reported length is beyond its buffer: it empties them, or, when too short for a
+// count, leaves them untouched.
+[[nodiscard]] bool DecodeCharacteristics(const Reply& reply,
+                                         keymaster_key_characteristics_t* characteristics);
 
 // FillKeyCharacteristics does so (but for null characteristics) after key_blob was handed over. 0,
 // or -41 with key_blob withdrawn.
