@@ -2,7 +2,7 @@
 // form does not carry.
 #include <keymaster_ts.h>
 
-#include <set>
+#include <algorithm>
 
 #include "fuzz/serve.h"
 
@@ -18,15 +18,9 @@ constexpr size_t kMostParams = 300;
 constexpr uint64_t kWord = UINT32_MAX, kLong = UINT64_MAX;
 constexpr uint64_t kCarried[16] = {0, kWord, kWord, kWord, kWord, kLong, kLong, 1, 0, 0, kLong};
 
-// DefinesKey tells which parameters go to the first list.
 bool DefinesKey(uint32_t tag) {
-  static const std::set<uint32_t> tags = {KM_TAG_ALGORITHM,       KM_TAG_KEY_SIZE,
-                                          KM_TAG_PURPOSE,         KM_TAG_RSA_PUBLIC_EXPONENT,
-                                          KM_TAG_BLOCK_MODE,      KM_TAG_DIGEST,
-                                          KM_TAG_PADDING,         KM_TAG_EC_CURVE,
-                                          KM_TAG_CALLER_NONCE,    KM_TAG_BLOB_USAGE_REQUIREMENTS,
-                                          KM_TAG_BOOTLOADER_ONLY, KM_TAG_ROLLBACK_RESISTANCE};
-  return tags.count(tag) != 0;
+  const auto& tags = test::kFirstListTags;
+  return std::find(std::begin(tags), std::end(tags), tag) != std::end(tags);
 }
 
 // A number fills more of the structure than the wire carries of it.

@@ -135,9 +135,7 @@ TEST_F(KeyMaterial, NumbersFitBehindTheirOffset) {
 }
 
 TEST_F(KeyMaterial, SixCurvesHaveAKeySizeAndSevenAreKnown) {
-  std::map<int, int> nids = {{160, 709}, {192, 711}, {224, 713},
-                             {256, 415}, {384, 715}, {521, 716}},
-                     sizes = {{714, 256}};
+  std::map<int, int> nids = kCurveOfKeySize, sizes = {{714, 256}};  // and secp256k1
   for (const auto& [size, nid] : nids) {
     sizes[nid] = size;
   }

@@ -152,9 +152,7 @@ TEST_F(RequestTest, ExportEncodesRsaKeys) {
 }
 
 TEST_F(RequestTest, ExportEncodesEcKeysOfTheCurvesThatLibcryptoHas) {
-  const std::pair<int, uint32_t> kCurves[] = {{709, 160}, {711, 192}, {713, 224},
-                                              {415, 256}, {715, 384}, {716, 521}};
-  for (const auto& [nid, bits] : kCurves) {
+  for (const auto& [bits, nid] : kCurveOfKeySize) {
     const Pkey ec = NewEcKey(nid);
     EXPECT_TRUE(ec != nullptr || nid != 415);
     auto numbers = ec == nullptr ? std::map<std::string, Bytes>() : NumbersOf(ec.get());

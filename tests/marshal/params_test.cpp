@@ -12,9 +12,6 @@ using Serialise = KeymasterTest;
 using Decode = KeymasterTest;
 
 constexpr uint32_t kBytesTag = 0x90000321;
-constexpr uint32_t kFirstListTags[] = {0x10000002, 0x1000000A, 0x1000012D, 0x20000001,
-                                       0x20000004, 0x20000005, 0x20000006, 0x30000003,
-                                       0x500000C8, 0x70000007, 0x7000012E, 0x7000012F};
 
 // The bytes that serialise(&out, &length) made, released; a failure leaves both untouched.
 template <typename Serialise>

@@ -43,6 +43,11 @@ inline Pkey ReadPkcs8(const Bytes& der) {
   return Pkey(d2i_AutoPrivateKey(nullptr, &at, static_cast<long>(der.size())));
 }
 
+// The curves that a key size stands for, by libcrypto's number: secp160r1, secp192k1, secp224r1,
+// prime256v1, secp384r1, secp521r1.
+const std::map<int, int> kCurveOfKeySize = {{160, 709}, {192, 711}, {224, 713},
+                                            {256, 415}, {384, 715}, {521, 716}};
+
 // NewEcKey is null for a curve that libcrypto lacks.
 inline Pkey NewEcKey(int nid) {
   EC_KEY* ec = EC_KEY_new_by_curve_name(nid);

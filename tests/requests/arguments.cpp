@@ -50,12 +50,6 @@ std::map<std::string, Bytes> MakeSecrets() {
   return secrets;
 }
 
-Wrapper OfPkcs8() {
-  Wrapper wrapper;
-  wrapper.format = KM_KEY_FORMAT_PKCS8;
-  return wrapper;
-}
-
 }  // namespace
 
 Fixture::Fixture()
@@ -74,7 +68,7 @@ Fixture::Fixture()
       description(Wrapper().Description()),
       payload(Cat({Wrapper().material, Wrapper().tag})),
       wrapper(Wrapper().Encode()),
-      pkcs8_wrapper(OfPkcs8().Encode()),
+      pkcs8_wrapper(Wrapper(KM_KEY_FORMAT_PKCS8).Encode()),
       encrypted_transit_key(Wrapper().transit_key),
       auth_token(AuthToken(5, 7, 2)),
       ec_params({{KM_TAG_ALGORITHM, KM_ALGORITHM_EC},

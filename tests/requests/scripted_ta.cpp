@@ -63,17 +63,11 @@ std::map<uint32_t, Written> MakeUsualOutputs() {
           {kCmdGetErrorRecord, {{0, ErrorRecord(7, 120, "FuncName")}}}};
 }
 
-Wrapper WrapperOf(uint8_t format) {
-  Wrapper wrapper;
-  wrapper.format = format;
-  return wrapper;
-}
-
 // What a command's answer writes where.
 Written OutputsOf(uint32_t command, const TEEC_Operation& operation) {
   static const std::map<uint32_t, Written> usual = MakeUsualOutputs();
   static const Bytes ec_public = EcPublicKey();
-  static const Bytes pkcs8_description = WrapperOf(KM_KEY_FORMAT_PKCS8).Description();
+  static const Bytes pkcs8_description = Wrapper(KM_KEY_FORMAT_PKCS8).Description();
   const Bytes first = InputOf(operation, 0);
   if (command == km41::kCmdExportKey && first == BlobBytes(fixture().ec_blob.blob)) {
     return {{2, ec_public}};

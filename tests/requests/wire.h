@@ -12,6 +12,11 @@ namespace test {
 
 // ---- Lists of parameters
 
+// The tags that define a key go to the first list.
+constexpr uint32_t kFirstListTags[] = {0x10000002, 0x1000000A, 0x1000012D, 0x20000001,
+                                       0x20000004, 0x20000005, 0x20000006, 0x30000003,
+                                       0x500000C8, 0x70000007, 0x7000012E, 0x7000012F};
+
 using Params = std::vector<Param>;
 inline Params operator+(Params a, const Params& b) {
   a.insert(a.end(), b.begin(), b.end());
@@ -111,7 +116,8 @@ inline Bytes Der(const Bytes& tag, std::initializer_list<Bytes> parts) {
 
 // A wrapper of an AES key of 256 bits for the user 7. What is encrypted is the TA's affair.
 struct Wrapper {
-  uint8_t format = KM_KEY_FORMAT_RAW;
+  explicit Wrapper(uint8_t key_format = KM_KEY_FORMAT_RAW) : format(key_format) {}
+  uint8_t format;
   Bytes transit_key = Ramp(1, 256);
   Bytes iv = Ramp(9, 12);
   Bytes auth_token = AuthToken(0, 0, 2);
