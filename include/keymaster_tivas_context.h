@@ -10,18 +10,20 @@
 //  3. An output is written on success. A failure leaves it untouched, unless its method says that
 //     it is cleared or emptied: it is then null with length 0. What an output held before is
 //     overwritten and never released.
-//  4. A pointer that is null and must not be is KM_ERROR_UNEXPECTED_NULL_POINTER (-32), or
+//  4. An argument that is null and must not be is KM_ERROR_UNEXPECTED_NULL_POINTER (-32), or
 //     KM_ERROR_OUTPUT_PARAMETER_NULL (-27) for the key blob, characteristics or data to be written,
 //     unless said otherwise. "May be null" is said where it holds. A set with a length and no
 //     array, memory that runs out and a reply that does not decode are
-//     KM_ERROR_MEMORY_ALLOCATION_FAILED (-41), unless said otherwise.
+//     KM_ERROR_MEMORY_ALLOCATION_FAILED (-41), unless said otherwise. Null data within an argument
+//     is never read; which code it comes to is no promise unless said.
 //  5. Input stays the caller's, is not kept and not changed. Lengths are in bytes.
 //  6. Every TA command needs the process-wide TEE context: without it the result is
 //     TEEC_ERROR_BAD_PARAMETERS (0xFFFF0006).
 //  7. Methods may run on several threads at once, but the TEE context must not be made or
 //     finalised (Initialize, InitTeeContext, FinishTeeContext) while a request runs. libcrypto's
-//     error queue of the calling thread is left as it was found; BoringSSL itself empties it when
-//     it makes an RSA key.
+//     error queue of the calling thread is left as it was found, but that libcrypto, which keeps 16
+//     errors, drops the oldest for those of a failure; BoringSSL itself empties it when it makes an
+//     RSA key.
 #ifndef KEYMASTER_TIVAS_CONTEXT_H
 #define KEYMASTER_TIVAS_CONTEXT_H
 
@@ -104,7 +106,8 @@ class KEYMASTER41_TS_API KeymasterTivasContext {
                                            keymaster_key_characteristics_t* characteristics);
   // TivasKmImportKey imports PKCS#8 (RSA, EC) or raw key bytes; KM_ERROR_UNSUPPORTED_KEY_FORMAT
   // (-17) for any other format and for PKCS#8 that does not decode. characteristics may be null.
-  // Its replies are treated as those of TivasKmGenerateKey.
+  // Its replies are treated as those of TivasKmGenerateKey, but that a key blob without bytes is
+  // no failure.
   [[nodiscard]] int32_t TivasKmImportKey(const keymaster_key_param_set_t* params,
                                          keymaster_key_format_t format,
                                          const keymaster_blob_t* key_data,
@@ -113,7 +116,8 @@ class KEYMASTER41_TS_API KeymasterTivasContext {
   // TivasKmExportKey returns the public key as a DER SubjectPublicKeyInfo; for any format but
   // KM_KEY_FORMAT_X509 KM_ERROR_UNSUPPORTED_KEY_FORMAT (-17). client_id and app_data may be null.
   // output is cleared once key and output are not null. A reply whose lengths do not fit is
-  // KM_ERROR_UNKNOWN_ERROR (-1000), one that makes no key KM_ERROR_INVALID_ARGUMENT (-38).
+  // KM_ERROR_UNKNOWN_ERROR (-1000), one that libcrypto makes no key of, or whose key it does not
+  // encode, KM_ERROR_INVALID_ARGUMENT (-38).
   [[nodiscard]] int32_t TivasKmExportKey(keymaster_key_format_t format,
                                          const keymaster_key_blob_t* key,
                                          const keymaster_blob_t* client_id,
@@ -230,14 +234,15 @@ class KEYMASTER41_TS_API KeymasterTivasContext {
       TKeymasterBlob<keymaster_key_blob_t>* encrypted_transit_key,
       keymaster_blob_t* plain_transit_key);
   // TransitKeyRsaDecrypt is its begin and finish under the wrapping key; plain_transit_key is
-  // cleared between the two.
+  // cleared between the two, but untouched when more than 4096 bytes are to be decrypted
+  // (KM_ERROR_INVALID_INPUT_LENGTH, -21).
   [[nodiscard]] int32_t TransitKeyRsaDecrypt(
       keymaster_key_blob_t* wrapping_key, keymaster_key_param_set_t* unwrapping_params,
       TKeymasterBlob<keymaster_key_blob_t>* encrypted_transit_key,
       keymaster_blob_t* plain_transit_key);
   // WrappedKeyAesGcmDecrypt imports the transit key and decrypts payload (the encrypted key
   // material followed by the tag) under it. key_material receives a buffer as above; it is cleared
-  // once the decryption has begun.
+  // once the decryption has begun, but for a payload that is refused as too long as above.
   [[nodiscard]] int32_t WrappedKeyAesGcmDecrypt(keymaster_blob_t* plain_transit_key,
                                                 TKeymasterBlob<keymaster_blob_t>* iv,
                                                 TKeymasterBlob<keymaster_blob_t>* key_description,

@@ -115,8 +115,9 @@ KM41_RESULT int32_t BuildKeyParamSet(keymaster_key_param_set_t* param_set, const
 
 // ---- Operation inputs
 
-// BuildFinalInput packs input and signature (each may be null) into a new malloc buffer, which may
-// hold secrets that the caller wipes. -EINVAL (-22) for lengths that pass 32 bits.
+// BuildFinalInput packs input and signature (each, or its data, may be null: it then has no bytes)
+// into a new malloc buffer, which may hold secrets that the caller wipes. -EINVAL (-22) for lengths
+// that pass 32 bits.
 KM41_RESULT int32_t BuildFinalInput(const keymaster_blob_t* input,
                                     const keymaster_blob_t* signature,
                                     keymaster_blob_t* final_input);

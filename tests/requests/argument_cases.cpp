@@ -190,11 +190,13 @@ const std::vector<ArgumentCase> kCases = {
     {"TransitKeyRsaDecrypt", "no wrapping key", kNullPointer, No<&Args::key>},
     {"TransitKeyRsaDecrypt", "no encrypted key", kNullPointer, No<&Args::wrapped>},
     {"TransitKeyRsaDecrypt", "no output", kNullPointer, No<&Args::data>},
+    {"TransitKeyRsaDecrypt", "over 4096 bytes", kBadLength, Wrapped<4096, 0>, {}, {}, 1},
     {"WrappedKeyAesGcmDecrypt", "no transit key", kNullPointer, No<&Args::input>},
     {"WrappedKeyAesGcmDecrypt", "no IV", kNullPointer, No<&Args::iv>},
     {"WrappedKeyAesGcmDecrypt", "no description", kNullPointer, No<&Args::description>},
     {"WrappedKeyAesGcmDecrypt", "no payload", kNullPointer, No<&Args::wrapped>},
     {"WrappedKeyAesGcmDecrypt", "no output", kNullPointer, No<&Args::data>},
+    {"WrappedKeyAesGcmDecrypt", "over 4096 bytes", kBadLength, Wrapped<4096, 0>, {}, {}, 2},
 };
 // clang-format on
 
