@@ -135,12 +135,15 @@ TEST_F(TaTest, BlobsOpenForTheirOwnersOnly) {
   const Ps owner = named("app", "data");
   const uint32_t refused = Km(KM_ERROR_INVALID_KEY_BLOB);
   ASSERT_EQ(ta.Generate(kAes + owner), 0u);
+  EXPECT_EQ(open(ta.blob, owner), 0u);
   EXPECT_EQ(open(ta.blob, named("appd", "ata")), refused);
   for (size_t i = 0; i < ta.blob.size(); ++i) {
     EXPECT_EQ(open(Flipped(ta.blob, i), owner), refused) << i;
     EXPECT_EQ(open(ta.blob.substr(0, i), owner), refused) << i;
     EXPECT_EQ(ta.Run(kCmdDeleteKey, In(Flipped(ta.blob, i))), refused) << i;
   }
+  EXPECT_EQ(ta.Run(kCmdDeleteKey, In(ta.blob)), 0u);
+  EXPECT_EQ(open(ta.blob, owner), refused);
 }
 
 }  // namespace
