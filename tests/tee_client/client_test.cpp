@@ -133,6 +133,7 @@ TEST_F(TeeClientTest, FaultPlansChangeWhatTheCallerSees) {
     setenv("TEE_FAULT", row.plan, 1);
     EXPECT_EQ(client.Run(kFill, {Out(8)}), row.first);
     EXPECT_EQ(client.slots[0].capacity, row.size);
+    EXPECT_TRUE(row.first != 0 || row.size != 8 || client.slots[0].out != Str(8, 0)) << "garbage";
     EXPECT_EQ(client.Run(kFill, {Out(8)}), row.second);
     EXPECT_EQ(client.Run(kFill, {Out(8)}), row.third);
   }
