@@ -105,4 +105,4 @@ for options in "--challenge 0$most" "--challenge x --attest-app-id 0$app"; do
 done
 ok km generate --algorithm aes --key aes.blob
 refuse 'KM_ERROR_INCOMPATIBLE_ALGORITHM (-5)' km attest --key aes.blob --challenge x
-traced 6
+traced AttestKey

@@ -83,7 +83,7 @@ refuse 'KM_ERROR_CALLER_NONCE_PROHIBITED (-55)' km encrypt --key gcm.blob --nonc
 refuse 'KM_ERROR_INCOMPATIBLE_BLOCK_MODE (-8)' km encrypt --key gcm.blob --mode cbc --in plain
 refuse 'cannot write' km encrypt --key gcm.blob --in plain --out nowhere/sealed
 refuse 'cannot write' km encrypt --key gcm.blob --in plain --out /dev/full
-traced 9 11
+traced Update Abort
 
 # RSA, in both directions; OAEP's mask is made with SHA-1 whatever the digest.
 openssl genrsa -out rsa.pem 2048 2>/dev/null

@@ -8,8 +8,9 @@ scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")/../../scripts" && pwd)
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 cd "$dir"
-export TEE_TRACE=1
-unset KEYMASTER_OS_VERSION KEYMASTER_OS_PATCHLEVEL TEE_FAULT QAVIX_EVENTS ANDROID_LOG_TAGS
+export TEE_TRACE=1 TERM=xterm
+unset KEYMASTER_OS_VERSION KEYMASTER_OS_PATCHLEVEL TEE_FAULT TEE_HOST TEE_TIMEOUT_MS TEE_WORKER QAVIX_EVENTS \
+  ANDROID_LOG_TAGS
 
 fail() {
   echo "FAIL: $*" >&2
@@ -72,8 +73,8 @@ hex() { od -An -v -tx1 "$@" | tr -d ' \n'; }
 
 # traced COMMAND... checks that each TA command was sent by this test.
 traced() {
-  local id
-  for id in "$@"; do
-    grep -q "^tee: command $id " log || fail "TA command $id was never sent"
+  local name
+  for name in "$@"; do
+    grep -q "^tee: command [0-9]* $name " log || fail "TA command $name was never sent"
   done
 }

@@ -106,4 +106,4 @@ ok km add-entropy --in text
 ok km delete-all
 ok km destroy-ids
 sign open.blob
-traced 39 40 41 64 65
+traced VerifyAuthorization EarlyBootEnded DeviceLocked GetHmacSharingParameters ComputeSharedHmac

@@ -212,4 +212,4 @@ for usage in '' 'dance' 'sign --in text' 'generate --algorithm dance --key k'; d
   km $usage >out || status=$?
   [ $status -eq 2 ] || fail "status $status, not 2: keymasterctl $usage"
 done
-traced 1 2 3 4 5 7 8 10 31 66
+traced Configure GenerateKey GetKeyCharacteristics ImportKey ExportKey Upgrade Begin Finish DeleteKey GetErrorRecord
