@@ -18,11 +18,6 @@ constexpr size_t kMostParams = 300;
 constexpr uint64_t kWord = UINT32_MAX, kLong = UINT64_MAX;
 constexpr uint64_t kCarried[16] = {0, kWord, kWord, kWord, kWord, kLong, kLong, 1, 0, 0, kLong};
 
-bool DefinesKey(uint32_t tag) {
-  const auto& tags = test::kFirstListTags;
-  return std::find(std::begin(tags), std::end(tags), tag) != std::end(tags);
-}
-
 // A number fills more of the structure than the wire carries of it.
 keymaster_key_param_t PlatformParam(const test::Param& param) {
   keymaster_key_param_t out = {};
@@ -113,11 +108,13 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::Input input(data, size);
   Params params = fuzz::ReadParams(&input, kMostParams);
   // No tag of the first list carries bytes, but a list that a caller makes may.
+  const auto& tags = test::kFirstListTags;
   Params by_tag[2], alternating[2];
   for (size_t i = 0; i < params.size(); ++i) {
     test::Param& param = params[i];
     if (auto* number = std::get_if<uint64_t>(&param.value)) *number &= kCarried[param.tag >> 28];
-    by_tag[DefinesKey(param.tag) ? 0 : 1].push_back(param);
+    const bool goes_first = std::count(std::begin(tags), std::end(tags), param.tag) != 0;
+    by_tag[goes_first ? 0 : 1].push_back(param);
     alternating[i % 2].push_back(param);
   }
   const Bytes wire = AddAtOnce(params);

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "tests/platform/keymaster_test.h"
+#include "tests/requests/wire.h"
 
 namespace test {
 namespace {
@@ -13,10 +14,6 @@ namespace {
 using FaultEvent = KeymasterTest;
 
 constexpr char kRest[] = " TAINFO= CAINFO=KEYMASTER_TS sent";
-
-Bytes ErrorRecord(uint32_t code, uint32_t line, uint32_t name_length, const Bytes& name) {
-  return Cat({Le32(code), Le32(line), Le32(name_length), name});
-}
 
 // Reported is the event of a call of QavixKeyMaster with a record that may not be read beyond its
 // end, without its usual end.
@@ -41,15 +38,15 @@ TEST_F(FaultEvent, CarriesTheRecordOrTheTeeResult) {
     Bytes record;
     std::string event;
   } kRows[] = {
-      {4, 0xFFFF000C, {}, "38074f1c RET=-65524 CMD_ID=4 LINE=0 FUNC="},
-      {2, ~0u, ErrorRecord(7, 120, 8, name), "3808d171 RET=7 CMD_ID=2 LINE=120 FUNC=generate"},
-      {2, 0x1234, ErrorRecord(0, 12, 8, name), "3808d171 RET=4660 CMD_ID=2 LINE=12 FUNC=generate"},
-      {~0u, 7, ErrorRecord(1, ~0u, 3, name), "3808d171 RET=1 CMD_ID=-1 LINE=4294967295 FUNC=gen"},
-      {2, 7, longest, "3808d171 RET=1 CMD_ID=2 LINE=2 FUNC=ge"},
+      {4, 0xFFFF000C, {}, "940003100 RET=-65524 CMD_ID=4 LINE=0 FUNC="},
+      {2, ~0u, ErrorRecord(7, 120, 8, name), "940102001 RET=7 CMD_ID=2 LINE=120 FUNC=generate"},
+      {2, 0x1234, ErrorRecord(0, 12, 8, name), "940102001 RET=4660 CMD_ID=2 LINE=12 FUNC=generate"},
+      {~0u, 7, ErrorRecord(1, ~0u, 3, name), "940102001 RET=1 CMD_ID=-1 LINE=4294967295 FUNC=gen"},
+      {2, 7, longest, "940102001 RET=1 CMD_ID=2 LINE=2 FUNC=ge"},
       // What a short record lacks counts as zero.
-      {2, 7, ErrorRecord(1, 2, 8, Text("gen")), "3808d171 RET=1 CMD_ID=2 LINE=2 FUNC=gen"},
-      {2, 7, Cat({Le32(1), Le32(2)}), "3808d171 RET=1 CMD_ID=2 LINE=2 FUNC="},
-      {2, 7, {1, 0, 0, 0, 1, 2, 3}, "3808d171 RET=1 CMD_ID=2 LINE=197121 FUNC="},
+      {2, 7, ErrorRecord(1, 2, 8, Text("gen")), "940102001 RET=1 CMD_ID=2 LINE=2 FUNC=gen"},
+      {2, 7, Cat({Le32(1), Le32(2)}), "940102001 RET=1 CMD_ID=2 LINE=2 FUNC="},
+      {2, 7, {1, 0, 0, 0, 1, 2, 3}, "940102001 RET=1 CMD_ID=2 LINE=197121 FUNC="},
   };
   for (const auto& row : kRows) {
     EXPECT_EQ(row.event, Reported(row.command, row.result, row.record));
@@ -59,7 +56,7 @@ TEST_F(FaultEvent, CarriesTheRecordOrTheTeeResult) {
   const uint32_t call[2] = {3, 5};
   QavixKeyMaster(call, nullptr, 12);
   QavixKeyMaster(call, ErrorRecord(7, 7, 0, {}).data(), 0);
-  EXPECT_EQ(Lines(2, std::string("3808d171 RET=5 CMD_ID=3 LINE=0 FUNC=") + kRest), Events());
+  EXPECT_EQ(Lines(2, std::string("940102001 RET=5 CMD_ID=3 LINE=0 FUNC=") + kRest), Events());
 }
 
 // 31 of them, or all 32 that the field holds.
@@ -113,18 +110,18 @@ TEST_F(FaultEvent, ThirtyOneCodesHaveAnEventOfTheirOwn) {
   }
   // The record's code decides, and the TEE result where it has none.
   for (const uint32_t code : reported) {
-    EXPECT_EQ("38074f1c", Reported(2, code, ErrorRecord(0, 0, 0, {})).substr(0, 8)) << code;
-    EXPECT_EQ("38074f1c", Reported(2, 0x77, ErrorRecord(code, 0, 0, {})).substr(0, 8)) << code;
-    EXPECT_EQ("3808d171", Reported(2, code, ErrorRecord(0x77, 0, 0, {})).substr(0, 8)) << code;
+    EXPECT_EQ("940003100", Reported(2, code, ErrorRecord(0, 0, 0, {})).substr(0, 9)) << code;
+    EXPECT_EQ("940003100", Reported(2, 0x77, ErrorRecord(code, 0, 0, {})).substr(0, 9)) << code;
+    EXPECT_EQ("940102001", Reported(2, code, ErrorRecord(0x77, 0, 0, {})).substr(0, 9)) << code;
   }
 }
 
 TEST_F(FaultEvent, WatchdogCallbackArchivesTheTeeLog) {
   const std::tuple<Call, int, std::string, Lines> kRows[] = {
-      {Call::kSendEvent, 0, "teeos log is uploaded!\n", {"35b43313 #0=teeos sent"}},
+      {Call::kSendEvent, 0, "teeos log is uploaded!\n", {"901002003 #0=teeos sent"}},
       {Call::kCreateEvent, 1, "create teeos eventobj failed\n", {}},
-      {Call::kSetParam, 1, "qavix_set_param failed\n", {"35b43313 dropped"}},
-      {Call::kSendEvent, 1, "qavix send event failed\n", {"35b43313 #0=teeos dropped"}}};
+      {Call::kSetParam, 1, "qavix_set_param failed\n", {"901002003 dropped"}},
+      {Call::kSendEvent, 1, "qavix send event failed\n", {"901002003 #0=teeos dropped"}}};
   for (const auto& [failing, nth, message, events] : kRows) {
     platform().ClearRecords();
     ClearFaults();

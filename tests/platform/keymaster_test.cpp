@@ -77,7 +77,8 @@ std::vector<uint32_t> Commands() {
 Lines Events() {
   Lines out;
   for (const Event& event : platform().events) {
-    out.push_back(Hex(event.id) + " " + event.params + (event.sent ? "sent" : "dropped"));
+    out.push_back(std::to_string(event.id) + " " + event.params +
+                  (event.sent ? "sent" : "dropped"));
   }
   return out;
 }

@@ -34,7 +34,7 @@ Lines Log();
 std::string Journal();
 // Commands is the TA commands sent, in order.
 std::vector<uint32_t> Commands();
-// Events is the events as "3808d171 RET=7 CMD_ID=4 ... sent".
+// Events is the events as "940102001 RET=7 CMD_ID=4 ... sent".
 Lines Events();
 
 }  // namespace test

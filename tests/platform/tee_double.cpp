@@ -172,7 +172,8 @@ TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
   TEEC_Operation usual;
   memset(&usual, 0, sizeof(usual));
   usual.started = 1;
-  usual.paramTypes = 0x5512;
+  usual.paramTypes = TEEC_PARAM_TYPES(TEEC_VALUE_OUTPUT, TEEC_VALUE_INPUT, TEEC_MEMREF_TEMP_INPUT,
+                                      TEEC_MEMREF_TEMP_INPUT);
   Expect(memcmp(operation, &usual, sizeof(usual)) == 0, "open operation not as usual");
   Expect(memcmp(destination, Bytes(16, 7).data(), 16) == 0, "session of another TA");
   Expect(connection_method == 7 && connection_data == nullptr, "session opened by another method");

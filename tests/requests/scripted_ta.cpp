@@ -60,7 +60,7 @@ std::map<uint32_t, Written> MakeUsualOutputs() {
           {kCmdVerifyAuthorization, {{2, params}, {3, VerificationToken(5, 1000, 1, Ramp(1, 32))}}},
           {kCmdGetHmacSharingParameters, {{0, Ramp(1, 32)}, {1, Ramp(2, 32)}}},
           {kCmdComputeSharedHmac, {{1, Ramp(3, 32)}}},
-          {kCmdGetErrorRecord, {{0, ErrorRecord(7, 120, "FuncName")}}}};
+          {kCmdGetErrorRecord, {{0, ErrorRecord(7, 120, 8, Text("FuncName"))}}}};
 }
 
 // What a command's answer writes where.

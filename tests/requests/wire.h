@@ -79,10 +79,9 @@ inline Bytes VerificationToken(uint64_t challenge, uint64_t timestamp, uint32_t 
   return Cat({Le64(challenge), Le64(timestamp), Bytes(8), Le32(security_level), Bytes(4), mac});
 }
 
-// ErrorRecord is what the TA says of its last failure.
-inline Bytes ErrorRecord(uint32_t code, uint32_t line, const std::string& function) {
-  return Cat(
-      {Le32(code), Le32(line), Le32(static_cast<uint32_t>(function.size())), Text(function)});
+// ErrorRecord is what the TA says of its last failure; it may lie about the length of the name.
+inline Bytes ErrorRecord(uint32_t code, uint32_t line, uint32_t length, const Bytes& function) {
+  return Cat({Le32(code), Le32(line), Le32(length), function});
 }
 
 // ---- Inputs

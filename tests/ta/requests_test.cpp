@@ -34,7 +34,7 @@ TEST_F(TaTest, RejectsRequestsCutShort) {
         << size;
   }
   ASSERT_EQ(ta.Generate(kAes), 0u);
-  const Str finish = Str(1, 0) + Le(16, 4) + Str(16, 'p') + Str(1, 1) + Le(0, 4);
+  const Str finish = ToStr(test::FinishInput(test::Bytes(16, 'p'), {}));
   for (size_t size = 1; size <= finish.size(); ++size) {
     ASSERT_EQ(ta.Begin(kEncrypt, kEcb), 0u);
     EXPECT_EQ(
@@ -48,8 +48,7 @@ TEST_F(TaTest, RejectsParametersOfOtherTypes) {
     const uint32_t own = test::TypesOf(command);
     for (uint32_t bit = 0; bit < 32; ++bit) {
       TaParam params[4];
-      const uint32_t types = own ^ (1u << bit);
-      EXPECT_EQ(kKeymasterTrustedApp.invoke(ta.session, command.id, types, params),
+      EXPECT_EQ(kKeymasterTrustedApp.invoke(ta.session, command.id, own ^ (1u << bit), params),
                 TEEC_ERROR_BAD_PARAMETERS)
           << command.name << " bit " << bit;
     }

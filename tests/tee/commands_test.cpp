@@ -258,7 +258,7 @@ TEST_F(Session, OutlastsAnOverrun) {
     return Reply::Fail(0xFFFF0005);
   });
   EXPECT_EQ(0xFFFF0005, TeeAbort(1));
-  EXPECT_EQ(Lines{"35b43313 #0=teeos sent"}, Events());
+  EXPECT_EQ(Lines{"901002003 #0=teeos sent"}, Events());
 }
 
 // An attestation that fails, and what the TA answers when it is asked for its error record.
@@ -278,7 +278,7 @@ struct Record : KeymasterTest {
     uint32_t out_len = 8;
     EXPECT_EQ(result, TeeAttestKey(bytes, 4, bytes, 4, out, &out_len));
   }
-  const Reply longest = Reply::Ok().Out(0, Cat({ErrorRecord(7, 8, "fn"), Bytes(1010)}));
+  const Reply longest = Reply::Ok().Out(0, Cat({ErrorRecord(7, 8, 2, Text("fn")), Bytes(1010)}));
 };
 
 // It is fetched without a watchdog, and a session that is the TA's first stays open.
@@ -286,7 +286,7 @@ TEST_F(Record, ComesBeforeTheSessionIsClosed) {
   for (const uint32_t first : {0u, 1u, 2u}) {
     platform().open = [first] { return Reply::Ok().Value(0, first, 0); };
     Fail(5, longest);
-    EXPECT_EQ(Lines{"3808d171 RET=7 CMD_ID=6 LINE=8 FUNC=fn TAINFO= CAINFO=KEYMASTER_TS sent"},
+    EXPECT_EQ(Lines{"940102001 RET=7 CMD_ID=6 LINE=8 FUNC=fn TAINFO= CAINFO=KEYMASTER_TS sent"},
               Events());
     EXPECT_EQ(std::string("zubrel_init, [OpenKmSession, open, OpenKmSession], "
                           "[TeeAttestKey, invoke 6, TeeAttestKey], invoke 66, event") +
@@ -312,7 +312,7 @@ TEST_F(Record, IsNotMadeUp) {
 TEST_F(Record, IsNotAskedForWhenTheResultSaysAll) {
   Fail(0xFFFF3024, longest);
   EXPECT_EQ(1u, Commands().size());
-  EXPECT_EQ(Lines{"38074f1c RET=-53212 CMD_ID=6 LINE=0 FUNC= TAINFO= CAINFO=KEYMASTER_TS sent"},
+  EXPECT_EQ(Lines{"940003100 RET=-53212 CMD_ID=6 LINE=0 FUNC= TAINFO= CAINFO=KEYMASTER_TS sent"},
             Events());
 }
 
